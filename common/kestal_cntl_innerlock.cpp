@@ -1,0 +1,298 @@
+#include <string.h>
+#include <sys/time.h>
+#include <sys/times.h>
+#include <unistd.h>
+
+#include <array>
+
+#include "controller_state.h"
+#include "innerlock_record.h"
+#include "kesta/block_access.h"
+#include "kesta/inner_lock.h"
+#include "ownership.h"
+#include "trace.h"
+
+namespace {
+
+using Slots = std::array<KESTA_INNERLOCK_BUF, KESTA_CONTROLLERS>;
+using Observations = std::array<KESTAL_LOCKBUFFER_STRUCT, KESTA_CONTROLLERS>;
+
+static_assert(sizeof(Slots) == 64);
+
+constexpr int slot_free = 0;
+constexpr int slot_held = 1;
+constexpr int own_slot_taken_over = 1;  // rtnstatus: the own slot carries another token
+constexpr int clear_given_slot = 1;
+
+constexpr int max_attempts = 1000;
+constexpr int report_period = 100;  // attempts 10, 110, 210, ... are reported
+constexpr int report_phase = 10;
+constexpr unsigned back_off_us = 100000;
+constexpr unsigned back_off_step_us = 10000;  // the controllers retry at different rates
+constexpr long token_modulus = 10000;
+constexpr clock_t stale_after_seconds = 30;
+constexpr int stale = 1;
+constexpr int not_stale = 0;
+
+pthread_mutex_t innerlock_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+bool is_controller(int cntno) { return static_cast<unsigned>(cntno) < KESTA_CONTROLLERS; }
+
+int write_slot(int block_id, KESTA_INNERLOCK_BUF record)
+{
+    return kestal_non_volatile_rw_func(block_id, KESTA_BLOCK_WRITE, &record, sizeof(record),
+                                       nullptr);
+}
+
+// Whole seconds of the process-times clock.
+clock_t process_seconds()
+{
+    struct tms unused;
+    return times(&unused) / sysconf(_SC_CLK_TCK);
+}
+
+// One call of kestal_cntl_innerlock.
+class Acquisition {
+public:
+    Acquisition(int cntno, int own_block)
+        : own_block_(own_block),
+          back_off_(back_off_us + back_off_step_us * static_cast<unsigned>(cntno))
+    {
+        struct timeval now {};
+        gettimeofday(&now, nullptr);
+        claim_.status = slot_held;
+        claim_.timeout = now.tv_sec % token_modulus + 1;
+    }
+
+    int run()
+    {
+        kesta::MutexGuard guard(innerlock_mutex);
+        kesta::InnerlockRecord record;
+        for (int r = 1;; ++r) {
+            int result = KESTA_OK;
+            if (attempt(record, r, result)) {
+                return result;
+            }
+            if (r % report_period == report_phase) {
+                TRACE(3, "[kestal_cntl_innerlock] [%d/%d] InnerLock NG", r, max_attempts);
+            }
+            usleep(back_off_);
+            if (r >= max_attempts) {
+                TRACE(1, "[kestal_cntl_innerlock] InnerLock  ERROR");
+                return KESTA_ERR_INNERLOCK_WRITE;
+            }
+        }
+    }
+
+private:
+    // One attempt, sweep included. True: the acquisition is over, with the result. A thread can't
+    // be cancelled inside: a claim would stay behind.
+    bool attempt(kesta::InnerlockRecord &record, int r, int &result)
+    {
+        kesta::CancelOff off;
+        if (record.try_enter() == kesta::InnerlockRecord::Attempt::busy) {
+            trace_retry(r);  // no sweep: no image has been read
+            return false;
+        }
+        const bool over = claim(result);
+        if (!over) {
+            trace_retry(r);
+            sweep_stale_slots();
+        }
+        record.leave();
+        return over;
+    }
+
+    bool claim(int &result)
+    {
+        int rtn = kestal_lockcheck_innerlock(kesta::own_controller(), slots_.data(), nullptr,
+                                             nullptr);
+        if (rtn == KESTA_ERR_INNERLOCK_LOCKED) {
+            return false;
+        }
+        if (rtn != KESTA_OK) {
+            TRACE(1, "[kestal_cntl_innerlock] kestal_lockcheck_innerlock Error. rtn=%d", rtn);
+            result = KESTA_ERR;
+            return true;
+        }
+        rtn = write_slot(own_block_, claim_);
+        if (rtn != KESTA_OK) {
+            TRACE(1, "[kestal_cntl_innerlock] InnerLock Set Failed. rtn=%d", rtn);
+            result = KESTA_ERR_INNERLOCK_WRITE;
+            return true;
+        }
+        return confirm(result);
+    }
+
+    bool confirm(int &result)
+    {
+        int rtnstatus = 0;
+        int rtn = kestal_lockcheck_innerlock(kesta::own_controller(), slots_.data(), &claim_,
+                                             &rtnstatus);
+        if (rtn >= KESTA_OK) {
+            TRACE(5, "[kestal_cntl_innerlock] InnerLock Control Success End.");
+            result = KESTA_OK;
+            return true;
+        }
+        TRACE(3, "[kestal_cntl_innerlock] InnerLock Control Check Error.(rtn=%d, rtnstatus=%d)",
+              rtn, rtnstatus);
+        if (rtn != KESTA_ERR_INNERLOCK_LOCKED || rtnstatus == own_slot_taken_over) {
+            return false;  // the own slot is left to its new owner
+        }
+        return withdraw(result);
+    }
+
+    // Two controllers claimed together: both withdraw, and retry after different times.
+    bool withdraw(int &result)
+    {
+        TRACE(5, "[kestal_cntl_innerlock] InnerLock Reset");
+        const int rtn = write_slot(own_block_, KESTA_INNERLOCK_BUF{});
+        if (rtn != KESTA_OK) {
+            TRACE(1, "[kestal_cntl_innerlock] InnerLock Reset Failed.rtn=%d", rtn);
+            result = KESTA_ERR_INNERLOCK_WRITE;
+            return true;
+        }
+        return false;
+    }
+
+    static void trace_retry(int r)
+    {
+        TRACE(4, "[kestal_cntl_innerlock] lock retry...(%d)", r - 1);
+    }
+
+    // Over the image read last, the own slot included.
+    void sweep_stale_slots()
+    {
+        for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
+            const KESTA_INNERLOCK_BUF &slot = slots_[static_cast<unsigned>(i)];
+            if (slot.status == slot_free ||
+                kestal_compare_innerlock_timeout(i, static_cast<int>(slot.timeout),
+                                                 observations_.data()) != stale) {
+                continue;
+            }
+            TRACE(2, "[kestal_cntl_innerlock] InnerLock Irrigal Unlocked(%d)", i);
+            const int rtn = kestal_reset_mycnt_innerlock_main(i, clear_given_slot);
+            if (rtn != KESTA_OK) {
+                TRACE(2, "[kestal_cntl_innerlock] InnerLock Irrival Unlocked Error.(rtn=%d)", rtn);
+            }
+        }
+    }
+
+    const int own_block_;
+    const unsigned back_off_;
+    KESTA_INNERLOCK_BUF claim_{};  // one token for all attempts of the call
+    Slots slots_{};
+    Observations observations_{};
+};
+
+bool blocks(const KESTA_INNERLOCK_BUF &slot, bool own_slot, const KESTA_INNERLOCK_BUF *own)
+{
+    if (slot.status == slot_free) {
+        return false;  // also an own slot that somebody cleared in the meantime: on purpose
+    }
+    return !own || !own_slot || slot.timeout != own->timeout;
+}
+
+}  // namespace
+
+int kestal_cntl_innerlock(int cntno)
+{
+    const int own = kesta::own_controller();
+    TRACE(5, "[kestal_cntl_innerlock] InnerLock Control Start.(cntno=%d/mycntno=%d)", cntno, own);
+    if (!is_controller(cntno)) {
+        TRACE(1, "[kestal_cntl_innerlock] InnerLock Control Error.(cntno=%d)", cntno);
+        return KESTA_ERR_ARGUMENT;
+    }
+    int own_block = 0;
+    const int rtn = kestal_get_block_id(KESTA_IDTYPE_INNERLOCK, own, &own_block);
+    if (rtn != KESTA_OK) {
+        TRACE(1, "[kestal_cntl_innerlock] Get Block ID(ID TYPE=INNERLOCK) Error. rtn=%d", rtn);
+        return KESTA_ERR;
+    }
+    return Acquisition(cntno, own_block).run();
+}
+
+int kestal_reset_mycnt_innerlock_main(int cntno, int flag)
+{
+    TRACE(5, "[kestal_reset_mycnt_innerlock] InnerLock Reset Start.(cntno=%d)", cntno);
+    if (!is_controller(cntno)) {
+        TRACE(1, "[kestal_reset_mycnt_innerlock] InnerLock Reset Error.(cntno=%d)", cntno);
+        return KESTA_ERR_ARGUMENT;
+    }
+    const int slot = flag == clear_given_slot ? cntno : kesta::own_controller();
+    int block_id = 0;
+    int rtn = kestal_get_block_id(KESTA_IDTYPE_INNERLOCK, slot, &block_id);
+    if (rtn != KESTA_OK) {
+        TRACE(1, "[kestal_reset_mycnt_innerlock] Get Block ID(ID TYPE=INNERLOCK) Error. rtn=%d",
+              rtn);
+        return KESTA_ERR;
+    }
+    rtn = write_slot(block_id, KESTA_INNERLOCK_BUF{});
+    if (rtn != KESTA_OK) {
+        TRACE(1, "[kestal_reset_mycnt_innerlock] InnerLock Reset Failed.rtn=%d", rtn);
+        return KESTA_ERR_INNERLOCK_WRITE;
+    }
+    TRACE(5, "[kestal_reset_mycnt_innerlock] InnerLock Reset End.");
+    return KESTA_OK;
+}
+
+int kestal_lockcheck_innerlock(int cntno, void *slots_out, KESTA_INNERLOCK_BUF *own, int *rtnstatus)
+{
+    TRACE(5, "[lockcheck_innerlock] InnerLock Look Start.(cntno=%d)", cntno);
+    if (!is_controller(cntno)) {
+        TRACE(1, "[lockcheck_innerlock] InnerLock Look Error(cntno=%d) .", cntno);
+        return KESTA_ERR_ARGUMENT;
+    }
+    Slots slots{};
+    const int rtn = kestal_non_volatile_rw_func(KESTA_BLOCK_INNERLOCK_CNT0, KESTA_BLOCK_READ,
+                                                slots.data(), sizeof(slots), nullptr);
+    if (rtn != KESTA_OK) {
+        TRACE(1, "[lockcheck_innerlock] InnerLock Look Read Error.rtn=%d", rtn);
+        return KESTA_ERR_INNERLOCK_READ;
+    }
+    if (slots_out) {
+        memcpy(slots_out, slots.data(), sizeof(slots));
+    }
+    if (rtnstatus) {
+        *rtnstatus = 0;
+    }
+    for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
+        const bool own_slot = i == cntno;
+        if (!blocks(slots[static_cast<unsigned>(i)], own_slot, own)) {
+            continue;
+        }
+        if (own && own_slot && rtnstatus) {
+            *rtnstatus = own_slot_taken_over;
+        }
+        TRACE(4, "[lockcheck_innerlock] InnerLock Look Error. LockedNo=%d", i);
+        return KESTA_ERR_INNERLOCK_LOCKED;
+    }
+    TRACE(5, "[lockcheck_innerlock] InnerLock Look End.");
+    return KESTA_OK;
+}
+
+int kestal_compare_innerlock_timeout(int cntno, int value, KESTAL_LOCKBUFFER_STRUCT *buf)
+{
+    if (!is_controller(cntno) || !buf) {
+        TRACE(1, "[compare_innerlock_timeout] Argument Error.(cntno=%d)", cntno);
+        return KESTA_ERR_ARGUMENT;
+    }
+    KESTAL_LOCKBUFFER_STRUCT &seen = buf[cntno];
+    const clock_t now = process_seconds();
+    if (value == seen.value) {
+        TRACE(5, "[compare_innerlock_timeout] same inner_lock value = %d", value);
+        if (now - seen.clock > stale_after_seconds) {
+            TRACE(3,
+                  "[compare_innerlock_timeout] inner_lock timeout (cntno:%d) (current_clock:%d, "
+                  "clock:%d)",
+                  cntno, static_cast<int>(now), static_cast<int>(seen.clock));
+            return stale;
+        }
+        return not_stale;
+    }
+    seen.value = value;
+    seen.clock = value != 0 ? now : 0;
+    TRACE(5, "[compare_innerlock_timeout] inner_lock(cnt%d) set value = %d, clock= %d", cntno,
+          seen.value, static_cast<int>(seen.clock));
+    return not_stale;
+}

@@ -1,0 +1,36 @@
+// The folders and files between which saved environments move.
+#pragma once
+
+#include <stdio.h>
+
+#include <array>
+
+namespace kesta {
+
+inline constexpr const char *flash_directory = "/opt/kesta_sys/bakup/";
+inline constexpr const char *tmp_cache = "/tmp/kesta_sys/tmp/";
+inline constexpr const char *merge_cache = "/var/run/kesta_sys/tmp/";
+inline constexpr const char *group_directory = "/etc/kesta_sys/";
+
+inline constexpr const char *backup_archive = "backup.tar.Z";
+inline constexpr const char *accept_archive = "accept.tar.Z";
+inline constexpr const char *check_archive = "check.tar.Z";
+inline constexpr const char *flash_copy_archive = "tmp.tar.Z";  // only while a copy is under way
+
+inline constexpr int new_archive_mode = 0600;
+inline constexpr int finished_archive_mode = 0644;
+
+using Path = std::array<char, 256>;
+using CommandLine = std::array<char, 512>;
+
+inline Path path_of(const char *directory, const char *file)
+{
+    Path path{};
+    snprintf(path.data(), path.size(), "%s%s", directory, file);
+    return path;
+}
+
+// A group's name becomes one folder name; a longer one fits no folder, and no command line.
+inline constexpr std::size_t longest_group_folder = 255;
+
+}  // namespace kesta

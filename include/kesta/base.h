@@ -1,0 +1,61 @@
+/*
+ * Result codes, log levels and the export macro of libkesta.
+ *
+ * Every header under kesta/ compiles alone as C11 and as C++20.
+ */
+#ifndef KESTA_BASE_H
+#define KESTA_BASE_H
+
+#if defined(__GNUC__)
+#define KESTA_API __attribute__((visibility("default")))
+#define KESTA_PRINTF(format_index, first_index)                                                    \
+    __attribute__((format(printf, format_index, first_index)))
+#else
+#define KESTA_API
+#define KESTA_PRINTF(format_index, first_index)
+#endif
+
+#ifdef __cplusplus
+#define KESTA_BEGIN_DECLS extern "C" {
+#define KESTA_END_DECLS }
+#else
+#define KESTA_BEGIN_DECLS
+#define KESTA_END_DECLS
+#endif
+
+/* Results common to all functions. */
+#define KESTA_OK 0
+#define KESTA_ERR (-1)             /* general failure */
+#define KESTA_ERR_ARGUMENT (-931)  /* null pointer, value outside its table, name too long */
+
+/* Inner lock. */
+#define KESTA_ERR_INNERLOCK_READ (-171)   /* NV read failed while checking */
+#define KESTA_ERR_INNERLOCK_WRITE (-172)  /* NV write failed, or all attempts used up */
+#define KESTA_ERR_INNERLOCK_LOCKED (-173) /* a slot is set (the check only) */
+
+/* Controller number. */
+#define KESTA_ERR_CNTFILE (-161) /* own number or controller count could not be had */
+#define KESTA_ERR_CPINFO (-241)  /* a platform command gave no usable answer */
+
+/* Block access: the block has no file in the system backup area. */
+#define KESTA_NO_SYSBACK_NAME 9
+
+/* Restore stages (positive on purpose: callers tell the stages apart by them). */
+#define KESTA_RESTORE_SWITCH_FAILED 1
+#define KESTA_RESTORE_SCRIPT_FAILED 2
+#define KESTA_RESTORE_READ_FAILED 9
+
+/* Levels of a trace line. */
+#define KESTA_LOG_ERROR 1
+#define KESTA_LOG_WARNING 2
+#define KESTA_LOG_NOTICE 3
+#define KESTA_LOG_DETAIL 4
+#define KESTA_LOG_PROGRESS 5
+
+/* An appliance has four controllers, CNT0 to CNT3. */
+#define KESTA_CONTROLLERS 4
+
+#define KESTA_OFF 0
+#define KESTA_ON 1
+
+#endif

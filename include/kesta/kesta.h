@@ -1,0 +1,17 @@
+/*
+ * libkesta: the saved environments of a storage appliance. This header includes all the others.
+ */
+#ifndef KESTA_KESTA_H
+#define KESTA_KESTA_H
+
+#include "kesta/alloc.h"
+#include "kesta/area_files.h"
+#include "kesta/backup_flows.h"
+#include "kesta/base.h"
+#include "kesta/block_access.h"
+#include "kesta/controller.h"
+#include "kesta/inner_lock.h"
+#include "kesta/nv_image.h"
+#include "kesta/process.h"
+
+#endif

@@ -1,0 +1,277 @@
+#include "mc_logapi.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "scoped.h"
+#include "settings.h"
+
+#define PLATFORM_API __attribute__((visibility("default")))
+
+namespace {
+
+using namespace embedded;
+
+constexpr size_t line_size = 2048;
+constexpr int level_unknown = -1;
+constexpr int first_own_descriptor = 3;  // 0, 1 and 2 belong to the program
+
+int highest_level = level_unknown;  // lines above it are dropped
+pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the trace file below
+pthread_once_t fork_handled = PTHREAD_ONCE_INIT;
+
+int trace_fd = -1;
+struct stat trace_file;    // of trace_fd when it was opened
+unsigned lines_since_look; // lines since the name was last compared with the file
+
+void lock_for_fork() { pthread_mutex_lock(&mutex); }
+void unlock_after_fork() { pthread_mutex_unlock(&mutex); }
+void handle_fork() { pthread_atfork(lock_for_fork, unlock_after_fork, unlock_after_fork); }
+
+// Whether two results of stat mean the same file.
+bool same_file(const struct stat &a, const struct stat &b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+void open_trace_file()
+{
+    const int fd = open(settings().trace_file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
+    if (fd < 0) {
+        return;
+    }
+    trace_fd = fcntl(fd, F_DUPFD_CLOEXEC, first_own_descriptor);
+    (void)close(fd);
+    if (trace_fd >= 0 && fstat(trace_fd, &trace_file) != 0) {
+        (void)close(trace_fd);
+        trace_fd = -1;
+    }
+    lines_since_look = 0;
+}
+
+// NAME.1 becomes NAME.2 and so on; the last one goes.
+void shift_old_files(const char *path)
+{
+    char from[path_size + 8];
+    char to[path_size + 8];
+    for (int i = settings().trace_keep; i > 1; --i) {
+        snprintf(from, sizeof(from), "%s.%d", path, i - 1);
+        snprintf(to, sizeof(to), "%s.%d", path, i);
+        (void)rename(from, to);  // there may be none yet
+    }
+    snprintf(to, sizeof(to), "%s.1", path);
+    (void)rename(path, to);  // if it fails the file goes on growing: no line is lost
+}
+
+// One process rotates; the others find that the name stands for another file and open that.
+void rotate()
+{
+    const char *path = settings().trace_file;
+    if (flock(trace_fd, LOCK_EX | LOCK_NB) == 0) {
+        struct stat named;
+        if (stat(path, &named) == 0 && same_file(named, trace_file)) {
+            shift_old_files(path);
+        }
+    }
+    (void)close(trace_fd);
+    trace_fd = -1;
+    open_trace_file();
+}
+
+bool trace_file_was_moved()
+{
+    constexpr unsigned lines_between_looks = 64;
+    if (++lines_since_look < lines_between_looks) {
+        return false;
+    }
+    lines_since_look = 0;
+    struct stat named;
+    return stat(settings().trace_file, &named) != 0 || !same_file(named, trace_file);
+}
+
+// Makes trace_fd usable: opened, still ours, and not too long.
+bool prepare_trace_file()
+{
+    struct stat now;
+    if (trace_fd >= 0 && (fstat(trace_fd, &now) != 0 || !same_file(now, trace_file))) {
+        trace_fd = -1;  // a program that closes all descriptors has closed ours: not ours to close
+    }
+    if (trace_fd >= 0 && trace_file_was_moved()) {
+        (void)close(trace_fd);
+        trace_fd = -1;
+    }
+    if (trace_fd < 0) {
+        open_trace_file();
+        return trace_fd >= 0;
+    }
+    if (now.st_size >= settings().trace_rotate_bytes) {
+        rotate();
+    }
+    return trace_fd >= 0;
+}
+
+void write_to_file(const char *line, size_t length)
+{
+    pthread_once(&fork_handled, handle_fork);
+    const Locked locked(mutex);
+    if (prepare_trace_file()) {
+        (void)!write(trace_fd, line, length);  // a trace that can't be written is lost
+    }
+}
+
+// A reader of stderr that went away must not end the caller: SIGPIPE is held back.
+void write_to_stderr(const char *line, size_t length)
+{
+    sigset_t pipe_signal;
+    sigset_t before;
+    sigset_t pending;
+    sigemptyset(&pipe_signal);
+    sigaddset(&pipe_signal, SIGPIPE);
+    sigpending(&pending);
+    pthread_sigmask(SIG_BLOCK, &pipe_signal, &before);
+    const ssize_t written = write(STDERR_FILENO, line, length);
+    if (written < 0 && errno == EPIPE && !sigismember(&pending, SIGPIPE)) {
+        const struct timespec at_once {};
+        (void)sigtimedwait(&pipe_signal, nullptr, &at_once);
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+int syslog_priority(int level)
+{
+    switch (level) {
+    case 1:
+        return LOG_ERR;
+    case 2:
+        return LOG_WARNING;
+    case 3:
+        return LOG_NOTICE;
+    case 4:
+        return LOG_INFO;
+    default:
+        return LOG_DEBUG;
+    }
+}
+
+void put_digits(char *to, unsigned value, int count)
+{
+    while (count > 0) {
+        to[--count] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    }
+}
+
+// "2026-11-21T04:27:11.123456Z": 27 characters.
+size_t put_time(char *to)
+{
+    struct timespec now;
+    struct tm utc;
+    clock_gettime(CLOCK_REALTIME, &now);
+    gmtime_r(&now.tv_sec, &utc);
+    memcpy(to, "0000-00-00T00:00:00.000000Z", 28);
+    put_digits(to, static_cast<unsigned>(utc.tm_year + 1900), 4);
+    put_digits(to + 5, static_cast<unsigned>(utc.tm_mon + 1), 2);
+    put_digits(to + 8, static_cast<unsigned>(utc.tm_mday), 2);
+    put_digits(to + 11, static_cast<unsigned>(utc.tm_hour), 2);
+    put_digits(to + 14, static_cast<unsigned>(utc.tm_min), 2);
+    put_digits(to + 17, static_cast<unsigned>(utc.tm_sec), 2);
+    put_digits(to + 20, static_cast<unsigned>(now.tv_nsec / 1000), 6);
+    return 27;
+}
+
+size_t bounded(int length, size_t room)
+{
+    if (length < 0) {
+        return 0;
+    }
+    return static_cast<size_t>(length) < room ? static_cast<size_t>(length) : room - 1;
+}
+
+// A line has no line breaks in it, and ends in one.
+size_t finish_line(char *line, size_t length)
+{
+    for (size_t i = 0; i < length; ++i) {
+        if (line[i] == '\n' || line[i] == '\r') {
+            line[i] = ' ';
+        }
+    }
+    line[length] = '\n';
+    return length + 1;
+}
+
+__attribute__((noinline, format(printf, 4, 0))) void write_trace(const char *file, int line_number,
+                                                                 int level, const char *format,
+                                                                 va_list arguments)
+{
+    char line[line_size];
+    size_t used = put_time(line);
+    const char *name = file ? MC_FilePathDel(file) : "-";
+    used += bounded(snprintf(line + used, line_size - used, " %d %d %d %.64s:%d ", getpid(),
+                             gettid(), level, name, line_number),
+                    line_size - used);
+    const size_t text = used;
+    used += bounded(vsnprintf(line + used, line_size - 1 - used, format, arguments),
+                    line_size - 1 - used);
+    const TraceTarget target = trace_target();
+    if (target == TraceTarget::system_log) {
+        line[used] = '\0';
+        syslog(LOG_USER | syslog_priority(level), "%s", line + text);
+        return;
+    }
+    const size_t length = finish_line(line, used);
+    if (target == TraceTarget::file) {
+        write_to_file(line, length);
+    } else {
+        write_to_stderr(line, length);
+    }
+}
+
+__attribute__((noinline)) int load_level()
+{
+    const CancelOff off;
+    const int before = errno;
+    const int level = trace_target() == TraceTarget::none ? 0 : settings().trace_level;
+    __atomic_store_n(&highest_level, level, __ATOMIC_RELAXED);
+    errno = before;
+    return level;
+}
+
+}  // namespace
+
+PLATFORM_API void MC_OutTrace(const char *file, int line, int level, const char *format, ...)
+{
+    int highest = __atomic_load_n(&highest_level, __ATOMIC_RELAXED);
+    if (__builtin_expect(highest == level_unknown, 0)) {
+        highest = load_level();
+    }
+    if (level > highest || !format) {
+        return;
+    }
+    const CancelOff off;
+    const int before = errno;
+    va_list arguments;
+    va_start(arguments, format);
+    errno = before;  // for a format that prints it
+    write_trace(file, line, level, format, arguments);
+    va_end(arguments);
+    errno = before;
+}
+
+PLATFORM_API const char *MC_FilePathDel(const char *path)
+{
+    if (!path) {
+        return "";
+    }
+    const char *slash = strrchr(path, '/');
+    return slash ? slash + 1 : path;
+}
