@@ -62,8 +62,8 @@ void open_trace_file()
 // NAME.1 becomes NAME.2 and so on; the last one goes.
 void shift_old_files(const char *path)
 {
-    char from[path_size + 8];
-    char to[path_size + 8];
+    char from[path_size + 16];
+    char to[path_size + 16];
     for (int i = settings().trace_keep; i > 1; --i) {
         snprintf(from, sizeof(from), "%s.%d", path, i - 1);
         snprintf(to, sizeof(to), "%s.%d", path, i);

@@ -62,9 +62,11 @@ bool is_valid_name(const char *name)
            strlen(name) < name_size;
 }
 
-// The open file of a handle, or null for a number that is no open handle.
+// The open file of a handle, or null for a number that is no open handle. A handle belongs to one
+// thread at a time, so its file is used without the mutex.
 OpenFile *file_of(int handle)
 {
+    const Locked locked(mutex);
     const int index = handle & handle_index_mask;
     if (handle < 0 || index >= max_handles) {
         return nullptr;
@@ -73,8 +75,15 @@ OpenFile *file_of(int handle)
     return file.used && file.generation == handle / handle_generation_step ? &file : nullptr;
 }
 
+void release_handle(OpenFile &file)
+{
+    const Locked locked(mutex);
+    file.used = false;
+}
+
 int new_handle(const char *name, bool writes, int fd)
 {
+    const Locked locked(mutex);
     for (int i = 0; i < max_handles; ++i) {
         OpenFile &file = files[i];
         if (!file.used) {
@@ -281,7 +290,6 @@ PLATFORM_API int sbacc_open(const char *name, const char *mode, int *handle, int
         return -fault.value;
     }
     const CancelOff off;
-    const Locked locked(mutex);
     const int result = mode[0] == 'r' ? open_to_read(name) : open_to_write(name);
     if (result < 0) {
         return result;
@@ -297,24 +305,17 @@ PLATFORM_API int sbacc_read(void *buffer, unsigned int size, unsigned int offset
     if (fault.action == FaultAction::fail) {
         return -fault.value;
     }
-    int fd;
-    {
-        const CancelOff off;
-        const Locked locked(mutex);
-        const OpenFile *file = file_of(handle);
-        if (!file || file->writes || !buffer || size > INT_MAX) {
-            return -EINVAL;
-        }
-        fd = file->fd;
+    const OpenFile *file = file_of(handle);
+    if (!file || file->writes || !buffer || size > INT_MAX) {
+        return -EINVAL;
     }
-    return read_all(fd, static_cast<char *>(buffer), {limited(size, fault), offset});
+    return read_all(file->fd, static_cast<char *>(buffer), {limited(size, fault), offset});
 }
 
 PLATFORM_API int sbacc_write(const void *buffer, unsigned int size, unsigned int offset, int handle)
 {
     const Fault fault = meet_fault("sb_write");
     const CancelOff off;
-    const Locked locked(mutex);
     OpenFile *file = file_of(handle);
     if (!file || !file->writes || !buffer || size > INT_MAX) {
         return -EINVAL;
@@ -340,7 +341,6 @@ PLATFORM_API int sbacc_read_size(int handle)
         return failed;
     }
     const CancelOff off;
-    const Locked locked(mutex);
     const OpenFile *file = file_of(handle);
     if (!file || file->writes) {
         return -EINVAL;
@@ -356,7 +356,6 @@ PLATFORM_API int sbacc_write_size(unsigned int size, int handle)
         return failed;
     }
     const CancelOff off;
-    const Locked locked(mutex);
     const OpenFile *file = file_of(handle);
     if (!file || !file->writes || file->written || size > INT_MAX) {
         return -EINVAL;
@@ -380,7 +379,6 @@ PLATFORM_API int sbacc_close(int handle)
 {
     const int failed = failure_of("sb_close");
     const CancelOff off;
-    const Locked locked(mutex);
     OpenFile *file = file_of(handle);
     if (!file) {
         return -EINVAL;
@@ -395,6 +393,6 @@ PLATFORM_API int sbacc_close(int handle)
     if (file->fd >= 0 && close(file->fd) != 0 && result == 0) {
         result = -errno;
     }
-    file->used = false;
+    release_handle(*file);
     return result;
 }

@@ -1,0 +1,42 @@
+# What "cmake --install" puts where, and what lets other projects find it.
+include(CMakePackageConfigHelpers)
+
+set(KESTA_PLATFORM_LIBRARIES mc_logapi sanfwctl sbacc vrbapi)
+
+install(TARGETS kesta kesta_static ${KESTA_PLATFORM_LIBRARIES}
+    EXPORT kesta-targets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS kestactl kesta-lab cpinfo RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(DIRECTORY include/kesta DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES
+    platform/mc_logapi.h platform/sanfwctl.h platform/sbacc.h platform/vrbapi.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kesta/platform)
+install(FILES docs/platform.conf DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES docs/man/kestactl.1 docs/man/kesta-lab.1 docs/man/cpinfo.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+
+# The command lines name these paths; the system lacks them.
+install(CODE "
+    set(sbin \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}\")
+    file(MAKE_DIRECTORY \"\${sbin}\")
+    file(CREATE_LINK \"../${CMAKE_INSTALL_BINDIR}/cpinfo\" \"\${sbin}/cpinfo\" SYMBOLIC)
+    if(NOT EXISTS \"\${sbin}/tar\")
+        file(CREATE_LINK /usr/bin/tar \"\${sbin}/tar\" SYMBOLIC)
+    endif()")
+
+install(EXPORT kesta-targets NAMESPACE kesta:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kesta)
+configure_package_config_file(cmake/kesta-config.cmake.in ${PROJECT_BINARY_DIR}/kesta-config.cmake
+    INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kesta)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/kesta-config-version.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/kesta-config.cmake
+    ${PROJECT_BINARY_DIR}/kesta-config-version.cmake
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kesta)
+
+# The .pc file finds its tree from where it lies, so that a tree can be moved.
+file(RELATIVE_PATH KESTA_PC_PREFIX
+    "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+string(REGEX REPLACE "/$" "" KESTA_PC_PREFIX "${KESTA_PC_PREFIX}")
+configure_file(cmake/libkesta.pc.in ${PROJECT_BINARY_DIR}/libkesta.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/libkesta.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,374 @@
+#include "appliance.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <fstream>
+#include <iterator>
+
+#include "private_namespace.h"
+
+extern char **environ;
+
+namespace lab {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char *marker_name = "lab.conf";
+constexpr const char *marker_text = "kesta-lab 1\n";
+constexpr const char *folder_variable = "KESTA_LAB_DIR";
+
+// What every controller has of its own, and where it sees it.
+struct OwnFolder {
+    const char *name;
+    const char *target;
+};
+constexpr std::array<OwnFolder, 5> own_folders{{
+    {"etc", "/etc"},
+    {"opt", "/opt"},
+    {"run", "/run"},
+    {"boot", "/boot"},
+    {"tmp", "/tmp"},
+}};
+
+// Folders that the library and its callers expect to find.
+constexpr std::array<const char *, 9> product_folders{
+    "etc/kesta_sys",       "etc/kesta",    "opt/kesta_sys/bakup", "opt/kesta_sys/sbin",
+    "tmp/kesta_sys/tmp",   "run/kesta_sys/tmp", "opt/kesta_platform/shared",
+    "opt/kesta_platform/product", "opt/kesta_platform/host-sbin"};
+
+// Secrets of the machine that no lab needs.
+constexpr std::array<const char *, 7> secrets{"shadow",   "shadow-",     "gshadow", "gshadow-",
+                                              "sudoers.d", "ssl/private", "ssh"};
+
+constexpr std::array<const char *, 2> programs{"kestactl", "cpinfo"};
+
+void write_file(const fs::path &path, const std::string &text)
+{
+    std::ofstream file(path);
+    file << text;
+    file.flush();
+    if (!file) {
+        throw Error("can't write " + path.string());
+    }
+}
+
+// Runs a program and waits for it. Its complaints are dropped: a copy of /etc as an ordinary user
+// leaves out what that user can't read.
+void run_quietly(const std::vector<std::string> &command)
+{
+    std::vector<char *> arguments;
+    for (const std::string &word : command) {
+        arguments.push_back(const_cast<char *>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t pid;
+    const int error =
+        posix_spawnp(&pid, arguments[0], &actions, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) {
+        throw Error("can't run " + command[0] + ": " + strerror(error));
+    }
+    int status;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+}
+
+fs::path own_program_folder()
+{
+    std::error_code error;
+    const fs::path self = fs::read_symlink("/proc/self/exe", error);
+    if (error) {
+        throw Error("can't read /proc/self/exe: " + error.message());
+    }
+    return self.parent_path();
+}
+
+void copy_programs(const fs::path &from, const fs::path &to)
+{
+    fs::create_directories(to);
+    for (const char *program : programs) {
+        if (!fs::exists(from / program)) {
+            throw Error("there is no " + (from / program).string() +
+                        ": build the project, or name an installed tree with --product");
+        }
+        fs::copy_file(from / program, to / program);
+    }
+}
+
+// Libraries beside the programs. None there: they are installed where every program finds them.
+void copy_libraries(const fs::path &product, const fs::path &to)
+{
+    fs::create_directories(to);
+    for (const char *folder : {"lib", KESTA_INSTALL_LIBDIR}) {
+        std::error_code error;
+        for (const fs::directory_entry &entry : fs::directory_iterator(product / folder, error)) {
+            const std::string name = entry.path().filename();
+            if (name.find(".so") != std::string::npos && !fs::exists(to / name)) {
+                fs::copy(entry.path(), to / name, fs::copy_options::copy_symlinks);
+            }
+        }
+    }
+}
+
+// A link for every program of the machine's /usr/sbin, and the ones that command lines name and
+// this system lacks.
+void make_sbin(const fs::path &sbin)
+{
+    fs::create_directories(sbin);
+    for (const fs::directory_entry &entry : fs::directory_iterator("/usr/sbin")) {
+        std::error_code error;
+        const fs::path resolved = fs::canonical(entry.path(), error);
+        const bool elsewhere = !error && resolved.parent_path() != "/usr/sbin";
+        const fs::path target =
+            elsewhere ? resolved : fs::path(platform_folder) / "host-sbin" / entry.path().filename();
+        fs::create_symlink(target, sbin / entry.path().filename());
+    }
+    const auto provide = [&](const char *name, const fs::path &target) {
+        fs::remove(sbin / name);
+        fs::create_symlink(target, sbin / name);
+    };
+    provide("cpinfo", fs::path(platform_folder) / "product/bin/cpinfo");
+    if (!fs::exists("/usr/sbin/tar")) {
+        provide("tar", "/usr/bin/tar");
+    }
+}
+
+std::string settings_of(int number)
+{
+    const std::string shared = std::string(platform_folder) + "/shared";
+    const int other = number % 2 == 0 ? number + 1 : number - 1;
+    return "# The embedded platform of CNT" + std::to_string(number) + ".\n"
+           "controller_number = " + std::to_string(number) + "\n"
+           "controller_count = " + std::to_string(controllers) + "\n"
+           "boot_mode = normal\n"
+           "master = 0\n"
+           "address_own = 192.168.100." + std::to_string(10 + number) + "\n"
+           "other_number = " + std::to_string(other) + "\n"
+           "address_other = 192.168.100." + std::to_string(10 + other) + "\n"
+           "nv_dir = " + shared + "/nv\n"
+           "sysback_dir = " + shared + "/sysback\n"
+           "status_file = " + shared + "/status\n"
+           "trace_file = " + platform_folder + "/trace.log\n"
+           "trace_level = 3\n";
+}
+
+void make_controller(const fs::path &folder, int number)
+{
+    for (const OwnFolder &own : own_folders) {
+        fs::create_directories(folder / own.name);
+    }
+    run_quietly({"cp", "-a", "/etc/.", (folder / "etc").string()});
+    for (const char *secret : secrets) {
+        std::error_code ignored;
+        fs::remove_all(folder / "etc" / secret, ignored);
+    }
+    for (const char *name : product_folders) {
+        fs::create_directories(folder / name);
+    }
+    fs::permissions(folder / "tmp", fs::perms::all | fs::perms::sticky_bit);
+    write_file(folder / "etc/kesta/platform.conf", settings_of(number));
+    std::error_code ignored;
+    fs::remove(folder / "etc/hostname", ignored);
+    write_file(folder / "etc/hostname", "cnt" + std::to_string(number) + "\n");
+}
+
+void make_shared(const fs::path &shared)
+{
+    fs::create_directories(shared / "nv");
+    fs::create_directories(shared / "sysback");
+    std::string status = "# Controller and card status bytes, as the firmware would report them.\n";
+    for (int i = 0; i < controllers; ++i) {
+        status += "cont" + std::to_string(i) + " = 0x00\n";
+        status += "card" + std::to_string(i) + " = 0x00\n";
+    }
+    write_file(shared / "status", status);
+}
+
+std::string read_file(const fs::path &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void set_host_name(const fs::path &controller)
+{
+    std::string name = read_file(controller / "etc/hostname");
+    name = name.substr(0, name.find_first_of(" \t\n"));
+    if (!name.empty() && sethostname(name.data(), name.size()) != 0) {
+        throw Error(std::string("can't set the host name: ") + strerror(errno));
+    }
+}
+
+void return_to_folder(const fs::path &folder)
+{
+    if (chdir(folder.c_str()) != 0 && chdir("/") != 0) {
+        throw Error(std::string("can't change to /: ") + strerror(errno));
+    }
+}
+
+bool started_in(const fs::path &process, const std::string &marker)
+{
+    const std::string environment = '\0' + read_file(process / "environ");
+    return environment.find('\0' + marker + '\0') != std::string::npos;
+}
+
+// Waits until the process is gone, without polling it; false after the time.
+bool await_end(int pidfd, int milliseconds)
+{
+    struct pollfd watch {pidfd, POLLIN, 0};
+    return poll(&watch, 1, milliseconds) > 0;
+}
+
+void end_process(int pid)
+{
+    constexpr int patience_ms = 2000;
+    const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    if (pidfd < 0) {
+        return;  // gone already
+    }
+    (void)kill(pid, SIGTERM);  // it may be gone
+    if (!await_end(pidfd, patience_ms)) {
+        (void)kill(pid, SIGKILL);
+        (void)await_end(pidfd, patience_ms);
+    }
+    (void)close(pidfd);
+}
+
+}  // namespace
+
+int controller_number(const std::string &name)
+{
+    const std::string digit = name.rfind("CNT", 0) == 0 ? name.substr(3) : name;
+    if (digit.size() != 1 || digit[0] < '0' || digit[0] >= '0' + controllers) {
+        throw Error("there is no controller " + name + ": name CNT0, CNT1, CNT2 or CNT3");
+    }
+    return digit[0] - '0';
+}
+
+Appliance::Appliance(const fs::path &folder) : folder_(fs::absolute(folder))
+{
+    if (read_file(folder_ / marker_name) != marker_text) {
+        throw Error(folder_.string() + " is no lab: make one with kesta-lab create DIR");
+    }
+    folder_ = fs::canonical(folder_);
+}
+
+Appliance Appliance::create(const fs::path &folder, const fs::path &product)
+{
+    if (fs::exists(folder) && !fs::is_empty(folder)) {
+        throw Error(folder.string() + " is not empty: name a new folder");
+    }
+    const fs::path from = product.empty() ? own_program_folder().parent_path() : product;
+    fs::create_directories(folder);
+    fs::permissions(folder, fs::perms::owner_all);
+    copy_programs(from / "bin", folder / "product/bin");
+    copy_libraries(from, folder / "product/lib");
+    make_sbin(folder / "sbin");
+    make_shared(folder / "shared");
+    for (int number = 0; number < controllers; ++number) {
+        make_controller(folder / ("cnt" + std::to_string(number)), number);
+    }
+    write_file(folder / marker_name, marker_text);  // last: an unfinished lab is none
+    return Appliance(folder);
+}
+
+Appliance Appliance::find(const std::string &option)
+{
+    if (!option.empty()) {
+        return Appliance(option);
+    }
+    if (const char *folder = getenv("KESTA_LAB")) {
+        return Appliance(folder);
+    }
+    for (fs::path folder = fs::current_path();; folder = folder.parent_path()) {
+        if (fs::exists(folder / marker_name)) {
+            return Appliance(folder);
+        }
+        if (folder == folder.parent_path()) {
+            throw Error("which lab? Name it with --dir DIR or KESTA_LAB=DIR, or go into it");
+        }
+    }
+}
+
+fs::path Appliance::controller_folder(int number) const
+{
+    return folder_ / ("cnt" + std::to_string(number));
+}
+
+void Appliance::enter(int number, const std::vector<std::string> &extra_binds) const
+{
+    const fs::path own = controller_folder(number);
+    const fs::path here = fs::current_path();
+    enter_private_namespaces();
+    set_host_name(own);
+
+    // First what appears inside the controller's own folders, then those folders themselves.
+    const fs::path platform = own / "opt/kesta_platform";
+    bind_all({{folder_ / "shared", platform / "shared"},
+              {folder_ / "product", platform / "product"},
+              {"/usr/sbin", platform / "host-sbin"}});
+    std::vector<Bind> binds{{folder_ / "sbin", "/usr/sbin"}};
+    for (const OwnFolder &folder : own_folders) {
+        binds.push_back({own / folder.name, folder.target});
+    }
+    if (!fs::is_symlink("/var/run")) {
+        binds.push_back({own / "run", "/var/run"});
+    }
+    for (const std::string &extra : extra_binds) {
+        fs::create_directories(own / fs::path(extra).relative_path());
+        binds.push_back({extra, extra});
+    }
+    bind_all(binds);
+    setenv(folder_variable, folder_.c_str(), 1);
+    setenv("KESTA_LAB_CONTROLLER", ("CNT" + std::to_string(number)).c_str(), 1);
+    setenv("PATH", (std::string(platform_folder) +
+                    "/product/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin")
+                       .c_str(),
+           1);
+    return_to_folder(here);
+}
+
+std::vector<int> Appliance::processes() const
+{
+    const std::string marker = std::string(folder_variable) + "=" + folder_.string();
+    std::vector<int> found;
+    for (const fs::directory_entry &entry : fs::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") != std::string::npos) {
+            continue;
+        }
+        const int pid = std::stoi(name);
+        if (pid != getpid() && started_in(entry.path(), marker)) {
+            found.push_back(pid);
+        }
+    }
+    return found;
+}
+
+void Appliance::destroy() const
+{
+    for (const int pid : processes()) {
+        end_process(pid);
+    }
+    std::error_code error;
+    fs::remove_all(folder_, error);
+    if (error) {
+        throw Error("can't remove " + folder_.string() + ": " + error.message());
+    }
+}
+
+}  // namespace lab

@@ -1,0 +1,171 @@
+// kesta-lab: an appliance of four controllers on one machine.
+#include <errno.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "appliance.h"
+#include "private_namespace.h"
+
+namespace {
+
+constexpr int exit_failed = 1;
+constexpr int exit_usage = 2;
+constexpr int exit_not_runnable = 126;
+constexpr int exit_not_found = 127;
+
+std::string setting_of(const lab::Appliance &appliance, int number, const std::string &key)
+{
+    std::ifstream settings(appliance.controller_folder(number) / "etc/kesta/platform.conf");
+    for (std::string line; std::getline(settings, line);) {
+        if (line.rfind(key + " = ", 0) == 0) {
+            return line.substr(key.size() + 3);
+        }
+    }
+    return "-";
+}
+
+std::string size_of(const std::filesystem::path &file)
+{
+    std::error_code error;
+    const auto size = std::filesystem::file_size(file, error);
+    return error ? "-" : std::to_string(size);
+}
+
+void print_status(const lab::Appliance &appliance)
+{
+    std::cout << "lab " << appliance.folder().string() << "\n"
+              << "running processes: " << appliance.processes().size() << "\n\n"
+              << "controller  boot mode  flash backup.tar.Z  flash accept.tar.Z  (bytes)\n";
+    for (int number = 0; number < lab::controllers; ++number) {
+        const auto flash = appliance.controller_folder(number) / "opt/kesta_sys/bakup";
+        std::printf("%-10s  %-9s  %-18s  %s\n", ("CNT" + std::to_string(number)).c_str(),
+                    setting_of(appliance, number, "boot_mode").c_str(),
+                    size_of(flash / "backup.tar.Z").c_str(),
+                    size_of(flash / "accept.tar.Z").c_str());
+    }
+    std::fflush(stdout);
+    std::cout << "\nsystem backup area:\n";
+    const auto area = appliance.folder() / "shared/sysback";
+    std::error_code error;
+    for (const auto &entry : std::filesystem::directory_iterator(area, error)) {
+        const std::string name = entry.path().filename();
+        if (name[0] != '.') {
+            std::cout << "  " << name << "  " << size_of(entry.path()) << " bytes\n";
+        }
+    }
+    if (error) {
+        std::cout << "  taken away (" << error.message() << ")\n";
+    }
+}
+
+// Doesn't return: the program takes this process over, and its exit code is ours.
+[[noreturn]] void run_in(const lab::Appliance &appliance, const std::string &controller,
+                         const std::vector<std::string> &binds,
+                         const std::vector<std::string> &command)
+{
+    appliance.enter(lab::controller_number(controller), binds);
+    std::vector<char *> arguments;
+    for (const std::string &word : command) {
+        arguments.push_back(const_cast<char *>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    execvp(arguments[0], arguments.data());
+    const int error = errno;
+    std::cerr << "kesta-lab: can't run " << command[0] << ": " << strerror(error) << "\n";
+    std::exit(error == ENOENT ? exit_not_found : exit_not_runnable);
+}
+
+std::string user_shell()
+{
+    const char *shell = getenv("SHELL");
+    return shell && *shell ? shell : "/bin/sh";
+}
+
+// Everything behind "--" belongs to the command that is to be run, options included.
+std::vector<std::string> split_command(int &argc, char **argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--") == 0) {
+            std::vector<std::string> command(argv + i + 1, argv + argc);
+            argc = i;
+            return command;
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    std::vector<std::string> command = split_command(argc, argv);
+
+    CLI::App app{"An appliance of four controllers on one machine, each in namespaces of its own "
+                 "with its own /etc, /opt, /tmp, /var/run and /boot. They share NV memory and the "
+                 "system backup area. Nothing is written outside the lab's folder.",
+                 "kesta-lab"};
+    app.require_subcommand(1);
+    app.footer("Example:\n"
+               "  kesta-lab create /tmp/appliance\n"
+               "  kesta-lab --dir /tmp/appliance exec CNT0 -- kestactl status\n"
+               "  kesta-lab destroy /tmp/appliance");
+
+    std::string folder;
+    std::string product;
+    std::string option;
+    std::string controller;
+    std::vector<std::string> binds;
+    app.add_option("--dir", option, "The lab's folder (else $KESTA_LAB, else the current folder)");
+
+    CLI::App *create = app.add_subcommand("create", "Make a lab in a new folder");
+    create->add_option("DIR", folder, "The folder, new or empty")->required();
+    create->add_option("--product", product,
+                       "Installed tree whose programs and libraries to use (else this program's)");
+    CLI::App *exec = app.add_subcommand("exec", "Run a command on a controller; its exit code is "
+                                                "kesta-lab's");
+    exec->add_option("CONTROLLER", controller, "CNT0 to CNT3")->required();
+    exec->add_option("--bind", binds, "Folder of the machine to keep visible at its own path");
+    exec->footer("The command stands behind --:  kesta-lab exec CNTn -- COMMAND [ARGUMENT...]");
+    CLI::App *shell = app.add_subcommand("shell", "Start a shell on a controller");
+    shell->add_option("CONTROLLER", controller, "CNT0 to CNT3")->required();
+    shell->add_option("--bind", binds, "Folder of the machine to keep visible at its own path");
+    CLI::App *status = app.add_subcommand("status", "Show the controllers and what they share");
+    CLI::App *destroy = app.add_subcommand("destroy", "End the lab's processes and remove it");
+    destroy->add_option("DIR", folder, "The lab's folder")->required();
+
+    try {
+        app.parse(argc, argv);
+        if (exec->parsed() && command.empty()) {
+            throw CLI::RequiredError("-- COMMAND");
+        }
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : exit_usage;
+    }
+
+    try {
+        if (create->parsed()) {
+            const auto made = lab::Appliance::create(folder, product);
+            std::cout << "Made a lab of four controllers in " << made.folder().string() << "\n";
+        } else if (exec->parsed()) {
+            run_in(lab::Appliance::find(option), controller, binds, command);
+        } else if (shell->parsed()) {
+            run_in(lab::Appliance::find(option), controller, binds, {user_shell()});
+        } else if (status->parsed()) {
+            print_status(lab::Appliance::find(option));
+        } else {
+            lab::Appliance(folder).destroy();
+        }
+    } catch (const std::exception &error) {
+        std::cerr << "kesta-lab: " << error.what() << "\n";
+        return exit_failed;
+    }
+    return 0;
+}

@@ -1,0 +1,49 @@
+// What kestactl asks the library about this controller and the NV image, and what it says when the
+// answer is an error.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "names.h"
+
+namespace kestactl {
+
+// Where a block is looked for.
+enum class From { both, memory, sysback };
+
+struct BlockValue {
+    std::vector<char> bytes;
+    std::string place;  // where the value came from
+};
+
+// Reads a block without the inner lock: one transfer is whole. Throws Failure.
+BlockValue read_block(const Block &block, From from);
+
+// A text field, up to its terminator or its end.
+std::string field_text(const std::vector<char> &bytes);
+
+// The name in force, or an empty text if none is valid. Throws Failure.
+std::string accept_slot();
+std::string backup_slot();
+
+// Makes the own number known to the library, without writing its file. Returns it. Throws Failure.
+int learn_own_number();
+
+// Refuses where nothing may be written: in Suspend boot mode. Throws Failure.
+void require_writable();
+
+// From here on the process uses NV memory only.
+void use_memory_only();
+
+// What a failed library call means: held by the inner lock, or a failure of the platform.
+[[noreturn]] void fail_call(const std::string &code, const std::string &message,
+                            const std::string &hint);
+
+// The slot name, or a Failure that says how to set one.
+std::string require_slot(const std::string &name, const std::string &which);
+
+void require_file(const std::string &path, const std::string &hint);
+
+}  // namespace kestactl

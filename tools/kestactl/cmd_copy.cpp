@@ -1,0 +1,201 @@
+// kestactl copy: one verb for each flow that moves archives between the storage places.
+#include <kesta/kesta.h>
+#include <string.h>
+
+#include <array>
+#include <memory>
+
+#include "appliance_state.h"
+#include "command.h"
+#include "names.h"
+
+namespace kestactl {
+namespace {
+
+constexpr const char *flash_backup = "/opt/kesta_sys/bakup/backup.tar.Z";
+constexpr const char *flash_accept = "/opt/kesta_sys/bakup/accept.tar.Z";
+constexpr const char *cache_backup = "/tmp/kesta_sys/tmp/backup.tar.Z";
+constexpr const char *cache_check = "/tmp/kesta_sys/tmp/check.tar.Z";
+constexpr const char *merge_backup = "/var/run/kesta_sys/tmp/backup.tar.Z";
+constexpr int unpack_mode = 1;
+constexpr int check_mode = 0;
+
+const std::string save_hint = "Save an environment into it first.";
+
+struct CopyOptions {
+    std::string group = "default";
+    std::string slot;
+    bool accept = false;
+    bool check = false;
+};
+
+// Runs one flow; the hint is for a result that isn't 0.
+std::function<void()> flow(const std::string &name, const std::string &hint,
+                           std::function<int()> call)
+{
+    return [=] {
+        learn_own_number();
+        const int result = call();
+        if (result != KESTA_OK) {
+            fail_call("copy-failed",
+                      "The copy " + name + " failed with result " + std::to_string(result) + ".",
+                      hint);
+        }
+    };
+}
+
+std::string slot_in_force(bool accept)
+{
+    return accept ? require_slot(accept_slot(), "accept") : require_slot(backup_slot(), "backup");
+}
+
+Plan plan_backup2tmp(const CopyOptions &options)
+{
+    check_group(options.group);
+    const std::string slot = slot_in_force(options.accept);
+    const std::string to = options.check ? cache_check : cache_backup;
+    std::vector<std::string> writes{to};
+    if (!options.check) {
+        writes.push_back("/tmp/kesta_sys/tmp/ (the unpacked files)");
+    }
+    Plan plan;
+    plan.json = {{"from", slot}, {"to", to}, {"unpack", !options.check}};
+    plan.steps.push_back(
+        {"bring slot " + slot + " to " + to + (options.check ? "" : " and unpack it there"), writes,
+         flow("backup2tmp",
+              "Part of it may have been done: check the slot, the space in /tmp and --trace 1.",
+              [options] {
+                  return kestal_backup2tmp(options.group.c_str(), options.accept, nullptr,
+                                           options.check ? check_mode : unpack_mode);
+              })});
+    return plan;
+}
+
+Plan plan_cntbackup2tmp(const CopyOptions &options)
+{
+    check_group(options.group);
+    const std::string from = options.accept ? flash_accept : flash_backup;
+    require_file(from, save_hint);
+    Plan plan;
+    plan.json = {{"from", from}, {"to", cache_backup}};
+    plan.steps.push_back({"copy " + from + " to " + cache_backup, {cache_backup},
+                          flow("cntbackup2tmp", "Check the space in /tmp and --trace 1.", [options] {
+                              return kestal_cntbackup2tmp(options.group.c_str(), options.accept);
+                          })});
+    return plan;
+}
+
+Plan plan_cntbackup2backup()
+{
+    require_writable();
+    require_file(flash_backup, save_hint);
+    const std::string slot = slot_in_force(false);
+    Plan plan;
+    plan.json = {{"from", flash_backup}, {"to", slot}};
+    plan.steps.push_back({std::string("copy ") + flash_backup + " to slot " + slot,
+                          {"system backup area: " + slot},
+                          flow("cntbackup2backup",
+                               "The slot keeps its old contents unless the write had begun: check "
+                               "the space of the system backup area and --trace 1.",
+                               [] { return kestal_cntbackup2backup(); })});
+    return plan;
+}
+
+Plan plan_merge_file2accept(const CopyOptions &options)
+{
+    if (!options.slot.empty()) {
+        check_slot(options.slot);
+    }
+    require_writable();
+    require_file(merge_backup, "A restore with an update script, or a merge, puts it there.");
+    const std::string slot = options.slot.empty() ? slot_in_force(true) : options.slot;
+    Plan plan;
+    plan.json = {{"from", merge_backup}, {"to", slot}};
+    plan.steps.push_back({std::string("copy ") + merge_backup + " to slot " + slot,
+                          {"system backup area: " + slot},
+                          flow("merge-file2accept",
+                               "Check the space of the system backup area and --trace 1.", [options] {
+                                   std::array<char, KESTA_AREA_NAME_SIZE> name{};
+                                   memcpy(name.data(), options.slot.data(), options.slot.size());
+                                   return kestal_merge_file2accept(name.data());
+                               })});
+    return plan;
+}
+
+// In InitConf boot mode the flow first brings the backup slot to flash, if the disk is there.
+Plan plan_backup2copy(const CopyOptions &options)
+{
+    check_group(options.group);
+    require_writable();
+    const std::string script = "/etc/kesta_sys/" + options.group + "/env_copy_scr.sh";
+    require_file(script, "The group needs a copy script of that name.");
+    const bool initconf =
+        kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_BOOT_MODE) == KESTA_BOOT_INITCONF;
+    std::vector<std::string> writes{"whatever the group's copy script writes"};
+    std::string what = "run " + script;
+    if (initconf) {
+        const std::string slot = slot_in_force(false);
+        what = "bring slot " + slot + " to " + cache_backup + " and " + flash_backup + ", then " +
+               what;
+        writes.insert(writes.begin(), {cache_backup, flash_backup});
+    }
+    Plan plan;
+    plan.json = {{"script", script}, {"initconf", initconf}};
+    plan.steps.push_back({what, writes,
+                          flow("backup2copy", "Look at --trace 2, and run the script by hand.",
+                               [options] { return kestal_backup2copy(options.group.c_str()); })});
+    return plan;
+}
+
+using Planner = Plan (*)(const CopyOptions &);
+
+CLI::App *add_verb(CLI::App &copy, Globals &globals, Action &action, const char *verb,
+                   const char *description, const std::shared_ptr<CopyOptions> &options,
+                   Planner planner)
+{
+    CLI::App *command = copy.add_subcommand(verb, description);
+    add_dry_run(*command, globals);
+    command->callback([&action, options, planner] {
+        action = [options, planner](const Globals &given) {
+            return carry_out(planner(*options), given);
+        };
+    });
+    return command;
+}
+
+}  // namespace
+
+void add_copy(CLI::App &app, Globals &globals, Action &action)
+{
+    CLI::App *copy = app.add_subcommand("copy", "Move archives between the storage places");
+    copy->require_subcommand(1);
+    auto options = std::make_shared<CopyOptions>();
+
+    CLI::App *verb = add_verb(*copy, globals, action, "backup2tmp",
+                              "System backup area to the tmp cache, unpacked there", options,
+                              plan_backup2tmp);
+    verb->add_option("GROUP", options->group, "Group name");
+    verb->add_flag("--accept", options->accept, "Take the accept slot, not the backup slot");
+    verb->add_flag("--check", options->check, "Make check.tar.Z, and don't unpack it");
+
+    verb = add_verb(*copy, globals, action, "cntbackup2tmp", "Flash directory to the tmp cache",
+                    options, plan_cntbackup2tmp);
+    verb->add_option("GROUP", options->group, "Group name");
+    verb->add_flag("--accept", options->accept, "Take accept.tar.Z, not backup.tar.Z");
+
+    add_verb(*copy, globals, action, "cntbackup2backup",
+             "Flash directory to the backup slot of the system backup area", options,
+             [](const CopyOptions &) { return plan_cntbackup2backup(); });
+
+    verb = add_verb(*copy, globals, action, "merge-file2accept",
+                    "Merge cache to the accept slot of the system backup area", options,
+                    plan_merge_file2accept);
+    verb->add_option("--slot", options->slot, "Write this slot, not the accept slot in force");
+
+    verb = add_verb(*copy, globals, action, "backup2copy",
+                    "Run the group's copy script; in InitConf boot mode fill flash first", options,
+                    plan_backup2copy);
+    verb->add_option("GROUP", options->group, "Group name")->required();
+}
+
+}  // namespace kestactl

@@ -1,0 +1,292 @@
+// kestactl nv: list, read and write the blocks of the NV image.
+#include <kesta/kesta.h>
+#include <string.h>
+
+#include <charconv>
+#include <cstdint>
+#include <map>
+#include <memory>
+
+#include "appliance_state.h"
+#include "command.h"
+#include "names.h"
+
+namespace kestactl {
+namespace {
+
+struct ReadOptions {
+    std::string block;
+    From from = From::both;
+};
+
+struct WriteOptions {
+    std::string block;
+    std::string value;
+    bool memory_only = false;
+};
+
+const std::map<std::string, From> places{
+    {"both", From::both}, {"memory", From::memory}, {"sysback", From::sysback}};
+
+std::int32_t int_at(const std::vector<char> &bytes, std::size_t offset)
+{
+    std::int32_t value;
+    memcpy(&value, bytes.data() + offset, sizeof(value));
+    return value;
+}
+
+std::int64_t long_at(const std::vector<char> &bytes, std::size_t offset)
+{
+    std::int64_t value;
+    memcpy(&value, bytes.data() + offset, sizeof(value));
+    return value;
+}
+
+std::string hex(const std::vector<char> &bytes)
+{
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (const char byte : bytes) {
+        text += digits[static_cast<unsigned char>(byte) >> 4];
+        text += digits[static_cast<unsigned char>(byte) & 0xf];
+    }
+    return text;
+}
+
+// Bytes of a text field that aren't text are shown as \xNN.
+std::string printable(const std::string &text)
+{
+    std::string shown;
+    for (const char c : text) {
+        const bool plain = c >= ' ' && c < '\x7f';
+        shown += plain ? std::string(1, c) : "\\x" + hex({c});
+    }
+    return shown;
+}
+
+Json decoded(const Block &block, const std::vector<char> &bytes)
+{
+    switch (block.kind) {
+    case BlockKind::number:
+    case BlockKind::version:
+        return int_at(bytes, 0);
+    case BlockKind::slot:
+    case BlockKind::group:
+    case BlockKind::text:
+        return printable(field_text(bytes));
+    case BlockKind::bytes:
+        return hex(bytes);
+    case BlockKind::lock:
+        return {{"status", int_at(bytes, 0)},
+                {"sign", long_at(bytes, 8)},
+                {"timeout", long_at(bytes, 16)}};
+    case BlockKind::inner_lock:
+        return {{"status", int_at(bytes, 0)}, {"token", long_at(bytes, 8)}};
+    }
+    return nullptr;
+}
+
+std::string shown(const Json &value)
+{
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+Result read(const ReadOptions &options)
+{
+    const Block &block = find_block(options.block);
+    const BlockValue value = read_block(block, options.from);
+    Result result;
+    const Json content = decoded(block, value.bytes);
+    result.text = shown(content) + "\n";
+    result.json = {{"block", block.id},
+                   {"name", block.name},
+                   {"value", content},
+                   {"bytes", hex(value.bytes)},
+                   {"place", value.place}};
+    return result;
+}
+
+[[noreturn]] void refuse_value(const Block &block, const std::string &value,
+                               const std::string &hint)
+{
+    throw Failure(Exit::usage, "bad-value",
+                  "'" + value + "' is no value for block " + block.name + ".", hint);
+}
+
+std::vector<char> encode_number(const Block &block, const std::string &text)
+{
+    std::int32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size()) {
+        refuse_value(block, text, "Give one decimal number of 32 bits.");
+    }
+    if (block.kind == BlockKind::version && number < 0) {
+        refuse_value(block, text, "A version number is 0 (never set) to 2147483647.");
+    }
+    std::vector<char> bytes(sizeof(number));
+    memcpy(bytes.data(), &number, sizeof(number));
+    return bytes;
+}
+
+std::vector<char> encode_text(const Block &block, const std::string &text)
+{
+    if (text.size() > block.size) {
+        refuse_value(block, text,
+                     "The field holds " + std::to_string(block.size) + " characters.");
+    }
+    std::vector<char> bytes(block.size, '\0');
+    memcpy(bytes.data(), text.data(), text.size());
+    return bytes;
+}
+
+std::vector<char> encode_bytes(const Block &block, const std::string &text)
+{
+    std::vector<char> bytes(block.size, '\0');
+    const bool whole = text.size() % 2 == 0 && text.size() / 2 <= bytes.size();
+    for (std::size_t i = 0; whole && i < text.size(); i += 2) {
+        unsigned char byte = 0;
+        const char *from = text.data() + i;
+        const auto [end, error] = std::from_chars(from, from + 2, byte, 16);
+        if (error != std::errc() || end != from + 2) {
+            refuse_value(block, text, "Give pairs of hexadecimal digits.");
+        }
+        bytes[i / 2] = static_cast<char>(byte);
+    }
+    if (!whole || text.empty()) {
+        refuse_value(block, text, "Give 1 to " + std::to_string(block.size) +
+                                      " bytes as pairs of hexadecimal digits.");
+    }
+    return bytes;
+}
+
+std::vector<char> encode(const Block &block, const std::string &text)
+{
+    switch (block.kind) {
+    case BlockKind::number:
+    case BlockKind::version:
+        return encode_number(block, text);
+    case BlockKind::slot:
+        check_slot(text);
+        return encode_text(block, text);
+    case BlockKind::group:
+        check_group(text);
+        return encode_text(block, text);
+    case BlockKind::text:
+        return encode_text(block, text);
+    case BlockKind::bytes:
+        return encode_bytes(block, text);
+    case BlockKind::lock:
+    case BlockKind::inner_lock:
+        break;
+    }
+    throw Failure(Exit::usage, "lock-block", "Block " + block.name + " is a lock.",
+                  "Locks are taken and released, never written by hand: a dead inner lock is "
+                  "cleared by the next waiter after 30 seconds.");
+}
+
+// The lock result counts even where the write failed: nothing is left held unsaid.
+void write_locked(const Block &block, std::vector<char> bytes)
+{
+    const int number = learn_own_number();
+    if (kestal_cntl_innerlock(number) != KESTA_OK) {
+        fail_call("lock-failed", "Block " + block.name + " was not written.",
+                  "The inner lock could not be taken: look at --trace 1.");
+    }
+    const int written = kestal_non_volatile_rw_func(block.id, KESTA_BLOCK_WRITE, bytes.data(),
+                                                    static_cast<unsigned>(bytes.size()), nullptr);
+    const int released = kestal_reset_mycnt_innerlock_main(number, 0);
+    if (written != KESTA_OK) {
+        fail_call("write-failed",
+                  "Block " + block.name + " was not written to every place it lives in.",
+                  "Look at --trace 1 for the place that failed. If the system backup area is gone, "
+                  "--memory-only writes NV memory alone.");
+    }
+    if (released != KESTA_OK) {
+        fail_call("unlock-failed",
+                  "Block " + block.name + " was written, but the inner lock was not released.",
+                  "The next waiter clears it after 30 seconds; check NV memory with --trace 1.");
+    }
+}
+
+Plan plan_write(const WriteOptions &options)
+{
+    const Block &block = find_block(options.block);
+    const std::vector<char> bytes = encode(block, options.value);
+    if (options.memory_only && !block.in_memory) {
+        throw Failure(Exit::usage, "not-in-memory",
+                      "Block " + block.name + " has no place in NV memory.",
+                      "Leave out --memory-only.");
+    }
+    learn_own_number();
+    require_writable();
+    if (options.memory_only) {
+        use_memory_only();
+    }
+    std::vector<std::string> writes;
+    if (block.mirrored && !options.memory_only) {
+        writes.push_back("system backup area: the mirror file of block " + std::to_string(block.id));
+    }
+    if (block.in_memory) {
+        writes.push_back("NV memory: block " + std::to_string(block.id));
+    }
+    Plan plan;
+    plan.json = {{"block", block.id}, {"name", block.name}, {"bytes", hex(bytes)}};
+    plan.steps.push_back({"write '" + options.value + "' to " + block.name, writes,
+                          [&block, bytes] { write_locked(block, bytes); }});
+    return plan;
+}
+
+Result list()
+{
+    Result result;
+    result.json["blocks"] = Json::array();
+    for (const Block &block : blocks()) {
+        char line[96];
+        snprintf(line, sizeof(line), "%4d  %-20s %3u bytes  %s\n", block.id, block.name.c_str(),
+                 block.size,
+                 !block.in_memory ? "system backup area only"
+                 : block.mirrored ? "NV memory and system backup area"
+                                  : "NV memory");
+        result.text += line;
+        result.json["blocks"].push_back({{"block", block.id},
+                                         {"name", block.name},
+                                         {"size", block.size},
+                                         {"in_memory", block.in_memory},
+                                         {"mirrored", block.mirrored}});
+    }
+    return result;
+}
+
+}  // namespace
+
+void add_nv(CLI::App &app, Globals &globals, Action &action)
+{
+    CLI::App *nv = app.add_subcommand("nv", "Read and write blocks of the NV image");
+    nv->require_subcommand(1);
+
+    nv->add_subcommand("list", "Show all blocks by name and number")->callback([&action] {
+        action = [](const Globals &) { return list(); };
+    });
+
+    auto reading = std::make_shared<ReadOptions>();
+    CLI::App *read_command = nv->add_subcommand("read", "Show one block");
+    read_command->add_option("BLOCK", reading->block, "Name or number of the block")->required();
+    read_command->add_option("--from", reading->from, "Where to read: both, memory or sysback")
+        ->transform(CLI::CheckedTransformer(places));
+    read_command->callback(
+        [&action, reading] { action = [reading](const Globals &) { return read(*reading); }; });
+
+    auto writing = std::make_shared<WriteOptions>();
+    CLI::App *write_command = nv->add_subcommand("write", "Set one block, under the inner lock");
+    write_command->add_option("BLOCK", writing->block, "Name or number of the block")->required();
+    write_command->add_option("VALUE", writing->value, "Number, name or text; bytes as hexadecimal")
+        ->required();
+    write_command->add_flag("--memory-only", writing->memory_only,
+                            "Write NV memory alone, e.g. while the system backup area is gone");
+    add_dry_run(*write_command, globals);
+    write_command->callback([&action, writing] {
+        action = [writing](const Globals &given) { return carry_out(plan_write(*writing), given); };
+    });
+}
+
+}  // namespace kestactl

@@ -1,0 +1,273 @@
+// kestactl status: this controller, the names in force and the archives, at a glance.
+#include <kesta/kesta.h>
+#include <nettle/sha2.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <fstream>
+#include <memory>
+#include <optional>
+
+#include "appliance_state.h"
+#include "command.h"
+#include "names.h"
+
+namespace kestactl {
+namespace {
+
+constexpr std::array<const char *, 3> boot_mode_names{"normal", "suspend", "initconf"};
+
+struct Place {
+    const char *name;
+    const char *path;
+};
+constexpr std::array<Place, 5> local_places{{
+    {"flash", "/opt/kesta_sys/bakup/backup.tar.Z"},
+    {"flash", "/opt/kesta_sys/bakup/accept.tar.Z"},
+    {"tmp cache", "/tmp/kesta_sys/tmp/backup.tar.Z"},
+    {"tmp cache", "/tmp/kesta_sys/tmp/check.tar.Z"},
+    {"merge cache", "/var/run/kesta_sys/tmp/backup.tar.Z"},
+}};
+
+// What is known of one archive. A state other than "ok" says why the rest is missing.
+struct Archive {
+    std::string place;
+    std::string path;
+    std::string state;
+    std::uint64_t size = 0;
+    std::string sha256;
+};
+
+class Checksum {
+public:
+    Checksum() { sha256_init(&state_); }
+    void add(const void *data, std::size_t size)
+    {
+        sha256_update(&state_, size, static_cast<const std::uint8_t *>(data));
+    }
+    std::string text()
+    {
+        std::array<std::uint8_t, SHA256_DIGEST_SIZE> digest{};
+        sha256_digest(&state_, digest.size(), digest.data());
+        std::string hex;
+        for (const std::uint8_t byte : digest) {
+            char pair[3];
+            snprintf(pair, sizeof(pair), "%02x", byte);
+            hex += pair;
+        }
+        return hex;
+    }
+
+private:
+    struct sha256_ctx state_;
+};
+
+void add_file_checksum(Archive &archive)
+{
+    std::ifstream file(archive.path, std::ios::binary);
+    Checksum checksum;
+    std::vector<char> block(1 << 20);
+    while (file.read(block.data(), static_cast<std::streamsize>(block.size())) || file.gcount() > 0) {
+        checksum.add(block.data(), static_cast<std::size_t>(file.gcount()));
+    }
+    if (file.bad() || !file.eof()) {
+        archive.state = "unreadable";
+        return;
+    }
+    archive.sha256 = checksum.text();
+}
+
+Archive look_at_file(const Place &place, bool checksums)
+{
+    Archive archive{place.name, place.path, "ok", 0, ""};
+    struct stat status;
+    if (stat(place.path, &status) != 0) {
+        archive.state = errno == ENOENT ? "none" : strerror(errno);
+        return archive;
+    }
+    archive.size = static_cast<std::uint64_t>(status.st_size);
+    if (checksums) {
+        add_file_checksum(archive);
+    }
+    return archive;
+}
+
+// The area tells a size only with the contents, so this reads the whole slot.
+Archive look_at_slot(const char *slot)
+{
+    Archive archive{"system backup area", slot, "ok", 0, ""};
+    void *data = nullptr;
+    unsigned size = 0;
+    const int result = kestal_backup_rw(slot, KESTA_FILE_READ, &data, &size);
+    if (result == KESTA_OK) {
+        Checksum checksum;
+        checksum.add(data, size);
+        archive.size = size;
+        archive.sha256 = checksum.text();
+    } else {
+        archive.state = "none, or unreadable";
+    }
+    kestal_free_debug(data, __FILE__, __LINE__, 0);
+    return archive;
+}
+
+Json number_or_null(int number) { return number >= 0 ? Json(number) : Json(nullptr); }
+
+std::string or_unknown(const Json &value)
+{
+    if (value.is_null()) {
+        return "unknown";
+    }
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+// A question about the appliance that failed: its answer is missing, and the status is no pass.
+class Answers {
+public:
+    template <typename Question>
+    Json ask(Question question)
+    {
+        try {
+            Json answer = question();
+            failed_ = failed_ || answer.is_null();
+            return answer;
+        } catch (const Failure &) {
+            failed_ = true;
+            return nullptr;
+        }
+    }
+    bool failed() const { return failed_; }
+
+private:
+    bool failed_ = false;
+};
+
+Json master(int own)
+{
+    for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
+        const int result = kestal_master_cnt_check(i);
+        if (result == 0) {
+            return i;
+        }
+        if (result < 0) {
+            return nullptr;
+        }
+    }
+    (void)own;
+    return nullptr;
+}
+
+Json boot_mode()
+{
+    const int mode = kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_BOOT_MODE);
+    return mode >= 0 ? Json(boot_mode_names.at(static_cast<std::size_t>(mode))) : Json(nullptr);
+}
+
+Json inner_lock_holders()
+{
+    std::array<KESTA_INNERLOCK_BUF, KESTA_CONTROLLERS> slots{};
+    const int result = kestal_lockcheck_innerlock(0, slots.data(), nullptr, nullptr);
+    if (result != KESTA_OK && result != KESTA_ERR_INNERLOCK_LOCKED) {
+        return nullptr;
+    }
+    Json holders = Json::array();
+    for (std::size_t i = 0; i < slots.size(); ++i) {
+        if (slots[i].status != 0) {
+            holders.push_back({{"controller", i}, {"token", slots[i].timeout}});
+        }
+    }
+    return holders;
+}
+
+std::string describe_holders(const Json &holders)
+{
+    if (holders.is_null()) {
+        return "unknown";
+    }
+    std::string text;
+    for (const Json &holder : holders) {
+        text += (text.empty() ? "" : ", ");
+        text += "CNT" + holder["controller"].dump() + " (token " + holder["token"].dump() + ")";
+    }
+    return text.empty() ? "free" : "held by " + text;
+}
+
+void add_archive(Result &result, const Archive &archive)
+{
+    char line[256];
+    snprintf(line, sizeof(line), "  %-18s  %-38s  ", archive.place.c_str(), archive.path.c_str());
+    result.text += line;
+    result.text += archive.state == "ok"
+                       ? std::to_string(archive.size) + " bytes  " + archive.sha256.substr(0, 16)
+                       : archive.state;
+    result.text += "\n";
+    Json json{{"place", archive.place}, {"path", archive.path}, {"state", archive.state}};
+    if (archive.state == "ok") {
+        json["size"] = archive.size;
+        json["sha256"] = archive.sha256.empty() ? Json(nullptr) : Json(archive.sha256);
+    }
+    result.json["archives"].push_back(json);
+}
+
+void add_archives(Result &result, bool checksums)
+{
+    result.json["archives"] = Json::array();
+    result.text += "archives:\n";
+    for (const Place &place : local_places) {
+        add_archive(result, look_at_file(place, checksums));
+    }
+    if (checksums) {
+        add_archive(result, look_at_slot(KESTA_SLOT0));
+        add_archive(result, look_at_slot(KESTA_SLOT1));
+    } else {
+        result.text += "  system backup area  (--archives reads the slots and adds checksums)\n";
+    }
+}
+
+Result status(bool archives)
+{
+    Answers answers;
+    const int own = kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_OWN_NUMBER_NO_FILE);
+    Result result;
+    Json &json = result.json;
+    json["controller"] = answers.ask([&] { return number_or_null(own); });
+    json["controllers"] = answers.ask([] {
+        return number_or_null(kestal_execute_command_by_popen(KESTA_CPINFO_CONTROLLER_COUNT));
+    });
+    json["boot_mode"] = answers.ask(boot_mode);
+    json["master"] = answers.ask([&] { return master(own); });
+    json["backup_slot"] = answers.ask([] { return Json(backup_slot()); });
+    json["accept_slot"] = answers.ask([] { return Json(accept_slot()); });
+    json["group"] = answers.ask(
+        [] { return Json(field_text(read_block(find_block("group"), From::memory).bytes)); });
+    json["inner_lock"] = answers.ask(inner_lock_holders);
+    result.text = "controller   CNT" + or_unknown(json["controller"]) + " of " +
+                  or_unknown(json["controllers"]) + "\nboot mode    " +
+                  or_unknown(json["boot_mode"]) + "\nmaster       CNT" +
+                  or_unknown(json["master"]) + "\nbackup slot  " +
+                  or_unknown(json["backup_slot"]) + "\naccept slot  " +
+                  or_unknown(json["accept_slot"]) + "\ngroup        " + or_unknown(json["group"]) +
+                  "\ninner lock   " + describe_holders(json["inner_lock"]) + "\n";
+    add_archives(result, archives);
+    if (answers.failed()) {
+        result.text += "Some answers are missing: the platform did not give them (--trace 1).\n";
+        result.exit = Exit::platform;
+    }
+    return result;
+}
+
+}  // namespace
+
+void add_status(CLI::App &app, const Globals &, Action &action)
+{
+    auto archives = std::make_shared<bool>(false);
+    CLI::App *command = app.add_subcommand("status", "Show this controller at a glance");
+    command->add_flag("--archives", *archives, "Read every archive and show its checksum");
+    command->callback(
+        [&action, archives] { action = [archives](const Globals &) { return status(*archives); }; });
+}
+
+}  // namespace kestactl

@@ -1,0 +1,49 @@
+#include "command.h"
+
+namespace kestactl {
+namespace {
+
+Json step_json(const Step &step) { return {{"what", step.what}, {"writes", step.writes}}; }
+
+Result show_plan(const Plan &plan)
+{
+    Result result;
+    result.text = "Nothing is changed. This would be done:\n";
+    result.json = plan.json;
+    result.json["dry_run"] = true;
+    result.json["steps"] = Json::array();
+    for (const Step &step : plan.steps) {
+        result.text += "  - " + step.what + "\n";
+        for (const std::string &place : step.writes) {
+            result.text += "      writes " + place + "\n";
+        }
+        result.json["steps"].push_back(step_json(step));
+    }
+    return result;
+}
+
+}  // namespace
+
+Result carry_out(const Plan &plan, const Globals &globals)
+{
+    if (globals.dry_run) {
+        return show_plan(plan);
+    }
+    Result result;
+    result.json = plan.json;
+    result.json["dry_run"] = false;
+    result.json["steps"] = Json::array();
+    for (const Step &step : plan.steps) {
+        step.act();
+        result.text += "Done: " + step.what + "\n";
+        result.json["steps"].push_back(step_json(step));
+    }
+    return result;
+}
+
+void add_dry_run(CLI::App &command, Globals &globals)
+{
+    command.add_flag("--dry-run", globals.dry_run, "Show what would be done, and change nothing");
+}
+
+}  // namespace kestactl

@@ -1,0 +1,57 @@
+// What all subcommands share: the global options, a plan of steps, and the result.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "failure.h"
+
+namespace kestactl {
+
+using Json = nlohmann::ordered_json;
+
+struct Globals {
+    bool json = false;
+    int trace_level = 0;
+    bool dry_run = false;
+};
+
+// What a command found or did: for people, and for programs.
+struct Result {
+    Exit exit = Exit::done;
+    std::string text;  // ends in a newline, or is empty
+    Json json = Json::object();
+};
+
+// One step of a changing command. A dry run prints the steps, another run carries them out.
+struct Step {
+    std::string what;
+    std::vector<std::string> writes;  // places that the step changes
+    std::function<void()> act;        // throws Failure
+};
+
+struct Plan {
+    std::vector<Step> steps;
+    Json json = Json::object();  // what the plan was made from
+};
+
+// Prints the plan, or carries it out and tells what was done.
+Result carry_out(const Plan &plan, const Globals &globals);
+
+using Action = std::function<Result(const Globals &)>;
+
+// Subcommands register themselves, and set action when they are chosen.
+void add_status(CLI::App &app, const Globals &globals, Action &action);
+void add_nv(CLI::App &app, Globals &globals, Action &action);
+void add_slot(CLI::App &app, Globals &globals, Action &action);
+void add_copy(CLI::App &app, Globals &globals, Action &action);
+void add_restore(CLI::App &app, Globals &globals, Action &action);
+void add_run(CLI::App &app, Globals &globals, Action &action);
+
+// Adds --dry-run to a changing command.
+void add_dry_run(CLI::App &command, Globals &globals);
+
+}  // namespace kestactl

@@ -1,0 +1,105 @@
+#include "trace_capture.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+
+#include <algorithm>
+#include <array>
+#include <mutex>
+
+namespace kestactl {
+namespace {
+
+constexpr int highest_error_level = 2;
+constexpr std::size_t kept_lines = 4096;
+
+struct Line {
+    int level;
+    std::string text;
+};
+
+std::mutex mutex;
+std::vector<Line> lines;
+int shown_level = 0;
+bool to_platform = true;
+
+using OutTrace = void (*)(const char *, int, int, const char *, ...);
+
+// The platform's log, behind this program's own.
+OutTrace platform_log()
+{
+    static const OutTrace log = reinterpret_cast<OutTrace>(dlsym(RTLD_NEXT, "MC_OutTrace"));
+    return log;
+}
+
+const char *base_name(const char *path)
+{
+    const std::string_view text(path ? path : "");
+    const std::size_t slash = text.rfind('/');
+    return slash == std::string_view::npos ? text.data() : text.data() + slash + 1;
+}
+
+void take_line(const char *file, int line, int level, const char *text)
+{
+    const std::lock_guard guard(mutex);
+    if (lines.size() < kept_lines) {
+        lines.push_back({level, text});
+    }
+    if (level <= shown_level) {
+        fprintf(stderr, "%d %s:%d %s\n", level, base_name(file), line, text);
+    }
+    if (const OutTrace log = to_platform ? platform_log() : nullptr) {
+        log(file, line, level, "%s", text);
+    }
+}
+
+}  // namespace
+
+void show_traces(int level)
+{
+    const std::lock_guard guard(mutex);
+    shown_level = level;
+}
+
+void withhold_traces()
+{
+    const std::lock_guard guard(mutex);
+    to_platform = false;
+}
+
+std::vector<std::string> captured_errors()
+{
+    const std::lock_guard guard(mutex);
+    std::vector<std::string> errors;
+    for (const Line &line : lines) {
+        if (line.level <= highest_error_level) {
+            errors.push_back(line.text);
+        }
+    }
+    return errors;
+}
+
+bool was_traced(const std::string &text)
+{
+    const std::lock_guard guard(mutex);
+    return std::any_of(lines.begin(), lines.end(), [&](const Line &line) {
+        return line.text.find(text) != std::string::npos;
+    });
+}
+
+}  // namespace kestactl
+
+extern "C" __attribute__((visibility("default"), format(printf, 4, 5))) void MC_OutTrace(
+    const char *file, int line, int level, const char *format, ...)
+{
+    const int before = errno;
+    std::array<char, 2048> text{};
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text.data(), text.size(), format, arguments);
+    va_end(arguments);
+    kestactl::take_line(file, line, level, text.data());
+    errno = before;
+}

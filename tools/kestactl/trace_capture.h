@@ -1,0 +1,23 @@
+// The library's trace lines, as this program sees them. It takes MC_OutTrace over from the
+// platform's log: it shows lines on request, keeps those that say why something failed, and hands
+// every line on to the platform's own log.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace kestactl {
+
+// Lines up to the level go to stderr.
+void show_traces(int level);
+
+// From here on nothing goes to the platform's log: a dry run writes nothing at all.
+void withhold_traces();
+
+// The lines of levels 1 and 2 so far, oldest first.
+std::vector<std::string> captured_errors();
+
+// Whether a line with this text was traced at any level.
+bool was_traced(const std::string &text);
+
+}  // namespace kestactl
