@@ -16,6 +16,7 @@
 #include <iterator>
 
 #include "private_namespace.h"
+#include "sbin_view.h"
 
 extern char **environ;
 
@@ -121,29 +122,6 @@ void copy_libraries(const fs::path &product, const fs::path &to)
                 fs::copy(entry.path(), to / name, fs::copy_options::copy_symlinks);
             }
         }
-    }
-}
-
-// A link for every program of the machine's /usr/sbin, and the ones that command lines name and
-// this system lacks.
-void make_sbin(const fs::path &sbin)
-{
-    fs::create_directories(sbin);
-    for (const fs::directory_entry &entry : fs::directory_iterator("/usr/sbin")) {
-        std::error_code error;
-        const fs::path resolved = fs::canonical(entry.path(), error);
-        const bool elsewhere = !error && resolved.parent_path() != "/usr/sbin";
-        const fs::path target =
-            elsewhere ? resolved : fs::path(platform_folder) / "host-sbin" / entry.path().filename();
-        fs::create_symlink(target, sbin / entry.path().filename());
-    }
-    const auto provide = [&](const char *name, const fs::path &target) {
-        fs::remove(sbin / name);
-        fs::create_symlink(target, sbin / name);
-    };
-    provide("cpinfo", fs::path(platform_folder) / "product/bin/cpinfo");
-    if (!fs::exists("/usr/sbin/tar")) {
-        provide("tar", "/usr/bin/tar");
     }
 }
 
@@ -277,7 +255,8 @@ Appliance Appliance::create(const fs::path &folder, const fs::path &product)
     fs::permissions(folder, fs::perms::owner_all);
     copy_programs(from / "bin", folder / "product/bin");
     copy_libraries(from, folder / "product/lib");
-    make_sbin(folder / "sbin");
+    make_sbin(folder / "sbin", fs::path(platform_folder) / "host-sbin",
+              {{"cpinfo", fs::path(platform_folder) / "product/bin/cpinfo"}});
     make_shared(folder / "shared");
     for (int number = 0; number < controllers; ++number) {
         make_controller(folder / ("cnt" + std::to_string(number)), number);
