@@ -62,19 +62,20 @@ int cache_to_flash()
     return KESTA_OK;
 }
 
-// InitConf: the disk is filled anew, so flash gets its backup slot, if the disk is there at all.
-int bring_backup_to_flash(const char *group)
+// Which storage places can be used, determined anew.
+int check_access_mode(int &mode)
 {
-    int mode = -1;
     const int result = kestal_rw_check_for_boot_mode(&mode, reset_mode);
     if (result != KESTA_OK) {
         TRACE(1, "[backup2copy] Write Check For Execute Mode Error result=%d.", result);
         return KESTA_ERR;
     }
     TRACE(4, "[backup2copy] RWMODE CHECK:%d", mode);
-    if (mode != KESTA_RWMODE_BOTH) {
-        return KESTA_OK;
-    }
+    return KESTA_OK;
+}
+
+int bring_backup_to_flash(const char *group)
+{
     TRACE(3, "[backup2copy] Read sysvol backup.tar.Z for INITCONF & HDDOK");
     if (kestal_backup2tmp(group, backup_slot, nullptr, unpack_in_cache) != KESTA_OK) {
         // Not fatal: the group's copy script runs all the same, and its outcome counts.
@@ -113,7 +114,14 @@ int kestal_backup2copy(const char *group)
     TRACE(5, "[backup2copy] groupname=(%s)", group);
     int ret = KESTA_OK;
     if (kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_BOOT_MODE) == KESTA_BOOT_INITCONF) {
-        ret = bring_backup_to_flash(group);
+        // The disk is filled anew: flash gets its backup slot, if the disk is there at all.
+        int mode = -1;
+        if (check_access_mode(mode) != KESTA_OK) {
+            return KESTA_ERR;
+        }
+        if (mode == KESTA_RWMODE_BOTH) {
+            ret = bring_backup_to_flash(group);
+        }
     }
     if (ret == KESTA_OK) {
         ret = run_copy_script(group);

@@ -17,4 +17,8 @@ std::string read_file(const std::string &path);
 bool exists(const std::string &path);
 unsigned mode_of(const std::string &path);
 
+// A small file system of its own over a folder, for a full or a read-only disk.
+int mount_small(const std::string &folder, int bytes, bool read_only = false);
+void unmount(const std::string &folder);
+
 }  // namespace test

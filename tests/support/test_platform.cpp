@@ -23,6 +23,8 @@
 #include "tracked_allocation.h"
 #include "vrbapi.h"
 
+extern "C" int __real_system(const char *command);
+
 namespace test {
 namespace {
 
@@ -57,6 +59,8 @@ void reset(int own_number)
     unsetenv("KESTA_NOHDD_STATUS");
     unsetenv("KESTA_CPMODE_STATUS");
 }
+
+int run_shell(const std::string &command) { return __real_system(command.c_str()); }
 
 int open_descriptors()
 {
@@ -456,7 +460,6 @@ int __wrap_pclose(FILE *stream)
     return fails ? -1 : status;
 }
 
-int __real_system(const char *command);
 int __wrap_system(const char *command)
 {
     Platform &p = platform();

@@ -95,6 +95,9 @@ struct Platform {
 Platform &platform();
 void reset(int own_number = 0);
 
+// Runs a command of the test's own, which is no call of the library.
+int run_shell(const std::string &command);
+
 // Descriptors that are open now.
 int open_descriptors();
 
