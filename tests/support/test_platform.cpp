@@ -403,7 +403,7 @@ int __wrap_usleep(useconds_t us)
     }
     const std::lock_guard guard(test::mutex);
     p.calls.push_back("usleep " + std::to_string(us));
-    p.clock_us += us;
+    p.clock_us += p.clock_stands ? 0 : us;
     return 0;
 }
 

@@ -48,7 +48,8 @@ struct Platform {
 
     // --- virtual time
     std::int64_t wall_seconds = 1'000'000;
-    std::int64_t clock_us = 500'000'000;  // of the process-times clock; usleep moves both
+    std::int64_t clock_us = 500'000'000;  // of the process-times clock; usleep moves it
+    bool clock_stands = false;               // usleep doesn't
 
     // --- faults: the Nth call of any kind fails, once or from then on; 0 is never
     long fail_at = 0;
