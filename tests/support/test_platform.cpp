@@ -271,6 +271,7 @@ int sbacc_open(const char *name, const char *mode, int *handle, int *close_flag)
     if (p.meets_fault("sb_open", test::call_text({"sb_open", name, mode}))) {
         return -p.fault_errno;
     }
+    const std::lock_guard guard(test::mutex);
     const bool writes = strcmp(mode, "w") == 0;
     if (!writes && !p.sysback.contains(name)) {
         return -ENOENT;
@@ -288,6 +289,7 @@ int sbacc_read(void *buffer, unsigned int size, unsigned int offset, int handle)
     if (p.meets_fault("sb_read", test::call_text({"sb_read", std::to_string(size)}))) {
         return -p.fault_errno;
     }
+    const std::lock_guard guard(test::mutex);
     EXPECT_EQ(offset, 0u);
     const std::string &bytes = p.sysback.at(test::handles.at(handle).name).bytes;
     const std::size_t count =
@@ -302,6 +304,7 @@ int sbacc_write(const void *buffer, unsigned int size, unsigned int offset, int 
     if (p.meets_fault("sb_write", test::call_text({"sb_write", std::to_string(size)}))) {
         return -p.fault_errno;
     }
+    const std::lock_guard guard(test::mutex);
     EXPECT_EQ(offset, 0u);
     EXPECT_TRUE(test::handles.at(handle).writes);
     const std::size_t count = size - static_cast<std::size_t>(p.short_by);
@@ -316,6 +319,7 @@ int sbacc_read_size(int handle)
     if (p.meets_fault("sb_size", "sb_size")) {
         return -p.fault_errno;
     }
+    const std::lock_guard guard(test::mutex);
     if (p.read_size_result < 0) {
         return p.read_size_result;
     }
@@ -330,6 +334,7 @@ int sbacc_write_size(unsigned int size, int handle)
                       test::call_text({"sb_write_size", std::to_string(size)}))) {
         return -p.fault_errno;
     }
+    const std::lock_guard guard(test::mutex);
     p.sysback.at(test::handles.at(handle).name).recorded_size = static_cast<int>(size);
     return 0;
 }
@@ -337,8 +342,11 @@ int sbacc_write_size(unsigned int size, int handle)
 int sbacc_close(int handle)
 {
     Platform &p = platform();
-    EXPECT_EQ(test::handles.erase(handle), 1u) << "closed twice, or never opened";
-    --p.open_handles;
+    {
+        const std::lock_guard guard(test::mutex);
+        EXPECT_EQ(test::handles.erase(handle), 1u) << "closed twice, or never opened";
+        --p.open_handles;
+    }
     // A close that is made to fail still closes.
     return p.meets_fault("sb_close", "sb_close") ? -p.fault_errno : p.close_result;
 }
@@ -354,6 +362,7 @@ int vrbapi_setint_to_file(const char *path, int value, _VRBAPIERRINFO *error)
         error->s_errno = p.fault_errno;
         return -1;
     }
+    const std::lock_guard guard(test::mutex);
     p.integer_files[path] = value;
     return 0;
 }
@@ -464,7 +473,10 @@ int __wrap_system(const char *command)
 {
     Platform &p = platform();
     const bool fails = p.meets_fault("system", test::call_text({"system", command}));
-    p.system_commands.push_back(command);
+    {
+        const std::lock_guard guard(test::mutex);
+        p.system_commands.push_back(command);
+    }
     if (fails) {
         errno = p.fault_errno;
         return -1;
@@ -472,6 +484,7 @@ int __wrap_system(const char *command)
     if (p.run_system) {
         return __real_system(command);
     }
+    const std::lock_guard guard(test::mutex);
     if (p.system_statuses.empty()) {
         return 0;
     }
@@ -593,8 +606,12 @@ int __real_lockf(int fd, int command, off_t length);
 int __wrap_lockf(int fd, int command, off_t length)
 {
     Platform &p = platform();
-    const auto rule = p.kind_faults.find("lockf");
-    if (rule != p.kind_faults.end() && p.meets_fault("lockf", "lockf")) {
+    bool has_rule;
+    {
+        const std::lock_guard guard(test::mutex);
+        has_rule = p.kind_faults.contains("lockf");
+    }
+    if (has_rule && p.meets_fault("lockf", "lockf")) {
         errno = p.fault_errno;
         return -1;
     }
