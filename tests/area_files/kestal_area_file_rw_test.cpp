@@ -160,7 +160,7 @@ TEST_F(ChangeAddress, SwitchIsTwoCalls)
     accept[20] = 'x';  // all 32 bytes are written
     EXPECT_EQ(kestal_change_address(accept, backup, 0), 0);
     EXPECT_EQ(p().text_at(nv_accept_name, 32), "kesta_backup0");
-    EXPECT_EQ(p().nv[nv_accept_name + 20], 'x');
+    EXPECT_EQ(p().nv.data()[nv_accept_name + 20], 'x');
     EXPECT_EQ(p().text_at(nv_backup_name, 32), "kesta_backup0") << "not yet";
     EXPECT_EQ(kestal_change_address(accept, backup, 1), 0);
     EXPECT_EQ(p().text_at(nv_backup_name, 32), "kesta_backup1");

@@ -187,14 +187,7 @@ int nv_transfer(const char *kind, int handle, const cpfw_nv_region_t *region,
         ADD_FAILURE() << "transfer outside the region: " << call;
         return -ERANGE;
     }
-    {
-        const std::lock_guard guard(mutex);
-        if (writes) {
-            memcpy(p.nv.data() + access->offset, access->buffer, access->length);
-        } else {
-            memcpy(access->buffer, p.nv.data() + access->offset, access->length);
-        }
-    }
+    p.nv.transfer(writes, access->offset, access->buffer, access->length);
     if (p.after_call) {
         p.after_call(call);
     }

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "nv_memory.h"
+
 namespace test {
 
 struct Trace {
@@ -32,7 +34,7 @@ struct CommandOutput {
 
 struct Platform {
     // --- what the appliance holds
-    std::vector<unsigned char> nv = std::vector<unsigned char>(32768);
+    NvMemory nv;
     std::map<std::string, StoredFile> sysback;
     std::map<std::string, int> integer_files;
     int master = 0;
