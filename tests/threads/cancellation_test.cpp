@@ -129,11 +129,13 @@ TEST_F(Cancellation, CancellationStateIsPutBackNotForcedOn)
 TEST_F(Cancellation, WholeFiles)
 {
     sweep([] {
-        void *data = nullptr;
+        // The buffer belongs to the caller as soon as it is handed back.
+        struct Buffer {
+            ~Buffer() { kestal_free_debug(data, "../common/x.cpp", 1, 0); }
+            void *data = nullptr;
+        } buffer;
         unsigned size = 0;
-        const int result = kestal_backup_rw("kesta_backup0", 1, &data, &size);
-        kestal_free_debug(data, "../common/x.cpp", 1, 0);
-        return result;
+        return kestal_backup_rw("kesta_backup0", 1, &buffer.data, &size);
     });
     sweep([] {
         char bytes[] = "bytes";

@@ -1,0 +1,244 @@
+#include <errno.h>
+
+#include <random>
+
+#include "platform_test.h"
+#include "sanfwctl.h"
+
+using namespace test;
+
+namespace {
+
+int transfer(bool writes, unsigned region, std::uint64_t offset, void *buffer, std::uint64_t length)
+{
+    cpfw_nv_region_t number = region;
+    cpfw_nv_access_t access{buffer, offset, length};
+    return writes ? zKTsanfwctl_write_nv(-1, &number, &access, 1)
+                  : zKTsanfwctl_read_nv(-1, &number, &access, 1);
+}
+
+int write_nv(std::uint64_t offset, std::string bytes, unsigned region = 2)
+{
+    return transfer(true, region, offset, bytes.data(), bytes.size());
+}
+
+std::string read_nv(std::uint64_t offset, std::size_t size, unsigned region = 2)
+{
+    std::string bytes(size, '?');
+    EXPECT_EQ(transfer(false, region, offset, bytes.data(), size), 0);
+    return bytes;
+}
+
+constexpr std::uint64_t region_size = 32768;
+
+}  // namespace
+
+class Sanfwctl : public PlatformTest {};
+
+TEST_F(Sanfwctl, RegionThatWasNeverWrittenIsZeroAndLeavesNoFile)
+{
+    EXPECT_EQ(read_nv(600, 64), std::string(64, '\0'));
+    EXPECT_TRUE(names_in(nv()).empty());
+}
+
+TEST_F(Sanfwctl, WritesAreSeenByOtherProcesses)
+{
+    EXPECT_EQ(write_nv(100, "abc"), 0);
+    EXPECT_EQ(in_process([] {
+                  EXPECT_EQ(read_nv(99, 5), std::string("\0abc\0", 5));
+                  EXPECT_EQ(write_nv(101, "X"), 0);
+              }),
+              0);
+    EXPECT_EQ(read_nv(100, 3), "aXc");
+    EXPECT_EQ(read_nv(100, 3, 1), std::string(3, '\0')) << "another region";
+}
+
+TEST_F(Sanfwctl, WholeRegionAndItsEdges)
+{
+    EXPECT_EQ(write_nv(0, std::string(region_size, 'w')), 0);
+    EXPECT_EQ(read_nv(0, region_size), std::string(region_size, 'w'));
+    EXPECT_EQ(write_nv(region_size - 1, "z"), 0);
+    EXPECT_EQ(write_nv(region_size, ""), 0) << "nothing, at the end";
+}
+
+TEST_F(Sanfwctl, WhatIsOutOfRangeIsRefusedAndNothingTransferred)
+{
+    EXPECT_EQ(write_nv(0, "before"), 0);
+    char byte[2] = {'x', 'x'};
+    EXPECT_EQ(transfer(true, 2, region_size, byte, 1), -ERANGE);
+    EXPECT_EQ(transfer(true, 2, region_size - 1, byte, 2), -ERANGE);
+    EXPECT_EQ(transfer(true, 2, UINT64_MAX, byte, 2), -ERANGE) << "the sum wraps";
+    EXPECT_EQ(transfer(true, 2, 2, byte, UINT64_MAX), -ERANGE);
+    EXPECT_EQ(transfer(false, 2, region_size - 1, byte, 2), -ERANGE);
+    EXPECT_EQ(byte[0], 'x');
+    EXPECT_EQ(read_nv(region_size - 1, 1), std::string(1, '\0'));
+}
+
+TEST_F(Sanfwctl, UnknownRegionBadCountAndNullPointersAreRefused)
+{
+    char byte = 'x';
+    EXPECT_EQ(transfer(true, 3, 0, &byte, 1), -ENXIO);
+    EXPECT_EQ(transfer(false, 3, 0, &byte, 1), -ENXIO);
+    EXPECT_EQ(transfer(false, 2, 0, nullptr, 1), -EINVAL);
+    cpfw_nv_region_t region = 2;
+    cpfw_nv_access_t access{&byte, 0, 1};
+    for (const int count : {0, 2, -1}) {
+        EXPECT_EQ(zKTsanfwctl_write_nv(-1, &region, &access, count), -EINVAL);
+    }
+    EXPECT_EQ(zKTsanfwctl_write_nv(-1, nullptr, &access, 1), -EINVAL);
+    EXPECT_EQ(zKTsanfwctl_read_nv(-1, &region, nullptr, 1), -EINVAL);
+    EXPECT_TRUE(names_in(nv()).empty());
+}
+
+TEST_F(Sanfwctl, WriterKilledBeforeTheTransferHoldsNeverWrote)
+{
+    EXPECT_EQ(write_nv(0, std::string(664, 'o')), 0);
+    faults("nv_write_mid 1 once kill\n");  // in the middle of the journal
+    EXPECT_TRUE(WIFSIGNALED(in_process([] { write_nv(0, std::string(664, 'n')); })));
+    no_faults();
+    EXPECT_EQ(read_nv(0, 664), std::string(664, 'o'));
+    EXPECT_EQ(write_nv(0, "x"), 0) << "the lock is free";
+}
+
+TEST_F(Sanfwctl, WriterKilledInTheMiddleOfTheImageIsFinishedByTheNextProcess)
+{
+    for (const bool next_writes : {false, true}) {
+        EXPECT_EQ(write_nv(0, std::string(664, 'o')), 0);
+        faults("nv_write_mid 2 once kill\n");
+        EXPECT_TRUE(WIFSIGNALED(in_process([] { write_nv(0, std::string(664, 'n')); })));
+        no_faults();
+        if (next_writes) {
+            EXPECT_EQ(write_nv(664, "next"), 0);
+        }
+        EXPECT_EQ(read_nv(0, 664), std::string(664, 'n'));
+    }
+}
+
+TEST_F(Sanfwctl, EveryTransferIsSeenWholeWhileWritersAreKilled)
+{
+    // Writers fill 664 bytes with one letter and are killed wherever they are; readers look.
+    EXPECT_EQ(write_nv(0, std::string(664, 'a')), 0);
+    std::mt19937 random(1);
+    for (int round = 0; round < 20; ++round) {
+        std::vector<pid_t> writers;
+        for (char letter = 'b'; letter < 'e'; ++letter) {
+            const pid_t child = fork();
+            if (child == 0) {
+                for (;;) {
+                    write_nv(0, std::string(664, letter));
+                }
+            }
+            writers.push_back(child);
+        }
+        for (int look = 0; look < 200; ++look) {
+            const std::string seen = read_nv(0, 664);
+            ASSERT_EQ(seen, std::string(664, seen[0])) << "a transfer was seen in halves";
+            if (look == static_cast<int>(random() % 200)) {
+                kill(writers[0], SIGKILL);
+            }
+        }
+        for (const pid_t writer : writers) {
+            kill(writer, SIGKILL);
+            waitpid(writer, nullptr, 0);
+        }
+    }
+}
+
+TEST_F(Sanfwctl, ProgramThatClosesAllDescriptorsOrLosesTheFileGoesOn)
+{
+    EXPECT_EQ(write_nv(0, "one"), 0);
+    EXPECT_EQ(in_process([] {
+                  for (int fd = 3; fd < 64; ++fd) {
+                      close(fd);
+                  }
+                  // Other files take the numbers.
+                  const int other = ::open("/dev/null", O_RDWR);
+                  EXPECT_EQ(read_nv(0, 3), "one");
+                  EXPECT_EQ(write_nv(0, "two"), 0);
+                  EXPECT_EQ(fcntl(other, F_GETFD), 0) << "not ours to close";
+              }),
+              0);
+    EXPECT_EQ(read_nv(0, 3), "two");
+    fs::remove_all(nv());
+    fs::create_directories(nv());
+    EXPECT_EQ(read_nv(0, 3), std::string(3, '\0')) << "a new store";
+}
+
+TEST_F(Sanfwctl, FailuresOfTheStore)
+{
+    fs::remove_all(nv());
+    EXPECT_EQ(write_nv(0, "x"), -ENOENT);
+    fs::create_directories(nv());
+    write_file(nv() + "/region2.img", "damaged");
+    EXPECT_EQ(write_nv(0, "x"), -EIO);
+    char byte;
+    EXPECT_EQ(transfer(false, 2, 0, &byte, 1), -EIO);
+    EXPECT_EQ(read_file(nv() + "/region2.img"), "damaged");
+}
+
+TEST_F(Sanfwctl, FaultsOnDemand)
+{
+    faults("# the second read, once\nnv_read 2 once fail 28\nnv_write 1 on fail\n");
+    char byte;
+    EXPECT_EQ(transfer(false, 2, 0, &byte, 1), 0);
+    EXPECT_EQ(transfer(false, 2, 0, &byte, 1), -28);
+    EXPECT_EQ(transfer(false, 2, 0, &byte, 1), 0);
+    EXPECT_EQ(write_nv(0, "x"), -EIO);
+    EXPECT_EQ(write_nv(0, "x"), -EIO);
+    faults("nv_read 1 once fail\n");
+    EXPECT_EQ(transfer(false, 2, 0, &byte, 1), -EIO) << "the counts begin anew with a new file";
+    EXPECT_EQ(write_nv(0, "x"), 0);
+}
+
+TEST_F(Sanfwctl, BlockedCallWaitsForItsPipe)
+{
+    const std::string fifo = folder() + "/fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    faults("nv_write 1 once block " + fifo + "\n");
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(write_nv(0, "late") == 0 ? 0 : 1);
+    }
+    const int gate = ::open(fifo.c_str(), O_WRONLY);  // opens when the call has got there
+    ASSERT_GE(gate, 0);
+    EXPECT_EQ(read_nv(0, 4), std::string(4, '\0'));
+    close(gate);
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(read_nv(0, 4), "late");
+}
+
+TEST_F(Sanfwctl, StatusBytesComeFromTheFile)
+{
+    write_file(folder() + "/status",
+               "# controllers\ncont0 = 0x13\ncard0=4\ncont1 = 32\n cont3 = 0xff\ncard3 = 2\n"
+               "cont2 = 300\nnonsense\ncont4 = 1\n");
+    sanfw_getstatus_out plain;
+    memset(&plain, 0xee, sizeof(plain));
+    ASSERT_EQ(zKTsanfwctl_get_status(0, &plain), 0);
+    EXPECT_EQ(plain.cont0_sts, 0x13);
+    EXPECT_EQ(plain.card0_sts, 4);
+    EXPECT_EQ(plain.cont1_sts, 32);
+    EXPECT_EQ(plain.reserved[35], 0);
+    sanfw_getstatus_ex_out extended;
+    memset(&extended, 0xee, sizeof(extended));
+    ASSERT_EQ(zKTsanfwctl_get_status_ex(1, &extended), 0);
+    EXPECT_EQ(extended.cont_sts[3], 0xff);
+    EXPECT_EQ(extended.card_sts[3], 2);
+    EXPECT_EQ(extended.cont_sts[2], 0) << "no byte";
+}
+
+TEST_F(Sanfwctl, StatusFailures)
+{
+    sanfw_getstatus_out plain;
+    sanfw_getstatus_ex_out extended;
+    EXPECT_EQ(zKTsanfwctl_get_status(0, &plain), -ENOENT);
+    write_file(folder() + "/status", "cont0 = 1\n");
+    EXPECT_EQ(zKTsanfwctl_get_status(1, &plain), -EINVAL);
+    EXPECT_EQ(zKTsanfwctl_get_status(0, nullptr), -EINVAL);
+    EXPECT_EQ(zKTsanfwctl_get_status_ex(0, &extended), -EINVAL);
+    EXPECT_EQ(zKTsanfwctl_get_status_ex(1, nullptr), -EINVAL);
+    faults("status 1 once fail 5\n");
+    EXPECT_EQ(zKTsanfwctl_get_status(0, &plain), -5);
+}
