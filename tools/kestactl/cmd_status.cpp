@@ -145,7 +145,7 @@ private:
     bool failed_ = false;
 };
 
-Json master(int own)
+Json master()
 {
     for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
         const int result = kestal_master_cnt_check(i);
@@ -156,7 +156,6 @@ Json master(int own)
             return nullptr;
         }
     }
-    (void)own;
     return nullptr;
 }
 
@@ -238,7 +237,7 @@ Result status(bool archives)
         return number_or_null(kestal_execute_command_by_popen(KESTA_CPINFO_CONTROLLER_COUNT));
     });
     json["boot_mode"] = answers.ask(boot_mode);
-    json["master"] = answers.ask([&] { return master(own); });
+    json["master"] = answers.ask(master);
     json["backup_slot"] = answers.ask([] { return Json(backup_slot()); });
     json["accept_slot"] = answers.ask([] { return Json(accept_slot()); });
     json["group"] = answers.ask(

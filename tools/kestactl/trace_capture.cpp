@@ -7,13 +7,15 @@
 
 #include <algorithm>
 #include <array>
+#include <deque>
 #include <mutex>
 
 namespace kestactl {
 namespace {
 
 constexpr int highest_error_level = 2;
-constexpr std::size_t kept_lines = 4096;
+constexpr int progress_level = 5;
+constexpr std::size_t kept_lines = 256;
 
 struct Line {
     int level;
@@ -21,7 +23,7 @@ struct Line {
 };
 
 std::mutex mutex;
-std::vector<Line> lines;
+std::deque<Line> lines;  // the last ones; progress is not kept
 int shown_level = 0;
 bool to_platform = true;
 
@@ -44,8 +46,11 @@ const char *base_name(const char *path)
 void take_line(const char *file, int line, int level, const char *text)
 {
     const std::lock_guard guard(mutex);
-    if (lines.size() < kept_lines) {
+    if (level < progress_level) {
         lines.push_back({level, text});
+        if (lines.size() > kept_lines) {
+            lines.pop_front();
+        }
     }
     if (level <= shown_level) {
         fprintf(stderr, "%d %s:%d %s\n", level, base_name(file), line, text);
