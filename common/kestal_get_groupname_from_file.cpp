@@ -58,7 +58,7 @@ bool store_group(const Group &group, int count, char *names, int *errorcds)
         return false;
     }
     const int index = count - 1;
-    char *entry = names + index * KESTA_GROUP_NAME_SIZE;
+    char *entry = names + static_cast<std::size_t>(index) * KESTA_GROUP_NAME_SIZE;
     memset(entry, 0, KESTA_GROUP_NAME_SIZE);
     memcpy(entry, group.name, strnlen(group.name, KESTA_GROUP_NAME_SIZE));
     errorcds[index] = kesta::leading_int(group.code);

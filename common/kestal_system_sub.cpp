@@ -28,7 +28,7 @@
 namespace {
 
 constexpr int max_environment_strings = 511;
-constexpr std::size_t child_stack_size = 64 * 1024;
+constexpr std::size_t child_stack_size = 65536;
 constexpr int first_closed_descriptor = 3;
 constexpr unsigned kill_poll_us = 100000;
 constexpr int kill_polls = 4;

@@ -13,17 +13,16 @@ namespace kesta {
 
 inline void prefer_huge_pages(void *buffer, std::size_t size)
 {
-    constexpr std::uintptr_t huge_page = 2U << 20;
-    const std::uintptr_t begin =
-        (reinterpret_cast<std::uintptr_t>(buffer) + huge_page - 1) & ~(huge_page - 1);
-    const std::uintptr_t end =
-        (reinterpret_cast<std::uintptr_t>(buffer) + size) & ~(huge_page - 1);
-    if (buffer && end > begin) {
-        const int before = errno;
-        // Advice only: without huge pages the buffer works as well.
-        (void)madvise(reinterpret_cast<void *>(begin), end - begin, MADV_HUGEPAGE);
-        errno = before;
+    constexpr std::size_t huge_page = std::size_t{2} << 20;
+    const std::size_t before_first = -reinterpret_cast<std::uintptr_t>(buffer) % huge_page;
+    if (!buffer || size < before_first + huge_page) {
+        return;
     }
+    const int before = errno;
+    // Advice only: without huge pages the buffer works as well.
+    (void)madvise(static_cast<char *>(buffer) + before_first,
+                  (size - before_first) / huge_page * huge_page, MADV_HUGEPAGE);
+    errno = before;
 }
 
 }  // namespace kesta

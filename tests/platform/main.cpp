@@ -3,7 +3,7 @@
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    const std::string at = test::folder();
+    const std::string &at = test::folder();
     setenv("KESTA_PLATFORM_CONF", (at + "/none.conf").c_str(), 1);
     setenv("KESTA_PLATFORM_NV_DIR", (at + "/nv").c_str(), 1);
     setenv("KESTA_PLATFORM_SYSBACK_DIR", (at + "/sysback").c_str(), 1);

@@ -8,7 +8,6 @@
 #include "platform_test.h"
 
 using namespace test;
-using testing::ElementsAre;
 
 namespace {
 

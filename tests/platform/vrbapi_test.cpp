@@ -9,7 +9,6 @@
 #include "platform_test.h"
 
 using namespace test;
-using testing::UnorderedElementsAre;
 
 class Vrbapi : public PlatformTest {
 protected:

@@ -1,0 +1,52 @@
+# The commands of the README. Each one installs what it needs first (scripts/install-deps.sh).
+
+.DEFAULT_GOAL := build
+.PHONY: build demo test bench check-release check-asan check-tsan check-tidy install deps clean
+
+JOBS ?= $(shell nproc)
+PREFIX ?= /usr/local
+
+deps:
+	@scripts/install-deps.sh
+
+# What is shipped, in build/release.
+build: deps
+	@cmake --preset release > /dev/null
+	@cmake --build --preset release -j $(JOBS)
+
+# Saves a real environment on an appliance of four controllers and brings it back.
+demo: build
+	@scripts/demo.sh build/release
+
+# Every test: as shipped, under the address, undefined behaviour and thread sanitizers, and the
+# static checks of the library.
+test: check-release check-asan check-tsan check-tidy
+	@echo "All tests passed."
+
+check-release: build
+	ctest --preset release -j $(JOBS)
+
+check-asan: deps
+	cmake --preset asan > /dev/null
+	cmake --build --preset asan -j $(JOBS)
+	ctest --preset asan -j $(JOBS)
+
+# Only the programs with threads of their own.
+check-tsan: deps
+	cmake --preset tsan > /dev/null
+	cmake --build --preset tsan -j $(JOBS) --target threads_test
+	ctest --preset tsan -j $(JOBS)
+
+check-tidy: check-asan
+	run-clang-tidy -quiet -p build/asan -j $(JOBS) '/(common|platform/embedded)/.*\.cpp$$' > build/tidy.log 2>&1 \
+	    || { cat build/tidy.log; exit 1; }
+
+# Measures, and writes the table of docs/performance.md.
+bench: build
+	@scripts/bench.sh build/release
+
+install: build
+	cmake --install build/release --prefix $(PREFIX)
+
+clean:
+	rm -rf build

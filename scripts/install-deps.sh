@@ -1,0 +1,38 @@
+#!/bin/sh
+# Installs what building, testing and demonstrating needs, from Debian's own packages. Does nothing
+# where all of it is there; asks for sudo only when it is not root.
+set -eu
+
+packages="
+    ca-certificates make cmake ninja-build pkg-config
+    g++ gcc clang clang-tidy libclang-rt-14-dev binutils
+    libcli11-dev nlohmann-json3-dev nettle-dev
+    libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
+    tar bzip2 coreutils findutils util-linux mount procps python3
+"
+
+missing=""
+for package in $packages; do
+    state=$(dpkg-query -W -f '${Status}' "$package" 2> /dev/null || true)
+    if [ "$state" != "install ok installed" ]; then
+        missing="$missing $package"
+    fi
+done
+if [ -z "$missing" ]; then
+    exit 0
+fi
+
+as_root=""
+if [ "$(id -u)" -ne 0 ]; then
+    if ! command -v sudo > /dev/null; then
+        echo "These packages are missing, and neither root nor sudo is here to install them:" >&2
+        echo " $missing" >&2
+        exit 1
+    fi
+    as_root=sudo
+fi
+echo "Installing:$missing"
+$as_root env DEBIAN_FRONTEND=noninteractive apt-get update -q
+# shellcheck disable=SC2086
+$as_root env DEBIAN_FRONTEND=noninteractive \
+    apt-get install -y -q --no-install-recommends $missing
