@@ -53,14 +53,19 @@ int create_beside(const char *path, char *temporary, unsigned size)
 
 int write_all(int fd, const void *data, unsigned long size, long offset)
 {
+    constexpr unsigned long portion = 8UL << 20;
     const char *from = static_cast<const char *>(data);
     while (size > 0) {
-        const ssize_t written = pwrite(fd, from, size, offset);
+        const ssize_t written = pwrite(fd, from, size < portion ? size : portion, offset);
         if (written < 0) {
             if (errno == EINTR) {
                 continue;
             }
             return -errno;
+        }
+        if (size > portion) {
+            // The disk begins while the rest is copied. Advice only: the flush tells of failures.
+            (void)sync_file_range(fd, offset, written, SYNC_FILE_RANGE_WRITE);
         }
         from += written;
         offset += written;

@@ -13,6 +13,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <charconv>
+#include <initializer_list>
+
 #include "scoped.h"
 #include "settings.h"
 
@@ -27,6 +30,7 @@ constexpr int level_unknown = -1;
 constexpr int first_own_descriptor = 3;  // 0, 1 and 2 belong to the program
 
 int highest_level = level_unknown;  // lines above it are dropped
+TraceTarget target;                 // known when the level is
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the trace file below
 pthread_once_t fork_handled = PTHREAD_ONCE_INIT;
 
@@ -34,9 +38,39 @@ int trace_fd = -1;
 struct stat trace_file;    // of trace_fd when it was opened
 unsigned lines_since_look; // lines since the name was last compared with the file
 
+// Asked once, and again in a child: the calls cost as much as the rest of a line's formatting.
+pid_t process_number;               // 0: not asked yet
+thread_local pid_t thread_number;   // of the process below
+thread_local pid_t thread_process;
+
 void lock_for_fork() { pthread_mutex_lock(&mutex); }
 void unlock_after_fork() { pthread_mutex_unlock(&mutex); }
-void handle_fork() { pthread_atfork(lock_for_fork, unlock_after_fork, unlock_after_fork); }
+void forget_process_after_fork()
+{
+    process_number = 0;
+    pthread_mutex_unlock(&mutex);
+}
+void handle_fork() { pthread_atfork(lock_for_fork, unlock_after_fork, forget_process_after_fork); }
+
+pid_t own_process()
+{
+    pthread_once(&fork_handled, handle_fork);
+    pid_t number = __atomic_load_n(&process_number, __ATOMIC_RELAXED);
+    if (number == 0) {
+        number = getpid();
+        __atomic_store_n(&process_number, number, __ATOMIC_RELAXED);
+    }
+    return number;
+}
+
+pid_t own_thread(pid_t process)
+{
+    if (thread_process != process) {
+        thread_process = process;
+        thread_number = gettid();
+    }
+    return thread_number;
+}
 
 // Whether two results of stat mean the same file.
 bool same_file(const struct stat &a, const struct stat &b)
@@ -122,7 +156,6 @@ bool prepare_trace_file()
 
 void write_to_file(const char *line, size_t length)
 {
-    pthread_once(&fork_handled, handle_fork);
     const Locked locked(mutex);
     if (prepare_trace_file()) {
         (void)!write(trace_fd, line, length);  // a trace that can't be written is lost
@@ -163,30 +196,60 @@ int syslog_priority(int level)
     }
 }
 
-void put_digits(char *to, unsigned value, int count)
+char *put_padded(char *to, unsigned value, int digits)
 {
-    while (count > 0) {
-        to[--count] = static_cast<char>('0' + value % 10);
+    for (int i = digits; i > 0; --i) {
+        to[i - 1] = static_cast<char>('0' + value % 10);
         value /= 10;
     }
+    return to + digits;
 }
 
-// "2026-11-21T04:27:11.123456Z": 27 characters.
-size_t put_time(char *to)
+char *put_number(char *to, int value)
+{
+    return std::to_chars(to, to + 11, value).ptr;
+}
+
+// "2026-11-21T04:27:11.123456Z"
+char *put_time(char *to)
 {
     struct timespec now;
     struct tm utc;
     clock_gettime(CLOCK_REALTIME, &now);
     gmtime_r(&now.tv_sec, &utc);
-    memcpy(to, "0000-00-00T00:00:00.000000Z", 28);
-    put_digits(to, static_cast<unsigned>(utc.tm_year + 1900), 4);
-    put_digits(to + 5, static_cast<unsigned>(utc.tm_mon + 1), 2);
-    put_digits(to + 8, static_cast<unsigned>(utc.tm_mday), 2);
-    put_digits(to + 11, static_cast<unsigned>(utc.tm_hour), 2);
-    put_digits(to + 14, static_cast<unsigned>(utc.tm_min), 2);
-    put_digits(to + 17, static_cast<unsigned>(utc.tm_sec), 2);
-    put_digits(to + 20, static_cast<unsigned>(now.tv_nsec / 1000), 6);
-    return 27;
+    const auto part = [&to](int value, int digits, char after) {
+        to = put_padded(to, static_cast<unsigned>(value), digits);
+        *to++ = after;
+    };
+    part(utc.tm_year + 1900, 4, '-');
+    part(utc.tm_mon + 1, 2, '-');
+    part(utc.tm_mday, 2, 'T');
+    part(utc.tm_hour, 2, ':');
+    part(utc.tm_min, 2, ':');
+    part(utc.tm_sec, 2, '.');
+    part(static_cast<int>(now.tv_nsec / 1000), 6, 'Z');
+    return to;
+}
+
+// Time, process, thread, level, file and line, each with a blank behind it.
+size_t put_head(char *line, const char *file, int line_number, int level)
+{
+    constexpr size_t longest_name = 64;
+    const pid_t process = own_process();
+    char *to = put_time(line);
+    for (const int number : {process, own_thread(process), level}) {
+        *to++ = ' ';
+        to = put_number(to, number);
+    }
+    *to++ = ' ';
+    const char *name = file ? MC_FilePathDel(file) : "-";
+    const size_t length = strnlen(name, longest_name);
+    memcpy(to, name, length);
+    to += length;
+    *to++ = ':';
+    to = put_number(to, line_number);
+    *to++ = ' ';
+    return static_cast<size_t>(to - line);
 }
 
 size_t bounded(int length, size_t room)
@@ -197,12 +260,13 @@ size_t bounded(int length, size_t room)
     return static_cast<size_t>(length) < room ? static_cast<size_t>(length) : room - 1;
 }
 
-// A line has no line breaks in it, and ends in one.
-size_t finish_line(char *line, size_t length)
+// A line has no line breaks in it, and ends in one. Only the text can have any.
+size_t finish_line(char *line, size_t text, size_t length)
 {
-    for (size_t i = 0; i < length; ++i) {
-        if (line[i] == '\n' || line[i] == '\r') {
-            line[i] = ' ';
+    for (const char c : {'\n', '\r'}) {
+        char *at = line + text;
+        while ((at = static_cast<char *>(memchr(at, c, static_cast<size_t>(line + length - at))))) {
+            *at++ = ' ';
         }
     }
     line[length] = '\n';
@@ -214,21 +278,16 @@ __attribute__((noinline, format(printf, 4, 0))) void write_trace(const char *fil
                                                                  va_list arguments)
 {
     char line[line_size];
-    size_t used = put_time(line);
-    const char *name = file ? MC_FilePathDel(file) : "-";
-    used += bounded(snprintf(line + used, line_size - used, " %d %d %d %.64s:%d ", getpid(),
-                             gettid(), level, name, line_number),
-                    line_size - used);
+    size_t used = put_head(line, file, line_number, level);
     const size_t text = used;
     used += bounded(vsnprintf(line + used, line_size - 1 - used, format, arguments),
                     line_size - 1 - used);
-    const TraceTarget target = trace_target();
     if (target == TraceTarget::system_log) {
         line[used] = '\0';
         syslog(LOG_USER | syslog_priority(level), "%s", line + text);
         return;
     }
-    const size_t length = finish_line(line, used);
+    const size_t length = finish_line(line, text, used);
     if (target == TraceTarget::file) {
         write_to_file(line, length);
     } else {
@@ -240,8 +299,10 @@ __attribute__((noinline)) int load_level()
 {
     const CancelOff off;
     const int before = errno;
-    const int level = trace_target() == TraceTarget::none ? 0 : settings().trace_level;
-    __atomic_store_n(&highest_level, level, __ATOMIC_RELAXED);
+    const TraceTarget known_target = trace_target();
+    const int level = known_target == TraceTarget::none ? 0 : settings().trace_level;
+    __atomic_store(&target, &known_target, __ATOMIC_RELAXED);
+    __atomic_store_n(&highest_level, level, __ATOMIC_RELEASE);
     errno = before;
     return level;
 }
@@ -250,7 +311,7 @@ __attribute__((noinline)) int load_level()
 
 PLATFORM_API void MC_OutTrace(const char *file, int line, int level, const char *format, ...)
 {
-    int highest = __atomic_load_n(&highest_level, __ATOMIC_RELAXED);
+    int highest = __atomic_load_n(&highest_level, __ATOMIC_ACQUIRE);
     if (__builtin_expect(highest == level_unknown, 0)) {
         highest = load_level();
     }

@@ -91,13 +91,11 @@ void copy_in(unsigned char *to, const void *from, uint64_t length)
 
 }  // namespace
 
-bool MappedFile::is_current(const char *path, uint64_t size) const
+bool MappedFile::is_current() const
 {
     struct stat mine;
-    struct stat named;
     return bytes_ && fstat(fd_, &mine) == 0 && mine.st_dev == device_ && mine.st_ino == inode_ &&
-           mine.st_size == static_cast<off_t>(size) && stat(path, &named) == 0 &&
-           named.st_dev == device_ && named.st_ino == inode_;
+           mine.st_size == static_cast<off_t>(size_) && mine.st_nlink > 0;
 }
 
 void MappedFile::detach()
@@ -115,9 +113,6 @@ void MappedFile::detach()
 
 int MappedFile::attach(const char *path, uint64_t size, bool create)
 {
-    if (is_current(path, size)) {
-        return 0;
-    }
     detach();
     Fd fd(open(path, O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0600));
     if (!fd) {
@@ -153,6 +148,9 @@ int MappedFile::attach(const char *path, uint64_t size, bool create)
 
 int NvRegion::attach(unsigned number, bool create)
 {
+    if (image_.is_current() && journal_.is_current()) {
+        return 0;
+    }
     char image[path_size + 32];
     char journal[path_size + 32];
     snprintf(image, sizeof(image), "%s/region%u.img", settings().nv_dir, number);
@@ -178,7 +176,7 @@ void NvRegion::finish_interrupted_transfer()
 int NvRegion::read(unsigned number, uint64_t offset, void *buffer, uint64_t length)
 {
     int result = attach(number, false);
-    if (result == -ENOENT) {
+    if (result == -ENOENT && access(settings().nv_dir, F_OK) == 0) {
         memset(buffer, 0, length);  // never written
         return 0;
     }

@@ -8,11 +8,14 @@ namespace embedded {
 
 inline constexpr uint64_t nv_region_size = 32768;
 
-// A file mapped whole. It is found again when somebody replaced it, or when a program that closes
-// all its descriptors closed ours.
+// A file mapped whole.
 class MappedFile {
 public:
-    // Opens or checks the file; a missing one is created, filled with zeros, if create is set.
+    // Whether the file is attached and stands for itself still: not after somebody removed or
+    // replaced it, nor after a program that closes all its descriptors closed ours.
+    bool is_current() const;
+
+    // Opens the file anew; a missing one is created, filled with zeros, if create is set.
     // Returns 0, or a negative errno (-ENOENT: missing, and not to be created).
     int attach(const char *path, uint64_t size, bool create);
 
@@ -21,8 +24,6 @@ public:
     unsigned char *bytes() const { return bytes_; }
 
 private:
-    bool is_current(const char *path, uint64_t size) const;
-
     int fd_ = -1;
     unsigned char *bytes_ = nullptr;
     uint64_t size_ = 0;

@@ -1,0 +1,58 @@
+#!/bin/sh
+# Measures, each figure beside its raw cost, and writes the table of ratios to docs/performance.md.
+#   scripts/bench.sh BUILD_FOLDER [REPORT]
+set -eu
+
+build=$(cd "${1:-build/release}" && pwd)
+scripts=$(cd "$(dirname "$0")" && pwd)
+report=${2:-"$scripts/../docs/performance.md"}
+PATH="$build/bin:$PATH"
+memory=$(mktemp -d /dev/shm/kesta-bench-XXXXXX)
+disk=$(mktemp -d "${TMPDIR:-/var/tmp}/kesta-bench-XXXXXX")
+
+clean_up()
+{
+    for place in "$memory" "$disk"; do
+        [ ! -e "$place/lab/lab.conf" ] || kesta-lab destroy "$place/lab"
+        rm -rf "$place"
+    done
+}
+trap clean_up EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM HUP
+
+# measure LAB PROGRAM NAME [OPTION...]: on CNT0 of the lab, in alternation.
+measure()
+{
+    place=$1
+    program=$2
+    name=$3
+    shift 3
+    echo "measuring: $name"
+    kesta-lab --dir "$place/lab" exec CNT0 --bind "$build" -- \
+        env KESTA_BENCH_SLOTS=/opt/kesta_platform/shared/sysback "$@" \
+        > "$disk/$name.json" 2> "$disk/$name.log" || { cat "$disk/$name.log"; exit 1; }
+}
+
+bench()
+{
+    measure "$1" "$2" "$3" KESTA_PLATFORM_TRACE_LEVEL="$4" "$build/bench/$2" \
+        --benchmark_format=json --benchmark_enable_random_interleaving=true \
+        --benchmark_repetitions="$5" --benchmark_filter="${6:-.}"
+}
+
+kesta-lab create "$memory/lab"
+kesta-lab create "$disk/lab"
+bench "$memory" block_access_bench block_access 1 15
+bench "$memory" inner_lock_bench inner_lock 1 15
+bench "$memory" trace_bench trace 1 15
+bench "$memory" system_bench system 1 9
+# One flow at a time, in alternation with its raw cost: the memory of another flow is not in between.
+for size in 1 100; do
+    for flow in backup2tmp_check backup2tmp cntbackup2tmp cntbackup2backup merge_file2accept \
+        backup2copy sysback2current; do
+        bench "$disk" copy_bench "copy_${flow}_$size" 1 9 "^(flow|raw)_$flow/$size/"
+    done
+done
+
+python3 "$scripts/bench_report.py" "$report" "$disk"/*.json
