@@ -33,6 +33,15 @@
 #define KESTA_ERR_INNERLOCK_WRITE (-172)  /* NV write failed, or all attempts used up */
 #define KESTA_ERR_INNERLOCK_LOCKED (-173) /* a slot is set (the check only) */
 
+/* Command lock. */
+#define KESTA_ERR_LOCKED (-101)          /* another lock is in the way */
+#define KESTA_ERR_LOCK_IDENTIFIER (-203) /* the lock carries another identifier */
+
+/* Local lock. */
+#define KESTA_ERR_LOCAL_LOCK (-121)   /* held by another process, or its file can't be had */
+#define KESTA_ERR_LOCAL_UNLOCK (-122) /* it could not be given back */
+#define KESTA_ERR_LOCAL_CLOSE (-123)  /* its file could not be closed */
+
 /* Controller number. */
 #define KESTA_ERR_CNTFILE (-161) /* own number or controller count could not be had */
 #define KESTA_ERR_CPINFO (-241)  /* a platform command gave no usable answer */

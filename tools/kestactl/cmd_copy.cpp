@@ -196,6 +196,9 @@ void add_copy(CLI::App &app, Globals &globals, Action &action)
                     "Run the group's copy script; in InitConf boot mode fill flash first", options,
                     plan_backup2copy);
     verb->add_option("GROUP", options->group, "Group name")->required();
+    add_examples(*copy, "  kestactl copy cntbackup2backup\n"
+                        "  kestactl copy backup2tmp --accept --check\n"
+                        "  kestactl copy backup2copy network --dry-run");
 }
 
 }  // namespace kestactl

@@ -272,7 +272,8 @@ void add_nv(CLI::App &app, Globals &globals, Action &action)
     CLI::App *read_command = nv->add_subcommand("read", "Show one block");
     read_command->add_option("BLOCK", reading->block, "Name or number of the block")->required();
     read_command->add_option("--from", reading->from, "Where to read: both, memory or sysback")
-        ->transform(CLI::CheckedTransformer(places));
+        ->transform(CLI::CheckedTransformer(places))
+        ->option_text("both|memory|sysback");
     read_command->callback(
         [&action, reading] { action = [reading](const Globals &) { return read(*reading); }; });
 
@@ -287,6 +288,13 @@ void add_nv(CLI::App &app, Globals &globals, Action &action)
     write_command->callback([&action, writing] {
         action = [writing](const Globals &given) { return carry_out(plan_write(*writing), given); };
     });
+    add_examples(*write_command, "  kestactl nv write group network\n"
+                                 "  kestactl nv write accept-name kesta_backup1 --memory-only");
+    add_examples(*read_command, "  kestactl nv read accept-name\n"
+                                "  kestactl nv read 31 --from memory --json");
+    add_examples(*nv, "  kestactl nv list\n"
+                      "  kestactl nv read accept-name\n"
+                      "  kestactl nv write group network --dry-run");
 }
 
 }  // namespace kestactl

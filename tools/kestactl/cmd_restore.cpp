@@ -204,14 +204,19 @@ void add_restore(CLI::App &app, Globals &globals, Action &action)
     command->add_option("GROUP", options->group, "Group whose restore script is run")->required();
     command->add_option("--from", options->from, "backup, accept, or a slot by its name");
     command->add_option("--script", options->script, "Which script to run: update, reboot or none")
-        ->transform(CLI::CheckedTransformer(scripts));
+        ->transform(CLI::CheckedTransformer(scripts))
+        ->option_text("update|reboot|none");
     command->add_option("--distribution", options->distribution,
-                        "Number that becomes part of the script's name");
+                        "Number that becomes part of the script's name, 0 for none");
     command->add_flag("--switch-only", options->switch_only, "Bring the slot to flash, no more");
     command->add_flag("--no-switch", options->no_switch, "Restore what is on flash already");
     command->add_flag("--skip-flashcopy", options->skip_flashcopy,
                       "Don't copy flash accept.tar.Z to the merge cache before an update script");
     add_dry_run(*command, globals);
+    add_examples(*command, "  kestactl restore network --dry-run\n"
+                           "  kestactl restore network --from accept --skip-flashcopy\n"
+                           "  kestactl restore network --from kesta_backup1 --switch-only\n"
+                           "  kestactl restore network --no-switch --script reboot");
     command->callback([&action, options] {
         action = [options](const Globals &given) {
             return carry_out(plan_restore(*options), given);

@@ -96,6 +96,8 @@ void add_run(CLI::App &app, Globals &globals, Action &action)
     command->add_option("--platform-status", options->platform_status,
                         "What KESTA_VRBGETSTAT tells the command");
     add_dry_run(*command, globals);
+    add_examples(*command, "  kestactl run -- /etc/kesta_sys/network/env_copy_scr.sh\n"
+                           "  kestactl run --event boot -- 'echo $KESTA_EVENT'");
     command->callback([&action, options] {
         action = [options](const Globals &given) { return run_command(*options, given); };
     });

@@ -139,6 +139,11 @@ void add_slot(CLI::App &app, Globals &globals, Action &action)
     change_command->callback([&action, options] {
         action = [options](const Globals &given) { return carry_out(plan_switch(*options), given); };
     });
+    const std::string examples = "  kestactl slot switch --dry-run\n"
+                                 "  kestactl slot switch --backup kesta_backup0 --accept "
+                                 "kesta_backup1";
+    add_examples(*change_command, examples);
+    add_examples(*slot, "  kestactl slot show\n" + examples);
 }
 
 }  // namespace kestactl

@@ -41,6 +41,15 @@ Result carry_out(const Plan &plan, const Globals &globals)
     return result;
 }
 
+const char *const exit_codes =
+    "Exit codes: 0 done, 1 the answer is no or things differ, 2 wrong usage, 3 held by a lock,\n"
+    "4 the platform failed.";
+
+void add_examples(CLI::App &command, const std::string &examples)
+{
+    command.footer("Examples:\n" + examples + "\n\n" + exit_codes);
+}
+
 void add_dry_run(CLI::App &command, Globals &globals)
 {
     command.add_flag("--dry-run", globals.dry_run, "Show what would be done, and change nothing");

@@ -51,6 +51,11 @@ void add_copy(CLI::App &app, Globals &globals, Action &action);
 void add_restore(CLI::App &app, Globals &globals, Action &action);
 void add_run(CLI::App &app, Globals &globals, Action &action);
 
+// What every help text ends with, and the same behind a command's own examples. A group of commands
+// gets its examples after its commands, which would take them over otherwise.
+extern const char *const exit_codes;
+void add_examples(CLI::App &command, const std::string &examples);
+
 // Adds --dry-run to a changing command.
 void add_dry_run(CLI::App &command, Globals &globals);
 

@@ -17,16 +17,6 @@ using namespace kestactl;
 
 constexpr int schema_version = 1;
 
-const char *const footer =
-    "Exit codes: 0 done, 1 the answer is no or things differ, 2 wrong usage, 3 held by a lock,\n"
-    "4 the platform failed.\n\n"
-    "Examples:\n"
-    "  kestactl status --archives\n"
-    "  kestactl slot switch --dry-run\n"
-    "  kestactl copy cntbackup2backup\n"
-    "  kestactl restore network --from backup --script update\n"
-    "  kestactl nv read accept-name --json";
-
 // With --json, stdout holds one JSON text and nothing else: what a command or a script prints goes
 // to stderr.
 class JsonChannel {
@@ -144,7 +134,7 @@ int main(int argc, char **argv)
                  "kestactl"};
     app.require_subcommand(1);
     app.fallthrough();
-    app.footer(footer);
+    app.footer(exit_codes);
     app.set_version_flag("--version", "kestactl " KESTA_VERSION);
     app.add_flag("--json", globals.json, "Print one JSON text on stdout, errors included");
     app.add_option("--trace", globals.trace_level, "Show trace lines up to this level on stderr")
@@ -155,6 +145,11 @@ int main(int argc, char **argv)
     add_copy(app, globals, action);
     add_restore(app, globals, action);
     add_run(app, globals, action);
+    add_examples(app, "  kestactl status --archives\n"
+                      "  kestactl slot switch --dry-run\n"
+                      "  kestactl copy cntbackup2backup\n"
+                      "  kestactl restore network --from backup --script update\n"
+                      "  kestactl nv read accept-name --json");
 
     try {
         app.parse(argc, argv);
