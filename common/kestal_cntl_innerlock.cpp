@@ -1,6 +1,5 @@
 #include <string.h>
 #include <sys/time.h>
-#include <sys/times.h>
 #include <unistd.h>
 
 #include <array>
@@ -10,6 +9,7 @@
 #include "kesta/block_access.h"
 #include "kesta/inner_lock.h"
 #include "ownership.h"
+#include "process_clock.h"
 #include "trace.h"
 
 namespace {
@@ -42,13 +42,6 @@ int write_slot(int block_id, KESTA_INNERLOCK_BUF record)
 {
     return kestal_non_volatile_rw_func(block_id, KESTA_BLOCK_WRITE, &record, sizeof(record),
                                        nullptr);
-}
-
-// Whole seconds of the process-times clock.
-clock_t process_seconds()
-{
-    struct tms unused;
-    return times(&unused) / sysconf(_SC_CLK_TCK);
 }
 
 // One call of kestal_cntl_innerlock.
@@ -278,7 +271,7 @@ int kestal_compare_innerlock_timeout(int cntno, int value, KESTAL_LOCKBUFFER_STR
         return KESTA_ERR_ARGUMENT;
     }
     KESTAL_LOCKBUFFER_STRUCT &seen = buf[cntno];
-    const clock_t now = process_seconds();
+    const clock_t now = kesta::process_seconds();
     if (value == seen.value) {
         TRACE(5, "[compare_innerlock_timeout] same inner_lock value = %d", value);
         if (now - seen.clock > stale_after_seconds) {

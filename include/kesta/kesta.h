@@ -9,9 +9,12 @@
 #include "kesta/backup_flows.h"
 #include "kesta/base.h"
 #include "kesta/block_access.h"
+#include "kesta/command_lock.h"
 #include "kesta/controller.h"
 #include "kesta/inner_lock.h"
+#include "kesta/local_lock.h"
 #include "kesta/nv_image.h"
 #include "kesta/process.h"
+#include "kesta/versions.h"
 
 #endif

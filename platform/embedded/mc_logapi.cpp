@@ -299,7 +299,7 @@ __attribute__((noinline)) int load_level()
 {
     const CancelOff off;
     const int before = errno;
-    const TraceTarget known_target = trace_target();
+    TraceTarget known_target = trace_target();
     const int level = known_target == TraceTarget::none ? 0 : settings().trace_level;
     __atomic_store(&target, &known_target, __ATOMIC_RELAXED);
     __atomic_store_n(&highest_level, level, __ATOMIC_RELEASE);

@@ -14,7 +14,18 @@ namespace test {
 inline constexpr std::size_t nv_group = 56;
 inline constexpr std::size_t nv_backup_name = 72;
 inline constexpr std::size_t nv_accept_name = 104;
+inline constexpr std::size_t nv_lock0 = 200;
+inline constexpr std::size_t nv_numbering_version = 296;
+inline constexpr std::size_t nv_backup_version = 300;
+inline constexpr std::size_t nv_accept_version = 304;
+inline constexpr std::size_t nv_version0 = 312;
+inline constexpr std::size_t nv_status0 = 316;
 inline constexpr std::size_t nv_slot0 = 600;
+
+inline constexpr std::size_t nv_lock(int controller)
+{
+    return nv_lock0 + 24 * static_cast<std::size_t>(controller);
+}
 
 inline constexpr std::size_t nv_slot(int controller)
 {

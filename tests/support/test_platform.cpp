@@ -17,6 +17,8 @@
 
 #include "access_mode.h"
 #include "controller_state.h"
+#include "kesta/command_lock.h"
+#include "kesta/versions.h"
 #include "mc_logapi.h"
 #include "sanfwctl.h"
 #include "sbacc.h"
@@ -56,6 +58,8 @@ void reset(int own_number)
     memset(g_eeprom_serialno, 0, sizeof(g_eeprom_serialno));
     s_rwmode = 0;
     tsize = 0;
+    kestal_allreset_lockinfo();
+    g_version_file_sync = 1;
     unsetenv("KESTA_NOHDD_STATUS");
     unsetenv("KESTA_CPMODE_STATUS");
 }
@@ -609,6 +613,24 @@ int __wrap_lockf(int fd, int command, off_t length)
         return -1;
     }
     return __real_lockf(fd, command, length);
+}
+
+// Closes in any case: a close that failed has closed.
+int __real_close(int fd);
+int __wrap_close(int fd)
+{
+    Platform &p = platform();
+    bool has_rule;
+    {
+        const std::lock_guard guard(test::mutex);
+        has_rule = p.kind_faults.contains("close");
+    }
+    const int result = __real_close(fd);
+    if (has_rule && p.meets_fault("close", "close")) {
+        errno = p.fault_errno;
+        return -1;
+    }
+    return result;
 }
 
 void *__real_kestal_calloc_debug(int count, int size, const char *file, int line, int debug);

@@ -1,0 +1,1 @@
+#include "library_test.h"
