@@ -217,7 +217,7 @@ TEST_F(CommandLock, SuspendedLockIsNoCollision)
 
 TEST_F(CommandLock, WithdrawalThatFailsIsToldAndIgnored)
 {
-    before_re_read([this] {
+    before_re_read([] {
         set_slot(2, 1, 9);
         p().before_call = nullptr;
         p().fail_kind("nv_write", 2, 5);  // release of the section, claim of the next, then this
