@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "failure.h"
+#include "lock_state.h"
 #include "trace_capture.h"
 
 namespace kestactl {
@@ -117,8 +118,10 @@ void use_memory_only() { kestal_rw_set_boot_mode(KESTA_RWMODE_MEMORY); }
 void fail_call(const std::string &code, const std::string &message, const std::string &hint)
 {
     if (was_traced(lock_exhausted)) {
+        const std::string holders = inner_lock_text();
         throw Failure(Exit::locked, "inner-lock-held",
-                      message + " The inner lock of the NV image stayed held.",
+                      message + " The inner lock of the NV image stayed held" +
+                          (holders.empty() ? "." : " by " + holders + "."),
                       "Another controller or process is using the image: 'kestactl status' shows "
                       "whose slot is set. A holder that died is cleared by itself after 30 "
                       "seconds; then run the command again.");

@@ -13,6 +13,7 @@
 
 #include "appliance_state.h"
 #include "command.h"
+#include "lock_state.h"
 #include "names.h"
 
 namespace kestactl {
@@ -194,6 +195,30 @@ std::string describe_holders(const Json &holders)
     return text.empty() ? "free" : "held by " + text;
 }
 
+Json command_locks()
+{
+    const LockState state = read_lock_state();
+    Json locks = Json::array();
+    for (const CommandLock &lock : state.held) {
+        locks.push_back(to_json(lock, state.group));
+    }
+    return locks;
+}
+
+std::string describe_locks(const Json &locks)
+{
+    if (locks.is_null()) {
+        return "unknown";
+    }
+    std::string text;
+    for (const Json &lock : locks) {
+        text += (text.empty() ? "CNT" : ", CNT") + lock["controller"].dump() + " (" +
+                lock["type"].get<std::string>() + ", identifier " +
+                lock["identifier"].get<std::string>() + ")";
+    }
+    return text.empty() ? "free" : "held by " + text + ": see 'kestactl lock check'";
+}
+
 void add_archive(Result &result, const Archive &archive)
 {
     char line[256];
@@ -242,6 +267,7 @@ Result status(bool archives)
     json["accept_slot"] = answers.ask([] { return Json(accept_slot()); });
     json["group"] = answers.ask(
         [] { return Json(field_text(read_block(find_block("group"), From::memory).bytes)); });
+    json["command_locks"] = answers.ask(command_locks);
     json["inner_lock"] = answers.ask(inner_lock_holders);
     result.text = "controller   CNT" + or_unknown(json["controller"]) + " of " +
                   or_unknown(json["controllers"]) + "\nboot mode    " +
@@ -249,6 +275,7 @@ Result status(bool archives)
                   or_unknown(json["master"]) + "\nbackup slot  " +
                   or_unknown(json["backup_slot"]) + "\naccept slot  " +
                   or_unknown(json["accept_slot"]) + "\ngroup        " + or_unknown(json["group"]) +
+                  "\ncommand lock " + describe_locks(json["command_locks"]) +
                   "\ninner lock   " + describe_holders(json["inner_lock"]) + "\n";
     add_archives(result, archives);
     if (answers.failed()) {

@@ -73,6 +73,16 @@ const Block &find_block(const std::string &text)
                   "'kestactl nv list' shows all blocks by name and number.");
 }
 
+int parse_controller(const std::string &text)
+{
+    const std::string digit = text.rfind("CNT", 0) == 0 ? text.substr(3) : text;
+    if (digit.size() != 1 || digit[0] < '0' || digit[0] >= '0' + KESTA_CONTROLLERS) {
+        throw Failure(Exit::usage, "bad-controller", "There is no controller '" + text + "'.",
+                      "The controllers are CNT0, CNT1, CNT2 and CNT3.");
+    }
+    return digit[0] - '0';
+}
+
 void check_group(const std::string &name)
 {
     const bool good = !name.empty() && name.size() <= longest_group && name[0] != '.' &&

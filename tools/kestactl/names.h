@@ -31,6 +31,9 @@ const std::vector<Block> &blocks();
 // By name or number. Throws Failure.
 const Block &find_block(const std::string &text);
 
+// CNT0 to CNT3, or the number alone. Throws Failure.
+int parse_controller(const std::string &text);
+
 // Throw Failure for what must not reach a path or a shell. A slot is kesta_backup0 or kesta_backup1.
 void check_group(const std::string &name);
 void check_slot(const std::string &name);

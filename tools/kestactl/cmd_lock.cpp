@@ -1,0 +1,729 @@
+// kestactl lock: the command lock between controllers, and the local lock of one controller.
+#include <errno.h>
+#include <fcntl.h>
+#include <kesta/kesta.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <fstream>
+#include <iostream>
+#include <memory>
+
+#include "appliance_state.h"
+#include "command.h"
+#include "held_command.h"
+#include "lock_state.h"
+#include "names.h"
+
+namespace kestactl {
+namespace {
+
+constexpr int new_lock = 0;
+constexpr int take_again = 1;
+constexpr int release_fully = 0;
+constexpr int suspend = 1;
+constexpr int all_controllers = -1;
+constexpr int ended_by_signal = 128;
+constexpr int seconds_between_tries = 1;
+constexpr int seconds_between_reports = 10;
+constexpr const char *lock_folder = "/var/run/kesta_sys/tmp/";
+
+struct LockOptions {
+    int type = KESTA_LOCK_TYPE1;
+    std::string group;
+    std::string identifier;
+    std::string controller;
+    int wait = 0;
+    bool force = false;
+    std::string name;
+    std::vector<std::string> command;
+};
+
+struct Taken {
+    std::string identifier;
+    CommandEnd end;
+};
+
+std::string cnt(int controller) { return "CNT" + std::to_string(controller); }
+
+Exit exit_of(const CommandEnd &end) { return static_cast<Exit>(end.exit_code); }
+
+[[noreturn]] void interrupted(int signal)
+{
+    throw Failure(static_cast<Exit>(ended_by_signal + signal), "interrupted",
+                  std::string("Interrupted (") + strsignal(signal) + ") before the lock was had.",
+                  "Nothing is held.");
+}
+
+int chosen_controller(const LockOptions &options)
+{
+    if (options.controller.empty()) {
+        return learn_own_number();
+    }
+    const int controller = parse_controller(options.controller);
+    (void)learn_own_number();  // the inner lock needs it
+    return controller;
+}
+
+void check_identifier(const std::string &identifier)
+{
+    std::int64_t number = 0;
+    const char *end = identifier.data() + identifier.size();
+    const auto [stop, error] = std::from_chars(identifier.data(), end, number);
+    if (error != std::errc() || stop != end || number < 0) {
+        throw Failure(Exit::usage, "bad-identifier",
+                      "'" + identifier + "' is no lock identifier.",
+                      "An identifier is a number: 'kestactl lock check' shows it.");
+    }
+}
+
+// The lock of a controller, which must carry the identifier.
+CommandLock find_lock(const LockState &state, int controller, const std::string &identifier)
+{
+    for (const CommandLock &lock : state.held) {
+        if (lock.controller != controller) {
+            continue;
+        }
+        if (std::to_string(lock.identifier) != identifier) {
+            throw Failure(Exit::no, "other-identifier",
+                          "The lock carries another identifier: " + describe(lock, state.group) +
+                              ".",
+                          "Give its identifier, or clear it: " + clearing_command(lock));
+        }
+        return lock;
+    }
+    throw Failure(Exit::no, "not-held", cnt(controller) + " holds no lock.",
+                  "'kestactl lock check' shows all locks.");
+}
+
+// ---------------------------------------------------------------------------------------- take
+
+// The controller in the way of a lock that somebody wants to take, or -1.
+int in_the_way(const LockState &state, const LockOptions &options)
+{
+    for (const CommandLock &lock : state.held) {
+        if (!lock.suspended() || options.type == KESTA_LOCK_TYPE1) {
+            return lock.controller;
+        }
+    }
+    return -1;
+}
+
+void report_waiting(const LockState &state, int controller, int left)
+{
+    std::string text = cnt(controller) + " is taking a lock too";
+    for (const CommandLock &lock : state.held) {
+        if (lock.controller == controller) {
+            text = describe(lock, state.group);
+        }
+    }
+    std::cerr << "waiting, " << left << " s left: " << text << std::endl;
+}
+
+// Two processes of one controller write the same slot, and neither would meet the other: kestactl
+// takes one lock at a time on a controller. Where the file can't be had it goes on without.
+class OneTaker {
+public:
+    OneTaker() : fd_(open(path().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
+    {
+        if (fd_ >= 0) {
+            (void)lockf(fd_, F_LOCK, 0);  // held for one attempt
+        }
+    }
+    ~OneTaker()
+    {
+        if (fd_ >= 0) {
+            (void)close(fd_);  // nothing was written; this lets go
+        }
+    }
+    OneTaker(const OneTaker &) = delete;
+    OneTaker &operator=(const OneTaker &) = delete;
+
+private:
+    static std::string path() { return std::string(lock_folder) + ".kestactl"; }
+
+    int fd_;
+};
+
+int try_to_take(const LockOptions &options, int own, char *identifier, int &met)
+{
+    const OneTaker alone;
+    std::string group = options.group;
+    return kestal_global_command_lock_func(own, options.type, identifier,
+                                           group.empty() ? nullptr : group.data(), new_lock, &met);
+}
+
+// Tries again until the lock is had or the time is over. Returns its identifier.
+std::string take_lock(const LockOptions &options, int own, const HeldSignals &signals)
+{
+    std::array<char, KESTA_LOCK_IDENTIFIER_SIZE> identifier{};
+    int reported = -1;
+    for (int waited = 0;; waited += seconds_between_tries) {
+        int met = -1;
+        const int result = try_to_take(options, own, identifier.data(), met);
+        if (result == KESTA_OK) {
+            return identifier.data();
+        }
+        if (result != KESTA_ERR_LOCKED) {
+            fail_call("lock-failed",
+                      "The command lock of " + cnt(own) + " could not be taken (result " +
+                          std::to_string(result) + ").",
+                      "Look at --trace 1, and with 'kestactl lock check' whether it was left behind.");
+        }
+        const LockState state = read_lock_state();
+        if (waited >= options.wait) {
+            refuse_locked("The command lock can't be had", state, met);
+        }
+        if (met != reported || waited % seconds_between_reports == 0) {
+            report_waiting(state, met, options.wait - waited);
+            reported = met;
+        }
+        if (const int signal = signals.wait(seconds_between_tries); signal != 0) {
+            interrupted(signal);
+        }
+    }
+}
+
+void release_lock(int controller, const std::string &identifier)
+{
+    const int result =
+        kestal_global_command_unlock_func(controller, identifier.c_str(), release_fully);
+    if (result == KESTA_ERR_LOCK_IDENTIFIER) {
+        throw Failure(Exit::no, "other-identifier",
+                      "The lock of " + cnt(controller) + " carries another identifier than " +
+                          identifier + "; it was left alone.",
+                      "Somebody cleared the lock and took one: see 'kestactl lock check'.");
+    }
+    if (result != KESTA_OK) {
+        fail_call("unlock-failed", "The lock of " + cnt(controller) + " was not released.",
+                  "Release it again: kestactl lock release " + identifier + " --controller " +
+                      cnt(controller));
+    }
+}
+
+// Lets go of the lock on every way out.
+class HeldLock {
+public:
+    HeldLock(int controller, std::string identifier)
+        : controller_(controller), identifier_(std::move(identifier))
+    {
+    }
+    ~HeldLock()
+    {
+        if (held_) {
+            (void)kestal_global_command_unlock_func(controller_, identifier_.c_str(),
+                                                    release_fully);  // traced; an error is under way
+        }
+    }
+    HeldLock(const HeldLock &) = delete;
+    HeldLock &operator=(const HeldLock &) = delete;
+
+    void release()
+    {
+        held_ = false;
+        release_lock(controller_, identifier_);
+    }
+
+private:
+    int controller_;
+    std::string identifier_;
+    bool held_ = true;
+};
+
+void take(const LockOptions &options, int own, Taken &taken)
+{
+    const HeldSignals signals;
+    taken.identifier = take_lock(options, own, signals);
+    if (const int signal = signals.pending(); signal != 0) {
+        release_lock(own, taken.identifier);
+        interrupted(signal);
+    }
+    if (options.command.empty()) {
+        return;
+    }
+    HeldLock held(own, taken.identifier);
+    taken.end = signals.run(options.command);
+    held.release();
+}
+
+std::string joined(const std::vector<std::string> &words)
+{
+    std::string text;
+    for (const std::string &word : words) {
+        text += (text.empty() ? "" : " ") + word;
+    }
+    return text;
+}
+
+Plan plan_take(const LockOptions &options, Taken &taken)
+{
+    if (!options.group.empty()) {
+        check_group(options.group);
+    }
+    require_writable();
+    const int own = learn_own_number();
+    if (options.wait == 0) {
+        const LockState state = read_lock_state();
+        if (const int met = in_the_way(state, options); met >= 0) {
+            refuse_locked("The command lock can't be had", state, met);
+        }
+    }
+    std::vector<std::string> writes{"NV memory: block " +
+                                    std::to_string(KESTA_BLOCK_LOCK_CNT0 + own)};
+    if (!options.group.empty()) {
+        writes.push_back("NV memory: block " + std::to_string(KESTA_BLOCK_GROUP));
+    }
+    std::string what = "take a type-" + std::to_string(options.type) + " lock of " + cnt(own);
+    if (!options.command.empty()) {
+        what += ", run: " + joined(options.command) + ", and release it";
+        writes.push_back("whatever the command writes");
+    }
+    Plan plan;
+    plan.json = {{"controller", own}, {"type", options.type}};
+    plan.steps.push_back({what, writes, [=, &taken] { take(options, own, taken); }});
+    return plan;
+}
+
+Result take_command(const LockOptions &options, const Globals &globals)
+{
+    Taken taken;
+    Result result = carry_out(plan_take(options, taken), globals);
+    if (globals.dry_run) {
+        return result;
+    }
+    result.json["identifier"] = taken.identifier;
+    if (options.command.empty()) {
+        result.text = taken.identifier + "\n";
+        return result;
+    }
+    result.exit = exit_of(taken.end);
+    result.text.clear();
+    result.json["exit_code"] = taken.end.exit_code;
+    return result;
+}
+
+// -------------------------------------------------------------- release, suspend, resume, convert
+
+Plan plan_release(const LockOptions &options)
+{
+    require_writable();
+    const int controller = chosen_controller(options);
+    if (!options.force) {
+        check_identifier(options.identifier);
+        (void)find_lock(read_lock_state(), controller, options.identifier);
+    }
+    const std::string identifier = options.identifier;
+    const bool force = options.force;
+    Plan plan;
+    plan.json = {{"controller", controller}};
+    plan.steps.push_back(
+        {"release the lock of " + cnt(controller),
+         {"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + controller),
+          "NV memory: block " + std::to_string(KESTA_BLOCK_GROUP)},
+         [=] {
+             if (!force) {
+                 release_lock(controller, identifier);
+             } else if (kestal_global_command_unlock_func(controller, nullptr, release_fully) !=
+                        KESTA_OK) {
+                 fail_call("unlock-failed", "The lock of " + cnt(controller) + " was not released.",
+                           "Look at --trace 1.");
+             }
+         }});
+    return plan;
+}
+
+Plan plan_suspend(const LockOptions &options)
+{
+    require_writable();
+    const int own = learn_own_number();
+    check_identifier(options.identifier);
+    const CommandLock lock = find_lock(read_lock_state(), own, options.identifier);
+    if (lock.suspended()) {
+        throw Failure(Exit::no, "suspended-already", "The lock of " + cnt(own) + " is suspended.",
+                      "Take it again: kestactl lock resume " + options.identifier);
+    }
+    const std::string identifier = options.identifier;
+    Plan plan;
+    plan.json = {{"controller", own}, {"identifier", identifier}};
+    plan.steps.push_back({"suspend the lock of " + cnt(own) + "; its identifier stays reserved",
+                          {"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + own),
+                           "NV memory: block " + std::to_string(KESTA_BLOCK_GROUP)},
+                          [=] {
+                              if (kestal_global_command_unlock_func(own, identifier.c_str(),
+                                                                    suspend) != KESTA_OK) {
+                                  fail_call("suspend-failed",
+                                            "The lock of " + cnt(own) + " was not suspended.",
+                                            "Look at --trace 1.");
+                              }
+                          }});
+    return plan;
+}
+
+void resume(const LockOptions &options, int own)
+{
+    std::array<char, KESTA_LOCK_IDENTIFIER_SIZE> identifier{};
+    std::string group = options.group;
+    options.identifier.copy(identifier.data(), identifier.size() - 1);
+    int met = -1;
+    const int result = kestal_global_command_lock_func(own, options.type, identifier.data(),
+                                                       group.empty() ? nullptr : group.data(),
+                                                       take_again, &met);
+    if (result == KESTA_ERR_LOCKED) {
+        refuse_locked("The lock of " + cnt(own) + " can't be taken again", read_lock_state(), met);
+    }
+    if (result != KESTA_OK) {
+        fail_call("resume-failed", "The lock of " + cnt(own) + " was not taken again.",
+                  "Look at --trace 1.");
+    }
+}
+
+Plan plan_resume(const LockOptions &options)
+{
+    if (!options.group.empty()) {
+        check_group(options.group);
+    }
+    require_writable();
+    const int own = learn_own_number();
+    check_identifier(options.identifier);
+    const LockState state = read_lock_state();
+    const CommandLock lock = find_lock(state, own, options.identifier);
+    if (!lock.suspended()) {
+        throw Failure(Exit::no, "not-suspended",
+                      "The lock of " + cnt(own) + " is not suspended: " +
+                          describe(lock, state.group) + ".",
+                      "There is nothing to resume.");
+    }
+    for (const CommandLock &other : state.held) {
+        if (!other.suspended()) {
+            refuse_locked("The lock of " + cnt(own) + " can't be taken again", state,
+                          other.controller);
+        }
+    }
+    Plan plan;
+    plan.json = {{"controller", own}, {"identifier", options.identifier}};
+    plan.steps.push_back({"take the suspended lock of " + cnt(own) + " again",
+                          {"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + own)},
+                          [=] { resume(options, own); }});
+    return plan;
+}
+
+Plan plan_convert(const LockOptions &options)
+{
+    require_writable();
+    const int own = learn_own_number();
+    check_identifier(options.identifier);
+    const LockState state = read_lock_state();
+    const CommandLock lock = find_lock(state, own, options.identifier);
+    if (lock.status != KESTA_LOCK_STATUS_TYPE1) {
+        throw Failure(Exit::no, "not-type-1",
+                      "Only a type-1 lock becomes a running backup: " +
+                          describe(lock, state.group) + ".",
+                      "Take one with 'kestactl lock take --type 1'.");
+    }
+    for (const CommandLock &other : state.held) {
+        if (other.controller != own && !other.suspended()) {
+            refuse_locked("The lock of " + cnt(own) + " can't be converted", state,
+                          other.controller);
+        }
+    }
+    const std::string identifier = options.identifier;
+    Plan plan;
+    plan.json = {{"controller", own}, {"identifier", identifier}};
+    plan.steps.push_back({"convert the lock of " + cnt(own) + " to a running backup, and renew it",
+                          {"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + own)},
+                          [=] {
+                              if (kestal_backup_lock(identifier.c_str()) != KESTA_OK) {
+                                  fail_call("convert-failed",
+                                            "The lock of " + cnt(own) + " was not converted.",
+                                            "See 'kestactl lock check', and --trace 1.");
+                              }
+                          }});
+    return plan;
+}
+
+// ---------------------------------------------------------------------------------- check, wait
+
+Result check()
+{
+    const LockState state = read_lock_state();
+    const std::string inner = inner_lock_text();
+    Result result;
+    result.json["locks"] = Json::array();
+    for (const CommandLock &lock : state.held) {
+        result.text += describe(lock, state.group) + "\n    clear it with: " +
+                       clearing_command(lock) + "\n";
+        result.json["locks"].push_back(to_json(lock, state.group));
+    }
+    if (state.held.empty()) {
+        result.text = "No command lock is held.\n";
+    } else {
+        result.exit = Exit::no;
+    }
+    if (!inner.empty()) {
+        result.text += "The inner lock is held by " + inner +
+                       "; a dead holder's is cleared by the next waiter after 30 seconds.\n";
+    }
+    result.json["inner_lock"] = inner;
+    return result;
+}
+
+Result wait_for_free(const LockOptions &options)
+{
+    (void)learn_own_number();
+    const HeldSignals signals;
+    int reported = -1;
+    for (int waited = 0;; waited += seconds_between_tries) {
+        int holder = -1;
+        const int found = kestal_global_command_lock_check(all_controllers, nullptr, &holder);
+        if (found < 0 && holder < 0) {
+            fail_call("check-failed", "The command locks could not be looked at.",
+                      "Look at --trace 1.");
+        }
+        if (holder < 0) {
+            Result result;
+            result.text = "No command lock is held.\n";
+            result.json["waited"] = waited;
+            return result;
+        }
+        const LockState state = read_lock_state();
+        if (waited >= options.wait) {
+            refuse_locked("A command lock is still held", state, holder);
+        }
+        if (holder != reported || waited % seconds_between_reports == 0) {
+            report_waiting(state, holder, options.wait - waited);
+            reported = holder;
+        }
+        if (const int signal = signals.wait(seconds_between_tries); signal != 0) {
+            interrupted(signal);
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------- local
+
+void check_local_name(const std::string &name)
+{
+    const bool plain = std::all_of(name.begin(), name.end(), [](unsigned char c) {
+        return isalnum(c) || c == '.' || c == '_' || c == '-';
+    });
+    constexpr std::size_t longest = 64;
+    if (name.empty() || name[0] == '.' || name.size() > longest || !plain) {
+        throw Failure(Exit::usage, "bad-name", "'" + name + "' can't be the name of a local lock.",
+                      "A name has 1 to 64 letters, digits, '.', '_' or '-', and doesn't begin with "
+                      "a dot.");
+    }
+}
+
+// The process that holds the record lock, as "process 12 (backup)"; empty if nobody or unknown.
+std::string local_holder(const std::string &name)
+{
+    const int fd = open((lock_folder + name).c_str(), O_WRONLY | O_CLOEXEC);
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    const bool asked = fd >= 0 && fcntl(fd, F_GETLK, &lock) == 0;
+    (void)close(fd);  // nothing was written; this process holds no lock on it
+    if (!asked || lock.l_type == F_UNLCK) {
+        return "";
+    }
+    std::ifstream file("/proc/" + std::to_string(lock.l_pid) + "/comm");
+    std::string program;
+    std::getline(file, program);
+    return "process " + std::to_string(lock.l_pid) +
+           (program.empty() ? std::string() : " (" + program + ")");
+}
+
+[[noreturn]] void refuse_local(const std::string &name, const std::string &holder)
+{
+    throw Failure(Exit::locked, "locked",
+                  "The local lock " + name + " can't be had: " + holder + " holds it.",
+                  "It is free as soon as that process ends.");
+}
+
+void hold_local(const LockOptions &options, CommandEnd &end)
+{
+    const HeldSignals signals;
+    int fd = -1;
+    std::string name = options.name;
+    if (kestal_file_command_lock(&fd, name.data()) != KESTA_OK) {
+        if (const std::string holder = local_holder(name); !holder.empty()) {
+            refuse_local(name, holder);
+        }
+        throw Failure(Exit::platform, "lock-failed",
+                      "The local lock " + name + " could not be taken.",
+                      "Check that " + std::string(lock_folder) + " is there and can be written.");
+    }
+    try {
+        end = signals.run(options.command);
+    } catch (const Failure &) {
+        (void)kestal_file_command_unlock(&fd);  // traced; the command could not be started
+        throw;
+    }
+    if (kestal_file_command_unlock(&fd) != KESTA_OK) {
+        fail_call("unlock-failed", "The local lock " + name + " was not given back in order.",
+                  "It is free all the same when this program ends.");
+    }
+}
+
+Result local_command(const LockOptions &options, const Globals &globals)
+{
+    check_local_name(options.name);
+    if (const std::string holder = local_holder(options.name); !holder.empty()) {
+        refuse_local(options.name, holder);
+    }
+    CommandEnd end;
+    Plan plan;
+    plan.json = {{"name", options.name}, {"command", joined(options.command)}};
+    plan.steps.push_back({"hold the local lock " + options.name + " and run: " +
+                              joined(options.command),
+                          {lock_folder + options.name, "whatever the command writes"},
+                          [&] { hold_local(options, end); }});
+    Result result = carry_out(plan, globals);
+    if (!globals.dry_run) {
+        result.exit = exit_of(end);
+        result.text.clear();
+        result.json["exit_code"] = end.exit_code;
+    }
+    return result;
+}
+
+CLI::App *add_planned(CLI::App &lock, Globals &globals, Action &action, const char *verb,
+                      const char *description, const std::shared_ptr<LockOptions> &options,
+                      Plan (*planner)(const LockOptions &))
+{
+    CLI::App *command = lock.add_subcommand(verb, description);
+    add_dry_run(*command, globals);
+    command->callback([&action, options, planner] {
+        action = [options, planner](const Globals &given) {
+            return carry_out(planner(*options), given);
+        };
+    });
+    return command;
+}
+
+void add_type(CLI::App &command, const std::shared_ptr<LockOptions> &options)
+{
+    command.add_option("--type", options->type,
+                       "1 exclusive, 2 shared with others of type 2 taken together, 3 exclusive")
+        ->check(CLI::Range(KESTA_LOCK_TYPE1, KESTA_LOCK_TYPE3))
+        ->option_text("1|2|3");
+    command.add_option("--group", options->group, "Group to name as the one that is worked on");
+}
+
+void add_wait(CLI::App &command, const std::shared_ptr<LockOptions> &options)
+{
+    command.add_option("--wait", options->wait, "Seconds to wait for it; progress goes to stderr")
+        ->check(CLI::NonNegativeNumber);
+}
+
+void add_take(CLI::App &lock, Globals &globals, Action &action,
+              const std::shared_ptr<LockOptions> &options)
+{
+    CLI::App *command = lock.add_subcommand(
+        "take", "Take this controller's command lock and print its identifier; with a command, hold "
+                "it while that runs");
+    add_type(*command, options);
+    add_wait(*command, options);
+    command->add_option("COMMAND", options->command,
+                        "Put it behind --. Its exit code becomes kestactl's; the lock is released "
+                        "however it ends");
+    add_dry_run(*command, globals);
+    add_examples(*command, "  kestactl lock take --type 1 --group network\n"
+                           "  kestactl lock take --wait 60 -- kestactl copy cntbackup2backup");
+    command->callback([&action, options] {
+        action = [options](const Globals &given) { return take_command(*options, given); };
+    });
+}
+
+void add_local(CLI::App &lock, Globals &globals, Action &action,
+               const std::shared_ptr<LockOptions> &options)
+{
+    CLI::App *command = lock.add_subcommand(
+        "local", "Run a command while holding a local lock of this controller; its exit code "
+                 "becomes kestactl's");
+    command->add_option("NAME", options->name, "Name of the lock")->required();
+    command->add_option("COMMAND", options->command, "Put it behind --")->required();
+    add_dry_run(*command, globals);
+    add_examples(*command, "  kestactl lock local nightly -- /usr/local/sbin/nightly-backup");
+    command->callback([&action, options] {
+        action = [options](const Globals &given) { return local_command(*options, given); };
+    });
+}
+
+void add_identifier(CLI::App &command, const std::shared_ptr<LockOptions> &options)
+{
+    command.add_option("IDENTIFIER", options->identifier, "What 'lock take' printed")->required();
+}
+
+void add_release(CLI::App &lock, Globals &globals, Action &action,
+                 const std::shared_ptr<LockOptions> &options)
+{
+    CLI::App *command = add_planned(lock, globals, action, "release", "Release a command lock",
+                                    options, plan_release);
+    CLI::Option *identifier =
+        command->add_option("IDENTIFIER", options->identifier, "What 'lock take' printed");
+    CLI::Option *force = command->add_flag(
+        "--force", options->force, "Release whatever is there; for a lock whose holder is dead");
+    force->excludes(identifier);
+    command->add_option("--controller", options->controller, "Whose lock; else this controller's")
+        ->option_text("CNTn");
+    command->callback([&action, options] {
+        if (options->identifier.empty() && !options->force) {
+            throw CLI::RequiredError("IDENTIFIER or --force");
+        }
+        action = [options](const Globals &given) {
+            return carry_out(plan_release(*options), given);
+        };
+    });
+    add_examples(*command, "  kestactl lock release 1795240000\n"
+                           "  kestactl lock release 1795240000 --controller CNT2");
+}
+
+void add_check_and_wait(CLI::App &lock, Action &action, const std::shared_ptr<LockOptions> &options)
+{
+    lock.add_subcommand("check", "Show who holds which command lock, without taking any; exit code "
+                                 "1 if one is held")
+        ->callback([&action] { action = [](const Globals &) { return check(); }; });
+    CLI::App *wait = lock.add_subcommand(
+        "wait", "Wait until no command lock is held; clears one seen unchanged for 10 minutes");
+    add_wait(*wait, options);
+    wait->callback([&action, options] {
+        action = [options](const Globals &) { return wait_for_free(*options); };
+    });
+    add_examples(*wait, "  kestactl lock wait --wait 700");
+}
+
+}  // namespace
+
+void add_lock(CLI::App &app, Globals &globals, Action &action)
+{
+    CLI::App *lock =
+        app.add_subcommand("lock", "Command locks between controllers, and local locks");
+    lock->require_subcommand(1);
+    auto options = std::make_shared<LockOptions>();
+    add_take(*lock, globals, action, options);
+    add_release(*lock, globals, action, options);
+    CLI::App *command = add_planned(*lock, globals, action, "suspend",
+                                    "Let others work for a while; the identifier stays reserved",
+                                    options, plan_suspend);
+    add_identifier(*command, options);
+    command = add_planned(*lock, globals, action, "resume", "Take a suspended lock again", options,
+                          plan_resume);
+    add_identifier(*command, options);
+    add_type(*command, options);
+    command = add_planned(*lock, globals, action, "convert",
+                          "Convert a type-1 lock to a running backup, and renew it", options,
+                          plan_convert);
+    add_identifier(*command, options);
+    add_check_and_wait(*lock, action, options);
+    add_local(*lock, globals, action, options);
+    add_examples(*lock, "  kestactl lock check\n"
+                        "  kestactl lock take --wait 60 -- kestactl copy cntbackup2backup\n"
+                        "  kestactl lock release 1795240000 --controller CNT2\n"
+                        "  kestactl lock local nightly -- /usr/local/sbin/nightly-backup");
+}
+
+}  // namespace kestactl

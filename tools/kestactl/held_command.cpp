@@ -1,0 +1,95 @@
+#include "held_command.h"
+
+#include <errno.h>
+#include <spawn.h>
+#include <string.h>
+#include <sys/wait.h>
+
+#include "failure.h"
+
+extern char **environ;
+
+namespace kestactl {
+namespace {
+
+constexpr int ended_by_signal = 128;
+
+// The command gets the signal mask that the program was started with.
+pid_t start(const std::vector<std::string> &command, const sigset_t &mask)
+{
+    std::vector<char *> arguments;
+    for (const std::string &word : command) {
+        arguments.push_back(const_cast<char *>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setsigmask(&attributes, &mask);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    pid_t child = -1;
+    const int error =
+        posix_spawnp(&child, arguments[0], nullptr, &attributes, arguments.data(), environ);
+    posix_spawnattr_destroy(&attributes);
+    if (error != 0) {
+        throw Failure(Exit::usage, "not-started",
+                      "The command '" + command[0] + "' can't be run: " + strerror(error) + ".",
+                      "Give a command that exists, behind --.");
+    }
+    return child;
+}
+
+bool has_ended(pid_t child, CommandEnd &end)
+{
+    int status = 0;
+    if (waitpid(child, &status, WNOHANG) != child) {
+        return false;
+    }
+    if (WIFSIGNALED(status)) {
+        end.signal = WTERMSIG(status);
+        end.exit_code = ended_by_signal + end.signal;
+    } else {
+        end.exit_code = WEXITSTATUS(status);
+    }
+    return true;
+}
+
+}  // namespace
+
+HeldSignals::HeldSignals()
+{
+    sigemptyset(&held_);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGCHLD}) {
+        sigaddset(&held_, number);
+    }
+    sigprocmask(SIG_BLOCK, &held_, &before_);
+}
+
+HeldSignals::~HeldSignals() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+
+int HeldSignals::wait(int seconds) const
+{
+    sigset_t ending = held_;
+    sigdelset(&ending, SIGCHLD);
+    const struct timespec limit {seconds, 0};
+    const int number = sigtimedwait(&ending, nullptr, &limit);
+    return number > 0 ? number : 0;
+}
+
+CommandEnd HeldSignals::run(const std::vector<std::string> &command) const
+{
+    const pid_t child = start(command, before_);
+    CommandEnd end;
+    while (!has_ended(child, end)) {
+        siginfo_t signal;
+        if (sigwaitinfo(&held_, &signal) < 0 || signal.si_signo == SIGCHLD) {
+            continue;
+        }
+        // What the terminal sends has reached the command as well.
+        if (signal.si_code != SI_KERNEL) {
+            (void)kill(child, signal.si_signo);  // it may have ended
+        }
+    }
+    return end;
+}
+
+}  // namespace kestactl

@@ -1,0 +1,146 @@
+#include "lock_state.h"
+
+#include <string.h>
+#include <time.h>
+
+#include "appliance_state.h"
+#include "failure.h"
+
+namespace kestactl {
+namespace {
+
+const char *kind(const CommandLock &lock)
+{
+    switch (lock.status) {
+    case KESTA_LOCK_STATUS_FREE:
+        return "a suspended lock";
+    case KESTA_LOCK_STATUS_TYPE1:
+        return "a type-1 lock";
+    case KESTA_LOCK_STATUS_BACKUP:
+        return "the lock of a running backup";
+    case KESTA_LOCK_STATUS_TYPE2:
+        return "a type-2 lock";
+    case KESTA_LOCK_STATUS_TYPE3:
+        return "a type-3 lock";
+    default:
+        return "a lock of unknown type";
+    }
+}
+
+const char *word(const CommandLock &lock)
+{
+    switch (lock.status) {
+    case KESTA_LOCK_STATUS_FREE:
+        return "suspended";
+    case KESTA_LOCK_STATUS_TYPE1:
+        return "type1";
+    case KESTA_LOCK_STATUS_BACKUP:
+        return "backup";
+    case KESTA_LOCK_STATUS_TYPE2:
+        return "type2";
+    case KESTA_LOCK_STATUS_TYPE3:
+        return "type3";
+    default:
+        return "unknown";
+    }
+}
+
+std::string utc(std::int64_t seconds)
+{
+    const time_t time = seconds;
+    struct tm parts {};
+    char text[32];
+    if (!gmtime_r(&time, &parts) ||
+        strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &parts) == 0) {
+        return std::to_string(seconds);
+    }
+    return text;
+}
+
+// Nothing tells for sure: a lock is fresh for ten minutes after it was taken or renewed.
+bool looks_alive(const CommandLock &lock) { return time(nullptr) <= lock.fresh_until; }
+
+}  // namespace
+
+LockState read_lock_state()
+{
+    LockState state;
+    if (kestal_non_volatile_rw_memory(KESTA_BLOCK_LOCK_CNT0, KESTA_BLOCK_READ, state.slots.data(),
+                                      sizeof(state.slots)) != KESTA_OK) {
+        throw Failure(Exit::platform, "read-failed",
+                      "The command locks could not be read from the NV memory.",
+                      "Look at the traces (--trace 1) for the failed call.");
+    }
+    state.group = field_text(read_block(find_block("group"), From::memory).bytes);
+    for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
+        const KESTA_COMMAND_LOCKINFO &slot = state.slots[static_cast<std::size_t>(i)];
+        if (slot.status != KESTA_LOCK_STATUS_FREE || slot.sign != 0) {
+            state.held.push_back({i, slot.status, slot.sign, slot.timeout});
+        }
+    }
+    return state;
+}
+
+std::string describe(const CommandLock &lock, const std::string &group)
+{
+    std::string text = "CNT" + std::to_string(lock.controller) + " holds " + kind(lock) +
+                       " since " + utc(lock.identifier);
+    if (!group.empty()) {
+        text += " for group " + group;
+    }
+    text += ", identifier " + std::to_string(lock.identifier) + "; ";
+    return text + (looks_alive(lock) ? "it looks alive"
+                                     : "it is more than 10 minutes old, and may be dead");
+}
+
+Json to_json(const CommandLock &lock, const std::string &group)
+{
+    return {{"controller", lock.controller},
+            {"type", word(lock)},
+            {"status", lock.status},
+            {"identifier", std::to_string(lock.identifier)},
+            {"since", utc(lock.identifier)},
+            {"fresh_until", utc(lock.fresh_until)},
+            {"looks_alive", looks_alive(lock)},
+            {"group", group},
+            {"clear_with", clearing_command(lock)}};
+}
+
+std::string clearing_command(const CommandLock &lock)
+{
+    return "kestactl lock release " + std::to_string(lock.identifier) + " --controller CNT" +
+           std::to_string(lock.controller);
+}
+
+std::string inner_lock_text()
+{
+    std::array<KESTA_INNERLOCK_BUF, KESTA_CONTROLLERS> slots{};
+    if (kestal_non_volatile_rw_memory(KESTA_BLOCK_INNERLOCK_CNT0, KESTA_BLOCK_READ, slots.data(),
+                                      sizeof(slots)) != KESTA_OK) {
+        return "";
+    }
+    std::string text;
+    for (std::size_t i = 0; i < slots.size(); ++i) {
+        if (slots[i].status != 0) {
+            text += (text.empty() ? "CNT" : ", CNT") + std::to_string(i) + " (token " +
+                    std::to_string(slots[i].timeout) + ")";
+        }
+    }
+    return text;
+}
+
+void refuse_locked(const std::string &message, const LockState &state, int controller)
+{
+    for (const CommandLock &lock : state.held) {
+        if (lock.controller == controller) {
+            throw Failure(Exit::locked, "locked", message + ": " + describe(lock, state.group) + ".",
+                          "Wait for it with --wait SECONDS. If its command is dead, clear it: " +
+                              clearing_command(lock));
+        }
+    }
+    throw Failure(Exit::locked, "locked",
+                  message + ": CNT" + std::to_string(controller) + " was taking a lock too.",
+                  "Try again, or wait with --wait SECONDS.");
+}
+
+}  // namespace kestactl
