@@ -1,7 +1,7 @@
 # The commands of the README. Each one installs what it needs first (scripts/install-deps.sh).
 
 .DEFAULT_GOAL := build
-.PHONY: build demo test bench check-release check-asan check-tsan check-tidy install deps clean
+.PHONY: build demo test bench stress check-release check-asan check-tsan check-tidy install deps clean
 
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
@@ -44,6 +44,11 @@ check-tidy: check-asan
 # Measures, and writes the table of docs/performance.md.
 bench: build
 	@scripts/bench.sh build/release
+
+# A storm of locks between the controllers of a lab, of any length.
+SECONDS ?= 60
+stress: build
+	scripts/stress.sh build/release --seconds $(SECONDS)
 
 install: build
 	cmake --install build/release --prefix $(PREFIX)

@@ -249,15 +249,6 @@ void take(const LockOptions &options, int own, Taken &taken)
     held.release();
 }
 
-std::string joined(const std::vector<std::string> &words)
-{
-    std::string text;
-    for (const std::string &word : words) {
-        text += (text.empty() ? "" : " ") + word;
-    }
-    return text;
-}
-
 Plan plan_take(const LockOptions &options, Taken &taken)
 {
     if (!options.group.empty()) {

@@ -24,15 +24,6 @@ struct Ended {
     int signal = 0;
 };
 
-std::string joined(const std::vector<std::string> &words)
-{
-    std::string text;
-    for (const std::string &word : words) {
-        text += (text.empty() ? "" : " ") + word;
-    }
-    return text;
-}
-
 void check_variable(const std::string &name, const std::string &value)
 {
     if (name.size() + 1 + value.size() > longest_variable) {

@@ -50,6 +50,15 @@ void add_examples(CLI::App &command, const std::string &examples)
     command.footer("Examples:\n" + examples + "\n\n" + exit_codes);
 }
 
+std::string joined(const std::vector<std::string> &words)
+{
+    std::string text;
+    for (const std::string &word : words) {
+        text += (text.empty() ? "" : " ") + word;
+    }
+    return text;
+}
+
 void add_dry_run(CLI::App &command, Globals &globals)
 {
     command.add_flag("--dry-run", globals.dry_run, "Show what would be done, and change nothing");

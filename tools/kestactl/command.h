@@ -58,6 +58,9 @@ void add_run(CLI::App &app, Globals &globals, Action &action);
 extern const char *const exit_codes;
 void add_examples(CLI::App &command, const std::string &examples);
 
+// Words with blanks between them.
+std::string joined(const std::vector<std::string> &words);
+
 // Adds --dry-run to a changing command.
 void add_dry_run(CLI::App &command, Globals &globals);
 
