@@ -1,7 +1,7 @@
 # The commands of the README. Each one installs what it needs first (scripts/install-deps.sh).
 
 .DEFAULT_GOAL := build
-.PHONY: build demo test bench stress check-release check-asan check-tsan check-tidy install deps clean
+.PHONY: build demo test bench stress check-release check-asan check-tsan check-tidy check-models install deps clean
 
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
@@ -20,7 +20,7 @@ demo: build
 
 # Every test: as shipped, under the address, undefined behaviour and thread sanitizers, and the
 # static checks of the library.
-test: check-release check-asan check-tsan check-tidy
+test: check-release check-asan check-tsan check-tidy check-models
 	@echo "All tests passed."
 
 check-release: build
@@ -40,6 +40,10 @@ check-tsan: deps
 check-tidy: check-asan
 	run-clang-tidy -quiet -p build/asan -j $(JOBS) '/(common|platform/embedded)/.*\.cpp$$' > build/tidy.log 2>&1 \
 	    || { cat build/tidy.log; exit 1; }
+
+# The models of the locks: what is excluded, and the shortest runs for what is not.
+check-models: deps
+	scripts/check_models.sh
 
 # Measures, and writes the table of docs/performance.md.
 bench: build

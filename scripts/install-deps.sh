@@ -8,6 +8,7 @@ packages="
     g++ gcc clang clang-tidy libclang-rt-14-dev binutils
     libcli11-dev nlohmann-json3-dev nettle-dev
     libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
+    spin
     tar bzip2 coreutils findutils util-linux mount procps python3
 "
 

@@ -198,3 +198,40 @@ TEST_F(InnerLockProcesses, HolderStalledBeyondThirtySecondsIsTakenForDead)
     processes.run_until(waiter, "mark inside");
     EXPECT_EQ(processes.standing(stalled), "mark inside") << "both are inside";
 }
+
+TEST_F(InnerLockProcesses, SweepIsDoneUnderTheRecordLock)
+{
+    // Given back before the sweep, the record lock would let a second process of the controller clear
+    // the slot again, after the first one has cleared and claimed it.
+    Interleaving processes;
+    const int dead = processes.start(0, [] { cycles(1, RecordLock::kept); });
+    processes.run_until(dead, "mark inside");
+    processes.kill_process(dead);
+    const int first = processes.start(0, [] { cycles(1, RecordLock::kept); });
+    processes.run_until(first, "nv_write 600 16");  // it is about to clear the slot
+    const int second = processes.start(0, [] { cycles(1, RecordLock::kept); });
+    EXPECT_EQ(processes.standing(second), "usleep 100000") << "it has not looked";
+    EXPECT_EQ(processes.step(second), "usleep 100000");
+    processes.run_until(first, "mark inside");
+    EXPECT_EQ(processes.step(second), "nv_read 600 64") << "the attempt is over";
+    processes.run_until(first, "end");
+    processes.run_until(second, "mark inside");
+    processes.run_until(second, "end");
+}
+
+// What remains by design, too: a process of the dead one's controller and one of another controller
+// find the slot stale at once. The second clearing hits the claim that came in between.
+TEST_F(InnerLockProcesses, TwoControllersThatClearOneDeadSlotCanLetTwoInside)
+{
+    Interleaving processes;
+    const int dead = processes.start(0, [] { cycles(1, RecordLock::kept); });
+    processes.run_until(dead, "mark inside");
+    processes.kill_process(dead);
+    const int heir = processes.start(0, [] { cycles(1, RecordLock::kept); });
+    const int other = processes.start(1, [] { cycles(1, RecordLock::kept); });
+    processes.run_until(heir, "nv_write 600 16");   // both are about to clear the dead slot
+    processes.run_until(other, "nv_write 600 16");
+    processes.run_until(heir, "mark inside");       // cleared, claimed, and inside
+    processes.run_until(other, "mark inside");      // its clearing hit the heir's claim
+    EXPECT_EQ(processes.standing(heir), "mark inside") << "both are inside";
+}

@@ -321,3 +321,57 @@ TEST_F(CommandLockProcesses, DeathAtAnyStepLeavesAtMostTheOwnSlot)
         EXPECT_EQ(own_slot(0).sign, 0);
     }
 }
+
+// What remains by design: it excludes controllers, and the processes of one share a slot. Callers keep
+// those apart with a local lock.
+TEST_F(CommandLockProcesses, TwoProcessesOfOneControllerCanBothHold)
+{
+    Interleaving processes;
+    const int first = processes.start(0, [] {
+        // It stops inside attempts, and must not keep the other one from its own there.
+        platform().fail_kind("lockf");
+        platform().fault_errno = 37;
+        run_caller({0, KESTA_LOCK_TYPE1, 1});
+    });
+    processes.run_until(first, "nv_read 200 96");
+    processes.run_until(first, "nv_read 600 64");  // it has read a free image
+    const int second = processes.start(0, [] {
+        char identifier[64];
+        EXPECT_EQ(kestal_global_command_lock_func(0, KESTA_LOCK_TYPE1, identifier, nullptr, 0,
+                                                  nullptr),
+                  0);
+        mark("holding 1");
+    });
+    processes.run_until(second, "mark holding");
+    processes.run_until(first, "mark holding");
+    EXPECT_EQ(processes.standing(second), "mark holding 1") << "both hold";
+}
+
+// And: two controllers find the lock of a dead holder timed out at once. The second clearing hits the
+// lock that was taken in between.
+TEST_F(CommandLockProcesses, TwoControllersThatClearOneDeadLockCanLetTwoHold)
+{
+    Interleaving processes;
+    const auto taker = [](int controller) {
+        return [controller] { run_caller({controller, KESTA_LOCK_TYPE1, 1}); };
+    };
+    const auto sweeper = [] {
+        EXPECT_GT(kestal_global_command_lock_check(-1, nullptr, nullptr), 0);
+        platform().clock_us += 601'000'000;
+        EXPECT_EQ(kestal_global_command_lock_check(-1, nullptr, nullptr), 0);
+    };
+    const int dead = processes.start(0, taker(0));
+    processes.run_until(dead, "mark holding");
+    processes.kill_process(dead);
+    const int slow = processes.start(2, sweeper);
+    processes.run_until(slow, "nv_write 56 16");   // the group name goes first
+    processes.run_until(slow, "nv_read 600 64");   // before the section that clears the slot
+    const int quick = processes.start(1, sweeper);
+    processes.run_until(quick, "end");
+    const int again = processes.start(0, taker(0));
+    processes.run_until(again, "mark holding");
+    processes.run_until(slow, "end");
+    const int other = processes.start(3, taker(3));
+    processes.run_until(other, "mark holding");
+    EXPECT_EQ(processes.standing(again), "mark holding 1") << "both hold";
+}
