@@ -28,7 +28,6 @@ constexpr std::size_t writable_files = 4;
 
 constexpr int no_version = -1;
 constexpr const char *no_version_text = "-1";
-constexpr int new_file_mode = 0666;
 
 // The first word of a file, at most 10 characters of it; empty if there is none.
 using Word = std::array<char, 11>;
@@ -52,19 +51,18 @@ void read_word(FILE *file, Word &word)
 
 int write_line(int fd, const char *path, int version)
 {
-    const kesta::TextLine<int> line("%d\n", version);
+    kesta::TextBuffer line;
+    kestal_strcat(line.out(), line.capacity(), "%d\n", version);
     if (!line.made()) {
         TRACE(1, "[set_flash_version_file] Buffer ERROR flash_version_file=%s", path);
         return KESTA_ERR;
     }
-    const int length = static_cast<int>(line.length());
-    const int written = static_cast<int>(write(fd, line.text(), line.length()));
-    if (written < length) {
-        const int error = errno;
+    const kesta::TextWritten result = kesta::write_text(fd, line.text());
+    if (!result.complete()) {
         TRACE(1,
               "[set_flash_version_file] File Write Error flash_version_file=%s len=%d result=%d "
               "errno=%d",
-              path, length, written, error);
+              path, result.length, result.written, result.error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -129,7 +127,7 @@ int kestal_set_flash_version_file(int version, int f_type)
     int ret;
     {
         const kesta::UniqueFd file(
-            open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, new_file_mode));
+            open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
         if (!file) {
             const int error = errno;
             TRACE(1, "[set_flash_version_file] Flash flash_version_file=%s Open ERROR errno=%d",

@@ -15,7 +15,6 @@ namespace {
 
 constexpr int new_lock_mode = 0600;
 constexpr int shared_lock_mode = 0666;  // for the commands of every user
-constexpr int new_file_mode = 0666;
 constexpr off_t whole_file = 0;
 constexpr int no_descriptor = -1;
 
@@ -24,25 +23,18 @@ bool fits_path(const char *directory, const char *name)
     return strlen(directory) + strlen(name) < kesta::Path{}.size();
 }
 
-int try_lock(int fd)
-{
-    kesta::CancelOff off;  // a descriptor that nobody knows yet must not be lost
-    return lockf(fd, F_TLOCK, whole_file);
-}
-
 int write_line(int fd, const char *lock_identifier, const char *lock_name)
 {
-    const kesta::TextLine<const char *> line("%s\n", lock_identifier);
+    kesta::TextBuffer line;
+    kestal_strcat(line.out(), line.capacity(), "%s\n", lock_identifier);
     if (!line.made()) {
         TRACE(1, "[kestal_create_lock_file] Buffer Error.");
         return KESTA_ERR;
     }
-    const int length = static_cast<int>(line.length());
-    const int written = static_cast<int>(write(fd, line.text(), line.length()));
-    if (written < length) {
-        const int error = errno;
+    const kesta::TextWritten result = kesta::write_text(fd, line.text());
+    if (!result.complete()) {
         TRACE(1, "[kestal_create_lock_file] File Write Error lock_name=%s len=%d result=%d errno=%d",
-              lock_name, length, written, error);
+              lock_name, result.length, result.written, result.error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -60,6 +52,8 @@ int kestal_file_command_lock(int *fd, char *name)
         TRACE(1, "[kestal_local_command_lock] FileName Error.");
         return KESTA_ERR_ARGUMENT;
     }
+    // Nothing here waits, and a descriptor that nobody knows yet must not be lost.
+    const kesta::CancelOff off;
     *fd = no_descriptor;
     TRACE(5, "[kestal_local_command_lock] Local command lock Start.");
     if (!fits_path(kesta::merge_cache, name)) {
@@ -78,7 +72,7 @@ int kestal_file_command_lock(int *fd, char *name)
         TRACE(4, "[kestal_local_command_lock] PERMISSION no-set. f_name=%s", path.data());
     }
     TRACE(5, "[kestal_local_command_lock] Lock File opened. f_name=%s", path.data());
-    if (const int result = try_lock(*fd); result != 0) {
+    if (const int result = lockf(*fd, F_TLOCK, whole_file); result != 0) {
         TRACE(1, "[kestal_local_command_lock] File Lock Error. result=%d", result);
         (void)close(*fd);  // nothing was written; the number stays with the caller
         return KESTA_ERR_LOCAL_LOCK;
@@ -123,7 +117,7 @@ int kestal_create_lock_file(const char *lock_identifier, const char *lock_name)
     int ret;
     {
         const kesta::UniqueFd file(
-            open(lock_name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, new_file_mode));
+            open(lock_name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
         if (!file) {
             const int error = errno;
             TRACE(1, "[kestal_create_lock_file] Lock File(%s) Open Error. errno=%d", lock_name,

@@ -1,31 +1,52 @@
-// One line of text as the library's small files hold it.
+// Text built in a buffer of the tracked allocator, and small files of text.
 #pragma once
 
+#include <errno.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "kesta/process.h"
 #include "ownership.h"
 
 namespace kesta {
 
-// "%s\n" or "%d\n" in a buffer of the tracked allocator.
-template <typename Value>
-class TextLine {
+// A growing text.
+class TextBuffer {
 public:
-    TextLine(const char *format, Value value)
-    {
-        char *text = nullptr;
-        kestal_strcat(&text, &capacity_, format, value);
-        *buffer_.out() = text;
-    }
+    TextBuffer() = default;
+    ~TextBuffer() { kestal_free_debug(text_, __FILE__, __LINE__, 0); }
+    TextBuffer(const TextBuffer &) = delete;
+    TextBuffer &operator=(const TextBuffer &) = delete;
 
+    // For kestal_strcat, which appends at most 1023 characters at a time.
+    char **out() { return &text_; }
+    int *capacity() { return &capacity_; }
+
+    // Whether all of it could be built.
     bool made() const { return capacity_ >= 0; }
-    const char *text() const { return static_cast<const char *>(buffer_.get()); }
-    std::size_t length() const { return strlen(text()); }
+    const char *text() const { return text_ ? text_ : ""; }
 
 private:
     int capacity_ = 0;
-    TrackedBuffer buffer_;
+    char *text_ = nullptr;
 };
+
+// What became of a text that was written in one piece.
+struct TextWritten {
+    int length;
+    int written;  // -1: nothing, and error says why
+    int error;
+
+    bool complete() const { return written >= length; }
+};
+
+inline TextWritten write_text(int fd, const char *text)
+{
+    const std::size_t length = strlen(text);
+    const ssize_t written = write(fd, text, length);
+    return {static_cast<int>(length), static_cast<int>(written), errno};
+}
+
+inline constexpr int new_text_file_mode = 0666;
 
 }  // namespace kesta

@@ -46,6 +46,12 @@
 #define KESTA_ERR_CNTFILE (-161) /* own number or controller count could not be had */
 #define KESTA_ERR_CPINFO (-241)  /* a platform command gave no usable answer */
 
+/* Definitions of backup groups. */
+#define KESTA_ERR_DEFINITION_FILE (-211)  /* missing, no XML, or wrong contents */
+#define KESTA_ERR_DEFINITION (-911)       /* wrong contents: the parts of the reader */
+#define KESTA_ERR_DEFINITION_GROUP (-914) /* it names another group */
+#define KESTA_ERR_FILE_PROPERTY (-213)    /* owner, group or mode could not be set */
+
 /* Block access: the block has no file in the system backup area. */
 #define KESTA_NO_SYSBACK_NAME 9
 

@@ -6,6 +6,7 @@
 
 #include "kesta/alloc.h"
 #include "kesta/area_files.h"
+#include "kesta/backup_definition.h"
 #include "kesta/backup_flows.h"
 #include "kesta/base.h"
 #include "kesta/block_access.h"
@@ -15,6 +16,7 @@
 #include "kesta/local_lock.h"
 #include "kesta/nv_image.h"
 #include "kesta/process.h"
+#include "kesta/remote_scripts.h"
 #include "kesta/versions.h"
 
 #endif

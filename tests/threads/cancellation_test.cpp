@@ -97,6 +97,34 @@ TEST_F(Cancellation, BlockAccess)
     });
 }
 
+TEST_F(Cancellation, Versions)
+{
+    sweep([] { return kestal_set_version(1, 0, 5); });
+    sweep([] {
+        kestal_set_version(4, 0, 7);
+        return kestal_read_version(4, 0, 0) == 7 ? 0 : -1;
+    });
+    sweep([] { return kestal_set_flash_version_file(5, 0); });
+    sweep([] {
+        kestal_set_flash_version_file(5, 0);
+        return kestal_compare_version(0, 5, 5);
+    });
+}
+
+TEST_F(Cancellation, CommandAndLocalLocks)
+{
+    sweep([] {
+        char identifier[64];
+        kestal_global_command_unlock_func(0, nullptr, 0);
+        return kestal_global_command_lock_func(0, 1, identifier, nullptr, 0, nullptr);
+    });
+    sweep([] {
+        kestal_global_command_unlock_func(0, nullptr, 0);
+        return kestal_global_command_lock_check(-1, nullptr, nullptr);
+    });
+    sweep([] { return kestal_create_lock_file("42", "/tmp/kesta_sys/tmp/identifier"); });
+}
+
 TEST_F(Cancellation, NvRetriesEndBeforeTheThreadDoes)
 {
     // Five failed attempts sleep under the mutex: the cancellation waits for its release.

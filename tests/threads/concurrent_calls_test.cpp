@@ -129,3 +129,18 @@ TEST_F(ConcurrentCalls, CommandsAndPipes)
         }
     });
 }
+
+TEST_F(ConcurrentCalls, ObservationsOfLocksAreKeptWhole)
+{
+    in_threads([](int thread) {
+        for (int round = 0; round < 300; ++round) {
+            EXPECT_EQ(kestal_compare_cntlock_timeout(thread, 100 + thread), 0);
+            EXPECT_EQ(kestal_compare_cntlock_timeout(round % 4, 100 + round % 4), 0);
+            if (round % 50 == 0) {
+                EXPECT_EQ(kestal_reset_cntlock_timeout(thread), 0);
+                kestal_allreset_lockinfo();
+            }
+            kestal_set_version_file_sync();
+        }
+    });
+}
