@@ -13,19 +13,31 @@ namespace kesta {
 // traces. A handler of the program's own is put back after it.
 class QuietXml {
 public:
-    QuietXml() : handler_(xmlStructuredError), context_(xmlStructuredErrorContext)
+    QuietXml()
+        : handler_(xmlStructuredError),
+          context_(xmlStructuredErrorContext),
+          printer_(xmlGenericError),
+          printer_context_(xmlGenericErrorContext)
     {
         xmlSetStructuredErrorFunc(nullptr, drop);
+        xmlSetGenericErrorFunc(nullptr, drop_text);
     }
-    ~QuietXml() { xmlSetStructuredErrorFunc(context_, handler_); }
+    ~QuietXml()
+    {
+        xmlSetStructuredErrorFunc(context_, handler_);
+        xmlSetGenericErrorFunc(printer_context_, printer_);
+    }
     QuietXml(const QuietXml &) = delete;
     QuietXml &operator=(const QuietXml &) = delete;
 
 private:
     static void drop(void *, xmlErrorPtr) {}
+    static void drop_text(void *, const char *, ...) {}
 
     xmlStructuredErrorFunc handler_;
     void *context_;
+    xmlGenericErrorFunc printer_;
+    void *printer_context_;
 };
 
 // The nodes that an expression found, in document order.
@@ -45,7 +57,11 @@ public:
     XPathObject &operator=(const XPathObject &) = delete;
 
     explicit operator bool() const { return object_ != nullptr; }
-    int count() const { return object_->nodesetval ? object_->nodesetval->nodeNr : 0; }
+    int count() const
+    {
+        const bool has_nodes = object_->type == XPATH_NODESET && object_->nodesetval;
+        return has_nodes ? object_->nodesetval->nodeNr : 0;
+    }
     xmlNodePtr node(int index) const { return object_->nodesetval->nodeTab[index]; }
 
 private:
