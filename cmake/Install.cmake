@@ -12,6 +12,8 @@ install(DIRECTORY include/kesta DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES
     platform/mc_logapi.h platform/sanfwctl.h platform/sbacc.h platform/vrbapi.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kesta/platform)
+install(FILES share/define.rng DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta)
+install(DIRECTORY share/example DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta)
 install(FILES docs/platform.conf DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES docs/man/kestactl.1 docs/man/kesta-lab.1 docs/man/cpinfo.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)

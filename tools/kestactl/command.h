@@ -49,6 +49,8 @@ void add_nv(CLI::App &app, Globals &globals, Action &action);
 void add_slot(CLI::App &app, Globals &globals, Action &action);
 void add_copy(CLI::App &app, Globals &globals, Action &action);
 void add_restore(CLI::App &app, Globals &globals, Action &action);
+void add_group(CLI::App &app, Globals &globals, Action &action);
+void add_script(CLI::App &app, Globals &globals, Action &action);
 void add_version(CLI::App &app, Globals &globals, Action &action);
 void add_lock(CLI::App &app, Globals &globals, Action &action);
 void add_run(CLI::App &app, Globals &globals, Action &action);

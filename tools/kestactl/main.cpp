@@ -144,6 +144,8 @@ int main(int argc, char **argv)
     add_slot(app, globals, action);
     add_copy(app, globals, action);
     add_restore(app, globals, action);
+    add_group(app, globals, action);
+    add_script(app, globals, action);
     add_version(app, globals, action);
     add_lock(app, globals, action);
     add_run(app, globals, action);

@@ -1,0 +1,2 @@
+# Run after a restore.
+exit 0

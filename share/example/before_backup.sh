@@ -1,0 +1,2 @@
+# Run before a backup.
+exit 0

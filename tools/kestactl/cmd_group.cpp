@@ -1,0 +1,330 @@
+// kestactl group: the definitions of backup groups.
+#include <grp.h>
+#include <kesta/kesta.h>
+#include <pwd.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "appliance_state.h"
+#include "command.h"
+#include "definition_check.h"
+#include "names.h"
+
+namespace kestactl {
+namespace {
+
+constexpr const char *files_may_be_gone = "addremove";
+constexpr unsigned mode_bits = 07777;
+
+using Definition = std::unique_ptr<KESTA_BACKUP_FILE>;
+
+std::string definition_of(const std::string &group)
+{
+    return "/etc/kesta_sys/" + group + "/define.xml";
+}
+
+// A path, or the name of a group.
+std::string file_of(const std::string &file_or_group)
+{
+    const bool is_file = file_or_group.find('/') != std::string::npos ||
+                         file_or_group.rfind(".xml") != std::string::npos;
+    if (is_file) {
+        return file_or_group;
+    }
+    check_group(file_or_group);
+    return definition_of(file_or_group);
+}
+
+// ---------------------------------------------------------------------------------------- check
+
+Result check(const std::string &file_or_group)
+{
+    const std::string path = file_of(file_or_group);
+    CheckedDefinition checked = check_definition(path);
+    if (path != file_or_group && checked.accepted() && checked.id != file_or_group) {
+        checked.findings.push_back(
+            {1, true, "the id is \"" + checked.id + "\", and the group is " + file_or_group});
+    }
+    Result result;
+    result.json = {{"file", path}, {"id", checked.id}, {"accepted", checked.accepted()}};
+    result.json["findings"] = Json::array();
+    for (const Finding &finding : checked.findings) {
+        result.text += path + ":" + std::to_string(finding.line) + ": " +
+                       (finding.error ? "error: " : "note: ") + finding.text + "\n";
+        result.json["findings"].push_back({{"line", finding.line},
+                                           {"kind", finding.error ? "error" : "note"},
+                                           {"text", finding.text}});
+    }
+    result.text += checked.accepted() ? path + ": accepted\n" : path + ": refused\n";
+    result.exit = checked.accepted() ? Exit::done : Exit::no;
+    return result;
+}
+
+// ---------------------------------------------------------------------------------------- show
+
+Definition read_definition(const std::string &group)
+{
+    check_group(group);
+    const std::string path = definition_of(group);
+    require_file(path, "A group has its define.xml there, the same on every controller.");
+    auto definition = std::make_unique<KESTA_BACKUP_FILE>();
+    const int result = kestal_read_backupfile(group.c_str(), definition.get());
+    if (result == KESTA_ERR_DEFINITION_GROUP) {
+        throw Failure(Exit::no, "other-group",
+                      path + " is the definition of group '" + definition->groupname + "'.",
+                      "Its id must be " + group + ", like the folder that it is in.");
+    }
+    if (result != KESTA_OK) {
+        throw Failure(Exit::no, "bad-definition", path + " is refused.",
+                      "See what is wrong: kestactl group check " + group);
+    }
+    return definition;
+}
+
+Json scripts_json(const KESTA_BACKUP_FILE_SCRIPT_SUB (&slots)[KESTA_DEFINITION_SCRIPTS])
+{
+    Json all = Json::array();
+    for (const KESTA_BACKUP_FILE_SCRIPT_SUB &slot : slots) {
+        if (slot.pre_script[0] != '\0' || slot.post_script[0] != '\0' ||
+            slot.re_post_script[0] != '\0') {
+            all.push_back({{"pre_script", slot.pre_script},
+                           {"post_script", slot.post_script},
+                           {"re_post_script", slot.re_post_script},
+                           {"pre_order", slot.pre_order},
+                           {"post_order", slot.post_order},
+                           {"re_post_order", slot.re_post_order}});
+        }
+    }
+    return all;
+}
+
+Json file_json(const KESTA_BACKUP_FILE_PATH &file)
+{
+    Json links = Json::array();
+    for (const auto &link : file.linkpath) {
+        if (link[0] != '\0') {
+            links.push_back(link);
+        }
+    }
+    return {{"path", file.pathname},
+            {"links", links},
+            {"owner", file.owner},
+            {"group", file.group},
+            {"mode", file.filemode},
+            {"cntmode", file.cntmode},
+            {"rbmode", file.rbmode},
+            {"distribution", file.distribution},
+            {"diffreboot", file.diffreboot}};
+}
+
+std::string or_dash(const char *text) { return *text != '\0' ? text : "-"; }
+
+void show_scripts(Result &result, const char *side,
+                  const KESTA_BACKUP_FILE_SCRIPT_SUB (&slots)[KESTA_DEFINITION_SCRIPTS], int reboot)
+{
+    result.text += std::string(side) + " scripts (reboot " + std::to_string(reboot) + "):\n";
+    for (const KESTA_BACKUP_FILE_SCRIPT_SUB &slot : slots) {
+        const std::pair<const char *, const char *> paths[] = {{"before", slot.pre_script},
+                                                               {"after", slot.post_script},
+                                                               {"again after", slot.re_post_script}};
+        for (const auto &[when, path] : paths) {
+            if (*path != '\0') {
+                result.text += std::string("  ") + when + ": " + path + "\n";
+            }
+        }
+    }
+}
+
+Result show(const std::string &group)
+{
+    const Definition definition = read_definition(group);
+    Result result;
+    result.json = {{"group", definition->groupname},
+                   {"operation", definition->operation},
+                   {"type", definition->type},
+                   {"files", Json::array()}};
+    result.text = "group      " + group + "\noperation  " + or_dash(definition->operation) +
+                  "\ntype       " + or_dash(definition->type) + "\nfiles:\n";
+    for (const KESTA_BACKUP_FILE_PATH &file : definition->setfile) {
+        if (file.pathname[0] == '\0') {
+            break;
+        }
+        result.json["files"].push_back(file_json(file));
+        result.text += "  " + std::string(file.pathname) + "  owner " + or_dash(file.owner) +
+                       ", group " + or_dash(file.group) + ", mode " + or_dash(file.filemode) + "\n";
+        for (const auto &link : file.linkpath) {
+            if (link[0] != '\0') {
+                result.text += "    link " + std::string(link) + "\n";
+            }
+        }
+    }
+    const KESTA_BACKUP_FILE_SCRIPT &script = definition->script;
+    result.json["backup"] = {{"reboot", script.back_reboot},
+                             {"scripts", scripts_json(script.back_script)}};
+    result.json["restore"] = {{"reboot", script.restore_reboot},
+                              {"scripts", scripts_json(script.restore_script)}};
+    show_scripts(result, "backup", script.back_script, script.back_reboot);
+    show_scripts(result, "restore", script.restore_script, script.restore_reboot);
+    return result;
+}
+
+// ---------------------------------------------------------------------------------------- apply
+
+std::string octal(unsigned mode)
+{
+    char text[8];
+    snprintf(text, sizeof(text), "%04o", mode & mode_bits);
+    return text;
+}
+
+// A text is read as the library reads it: a number first, else a name. -1: nobody of that name.
+long wanted_id(const char *text, bool is_user)
+{
+    const long number = strtol(text, nullptr, 10);
+    if (number != 0 || strcmp(text, "0") == 0) {
+        return number;
+    }
+    if (is_user) {
+        const struct passwd *user = getpwnam(text);
+        return user ? static_cast<long>(user->pw_uid) : -1;
+    }
+    const struct group *group = getgrnam(text);
+    return group ? static_cast<long>(group->gr_gid) : -1;
+}
+
+std::string points_to(const char *link)
+{
+    char target[KESTA_DEFINITION_PATH_SIZE] = "";
+    const ssize_t length = readlink(link, target, sizeof(target) - 1);
+    return length > 0 ? std::string(target, static_cast<std::size_t>(length)) : "";
+}
+
+void add_id_change(std::vector<std::string> &changes, const char *what, const char *wanted,
+                   long is_now, bool is_user)
+{
+    const long id = wanted_id(wanted, is_user);
+    if (*wanted == '\0' || id == is_now) {
+        return;
+    }
+    changes.push_back(std::string(what) + " " + std::to_string(is_now) + " -> " + wanted +
+                      (id < 0 ? " (nobody of that name)" : ""));
+}
+
+// What applying the definition changes at a file that is there.
+std::vector<std::string> changes_at(const KESTA_BACKUP_FILE_PATH &file, const struct stat &status)
+{
+    std::vector<std::string> changes;
+    for (const auto &link : file.linkpath) {
+        if (link[0] != '\0' && points_to(link) != file.pathname) {
+            changes.push_back("link " + std::string(link));
+        }
+    }
+    add_id_change(changes, "owner", file.owner, status.st_uid, true);
+    add_id_change(changes, "group", file.group, status.st_gid, false);
+    const auto mode = static_cast<unsigned>(strtol(file.filemode, nullptr, 8));
+    if (file.filemode[0] != '\0' && mode != (status.st_mode & mode_bits)) {
+        changes.push_back("mode " + octal(status.st_mode) + " -> " + octal(mode));
+    }
+    return changes;
+}
+
+void apply(KESTA_BACKUP_FILE &definition)
+{
+    if (kestal_change_fileprop(&definition, learn_own_number()) != KESTA_OK) {
+        fail_call("apply-failed",
+                  "The properties were not applied to every file; those before the one that failed "
+                  "are done.",
+                  "Look at --trace 1 for the file, mend its entry, and apply again.");
+    }
+}
+
+// One step for each file that changes; the first one carries all of it out.
+Plan plan_apply(const std::string &group, KESTA_BACKUP_FILE &definition)
+{
+    const bool may_be_gone = strcmp(definition.operation, files_may_be_gone) == 0;
+    Plan plan;
+    plan.json = {{"group", group}};
+    const auto add = [&](const std::string &what, const std::string &path) {
+        const bool first = plan.steps.empty();
+        plan.steps.push_back({what, {path}, [first, &definition] {
+                                  if (first) {
+                                      apply(definition);
+                                  }
+                              }});
+    };
+    for (const KESTA_BACKUP_FILE_PATH &file : definition.setfile) {
+        if (file.pathname[0] == '\0') {
+            break;
+        }
+        struct stat status;
+        if (stat(file.pathname, &status) != 0) {
+            if (may_be_gone) {
+                continue;
+            }
+            throw Failure(Exit::no, "file-missing",
+                          std::string("There is no ") + file.pathname + ": " + strerror(errno) + ".",
+                          "Restore it first; only in a group with operation=\"addremove\" may files "
+                          "be gone.");
+        }
+        const std::vector<std::string> changes = changes_at(file, status);
+        if (!changes.empty()) {
+            std::string what = std::string(file.pathname) + ":";
+            for (const std::string &change : changes) {
+                what += (&change == &changes.front() ? " " : ", ") + change;
+            }
+            add(what, file.pathname);
+        }
+    }
+    return plan;
+}
+
+Result apply_command(const std::string &group, const Globals &globals)
+{
+    require_writable();
+    const Definition definition = read_definition(group);
+    const Plan plan = plan_apply(group, *definition);
+    Result result = carry_out(plan, globals);
+    if (plan.steps.empty()) {
+        result.text = "Every file is as the definition says.\n";
+    }
+    return result;
+}
+
+}  // namespace
+
+void add_group(CLI::App &app, Globals &globals, Action &action)
+{
+    CLI::App *group = app.add_subcommand("group", "Definitions of backup groups");
+    group->require_subcommand(1);
+    auto name = std::make_shared<std::string>();
+
+    CLI::App *command = group->add_subcommand(
+        "check", "Say everything that is wrong with a definition; exit code 1 if it is refused");
+    command->add_option("FILE|GROUP", *name, "A file, or a group with its define.xml in place")
+        ->required();
+    command->callback([&action, name] { action = [name](const Globals &) { return check(*name); }; });
+    add_examples(*command, "  kestactl group check network\n"
+                           "  kestactl group check ./define.xml --json");
+
+    command = group->add_subcommand("show", "Show a definition");
+    command->add_option("GROUP", *name, "Group name")->required();
+    command->callback([&action, name] { action = [name](const Globals &) { return show(*name); }; });
+
+    command = group->add_subcommand(
+        "apply", "Put links, owners, groups and modes of the group's files in order");
+    command->add_option("GROUP", *name, "Group name")->required();
+    add_dry_run(*command, globals);
+    command->callback([&action, name] {
+        action = [name](const Globals &given) { return apply_command(*name, given); };
+    });
+    add_examples(*command, "  kestactl group apply network --dry-run");
+    add_examples(*group, "  kestactl group check network\n"
+                         "  kestactl group show network --json\n"
+                         "  kestactl group apply network --dry-run");
+}
+
+}  // namespace kestactl
