@@ -28,6 +28,10 @@ namespace fs = std::filesystem;
 constexpr const char *marker_name = "lab.conf";
 constexpr const char *marker_text = "kesta-lab 1\n";
 constexpr const char *folder_variable = "KESTA_LAB_DIR";
+constexpr const char *controller_variable = "KESTA_LAB_CONTROLLER";
+constexpr const char *lab_variable = "KESTA_LAB";
+constexpr const char *maintenance_user = "vndrmnt:x:901:901:maintenance:/:/bin/sh\n";
+constexpr const char *maintenance_group = "vndrmnt:x:901:\n";
 
 // What every controller has of its own, and where it sees it.
 struct OwnFolder {
@@ -43,16 +47,16 @@ constexpr std::array<OwnFolder, 5> own_folders{{
 }};
 
 // Folders that the library and its callers expect to find.
-constexpr std::array<const char *, 9> product_folders{
+constexpr std::array<const char *, 10> product_folders{
     "etc/kesta_sys",       "etc/kesta",    "opt/kesta_sys/bakup", "opt/kesta_sys/sbin",
     "tmp/kesta_sys/tmp",   "run/kesta_sys/tmp", "opt/kesta_platform/shared",
-    "opt/kesta_platform/product", "opt/kesta_platform/host-sbin"};
+    "opt/kesta_platform/product", "opt/kesta_platform/host-sbin", "opt/kesta_platform/lab"};
 
 // Secrets of the machine that no lab needs.
 constexpr std::array<const char *, 7> secrets{"shadow",   "shadow-",     "gshadow", "gshadow-",
                                               "sudoers.d", "ssl/private", "ssh"};
 
-constexpr std::array<const char *, 2> programs{"kestactl", "cpinfo"};
+constexpr std::array<const char *, 3> programs{"kestactl", "kesta-lab", "cpinfo"};
 
 void write_file(const fs::path &path, const std::string &text)
 {
@@ -62,6 +66,20 @@ void write_file(const fs::path &path, const std::string &text)
     if (!file) {
         throw Error("can't write " + path.string());
     }
+}
+
+std::string read_file(const fs::path &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void append_to(const fs::path &path, const std::string &text)
+{
+    const std::string all = read_file(path) + text;
+    std::error_code ignored;
+    fs::remove(path, ignored);
+    write_file(path, all);
 }
 
 // Runs a program and waits for it. Its complaints are dropped: a copy of /etc as an ordinary user
@@ -159,6 +177,8 @@ void make_controller(const fs::path &folder, int number)
     }
     fs::permissions(folder / "tmp", fs::perms::all | fs::perms::sticky_bit);
     write_file(folder / "etc/kesta/platform.conf", settings_of(number));
+    append_to(folder / "etc/passwd", maintenance_user);
+    append_to(folder / "etc/group", maintenance_group);
     std::error_code ignored;
     fs::remove(folder / "etc/hostname", ignored);
     write_file(folder / "etc/hostname", "cnt" + std::to_string(number) + "\n");
@@ -176,10 +196,44 @@ void make_shared(const fs::path &shared)
     write_file(shared / "status", status);
 }
 
-std::string read_file(const fs::path &path)
+// A controller that reaches another one sees the lab here.
+std::string lab_inside() { return std::string(platform_folder) + "/lab"; }
+
+bool is_inside() { return getenv(controller_variable) != nullptr; }
+
+// Programs that remote scripts call, between controllers of the lab.
+void make_remote_programs(const fs::path &folder)
 {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    const auto program = [](const fs::path &path, const char *text) {
+        fs::create_directories(path.parent_path());
+        write_file(path, text);
+        fs::permissions(path, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                                  fs::perms::others_read | fs::perms::others_exec);
+    };
+    // They stay while their command runs: a script waits for them by name.
+    program(folder / "bin/rsh", "#!/bin/sh\n"
+                                "# rsh -l USER CNTn COMMAND: runs it on another controller.\n"
+                                "[ \"$1\" != -l ] || shift 2\n"
+                                "controller=$1\nshift\n"
+                                "kesta-lab exec \"$controller\" -- /bin/sh -c \"$*\"\n"
+                                "exit $?\n");
+    program(folder / "bin/rcp",
+            "#!/bin/sh\n"
+            "# rcp -p FILE USER@CNTn:FILE: to another controller, with mode and time.\n"
+            "[ \"$1\" != -p ] || shift\n"
+            "controller=${2%%:*}\n"
+            "kesta-lab exec \"${controller#*@}\" -- /bin/sh -c \\\n"
+            "    'cat > \"$1\" && chmod \"$2\" \"$1\" && touch -d \"$3\" \"$1\"' - \\\n"
+            "    \"${2#*:}\" \"$(stat -c %a \"$1\")\" \"$(stat -c %y \"$1\")\" < \"$1\"\n"
+            "exit $?\n");
+    program(folder / "product/bin/pfexec", "#!/bin/sh\n"
+                                           "# pfexec COMMAND: a lab has one user.\n"
+                                           "exec \"$@\"\n");
+    program(folder / "product/bin/su", "#!/bin/sh\n"
+                                       "# su USER -c COMMAND: a lab has one user.\n"
+                                       "[ \"$2\" = -c ] || exec /usr/bin/su \"$@\"\n"
+                                       "/bin/sh -c \"$3\"\n"
+                                       "exit $?\n");
 }
 
 void set_host_name(const fs::path &controller)
@@ -257,6 +311,7 @@ Appliance Appliance::create(const fs::path &folder, const fs::path &product)
     copy_libraries(from, folder / "product/lib");
     make_sbin(folder / "sbin", fs::path(platform_folder) / "host-sbin",
               {{"cpinfo", fs::path(platform_folder) / "product/bin/cpinfo"}});
+    make_remote_programs(folder);
     make_shared(folder / "shared");
     for (int number = 0; number < controllers; ++number) {
         make_controller(folder / ("cnt" + std::to_string(number)), number);
@@ -270,7 +325,7 @@ Appliance Appliance::find(const std::string &option)
     if (!option.empty()) {
         return Appliance(option);
     }
-    if (const char *folder = getenv("KESTA_LAB")) {
+    if (const char *folder = getenv(lab_variable)) {
         return Appliance(folder);
     }
     for (fs::path folder = fs::current_path();; folder = folder.parent_path()) {
@@ -292,6 +347,7 @@ void Appliance::enter(int number, const std::vector<std::string> &extra_binds) c
 {
     const fs::path own = controller_folder(number);
     const fs::path here = fs::current_path();
+    const bool inside = is_inside();
     enter_private_namespaces();
     set_host_name(own);
 
@@ -299,7 +355,12 @@ void Appliance::enter(int number, const std::vector<std::string> &extra_binds) c
     const fs::path platform = own / "opt/kesta_platform";
     bind_all({{folder_ / "shared", platform / "shared"},
               {folder_ / "product", platform / "product"},
-              {"/usr/sbin", platform / "host-sbin"}});
+              {folder_, platform / "lab"},
+              {inside ? fs::path(platform_folder) / "host-sbin" : "/usr/sbin",
+               platform / "host-sbin"}});
+    if (!inside) {
+        lay_over((folder_ / "bin").string(), "/usr/bin");
+    }
     std::vector<Bind> binds{{folder_ / "sbin", "/usr/sbin"}};
     for (const OwnFolder &folder : own_folders) {
         binds.push_back({own / folder.name, folder.target});
@@ -312,8 +373,11 @@ void Appliance::enter(int number, const std::vector<std::string> &extra_binds) c
         binds.push_back({extra, extra});
     }
     bind_all(binds);
-    setenv(folder_variable, folder_.c_str(), 1);
-    setenv("KESTA_LAB_CONTROLLER", ("CNT" + std::to_string(number)).c_str(), 1);
+    if (!inside) {
+        setenv(folder_variable, folder_.c_str(), 1);
+    }
+    setenv(lab_variable, lab_inside().c_str(), 1);
+    setenv(controller_variable, ("CNT" + std::to_string(number)).c_str(), 1);
     setenv("PATH", (std::string(platform_folder) +
                     "/product/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin")
                        .c_str(),

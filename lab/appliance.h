@@ -7,6 +7,7 @@
 //   DIR/shared/status         controller status bytes of the storage firmware
 //   DIR/product               the programs and libraries under test
 //   DIR/sbin                  /usr/sbin as a controller sees it: with cpinfo, tar and so on
+//   DIR/bin                   what is laid over /usr/bin: rsh and rcp between the controllers
 #pragma once
 
 #include <filesystem>

@@ -22,6 +22,10 @@ struct Bind {
 // namespace too. Mounts made from here on are seen by this process and its children only.
 void enter_private_namespaces();
 
+// Lays the files of a folder over those of another. Where the kernel can't do that, the target stays as
+// it is.
+void lay_over(const std::string &source, const std::string &target);
+
 // Binds every source, with the mounts below it, onto its target. All sources are taken before the
 // first target is covered, so a source may lie below a target.
 void bind_all(const std::vector<Bind> &binds);

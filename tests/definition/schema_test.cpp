@@ -33,7 +33,7 @@ public:
     }
     bool accepts(const fs::path &file) const
     {
-        xmlDocPtr doc = xmlReadFile(file.c_str(), nullptr, XML_PARSE_NONET);
+        xmlDocPtr doc = xmlParseFile(file.c_str());
         if (!doc) {
             return false;
         }

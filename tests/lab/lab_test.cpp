@@ -80,3 +80,84 @@ TEST_F(Lab, FaultsAreSetFromOutside)
     EXPECT_EQ(failed.code, 4);
     EXPECT_EQ(ctl(1, "nv read accept-name --from memory").code, 0);
 }
+
+// ------------------------------------------------------------------------------ remote scripts
+
+class LabRemote : public LabTest {
+protected:
+    // The steps of a script wait in tenths of a second. Here they don't.
+    Ran run_script(const std::string &script) const
+    {
+        write_file(host_path(0, "opt/quick/sleep"), "#!/bin/sh\n");
+        return on(0, "chmod +x /opt/quick/sleep; PATH=/opt/quick:$PATH /bin/sh " + script);
+    }
+    static constexpr const char *samefile = "/var/run/kesta_sys/tmp/kesta_rsh_samefile.sh";
+    static constexpr const char *tarz = "/var/run/kesta_sys/tmp/kesta_rsh_tarz.sh";
+};
+
+TEST_F(LabRemote, CommandsReachTheOtherController)
+{
+    EXPECT_EQ(on(0, "/usr/bin/rsh -l vndrmnt CNT2 cat /etc/hostname").out, "cnt2\n");
+    EXPECT_EQ(on(3, "/usr/bin/rsh -l vndrmnt CNT1 'exit 7'").code, 7);
+    EXPECT_EQ(on(0, "pfexec su vndrmnt -c \"/usr/bin/rsh -l vndrmnt CNT1 pfexec touch /opt/x\"").code,
+              0);
+    EXPECT_TRUE(fs::exists(host_path(1, "opt/x")));
+    EXPECT_FALSE(fs::exists(host_path(0, "opt/x")));
+}
+
+TEST_F(LabRemote, FilesArriveWithOwnerModeAndTime)
+{
+    EXPECT_EQ(on(0, "echo one > /etc/remote-one; echo two > /etc/remote-two; "
+                    "touch -d '2001-02-03 04:05:06 UTC' /etc/remote-one /etc/remote-two; "
+                    "chmod 600 /etc/remote-one; chown daemon /etc/remote-two")
+                  .code,
+              0);
+    ASSERT_EQ(ctl(0, "script samefiles CNT1 /etc/remote-one /etc/remote-two").code, 0);
+    const Ran ran = on(0, std::string("/bin/sh ") + samefile);
+    EXPECT_EQ(ran.code, 0) << ran.err;
+    EXPECT_EQ(on(1, "cat /etc/remote-one /etc/remote-two; "
+                    "TZ=UTC stat -c '%U:%G %a %y' /etc/remote-one /etc/remote-two")
+                  .out,
+              "one\ntwo\nroot:root 644 2001-02-03 04:05:06.000000000 +0000\n"
+              "root:root 644 2001-02-03 04:05:06.000000000 +0000\n");
+    EXPECT_FALSE(fs::exists(host_path(2, "etc/remote-one")));
+}
+
+TEST_F(LabRemote, AcceptedArchiveBecomesTheBackup)
+{
+    save_environment(1, "accept.tar.Z");
+    save_environment(1, "backup.tar.Z");
+    ASSERT_EQ(ctl(0, "script tarz CNT1").code, 0);
+    const Ran ran = on(0, std::string("/bin/sh ") + tarz);
+    EXPECT_EQ(ran.code, 0) << ran.err;
+    const fs::path flash = host_path(1, "opt/kesta_sys/bakup");
+    EXPECT_EQ(read_file(flash / "backup.tar.Z"), read_file(flash / "accept.tar.Z"));
+    EXPECT_EQ(on(1, "stat -c %U /opt/kesta_sys/bakup/accept.tar.Z").out, "root\n");
+    EXPECT_EQ(on(1, "stat -c %U /opt/kesta_sys/bakup/backup.tar.Z").out, "vndrmnt\n")
+        << "left to the maintenance user";
+}
+
+TEST_F(LabRemote, StepThatFailsDoesNotEndTheScript)
+{
+    ASSERT_EQ(ctl(0, "script samefiles CNT1 /no/such/file").code, 0);
+    EXPECT_EQ(run_script(samefile).code, 0) << "only a hang is found";
+}
+
+TEST_F(LabRemote, StepThatHangsIsKilledAndGivesItsCode)
+{
+    EXPECT_EQ(on(0, "echo x > /etc/remote-hang").code, 0);
+    EXPECT_EQ(on(1, "mkfifo /etc/remote-hang").code, 0) << "the copy waits for a reader";
+    ASSERT_EQ(ctl(0, "script samefiles CNT1 /etc/remote-hang").code, 0);
+    EXPECT_EQ(run_script(samefile).code, 3);
+}
+
+TEST_F(LabRemote, ScriptsRefuseWhatCanNotBeSent)
+{
+    for (const std::string arguments :
+         {"samefiles CNT1 relative", "samefiles CNT1 '/a b'", "samefiles CNT1 '/a;b'",
+          "samefiles CNT0 /a", "samefiles CNT9 /a", "samefiles CNT1", "tarz", "tarz CNT0"}) {
+        EXPECT_EQ(ctl(0, "script " + arguments).code, 2) << arguments;
+    }
+    EXPECT_EQ(ctl(0, "script tarz CNT1 --dry-run").code, 0);
+    EXPECT_FALSE(fs::exists(host_path(0, "run/kesta_sys/tmp/kesta_rsh_tarz.sh")));
+}

@@ -45,6 +45,7 @@ protected:
     {
         EXPECT_EQ(p().open_handles, 0);
         EXPECT_EQ(p().open_pipes, 0);
+        EXPECT_EQ(p().open_xml_objects, 0);
         EXPECT_EQ(open_descriptors(), descriptors_);
     }
 

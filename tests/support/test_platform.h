@@ -47,6 +47,7 @@ struct Platform {
     std::vector<std::string> calls;  // of the platform and the operating system, in order
     int open_handles = 0;            // of the system backup area
     int open_pipes = 0;
+    int open_xml_objects = 0;        // documents, contexts and results of libxml2
 
     // --- virtual time
     std::int64_t wall_seconds = 1'000'000;

@@ -1,0 +1,107 @@
+// kestactl group, on the controllers of a lab.
+#include "lab_fixture.h"
+
+using namespace test;
+using nlohmann::json;
+using testing::HasSubstr;
+
+class KestactlGroup : public LabTest {
+protected:
+    void define(const std::string &inside, const std::string &attributes = "id=\"network\"") const
+    {
+        write_file(host_path(0, "etc/kesta_sys/network/define.xml"),
+                   "<group " + attributes + ">\n" + inside + "\n</group>\n");
+    }
+};
+
+TEST_F(KestactlGroup, CheckAgreesWithTheReaderOverTheCorpus)
+{
+    for (const bool accepted : {true, false}) {
+        for (const auto &entry :
+             fs::directory_iterator(fs::path(KESTA_CORPUS) / (accepted ? "accepted" : "refused"))) {
+            const Ran checked = shell(std::string(KESTA_BIN_DIR) + "/kestactl group check " +
+                                      entry.path().string());
+            EXPECT_EQ(checked.code, accepted ? 0 : 1) << entry.path() << checked.out;
+            EXPECT_THAT(checked.out, HasSubstr(accepted ? ": accepted\n" : ": refused\n"));
+        }
+    }
+}
+
+TEST_F(KestactlGroup, CheckSaysEverythingAtOnceWithLinesAndLimits)
+{
+    define("<setinfo>\n<file path=\"" + std::string(256, 'p') + "\"/>\n"
+           "<file><link path=\"/l*\"/></file>\n<flie path=\"/x\"/>\n"
+           "<file path=\"/a\" cntmode=\"x\"><permission/></file>\n</setinfo>\n<setinfo/>",
+           "id=\"another\"");
+    const Ran checked = ctl(0, "group check network");
+    EXPECT_EQ(checked.code, 1);
+    for (const std::string line :
+         {":3: error: the path of <file> has 256 characters, at most 255 are allowed",
+          ":4: error: <file> needs a path", ":4: error: the path of <link> must not contain *",
+          ":5: note: <flie> in <setinfo> is ignored",
+          ":6: note: cntmode=\"x\" is no number, and counts as 0",
+          ":6: error: <permission> needs a userid (at most 31 characters), a groupid (31) or a mode "
+          "(7)",
+          ":8: error: there are 2 <setinfo>, at most 1 are allowed"}) {
+        EXPECT_THAT(checked.out, HasSubstr("/etc/kesta_sys/network/define.xml" + line));
+    }
+    define("<setinfo><file path=\"/a\"/></setinfo>", "id=\"another\"");
+    EXPECT_THAT(ctl(0, "group check network").out,
+                HasSubstr("error: the id is \"another\", and the group is network"));
+    const json findings = ctl(0, "--json group check network").json().at("result").at("findings");
+    EXPECT_EQ(findings.at(0).at("kind"), "error");
+    EXPECT_EQ(ctl(0, "group check none").code, 1);
+    EXPECT_EQ(ctl(0, "group check 'a b'").code, 2);
+}
+
+TEST_F(KestactlGroup, ShowTellsWhatTheReaderRead)
+{
+    define("<setinfo><file path=\"/etc/a\" rbmode=\"2\"><link path=\"/l\"/>"
+           "<permission userid=\"root\" mode=\"644\"/></file></setinfo>"
+           "<script><restore reboot=\"1\"><post-script path=\"/s\" order=\"3\"/></restore></script>",
+           "id=\"network\" operation=\"update\"");
+    const json shown = ctl(0, "--json group show network").json().at("result");
+    EXPECT_EQ(shown.at("operation"), "update");
+    const json file = shown.at("files").at(0);
+    EXPECT_EQ(file.at("path"), "/etc/a");
+    EXPECT_EQ(file.at("links"), json::array({"/l"}));
+    EXPECT_EQ(file.at("rbmode"), 2);
+    EXPECT_EQ(shown.at("restore").at("reboot"), 1);
+    EXPECT_EQ(shown.at("restore").at("scripts").at(0).at("post_order"), 3);
+    const Ran text = ctl(0, "group show network");
+    EXPECT_THAT(text.out, HasSubstr("/etc/a  owner root, group -, mode 644\n    link /l\n"));
+    EXPECT_THAT(text.out, HasSubstr("after: /s\n"));
+    define("<setinfo/>");
+    const Ran refused = ctl(0, "group show network");
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_THAT(refused.err, HasSubstr("kestactl group check network"));
+}
+
+TEST_F(KestactlGroup, ApplyDoesWhatTheDryRunSaid)
+{
+    EXPECT_EQ(on(0, "echo a > /etc/app-a; chmod 600 /etc/app-a; echo b > /etc/app-b; "
+                    "chmod 644 /etc/app-b")
+                  .code,
+              0);
+    define("<setinfo><file path=\"/etc/app-a\"><link path=\"/etc/app-l\"/>"
+           "<permission userid=\"daemon\" groupid=\"0\" mode=\"0640\"/></file>"
+           "<file path=\"/etc/app-b\"><permission mode=\"644\"/></file></setinfo>");
+    const auto before = snapshot();
+    const json plan = ctl(0, "--json group apply network --dry-run").json().at("result");
+    EXPECT_TRUE(snapshot() == before) << "a dry run wrote something";
+    ASSERT_EQ(plan.at("steps").size(), 1u) << "one file is as it should be";
+    EXPECT_EQ(plan.at("steps").at(0).at("what"),
+              "/etc/app-a: link /etc/app-l, owner 0 -> daemon, mode 0600 -> 0640");
+    EXPECT_EQ(ctl(0, "group apply network").code, 0);
+    EXPECT_EQ(on(0, "stat -c '%U %G %a' /etc/app-a; readlink /etc/app-l").out,
+              "daemon root 640\n/etc/app-a\n");
+    EXPECT_EQ(ctl(0, "group apply network").out, "Every file is as the definition says.\n");
+
+    EXPECT_EQ(on(0, "rm /etc/app-b").code, 0);
+    const Ran missing = ctl(0, "group apply network");
+    EXPECT_EQ(missing.code, 1);
+    EXPECT_THAT(missing.err, HasSubstr("There is no /etc/app-b"));
+    define("<setinfo><file path=\"/etc/app-a\"><permission userid=\"nobody-of-that-name\"/></file>"
+           "</setinfo>");
+    EXPECT_EQ(ctl(0, "group apply network").code, 4);
+}
