@@ -1,7 +1,7 @@
 # The commands of the README. Each one installs what it needs first (scripts/install-deps.sh).
 
 .DEFAULT_GOAL := build
-.PHONY: build demo test bench stress check-release check-asan check-tsan check-tidy check-models install deps clean
+.PHONY: build demo test bench stress check-release check-asan check-tsan check-tidy check-models check-fuzz fuzz-build fuzz install deps clean
 
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
@@ -20,7 +20,7 @@ demo: build
 
 # Every test: as shipped, under the address, undefined behaviour and thread sanitizers, and the
 # static checks of the library.
-test: check-release check-asan check-tsan check-tidy check-models
+test: check-release check-asan check-tsan check-tidy check-models check-fuzz
 	@echo "All tests passed."
 
 check-release: build
@@ -44,6 +44,18 @@ check-tidy: check-asan
 # The models of the locks: what is excluded, and the shortest runs for what is not.
 check-models: deps
 	scripts/check_models.sh
+
+# Seconds of fuzzing in the tests; a minute for each target by itself.
+check-fuzz: fuzz-build
+	scripts/fuzz.sh build/fuzz -runs=50000
+
+fuzz: fuzz-build
+	scripts/fuzz.sh build/fuzz -max_total_time=60
+
+fuzz-build: deps
+	cmake --preset fuzz > /dev/null
+	cmake --build --preset fuzz -j $(JOBS) --target definition_fuzz group_list_fuzz \
+	    flash_version_fuzz command_output_fuzz lock_file_fuzz
 
 # Measures, and writes the table of docs/performance.md.
 bench: build
