@@ -55,7 +55,7 @@ fuzz: fuzz-build
 fuzz-build: deps
 	cmake --preset fuzz > /dev/null
 	cmake --build --preset fuzz -j $(JOBS) --target definition_fuzz group_list_fuzz \
-	    flash_version_fuzz command_output_fuzz lock_file_fuzz
+	    flash_version_fuzz command_output_fuzz lock_file_fuzz guid_text_fuzz
 
 # Measures, and writes the table of docs/performance.md.
 bench: build

@@ -46,6 +46,7 @@ kesta-lab create "$disk/lab"
 bench "$memory" block_access_bench block_access 1 15
 bench "$memory" inner_lock_bench inner_lock 1 15
 bench "$memory" lock_bench lock 1 15
+bench "$memory" definition_bench definition 1 15
 bench "$memory" trace_bench trace 1 15
 bench "$memory" system_bench system 1 9
 # One flow at a time, in alternation with its raw cost: the memory of another flow is not in between.

@@ -12,6 +12,7 @@
 #include "kesta/block_access.h"
 #include "kesta/command_lock.h"
 #include "kesta/controller.h"
+#include "kesta/identity.h"
 #include "kesta/inner_lock.h"
 #include "kesta/local_lock.h"
 #include "kesta/nv_image.h"
