@@ -30,7 +30,7 @@ void build_root()
     if (mount("tmpfs", own_root, "tmpfs", 0, "mode=0755") != 0) {
         throw lab::Error(std::string("can't mount a tmpfs: ") + strerror(errno));
     }
-    for (const char *name : {"etc", "opt", "run", "tmp", "host-sbin", "build"}) {
+    for (const char *name : {"etc", "opt", "run", "tmp", "host-sbin", "build", "source"}) {
         fs::create_directories(root / name);
     }
     for (const char *name : needed_etc) {
@@ -40,16 +40,21 @@ void build_root()
     }
     lab::make_sbin(root / "sbin", root / "host-sbin", {});
     lab::bind_all({{"/usr/sbin", (root / "host-sbin").string()}});
-    const fs::path build = KESTA_BUILD_DIR;  // it may lie in one of the folders that get covered
-    lab::bind_all({{build, (root / "build").string()}});
+    // They may lie in one of the folders that get covered.
+    const fs::path build = KESTA_BUILD_DIR;
+    const fs::path source = KESTA_SOURCE_DIR;
+    lab::bind_all({{build, (root / "build").string()}, {source, (root / "source").string()}});
     lab::bind_all({{(root / "sbin").string(), "/usr/sbin"},
                    {(root / "etc").string(), "/etc"},
                    {(root / "opt").string(), "/opt"},
                    {(root / "run").string(), "/run"},
                    {(root / "tmp").string(), "/tmp"}});
-    if (!fs::exists(build)) {
-        fs::create_directories(build);
-        lab::bind_all({{(root / "build").string(), build.string()}});
+    for (const auto &[kept, folder] :
+         {std::pair{root / "source", source}, std::pair{root / "build", build}}) {
+        if (!fs::exists(folder)) {
+            fs::create_directories(folder);
+            lab::bind_all({{kept.string(), folder.string()}});
+        }
     }
 }
 
