@@ -180,10 +180,11 @@ int nv_transfer(const char *kind, int handle, const cpfw_nv_region_t *region,
 {
     EXPECT_EQ(handle, -1);
     EXPECT_EQ(count, 1);
-    EXPECT_EQ(*region, 2u);
     Platform &p = platform();
-    const std::string call = call_text(
-        {kind, std::to_string(access->offset), std::to_string(access->length)});
+    const bool is_image = *region == 2;
+    const std::string call =
+        call_text({is_image ? kind : std::string(kind) + "_region" + std::to_string(*region),
+                   std::to_string(access->offset), std::to_string(access->length)});
     if (p.meets_fault(kind, call)) {
         return -p.fault_errno;
     }
@@ -191,7 +192,15 @@ int nv_transfer(const char *kind, int handle, const cpfw_nv_region_t *region,
         ADD_FAILURE() << "transfer outside the region: " << call;
         return -ERANGE;
     }
-    p.nv.transfer(writes, access->offset, access->buffer, access->length);
+    if (is_image) {
+        p.nv.transfer(writes, access->offset, access->buffer, access->length);
+    } else {
+        std::string &bytes = p.other_regions[*region];
+        bytes.resize(p.nv.size());
+        char *at = bytes.data() + access->offset;
+        writes ? memcpy(at, access->buffer, access->length)
+               : memcpy(access->buffer, at, access->length);
+    }
     if (p.after_call) {
         p.after_call(call);
     }

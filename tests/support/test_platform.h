@@ -34,7 +34,8 @@ struct CommandOutput {
 
 struct Platform {
     // --- what the appliance holds
-    NvMemory nv;
+    NvMemory nv;                                            // region 2
+    std::map<unsigned, std::string> other_regions;          // 32768 bytes each
     std::map<std::string, StoredFile> sysback;
     std::map<std::string, int> integer_files;
     int master = 0;
