@@ -17,6 +17,7 @@
 #include "kesta/local_lock.h"
 #include "kesta/nv_dump.h"
 #include "kesta/nv_image.h"
+#include "kesta/nv_repair.h"
 #include "kesta/nv_sync.h"
 #include "kesta/process.h"
 #include "kesta/remote_scripts.h"

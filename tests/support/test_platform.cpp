@@ -20,6 +20,7 @@
 #include "kesta/command_lock.h"
 #include "kesta/versions.h"
 #include "mc_logapi.h"
+#include "repair_state.h"
 #include "sanfwctl.h"
 #include "sbacc.h"
 #include "tracked_allocation.h"
@@ -60,6 +61,7 @@ void reset(int own_number)
     tsize = 0;
     kestal_allreset_lockinfo();
     g_version_file_sync = 1;
+    g_env_restore2_flag = 0;
     unsetenv("KESTA_NOHDD_STATUS");
     unsetenv("KESTA_CPMODE_STATUS");
 }
@@ -127,6 +129,12 @@ int Platform::count(const std::string &text) const
         found += trace.text.find(text) != std::string::npos;
     }
     return found;
+}
+
+int Platform::count_now(const std::string &text) const
+{
+    const std::lock_guard guard(mutex);
+    return count(text);
 }
 
 std::vector<std::string> Platform::calls_of(const std::string &kind) const

@@ -87,6 +87,7 @@ struct Platform {
     bool traced(int level, const std::string &text) const;
     std::vector<std::string> texts(int level) const;
     int count(const std::string &text) const;  // traces that hold the text
+    int count_now(const std::string &text) const;  // while other threads trace
     std::vector<std::string> calls_of(const std::string &kind) const;
 
     std::int32_t int_at(std::size_t offset) const;
