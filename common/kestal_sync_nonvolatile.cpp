@@ -66,6 +66,13 @@ int nv_write(unsigned region_number, void *data, std::uint64_t offset, std::uint
     return zKTsanfwctl_write_nv(kesta::nv_handle, &region, &access, kesta::nv_access_count);
 }
 
+// A flag byte as the signed number that it stands for.
+int sign_extended(char byte)
+{
+    constexpr int sign = 0x80;
+    return (static_cast<unsigned char>(byte) ^ sign) - sign;
+}
+
 void log_flags(int rw, int *synced, int *req, const KESTA_SYNC &flags)
 {
     KESTA_VOLATILE image{};
@@ -76,10 +83,10 @@ void log_flags(int rw, int *synced, int *req, const KESTA_SYNC &flags)
 void store_flags(int rw, int *synced, int *req, const KESTA_SYNC &flags)
 {
     if ((rw & KESTA_SYNC_SYNCED) != 0 && synced) {
-        *synced = static_cast<signed char>(flags.synced);
+        *synced = sign_extended(flags.synced);
     }
     if ((rw & KESTA_SYNC_REQ) != 0 && req) {
-        *req = static_cast<signed char>(flags.req);
+        *req = sign_extended(flags.req);
     }
 }
 
@@ -190,8 +197,8 @@ void kestal_flag_of_sync_nonvolatile_dbglog(int rw, int *synced, int *req, KESTA
         return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(pointer));
     };
     TRACE(5, "[flag_of_sync_nonvolatile] kesta_volatile->sync_flag.synced=%d req=%d",
-          static_cast<signed char>(image->sync_flag.synced),
-          static_cast<signed char>(image->sync_flag.req));
+          sign_extended(image->sync_flag.synced),
+          sign_extended(image->sync_flag.req));
     TRACE(5, "[flag_of_sync_nonvolatile] rw=0x%x synced_flg=0x%x(%d) req_flg=0x%x(%d)",
           static_cast<unsigned>(rw), address(synced), synced ? *synced : no_value, address(req),
           req ? *req : no_value);
