@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "atomic_file.h"
 #include "faults.h"
 #include "scoped.h"
 #include "settings.h"
@@ -26,7 +27,7 @@ struct JournalHeader {
 
 constexpr uint32_t journal_empty = 0;
 constexpr uint32_t journal_holds = 0x4A4E4C31;  // "1LNJ"
-constexpr uint64_t payload_offset = 4096;
+constexpr uint64_t payload_offset = 4096;  // a page of its own: the header is flushed by itself
 constexpr uint64_t journal_size = payload_offset + nv_region_size;
 
 // The order of stores as another process sees them after this one was killed.
@@ -44,10 +45,12 @@ uint32_t journal_state(const unsigned char *journal)
     return __atomic_load_n(reinterpret_cast<const uint32_t *>(journal), __ATOMIC_ACQUIRE);
 }
 
-// Makes a mapped file reach the disk, where the settings ask for it.
+bool survives_power_cuts() { return settings().nv_sync != 0; }
+
+// Makes part of a mapped file reach the disk, where the settings ask for it.
 int flush(unsigned char *bytes, uint64_t size)
 {
-    if (settings().nv_sync == 0) {
+    if (!survives_power_cuts()) {
         return 0;
     }
     return msync(bytes, size, MS_SYNC) == 0 ? 0 : -errno;
@@ -122,7 +125,8 @@ int MappedFile::attach(const char *path, uint64_t size, bool create)
     if (fstat(fd.get(), &status) != 0) {
         return -errno;
     }
-    if (status.st_size == 0) {
+    if (status.st_size < static_cast<off_t>(size)) {
+        // Not there yet, or its creation was interrupted: nothing was ever written to it.
         if (!create) {
             return -ENOENT;
         }
@@ -155,22 +159,42 @@ int NvRegion::attach(unsigned number, bool create)
     char journal[path_size + 32];
     snprintf(image, sizeof(image), "%s/region%u.img", settings().nv_dir, number);
     snprintf(journal, sizeof(journal), "%s/region%u.jnl", settings().nv_dir, number);
-    const int result = image_.attach(image, nv_region_size, create);
-    return result != 0 ? result : journal_.attach(journal, journal_size, true);
+    int result = image_.attach(image, nv_region_size, create);
+    if (result == 0) {
+        result = journal_.attach(journal, journal_size, true);
+    }
+    if (result == 0 && survives_power_cuts()) {
+        result = flush_folder_of(image);  // whoever made the files: they are found again
+    }
+    if (result != 0) {
+        detach();
+    }
+    return result;
 }
 
-void NvRegion::finish_interrupted_transfer()
+void NvRegion::detach()
+{
+    image_.detach();
+    journal_.detach();
+}
+
+int NvRegion::finish_interrupted_transfer()
 {
     unsigned char *journal = journal_.bytes();
     if (journal_state(journal) != journal_holds) {
-        return;
+        return 0;
     }
     JournalHeader header;
     memcpy(&header, journal, sizeof(header));
     if (header.length <= nv_region_size && header.offset <= nv_region_size - header.length) {
         memcpy(image_.bytes() + header.offset, journal + payload_offset, header.length);
+        const int result = flush(image_.bytes(), nv_region_size);
+        if (result != 0) {
+            return result;
+        }
     }
     set_journal(journal, journal_empty);
+    return 0;
 }
 
 int NvRegion::read(unsigned number, uint64_t offset, void *buffer, uint64_t length)
@@ -188,7 +212,7 @@ int NvRegion::read(unsigned number, uint64_t offset, void *buffer, uint64_t leng
     if (result == 0 && journal_state(journal_.bytes()) == journal_holds) {
         result = lock.set(F_WRLCK);
         if (result == 0) {
-            finish_interrupted_transfer();
+            (void)finish_interrupted_transfer();  // unflushed it stays in the journal: it is whole
         }
     }
     if (result == 0) {
@@ -205,11 +229,32 @@ int NvRegion::write(unsigned number, uint64_t offset, const void *buffer, uint64
     }
     FileLock lock(journal_.fd());
     result = lock.set(F_WRLCK);
+    if (result == 0) {
+        result = finish_interrupted_transfer();
+    }
+    if (result == 0) {
+        result = put_into_journal(offset, buffer, length);
+    }
     if (result != 0) {
         return result;
     }
-    finish_interrupted_transfer();
+    copy_in(image_.bytes() + offset, buffer, length);
+    result = flush(image_.bytes(), nv_region_size);
+    if (result == 0) {
+        set_journal(journal_.bytes(), journal_empty);
+    }
+    return result;
+}
+
+int NvRegion::put_into_journal(uint64_t offset, const void *buffer, uint64_t length)
+{
     unsigned char *journal = journal_.bytes();
+    // On the disk the journal may still hold the last transfer: not with the place or the payload of
+    // this one.
+    int result = flush(journal, payload_offset);
+    if (result != 0) {
+        return result;
+    }
     const JournalHeader header{journal_empty, 0, offset, length};
     memcpy(journal, &header, sizeof(header));
     copy_in(journal + payload_offset, buffer, length);
@@ -221,11 +266,7 @@ int NvRegion::write(unsigned number, uint64_t offset, const void *buffer, uint64
     result = flush(journal, payload_offset);
     if (result != 0) {
         set_journal(journal, journal_empty);
-        return result;
     }
-    copy_in(image_.bytes() + offset, buffer, length);
-    result = flush(image_.bytes(), nv_region_size);
-    set_journal(journal, journal_empty);
     return result;
 }
 

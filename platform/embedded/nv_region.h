@@ -39,7 +39,11 @@ public:
 
 private:
     int attach(unsigned number, bool create);
-    void finish_interrupted_transfer();
+    void detach();
+
+    // Each returns 0 or a negative errno, with the lock on the journal held for writing.
+    int finish_interrupted_transfer();
+    int put_into_journal(uint64_t offset, const void *buffer, uint64_t length);
 
     MappedFile image_;
     MappedFile journal_;

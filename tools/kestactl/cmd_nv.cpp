@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "appliance_state.h"
+#include "block_value.h"
 #include "command.h"
 #include "names.h"
 
@@ -27,69 +28,6 @@ struct WriteOptions {
 
 const std::map<std::string, From> places{
     {"both", From::both}, {"memory", From::memory}, {"sysback", From::sysback}};
-
-std::int32_t int_at(const std::vector<char> &bytes, std::size_t offset)
-{
-    std::int32_t value;
-    memcpy(&value, bytes.data() + offset, sizeof(value));
-    return value;
-}
-
-std::int64_t long_at(const std::vector<char> &bytes, std::size_t offset)
-{
-    std::int64_t value;
-    memcpy(&value, bytes.data() + offset, sizeof(value));
-    return value;
-}
-
-std::string hex(const std::vector<char> &bytes)
-{
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    for (const char byte : bytes) {
-        text += digits[static_cast<unsigned char>(byte) >> 4];
-        text += digits[static_cast<unsigned char>(byte) & 0xf];
-    }
-    return text;
-}
-
-// Bytes of a text field that aren't text are shown as \xNN.
-std::string printable(const std::string &text)
-{
-    std::string shown;
-    for (const char c : text) {
-        const bool plain = c >= ' ' && c < '\x7f';
-        shown += plain ? std::string(1, c) : "\\x" + hex({c});
-    }
-    return shown;
-}
-
-Json decoded(const Block &block, const std::vector<char> &bytes)
-{
-    switch (block.kind) {
-    case BlockKind::number:
-    case BlockKind::version:
-        return int_at(bytes, 0);
-    case BlockKind::slot:
-    case BlockKind::group:
-    case BlockKind::text:
-        return printable(field_text(bytes));
-    case BlockKind::bytes:
-        return hex(bytes);
-    case BlockKind::lock:
-        return {{"status", int_at(bytes, 0)},
-                {"sign", long_at(bytes, 8)},
-                {"timeout", long_at(bytes, 16)}};
-    case BlockKind::inner_lock:
-        return {{"status", int_at(bytes, 0)}, {"token", long_at(bytes, 8)}};
-    }
-    return nullptr;
-}
-
-std::string shown(const Json &value)
-{
-    return value.is_string() ? value.get<std::string>() : value.dump();
-}
 
 Result read(const ReadOptions &options)
 {
@@ -130,18 +68,18 @@ std::vector<char> encode_number(const Block &block, const std::string &text)
 
 std::vector<char> encode_text(const Block &block, const std::string &text)
 {
-    if (text.size() > block.size) {
+    if (text.size() > block.written) {
         refuse_value(block, text,
-                     "The field holds " + std::to_string(block.size) + " characters.");
+                     "The field holds " + std::to_string(block.written) + " characters.");
     }
-    std::vector<char> bytes(block.size, '\0');
+    std::vector<char> bytes(block.written, '\0');
     memcpy(bytes.data(), text.data(), text.size());
     return bytes;
 }
 
 std::vector<char> encode_bytes(const Block &block, const std::string &text)
 {
-    std::vector<char> bytes(block.size, '\0');
+    std::vector<char> bytes(block.written, '\0');
     const bool whole = text.size() % 2 == 0 && text.size() / 2 <= bytes.size();
     for (std::size_t i = 0; whole && i < text.size(); i += 2) {
         unsigned char byte = 0;
@@ -153,7 +91,7 @@ std::vector<char> encode_bytes(const Block &block, const std::string &text)
         bytes[i / 2] = static_cast<char>(byte);
     }
     if (!whole || text.empty()) {
-        refuse_value(block, text, "Give 1 to " + std::to_string(block.size) +
+        refuse_value(block, text, "Give 1 to " + std::to_string(block.written) +
                                       " bytes as pairs of hexadecimal digits.");
     }
     return bytes;
@@ -261,7 +199,7 @@ Result list()
 
 void add_nv(CLI::App &app, Globals &globals, Action &action)
 {
-    CLI::App *nv = app.add_subcommand("nv", "Read and write blocks of the NV image");
+    CLI::App *nv = app.add_subcommand("nv", "Read, write and look after the NV image");
     nv->require_subcommand(1);
 
     nv->add_subcommand("list", "Show all blocks by name and number")->callback([&action] {
@@ -292,9 +230,12 @@ void add_nv(CLI::App &app, Globals &globals, Action &action)
                                  "  kestactl nv write accept-name kesta_backup1 --memory-only");
     add_examples(*read_command, "  kestactl nv read accept-name\n"
                                 "  kestactl nv read 31 --from memory --json");
+    add_nv_image(*nv, globals, action);
+    add_nv_verify(*nv, action);
     add_examples(*nv, "  kestactl nv list\n"
                       "  kestactl nv read accept-name\n"
-                      "  kestactl nv write group network --dry-run");
+                      "  kestactl nv write group network --dry-run\n"
+                      "  kestactl nv verify");
 }
 
 }  // namespace kestactl

@@ -1,5 +1,9 @@
 #include "command.h"
 
+#include <unistd.h>
+
+#include <iostream>
+
 namespace kestactl {
 namespace {
 
@@ -57,6 +61,24 @@ std::string joined(const std::vector<std::string> &words)
         text += (text.empty() ? "" : " ") + word;
     }
     return text;
+}
+
+void confirm(const std::string &question, bool yes)
+{
+    if (yes) {
+        return;
+    }
+    if (isatty(STDIN_FILENO) == 0) {
+        throw Failure(Exit::usage, "not-confirmed", question + " Nobody is there to answer.",
+                      "Look at what would be done with --dry-run, then give --yes.");
+    }
+    std::cerr << question << " Go on? [yes/no] " << std::flush;
+    std::string answer;
+    std::getline(std::cin, answer);
+    if (answer != "yes") {
+        throw Failure(Exit::no, "not-confirmed", "Nothing was changed: the answer was not yes.",
+                      "Answer with the whole word, or give --yes.");
+    }
 }
 
 void add_dry_run(CLI::App &command, Globals &globals)

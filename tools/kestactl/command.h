@@ -46,6 +46,9 @@ using Action = std::function<Result(const Globals &)>;
 // Subcommands register themselves, and set action when they are chosen.
 void add_status(CLI::App &app, const Globals &globals, Action &action);
 void add_nv(CLI::App &app, Globals &globals, Action &action);
+void add_nv_image(CLI::App &nv, Globals &globals, Action &action);
+void add_nv_verify(CLI::App &nv, Action &action);
+void add_repair(CLI::App &app, Globals &globals, Action &action);
 void add_slot(CLI::App &app, Globals &globals, Action &action);
 void add_copy(CLI::App &app, Globals &globals, Action &action);
 void add_restore(CLI::App &app, Globals &globals, Action &action);
@@ -62,6 +65,10 @@ void add_examples(CLI::App &command, const std::string &examples);
 
 // Words with blanks between them.
 std::string joined(const std::vector<std::string> &words);
+
+// Asks on the terminal before something is lost, unless the answer was given with --yes. Throws
+// Failure if the answer is not yes, or can't be had.
+void confirm(const std::string &question, bool yes);
 
 // Adds --dry-run to a changing command.
 void add_dry_run(CLI::App &command, Globals &globals);

@@ -143,6 +143,7 @@ int main(int argc, char **argv)
     add_nv(app, globals, action);
     add_slot(app, globals, action);
     add_copy(app, globals, action);
+    add_repair(app, globals, action);
     add_restore(app, globals, action);
     add_group(app, globals, action);
     add_script(app, globals, action);

@@ -10,6 +10,7 @@
 namespace kestactl {
 namespace {
 
+constexpr unsigned identity_size = 16;
 constexpr std::size_t longest_group = KESTA_GROUP_NAME_SIZE - 1;
 
 void add_per_controller(std::vector<Block> &all, int first, const std::string &name, BlockKind kind,
@@ -43,9 +44,9 @@ std::vector<Block> make_blocks()
     add_per_controller(all, KESTA_BLOCK_STATUS_CNT0, "status", BlockKind::number, 4, false);
     add_per_controller(all, KESTA_BLOCK_INNERLOCK_CNT0, "innerlock", BlockKind::inner_lock, 16,
                        false);
-    all.push_back({KESTA_BLOCK_WWN, "wwn", BlockKind::text, 20, true, true});
-    all.push_back({KESTA_BLOCK_SERIALNO, "serialno", BlockKind::text, 20, true, true});
-    all.push_back({KESTA_BLOCK_GUID, "guid", BlockKind::bytes, 20, true, true});
+    all.push_back({KESTA_BLOCK_WWN, "wwn", BlockKind::text, 20, true, true, identity_size});
+    all.push_back({KESTA_BLOCK_SERIALNO, "serialno", BlockKind::text, 20, true, true, identity_size});
+    all.push_back({KESTA_BLOCK_GUID, "guid", BlockKind::bytes, 20, true, true, identity_size});
     return all;
 }
 

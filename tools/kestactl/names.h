@@ -21,9 +21,12 @@ struct Block {
     int id;
     std::string name;
     BlockKind kind;
-    unsigned size;
+    unsigned size;  // of the field
     bool mirrored;
     bool in_memory;
+    // What is written, and mirrored: of an identity field 16 bytes of the 20, which is what the flows
+    // that read its mirror have room for.
+    unsigned written = size;
 };
 
 const std::vector<Block> &blocks();

@@ -1,0 +1,24 @@
+// What the bytes of a block say, for people and for programs.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "command.h"
+#include "names.h"
+
+namespace kestactl {
+
+// Two digits a byte.
+std::string hex(const std::vector<char> &bytes);
+
+// Bytes of a text that aren't text are shown as \xNN.
+std::string printable(const std::string &text);
+
+// Numbers, texts, hexadecimal digits, or the members of a lock.
+Json decoded(const Block &block, const std::vector<char> &bytes);
+
+// A decoded value in one line.
+std::string shown(const Json &value);
+
+}  // namespace kestactl
