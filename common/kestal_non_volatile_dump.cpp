@@ -5,6 +5,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 
@@ -31,15 +32,13 @@ constexpr std::array<DumpRegion, 5> dump_regions{{{"HEADER", 8, 8},
                                                   {"INNERLOCK", 600, 64}}};
 
 constexpr int page_size = 256;
-constexpr int bytes_a_line = 16;
-constexpr int bytes_a_group = 4;
+constexpr std::size_t bytes_a_line = 16;
+constexpr std::size_t bytes_a_group = 4;
 constexpr std::size_t offset_digits = 8;
 constexpr std::size_t first_group_column = 10;
 constexpr std::size_t group_width = 9;  // eight digits and a blank
 constexpr std::size_t text_column = 47;
 constexpr std::size_t line_width = 63;
-
-using Line = std::array<char, line_width + 2>;  // with room for a newline and the end
 
 // The two digits of every byte, and the character that stands for it.
 struct ByteTable {
@@ -57,23 +56,31 @@ struct ByteTable {
 };
 constexpr ByteTable byte_table;
 
-void form_line(Line &line, std::uint64_t offset, const unsigned char *bytes, int count)
+// Forms a line of count bytes with its newline. A constant count makes the columns constant.
+inline void form_bytes(char *line, const unsigned char *bytes, std::size_t count)
 {
-    line.fill(' ');
-    for (std::size_t i = offset_digits; i > 0; --i) {
-        line[i - 1] = byte_table.digits[offset & 15][1];
-        offset >>= 4;
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::size_t column =
+            first_group_column + i / bytes_a_group * group_width + i % bytes_a_group * 2;
+        memcpy(line + column, byte_table.digits[bytes[i]].data(), 2);
+        line[text_column + i] = byte_table.shown[bytes[i]];
+    }
+}
+
+void form_line(char *line, std::uint32_t offset, const unsigned char *bytes, std::size_t count)
+{
+    memset(line, ' ', line_width);
+    for (std::size_t i = offset_digits; i > 0; i -= 2) {
+        memcpy(line + i - 2, byte_table.digits[offset & 0xff].data(), 2);
+        offset >>= 8;
     }
     line[offset_digits] = ':';
-    for (int i = 0; i < count; ++i) {
-        const std::size_t place = static_cast<std::size_t>(i);
-        const std::size_t column = first_group_column + place / bytes_a_group * group_width +
-                                   place % bytes_a_group * 2;
-        memcpy(&line[column], byte_table.digits[bytes[i]].data(), 2);
-        line[text_column + place] = byte_table.shown[bytes[i]];
+    if (count == bytes_a_line) {
+        form_bytes(line, bytes, bytes_a_line);
+    } else {
+        form_bytes(line, bytes, count);
     }
     line[line_width] = '\n';
-    line[line_width + 1] = '\0';
 }
 
 // Where a dump goes: a file of its own, or the trace log.
@@ -226,16 +233,15 @@ void kestal_non_volatile_dump(FILE *out, char *data, int length)
     std::array<char, lines_a_write *(line_width + 1)> lines;
     std::size_t used = 0;
     const auto *bytes = reinterpret_cast<const unsigned char *>(data);
-    Line line;
-    for (int at = 0; at < length; at += bytes_a_line) {
-        const int count = length - at < bytes_a_line ? length - at : bytes_a_line;
-        form_line(line, static_cast<std::uint64_t>(at), bytes + at, count);
+    const std::size_t size = static_cast<std::size_t>(length > 0 ? length : 0);
+    for (std::size_t at = 0; at < size; at += bytes_a_line) {
+        char *line = lines.data() + used;
+        form_line(line, static_cast<std::uint32_t>(at), bytes + at, std::min(bytes_a_line, size - at));
         if (!out) {
             line[line_width] = '\0';
-            TRACE(4, "%s", line.data());
+            TRACE(4, "%s", line);
             continue;
         }
-        memcpy(lines.data() + used, line.data(), line_width + 1);
         used += line_width + 1;
         if (used == lines.size()) {
             (void)fwrite(lines.data(), 1, used, out);  // a failure stays in the stream

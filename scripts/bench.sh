@@ -49,6 +49,11 @@ bench "$memory" lock_bench lock 1 15
 bench "$memory" definition_bench definition 1 15
 bench "$memory" trace_bench trace 1 15
 bench "$memory" system_bench system 1 9
+bench "$memory" nv_bench dump 1 9 dump
+bench "$memory" nv_bench repair 1 15 '^(library|raw)_repair/'
+measure "$memory" nv_bench slow_repair KESTA_PLATFORM_TRACE_LEVEL=1 KESTA_BENCH_SLOW_AREA=1 \
+    "$build/bench/nv_bench" --benchmark_format=json --benchmark_repetitions=3 \
+    --benchmark_filter='^slow_'
 # One flow at a time, in alternation with its raw cost: the memory of another flow is not in between.
 for size in 1 100; do
     for flow in backup2tmp_check backup2tmp cntbackup2tmp cntbackup2backup merge_file2accept \

@@ -125,8 +125,7 @@ int MappedFile::attach(const char *path, uint64_t size, bool create)
     if (fstat(fd.get(), &status) != 0) {
         return -errno;
     }
-    if (status.st_size < static_cast<off_t>(size)) {
-        // Not there yet, or its creation was interrupted: nothing was ever written to it.
+    if (status.st_size == 0) {
         if (!create) {
             return -ENOENT;
         }

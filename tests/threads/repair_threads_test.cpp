@@ -1,9 +1,11 @@
 // The repair by twelve workers. Waits pass at once; the waiting thread is held back until the workers that
 // can end have ended.
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "library_test.h"
@@ -89,42 +91,146 @@ TEST_F(RepairThreads, WorkerThatFailsIsTold)
     EXPECT_EQ(p().text_at(384, 20), std::string(20, 'g')) << "the others are done";
 }
 
-TEST_F(RepairThreads, WorkerThatHangsIsGivenUpAfterTwoMinutes)
-{
-    std::atomic<bool> gone{false};
+// One of the twelve hangs: in the system backup area, where it can be cancelled, or in NV memory, where it
+// holds the mutex of all transfers and is not to be interrupted.
+struct Hang {
+    int worker;
+    const char *name;  // of its item in the system backup area
+    int offset;        // of its item in NV memory; -1: it has no place there
+    int size;
+};
+
+void PrintTo(const Hang &hang, std::ostream *out) { *out << hang.name; }
+
+class HangingRepair : public RepairThreads, public testing::WithParamInterface<Hang> {
+protected:
+    HangingRepair()
+    {
+        EXPECT_EQ(unlink("/etc/kesta_sys/version"), 0);
+        EXPECT_EQ(mkdir("/etc/kesta_sys/version", 0755), 0);  // unreadable: all twelve ask the area
+        if (pipe(never_) != 0) {
+            abort();
+        }
+        threads_ = threads_now();
+    }
+    ~HangingRepair() override
+    {
+        close(never_[0]);
+        close(never_[1]);
+        rmdir("/etc/kesta_sys/version");
+    }
+
+    static int threads_now()
+    {
+        int count = 0;
+        for (const auto &entry : std::filesystem::directory_iterator("/proc/self/task")) {
+            count += !entry.path().empty();
+        }
+        return count;
+    }
+    // Stays until it is cancelled, or let go.
+    void hang()
+    {
+        hanging = true;
+        char byte;
+        const ssize_t nothing = ::read(never_[0], &byte, 1);
+        EXPECT_EQ(nothing, 0);
+    }
+    void let_go()
+    {
+        close(never_[1]);
+        never_[1] = -1;
+    }
+    void await_end_of_all_workers()
+    {
+        while (threads_now() > threads_) {
+            std::this_thread::yield();
+        }
+    }
+    void expect_given_up()
+    {
+        const std::string thread = "Thread(" + std::to_string(GetParam().worker) + ")";
+        EXPECT_TRUE(hanging);
+        EXPECT_EQ(p().calls_of("usleep 100000").size(), 1200u);
+        EXPECT_TRUE(
+            p().traced(4, "[repair_allitem] " + thread + "[1190/1200] don't Finish. Wait..."));
+        EXPECT_TRUE(p().traced(1, "[repair_allitem] " + thread + " don't Finish. Error(rtn=0)."));
+        for (int i = 0; i < workers; ++i) {
+            const std::string done = "[repair_allitem] RtnValue(" + std::to_string(i) + ")(rtn=0).";
+            EXPECT_EQ(p().traced(4, done), i < GetParam().worker)
+                << "those behind one that hangs are collected after it: never";
+        }
+        EXPECT_TRUE(p().traced(1, "[repair_allitem] Thread ReturnValue Error."));
+    }
+    // Every lock is free: the next repair gets through.
+    void expect_nothing_held()
+    {
+        hook = nullptr;
+        p().traces.clear();
+        p().calls.clear();
+        await_workers(workers);
+        EXPECT_EQ(repair(), 0);
+    }
+
     std::atomic<bool> hanging{false};
-    int never[2];
-    ASSERT_EQ(pipe(never), 0);
-    hook = [&](const std::string &call) {
-        if (call == "sb_open kesta_guid r") {
-            struct Left {
-                std::atomic<bool> &gone;
-                ~Left() { gone = true; }
-            } left{gone};
-            hanging = true;
-            char byte;
-            const ssize_t nothing = ::read(never[0], &byte, 1);  // until it is cancelled
-            EXPECT_EQ(nothing, 0);
+
+private:
+    int never_[2]{};
+    int threads_ = 0;
+};
+
+TEST_P(HangingRepair, InTheSystemBackupArea)
+{
+    hook = [this](const std::string &call) {
+        if (call == std::string("sb_open ") + GetParam().name + " r") {
+            hang();
         }
     };
     await_workers(workers - 1);
     EXPECT_EQ(repair(), -1);
-    EXPECT_TRUE(hanging);
-    EXPECT_EQ(p().calls_of("usleep 100000").size(), 1200u);
-    EXPECT_TRUE(p().traced(4, "[repair_allitem] Thread(11)[1190/1200] don't Finish. Wait..."));
-    EXPECT_TRUE(p().traced(1, "[repair_allitem] Thread(11) don't Finish. Error(rtn=0)."));
-    while (!gone) {
-        std::this_thread::yield();  // cancelled in its reading, not ended by it
-    }
-    close(never[0]);
-    close(never[1]);
-    hook = nullptr;
-    // The next repair finds no lock held.
-    EXPECT_EQ(p().text_at(nv_backup_name, 32), "kesta_backup0");
-    p().traces.clear();
-    await_workers(workers);
-    EXPECT_EQ(repair(), 0);
+    expect_given_up();
+    await_end_of_all_workers();  // it was cancelled in its reading: nobody has let it go
+    expect_nothing_held();
 }
+
+class HangingTransfer : public HangingRepair {};
+
+TEST_P(HangingTransfer, InNvMemory)
+{
+    const std::string transfer =
+        "nv_write " + std::to_string(GetParam().offset) + " " + std::to_string(GetParam().size);
+    hook = [this, transfer](const std::string &call) {
+        // The others get through first: they would wait for the mutex otherwise.
+        if (call == std::string("sb_open ") + GetParam().name + " r") {
+            while (ended() < workers - 1) {
+                std::this_thread::yield();
+            }
+        }
+        if (call == transfer) {
+            hang();
+        }
+    };
+    await_workers(workers - 1);
+    EXPECT_EQ(repair(), -1);
+    expect_given_up();
+    let_go();  // its transfer ends, the mutex is free, and then the worker is cancelled
+    await_end_of_all_workers();
+    expect_nothing_held();
+}
+
+const std::vector<Hang> in_memory{
+    {0, "kesta_sysback", 72, 32}, {1, "kesta_sysacpt", 104, 32}, {2, "kesta_verid", 296, 4},
+    {3, "kesta_verback", 300, 4}, {4, "kesta_ver0", 312, 4},     {5, "kesta_ver1", 320, 4},
+    {6, "kesta_ver2", 328, 4},    {7, "kesta_ver3", 336, 4},     {9, "kesta_wwn", 344, 16},
+    {10, "kesta_serialno", 364, 16}, {11, "kesta_guid", 384, 20}};
+
+std::string name_of(const testing::TestParamInfo<Hang> &tested) { return tested.param.name; }
+
+INSTANTIATE_TEST_SUITE_P(Items, HangingRepair, testing::ValuesIn(in_memory), name_of);
+// The reboot version lives in the system backup area only.
+INSTANTIATE_TEST_SUITE_P(RebootVersion, HangingRepair,
+                         testing::Values(Hang{8, "kesta_reboot", -1, 4}), name_of);
+INSTANTIATE_TEST_SUITE_P(Items, HangingTransfer, testing::ValuesIn(in_memory), name_of);
 
 TEST_F(RepairThreads, BodyOfAThreadChecksItsIndex)
 {
