@@ -85,7 +85,7 @@ TEST_F(KestactlRepair, WipedMemoryIsDiagnosedAndMended)
     const Ran found = ctl(1, "nv verify");
     EXPECT_EQ(found.code, 1);
     EXPECT_THAT(found.out, AllOf(HasSubstr("NV memory is NOT valid"),
-                                 HasSubstr("the system backup area is valid"),
+                                 HasSubstr("The system backup area is valid"),
                                  HasSubstr("'kestactl repair'")));
     const json before = verify();
     EXPECT_FALSE(before.at("memory_valid").get<bool>());

@@ -57,7 +57,8 @@ TEST_F(Kestactl, HelpAndVersion)
     EXPECT_EQ(ctl(0, "--version").code, 0);
     EXPECT_THAT(ctl(0, "--version").out, testing::MatchesRegex(".*[0-9]+\\.[0-9]+\\.[0-9]+\n"));
     for (const std::string command :
-         {"", "status", "nv", "nv list", "nv read", "nv write", "slot", "slot show", "slot switch",
+         {"", "status", "nv", "nv list", "nv read", "nv write", "nv verify",
+          "nv init", "nv clear", "nv flags", "nv sync", "nv dump", "repair", "slot", "slot show", "slot switch",
           "copy", "copy backup2tmp", "copy cntbackup2tmp", "copy cntbackup2backup",
           "copy merge-file2accept", "copy backup2copy", "restore", "run"}) {
         const Ran help = ctl(0, command + " --help");

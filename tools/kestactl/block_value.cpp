@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include <algorithm>
 #include <cstdint>
 
 #include "appliance_state.h"
@@ -44,6 +45,11 @@ std::string printable(const std::string &text)
         shown += plain ? std::string(1, c) : "\\x" + hex({c});
     }
     return shown;
+}
+
+bool all_zero(const std::vector<char> &bytes)
+{
+    return std::all_of(bytes.begin(), bytes.end(), [](char byte) { return byte == 0; });
 }
 
 Json decoded(const Block &block, const std::vector<char> &bytes)

@@ -15,6 +15,8 @@ std::string hex(const std::vector<char> &bytes);
 // Bytes of a text that aren't text are shown as \xNN.
 std::string printable(const std::string &text);
 
+bool all_zero(const std::vector<char> &bytes);
+
 // Numbers, texts, hexadecimal digits, or the members of a lock.
 Json decoded(const Block &block, const std::vector<char> &bytes);
 

@@ -118,11 +118,6 @@ std::vector<char> bytes_of(const Field &field, const std::vector<char> &image)
     return {from, from + field.block.size};
 }
 
-bool all_zero(const std::vector<char> &bytes)
-{
-    return std::all_of(bytes.begin(), bytes.end(), [](char byte) { return byte == 0; });
-}
-
 bool is_stamped(const std::vector<char> &image)
 {
     return std::string_view(image.data() + offsetof(KESTA_VOLATILE, magic), image_magic.size()) ==

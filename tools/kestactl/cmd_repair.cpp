@@ -39,13 +39,16 @@ std::string shown_at(const MirroredItem &item, Side side)
     if (!content) {
         return "(unreadable)";
     }
+    if (item.block->kind == BlockKind::bytes && all_zero(*content)) {
+        return "(zeros)";
+    }
     const std::string text = shown(decoded(*item.block, *content));
     return text.empty() ? "(empty)" : text;
 }
 
 std::string describe_side(const MirrorState &state, Side side)
 {
-    return std::string(name_of(side)) +
+    return std::string(side == Side::memory ? "NV memory" : "The system backup area") +
            (state.valid(side) ? " is valid: both of its slot names are slots."
                               : " is NOT valid: it does not name a backup and an accept slot.");
 }
@@ -170,8 +173,8 @@ void require_source(const std::vector<Replacement> &changes, Side from)
     for (const Replacement &change : changes) {
         if (change.value.empty()) {
             throw Failure(Exit::platform, "unreadable-item",
-                          std::string(name_of(from)) + " is to be copied, but " +
-                              change.item->block->name + " can't be read there.",
+                          "The item " + change.item->block->name + " can't be read from " +
+                              name_of(from) + ", which is to be copied.",
                           "Nothing was changed. Write that item by itself with 'kestactl nv write " +
                               change.item->block->name + " VALUE', then repair again.");
         }
