@@ -7,16 +7,15 @@
 #include "kesta/controller.h"
 #include "kesta/identity.h"
 #include "kesta/process.h"
+#include "shell_text.h"
 #include "storage_places.h"
 #include "trace.h"
+#include "vpd_tool.h"
 
 namespace {
 
 constexpr const char *vpd_tool = "/opt/kesta_sys/sbin/env_vpdctl";
 constexpr const char *model_command = "/usr/sbin/eeprom MODEL | cut -d '=' -f2";
-
-// A line of output, as kestal_execute fills it.
-using Line = std::array<char, 64>;
 
 const char *or_null(const char *text) { return text ? text : "NULL"; }
 
@@ -32,7 +31,7 @@ void copy_cache(const char *cache, char *to, std::size_t length)
 struct Value {
     char *buffer;
     std::size_t length;
-    Line line{};
+    kesta::VpdLine line{};
 
     void store()
     {
@@ -44,6 +43,33 @@ struct Value {
         buffer[used] = '\0';
     }
 };
+
+using Values = std::array<Value, 3>;  // WWN, serial number, GUID
+
+int read_values(Values values)
+{
+    TRACE(5, "[kestal_get_vpn_info] START");
+    kesta::CommandLine command{};
+    snprintf(command.data(), command.size(), "%s -r 2> /dev/null", vpd_tool);
+    std::array<char *, values.size() + 1> output{};
+    std::size_t wanted = 0;  // a null buffer ends the list
+    while (wanted < values.size() && values[wanted].buffer) {
+        output[wanted] = values[wanted].line.data();
+        ++wanted;
+    }
+    const int ret = kestal_execute(command.data(), output.data());
+    for (std::size_t i = 0; i < wanted; ++i) {
+        values[i].store();
+    }
+    if (ret != KESTA_OK) {
+        TRACE(1, "[kestal_get_vpn_info] kestal_execute(%s) error. ret=%d", command.data(), ret);
+    }
+    const auto shown = [&values](std::size_t i) { return static_cast<int>(values[i].length); };
+    TRACE(3, "[kestal_get_vpn_info] END p_wwn=[%.*s] p_serialno=[%.*s] p_guid=[%.*s] ret=[%d]",
+          shown(0), or_null(values[0].buffer), shown(1), or_null(values[1].buffer), shown(2),
+          or_null(values[2].buffer), ret);
+    return ret;
+}
 
 // An option of the VPD tool and its text, appended to a command line; false if it doesn't fit.
 bool append_option(kesta::CommandLine &command, const char *option, const char *text)
@@ -115,35 +141,27 @@ int kestal_get_model_by_eeprom(char *model)
     return ret;
 }
 
+int kesta::read_vpd_tool(char *wwn, char *serialno, char *guid)
+{
+    constexpr std::size_t whole_line = VpdLine().size() - 1;
+    return read_values({{{wwn, whole_line}, {serialno, whole_line}, {guid, whole_line}}});
+}
+
 int kestal_get_vpn_info(char *wwn, char *serialno, char *guid)
 {
-    TRACE(5, "[kestal_get_vpn_info] START");
-    kesta::CommandLine command{};
-    snprintf(command.data(), command.size(), "%s -r 2> /dev/null", vpd_tool);
-    std::array<Value, 3> values{{{wwn, KESTA_WWN_LENGTH},
-                                 {serialno, KESTA_SERIALNO_LENGTH},
-                                 {guid, KESTA_GUID_TEXT_LENGTH}}};
-    std::array<char *, values.size() + 1> output{};
-    std::size_t wanted = 0;  // a null buffer ends the list
-    while (wanted < values.size() && values[wanted].buffer) {
-        output[wanted] = values[wanted].line.data();
-        ++wanted;
-    }
-    const int ret = kestal_execute(command.data(), output.data());
-    for (std::size_t i = 0; i < wanted; ++i) {
-        values[i].store();
-    }
-    if (ret != KESTA_OK) {
-        TRACE(1, "[kestal_get_vpn_info] kestal_execute(%s) error. ret=%d", command.data(), ret);
-    }
-    TRACE(3, "[kestal_get_vpn_info] END p_wwn=[%.16s] p_serialno=[%.16s] p_guid=[%.36s] ret=[%d]",
-          or_null(wwn), or_null(serialno), or_null(guid), ret);
-    return ret;
+    return read_values({{{wwn, KESTA_WWN_LENGTH},
+                         {serialno, KESTA_SERIALNO_LENGTH},
+                         {guid, KESTA_GUID_TEXT_LENGTH}}});
 }
 
 int kestal_set_vpn_info(const char *wwn, const char *serialno, const char *guid)
 {
     TRACE(5, "[kestal_set_vpn_info] START");
+    if (!kesta::is_shell_word(wwn) || !kesta::is_shell_word(serialno) ||
+        !kesta::is_shell_word(guid)) {
+        TRACE(1, "[kestal_set_vpn_info] Argument Error.(a character that a shell would act on)");
+        return KESTA_ERR_ARGUMENT;
+    }
     kesta::CommandLine command{};
     if (!form_write_command(command, wwn, serialno, guid)) {
         TRACE(1, "[kestal_set_vpn_info] Argument Error.(command too long)");

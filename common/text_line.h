@@ -47,6 +47,17 @@ inline TextWritten write_text(int fd, const char *text)
     return {static_cast<int>(length), static_cast<int>(written), errno};
 }
 
+// The same for a file that holds nothing else: it is closed, and a failed close is a failed write.
+inline TextWritten write_and_close_text(UniqueFd &file, const char *text)
+{
+    TextWritten result = write_text(file.get(), text);
+    if (file.close() != 0 && result.complete()) {
+        result.written = -1;
+        result.error = errno;
+    }
+    return result;
+}
+
 inline constexpr int new_text_file_mode = 0666;
 
 }  // namespace kesta

@@ -40,9 +40,9 @@ KESTA_API int kestal_get_model_by_eeprom(char *model);
 KESTA_API int kestal_get_vpn_info(char *wwn, char *serialno, char *guid);
 
 /*
- * Writes them with the VPD tool; a null text is left out. The texts go into a shell command as they are.
- * Returns 0, the tool's exit code, KESTA_ERR, or KESTA_ERR_ARGUMENT if they make a command of more than
- * 511 characters.
+ * Writes them with the VPD tool; a null text is left out. The texts become words of a shell command.
+ * Returns 0, the tool's exit code, KESTA_ERR, or KESTA_ERR_ARGUMENT, and runs nothing then: a text has
+ * other characters than letters, digits and . _ : + - = / @, or the command more than 511.
  */
 KESTA_API int kestal_set_vpn_info(const char *wwn, const char *serialno, const char *guid);
 
@@ -65,6 +65,75 @@ KESTA_API int kestal_read_flash_guid(char *guid);
  */
 KESTA_API int kestal_guid_str2bin(const char *text, char *bytes);
 KESTA_API int kestal_guid_bin2str(const char *bytes, char *text);
+
+/*
+ * Flows that carry a changed identity into the saved environments. They work in a staging tree,
+ * /var/run/kesta_sys/env_restore2, with a folder 0, 1, ... for each controller and C for what all
+ * share. A failure ends a flow and leaves the tree as it is; the next one opens it anew. One flow at a
+ * time on a controller; they take no lock for that.
+ *
+ * The steps. Each returns 0, KESTA_ERR, or KESTA_ERR_ARGUMENT (null, a character that a shell would act
+ * on, a text that is too long; nothing is run or written then).
+ */
+
+/*
+ * Unpacks the archive of a folder into the tree.
+ * flag  1: the current backup is brought to the temporary cache first
+ */
+KESTA_API int kestal_update_vpdinfo_distribute_open(const char *directory, int flag);
+
+/* Sets WWN and serial number in the boot environments of controllers 0 and 1; a null text is left out. */
+KESTA_API int kestal_update_vpdinfo_eeprom(const char *wwn, const char *serialno);
+
+/* Writes the GUID file that all controllers share. */
+KESTA_API int kestal_update_vpdinfo_guid(const char *guid);
+
+/*
+ * Names the controllers after the new WWN (WWN-0, WWN-1), and writes the hosts table; leaves all as it is
+ * where this controller's name is not the one made of the old WWN: it was named by hand. After
+ * kestal_update_vpdinfo_eeprom only: before it there are no controllers to write for.
+ *
+ * Returns 0; 1 (a file could not be written); the platform's result; what the own number could not be
+ * had with. Where the present name can't be read: KESTA_ERR, or in the first call of a process the own
+ * number, which is 0 on controller 0.
+ */
+KESTA_API int kestal_update_host_info(const char *wwn_new, const char *wwn_old);
+
+/*
+ * flag  0: copies this controller's files from the tree to the running system, and packs the archive
+ *       of the flash folder. 1: packs the archive of the merge cache, and writes it to the accept slot.
+ *       Another one: packs only.
+ */
+KESTA_API int kestal_update_vpdinfo_collect_close(int flag);
+
+/*
+ * The VPD tool's identity goes into this controller's saved environment and running system, where it
+ * differs from the values given. A tool without a valid identity gets the values given instead.
+ *
+ * wwn, serialno, guid  17, 17 and 37 bytes, in and out; the first 16, 16 and 36 count and are written
+ *
+ * Returns 1 (changed), 0 (nothing to do, or the tool can't be read), KESTA_ERR, KESTA_ERR_ARGUMENT (null).
+ */
+KESTA_API int kestal_vpd_to_flash(char *wwn, char *serialno, char *guid);
+
+/*
+ * The disk's identity goes into the VPD tool, where the two differ.
+ *
+ * wwn, serialno, guid  16 characters, 16 characters, 16 bytes; null: taken from the NV image
+ *
+ * Returns 0 in every case: traces tell of failures.
+ */
+KESTA_API int kestal_vpd_to_hdd(const char *wwn, const char *serialno, const char *guid);
+
+/*
+ * Controller 0's identity goes into the saved environment that this controller is to start with: the
+ * accept slot gets it, the version is raised, the slots are named anew. Does nothing where both WWNs and
+ * both serial numbers are equal.
+ *
+ * Returns 1 (changed), 0 (nothing to do), KESTA_ERR, KESTA_ERR_ARGUMENT (null).
+ */
+KESTA_API int kestal_CONT0_to_CONT1(const char *cnt0_wwn, const char *own_wwn,
+                                    const char *hdd0_serialno, const char *hdd1_serialno);
 
 KESTA_END_DECLS
 

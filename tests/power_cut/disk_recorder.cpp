@@ -112,7 +112,7 @@ void look_at_mappings()
                 const char *now = reinterpret_cast<const char *>(mapping.bytes) + at;
                 if (memcmp(now, mapping.seen.data() + at, word) != 0) {
                     memcpy(mapping.seen.data() + at, now, word);
-                    add({Kind::write, numbers[mapping.inode], at, word, std::string(now, word), "", ""});
+                    add({Kind::store, numbers[mapping.inode], at, word, std::string(now, word), "", ""});
                 }
             }
         }
@@ -190,11 +190,19 @@ struct State {
     std::map<std::string, int> names;
 };
 
+bool is_data(const DiskEvent &event)
+{
+    return event.kind == Kind::write || event.kind == Kind::store;
+}
+
 void apply(State &state, const DiskEvent &event)
 {
-    if (event.kind == Kind::write) {
+    if (is_data(event)) {
         std::string &bytes = state.contents[event.file];
         if (bytes.size() < event.offset + event.bytes.size()) {
+            if (event.kind == Kind::store) {
+                return;
+            }
             bytes.resize(event.offset + event.bytes.size(), '\0');
         }
         bytes.replace(event.offset, event.bytes.size(), event.bytes);
@@ -214,9 +222,9 @@ bool is_flushed_by(const DiskEvent &pending, const DiskEvent &flush)
 {
     switch (flush.kind) {
     case Kind::flush_file:
-        return pending.kind == Kind::write && pending.file == flush.file;
+        return is_data(pending) && pending.file == flush.file;
     case Kind::flush_range:
-        return pending.kind == Kind::write && pending.file == flush.file &&
+        return is_data(pending) && pending.file == flush.file &&
                pending.offset < flush.offset + flush.size &&
                pending.offset + pending.size > flush.offset;
     case Kind::flush_folder:
@@ -386,7 +394,7 @@ void for_each_power_cut(const Recording &recording, const std::string &left_out,
         return true;
     };
     for (const DiskEvent &event : recording.events) {
-        if (event.kind == Kind::write || event.kind == Kind::name) {
+        if (is_data(event) || event.kind == Kind::name) {
             pending.push_back(event);
             continue;  // what is pending is cut before the next flush
         }

@@ -17,6 +17,7 @@ using Disk = std::map<std::string, std::string>;
 struct DiskEvent {
     enum class Kind {
         write,         // bytes of a file
+        store,         // the same, into a mapped file: the file does not grow by it
         name,          // a folder's entry: name stands for file; file 0: it is gone
         flush_file,    // everything written to a file
         flush_range,   // what was written to a range of a file

@@ -24,6 +24,7 @@
 #include "sanfwctl.h"
 #include "sbacc.h"
 #include "tracked_allocation.h"
+#include "vpd_state.h"
 #include "vrbapi.h"
 
 extern "C" int __real_system(const char *command);
@@ -62,6 +63,8 @@ void reset(int own_number)
     kestal_allreset_lockinfo();
     g_version_file_sync = 1;
     g_env_restore2_flag = 0;
+    g_vpd_cntnum = -1;
+    g_vpd_cnt_no = -1;
     unsetenv("KESTA_NOHDD_STATUS");
     unsetenv("KESTA_CPMODE_STATUS");
 }
@@ -395,6 +398,18 @@ int vrbapi_getint_from_file(const char *path, unsigned char flag, int lowest, in
         return -2;
     }
     *value = file->second;
+    return 0;
+}
+
+int vrbgetnetconfig(vrb_netconfig_t records[2])
+{
+    Platform &p = platform();
+    if (p.meets_fault("vrb_net", "vrb_net")) {
+        errno = p.fault_errno;
+        return -3;
+    }
+    records[0] = {p.own_record, {htonl(0x0a000001)}};   // 10.0.0.1
+    records[1] = {1 - p.own_record, {htonl(0x0a000002)}};
     return 0;
 }
 

@@ -39,6 +39,7 @@ struct Platform {
     std::map<std::string, StoredFile> sysback;
     std::map<std::string, int> integer_files;
     int master = 0;
+    int own_record = 0;  // the number that the network configuration tells
     std::uint8_t cont_sts[4]{};
     std::uint8_t card_sts[4]{};
     std::map<std::string, CommandOutput> commands;  // of popen; another one runs for real
