@@ -8,6 +8,12 @@ install(TARGETS kesta kesta_static ${KESTA_PLATFORM_LIBRARIES}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS kestactl kesta-lab cpinfo RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# Programs that the library's command lines call, and nobody by hand.
+set(KESTA_PROGRAMDIR ${CMAKE_INSTALL_LIBEXECDIR}/kesta)
+install(TARGETS eeprom env_vpdctl RUNTIME DESTINATION ${KESTA_PROGRAMDIR})
+install(PROGRAMS
+    platform/embedded/env_tarz_assign_distribute.sh platform/embedded/env_tarz_assign_collect.sh
+    DESTINATION ${KESTA_PROGRAMDIR})
 install(DIRECTORY include/kesta DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES
     platform/mc_logapi.h platform/sanfwctl.h platform/sbacc.h platform/vrbapi.h
@@ -16,6 +22,7 @@ install(FILES share/define.rng DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta)
 install(DIRECTORY share/example DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta)
 install(FILES docs/platform.conf DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES docs/man/kestactl.1 docs/man/kesta-lab.1 docs/man/cpinfo.1
+    docs/man/eeprom.1 docs/man/env_vpdctl.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 # The command lines name these paths; the system lacks them.
@@ -23,8 +30,16 @@ install(CODE "
     set(sbin \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}\")
     file(MAKE_DIRECTORY \"\${sbin}\")
     file(CREATE_LINK \"../${CMAKE_INSTALL_BINDIR}/cpinfo\" \"\${sbin}/cpinfo\" SYMBOLIC)
+    file(CREATE_LINK \"../${KESTA_PROGRAMDIR}/eeprom\" \"\${sbin}/eeprom\" SYMBOLIC)
     if(NOT EXISTS \"\${sbin}/tar\")
         file(CREATE_LINK /usr/bin/tar \"\${sbin}/tar\" SYMBOLIC)
+    endif()
+    if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
+        set(product \"\$ENV{DESTDIR}/opt/kesta_sys/sbin\")
+        file(MAKE_DIRECTORY \"\${product}\")
+        foreach(program env_vpdctl env_tarz_assign_distribute.sh env_tarz_assign_collect.sh)
+            file(CREATE_LINK \"/usr/${KESTA_PROGRAMDIR}/\${program}\" \"\${product}/\${program}\" SYMBOLIC)
+        endforeach()
     endif()")
 
 install(EXPORT kesta-targets NAMESPACE kesta:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kesta)

@@ -47,16 +47,22 @@ constexpr std::array<OwnFolder, 5> own_folders{{
 }};
 
 // Folders that the library and its callers expect to find.
-constexpr std::array<const char *, 10> product_folders{
+constexpr std::array<const char *, 12> product_folders{
     "etc/kesta_sys",       "etc/kesta",    "opt/kesta_sys/bakup", "opt/kesta_sys/sbin",
     "tmp/kesta_sys/tmp",   "run/kesta_sys/tmp", "opt/kesta_platform/shared",
-    "opt/kesta_platform/product", "opt/kesta_platform/host-sbin", "opt/kesta_platform/lab"};
+    "opt/kesta_platform/product", "opt/kesta_platform/host-sbin", "opt/kesta_platform/lab",
+    "etc/inet", "boot/solaris"};
 
 // Secrets of the machine that no lab needs.
 constexpr std::array<const char *, 7> secrets{"shadow",   "shadow-",     "gshadow", "gshadow-",
                                               "sudoers.d", "ssl/private", "ssh"};
 
 constexpr std::array<const char *, 3> programs{"kestactl", "kesta-lab", "cpinfo"};
+
+// What every controller finds at /usr/sbin, and at /opt/kesta_sys/sbin.
+constexpr std::array<const char *, 2> sbin_programs{"cpinfo", "eeprom"};
+constexpr std::array<const char *, 3> product_programs{
+    "env_vpdctl", "env_tarz_assign_distribute.sh", "env_tarz_assign_collect.sh"};
 
 void write_file(const fs::path &path, const std::string &text)
 {
@@ -116,15 +122,30 @@ fs::path own_program_folder()
     return self.parent_path();
 }
 
-void copy_programs(const fs::path &from, const fs::path &to)
+// Programs lie in bin; installed, those that nobody calls by name lie elsewhere.
+void copy_program(const fs::path &product, const char *program, const fs::path &to)
+{
+    for (const char *folder : {"bin", KESTA_INSTALL_PROGRAMDIR}) {
+        if (fs::exists(product / folder / program)) {
+            fs::copy_file(product / folder / program, to / program);
+            return;
+        }
+    }
+    throw Error("there is no " + (product / "bin" / program).string() +
+                ": build the project, or name an installed tree with --product");
+}
+
+void copy_programs(const fs::path &product, const fs::path &to)
 {
     fs::create_directories(to);
-    for (const char *program : programs) {
-        if (!fs::exists(from / program)) {
-            throw Error("there is no " + (from / program).string() +
-                        ": build the project, or name an installed tree with --product");
+    for (const auto &group : {std::vector(programs.begin(), programs.end()),
+                              std::vector(sbin_programs.begin(), sbin_programs.end()),
+                              std::vector(product_programs.begin(), product_programs.end())}) {
+        for (const char *program : group) {
+            if (!fs::exists(to / program)) {
+                copy_program(product, program, to);
+            }
         }
-        fs::copy_file(from / program, to / program);
     }
 }
 
@@ -158,6 +179,7 @@ std::string settings_of(int number)
            "nv_dir = " + shared + "/nv\n"
            "sysback_dir = " + shared + "/sysback\n"
            "status_file = " + shared + "/status\n"
+           "vpd_file = " + platform_folder + "/vpd\n"
            "trace_file = " + platform_folder + "/trace.log\n"
            "trace_level = 3\n";
 }
@@ -174,6 +196,10 @@ void make_controller(const fs::path &folder, int number)
     }
     for (const char *name : product_folders) {
         fs::create_directories(folder / name);
+    }
+    for (const char *program : product_programs) {
+        fs::create_symlink(fs::path(platform_folder) / "product/bin" / program,
+                           folder / "opt/kesta_sys/sbin" / program);
     }
     fs::permissions(folder / "tmp", fs::perms::all | fs::perms::sticky_bit);
     write_file(folder / "etc/kesta/platform.conf", settings_of(number));
@@ -307,10 +333,14 @@ Appliance Appliance::create(const fs::path &folder, const fs::path &product)
     const fs::path from = product.empty() ? own_program_folder().parent_path() : product;
     fs::create_directories(folder);
     fs::permissions(folder, fs::perms::owner_all);
-    copy_programs(from / "bin", folder / "product/bin");
+    copy_programs(from, folder / "product/bin");
     copy_libraries(from, folder / "product/lib");
-    make_sbin(folder / "sbin", fs::path(platform_folder) / "host-sbin",
-              {{"cpinfo", fs::path(platform_folder) / "product/bin/cpinfo"}});
+    const fs::path seen_programs = fs::path(platform_folder) / "product/bin";
+    std::vector<std::pair<std::string, fs::path>> provided;
+    for (const char *program : sbin_programs) {
+        provided.emplace_back(program, seen_programs / program);
+    }
+    make_sbin(folder / "sbin", fs::path(platform_folder) / "host-sbin", provided);
     make_remote_programs(folder);
     make_shared(folder / "shared");
     for (int number = 0; number < controllers; ++number) {

@@ -5,7 +5,7 @@
 
 In blocks marked "console", a line "$ COMMAND" is run; the lines behind it are what it has to print, on
 both channels. "..." in a line stands for anything in that line, a line "..." for any lines. "(exit N)" at
-the end is the exit code; without it that has to be 0. All commands of a page run in one shell, in a new
+the end is the exit code; without it that has to be 0. A line "> TEXT" continues the command. All commands of a page run in one shell, in a new
 folder.
 """
 import os
@@ -28,6 +28,9 @@ def commands_of(page):
                 inside = line == "```console" and not inside
             elif inside and line.startswith("$ "):
                 found.append((number, line[2:], []))
+            elif inside and found and line.startswith("> ") and not found[-1][2]:
+                number, command, lines = found[-1]
+                found[-1] = (number, command + "\n" + line[2:], lines)
             elif inside and found:
                 found[-1][2].append(line)
     return found

@@ -52,6 +52,8 @@ const Row rows[] = {
     TEXT(trace_file),
     NUMBER(trace_rotate_bytes, 4096, INT_MAX),
     NUMBER(trace_keep, 1, 99),
+    TEXT(eeprom_file),
+    TEXT(vpd_file),
     TEXT(fault_file),
 };
 

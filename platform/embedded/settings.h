@@ -27,6 +27,8 @@ struct Settings {
     char trace_file[path_size] = "/var/log/kesta/trace.log";
     int trace_rotate_bytes = 1 << 20;
     int trace_keep = 4;
+    char eeprom_file[path_size] = "/boot/solaris/bootenv.rc";
+    char vpd_file[path_size] = "/var/lib/kesta/vpd";
     char fault_file[path_size] = "";
 };
 

@@ -788,3 +788,40 @@ TEST_F(Cont0ToCont1, NullIsRefused)
     EXPECT_EQ(kestal_CONT0_to_CONT1(text, text, text, nullptr), -931);
     EXPECT_THAT(p().calls, IsEmpty());
 }
+
+// Whatever call of the platform or the system fails: the flow ends, with a trace if it failed, and lets
+// go of everything.
+TEST_F(Cont0ToCont1, EveryCallCanFail)
+{
+    for (long n = 1;; ++n) {
+        ASSERT_LT(n, 1000);
+        SCOPED_TRACE("call " + std::to_string(n) + " fails");
+        reset();
+        clear_appliance_folders();
+        use_slots();
+        p().commands["/usr/sbin/cpinfo -i"] = {"0\n", 0};
+        write_file(nodename("1"), old_wwn + "-1\n");
+        write_file(hosts, "");
+        prepare();
+        p().calls_met = 0;
+        p().fail_at = n;
+        const int result = carry();
+        if (!p().fault_met) {
+            EXPECT_EQ(result, 1);
+            break;
+        }
+        EXPECT_TRUE(result == 1 || result == -1) << result;
+        EXPECT_EQ(p().open_handles, 0);
+        EXPECT_EQ(p().open_pipes, 0);
+        bool told = result == 1;
+        for (const Trace &trace : p().traces) {
+            told = told || (trace.level == 1 &&
+                            trace.text.rfind("[kestal_CONT0_to_CONT1]", 0) == 0);
+        }
+        EXPECT_TRUE(told);
+        p().fail_at = 0;
+        if (!inner_lock_is_free()) {
+            EXPECT_EQ(kestal_reset_mycnt_innerlock_main(0, 0), 0) << "its release was what failed";
+        }
+    }
+}

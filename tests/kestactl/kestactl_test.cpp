@@ -58,7 +58,9 @@ TEST_F(Kestactl, HelpAndVersion)
     EXPECT_THAT(ctl(0, "--version").out, testing::MatchesRegex(".*[0-9]+\\.[0-9]+\\.[0-9]+\n"));
     for (const std::string command :
          {"", "status", "nv", "nv list", "nv read", "nv write", "nv verify",
-          "nv init", "nv clear", "nv flags", "nv sync", "nv dump", "repair", "slot", "slot show", "slot switch",
+          "nv init", "nv clear", "nv flags", "nv sync", "nv dump", "repair", "identity",
+          "identity show", "identity set", "identity carry", "identity carry vpd-to-flash",
+          "identity carry vpd-to-disk", "identity carry cnt0-to-cnt1", "slot", "slot show", "slot switch",
           "copy", "copy backup2tmp", "copy cntbackup2tmp", "copy cntbackup2backup",
           "copy merge-file2accept", "copy backup2copy", "restore", "run"}) {
         const Ran help = ctl(0, command + " --help");

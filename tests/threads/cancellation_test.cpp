@@ -203,6 +203,24 @@ TEST_F(Cancellation, WaitingForTheInnerLock)
     EXPECT_EQ(kestal_cntl_innerlock(0), 0) << "the mutex is free";
 }
 
+TEST_F(Cancellation, StepsOfTheIdentityFlows)
+{
+    const auto make_tree = [] {
+        write_file("/var/run/kesta_sys/env_restore2/C/etc/inet/hosts", "");
+        for (const char *part : {"0", "1"}) {
+            write_file(std::string("/var/run/kesta_sys/env_restore2/") + part + "/etc/nodename",
+                       std::string("5000000000000001-") + part + "\n");
+        }
+    };
+    make_tree();
+    sweep([] { return kestal_update_vpdinfo_guid("0123abcd-4567-89ab-cdef-0123456789ab"); });
+    sweep([make_tree] {
+        make_tree();
+        kestal_update_vpdinfo_eeprom(nullptr, nullptr);
+        return kestal_update_host_info("5000000000000001", "5000000000000001");
+    });
+}
+
 TEST_F(Cancellation, FlowsIntoTheArea)
 {
     sweep([] { return kestal_cntbackup2backup(); });

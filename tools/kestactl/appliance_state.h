@@ -21,6 +21,10 @@ struct BlockValue {
 // Reads a block without the inner lock: one transfer is whole. Throws Failure.
 BlockValue read_block(const Block &block, From from);
 
+// Writes a block to every place that it lives in, under the inner lock. Throws Failure, also where the
+// lock could not be released: nothing is left held unsaid.
+void write_block(const Block &block, std::vector<char> bytes);
+
 // A text field, up to its terminator or its end.
 std::string field_text(const std::vector<char> &bytes);
 

@@ -122,30 +122,6 @@ std::vector<char> encode(const Block &block, const std::string &text)
                   "cleared by the next waiter after 30 seconds.");
 }
 
-// The lock result counts even where the write failed: nothing is left held unsaid.
-void write_locked(const Block &block, std::vector<char> bytes)
-{
-    const int number = learn_own_number();
-    if (kestal_cntl_innerlock(number) != KESTA_OK) {
-        fail_call("lock-failed", "Block " + block.name + " was not written.",
-                  "The inner lock could not be taken: look at --trace 1.");
-    }
-    const int written = kestal_non_volatile_rw_func(block.id, KESTA_BLOCK_WRITE, bytes.data(),
-                                                    static_cast<unsigned>(bytes.size()), nullptr);
-    const int released = kestal_reset_mycnt_innerlock_main(number, 0);
-    if (written != KESTA_OK) {
-        fail_call("write-failed",
-                  "Block " + block.name + " was not written to every place it lives in.",
-                  "Look at --trace 1 for the place that failed. If the system backup area is gone, "
-                  "--memory-only writes NV memory alone.");
-    }
-    if (released != KESTA_OK) {
-        fail_call("unlock-failed",
-                  "Block " + block.name + " was written, but the inner lock was not released.",
-                  "The next waiter clears it after 30 seconds; check NV memory with --trace 1.");
-    }
-}
-
 Plan plan_write(const WriteOptions &options)
 {
     const Block &block = find_block(options.block);
@@ -170,7 +146,7 @@ Plan plan_write(const WriteOptions &options)
     Plan plan;
     plan.json = {{"block", block.id}, {"name", block.name}, {"bytes", hex(bytes)}};
     plan.steps.push_back({"write '" + options.value + "' to " + block.name, writes,
-                          [&block, bytes] { write_locked(block, bytes); }});
+                          [&block, bytes] { write_block(block, bytes); }});
     return plan;
 }
 

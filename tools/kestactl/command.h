@@ -49,6 +49,7 @@ void add_nv(CLI::App &app, Globals &globals, Action &action);
 void add_nv_image(CLI::App &nv, Globals &globals, Action &action);
 void add_nv_verify(CLI::App &nv, Action &action);
 void add_repair(CLI::App &app, Globals &globals, Action &action);
+void add_identity(CLI::App &app, Globals &globals, Action &action);
 void add_slot(CLI::App &app, Globals &globals, Action &action);
 void add_copy(CLI::App &app, Globals &globals, Action &action);
 void add_restore(CLI::App &app, Globals &globals, Action &action);

@@ -147,6 +147,7 @@ int main(int argc, char **argv)
     add_restore(app, globals, action);
     add_group(app, globals, action);
     add_script(app, globals, action);
+    add_identity(app, globals, action);
     add_version(app, globals, action);
     add_lock(app, globals, action);
     add_run(app, globals, action);

@@ -26,6 +26,7 @@ std::mutex mutex;
 std::deque<Line> lines;  // the last ones; progress is not kept
 int shown_level = 0;
 bool to_platform = true;
+std::function<void(const std::string &)> watching;
 
 using OutTrace = void (*)(const char *, int, int, const char *, ...);
 
@@ -46,6 +47,9 @@ const char *base_name(const char *path)
 void take_line(const char *file, int line, int level, const char *text)
 {
     const std::lock_guard guard(mutex);
+    if (watching) {
+        watching(text);
+    }
     if (level < progress_level) {
         lines.push_back({level, text});
         if (lines.size() > kept_lines) {
@@ -72,6 +76,12 @@ void withhold_traces()
 {
     const std::lock_guard guard(mutex);
     to_platform = false;
+}
+
+void watch_traces(std::function<void(const std::string &line)> watcher)
+{
+    const std::lock_guard guard(mutex);
+    watching = std::move(watcher);
 }
 
 std::vector<std::string> captured_errors()

@@ -3,6 +3,7 @@
 // every line on to the platform's own log.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,9 @@ void show_traces(int level);
 
 // From here on nothing goes to the platform's log: a dry run writes nothing at all.
 void withhold_traces();
+
+// Each line that is traced from here on is shown to this function first; it must not trace.
+void watch_traces(std::function<void(const std::string &line)> watcher);
 
 // The lines of levels 1 and 2 so far, oldest first.
 std::vector<std::string> captured_errors();

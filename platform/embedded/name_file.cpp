@@ -1,0 +1,118 @@
+#include "name_file.h"
+
+#include <ctype.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "atomic_file.h"
+#include "scoped.h"
+
+namespace embedded {
+namespace {
+
+// Held by one writer of a folder's files at a time. It is the folder that is locked: the file itself is
+// replaced by each writer.
+class FolderLock {
+public:
+    explicit FolderLock(const std::string &path) : fd_(open_folder(path)) {}
+
+    int take()
+    {
+        if (!fd_) {
+            return -errno;
+        }
+        while (flock(fd_.get(), LOCK_EX) != 0) {
+            if (errno != EINTR) {
+                return -errno;
+            }
+        }
+        return 0;
+    }
+
+private:
+    static int open_folder(const std::string &path)
+    {
+        const std::size_t slash = path.rfind('/');
+        const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+        return open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    }
+
+    Fd fd_;
+};
+
+}  // namespace
+
+int NameFile::read()
+{
+    values_.clear();
+    std::ifstream file(path_);
+    if (!file) {
+        return errno == ENOENT ? 0 : -errno;
+    }
+    std::string line;
+    while (std::getline(file, line)) {
+        const std::size_t equals = line.find('=');
+        if (equals != std::string::npos) {
+            values_.emplace_back(line.substr(0, equals), line.substr(equals + 1));
+        }
+    }
+    return file.bad() ? -EIO : 0;
+}
+
+std::optional<std::string> NameFile::value(const std::string &name) const
+{
+    const auto found = std::find_if(values_.begin(), values_.end(),
+                                    [&](const auto &entry) { return entry.first == name; });
+    return found == values_.end() ? std::nullopt : std::optional(found->second);
+}
+
+int NameFile::update(const std::vector<std::pair<std::string, std::string>> &changes)
+{
+    FolderLock lock(path_);
+    if (const int result = lock.take(); result != 0) {
+        return result;
+    }
+    if (const int result = read(); result != 0) {
+        return result;
+    }
+    const auto before = values_;
+    for (const auto &[name, value] : changes) {
+        const auto found = std::find_if(values_.begin(), values_.end(),
+                                        [&](const auto &entry) { return entry.first == name; });
+        if (found == values_.end()) {
+            values_.emplace_back(name, value);
+        } else {
+            found->second = value;
+        }
+    }
+    return values_ == before ? 0 : write();
+}
+
+int NameFile::write() const
+{
+    std::string text;
+    for (const auto &[name, value] : values_) {
+        text += name + "=" + value + "\n";
+    }
+    return replace_file(path_.c_str(), text.data(), static_cast<unsigned>(text.size()));
+}
+
+bool is_name(const std::string &text)
+{
+    return !text.empty() && text[0] != '-' && std::all_of(text.begin(), text.end(), [](char c) {
+        return isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-' || c == '.' || c == '?';
+    });
+}
+
+bool is_value(const std::string &text)
+{
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return isprint(static_cast<unsigned char>(c)) != 0; });
+}
+
+}  // namespace embedded

@@ -1,0 +1,333 @@
+// The identity of controllers, on a lab: its platform commands, the operator's commands, and the whole
+// story of a board that is replaced.
+#include <algorithm>
+
+#include "lab_fixture.h"
+
+using namespace test;
+using nlohmann::json;
+using testing::AllOf;
+using testing::HasSubstr;
+
+namespace {
+
+const std::string old_wwn = "500000E0D0000001";
+const std::string old_serialno = "KESTA00000000001";
+const std::string old_guid = "00000000-1111-2222-3333-444444444444";
+const std::string new_wwn = "500000E0D0000002";
+const std::string new_serialno = "KESTA00000000002";
+const std::string new_guid = "0123abcd-4567-89ab-cdef-0123456789ab";
+
+const std::string vpdctl = "/opt/kesta_sys/sbin/env_vpdctl";
+const std::string distribute = "/bin/sh /opt/kesta_sys/sbin/env_tarz_assign_distribute.sh";
+const std::string collect = "/bin/sh /opt/kesta_sys/sbin/env_tarz_assign_collect.sh";
+const std::string flash_archive = "/opt/kesta_sys/bakup/backup.tar.Z";
+const std::string tree = "/var/run/kesta_sys/env_restore2";
+
+}  // namespace
+
+class LabIdentity : public LabTest {
+protected:
+    void succeed(int controller, const std::string &command) const
+    {
+        const Ran run = on(controller, command);
+        ASSERT_EQ(run.code, 0) << command << "\n" << run.out << run.err;
+    }
+    // A saved environment with a part for each controller, as it is after an installation.
+    void save_parts(int controller) const
+    {
+        std::string make = "rm -rf /tmp/src && mkdir -p /tmp/src/C/etc/inet && cd /tmp/src && "
+                           "echo " + old_guid + " > C/etc/cp_guid && "
+                           "printf '192.168.100.10 CNT0 %s-0\\n192.168.100.11 CNT1 %s-1\\n' " +
+                           old_wwn + " " + old_wwn + " > C/etc/inet/hosts && "
+                           "mkdir -p C/etc/app && echo kept > C/etc/app/settings";
+        for (const std::string part : {"0", "1"}) {
+            make += " && mkdir -p " + part + "/etc " + part + "/boot/solaris && echo " + old_wwn + "-" +
+                    part + " > " + part + "/etc/nodename && printf 'MODEL=K1\\ncp_wwn=" + old_wwn +
+                    "\\ncp_serial_number=" + old_serialno + "\\n' > " + part +
+                    "/boot/solaris/bootenv.rc";
+        }
+        succeed(controller, make + " && tar -cjf " + flash_archive + " -- *");
+    }
+    // What an archive holds: a line for each file with its contents' checksum.
+    std::string contents(int controller, const std::string &archive) const
+    {
+        const Ran run = on(controller, "rm -rf /tmp/look && mkdir /tmp/look && cd /tmp/look && tar -xjf " +
+                                           archive + " && find . -type f | sort | xargs sha256sum");
+        EXPECT_EQ(run.code, 0) << run.err;
+        return run.out;
+    }
+    std::string file_on(int controller, const std::string &path) const
+    {
+        return on(controller, "cat " + path).out;
+    }
+    // Two controllers of one identity, with everything in order.
+    void install()
+    {
+        set_slots();
+        succeed(0, "for area in numbering backup reboot; do kestactl version set $area 41; done");
+        for (const int n : {0, 1}) {
+            save_parts(n);
+            const std::string name = old_wwn + "-" + std::to_string(n);
+            succeed(n, "echo " + name + " > /etc/nodename && tar -C / -xjf " + flash_archive +
+                           " --strip-components=1 C && eeprom MODEL=K1 && "
+                           "kestactl version set current 41 && kestactl version set flash 41 && "
+                           "kestactl identity set --wwn " + old_wwn + " --serialno " + old_serialno +
+                           " --guid " + old_guid);
+            const Ran shown = ctl(n, "identity show");
+            ASSERT_EQ(shown.code, 0) << shown.out << shown.err;
+        }
+        succeed(0, "kestactl repair && kestactl copy cntbackup2backup");
+    }
+    void replace_board() const
+    {
+        succeed(0, vpdctl + " -w " + new_wwn + " -s " + new_serialno + " -g " + new_guid);
+    }
+    // Everything but the trace logs.
+    std::map<std::string, std::string> state() const
+    {
+        std::map<std::string, std::string> files = snapshot();
+        std::erase_if(files, [](const auto &file) {
+            return file.first.find("trace.log") != std::string::npos ||
+                   file.first.find("/tmp") != std::string::npos ||
+                   file.first.find("mycntno") != std::string::npos;
+        });
+        return files;
+    }
+    static std::vector<std::string> changed(const std::map<std::string, std::string> &before,
+                                            const std::map<std::string, std::string> &after)
+    {
+        std::vector<std::string> names;
+        for (const auto &[name, what] : after) {
+            const auto found = before.find(name);
+            if (found == before.end() || found->second != what) {
+                names.push_back(name);
+            }
+        }
+        return names;
+    }
+};
+
+// ------------------------------------------------------------------------------- the platform's part
+
+TEST_F(LabIdentity, EepromKeepsValues)
+{
+    EXPECT_EQ(on(0, "eeprom cp_wwn=" + old_wwn + " 'note=two words'").code, 0);
+    EXPECT_EQ(on(0, "eeprom cp_wwn").out, "cp_wwn=" + old_wwn + "\n");
+    EXPECT_EQ(on(0, "eeprom").out, "cp_wwn=" + old_wwn + "\nnote=two words\n");
+    EXPECT_EQ(on(0, "eeprom cp_wwn=").code, 0);
+    EXPECT_EQ(on(0, "eeprom cp_wwn").out, "cp_wwn=\n");
+    EXPECT_EQ(on(0, "eeprom nothing").code, 1);
+    EXPECT_EQ(on(0, "eeprom nothing").out, "");
+    EXPECT_EQ(on(1, "eeprom cp_wwn").code, 1) << "another controller's";
+    EXPECT_EQ(on(0, "eeprom -f /tmp/other a=1 && eeprom -f /tmp/other").out, "a=1\n");
+    EXPECT_EQ(on(0, "eeprom -f /no/such/folder/file a=1").code, 1);
+    for (const char *wrong : {"-f", "-x", "=1", "'a b=1'", "\"$(printf 'a=1\\nb=2')\""}) {
+        EXPECT_EQ(on(0, std::string("eeprom ") + wrong).code, 2) << wrong;
+    }
+    EXPECT_EQ(on(0, "eeprom --help").code, 0);
+    // Writers wait for each other.
+    succeed(0, "for i in 1 2 3 4 5 6 7 8; do eeprom v$i=$i & done; wait");
+    EXPECT_EQ(on(0, "eeprom | grep -c ^v").out, "8\n");
+}
+
+TEST_F(LabIdentity, VpdToolKeepsTheBoardsIdentity)
+{
+    EXPECT_EQ(on(0, vpdctl + " -r").out, "\n\n\n");
+    EXPECT_EQ(on(0, vpdctl + " -s " + new_serialno).code, 0);
+    EXPECT_EQ(on(0, vpdctl + " -w " + new_wwn + " -g " + new_guid).code, 0);
+    EXPECT_EQ(on(0, vpdctl + " -r").out, new_wwn + "\n" + new_serialno + "\n" + new_guid + "\n");
+    for (const char *wrong : {"", "-w", "-w  -s  -g", "-r -w x", "-x", "-r more"}) {
+        EXPECT_EQ(on(0, vpdctl + " " + wrong).code, 2) << wrong;
+    }
+    EXPECT_EQ(on(0, vpdctl + " -r").out, new_wwn + "\n" + new_serialno + "\n" + new_guid + "\n");
+}
+
+TEST_F(LabIdentity, SavedEnvironmentIsOpenedAndPackedAgain)
+{
+    save_parts(0);
+    const std::string before = contents(0, flash_archive);
+    EXPECT_EQ(on(0, distribute + " /opt/kesta_sys/bakup/").code, 0);
+    EXPECT_EQ(file_on(0, tree + "/1/etc/nodename"), old_wwn + "-1\n");
+    EXPECT_EQ(on(0, "echo mine > " + tree + "/0/etc/nodename && " + collect + " 0").code, 0);
+    EXPECT_NE(contents(0, flash_archive), before);
+    EXPECT_EQ(file_on(0, tree + "/0/etc/nodename"), "mine\n");
+    EXPECT_EQ(on(0, collect + " 1").code, 0);
+    EXPECT_EQ(contents(0, "/var/run/kesta_sys/tmp/backup.tar.Z"), contents(0, flash_archive));
+    EXPECT_EQ(on(0, "stat -c %a " + flash_archive).out, "644\n");
+    EXPECT_EQ(on(0, "ls /opt/kesta_sys/bakup /var/run/kesta_sys/tmp | grep -c 'new\\|[.]tar$'").out, "0\n");
+
+    // What can't be used leaves the tree and the archives alone.
+    EXPECT_EQ(on(0, collect + " 2").code, 1);
+    EXPECT_EQ(on(0, collect).code, 1);
+    EXPECT_EQ(on(0, distribute + " /tmp/nowhere").code, 1);
+    EXPECT_EQ(on(0, "mkdir /tmp/bad && head -c 200 " + flash_archive +
+                        " > /tmp/bad/backup.tar.Z && " + distribute + " /tmp/bad")
+                  .code,
+              1);
+    EXPECT_EQ(file_on(0, tree + "/0/etc/nodename"), "mine\n");
+    EXPECT_EQ(on(0, "rm -rf " + tree + " && " + collect + " 0").code, 1);
+    // For the merge cache it is the archive that was fetched into the temporary cache.
+    EXPECT_EQ(on(0, "cp " + flash_archive + " /tmp/kesta_sys/tmp/backup.tar.Z && rm -f "
+                    "/var/run/kesta_sys/tmp/backup.tar.Z && " + distribute + " /var/run/kesta_sys/tmp/")
+                  .code,
+              0);
+    EXPECT_EQ(file_on(0, tree + "/0/etc/nodename"), "mine\n");
+}
+
+// ------------------------------------------------------------------------------------- the operator's
+
+TEST_F(LabIdentity, ShowMarksWhatDiffers)
+{
+    install();
+    replace_board();
+    const Ran shown = ctl(0, "identity show");
+    EXPECT_EQ(shown.code, 1);
+    EXPECT_THAT(shown.out, AllOf(HasSubstr("!! WWN"), HasSubstr(new_wwn), HasSubstr("vpd-to-flash")));
+    const json values = ctl(0, "--json identity show").json().at("result").at("values");
+    EXPECT_EQ(values.at("wwn").at("vpd"), new_wwn);
+    EXPECT_EQ(values.at("wwn").at("disk"), old_wwn);
+    EXPECT_TRUE(values.at("guid").at("differs").get<bool>());
+    EXPECT_TRUE(values.at("guid").at("eeprom").is_null()) << "it keeps none";
+    EXPECT_EQ(values.at("guid").at("memory"), old_guid);
+}
+
+TEST_F(LabIdentity, SetChecksItsValuesFirst)
+{
+    const std::string wrong[] = {
+          "", "--wwn short", "--wwn 500000E0D000000123", "--wwn '5000 0E0D0000001'",
+          "--wwn '$(reboot)0000000'", "--serialno -000000000000000", "--guid " + old_wwn,
+          "--guid 0123abcd_4567-89ab-cdef-0123456789ab", "--wwn " + new_wwn + " --in nowhere",
+          "--guid " + new_guid + " --in eeprom"};
+    for (const std::string &arguments : wrong) {
+        EXPECT_EQ(ctl(0, "identity set " + arguments).code, 2) << arguments;
+    }
+    EXPECT_EQ(ctl(0, "identity set --guid " + new_guid + " --in vpd").code, 0);
+    const json values = ctl(0, "--json identity show").json().at("result").at("values");
+    EXPECT_EQ(values.at("guid").at("vpd"), new_guid);
+    EXPECT_EQ(values.at("guid").at("flash"), "") << "only where it was asked for";
+}
+
+TEST_F(LabIdentity, CarryingIsRefusedWhereItCanNotBeDone)
+{
+    EXPECT_EQ(ctl(0, "identity carry vpd-to-flash").code, 1) << "no identity anywhere";
+    EXPECT_EQ(ctl(0, "identity carry vpd-to-disk").code, 1);
+    EXPECT_EQ(ctl(1, "identity carry cnt0-to-cnt1").code, 1);
+    EXPECT_EQ(ctl(0, "identity carry cnt0-to-cnt1").code, 2) << "not on this controller";
+    EXPECT_EQ(ctl(2, "identity carry vpd-to-flash").code, 2);
+    install();
+    replace_board();
+    succeed(0, "rm " + flash_archive);
+    const Ran no_archive = ctl(0, "identity carry vpd-to-flash");
+    EXPECT_EQ(no_archive.code, 1);
+    EXPECT_THAT(no_archive.err, HasSubstr("saved environment"));
+    succeed(0, "echo damaged > " + flash_archive);
+    const Ran damaged = ctl(0, "identity carry vpd-to-flash");
+    EXPECT_EQ(damaged.code, 4);
+    EXPECT_THAT(damaged.err, HasSubstr("could not be opened"));
+    EXPECT_EQ(on(0, "eeprom cp_wwn").out, "cp_wwn=" + old_wwn + "\n");
+}
+
+TEST_F(LabIdentity, BoardWithoutAnIdentityGetsTheControllers)
+{
+    install();
+    succeed(0, "rm /opt/kesta_platform/vpd");
+    const Ran carried = ctl(0, "identity carry vpd-to-flash");
+    EXPECT_EQ(carried.code, 0) << carried.err;
+    EXPECT_EQ(on(0, vpdctl + " -r").out, old_wwn + "\n" + old_serialno + "\n" + old_guid + "\n");
+    EXPECT_EQ(ctl(0, "identity show").code, 0);
+}
+
+TEST_F(LabIdentity, TheDiskCanBeRight)
+{
+    install();
+    replace_board();
+    const Ran planned = ctl(0, "--json identity carry vpd-to-disk --dry-run");
+    EXPECT_EQ(planned.json().at("result").at("from").at("wwn"), old_wwn);
+    EXPECT_EQ(ctl(0, "identity carry vpd-to-disk").code, 0);
+    EXPECT_EQ(on(0, vpdctl + " -r").out, old_wwn + "\n" + old_serialno + "\n" + old_guid + "\n");
+    EXPECT_EQ(ctl(0, "identity show").code, 0);
+    EXPECT_THAT(ctl(0, "identity carry vpd-to-disk").out, HasSubstr("Nothing to carry"));
+}
+
+TEST_F(LabIdentity, NameGivenByHandStays)
+{
+    install();
+    succeed(0, "mkdir /tmp/e && cd /tmp/e && tar -xjf " + flash_archive + " && echo storage-a > "
+               "0/etc/nodename && tar -cjf " + flash_archive + " -- * && echo storage-a > /etc/nodename");
+    replace_board();
+    EXPECT_EQ(ctl(0, "identity carry vpd-to-flash").code, 0);
+    EXPECT_EQ(file_on(0, "/etc/nodename"), "storage-a\n");
+    EXPECT_THAT(file_on(0, "/etc/inet/hosts"), HasSubstr(old_wwn)) << "left alone as well";
+    const Ran shown = ctl(0, "identity show");
+    EXPECT_EQ(shown.code, 0) << shown.out;
+    EXPECT_THAT(shown.out, HasSubstr("set by hand"));
+}
+
+// ---------------------------------------------------------------------------------------- the story
+
+TEST_F(LabIdentity, BoardIsReplacedAndBothControllersFollow)
+{
+    install();
+    replace_board();
+    ASSERT_EQ(ctl(0, "identity show").code, 1);
+
+    // On controller 0 the board is right.
+    const auto untouched = state();
+    const Ran planned = ctl(0, "identity carry vpd-to-flash --dry-run");
+    EXPECT_EQ(planned.code, 0) << planned.err;
+    EXPECT_THAT(planned.out, AllOf(HasSubstr("/etc/inet/hosts"), HasSubstr("write the NV image")));
+    EXPECT_TRUE(state() == untouched);
+    const Ran carried = ctl(0, "identity carry vpd-to-flash");
+    EXPECT_EQ(carried.code, 0) << carried.err;
+    for (const char *step : {"opening", "setting WWN", "writing the GUID", "naming", "packing"}) {
+        EXPECT_THAT(carried.err, HasSubstr(std::string("... ") + step));
+    }
+    const Ran shown = ctl(0, "identity show");
+    EXPECT_EQ(shown.code, 0) << shown.out;
+    succeed(0, "kestactl copy cntbackup2backup");
+
+    // Controller 1 follows.
+    ASSERT_EQ(ctl(1, "identity show").code, 1);
+    const Ran followed = ctl(1, "identity carry cnt0-to-cnt1");
+    EXPECT_EQ(followed.code, 0) << followed.err;
+    EXPECT_EQ(ctl(1, "identity carry vpd-to-disk").code, 0);
+    const Ran same = ctl(1, "identity show");
+    EXPECT_EQ(same.code, 0) << same.out;
+
+    // Controller 0 takes the version that was raised.
+    succeed(0, "kestactl version set current 42 && kestactl version set flash 42");
+
+    // Both agree, in everything.
+    const std::string archive = contents(0, flash_archive);
+    EXPECT_THAT(archive, HasSubstr("C/etc/app/settings"));
+    EXPECT_EQ(contents(1, flash_archive), archive);
+    EXPECT_EQ(contents(1, "/opt/kesta_platform/shared/sysback/kesta_backup1"), archive);
+    for (const int n : {0, 1}) {
+        EXPECT_EQ(file_on(n, "/etc/nodename"), new_wwn + "-" + std::to_string(n) + "\n");
+        EXPECT_EQ(file_on(n, "/etc/cp_guid"), new_guid + "\n");
+        EXPECT_EQ(file_on(n, "/etc/kesta_sys/wwn"), new_wwn + "\n");
+        EXPECT_EQ(file_on(n, "/etc/kesta_sys/version"), "42\n");
+        EXPECT_EQ(on(n, "eeprom").out, "MODEL=K1\ncp_wwn=" + new_wwn + "\ncp_serial_number=" +
+                                           new_serialno + "\n");
+        EXPECT_EQ(ctl(n, "nv read version-cnt" + std::to_string(n)).out, "42\n");
+    }
+    const std::string hosts = file_on(0, "/etc/inet/hosts");
+    EXPECT_EQ(hosts, "192.168.100.10 CNT0 " + new_wwn + "-0\n192.168.100.11 CNT1 " + new_wwn + "-1\n");
+    EXPECT_EQ(file_on(1, "/etc/inet/hosts"), hosts);
+    EXPECT_EQ(ctl(0, "nv read backup-version").out, "42\n");
+    EXPECT_EQ(ctl(0, "nv read reboot-version").out, "42\n");
+    EXPECT_EQ(ctl(0, "nv verify").code, 0) << ctl(0, "nv verify").out;
+    EXPECT_EQ(ctl(1, "slot show").code, 0);
+
+    // A second run changes nothing.
+    const auto before = state();
+    for (const auto &[controller, flow] :
+         {std::pair(0, "vpd-to-flash"), std::pair(0, "vpd-to-disk"), std::pair(1, "cnt0-to-cnt1"),
+          std::pair(1, "vpd-to-disk")}) {
+        const Ran again = ctl(controller, std::string("identity carry ") + flow);
+        EXPECT_EQ(again.code, 0) << again.err;
+        EXPECT_THAT(again.out, HasSubstr("Nothing to carry")) << flow;
+    }
+    EXPECT_THAT(changed(before, state()), testing::IsEmpty());
+}

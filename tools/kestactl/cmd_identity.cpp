@@ -1,0 +1,502 @@
+// kestactl identity: who a controller is, in every place that keeps it, and carrying it from one place
+// to the others.
+#include <kesta/kesta.h>
+#include <string.h>
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+
+#include "appliance_state.h"
+#include "command.h"
+#include "identity_state.h"
+#include "trace_capture.h"
+
+namespace kestactl {
+namespace {
+
+constexpr const char *nodename_file = "/etc/nodename";
+
+// ------------------------------------------------------------------------------------------ show
+
+using Member = std::optional<std::string> Identity::*;
+
+struct ValueName {
+    Member member;
+    const char *key;
+    const char *title;
+};
+constexpr std::array<ValueName, 3> value_names{{{&Identity::wwn, "wwn", "WWN"},
+                                                {&Identity::serialno, "serialno", "serial number"},
+                                                {&Identity::guid, "guid", "GUID"}}};
+
+std::string or_none(const std::string &text) { return text.empty() ? "(none)" : text; }
+
+using Identities = std::array<Identity, identity_places.size()>;
+
+Identities read_all()
+{
+    Identities all;
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        all[i] = read_identity(identity_places[i].place);
+    }
+    return all;
+}
+
+bool differs(const Identities &all, Member member)
+{
+    const std::string *first = nullptr;
+    for (const Identity &identity : all) {
+        const std::optional<std::string> &value = identity.*member;
+        if (value && first && *value != *first) {
+            return true;
+        }
+        first = value && !first ? &*value : first;
+    }
+    return false;
+}
+
+void add_value(Result &result, const Identities &all, const ValueName &name)
+{
+    const bool differ = differs(all, name.member);
+    Json json{{"differs", differ}};
+    result.text += std::string(differ ? "!! " : "   ") + name.title + "\n";
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        const std::optional<std::string> &value = all[i].*name.member;
+        json[identity_places[i].key] = value ? Json(*value) : Json(nullptr);
+        char line[96];
+        snprintf(line, sizeof(line), "     %-20s %s\n", identity_places[i].title,
+                 value ? or_none(*value).c_str() : "-");
+        result.text += line;
+    }
+    result.json["values"][name.key] = json;
+    result.json["differ"] = result.json["differ"].get<bool>() || differ;
+}
+
+void add_host_name(Result &result, int controller)
+{
+    const std::string name = first_line(nodename_file);
+    const std::string by_wwn = host_name_by(*read_identity(Place::eeprom).wwn, controller);
+    const bool by_hand = !name.empty() && name != by_wwn;
+    result.text += "   host name             " + or_none(name) +
+                   (by_hand ? "  (set by hand: by its WWN it would be " + by_wwn + ")" : "") + "\n";
+    result.json["host_name"] = {{"name", name}, {"by_wwn", by_wwn}, {"by_hand", by_hand}};
+}
+
+Result show()
+{
+    const int controller = learn_own_number();
+    const Identities all = read_all();
+    Result result;
+    result.json = {{"controller", controller}, {"values", Json::object()}, {"differ", false}};
+    result.text = "Controller CNT" + std::to_string(controller) + "\n";
+    for (const ValueName &name : value_names) {
+        add_value(result, all, name);
+    }
+    add_host_name(result, controller);
+    if (result.json["differ"].get<bool>()) {
+        result.exit = Exit::no;
+        result.text += "Values differ. Which place is right, and the command for it: after a change of "
+                       "the board 'kestactl identity carry vpd-to-flash' (the board is right), on its "
+                       "other controller 'carry cnt0-to-cnt1', otherwise 'carry vpd-to-disk' (the disk "
+                       "is right).\n";
+    }
+    return result;
+}
+
+// ------------------------------------------------------------------------------------------- set
+
+struct SetOptions {
+    std::string wwn;
+    std::string serialno;
+    std::string guid;
+    std::vector<std::string> places;
+};
+
+bool chosen(const SetOptions &options, const std::string &place)
+{
+    return options.places.empty() || std::find(options.places.begin(), options.places.end(),
+                                               place) != options.places.end();
+}
+
+Plan plan_set(const SetOptions &options)
+{
+    Identity identity;
+    if (!options.wwn.empty()) {
+        check_wwn(options.wwn);
+        identity.wwn = options.wwn;
+    }
+    if (!options.serialno.empty()) {
+        check_serialno(options.serialno);
+        identity.serialno = options.serialno;
+    }
+    if (!options.guid.empty()) {
+        check_guid(options.guid);
+        identity.guid = options.guid;
+    }
+    if (identity == Identity()) {
+        throw Failure(Exit::usage, "nothing-given", "There is nothing to set.",
+                      "Give --wwn, --serialno or --guid.");
+    }
+    require_writable();
+    learn_own_number();
+    Plan plan;
+    for (const ValueName &name : value_names) {
+        const std::optional<std::string> &value = identity.*name.member;
+        plan.json[name.key] = value ? Json(*value) : Json(nullptr);
+    }
+    const auto add = [&](const char *place, bool keeps_any, const char *what, const char *writes,
+                         void (*set)(const Identity &)) {
+        if (chosen(options, place) && keeps_any) {
+            plan.steps.push_back({what, {writes}, [identity, set] { set(identity); }});
+        }
+    };
+    add("eeprom", identity.wwn || identity.serialno, "set the eeprom", "/boot/solaris/bootenv.rc",
+        set_eeprom);
+    add("vpd", true, "set the VPD tool", "the board's VPD", set_vpd);
+    add("flash", identity.wwn || identity.guid, "write the flash files",
+        "/etc/kesta_sys/wwn, /etc/cp_guid", set_flash);
+    add("nv", true, "write the NV image", "NV memory and system backup area: blocks 201 to 203",
+        set_image);
+    if (plan.steps.empty()) {
+        throw Failure(Exit::usage, "nothing-given", "None of these places keeps what is given.",
+                      "The eeprom keeps no GUID, the flash files keep no serial number.");
+    }
+    return plan;
+}
+
+// ----------------------------------------------------------------------------------------- carry
+
+struct Progress {
+    const char *trace;  // how the step's trace begins
+    const char *text;
+};
+constexpr std::array<Progress, 5> steps_of_a_flow{{
+    {"[update_vpdinfo_distribute_open] Start.", "opening the saved environment"},
+    {"[update_vpdinfo_eeprom] Start.", "setting WWN and serial number in the boot environments"},
+    {"[update_vpdinfo_guid] Start.", "writing the GUID"},
+    {"[update_host_info] Start.", "naming the controllers"},
+    {"[update_vpdinfo_collect_close] Start.", "packing the saved environment"},
+}};
+
+// Says on stderr which step has begun, for as long as this lives.
+class ProgressLines {
+public:
+    ProgressLines()
+    {
+        watch_traces([](const std::string &line) {
+            for (const Progress &step : steps_of_a_flow) {
+                if (line.rfind(step.trace, 0) == 0) {
+                    std::cerr << "... " << step.text << "\n";
+                }
+            }
+        });
+    }
+    ~ProgressLines() { watch_traces(nullptr); }
+    ProgressLines(const ProgressLines &) = delete;
+    ProgressLines &operator=(const ProgressLines &) = delete;
+};
+
+// What the library's own trace says was the step that failed.
+struct StepFailure {
+    const char *trace;
+    const char *message;
+    const char *hint;
+};
+constexpr std::array<StepFailure, 8> step_failures{{
+    {"backup2tmp Error", "the backup slot could not be fetched.",
+     "Is there an archive in it? 'kestactl status --archives' tells; 'kestactl copy "
+     "cntbackup2backup' on controller 0 puts one there."},
+    {"update_vpdinfo_distribute_open error", "the saved environment could not be opened.",
+     "Is there a whole backup.tar.Z in /opt/kesta_sys/bakup? 'kestactl status' tells."},
+    {"update_vpdinfo_eeprom error", "a boot environment could not be set.",
+     "Look at --trace 1 for the command, and run it by hand."},
+    {"update_vpdinfo_guid error", "the GUID file could not be written.",
+     "Is there room in /var/run/kesta_sys?"},
+    {"filecopy error", "the files could not be copied to the running system.",
+     "Does the archive hold this controller's part? Look at --trace 1 for the command."},
+    {"update_host_info() error", "host names could not be written, or the archive not be packed.",
+     "Look at --trace 1 for the failed call: room, and the network configuration."},
+    {"kestal_version_up() error", "there is no backup version that could be raised.",
+     "Set it with 'kestactl version set backup 1', and run the command again."},
+    {"kestal_set_version", "the raised version could not be written.",
+     "Look at 'kestactl nv verify', and run the command again."},
+}};
+
+[[noreturn]] void fail_flow()
+{
+    for (const StepFailure &step : step_failures) {
+        if (was_traced(step.trace)) {
+            fail_call("carry-failed",
+                      std::string("The identity was not carried whole: ") + step.message, step.hint);
+        }
+    }
+    fail_call("carry-failed", "The identity was not carried whole.",
+              "Look at --trace 1 for the failed call, and run the command again.");
+}
+
+using Field17 = std::array<char, KESTA_WWN_LENGTH + 1>;
+using Field37 = std::array<char, KESTA_GUID_TEXT_LENGTH + 1>;
+
+template <typename Field>
+Field field_of(const std::string &text)
+{
+    Field field{};
+    memcpy(field.data(), text.data(), std::min(text.size(), field.size() - 1));
+    return field;
+}
+
+void run_vpd_to_flash(const Identity &running)
+{
+    const ProgressLines progress;
+    Field17 wwn = field_of<Field17>(*running.wwn);
+    Field17 serialno = field_of<Field17>(*running.serialno);
+    Field37 guid = field_of<Field37>(*running.guid);
+    if (kestal_vpd_to_flash(wwn.data(), serialno.data(), guid.data()) < 0 ||
+        was_traced("[kestal_vpd_to_flash] kestal_")) {
+        fail_flow();
+    }
+}
+
+Json identity_json(const Identity &identity)
+{
+    return {{"wwn", identity.wwn.value_or("")},
+            {"serialno", identity.serialno.value_or("")},
+            {"guid", identity.guid.value_or("")}};
+}
+
+void require_tool()
+{
+    Field17 unused{};
+    if (kestal_get_vpn_info(unused.data(), nullptr, nullptr) != KESTA_OK) {
+        throw Failure(Exit::platform, "vpd-failed", "The VPD tool can't be read.",
+                      "Run '/opt/kesta_sys/sbin/env_vpdctl -r' by hand, and see what it says.");
+    }
+}
+
+void require_whole(const Identity &identity, const std::string &where, const std::string &hint)
+{
+    if (!is_whole(identity)) {
+        throw Failure(Exit::no, "no-identity", where + " holds no whole identity.", hint);
+    }
+}
+
+// Where a flow is not needed, what it leaves to its callers may still be.
+void add_own_copies(Plan &plan, const Identity &identity)
+{
+    const Identity flash = read_identity(Place::flash);
+    if (flash.wwn != identity.wwn || flash.guid != identity.guid) {
+        plan.steps.push_back({"write the flash files",
+                              {"/etc/kesta_sys/wwn", "/etc/cp_guid"},
+                              [identity] { set_flash(identity); }});
+    }
+    if (read_identity(Place::memory) != identity || read_identity(Place::disk) != identity) {
+        plan.steps.push_back({"write the NV image",
+                              {"NV memory and system backup area: blocks 201 to 203"},
+                              [identity] { set_image(identity); }});
+    }
+}
+
+Plan plan_vpd_to_flash()
+{
+    require_writable();
+    if (const int number = learn_own_number(); number > 1) {
+        throw Failure(Exit::usage, "bad-controller",
+                      "This is CNT" + std::to_string(number) +
+                          "; identities are carried on CNT0 and CNT1.",
+                      "Run the command on CNT0 or CNT1.");
+    }
+    require_tool();
+    const Identity board = read_identity(Place::vpd);
+    const Identity running = running_identity();
+    Plan plan;
+    plan.json = {{"from", identity_json(board)}, {"to", identity_json(running)}};
+    if (!is_whole(board)) {
+        require_whole(running, "Neither the board nor this controller",
+                      "Set one with 'kestactl identity set --wwn ... --serialno ... --guid ...'.");
+        plan.steps.push_back({"give the board this controller's identity: it holds no whole one",
+                              {"the board's VPD"},
+                              [running] { run_vpd_to_flash(running); }});
+        return plan;
+    }
+    if (board != running) {
+        require_file("/opt/kesta_sys/bakup/backup.tar.Z",
+                     "The identity goes into the saved environment: put one there first.");
+        plan.steps.push_back({"carry the board's identity into the saved environment and the system",
+                              {"/opt/kesta_sys/bakup/backup.tar.Z", "/boot/solaris/bootenv.rc",
+                               "/etc/nodename", "/etc/inet/hosts", "/etc/cp_guid"},
+                              [running] { run_vpd_to_flash(running); }});
+    }
+    add_own_copies(plan, board);
+    return plan;
+}
+
+void run_vpd_to_disk(const Identity &disk)
+{
+    (void)kestal_vpd_to_hdd(nullptr, nullptr, nullptr);  // it tells of failures in traces only
+    if (read_identity(Place::vpd) != disk) {
+        throw Failure(Exit::platform, "vpd-failed", "The VPD tool did not take the identity.",
+                      "Look at --trace 1 for the failed call.");
+    }
+}
+
+Plan plan_vpd_to_disk()
+{
+    require_writable();
+    learn_own_number();
+    require_tool();
+    const Identity disk = shared_identity();
+    require_whole(disk, "The NV image",
+                  "Carry the board's identity into it with 'kestactl identity carry vpd-to-flash'.");
+    const Identity board = read_identity(Place::vpd);
+    Plan plan;
+    plan.json = {{"from", identity_json(disk)}, {"to", identity_json(board)}};
+    if (board != disk) {
+        plan.steps.push_back({"give the board the identity of the NV image",
+                              {"the board's VPD"},
+                              [disk] { run_vpd_to_disk(disk); }});
+    }
+    return plan;
+}
+
+void run_cnt0_to_cnt1(const Identity &from, const Identity &own)
+{
+    const ProgressLines progress;
+    if (kestal_CONT0_to_CONT1(from.wwn->c_str(), own.wwn->c_str(), from.serialno->c_str(),
+                              own.serialno->c_str()) < 0) {
+        fail_flow();
+    }
+}
+
+// From the staging tree, which the flow leaves open. Naming the controllers once more tells the library
+// whose part of the tree is its own.
+void bring_into_force(const Identity &from)
+{
+    const ProgressLines progress;
+    if (kestal_update_vpdinfo_guid(from.guid->c_str()) != KESTA_OK ||
+        kestal_update_host_info(from.wwn->c_str(), from.wwn->c_str()) != KESTA_OK ||
+        kestal_update_vpdinfo_collect_close(0) != KESTA_OK) {
+        fail_flow();
+    }
+}
+
+void record_version()
+{
+    const int number = learn_own_number();
+    const int version = kestal_read_version(KESTA_VER_AREA_BACKUP, number, 1);
+    if (version < 1 || kestal_set_version(KESTA_VER_AREA_CURRENT, number, version) != KESTA_OK ||
+        kestal_set_flash_version_file(version, KESTA_FLASH_VERSION) != KESTA_OK) {
+        fail_call("version-failed", "This controller's version could not be recorded.",
+                  "Set it with 'kestactl version set current' and 'version set flash' to what "
+                  "'kestactl version show' tells of the backup.");
+    }
+}
+
+Plan plan_cnt0_to_cnt1()
+{
+    require_writable();
+    if (const int number = learn_own_number(); number != 1) {
+        throw Failure(Exit::usage, "bad-controller",
+                      "This is CNT" + std::to_string(number) +
+                          "; the identity of CNT0 is carried to CNT1.",
+                      "Run the command on CNT1.");
+    }
+    const Identity from = shared_identity();
+    require_whole(from, "The NV image",
+                  "Carry it there on CNT0: kestactl identity carry vpd-to-flash.");
+    const Identity own = running_identity();
+    Plan plan;
+    plan.json = {{"from", identity_json(from)}, {"to", identity_json(own)}};
+    if (own.wwn != from.wwn || own.serialno != from.serialno) {
+        plan.steps.push_back(
+            {"carry the identity into the saved environment",
+             {"system backup area: the accept slot, kesta_sysacpt, kesta_sysback, kesta_verback, "
+              "kesta_reboot",
+              "NV memory: blocks 31, 32 and 52"},
+             [from, own] { run_cnt0_to_cnt1(from, own); }});
+        plan.steps.push_back({"bring it into force on this controller",
+                              {"/opt/kesta_sys/bakup/backup.tar.Z", "/boot/solaris/bootenv.rc",
+                               "/etc/nodename", "/etc/inet/hosts", "/etc/cp_guid"},
+                              [from] { bring_into_force(from); }});
+        plan.steps.push_back({"record the raised version for this controller",
+                              {"version-cnt1", "/etc/kesta_sys/version"}, record_version});
+    }
+    add_own_copies(plan, from);
+    return plan;
+}
+
+Result carry(Plan (*make_plan)(), const Globals &globals)
+{
+    const Plan plan = make_plan();
+    Result result = carry_out(plan, globals);
+    if (plan.steps.empty()) {
+        result.text = "Nothing to carry: the identities agree.\n";
+    }
+    return result;
+}
+
+void add_carry(CLI::App &identity, Globals &globals, Action &action)
+{
+    CLI::App *carrying =
+        identity.add_subcommand("carry", "Carry the identity from one place to the others");
+    carrying->require_subcommand(1);
+    struct Flow {
+        const char *name;
+        const char *what;
+        Plan (*make_plan)();
+    };
+    constexpr std::array<Flow, 3> flows{{
+        {"vpd-to-flash",
+         "The board is right: into the saved environment, the system and the NV image",
+         plan_vpd_to_flash},
+        {"vpd-to-disk", "The disk is right: the board's VPD gets the identity of the NV image",
+         plan_vpd_to_disk},
+        {"cnt0-to-cnt1", "On CNT1: CNT0's identity, as the NV image has it, into all of its places",
+         plan_cnt0_to_cnt1},
+    }};
+    for (const Flow &flow : flows) {
+        CLI::App *command = carrying->add_subcommand(flow.name, flow.what);
+        add_dry_run(*command, globals);
+        command->callback([&action, make_plan = flow.make_plan] {
+            action = [make_plan](const Globals &given) { return carry(make_plan, given); };
+        });
+        add_examples(*command, std::string("  kestactl identity carry ") + flow.name +
+                                   " --dry-run\n  kestactl identity carry " + flow.name);
+    }
+    add_examples(*carrying, "  kestactl identity carry vpd-to-flash --dry-run\n"
+                            "  kestactl identity carry cnt0-to-cnt1");
+}
+
+}  // namespace
+
+void add_identity(CLI::App &app, Globals &globals, Action &action)
+{
+    CLI::App *identity =
+        app.add_subcommand("identity", "Show, set and carry WWN, serial number and GUID");
+    identity->require_subcommand(1);
+    CLI::App *showing =
+        identity->add_subcommand("show", "Show every place that keeps them, side by side");
+    showing->callback([&action] { action = [](const Globals &) { return show(); }; });
+    add_examples(*showing, "  kestactl identity show\n"
+                           "  kestactl identity show --json");
+
+    auto options = std::make_shared<SetOptions>();
+    CLI::App *setting = identity->add_subcommand("set", "Set values by hand, in all places or some");
+    setting->add_option("--wwn", options->wwn, "16 characters");
+    setting->add_option("--serialno", options->serialno, "16 characters");
+    setting->add_option("--guid", options->guid, "36 characters, 8-4-4-4-12 hexadecimal digits");
+    setting->add_option("--in", options->places, "Only there: eeprom, vpd, flash or nv; repeatable")
+        ->check(CLI::IsMember({"eeprom", "vpd", "flash", "nv"}))
+        ->option_text("PLACE");
+    add_dry_run(*setting, globals);
+    setting->callback([&action, options] {
+        action = [options](const Globals &given) { return carry_out(plan_set(*options), given); };
+    });
+    add_examples(*setting, "  kestactl identity set --wwn 500000E0D0123400 --dry-run\n"
+                           "  kestactl identity set --serialno KESTA00000000042 --in eeprom --in nv");
+    add_carry(*identity, globals, action);
+    add_examples(*identity, "  kestactl identity show\n"
+                            "  kestactl identity carry vpd-to-flash --dry-run");
+}
+
+}  // namespace kestactl

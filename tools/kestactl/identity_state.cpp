@@ -1,0 +1,260 @@
+#include "identity_state.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <kesta/kesta.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <fstream>
+
+#include "appliance_state.h"
+#include "failure.h"
+
+namespace kestactl {
+namespace {
+
+constexpr const char *guid_file = "/etc/cp_guid";
+constexpr const char *eeprom_command = "/usr/sbin/eeprom";
+constexpr const char *look = "Look at --trace 1 for the failed call.";
+
+template <std::size_t Size>
+std::string text_of(const std::array<char, Size> &buffer)
+{
+    return {buffer.data(), strnlen(buffer.data(), buffer.size())};
+}
+
+std::string lower_case(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+Identity from_eeprom()
+{
+    std::array<char, KESTA_WWN_LENGTH + 1> wwn{};
+    std::array<char, KESTA_SERIALNO_LENGTH + 1> serialno{};
+    const bool has_wwn = kestal_get_wwn_by_eeprom(wwn.data()) == KESTA_OK;
+    const bool has_serialno = kestal_get_serialno_by_eeprom(serialno.data()) == KESTA_OK;
+    return {has_wwn ? text_of(wwn) : "", has_serialno ? text_of(serialno) : "", std::nullopt};
+}
+
+Identity from_vpd()
+{
+    std::array<char, KESTA_WWN_LENGTH + 1> wwn{};
+    std::array<char, KESTA_SERIALNO_LENGTH + 1> serialno{};
+    std::array<char, KESTA_GUID_TEXT_LENGTH + 1> guid{};
+    if (kestal_get_vpn_info(wwn.data(), serialno.data(), guid.data()) != KESTA_OK) {
+        return {"", "", ""};
+    }
+    return {text_of(wwn), text_of(serialno), lower_case(text_of(guid))};
+}
+
+Identity from_flash()
+{
+    std::array<char, KESTA_WWN_LENGTH + 1> wwn{};
+    std::array<char, KESTA_GUID_TEXT_LENGTH + 1> guid{};
+    const bool has_wwn = kestal_read_flash_wwn(wwn.data()) == KESTA_OK;
+    const bool has_guid = kestal_read_flash_guid(guid.data()) == KESTA_OK;
+    return {has_wwn ? text_of(wwn) : "", std::nullopt, has_guid ? lower_case(text_of(guid)) : ""};
+}
+
+// The bytes of a block in one of its places; empty if it can't be read there.
+std::vector<char> block_bytes(const char *name, From from)
+{
+    try {
+        return read_block(find_block(name), from).bytes;
+    } catch (const Failure &) {
+        return {};
+    }
+}
+
+std::string block_text(const char *name, From from)
+{
+    const std::vector<char> bytes = block_bytes(name, from);
+    return {bytes.data(), strnlen(bytes.data(), std::min<std::size_t>(bytes.size(), 16))};
+}
+
+std::string block_guid(From from)
+{
+    const std::vector<char> bytes = block_bytes("guid", from);
+    if (bytes.size() < KESTA_GUID_BYTES ||
+        std::all_of(bytes.begin(), bytes.end(), [](char byte) { return byte == 0; })) {
+        return "";
+    }
+    std::array<char, KESTA_GUID_TEXT_LENGTH + 1> text{};
+    (void)kestal_guid_bin2str(bytes.data(), text.data());  // it has no way to fail
+    return text_of(text);
+}
+
+Identity from_image(From from)
+{
+    return {block_text("wwn", from), block_text("serialno", from), block_guid(from)};
+}
+
+bool is_shell_word(const std::string &text)
+{
+    return std::all_of(text.begin(), text.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) != 0 || strchr("._:+-=/@", c) != nullptr;
+    });
+}
+
+void check_sixteen(const std::string &text, const std::string &what)
+{
+    if (text.size() != KESTA_WWN_LENGTH || !is_shell_word(text) || text[0] == '-') {
+        throw Failure(Exit::usage, "bad-identity", "'" + text + "' is no " + what + ".",
+                      "It has exactly 16 letters, digits or characters of . _ : + - = / @, and does "
+                      "not begin with '-'.");
+    }
+}
+
+// Replaces a file whole: it is written beside it, flushed, and renamed.
+void replace_file(const std::string &path, const std::string &text)
+{
+    const auto fail = [&path](const std::string &temporary) {
+        const int error = errno;
+        (void)unlink(temporary.c_str());  // best effort: the failure is told
+        throw Failure(Exit::platform, "write-failed",
+                      path + " was not written: " + strerror(error) + ".",
+                      "Check the folder, and run the command again.");
+    };
+    std::string temporary = path + ".XXXXXX";
+    const int fd = mkostemp(temporary.data(), O_CLOEXEC);
+    if (fd < 0) {
+        fail(temporary);
+    }
+    const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+                         fchmod(fd, 0644) == 0 && fsync(fd) == 0;
+    const int error = errno;
+    const bool closed = close(fd) == 0;
+    if (!written) {
+        errno = error;
+    }
+    if (!written || !closed || rename(temporary.c_str(), path.c_str()) != 0) {
+        fail(temporary);
+    }
+}
+
+void set_block(const char *name, std::vector<char> bytes)
+{
+    const Block &block = find_block(name);
+    bytes.resize(block.written, '\0');
+    write_block(block, bytes);
+}
+
+}  // namespace
+
+Identity read_identity(Place place)
+{
+    switch (place) {
+    case Place::eeprom:
+        return from_eeprom();
+    case Place::vpd:
+        return from_vpd();
+    case Place::flash:
+        return from_flash();
+    case Place::memory:
+        return from_image(From::memory);
+    case Place::disk:
+        break;
+    }
+    return from_image(From::sysback);
+}
+
+Identity running_identity()
+{
+    Identity identity = from_eeprom();
+    identity.guid = from_flash().guid;
+    return identity;
+}
+
+Identity shared_identity() { return from_image(From::both); }
+
+bool is_whole(const Identity &identity)
+{
+    std::array<char, KESTA_GUID_BYTES> bytes{};
+    return identity.wwn && identity.wwn->size() == KESTA_WWN_LENGTH && identity.serialno &&
+           identity.serialno->size() == KESTA_SERIALNO_LENGTH && identity.guid &&
+           kestal_guid_str2bin(identity.guid->c_str(), bytes.data()) == KESTA_OK;
+}
+
+void check_wwn(const std::string &text) { check_sixteen(text, "WWN"); }
+void check_serialno(const std::string &text) { check_sixteen(text, "serial number"); }
+
+void check_guid(const std::string &text)
+{
+    std::array<char, KESTA_GUID_BYTES> bytes{};
+    if (kestal_guid_str2bin(text.c_str(), bytes.data()) != KESTA_OK) {
+        throw Failure(Exit::usage, "bad-identity", "'" + text + "' is no GUID.",
+                      "It has 36 characters: hexadecimal digits in groups of 8, 4, 4, 4 and 12, with "
+                      "'-' between them.");
+    }
+}
+
+void set_eeprom(const Identity &identity)
+{
+    std::string command = eeprom_command;
+    command += identity.wwn ? " cp_wwn=" + *identity.wwn : "";
+    command += identity.serialno ? " cp_serial_number=" + *identity.serialno : "";
+    if (kestal_exec_cmd_by_system(command.c_str()) != KESTA_OK) {
+        throw Failure(Exit::platform, "eeprom-failed", "The eeprom was not set.",
+                      std::string("Run '") + command + "' by hand, and see what it says.");
+    }
+}
+
+void set_vpd(const Identity &identity)
+{
+    const auto text = [](const std::optional<std::string> &value) {
+        return value ? value->c_str() : nullptr;
+    };
+    if (kestal_set_vpn_info(text(identity.wwn), text(identity.serialno), text(identity.guid)) !=
+        KESTA_OK) {
+        throw Failure(Exit::platform, "vpd-failed", "The VPD tool did not take the identity.", look);
+    }
+}
+
+void set_flash(const Identity &identity)
+{
+    if (identity.wwn && kestal_set_flash_wwn(identity.wwn->c_str()) != KESTA_OK) {
+        throw Failure(Exit::platform, "write-failed", "/etc/kesta_sys/wwn was not written.", look);
+    }
+    if (identity.guid) {
+        replace_file(guid_file, *identity.guid + "\n");
+    }
+}
+
+void set_image(const Identity &identity)
+{
+    if (identity.wwn) {
+        set_block("wwn", {identity.wwn->begin(), identity.wwn->end()});
+    }
+    if (identity.serialno) {
+        set_block("serialno", {identity.serialno->begin(), identity.serialno->end()});
+    }
+    if (identity.guid) {
+        std::vector<char> bytes(KESTA_GUID_BYTES);
+        if (kestal_guid_str2bin(identity.guid->c_str(), bytes.data()) == KESTA_OK) {
+            set_block("guid", bytes);
+        }
+    }
+}
+
+std::string host_name_by(const std::string &wwn, int controller)
+{
+    return wwn + "-" + std::to_string(controller);
+}
+
+std::string first_line(const std::string &path)
+{
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
+}  // namespace kestactl
