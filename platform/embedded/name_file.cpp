@@ -81,13 +81,14 @@ int NameFile::update(const std::vector<std::pair<std::string, std::string>> &cha
         return result;
     }
     const auto before = values_;
-    for (const auto &[name, value] : changes) {
-        const auto found = std::find_if(values_.begin(), values_.end(),
-                                        [&](const auto &entry) { return entry.first == name; });
+    for (const auto &change : changes) {
+        const auto found = std::find_if(values_.begin(), values_.end(), [&](const auto &entry) {
+            return entry.first == change.first;
+        });
         if (found == values_.end()) {
-            values_.emplace_back(name, value);
+            values_.push_back(change);
         } else {
-            found->second = value;
+            found->second = change.second;
         }
     }
     return values_ == before ? 0 : write();
