@@ -367,13 +367,13 @@ Recording recorded()
 
 void skip_flushes(bool skip) { flushes_skipped = skip; }
 
-void for_each_power_cut(const Recording &recording, const std::string &left_out,
+void for_each_power_cut(const Recording &taken, const std::string &left_out,
                         const std::function<bool(const Disk &, int)> &visit)
 {
     State flushed;
-    flushed.names = recording.files;
-    for (const auto &[path, file] : recording.files) {
-        flushed.contents[file] = recording.before.at(path);
+    flushed.names = taken.files;
+    for (const auto &[path, file] : taken.files) {
+        flushed.contents[file] = taken.before.at(path);
     }
     std::vector<DiskEvent> pending;
     std::set<std::size_t> seen;
@@ -393,7 +393,7 @@ void for_each_power_cut(const Recording &recording, const std::string &left_out,
         }
         return true;
     };
-    for (const DiskEvent &event : recording.events) {
+    for (const DiskEvent &event : taken.events) {
         if (is_data(event) || event.kind == Kind::name) {
             pending.push_back(event);
             continue;  // what is pending is cut before the next flush
