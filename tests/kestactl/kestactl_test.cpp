@@ -57,7 +57,7 @@ TEST_F(Kestactl, HelpAndVersion)
     EXPECT_EQ(ctl(0, "--version").code, 0);
     EXPECT_THAT(ctl(0, "--version").out, testing::MatchesRegex(".*[0-9]+\\.[0-9]+\\.[0-9]+\n"));
     for (const std::string command :
-         {"", "status", "nv", "nv list", "nv read", "nv write", "nv verify",
+         {"", "status", "save", "accept", "nv", "nv list", "nv read", "nv write", "nv verify",
           "nv init", "nv clear", "nv flags", "nv sync", "nv dump", "repair", "identity",
           "identity show", "identity set", "identity carry", "identity carry vpd-to-flash",
           "identity carry vpd-to-disk", "identity carry cnt0-to-cnt1", "slot", "slot show", "slot switch",

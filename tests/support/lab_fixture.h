@@ -99,6 +99,12 @@ protected:
         return on(controller, "kestactl " + arguments);
     }
 
+    void succeed(const std::string &command) const
+    {
+        const Ran run = on(0, command);
+        EXPECT_EQ(run.code, 0) << command << run.err;
+    }
+
     // Where a file of a controller lies on the host.
     fs::path host_path(int controller, const std::string &path) const
     {

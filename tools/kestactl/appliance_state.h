@@ -45,6 +45,10 @@ void use_memory_only();
 [[noreturn]] void fail_call(const std::string &code, const std::string &message,
                             const std::string &hint);
 
+// Hands out the next version number: it is read and raised in one section of the inner lock, so that none
+// is handed out twice. Throws Failure.
+int hand_out_version(int own);
+
 // The slot name, or a Failure that says how to set one.
 std::string require_slot(const std::string &name, const std::string &which);
 

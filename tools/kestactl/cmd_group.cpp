@@ -12,6 +12,7 @@
 #include "appliance_state.h"
 #include "command.h"
 #include "definition_check.h"
+#include "group_definition.h"
 #include "names.h"
 
 namespace kestactl {
@@ -19,13 +20,6 @@ namespace {
 
 constexpr const char *files_may_be_gone = "addremove";
 constexpr unsigned mode_bits = 07777;
-
-using Definition = std::unique_ptr<KESTA_BACKUP_FILE>;
-
-std::string definition_of(const std::string &group)
-{
-    return "/etc/kesta_sys/" + group + "/define.xml";
-}
 
 // A path, or the name of a group.
 std::string file_of(const std::string &file_or_group)
@@ -65,25 +59,6 @@ Result check(const std::string &file_or_group)
 }
 
 // ---------------------------------------------------------------------------------------- show
-
-Definition read_definition(const std::string &group)
-{
-    check_group(group);
-    const std::string path = definition_of(group);
-    require_file(path, "A group has its define.xml there, the same on every controller.");
-    auto definition = std::make_unique<KESTA_BACKUP_FILE>();
-    const int result = kestal_read_backupfile(group.c_str(), definition.get());
-    if (result == KESTA_ERR_DEFINITION_GROUP) {
-        throw Failure(Exit::no, "other-group",
-                      path + " is the definition of group '" + definition->groupname + "'.",
-                      "Its id must be " + group + ", like the folder that it is in.");
-    }
-    if (result != KESTA_OK) {
-        throw Failure(Exit::no, "bad-definition", path + " is refused.",
-                      "See what is wrong: kestactl group check " + group);
-    }
-    return definition;
-}
 
 Json scripts_json(const KESTA_BACKUP_FILE_SCRIPT_SUB (&slots)[KESTA_DEFINITION_SCRIPTS])
 {

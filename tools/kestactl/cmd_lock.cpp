@@ -15,21 +15,19 @@
 #include "appliance_state.h"
 #include "command.h"
 #include "held_command.h"
+#include "held_lock.h"
 #include "lock_state.h"
 #include "names.h"
 
 namespace kestactl {
 namespace {
 
-constexpr int new_lock = 0;
 constexpr int take_again = 1;
 constexpr int release_fully = 0;
 constexpr int suspend = 1;
 constexpr int all_controllers = -1;
-constexpr int ended_by_signal = 128;
 constexpr int seconds_between_tries = 1;
 constexpr int seconds_between_reports = 10;
-constexpr const char *lock_folder = "/var/run/kesta_sys/tmp/";
 
 struct LockOptions {
     int type = KESTA_LOCK_TYPE1;
@@ -47,16 +45,9 @@ struct Taken {
     CommandEnd end;
 };
 
-std::string cnt(int controller) { return "CNT" + std::to_string(controller); }
+std::string cnt(int controller) { return controller_name(controller); }
 
 Exit exit_of(const CommandEnd &end) { return static_cast<Exit>(end.exit_code); }
-
-[[noreturn]] void interrupted(int signal)
-{
-    throw Failure(static_cast<Exit>(ended_by_signal + signal), "interrupted",
-                  std::string("Interrupted (") + strsignal(signal) + ") before the lock was had.",
-                  "Nothing is held.");
-}
 
 int chosen_controller(const LockOptions &options)
 {
@@ -112,139 +103,19 @@ int in_the_way(const LockState &state, const LockOptions &options)
     return -1;
 }
 
-void report_waiting(const LockState &state, int controller, int left)
-{
-    std::string text = cnt(controller) + " is taking a lock too";
-    for (const CommandLock &lock : state.held) {
-        if (lock.controller == controller) {
-            text = describe(lock, state.group);
-        }
-    }
-    std::cerr << "waiting, " << left << " s left: " << text << std::endl;
-}
-
-// Two processes of one controller write the same slot, and neither would meet the other: kestactl
-// takes one lock at a time on a controller. Where the file can't be had it goes on without.
-class OneTaker {
-public:
-    OneTaker() : fd_(open(path().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
-    {
-        if (fd_ >= 0) {
-            (void)lockf(fd_, F_LOCK, 0);  // held for one attempt
-        }
-    }
-    ~OneTaker()
-    {
-        if (fd_ >= 0) {
-            (void)close(fd_);  // nothing was written; this lets go
-        }
-    }
-    OneTaker(const OneTaker &) = delete;
-    OneTaker &operator=(const OneTaker &) = delete;
-
-private:
-    static std::string path() { return std::string(lock_folder) + ".kestactl"; }
-
-    int fd_;
-};
-
-int try_to_take(const LockOptions &options, int own, char *identifier, int &met)
-{
-    const OneTaker alone;
-    std::string group = options.group;
-    return kestal_global_command_lock_func(own, options.type, identifier,
-                                           group.empty() ? nullptr : group.data(), new_lock, &met);
-}
-
-// Tries again until the lock is had or the time is over. Returns its identifier.
-std::string take_lock(const LockOptions &options, int own, const HeldSignals &signals)
-{
-    std::array<char, KESTA_LOCK_IDENTIFIER_SIZE> identifier{};
-    int reported = -1;
-    for (int waited = 0;; waited += seconds_between_tries) {
-        int met = -1;
-        const int result = try_to_take(options, own, identifier.data(), met);
-        if (result == KESTA_OK) {
-            return identifier.data();
-        }
-        if (result != KESTA_ERR_LOCKED) {
-            fail_call("lock-failed",
-                      "The command lock of " + cnt(own) + " could not be taken (result " +
-                          std::to_string(result) + ").",
-                      "Look at --trace 1, and with 'kestactl lock check' whether it was left behind.");
-        }
-        const LockState state = read_lock_state();
-        if (waited >= options.wait) {
-            refuse_locked("The command lock can't be had", state, met);
-        }
-        if (met != reported || waited % seconds_between_reports == 0) {
-            report_waiting(state, met, options.wait - waited);
-            reported = met;
-        }
-        if (const int signal = signals.wait(seconds_between_tries); signal != 0) {
-            interrupted(signal);
-        }
-    }
-}
-
-void release_lock(int controller, const std::string &identifier)
-{
-    const int result =
-        kestal_global_command_unlock_func(controller, identifier.c_str(), release_fully);
-    if (result == KESTA_ERR_LOCK_IDENTIFIER) {
-        throw Failure(Exit::no, "other-identifier",
-                      "The lock of " + cnt(controller) + " carries another identifier than " +
-                          identifier + "; it was left alone.",
-                      "Somebody cleared the lock and took one: see 'kestactl lock check'.");
-    }
-    if (result != KESTA_OK) {
-        fail_call("unlock-failed", "The lock of " + cnt(controller) + " was not released.",
-                  "Release it again: kestactl lock release " + identifier + " --controller " +
-                      cnt(controller));
-    }
-}
-
-// Lets go of the lock on every way out.
-class HeldLock {
-public:
-    HeldLock(int controller, std::string identifier)
-        : controller_(controller), identifier_(std::move(identifier))
-    {
-    }
-    ~HeldLock()
-    {
-        if (held_) {
-            (void)kestal_global_command_unlock_func(controller_, identifier_.c_str(),
-                                                    release_fully);  // traced; an error is under way
-        }
-    }
-    HeldLock(const HeldLock &) = delete;
-    HeldLock &operator=(const HeldLock &) = delete;
-
-    void release()
-    {
-        held_ = false;
-        release_lock(controller_, identifier_);
-    }
-
-private:
-    int controller_;
-    std::string identifier_;
-    bool held_ = true;
-};
-
 void take(const LockOptions &options, int own, Taken &taken)
 {
     const HeldSignals signals;
-    taken.identifier = take_lock(options, own, signals);
+    taken.identifier =
+        take_command_lock({options.type, options.group, options.wait}, own, signals);
     if (const int signal = signals.pending(); signal != 0) {
-        release_lock(own, taken.identifier);
+        release_command_lock(own, taken.identifier);
         interrupted(signal);
     }
     if (options.command.empty()) {
         return;
     }
-    HeldLock held(own, taken.identifier);
+    HeldCommandLock held(own, taken.identifier);
     taken.end = signals.run(options.command);
     held.release();
 }
@@ -316,7 +187,7 @@ Plan plan_release(const LockOptions &options)
           "NV memory: block " + std::to_string(KESTA_BLOCK_GROUP)},
          [=] {
              if (!force) {
-                 release_lock(controller, identifier);
+                 release_command_lock(controller, identifier);
              } else if (kestal_global_command_unlock_func(controller, nullptr, release_fully) !=
                         KESTA_OK) {
                  fail_call("unlock-failed", "The lock of " + cnt(controller) + " was not released.",
@@ -508,55 +379,12 @@ void check_local_name(const std::string &name)
     }
 }
 
-// The process that holds the record lock, as "process 12 (backup)"; empty if nobody or unknown.
-std::string local_holder(const std::string &name)
-{
-    const int fd = open((lock_folder + name).c_str(), O_WRONLY | O_CLOEXEC);
-    struct flock lock {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    const bool asked = fd >= 0 && fcntl(fd, F_GETLK, &lock) == 0;
-    (void)close(fd);  // nothing was written; this process holds no lock on it
-    if (!asked || lock.l_type == F_UNLCK) {
-        return "";
-    }
-    std::ifstream file("/proc/" + std::to_string(lock.l_pid) + "/comm");
-    std::string program;
-    std::getline(file, program);
-    return "process " + std::to_string(lock.l_pid) +
-           (program.empty() ? std::string() : " (" + program + ")");
-}
-
-[[noreturn]] void refuse_local(const std::string &name, const std::string &holder)
-{
-    throw Failure(Exit::locked, "locked",
-                  "The local lock " + name + " can't be had: " + holder + " holds it.",
-                  "It is free as soon as that process ends.");
-}
-
 void hold_local(const LockOptions &options, CommandEnd &end)
 {
     const HeldSignals signals;
-    int fd = -1;
-    std::string name = options.name;
-    if (kestal_file_command_lock(&fd, name.data()) != KESTA_OK) {
-        if (const std::string holder = local_holder(name); !holder.empty()) {
-            refuse_local(name, holder);
-        }
-        throw Failure(Exit::platform, "lock-failed",
-                      "The local lock " + name + " could not be taken.",
-                      "Check that " + std::string(lock_folder) + " is there and can be written.");
-    }
-    try {
-        end = signals.run(options.command);
-    } catch (const Failure &) {
-        (void)kestal_file_command_unlock(&fd);  // traced; the command could not be started
-        throw;
-    }
-    if (kestal_file_command_unlock(&fd) != KESTA_OK) {
-        fail_call("unlock-failed", "The local lock " + name + " was not given back in order.",
-                  "It is free all the same when this program ends.");
-    }
+    HeldLocalLock lock(options.name);
+    end = signals.run(options.command);
+    lock.release();
 }
 
 Result local_command(const LockOptions &options, const Globals &globals)
@@ -570,7 +398,7 @@ Result local_command(const LockOptions &options, const Globals &globals)
     plan.json = {{"name", options.name}, {"command", joined(options.command)}};
     plan.steps.push_back({"hold the local lock " + options.name + " and run: " +
                               joined(options.command),
-                          {lock_folder + options.name, "whatever the command writes"},
+                          {local_lock_folder + options.name, "whatever the command writes"},
                           [&] { hold_local(options, end); }});
     Result result = carry_out(plan, globals);
     if (!globals.dry_run) {

@@ -53,14 +53,6 @@ std::string describe_side(const MirrorState &state, Side side)
                               : " is NOT valid: it does not name a backup and an accept slot.");
 }
 
-// Whether the disk merely lacks items, and differs in nothing: then NV memory completes it, and nothing
-// is lost.
-bool disk_lacks_only(const MirrorState &state)
-{
-    return std::all_of(state.items.begin(), state.items.end(),
-                       [](const MirroredItem &item) { return !item.differs() || !item.disk; });
-}
-
 // What to do about the two places, in one sentence.
 std::string advice(const MirrorState &state)
 {
@@ -77,7 +69,7 @@ std::string advice(const MirrorState &state)
                name_of(memory ? Side::memory : Side::disk) + " to " +
                name_of(memory ? Side::disk : Side::memory) + ".";
     }
-    if (memory && disk_lacks_only(state)) {
+    if (memory && state.disk_lacks_only()) {
         return "The system backup area lacks items: 'kestactl repair' adds them from NV memory, and "
                "nothing is lost.";
     }
@@ -152,7 +144,7 @@ Winner choose(const MirrorState &state, const RepairOptions &options)
         return {memory ? Side::memory : Side::disk,
                 "it names both slots, and the other place does not"};
     }
-    if (memory && disk_lacks_only(state)) {
+    if (memory && state.disk_lacks_only()) {
         return {Side::memory, "the other place only lacks items that it holds"};
     }
     if (memory) {

@@ -230,32 +230,6 @@ int read_numbering(int own)
     return latest;
 }
 
-// Reads and raises the number in one section of the inner lock: no number is handed out twice.
-int hand_out(int own)
-{
-    if (kestal_cntl_innerlock(own) != KESTA_OK) {
-        fail_call("lock-failed", "No number was handed out.",
-                  "The inner lock could not be taken: look at --trace 1.");
-    }
-    const int latest =
-        kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, own, KESTA_VERSION_BY_MODE);
-    const int next = successor(latest);
-    const int result =
-        latest < 0 ? KESTA_ERR : kestal_set_version_nolock(KESTA_VER_AREA_NUMBERING, own, next);
-    const int released = kestal_reset_mycnt_innerlock_main(own, own_slot);
-    if (result != KESTA_OK) {
-        fail_call("next-failed", "No number was handed out.",
-                  "The numbering version can't be read or written: look at --trace 1.");
-    }
-    if (released != KESTA_OK) {
-        fail_call("unlock-failed",
-                  "Number " + std::to_string(next) +
-                      " was handed out, but the inner lock was not released.",
-                  "The next waiter clears it after 30 seconds.");
-    }
-    return next;
-}
-
 Result next_command(const Globals &globals)
 {
     require_writable();
@@ -264,7 +238,7 @@ Result next_command(const Globals &globals)
     Plan plan;
     plan.steps.push_back({"hand out number " + std::to_string(next),
                           {"version area numbering"},
-                          [&] { next = hand_out(own); }});
+                          [&] { next = hand_out_version(own); }});
     Result result = carry_out(plan, globals);
     result.json["version"] = next;
     if (!globals.dry_run) {
@@ -338,6 +312,31 @@ void add_compare(CLI::App &version, Action &action, const std::shared_ptr<Versio
 }
 
 }  // namespace
+
+int hand_out_version(int own)
+{
+    if (kestal_cntl_innerlock(own) != KESTA_OK) {
+        fail_call("lock-failed", "No number was handed out.",
+                  "The inner lock could not be taken: look at --trace 1.");
+    }
+    const int latest =
+        kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, own, KESTA_VERSION_BY_MODE);
+    const int next = successor(latest);
+    const int result =
+        latest < 0 ? KESTA_ERR : kestal_set_version_nolock(KESTA_VER_AREA_NUMBERING, own, next);
+    const int released = kestal_reset_mycnt_innerlock_main(own, own_slot);
+    if (result != KESTA_OK) {
+        fail_call("next-failed", "No number was handed out.",
+                  "The numbering version can't be read or written: look at --trace 1.");
+    }
+    if (released != KESTA_OK) {
+        fail_call("unlock-failed",
+                  "Number " + std::to_string(next) +
+                      " was handed out, but the inner lock was not released.",
+                  "The next waiter clears it after 30 seconds.");
+    }
+    return next;
+}
 
 void add_version(CLI::App &app, Globals &globals, Action &action)
 {

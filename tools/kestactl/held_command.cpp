@@ -75,6 +75,19 @@ int HeldSignals::wait(int seconds) const
     return number > 0 ? number : 0;
 }
 
+bool HeldSignals::is_pending() const
+{
+    sigset_t pending;
+    sigemptyset(&pending);
+    sigpending(&pending);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+        if (sigismember(&pending, number) == 1) {
+            return true;
+        }
+    }
+    return false;
+}
+
 CommandEnd HeldSignals::run(const std::vector<std::string> &command) const
 {
     const pid_t child = start(command, before_);

@@ -29,6 +29,9 @@ public:
     // A signal that has come meanwhile, or 0.
     int pending() const { return wait(0); }
 
+    // Whether one has come; it stays pending.
+    bool is_pending() const;
+
     // Runs a command to its end. Throws Failure if it can't be started.
     CommandEnd run(const std::vector<std::string> &command) const;
 

@@ -141,6 +141,8 @@ int main(int argc, char **argv)
         ->check(CLI::Range(0, 5));
     add_status(app, globals, action);
     add_nv(app, globals, action);
+    add_save(app, globals, action);
+    add_accept(app, globals, action);
     add_slot(app, globals, action);
     add_copy(app, globals, action);
     add_repair(app, globals, action);

@@ -76,6 +76,13 @@ bool MirrorState::differ() const
                        [](const MirroredItem &item) { return item.differs(); });
 }
 
+bool MirrorState::disk_lacks_only() const
+{
+    return std::all_of(items.begin(), items.end(), [](const MirroredItem &item) {
+        return !item.differs() || !item.disk;
+    });
+}
+
 MirrorState read_mirror()
 {
     MirrorState state;
@@ -133,6 +140,23 @@ int copy_items(const MirrorState &state, Side from, std::string &failed)
                                                                      state.items.data())]
                                      .size);
             result != KESTA_OK) {
+            return result;
+        }
+    }
+    return KESTA_OK;
+}
+
+int add_missing_items(const MirrorState &state, std::string &failed)
+{
+    for (std::size_t i = 0; i < state.items.size(); ++i) {
+        const MirroredItem &item = state.items[i];
+        if (item.disk) {
+            continue;
+        }
+        failed = item.block->name;
+        const int result =
+            kestal_repair_rw(KESTA_REPAIR_FROM_MEMORY, item.block->id, item_sizes[i].size);
+        if (result != KESTA_OK) {
             return result;
         }
     }

@@ -38,6 +38,9 @@ struct MirrorState {
     // Whether a place can be trusted: both slot names can be read there, and are slot names.
     bool valid(Side side) const;
     bool differ() const;
+    // Whether the disk merely lacks items, and differs in nothing: then NV memory completes it, and nothing
+    // is lost.
+    bool disk_lacks_only() const;
 
     bool operator==(const MirrorState &) const = default;
 };
@@ -63,5 +66,8 @@ std::vector<Replacement> replacements(const MirrorState &state, Side from);
 // first: a copy that is cut short leaves a place that does not pass for a good one, and can be begun
 // again. Returns 0, or the first failed call's result; failed then holds the block's name.
 int copy_items(const MirrorState &state, Side from, std::string &failed);
+
+// Adds the items that the disk lacks, from memory, and nothing else. Returns as copy_items.
+int add_missing_items(const MirrorState &state, std::string &failed);
 
 }  // namespace kestactl

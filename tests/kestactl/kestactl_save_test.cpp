@@ -1,0 +1,238 @@
+// Saving and accepting an environment in one command each, on a lab.
+#include <signal.h>
+
+#include <algorithm>
+
+#include "lab_fixture.h"
+
+using namespace test;
+using nlohmann::json;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+const std::string flash_backup = "/opt/kesta_sys/bakup/backup.tar.Z";
+const std::string flash_accept = "/opt/kesta_sys/bakup/accept.tar.Z";
+const std::string log_file = "/opt/scripts.log";
+
+std::string script_line(const std::string &kind, const std::string &command, int order)
+{
+    return "<" + kind + " path=\"" + command + "\" order=\"" + std::to_string(order) + "\"/>";
+}
+
+std::string note(const std::string &word) { return "echo " + word + " >> " + log_file; }
+
+}  // namespace
+
+class KestactlSave : public LabTest {
+protected:
+    KestactlSave()
+    {
+        set_slots();
+        write_file(host_path(0, "etc/app/one"), "one\n");
+        write_file(host_path(0, "etc/app/more/two"), "two\n");
+        define(script_line("pre-script", note("before"), 1) +
+               script_line("post-script", note("after"), 1));
+    }
+
+    void define(const std::string &scripts, const std::string &files =
+                                                "<file path=\"/etc/app/one\"/><file path=\"/etc/app/more\"/>")
+    {
+        write_file(host_path(0, "etc/kesta_sys/network/define.xml"),
+                   "<?xml version=\"1.0\"?>\n<group id=\"network\" operation=\"update\" "
+                   "type=\"files\"><setinfo>" + files + "</setinfo><script><backup reboot=\"0\">" +
+                       scripts + "</backup></script></group>\n");
+    }
+    std::string file_on(int controller, const std::string &path) const
+    {
+        return on(controller, "cat " + path).out;
+    }
+    std::string slot(const std::string &name) const
+    {
+        return read_file(dir / "shared/sysback" / name);
+    }
+    int number(const std::string &block) const
+    {
+        return std::stoi(ctl(0, "nv read " + block).out);
+    }
+    void expect_refusal(const Ran &run, int code, const std::string &text)
+    {
+        EXPECT_EQ(run.code, code) << run.out << run.err;
+        EXPECT_THAT(run.err, AllOf(HasSubstr("kestactl: "), HasSubstr(text)));
+        EXPECT_EQ(ctl(0, "lock check").code, 0) << "no lock is left";
+    }
+};
+
+TEST_F(KestactlSave, WholeEnvironmentIsSavedAndNumbered)
+{
+    const Ran saved = ctl(0, "save network");
+    ASSERT_EQ(saved.code, 0) << saved.out << saved.err;
+    EXPECT_THAT(saved.out, HasSubstr("Saved network as version 1."));
+    const std::string archive = file_on(0, flash_backup);
+    EXPECT_EQ(slot("kesta_backup0"), archive);
+    EXPECT_EQ(on(0, "tar -tjf " + flash_backup).out,
+              "etc/\netc/app/\netc/app/one\netc/app/more/\netc/app/more/two\n")
+        << "parents with their owners and modes, folders whole";
+    EXPECT_EQ(number("numbering-version"), 1);
+    EXPECT_EQ(number("backup-version"), 1);
+    EXPECT_EQ(number("version-cnt0"), 1);
+    EXPECT_EQ(file_on(0, "/etc/kesta_sys/version"), "1\n");
+    EXPECT_EQ(file_on(0, log_file), "before\nafter\n");
+    EXPECT_EQ(ctl(0, "lock check").code, 0);
+    EXPECT_EQ(ctl(0, "nv read group").out, "\n") << "released with the lock";
+    EXPECT_EQ(on(0, "ls -A /opt/kesta_sys/bakup").out, "backup.tar.Z\n");
+
+    write_file(host_path(0, "etc/app/one"), "changed\n");
+    const json second = ctl(0, "--json save network --event e1").json().at("result");
+    EXPECT_EQ(second.at("version"), 2);
+    EXPECT_EQ(second.at("scripts").size(), 2u);
+    EXPECT_EQ(second.at("scripts").at(0).at("exit_code"), 0);
+    EXPECT_EQ(on(0, "tar -xjf " + flash_backup + " -O etc/app/one").out, "changed\n");
+}
+
+TEST_F(KestactlSave, AcceptedOneIsACopyThatWasTested)
+{
+    expect_refusal(ctl(0, "accept"), 1, "no usable");
+    ASSERT_EQ(ctl(0, "save network").code, 0);
+    const Ran accepted = ctl(0, "accept");
+    ASSERT_EQ(accepted.code, 0) << accepted.err;
+    EXPECT_THAT(accepted.out, HasSubstr("Accepted version 1."));
+    EXPECT_EQ(slot("kesta_backup1"), slot("kesta_backup0"));
+    EXPECT_EQ(file_on(0, flash_accept), file_on(0, flash_backup));
+    EXPECT_EQ(number("accept-version"), 1);
+
+    const std::string good = slot("kesta_backup1");
+    succeed("head -c 100 " + flash_accept + " > " + flash_backup);
+    expect_refusal(ctl(0, "accept"), 1, "damaged");
+    EXPECT_EQ(slot("kesta_backup1"), good);
+    EXPECT_EQ(file_on(0, flash_accept), good);
+}
+
+TEST_F(KestactlSave, ScriptsRunInOrderWithEventAndStatus)
+{
+    const std::string show = "echo NAME $KESTA_EVENT $KESTA_VRBGETSTAT >> " + log_file;
+    const auto named = [&](const std::string &name) {
+        std::string text = show;
+        return text.replace(text.find("NAME"), 4, name);
+    };
+    define(script_line("pre-script", named("third"), 3) + script_line("pre-script", named("first"), 1) +
+           script_line("pre-script", named("second"), 2));
+    ASSERT_EQ(ctl(0, "save network --event boot --platform-status up").code, 0);
+    EXPECT_EQ(file_on(0, log_file), "first boot up\nsecond boot up\nthird boot up\n");
+}
+
+TEST_F(KestactlSave, ScriptThatFailsStopsItAndIsShown)
+{
+    define(script_line("pre-script", note("before"), 1) +
+           script_line("pre-script", "echo the disk is full 1>&amp;2; exit 7", 2) +
+           script_line("pre-script", note("never"), 3) + script_line("post-script", note("after"), 3));
+    const Ran failed = ctl(0, "save network");
+    expect_refusal(failed, 4, "exit code 7");
+    EXPECT_THAT(failed.err, HasSubstr("the disk is full"));
+    EXPECT_EQ(file_on(0, log_file), "before\nafter\n") << "what undoes is run all the same";
+    EXPECT_EQ(on(0, "ls -A /opt/kesta_sys/bakup").out, "");
+    EXPECT_EQ(number("numbering-version"), 0) << "no number is spent";
+}
+
+TEST_F(KestactlSave, ScriptThatHangsIsStopped)
+{
+    define(script_line("pre-script", "trap '' TERM; mkfifo /opt/never; cat /opt/never", 1));
+    const Ran stopped = ctl(0, "save network --script-timeout 1");
+    expect_refusal(stopped, 4, "did not end in time");
+    EXPECT_EQ(on(0, "pgrep -f '[c]at /opt/never'").code, 1) << "its whole group is gone";
+}
+
+TEST_F(KestactlSave, WhatCanNotBeSavedIsRefusedFirst)
+{
+    expect_refusal(ctl(0, "save other"), 1, "no usable");
+    EXPECT_EQ(ctl(0, "save ../x").code, 2);
+    for (const char *path : {"/etc/../etc/hosts", "etc/hosts", "/etc/app/", "/", "/etc/./hosts"}) {
+        define("", std::string("<file path=\"") + path + "\"/>");
+        expect_refusal(ctl(0, "save network"), 1, "can't be archived");
+    }
+    define("", "<file path=\"/etc/app/gone\"/>");
+    expect_refusal(ctl(0, "save network"), 1, "There is no /etc/app/gone");
+    EXPECT_EQ(number("numbering-version"), 0);
+}
+
+TEST_F(KestactlSave, LocksKeepOthersAway)
+{
+    ASSERT_EQ(ctl(1, "lock take").code, 0);
+    const Ran held = ctl(0, "save network");
+    EXPECT_EQ(held.code, 3) << held.err;
+    EXPECT_THAT(held.err, HasSubstr("CNT1"));
+    EXPECT_EQ(file_on(0, log_file), "") << "no script was run";
+    ASSERT_EQ(ctl(1, "lock release --force").code, 0);
+    const Ran local = on(0, "kestactl lock local environment -- kestactl save network");
+    EXPECT_EQ(local.code, 3) << local.err;
+    EXPECT_EQ(ctl(0, "save network").code, 0);
+}
+
+TEST_F(KestactlSave, LockThatWasClearedIsNoticedBeforePublishing)
+{
+    define(script_line("pre-script", "kestactl lock release --force", 1));
+    const Ran lost = ctl(0, "save network");
+    EXPECT_EQ(lost.code, 3) << lost.err;
+    EXPECT_THAT(lost.err, HasSubstr("not ours any more"));
+    EXPECT_EQ(number("numbering-version"), 0);
+    EXPECT_EQ(on(0, "ls " + flash_backup).code, 2);
+}
+
+TEST_F(KestactlSave, SlotThatCanNotBeWrittenLeavesTheRestWhole)
+{
+    ASSERT_EQ(ctl(0, "save network").code, 0);
+    const std::string before = slot("kesta_backup0");
+    write_file(host_path(0, "etc/app/one"), "changed\n");
+    write_file(host_path(0, "opt/faults"), "sb_write 2 once fail 28\n");
+    const Ran failed = on(0, "KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl save network");
+    EXPECT_EQ(failed.code, 4) << failed.out;
+    EXPECT_EQ(ctl(0, "lock check").code, 0);
+    const Ran again = ctl(0, "save network");
+    EXPECT_EQ(again.code, 0) << again.err;
+    EXPECT_EQ(slot("kesta_backup0"), file_on(0, flash_backup));
+    EXPECT_NE(slot("kesta_backup0"), before);
+}
+
+TEST_F(KestactlSave, DryRunsWriteNothing)
+{
+    ASSERT_EQ(ctl(0, "save network").code, 0);
+    const auto untouched = snapshot();
+    for (const std::string command : {"save network", "accept"}) {
+        const Ran planned = ctl(0, command + " --dry-run");
+        EXPECT_EQ(planned.code, 0) << planned.err;
+        EXPECT_THAT(planned.out, HasSubstr("kesta_backup"));
+        EXPECT_TRUE(snapshot() == untouched) << command;
+    }
+    EXPECT_THAT(ctl(0, "save network --dry-run").out, HasSubstr("run " + note("after")));
+}
+
+TEST_F(KestactlSave, KilledAtAnyTransferItIsWholeAndCanBeCompleted)
+{
+    fs::copy_file(KESTA_FAST_CLOCK_LIBRARY, host_path(0, "opt/libfast_clock.so"));
+    ASSERT_EQ(ctl(0, "save network").code, 0);
+    const std::string fast = "LD_PRELOAD=/opt/libfast_clock.so ";
+    for (const std::string kind : {"nv_write", "sb_close"}) {
+        for (int n = 1; n < 40; n += kind == "nv_write" ? 5 : 2) {
+            const std::string old_flash = file_on(0, flash_backup);
+            const std::string old_slot = slot("kesta_backup0");
+            write_file(host_path(0, "etc/app/one"), kind + std::to_string(n) + "\n");
+            write_file(host_path(0, "opt/faults"), kind + " " + std::to_string(n) + " once kill\n");
+            const Ran killed = on(0, fast + "KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl save network");
+            if (killed.code == 0) {
+                break;  // there are no more of them
+            }
+            // Each place holds the old archive or the new one, whole.
+            EXPECT_EQ(on(0, "tar -tjf " + flash_backup + " > /dev/null").code, 0);
+            const std::string now = slot("kesta_backup0");
+            EXPECT_TRUE(now == old_slot || now == file_on(0, flash_backup)) << kind << n;
+            (void)on(0, fast + "kestactl lock release --force");
+            const Ran again = on(0, fast + "kestactl save network");
+            EXPECT_EQ(again.code, 0) << kind << n << again.err;
+            EXPECT_EQ(slot("kesta_backup0"), file_on(0, flash_backup));
+            EXPECT_EQ(on(0, "tar -xjf " + flash_backup + " -O etc/app/one").out,
+                      kind + std::to_string(n) + "\n");
+        }
+    }
+}

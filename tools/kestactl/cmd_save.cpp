@@ -1,0 +1,381 @@
+// kestactl save and accept: a whole environment saved, and made the accepted one, in one command each.
+#include <kesta/kesta.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <optional>
+
+#include "appliance_state.h"
+#include "command.h"
+#include "environment_archive.h"
+#include "group_definition.h"
+#include "held_lock.h"
+#include "mirror.h"
+#include "names.h"
+#include "script_run.h"
+
+namespace kestactl {
+namespace {
+
+constexpr const char *flash_backup = "/opt/kesta_sys/bakup/backup.tar.Z";
+constexpr const char *flash_accept = "/opt/kesta_sys/bakup/accept.tar.Z";
+constexpr const char *merge_backup = "/var/run/kesta_sys/tmp/backup.tar.Z";
+constexpr const char *unfinished_archive = "/opt/kesta_sys/bakup/.save.tar.Z";
+constexpr const char *local_lock = "environment";
+
+struct SaveOptions {
+    std::string group;
+    int wait = 0;
+    ScriptContext scripts;
+};
+
+// What a run has come to know, for its steps and for its result.
+struct Work {
+    const HeldSignals *signals = nullptr;
+    const HeldCommandLock *lock = nullptr;
+    int version = 0;
+    std::vector<ScriptEnd> scripts;
+};
+
+// ------------------------------------------------------------------------------------- the scripts
+
+void run_one(const Script &script, const ScriptContext &context, Work &work)
+{
+    work.scripts.push_back(run_script(script.command, context, *work.signals));
+    const ScriptEnd &end = work.scripts.back();
+    if (!end.succeeded()) {
+        throw Failure(Exit::platform, "script-failed",
+                      "The script '" + script.command + "' failed: " + describe(end) + ".",
+                      "Mend it, then run the command again; --script-timeout gives it more time.");
+    }
+}
+
+// ------------------------------------------------------------------------------------------- locks
+
+void stop_if_asked(const Work &work)
+{
+    if (work.signals->is_pending()) {
+        const int signal = work.signals->pending();
+        throw Failure(static_cast<Exit>(128 + signal), "interrupted",
+                      std::string("Interrupted (") + strsignal(signal) +
+                          "). What had been done is whole.",
+                      "Run the command again: it completes what is unfinished.");
+    }
+}
+
+// Carries out a plan with both locks held, and lets go of them on every way out. What comes last is done
+// even if a step failed.
+Result carry_out_locked(const LockRequest &request, const std::function<Plan(Work &)> &make_plan,
+                        const std::function<void(Work &)> &last, const Globals &globals)
+{
+    Work work;
+    const HeldSignals signals;
+    work.signals = &signals;
+    if (globals.dry_run) {
+        return carry_out(make_plan(work), globals);
+    }
+    HeldLocalLock local(local_lock);
+    const int own = learn_own_number();
+    HeldCommandLock command(own, take_command_lock(request, own, signals));
+    work.lock = &command;
+    Result result;
+    std::optional<Failure> failure;
+    try {
+        result = carry_out(make_plan(work), globals);
+    } catch (const Failure &met) {
+        failure = met;
+    }
+    try {
+        last(work);
+    } catch (const Failure &met) {
+        failure = failure ? failure : std::optional<Failure>(met);
+    }
+    if (failure) {
+        throw *failure;
+    }
+    command.release();
+    local.release();
+    result.json["version"] = work.version;
+    result.json["scripts"] = Json::array();
+    for (const ScriptEnd &end : work.scripts) {
+        result.json["scripts"].push_back(to_json(end));
+    }
+    return result;
+}
+
+// A step that looks first whether it may still be done, and says that it begins.
+Step guarded(Work &work, const std::string &what, std::vector<std::string> writes,
+             const std::function<void()> &act)
+{
+    return {what, std::move(writes), [&work, what, act] {
+                stop_if_asked(work);
+                if (isatty(STDERR_FILENO) != 0) {
+                    std::cerr << "... " << what << std::endl;
+                }
+                act();
+            }};
+}
+
+// The same for one that others see: the lock must still be ours.
+Step publishing(Work &work, const std::string &what, std::vector<std::string> writes,
+                const std::function<void()> &act)
+{
+    return guarded(work, what, std::move(writes), [&work, act] {
+        work.lock->require_ours();
+        act();
+    });
+}
+
+void require_same(const std::string &slot, const std::string &path)
+{
+    if (read_slot(slot) != read_whole_file(path)) {
+        throw Failure(Exit::platform, "slot-differs",
+                      "Slot " + slot + " does not hold what was written to it.",
+                      "Check the disk of the system backup area, then run the command again.");
+    }
+}
+
+// ------------------------------------------------------------------------------------------- save
+
+void set_version(int area, int controller, int version)
+{
+    if (kestal_set_version(area, controller, version) != KESTA_OK) {
+        fail_call("version-failed", "The versions were not recorded in every place.",
+                  "The archives are whole. Look at --trace 1, then run the command again.");
+    }
+}
+
+void record_versions(int version)
+{
+    const int own = learn_own_number();
+    set_version(KESTA_VER_AREA_BACKUP, own, version);
+    set_version(KESTA_VER_AREA_CURRENT, own, version);
+    if (kestal_set_flash_version_file(version, KESTA_FLASH_VERSION) != KESTA_OK) {
+        fail_call("version-failed", "The version was not written to flash.",
+                  "Look at --trace 1, and at the space of /etc, then run the command again.");
+    }
+}
+
+void store_in_slot(const std::string &slot)
+{
+    if (kestal_cntbackup2backup() != KESTA_OK) {
+        fail_call("slot-failed", "The archive was not stored in slot " + slot + ".",
+                  "It is on flash. Look at --trace 1 and at the system backup area, then run the "
+                  "command again.");
+    }
+    require_same(slot, flash_backup);
+}
+
+// The library goes on without the system backup area where it misses an item there, and the new versions
+// would be kept in NV memory only.
+void complete_mirror()
+{
+    std::string failed;
+    if (add_missing_items(read_mirror(), failed) != KESTA_OK) {
+        fail_call("mirror-failed", "The item " + failed + " could not be added to the system backup area.",
+                  "Check its disk: look at --trace 1 and at 'kestactl nv verify'.");
+    }
+}
+
+// The slots must be the same in both places. Versions need not: they are written anew, and a command that
+// was cut short may have written one of them to one place only.
+void add_mirror_step(Plan &plan, Work &work)
+{
+    const MirrorState mirror = read_mirror();
+    const bool same_slots = !mirror.items[0].differs() && !mirror.items[1].differs();
+    if (!mirror.valid(Side::memory) || !same_slots) {
+        throw Failure(Exit::no, "places-differ",
+                      "NV memory and the system backup area do not name the same slots.",
+                      "Nothing was changed. Look at 'kestactl nv verify', and mend it with 'kestactl "
+                      "repair'.");
+    }
+    const bool lacks = std::any_of(mirror.items.begin(), mirror.items.end(),
+                                   [](const MirroredItem &item) { return !item.disk; });
+    if (lacks) {
+        plan.steps.push_back(
+            publishing(work, "add what the system backup area lacks of the mirrored items",
+                       {"system backup area: the missing ones of its twelve items"},
+                       complete_mirror));
+    }
+}
+
+Plan plan_save(const SaveOptions &options, Work &work)
+{
+    require_writable();
+    learn_own_number();
+    const std::string slot = require_slot(backup_slot(), "backup");
+    auto definition = std::shared_ptr<KESTA_BACKUP_FILE>(read_definition(options.group).release());
+    const std::vector<Script> scripts = scripts_of(options.group, "backup", "pre-script");
+    const ArchiveContents contents = collect(*definition);
+    Plan plan;
+    plan.json = {{"group", options.group}, {"slot", slot}, {"files", contents.files}};
+    add_mirror_step(plan, work);
+    for (const Script &script : scripts) {
+        plan.steps.push_back(guarded(work, "run " + script.command, {"whatever the script writes"},
+                                     [script, &options, &work] {
+                                         run_one(script, options.scripts, work);
+                                     }));
+    }
+    // After the scripts: they may have made the files.
+    plan.steps.push_back(guarded(
+        work, "archive " + std::to_string(contents.files.size()) + " files, and test the archive",
+        {unfinished_archive},
+        [definition] { make_archive(collect(*definition), unfinished_archive); }));
+    plan.steps.push_back(publishing(work, "hand out the next version", {"version area numbering"},
+                                    [&work] { work.version = hand_out_version(learn_own_number()); }));
+    plan.steps.push_back(publishing(work, "put the archive to flash", {flash_backup},
+                                    [] { publish_file(unfinished_archive, flash_backup); }));
+    plan.steps.push_back(publishing(work, "store it in slot " + slot + ", and read it back",
+                                    {"system backup area: " + slot},
+                                    [slot] { store_in_slot(slot); }));
+    plan.steps.push_back(publishing(work, "record the version",
+                                    {"version areas backup and current", "/etc/kesta_sys/version"},
+                                    [&work] { record_versions(work.version); }));
+    for (const Script &script : scripts_of(options.group, "backup", "post-script")) {
+        plan.steps.push_back({"run " + script.command, {"whatever the script writes"}, [] {}});
+    }
+    return plan;
+}
+
+// They undo what the scripts before did: they are run also after a failure.
+void run_post_scripts(const SaveOptions &options, Work &work)
+{
+    std::optional<Failure> failure;
+    for (const Script &script : scripts_of(options.group, "backup", "post-script")) {
+        try {
+            run_one(script, options.scripts, work);
+        } catch (const Failure &met) {
+            failure = failure ? failure : std::optional<Failure>(met);
+        }
+    }
+    if (failure) {
+        throw *failure;
+    }
+}
+
+Result save(const SaveOptions &options, const Globals &globals)
+{
+    (void)read_definition(options.group);  // before any lock is taken
+    Result result = carry_out_locked(
+        {KESTA_LOCK_TYPE1, options.group, options.wait},
+        [&options](Work &work) { return plan_save(options, work); },
+        [&options](Work &work) { run_post_scripts(options, work); }, globals);
+    if (!globals.dry_run) {
+        result.text += "Saved " + options.group + " as version " +
+                       result.json["version"].dump() + ".\n";
+    }
+    return result;
+}
+
+// ----------------------------------------------------------------------------------------- accept
+
+void require_whole_archive(const std::string &path)
+{
+    require_file(path, "Save the environment first: kestactl save GROUP.");
+    if (!is_whole_archive(path)) {
+        throw Failure(Exit::no, "damaged-archive", path + " is damaged: it is not accepted.",
+                      "Save the environment again, or bring a good copy to flash with 'kestactl "
+                      "restore GROUP --switch-only'.");
+    }
+}
+
+void store_as_accepted(const std::string &slot)
+{
+    std::array<char, KESTA_AREA_NAME_SIZE> name{};
+    slot.copy(name.data(), name.size() - 1);
+    if (kestal_merge_file2accept(name.data()) != KESTA_OK) {
+        fail_call("slot-failed", "The archive was not stored in slot " + slot + ".",
+                  "The accepted environment on flash is as it was. Look at --trace 1, then run the "
+                  "command again.");
+    }
+    require_same(slot, merge_backup);
+}
+
+void accept_version(Work &work)
+{
+    const int own = learn_own_number();
+    work.version = kestal_read_version(KESTA_VER_AREA_BACKUP, own, KESTA_VERSION_BY_MODE);
+    if (work.version < 0) {
+        fail_call("version-failed", "The backup's version can't be read.", "Look at --trace 1.");
+    }
+    set_version(KESTA_VER_AREA_ACCEPT, own, work.version);
+}
+
+Plan plan_accept(Work &work)
+{
+    require_writable();
+    learn_own_number();
+    const std::string slot = require_slot(accept_slot(), "accept");
+    require_whole_archive(flash_backup);
+    Plan plan;
+    plan.json = {{"slot", slot}};
+    plan.steps.push_back(guarded(work, "bring the saved environment to the merge cache",
+                                 {merge_backup},
+                                 [] { copy_file_whole(flash_backup, merge_backup); }));
+    plan.steps.push_back(publishing(work, "store it in slot " + slot + ", and read it back",
+                                    {"system backup area: " + slot},
+                                    [slot] { store_as_accepted(slot); }));
+    plan.steps.push_back(publishing(work, "put it to flash as the accepted one", {flash_accept},
+                                    [] { copy_file_whole(merge_backup, flash_accept); }));
+    plan.steps.push_back(publishing(work, "record the version", {"version area accept"},
+                                    [&work] { accept_version(work); }));
+    return plan;
+}
+
+Result accept(const SaveOptions &options, const Globals &globals)
+{
+    Result result = carry_out_locked({KESTA_LOCK_TYPE1, "", options.wait}, plan_accept,
+                                     [](Work &) {}, globals);
+    if (!globals.dry_run) {
+        result.text += "Accepted version " + result.json["version"].dump() + ".\n";
+    }
+    return result;
+}
+
+void add_wait(CLI::App &command, int &wait)
+{
+    command.add_option("--wait", wait, "Seconds to wait for the command lock")
+        ->check(CLI::NonNegativeNumber);
+}
+
+}  // namespace
+
+void add_save(CLI::App &app, Globals &globals, Action &action)
+{
+    auto options = std::make_shared<SaveOptions>();
+    CLI::App *command = app.add_subcommand(
+        "save", "Save a group's files: archive, version, flash copy and backup slot");
+    command->add_option("GROUP", options->group, "Group name")->required();
+    add_wait(*command, options->wait);
+    command->add_option("--event", options->scripts.event, "KESTA_EVENT of the scripts");
+    command->add_option("--platform-status", options->scripts.platform_status,
+                        "KESTA_VRBGETSTAT of the scripts");
+    command->add_option("--script-timeout", options->scripts.timeout,
+                        "Seconds after which a script is stopped (600)")
+        ->check(CLI::PositiveNumber);
+    add_dry_run(*command, globals);
+    command->callback([&action, options] {
+        action = [options](const Globals &given) { return save(*options, given); };
+    });
+    add_examples(*command, "  kestactl save network --dry-run\n"
+                           "  kestactl save network --wait 60 --event nightly");
+}
+
+void add_accept(CLI::App &app, Globals &globals, Action &action)
+{
+    auto options = std::make_shared<SaveOptions>();
+    CLI::App *command =
+        app.add_subcommand("accept", "Make the saved environment on flash the accepted one");
+    add_wait(*command, options->wait);
+    add_dry_run(*command, globals);
+    command->callback([&action, options] {
+        action = [options](const Globals &given) { return accept(*options, given); };
+    });
+    add_examples(*command, "  kestactl accept --dry-run\n"
+                           "  kestactl accept");
+}
+
+}  // namespace kestactl

@@ -1,0 +1,256 @@
+#include "environment_archive.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "failure.h"
+
+extern char **environ;
+
+namespace kestactl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char *tar = "/usr/sbin/tar";
+constexpr const char *files_may_be_gone = "addremove";
+
+class Fd {
+public:
+    explicit Fd(int fd) : fd_(fd) {}
+    ~Fd()
+    {
+        if (fd_ >= 0) {
+            (void)close(fd_);  // where it counts, it has been closed before
+        }
+    }
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+    int get() const { return fd_; }
+    int close_now()
+    {
+        const int fd = fd_;
+        fd_ = -1;
+        return close(fd);
+    }
+
+private:
+    int fd_;
+};
+
+[[noreturn]] void fail_file(const std::string &path, const std::string &what)
+{
+    const int error = errno;
+    throw Failure(Exit::platform, "file-failed",
+                  path + " could not be " + what + ": " + strerror(error) + ".",
+                  "Check the folder and its space, then run the command again.");
+}
+
+void add_parents(ArchiveContents &contents, const fs::path &relative)
+{
+    fs::path parent;
+    for (const fs::path &part : relative.parent_path()) {
+        parent /= part;
+        const std::string name = parent.string();
+        if (std::find(contents.parents.begin(), contents.parents.end(), name) ==
+            contents.parents.end()) {
+            contents.parents.push_back(name);
+        }
+    }
+}
+
+void check_path(const fs::path &path)
+{
+    const bool plain = path.is_absolute() && path.lexically_normal() == path &&
+                       path.has_relative_path() && path.has_filename();
+    if (!plain) {
+        throw Failure(Exit::no, "bad-path",
+                      "The definition names '" + path.string() + "', which can't be archived.",
+                      "Paths are absolute, without '..', '.' or a slash at the end: mend the "
+                      "definition, 'kestactl group check' shows the line.");
+    }
+}
+
+enum class Output { shown, dropped };
+
+// Runs a program with a list of names on its standard input. Whether it ended well.
+bool run(std::vector<std::string> words, const std::vector<std::string> &names, Output output)
+{
+    const Fd list(memfd_create("names", MFD_CLOEXEC));
+    std::string text;
+    for (const std::string &name : names) {
+        text += name + '\0';
+    }
+    if (list.get() < 0 ||
+        write(list.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+        lseek(list.get(), 0, SEEK_SET) != 0) {
+        fail_file("A list of names", "made");
+    }
+    std::vector<char *> arguments;
+    for (std::string &word : words) {
+        arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, list.get(), STDIN_FILENO);
+    if (output == Output::shown) {
+        posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
+    } else {
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    }
+    pid_t child = -1;
+    const int error =
+        posix_spawnp(&child, arguments[0], &actions, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) {
+        throw Failure(Exit::platform, "not-started",
+                      words[0] + " can't be run: " + strerror(error) + ".", "Is it installed?");
+    }
+    int status = -1;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status == 0;
+}
+
+void flush(const std::string &path, int flags)
+{
+    Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | flags));
+    if (file.get() < 0 || fsync(file.get()) != 0) {
+        fail_file(path, "flushed to the disk");
+    }
+}
+
+void remove_quietly(const std::string &path)
+{
+    (void)unlink(path.c_str());  // best effort: what matters is told
+}
+
+}  // namespace
+
+ArchiveContents collect(const KESTA_BACKUP_FILE &definition)
+{
+    const bool may_be_gone = strcmp(definition.operation, files_may_be_gone) == 0;
+    ArchiveContents contents;
+    for (const KESTA_BACKUP_FILE_PATH &file : definition.setfile) {
+        if (file.pathname[0] == '\0') {
+            break;
+        }
+        const fs::path path = file.pathname;
+        check_path(path);
+        struct stat status;
+        if (lstat(path.c_str(), &status) != 0) {
+            if (errno == ENOENT && may_be_gone) {
+                continue;
+            }
+            throw Failure(Exit::no, "file-missing",
+                          "There is no " + path.string() + ": " + strerror(errno) + ".",
+                          "The group names it: put it back, or take it out of the definition. Only in "
+                          "a group with operation=\"addremove\" may files be gone.");
+        }
+        add_parents(contents, path.relative_path());
+        contents.files.push_back(path.relative_path().string());
+    }
+    if (contents.files.empty()) {
+        throw Failure(Exit::no, "no-files", "The group has no files to save.",
+                      "See 'kestactl group show'.");
+    }
+    return contents;
+}
+
+void make_archive(const ArchiveContents &contents, const std::string &path)
+{
+    // Parents first, without what is in them.
+    std::vector<std::string> words{tar, "-C", "/", "-cjf", path, "--no-recursion"};
+    for (const std::string &parent : contents.parents) {
+        words.push_back("--add-file=" + parent);
+    }
+    words.emplace_back("--recursion");
+    for (const std::string &file : contents.files) {
+        words.push_back("--add-file=" + file);
+    }
+    if (!run(words, {}, Output::shown)) {
+        remove_quietly(path);
+        throw Failure(Exit::platform, "archive-failed", "The archive could not be made.",
+                      "What tar said stands above; check the space of " +
+                          fs::path(path).parent_path().string() + ".");
+    }
+    if (!is_whole_archive(path) ||
+        !run({tar, "-C", "/", "--null", "-T", "-", "-djf", path}, contents.files, Output::shown)) {
+        remove_quietly(path);
+        throw Failure(Exit::platform, "archive-differs",
+                      "The archive does not hold what the files hold: it was thrown away.",
+                      "A file was changed while it was saved, or the disk fails: run the command "
+                      "again.");
+    }
+    flush(path, 0);
+}
+
+bool is_whole_archive(const std::string &path)
+{
+    return run({"/usr/bin/bunzip2", "-tq", path}, {}, Output::dropped) &&
+           run({tar, "-tjf", path}, {}, Output::dropped);
+}
+
+void publish_file(const std::string &finished, const std::string &path)
+{
+    if (chmod(finished.c_str(), 0644) != 0 || rename(finished.c_str(), path.c_str()) != 0) {
+        fail_file(path, "replaced");
+    }
+    flush(fs::path(path).parent_path().string(), O_DIRECTORY);
+}
+
+void copy_file_whole(const std::string &from, const std::string &to)
+{
+    const std::string aside = to + ".new";
+    std::error_code error;
+    fs::copy_file(from, aside, fs::copy_options::overwrite_existing, error);
+    if (error) {
+        remove_quietly(aside);
+        errno = error.value();
+        fail_file(from, "copied to " + to);
+    }
+    flush(aside, 0);
+    publish_file(aside, to);
+}
+
+std::string read_whole_file(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::string bytes{std::istreambuf_iterator<char>(file), {}};
+    if (!file.eof() && file.fail()) {
+        fail_file(path, "read");
+    }
+    return bytes;
+}
+
+std::string read_slot(const std::string &slot)
+{
+    void *data = nullptr;
+    unsigned size = 0;
+    const int result = kestal_backup_rw(slot.c_str(), KESTA_FILE_READ, &data, &size);
+    std::string bytes;
+    if (result == KESTA_OK) {
+        bytes.assign(static_cast<const char *>(data), size);
+    }
+    kestal_free_debug(data, __FILE__, __LINE__, 0);
+    if (result != KESTA_OK) {
+        throw Failure(Exit::platform, "slot-unreadable", "Slot " + slot + " can't be read.",
+                      "Check the system backup area; --trace 1 shows the failed call.");
+    }
+    return bytes;
+}
+
+}  // namespace kestactl

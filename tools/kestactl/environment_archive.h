@@ -1,0 +1,40 @@
+// The archive of a group's files: made from the running system, and tested before anything points at it.
+#pragma once
+
+#include <kesta/kesta.h>
+
+#include <string>
+#include <vector>
+
+namespace kestactl {
+
+// What goes into an archive, relative to the root.
+struct ArchiveContents {
+    std::vector<std::string> parents;  // folders that lead to the files, for their owners and modes
+    std::vector<std::string> files;    // files, links and whole folders with what is in them
+};
+
+// Collects the files of a definition. Throws Failure: a file is missing (where the group's operation
+// does not allow that), or its path can't be archived.
+ArchiveContents collect(const KESTA_BACKUP_FILE &definition);
+
+// Makes the archive, and holds every file in it against the system again. The file is on the disk then.
+// Throws Failure; no half archive stays behind.
+void make_archive(const ArchiveContents &contents, const std::string &path);
+
+// Whether an archive can be unpacked to its end.
+bool is_whole_archive(const std::string &path);
+
+// Puts a copy of a file in the place of another one: it is written aside, flushed, and renamed. Throws
+// Failure.
+void copy_file_whole(const std::string &from, const std::string &to);
+
+// Puts a finished file in the place of another one, and makes that last. Throws Failure.
+void publish_file(const std::string &finished, const std::string &path);
+
+std::string read_whole_file(const std::string &path);
+
+// What a slot of the system backup area holds. Throws Failure if it can't be read.
+std::string read_slot(const std::string &slot);
+
+}  // namespace kestactl
