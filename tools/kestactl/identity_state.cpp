@@ -77,6 +77,9 @@ std::vector<char> block_bytes(const char *name, From from)
 std::string block_text(const char *name, From from)
 {
     const std::vector<char> bytes = block_bytes(name, from);
+    if (bytes.empty()) {
+        return "";
+    }
     return {bytes.data(), strnlen(bytes.data(), std::min<std::size_t>(bytes.size(), 16))};
 }
 
