@@ -7,7 +7,17 @@ install(TARGETS kesta kesta_static ${KESTA_PLATFORM_LIBRARIES}
     EXPORT kesta-targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(TARGETS kestactl kesta-lab cpinfo RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS kestactl kesta-lab cpinfo kesta-platform-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# What shells complete, made by the program itself.
+install(CODE "
+    foreach(shell bash zsh)
+        execute_process(COMMAND \"${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/kestactl\" completion \${shell}
+            OUTPUT_FILE \"${PROJECT_BINARY_DIR}/kestactl.\${shell}\" COMMAND_ERROR_IS_FATAL ANY)
+    endforeach()")
+install(FILES ${PROJECT_BINARY_DIR}/kestactl.bash
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kestactl)
+install(FILES ${PROJECT_BINARY_DIR}/kestactl.zsh
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions RENAME _kestactl)
 # Programs that the library's command lines call, and nobody by hand.
 set(KESTA_PROGRAMDIR ${CMAKE_INSTALL_LIBEXECDIR}/kesta)
 install(TARGETS eeprom env_vpdctl RUNTIME DESTINATION ${KESTA_PROGRAMDIR})
@@ -22,7 +32,7 @@ install(FILES share/define.rng DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta)
 install(DIRECTORY share/example DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta)
 install(FILES docs/platform.conf DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES docs/man/kestactl.1 docs/man/kesta-lab.1 docs/man/cpinfo.1
-    docs/man/eeprom.1 docs/man/env_vpdctl.1
+    docs/man/eeprom.1 docs/man/env_vpdctl.1 docs/man/kesta-platform-check.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 # The command lines name these paths; the system lacks them.

@@ -57,7 +57,8 @@ constexpr std::array<const char *, 12> product_folders{
 constexpr std::array<const char *, 7> secrets{"shadow",   "shadow-",     "gshadow", "gshadow-",
                                               "sudoers.d", "ssl/private", "ssh"};
 
-constexpr std::array<const char *, 3> programs{"kestactl", "kesta-lab", "cpinfo"};
+constexpr std::array<const char *, 4> programs{"kestactl", "kesta-lab", "cpinfo",
+                                               "kesta-platform-check"};
 
 // What every controller finds at /usr/sbin, and at /opt/kesta_sys/sbin.
 constexpr std::array<const char *, 2> sbin_programs{"cpinfo", "eeprom"};

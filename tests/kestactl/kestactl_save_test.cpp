@@ -236,3 +236,81 @@ TEST_F(KestactlSave, KilledAtAnyTransferItIsWholeAndCanBeCompleted)
         }
     }
 }
+
+// --------------------------------------------------------------------------- all places at once
+
+class KestactlVerify : public KestactlSave {
+protected:
+    KestactlVerify()
+    {
+        EXPECT_EQ(ctl(0, "save network").code, 0);
+        EXPECT_EQ(ctl(0, "accept").code, 0);
+    }
+    // The checks that are not good, by name.
+    std::map<std::string, json> bad() const
+    {
+        const Ran run = ctl(0, "--json verify");
+        std::map<std::string, json> found;
+        const json answer = run.json();
+        for (const json &check : answer.at("result").at("checks")) {
+            if (!check.at("good").get<bool>()) {
+                found[check.at("what")] = check;
+            }
+        }
+        EXPECT_EQ(run.code, found.empty() ? 0 : 1);
+        return found;
+    }
+};
+
+TEST_F(KestactlVerify, SavedAndAcceptedEnvironmentAgreesEverywhere)
+{
+    const Ran verified = ctl(0, "verify");
+    EXPECT_EQ(verified.code, 0) << verified.out << verified.err;
+    EXPECT_THAT(verified.out, HasSubstr("All places agree."));
+    EXPECT_TRUE(bad().empty());
+}
+
+TEST_F(KestactlVerify, EachDisagreementHasTheCommandThatMendsIt)
+{
+    succeed("echo damaged > " + flash_backup);
+    EXPECT_THAT(bad().at("backup").at("found"), HasSubstr("damaged on flash"));
+    EXPECT_EQ(on(0, "kestactl restore network --switch-only").code, 0);
+    EXPECT_TRUE(bad().empty()) << "the command that was named has mended it";
+
+    fs::remove(dir / "shared/sysback/kesta_backup0");
+    EXPECT_EQ(bad().at("backup").at("mend"), "kestactl copy cntbackup2backup");
+    EXPECT_EQ(ctl(0, "copy cntbackup2backup").code, 0);
+    EXPECT_TRUE(bad().empty());
+
+    fs::remove(dir / "shared/sysback/kesta_backup1");
+    EXPECT_EQ(bad().at("accepted").at("mend"), "kestactl accept");
+    EXPECT_EQ(ctl(0, "accept").code, 0);
+    EXPECT_TRUE(bad().empty());
+
+    ASSERT_EQ(ctl(0, "version set flash 9").code, 0);
+    EXPECT_EQ(bad().at("versions").at("mend"), "kestactl version set flash 1");
+    ASSERT_EQ(ctl(0, "version set flash 1").code, 0);
+
+    ASSERT_EQ(ctl(0, "nv write numbering-version 5 --memory-only").code, 0);
+    EXPECT_THAT(bad().at("mirrored items").at("found"), HasSubstr("1 of 12"));
+    ASSERT_EQ(ctl(0, "repair --from disk").code, 0);
+
+    ASSERT_EQ(ctl(0, "identity set --wwn 500000E0D0000001 --in vpd").code, 0);
+    EXPECT_THAT(bad().at("identity").at("found"), HasSubstr("eeprom"));
+    ASSERT_EQ(ctl(0, "identity set --wwn 500000E0D0000001").code, 0);
+    EXPECT_TRUE(bad().empty());
+
+    ASSERT_EQ(ctl(1, "lock take").code, 0);
+    EXPECT_THAT(bad().at("command lock").at("found"), HasSubstr("CNT1"));
+    ASSERT_EQ(ctl(1, "lock release --force").code, 0);
+}
+
+TEST_F(KestactlVerify, WhatIsUnfinishedIsNamed)
+{
+    write_file(host_path(0, "etc/app/one"), "changed\n");
+    write_file(host_path(0, "opt/faults"), "nv_write 8 once kill\n");
+    EXPECT_NE(on(0, "KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl save network").code, 0);
+    const auto found = bad();
+    EXPECT_TRUE(found.count("command lock") == 1) << "its lock is left, and the command to clear it";
+    EXPECT_THAT(found.at("command lock").at("mend"), HasSubstr("kestactl lock release"));
+}

@@ -57,7 +57,7 @@ TEST_F(Kestactl, HelpAndVersion)
     EXPECT_EQ(ctl(0, "--version").code, 0);
     EXPECT_THAT(ctl(0, "--version").out, testing::MatchesRegex(".*[0-9]+\\.[0-9]+\\.[0-9]+\n"));
     for (const std::string command :
-         {"", "status", "save", "accept", "nv", "nv list", "nv read", "nv write", "nv verify",
+         {"", "status", "completion", "verify", "save", "accept", "nv", "nv list", "nv read", "nv write", "nv verify",
           "nv init", "nv clear", "nv flags", "nv sync", "nv dump", "repair", "identity",
           "identity show", "identity set", "identity carry", "identity carry vpd-to-flash",
           "identity carry vpd-to-disk", "identity carry cnt0-to-cnt1", "slot", "slot show", "slot switch",
@@ -316,4 +316,37 @@ TEST_F(Kestactl, TracesGoToStandardError)
     EXPECT_EQ(traced.out, "\n");
     EXPECT_THAT(traced.err, HasSubstr("[non_volatile_rw_memory] END block_id=21 rw_flag=2"));
     EXPECT_EQ(ctl(0, "nv read group").err, "");
+}
+
+// What bash completes behind these words, the last of which is being typed.
+TEST_F(Kestactl, ShellsCompleteCommandsOptionsAndNames)
+{
+    set_slots();
+    script(0, "x", "");
+    write_file(host_path(0, "etc/kesta_sys/network/define.xml"), "<group/>");
+    const auto completed = [this](const std::string &words) {
+        const Ran run = on(0, "cat > /tmp/try <<'END'\n. <(kestactl completion bash)\nCOMP_WORDS=(" + words +
+                                  ")\nCOMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n_kestactl\necho "
+                                  "\"${COMPREPLY[@]}\"\nEND\nbash /tmp/try");
+        EXPECT_EQ(run.code, 0) << run.err;
+        EXPECT_EQ(run.err, "");
+        return run.out;
+    };
+    EXPECT_EQ(completed("kestactl sta"), "status\n");
+    EXPECT_EQ(completed("kestactl nv re"), "read\n");
+    EXPECT_EQ(completed("kestactl nv read --fr"), "--from\n");
+    EXPECT_EQ(completed("kestactl nv read group --from m"), "memory\n");
+    EXPECT_EQ(completed("kestactl nv read accept-n"), "accept-name\n");
+    EXPECT_EQ(completed("kestactl save net"), "network\n");
+    EXPECT_EQ(completed("kestactl slot switch --backup kesta_backup1 --accept kesta_"),
+              "kesta_backup0 kesta_backup1\n");
+    EXPECT_EQ(completed("kestactl identity carry cnt0"), "cnt0-to-cnt1\n");
+    const std::string identifier = ctl(0, "lock take").out;
+    EXPECT_EQ(completed("kestactl lock release ''"),
+              "--help --dry-run --force --controller " + identifier)
+        << "what can stand there";
+    for (const std::string shell : {"bash", "zsh"}) {
+        EXPECT_EQ(ctl(0, "completion " + shell).code, 0);
+    }
+    EXPECT_EQ(ctl(0, "completion fish").code, 2);
 }

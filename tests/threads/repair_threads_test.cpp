@@ -46,12 +46,14 @@ protected:
                 hook(call);
             }
             if (pthread_equal(pthread_self(), waiting) && call == "usleep 100000") {
-                while (ended() < done) {
+                while (ended() < done || !is_set_up()) {
                     std::this_thread::yield();
                 }
             }
         };
     }
+    // What has to have happened besides.
+    virtual bool is_set_up() const { return true; }
     static int ended()
     {
         // Counted by the traces of the workers.
@@ -120,6 +122,8 @@ protected:
         rmdir("/etc/kesta_sys/version");
     }
 
+    // The one that hangs has to be where it hangs.
+    bool is_set_up() const override { return hanging; }
     static int threads_now()
     {
         int count = 0;

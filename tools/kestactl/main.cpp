@@ -141,6 +141,7 @@ int main(int argc, char **argv)
         ->check(CLI::Range(0, 5));
     add_status(app, globals, action);
     add_nv(app, globals, action);
+    add_verify(app, action);
     add_save(app, globals, action);
     add_accept(app, globals, action);
     add_slot(app, globals, action);
@@ -153,6 +154,7 @@ int main(int argc, char **argv)
     add_version(app, globals, action);
     add_lock(app, globals, action);
     add_run(app, globals, action);
+    add_completion(app, action);
     add_examples(app, "  kestactl status --archives\n"
                       "  kestactl slot switch --dry-run\n"
                       "  kestactl copy cntbackup2backup\n"

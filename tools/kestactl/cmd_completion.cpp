@@ -1,0 +1,174 @@
+// kestactl completion: what a shell completes, made from the table of commands and options itself.
+#include <algorithm>
+#include <map>
+#include <memory>
+
+#include "command.h"
+
+namespace kestactl {
+namespace {
+
+// What a shell has to ask for when it completes: by the name of a positional or the text of an option.
+const std::map<std::string, std::string> asked{
+    {"GROUP", "groups"},          {"FILE|GROUP", "groups"}, {"BLOCK", "blocks"},
+    {"IDENTIFIER", "identifiers"}, {"CONTROLLER", "controllers"}, {"AREA", "areas"}};
+const std::map<std::string, std::string> asked_by_option{
+    {"--backup", "slots"},        {"--accept", "slots"},       {"--group", "groups"},
+    {"--controller", "controllers"}, {"--out", "files"}};
+
+// How it asks: shell functions, each printing words.
+constexpr const char *questions = R"(_kestactl_groups()
+{
+    local file
+    for file in /etc/kesta_sys/*/define.xml; do
+        [ -e "$file" ] && file=${file%/define.xml} && echo "${file##*/}"
+    done
+}
+_kestactl_slots() { echo kesta_backup0 kesta_backup1; }
+_kestactl_controllers() { echo CNT0 CNT1 CNT2 CNT3; }
+_kestactl_blocks() { kestactl nv list 2> /dev/null | while read -r _ name _; do echo "$name"; done; }
+_kestactl_areas()
+{
+    kestactl version show 2> /dev/null | while read -r name _; do echo "${name%-cnt[0-3]}"; done
+}
+_kestactl_identifiers()
+{
+    kestactl lock check 2> /dev/null | sed -n 's/.*identifier \([0-9]*\).*/\1/p'
+}
+)";
+
+// A command below the program's own: its words, as " nv read".
+using Visit = std::function<void(const CLI::App &command, const std::string &path)>;
+
+void visit_all(const CLI::App &command, const std::string &path, const Visit &visit)
+{
+    visit(command, path);
+    for (const CLI::App *inner : command.get_subcommands([](const CLI::App *) { return true; })) {
+        visit_all(*inner, path + " " + inner->get_name(), visit);
+    }
+}
+
+std::vector<std::string> option_names(const CLI::App &command)
+{
+    std::vector<std::string> names;
+    for (const CLI::Option *option : command.get_options()) {
+        for (const std::string &name : option->get_lnames()) {
+            names.push_back("--" + name);
+        }
+    }
+    return names;
+}
+
+// What stands in a command's place: its commands and options, and what is asked for its positionals.
+std::string words_of(const CLI::App &command, std::string &ask)
+{
+    std::vector<std::string> words;
+    for (const CLI::App *inner : command.get_subcommands([](const CLI::App *) { return true; })) {
+        words.push_back(inner->get_name());
+    }
+    const std::vector<std::string> options = option_names(command);
+    words.insert(words.end(), options.begin(), options.end());
+    for (const CLI::Option *option : command.get_options()) {
+        const auto found = asked.find(option->get_name());
+        if (option->get_positional() && found != asked.end()) {
+            ask = found->second;
+        }
+    }
+    return joined(words);
+}
+
+// The values that an option tells itself, "a|b|c"; or what is asked for it.
+std::string values_of(const CLI::Option &option, std::string &ask)
+{
+    for (const std::string &name : option.get_lnames()) {
+        if (const auto found = asked_by_option.find("--" + name); found != asked_by_option.end()) {
+            ask = found->second;
+        }
+    }
+    std::string text = option.get_option_text();
+    if (text.find('|') == std::string::npos) {
+        return "";
+    }
+    std::replace(text.begin(), text.end(), '|', ' ');
+    return text;
+}
+
+std::string quoted(const std::string &text) { return "'" + text + "'"; }
+
+std::string assignment(const std::string &words, const std::string &ask)
+{
+    return "words=" + quoted(words) + (ask.empty() ? "" : "; ask=" + ask) + " ;;\n";
+}
+
+std::string bash_script(const CLI::App &app)
+{
+    std::string paths;
+    std::string values;
+    std::string words;
+    visit_all(app, "", [&](const CLI::App &command, const std::string &path) {
+        if (!path.empty()) {
+            paths += "            " + quoted(path) + ") path=" + quoted(path) + " ;;\n";
+        }
+        for (const CLI::Option *option : command.get_options()) {
+            std::string ask;
+            const std::string known = values_of(*option, ask);
+            for (const std::string &name : option->get_lnames()) {
+                if (!known.empty() || !ask.empty()) {
+                    values += "        " + quoted(path + " --" + name) + ") " + assignment(known, ask);
+                }
+            }
+        }
+        std::string ask;
+        const std::string all = words_of(command, ask);
+        words += "        " + quoted(path) + ") " + assignment(all, ask);
+    });
+    return std::string(questions) +
+           "_kestactl()\n{\n"
+           "    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}\n"
+           "    local path='' words='' ask='' i\n"
+           "    for ((i = 1; i < COMP_CWORD; ++i)); do\n"
+           "        case \"$path ${COMP_WORDS[i]}\" in\n" +
+           paths +
+           "        esac\n    done\n"
+           "    case \"$path $previous\" in\n" +
+           values +
+           "    esac\n"
+           "    if [ -z \"$words$ask\" ]; then\n        case \"$path\" in\n" +
+           words +
+           "        esac\n    fi\n"
+           "    if [ \"$ask\" = files ]; then\n"
+           "        COMPREPLY=($(compgen -f -- \"$current\"))\n        return\n    fi\n"
+           "    [ -z \"$ask\" ] || words+=\" $(_kestactl_$ask)\"\n"
+           "    COMPREPLY=($(compgen -W \"$words\" -- \"$current\"))\n"
+           "}\n"
+           "complete -F _kestactl kestactl\n";
+}
+
+Result completion(const CLI::App &app, const std::string &shell)
+{
+    Result result;
+    if (shell == "zsh") {
+        result.text = "#compdef kestactl\nautoload -U +X bashcompinit && bashcompinit\n";
+    }
+    result.text += bash_script(app);
+    result.json = {{"shell", shell}, {"script", result.text}};
+    return result;
+}
+
+}  // namespace
+
+void add_completion(CLI::App &app, Action &action)
+{
+    auto shell = std::make_shared<std::string>();
+    CLI::App *command = app.add_subcommand("completion", "Print what lets a shell complete kestactl");
+    command->add_option("SHELL", *shell, "bash or zsh")
+        ->required()
+        ->check(CLI::IsMember({"bash", "zsh"}));
+    command->callback([&app, &action, shell] {
+        action = [&app, shell](const Globals &) { return completion(app, *shell); };
+    });
+    add_examples(*command, "  . <(kestactl completion bash)\n"
+                           "  kestactl completion zsh > ~/.zfunc/_kestactl");
+}
+
+}  // namespace kestactl

@@ -1,0 +1,252 @@
+// kestactl verify: the storage places of this controller and the shared ones held against each other.
+#include <kesta/kesta.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <optional>
+
+#include "appliance_state.h"
+#include "command.h"
+#include "environment_archive.h"
+#include "identity_state.h"
+#include "lock_state.h"
+#include "mirror.h"
+#include "names.h"
+
+namespace kestactl {
+namespace {
+
+constexpr const char *flash_backup = "/opt/kesta_sys/bakup/backup.tar.Z";
+constexpr const char *flash_accept = "/opt/kesta_sys/bakup/accept.tar.Z";
+
+// Files that are there only while a command works on them, and what completes it.
+struct Leftover {
+    const char *path;
+    const char *mend;
+};
+constexpr std::array<Leftover, 3> leftovers{{
+    {"/opt/kesta_sys/bakup/.save.tar.Z", "run 'kestactl save GROUP' again"},
+    {"/opt/kesta_sys/bakup/accept.tar.Z.new", "run 'kestactl accept' again"},
+    {"/opt/kesta_sys/bakup/tmp.tar.Z", "run 'kestactl copy backup2copy GROUP' again"},
+}};
+
+// One thing that was looked at. No mend: it is in order.
+struct Check {
+    std::string what;
+    std::string found;
+    std::string mend;
+};
+
+using Checks = std::vector<Check>;
+
+bool exists(const std::string &path)
+{
+    struct stat status;
+    return stat(path.c_str(), &status) == 0;
+}
+
+void check_slots(Checks &checks, const MirrorState &mirror)
+{
+    const bool agree = !mirror.items[0].differs() && !mirror.items[1].differs();
+    const std::string backup = backup_slot();
+    const std::string accept = accept_slot();
+    if (agree && mirror.valid(Side::memory) && backup != accept) {
+        checks.push_back({"slot names", "backup " + backup + ", accept " + accept, ""});
+        return;
+    }
+    checks.push_back({"slot names",
+                      agree ? "they are not two different slots" : "NV memory and disk differ",
+                      agree ? "kestactl slot switch --backup " KESTA_SLOT0 " --accept " KESTA_SLOT1
+                            : "look at 'kestactl nv verify', then kestactl repair"});
+}
+
+void check_mirror(Checks &checks, const MirrorState &mirror)
+{
+    const auto differing = std::count_if(mirror.items.begin(), mirror.items.end(),
+                                         [](const MirroredItem &item) { return item.differs(); });
+    checks.push_back({"mirrored items",
+                      differing == 0 ? "NV memory and disk agree"
+                                     : std::to_string(differing) + " of 12 differ between NV memory "
+                                                                   "and disk",
+                      differing == 0 ? "" : "look at 'kestactl nv verify', then kestactl repair"});
+}
+
+// ----------------------------------------------------------------------------------- the archives
+
+// A place's archive: nothing if it has none, or can't be read.
+std::optional<std::string> slot_contents(const std::string &slot)
+{
+    try {
+        return read_slot(slot);
+    } catch (const Failure &) {
+        return std::nullopt;
+    }
+}
+
+struct ArchivePair {
+    const char *what;
+    const char *flash;
+    std::string slot;
+    bool flash_is_right;  // where the two differ
+    const char *to_slot;  // the commands that mend it
+    const char *to_flash;
+};
+
+void check_archive(Checks &checks, const ArchivePair &pair)
+{
+    const bool on_flash = exists(pair.flash);
+    const std::optional<std::string> in_slot =
+        is_slot(pair.slot) ? slot_contents(pair.slot) : std::nullopt;
+    Check check{pair.what, "", ""};
+    if (!on_flash && !in_slot) {
+        check.found = "none, neither on flash nor in its slot";
+    } else if (on_flash && !is_whole_archive(pair.flash)) {
+        check.found = "damaged on flash";
+        check.mend = in_slot ? pair.to_flash : "kestactl save GROUP";
+    } else if (!in_slot) {
+        check.found = "on flash, and not in slot " + pair.slot;
+        check.mend = pair.to_slot;
+    } else if (!on_flash) {
+        check.found = "in slot " + pair.slot + ", and not on flash";
+        check.mend = pair.to_flash;
+    } else if (read_whole_file(pair.flash) != *in_slot) {
+        check.found = "flash and slot " + pair.slot + " differ; right is " +
+                      (pair.flash_is_right ? "flash" : "the slot");
+        check.mend = pair.flash_is_right ? pair.to_slot : pair.to_flash;
+    } else {
+        check.found = "the same on flash and in slot " + pair.slot;
+    }
+    checks.push_back(check);
+}
+
+// ----------------------------------------------------------------------------------- the versions
+
+struct Versions {
+    int backup;
+    int current;
+    int flash = -1;
+};
+
+Versions read_versions(int own)
+{
+    Versions versions{};
+    versions.backup = kestal_read_version_nolock(KESTA_VER_AREA_BACKUP, own, KESTA_VERSION_BY_MODE);
+    versions.current = kestal_read_version_nolock(KESTA_VER_AREA_CURRENT, own, KESTA_VERSION_BY_MODE);
+    (void)kestal_read_flash_version_file(&versions.flash, KESTA_FLASH_VERSION);  // then it stays -1
+    return versions;
+}
+
+void check_versions(Checks &checks, const Versions &versions)
+{
+    const auto shown = [](int version) {
+        return version < 0 ? std::string("none") : std::to_string(version);
+    };
+    const std::string found = "this controller " + shown(versions.current) + ", its flash " +
+                              shown(versions.flash) + ", the backup " + shown(versions.backup);
+    const bool never = versions.flash < 0 && versions.current <= 0;
+    std::string mend;
+    if (!never && versions.flash != versions.current) {
+        mend = "kestactl version set flash " + shown(versions.current);
+    } else if (versions.current != versions.backup) {
+        mend = "kestactl restore GROUP, or kestactl save GROUP if this controller is right";
+    }
+    checks.push_back({"versions", found, mend});
+}
+
+// ----------------------------------------------------------------------------- what else there is
+
+void check_identity(Checks &checks)
+{
+    const Identity board = read_identity(Place::vpd);
+    std::string differing;
+    for (const PlaceName &place : identity_places) {
+        const Identity other = read_identity(place.place);
+        const auto differs = [](const std::optional<std::string> &a,
+                                const std::optional<std::string> &b) { return a && b && *a != *b; };
+        if (differs(other.wwn, board.wwn) || differs(other.serialno, board.serialno) ||
+            differs(other.guid, board.guid)) {
+            differing += (differing.empty() ? "" : ", ") + std::string(place.title);
+        }
+    }
+    checks.push_back({"identity",
+                      differing.empty() ? "all places agree"
+                                        : "other than the board's: " + differing,
+                      differing.empty() ? "" : "look at 'kestactl identity show', then carry it"});
+}
+
+void check_unfinished(Checks &checks)
+{
+    for (const Leftover &leftover : leftovers) {
+        if (exists(leftover.path)) {
+            checks.push_back({"unfinished", std::string(leftover.path) + " was left behind",
+                              leftover.mend});
+        }
+    }
+    if (const std::string holders = inner_lock_text(); !holders.empty()) {
+        checks.push_back({"inner lock", "held by " + holders,
+                          "nothing to do: the next command waits for it, and clears a dead one after 30 "
+                          "seconds"});
+    }
+    for (const CommandLock &lock : read_lock_state().held) {
+        checks.push_back({"command lock", "held by CNT" + std::to_string(lock.controller),
+                          "wait for it, or clear it if its holder is dead: " +
+                              clearing_command(lock)});
+    }
+}
+
+void add_row(Result &result, const Check &check)
+{
+    char start[64];
+    snprintf(start, sizeof(start), "%-2s  %-16s ", check.mend.empty() ? "" : "!!", check.what.c_str());
+    result.text += start + check.found + "\n";
+    if (!check.mend.empty()) {
+        result.text += "      mend it: " + check.mend + "\n";
+        result.exit = Exit::no;
+    }
+    result.json["checks"].push_back({{"what", check.what},
+                                     {"good", check.mend.empty()},
+                                     {"found", check.found},
+                                     {"mend", check.mend.empty() ? Json(nullptr) : Json(check.mend)}});
+}
+
+Result verify()
+{
+    const int own = learn_own_number();
+    const MirrorState mirror = read_mirror();
+    const Versions versions = read_versions(own);
+    const bool saved_here = versions.flash == versions.backup;
+    Checks checks;
+    check_slots(checks, mirror);
+    check_mirror(checks, mirror);
+    check_archive(checks, {"backup", flash_backup, backup_slot(), saved_here,
+                           "kestactl copy cntbackup2backup",
+                           "kestactl restore GROUP --switch-only"});
+    check_archive(checks, {"accepted", flash_accept, accept_slot(), false, "kestactl accept",
+                           "kestactl copy backup2tmp --accept --check, and copy its check.tar.Z to "
+                           "/opt/kesta_sys/bakup/accept.tar.Z"});
+    check_versions(checks, versions);
+    check_identity(checks);
+    check_unfinished(checks);
+    Result result;
+    result.json = {{"controller", own}, {"checks", Json::array()}};
+    for (const Check &check : checks) {
+        add_row(result, check);
+    }
+    result.text += result.exit == Exit::done ? "All places agree.\n"
+                                             : "Some places do not agree.\n";
+    return result;
+}
+
+}  // namespace
+
+void add_verify(CLI::App &app, Action &action)
+{
+    CLI::App *command = app.add_subcommand(
+        "verify", "Hold flash, slots, NV memory and disk against each other, and say what to do");
+    command->callback([&action] { action = [](const Globals &) { return verify(); }; });
+    add_examples(*command, "  kestactl verify\n"
+                           "  kestactl verify --json");
+}
+
+}  // namespace kestactl
