@@ -98,7 +98,7 @@ int NameFile::write() const
 {
     std::string text;
     for (const auto &[name, value] : values_) {
-        text += name + "=" + value + "\n";
+        text.append(name).append("=").append(value).append("\n");
     }
     return replace_file(path_.c_str(), text.data(), static_cast<unsigned>(text.size()));
 }
