@@ -179,51 +179,44 @@ kesta::Path nodename_path(int controller)
     return path;
 }
 
-// The table of the controllers' addresses and names.
-struct HostsTable {
-    std::array<vrb_netconfig_t, 2> records{};
-    HostNames names{};
-
-    int write(kesta::UniqueFd &file) const
-    {
-        std::array<char, sizeof(HostName) + INET_ADDRSTRLEN + 16> line{};
-        for (int i = 0; i < g_vpd_cntnum; ++i) {
-            std::array<char, INET_ADDRSTRLEN> address{};
-            const vrb_netconfig_t &record = records[i == g_vpd_cnt_no ? 0 : 1];
-            inet_ntop(AF_INET, &record.address, address.data(), address.size());
-            form(line, "%s CNT%d %s\n", address.data(), i, names[static_cast<std::size_t>(i)].data());
-            if (const kesta::TextWritten result = kesta::write_text(file.get(), line.data());
-                !result.complete()) {
-                return tell(line.data(), result.error);
-            }
-        }
-        return file.close() == 0 ? KESTA_OK : tell(line.data(), errno);
-    }
-
-private:
-    static int tell(const char *line, int error)
-    {
-        TRACE(1, "[update_host_info] fputs() error path=(%s) str=(%s)errno=%d", hosts_path, line,
-              error);
-        return not_written;
-    }
-};
-
 kesta::UniqueFd open_new(const char *path)
 {
     return kesta::UniqueFd(
         open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
 }
 
-int write_hosts(const HostsTable &table)
+int not_opened(const char *path)
+{
+    const int error = errno;
+    TRACE(1, "[update_host_info] fopen() error path=(%s) errno=%d", path, error);
+    return not_written;
+}
+
+int not_whole(const char *path, const char *line, int error)
+{
+    TRACE(1, "[update_host_info] fputs() error path=(%s) str=(%s)errno=%d", path, line, error);
+    return not_written;
+}
+
+// The table of the controllers' addresses and names.
+int write_hosts(const std::array<vrb_netconfig_t, 2> &records, const HostNames &names)
 {
     kesta::UniqueFd file = open_new(hosts_path);
     if (!file) {
-        const int error = errno;
-        TRACE(1, "[update_host_info] fopen() error path=(%s) errno=%d", hosts_path, error);
-        return not_written;
+        return not_opened(hosts_path);
     }
-    return table.write(file);
+    std::array<char, sizeof(HostName) + INET_ADDRSTRLEN + 16> line{};
+    for (int i = 0; i < g_vpd_cntnum; ++i) {
+        std::array<char, INET_ADDRSTRLEN> address{};
+        const vrb_netconfig_t &record = records[i == g_vpd_cnt_no ? 0 : 1];
+        inet_ntop(AF_INET, &record.address, address.data(), address.size());
+        form(line, "%s CNT%d %s\n", address.data(), i, names[static_cast<std::size_t>(i)].data());
+        if (const kesta::TextWritten result = kesta::write_text(file.get(), line.data());
+            !result.complete()) {
+            return not_whole(hosts_path, line.data(), result.error);
+        }
+    }
+    return file.close() == 0 ? KESTA_OK : not_whole(hosts_path, line.data(), errno);
 }
 
 int write_nodename(int controller, const HostName &name)
@@ -231,19 +224,12 @@ int write_nodename(int controller, const HostName &name)
     const kesta::Path path = nodename_path(controller);
     kesta::UniqueFd file = open_new(path.data());
     if (!file) {
-        const int error = errno;
-        TRACE(1, "[update_host_info] fopen() error path=(%s) errno=%d", path.data(), error);
-        return not_written;
+        return not_opened(path.data());
     }
     std::array<char, sizeof(HostName) + 1> line{};
     form(line, "%s\n", name.data());
-    if (const kesta::TextWritten result = kesta::write_and_close_text(file, line.data());
-        !result.complete()) {
-        TRACE(1, "[update_host_info] fputs() error path=(%s) str=(%s)errno=%d", path.data(),
-              line.data(), result.error);
-        return not_written;
-    }
-    return KESTA_OK;
+    const kesta::TextWritten result = kesta::write_and_close_text(file, line.data());
+    return result.complete() ? KESTA_OK : not_whole(path.data(), line.data(), result.error);
 }
 
 // The first line, at most 256 characters. Returns whether it could be read, and logs if not.
@@ -266,18 +252,19 @@ bool read_nodename(HostName &name, int ret)
 
 int rename_hosts(const char *wwn_new)
 {
-    HostsTable table;
-    if (const int ret = vrbgetnetconfig(table.records.data()); ret != 0) {
+    std::array<vrb_netconfig_t, 2> records{};
+    if (const int ret = vrbgetnetconfig(records.data()); ret != 0) {
         const int error = errno;
         TRACE(1, "[update_host_info] vrbgetnetconfig() error errno=%d", error);
         return ret;
     }
-    form_host_names(table.names, wwn_new);  // it has been seen to fit
-    if (const int ret = write_hosts(table); ret != KESTA_OK) {
+    HostNames names{};
+    form_host_names(names, wwn_new);  // it has been seen to fit
+    if (const int ret = write_hosts(records, names); ret != KESTA_OK) {
         return ret;
     }
     for (int i = 0; i < g_vpd_cntnum; ++i) {
-        if (const int ret = write_nodename(i, table.names[static_cast<std::size_t>(i)]);
+        if (const int ret = write_nodename(i, names[static_cast<std::size_t>(i)]);
             ret != KESTA_OK) {
             return ret;
         }
@@ -651,40 +638,39 @@ int raise_versions()
         return KESTA_ERR;
     }
     const int up_version = version == highest_version ? 1 : version + 1;
-    if (const int sts = kestal_set_version(KESTA_VER_AREA_BACKUP, own, up_version);
-        sts != KESTA_OK) {
-        TRACE(1,
-              "[kestal_CONT0_to_CONT1] kestal_set_version(KESTA_VER_AREA_BACKUP) error. sts=%d "
-              "up_version=%d",
-              sts, up_version);
-        return KESTA_ERR;
-    }
-    if (const int sts = kestal_set_version(KESTA_VER_AREA_REBOOT, own, up_version);
-        sts != KESTA_OK) {
-        TRACE(1,
-              "[kestal_CONT0_to_CONT1] kestal_set_version(KESTA_VER_AREA_REBOOT) error. sts=%d "
-              "up_version=%d",
-              sts, up_version);
-        return KESTA_ERR;
+    struct Area {
+        int area;
+        const char *name;
+    };
+    constexpr std::array<Area, 2> areas{{{KESTA_VER_AREA_BACKUP, "KESTA_VER_AREA_BACKUP"},
+                                         {KESTA_VER_AREA_REBOOT, "KESTA_VER_AREA_REBOOT"}}};
+    for (const Area &area : areas) {
+        if (const int sts = kestal_set_version(area.area, own, up_version); sts != KESTA_OK) {
+            TRACE(1, "[kestal_CONT0_to_CONT1] kestal_set_version(%s) error. sts=%d up_version=%d",
+                  area.name, sts, up_version);
+            return KESTA_ERR;
+        }
     }
     return KESTA_OK;
 }
 
 int name_slots()
 {
-    if (const int sts = kestal_change_address(g_accept_filename, g_backup_filename, KESTA_OFF);
-        sts != KESTA_OK) {
-        const int error = errno;
-        TRACE(1, "[kestal_CONT0_to_CONT1] kestal_change_address(KESTA_OFF)(%s) error. sts=%d errno=%d",
-              kesta::AreaName(g_accept_filename).c_str(), sts, error);
-        return KESTA_ERR;
-    }
-    if (const int sts = kestal_change_address(g_accept_filename, g_backup_filename, KESTA_ON);
-        sts != KESTA_OK) {
-        const int error = errno;
-        TRACE(1, "[kestal_CONT0_to_CONT1] kestal_change_address(KESTA_ON)(%s) error. sts=%d errno=%d",
-              kesta::AreaName(g_backup_filename).c_str(), sts, error);
-        return KESTA_ERR;
+    struct Name {
+        int flag;
+        const char *flag_name;
+        const char *slot;
+    };
+    const std::array<Name, 2> names{{{KESTA_OFF, "KESTA_OFF", g_accept_filename},
+                                     {KESTA_ON, "KESTA_ON", g_backup_filename}}};
+    for (const Name &name : names) {
+        const int sts = kestal_change_address(g_accept_filename, g_backup_filename, name.flag);
+        if (sts != KESTA_OK) {
+            const int error = errno;
+            TRACE(1, "[kestal_CONT0_to_CONT1] kestal_change_address(%s)(%s) error. sts=%d errno=%d",
+                  name.flag_name, kesta::AreaName(name.slot).c_str(), sts, error);
+            return KESTA_ERR;
+        }
     }
     return KESTA_OK;
 }

@@ -57,10 +57,9 @@ constexpr std::array<const char *, 12> product_folders{
 constexpr std::array<const char *, 7> secrets{"shadow",   "shadow-",     "gshadow", "gshadow-",
                                               "sudoers.d", "ssl/private", "ssh"};
 
-constexpr std::array<const char *, 4> programs{"kestactl", "kesta-lab", "cpinfo",
-                                               "kesta-platform-check"};
+constexpr std::array<const char *, 3> programs{"kestactl", "kesta-lab", "kesta-platform-check"};
 
-// What every controller finds at /usr/sbin, and at /opt/kesta_sys/sbin.
+// What every controller finds at /usr/sbin, and at /opt/kesta_sys/sbin besides.
 constexpr std::array<const char *, 2> sbin_programs{"cpinfo", "eeprom"};
 constexpr std::array<const char *, 3> product_programs{
     "env_vpdctl", "env_tarz_assign_distribute.sh", "env_tarz_assign_collect.sh"};
@@ -139,15 +138,14 @@ void copy_program(const fs::path &product, const char *program, const fs::path &
 void copy_programs(const fs::path &product, const fs::path &to)
 {
     fs::create_directories(to);
-    for (const auto &group : {std::vector(programs.begin(), programs.end()),
-                              std::vector(sbin_programs.begin(), sbin_programs.end()),
-                              std::vector(product_programs.begin(), product_programs.end())}) {
+    const auto copy_all = [&](const auto &group) {
         for (const char *program : group) {
-            if (!fs::exists(to / program)) {
-                copy_program(product, program, to);
-            }
+            copy_program(product, program, to);
         }
-    }
+    };
+    copy_all(programs);
+    copy_all(sbin_programs);
+    copy_all(product_programs);
 }
 
 // Libraries beside the programs. None there: they are installed where every program finds them.

@@ -5,8 +5,8 @@
 
 In blocks marked "console", a line "$ COMMAND" is run; the lines behind it are what it has to print, on
 both channels. "..." in a line stands for anything in that line, a line "..." for any lines. "(exit N)" at
-the end is the exit code; without it that has to be 0. A line "> TEXT" continues the command. All commands of a page run in one shell, in a new
-folder.
+the end is the exit code; without it that has to be 0. A line "> TEXT" continues the command. All commands
+of a page run in one shell, in a new folder.
 """
 import os
 import re

@@ -45,10 +45,6 @@ protected:
                    "type=\"files\"><setinfo>" + files + "</setinfo><script><backup reboot=\"0\">" +
                        scripts + "</backup></script></group>\n");
     }
-    std::string file_on(int controller, const std::string &path) const
-    {
-        return on(controller, "cat " + path).out;
-    }
     std::string slot(const std::string &name) const
     {
         return read_file(dir / "shared/sysback" / name);
@@ -142,6 +138,15 @@ TEST_F(KestactlSave, ScriptThatHangsIsStopped)
     const Ran stopped = ctl(0, "save network --script-timeout 1");
     expect_refusal(stopped, 4, "did not end in time");
     EXPECT_EQ(on(0, "pgrep -f '[c]at /opt/never'").code, 1) << "its whole group is gone";
+}
+
+TEST_F(KestactlSave, SignalStopsTheStepsAndNotWhatUndoesThem)
+{
+    define(script_line("pre-script", "kill -TERM $PPID; mkfifo /opt/never; cat /opt/never", 1) +
+           script_line("post-script", "sleep 1; " + note("after"), 1));
+    expect_refusal(ctl(0, "save network"), 4, "ended by signal 15");
+    EXPECT_EQ(file_on(0, log_file), "after\n") << "longer than it takes to notice a signal";
+    EXPECT_EQ(on(0, "ls -A /opt/kesta_sys/bakup").out, "");
 }
 
 TEST_F(KestactlSave, WhatCanNotBeSavedIsRefusedFirst)

@@ -46,10 +46,6 @@ protected:
                                      "END\n"));
         EXPECT_EQ(put.code, 0) << put.err;
     }
-    std::string file_on(int controller, const std::string &path)
-    {
-        return on(controller, "cat " + path).out;
-    }
 };
 
 TEST_F(Kestactl, HelpAndVersion)

@@ -57,10 +57,6 @@ protected:
         EXPECT_EQ(run.code, 0) << run.err;
         return run.out;
     }
-    std::string file_on(int controller, const std::string &path) const
-    {
-        return on(controller, "cat " + path).out;
-    }
     // Two controllers of one identity, with everything in order.
     void install()
     {

@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "library_test.h"
+#include "text_lines.h"
 
 using namespace test;
 using testing::ElementsAre;
@@ -27,16 +28,6 @@ std::string dumped(std::string bytes, int length)
 }
 
 std::string dumped(const std::string &bytes) { return dumped(bytes, static_cast<int>(bytes.size())); }
-
-std::vector<std::string> lines_of(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 }  // namespace
 

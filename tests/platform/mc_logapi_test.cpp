@@ -6,22 +6,9 @@
 
 #include "mc_logapi.h"
 #include "platform_test.h"
+#include "text_lines.h"
 
 using namespace test;
-
-namespace {
-
-std::vector<std::string> lines_of(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-}  // namespace
 
 class Trace : public PlatformTest {
 protected:

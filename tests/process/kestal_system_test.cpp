@@ -12,6 +12,7 @@
 
 #include "child_process.h"
 #include "library_test.h"
+#include "text_lines.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define KESTA_LEAKS_ARE_FOUND 1
@@ -35,16 +36,6 @@ extern char **environ;
 namespace {
 
 constexpr const char *output_file = "/tmp/kesta_sys/out";
-
-std::vector<std::string> lines_of(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 // The strings of a block.
 std::vector<std::string> strings_of(char *block)

@@ -105,6 +105,11 @@ protected:
         EXPECT_EQ(run.code, 0) << command << run.err;
     }
 
+    std::string file_on(int controller, const std::string &path) const
+    {
+        return on(controller, "cat " + path).out;
+    }
+
     // Where a file of a controller lies on the host.
     fs::path host_path(int controller, const std::string &path) const
     {

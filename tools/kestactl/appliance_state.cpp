@@ -69,27 +69,41 @@ BlockValue read_block(const Block &block, From from)
     return value;
 }
 
-void write_block(const Block &block, std::vector<char> bytes)
+void under_inner_lock(const std::string &not_done, const std::function<std::string()> &act)
 {
     const int number = learn_own_number();
     if (kestal_cntl_innerlock(number) != KESTA_OK) {
-        fail_call("lock-failed", "Block " + block.name + " was not written.",
-                  "The inner lock could not be taken: look at --trace 1.");
+        fail_call("lock-failed", not_done, "The inner lock could not be taken: look at --trace 1.");
     }
-    const int written = kestal_non_volatile_rw_func(block.id, KESTA_BLOCK_WRITE, bytes.data(),
-                                                    static_cast<unsigned>(bytes.size()), nullptr);
+    std::string done;
+    std::optional<Failure> failure;
+    try {
+        done = act();
+    } catch (const Failure &met) {
+        failure = met;
+    }
     const int released = kestal_reset_mycnt_innerlock_main(number, 0);
-    if (written != KESTA_OK) {
-        fail_call("write-failed",
-                  "Block " + block.name + " was not written to every place it lives in.",
-                  "Look at --trace 1 for the place that failed. If the system backup area is gone, "
-                  "--memory-only writes NV memory alone.");
+    if (failure) {
+        throw *failure;
     }
     if (released != KESTA_OK) {
-        fail_call("unlock-failed",
-                  "Block " + block.name + " was written, but the inner lock was not released.",
+        fail_call("unlock-failed", done + ", but the inner lock was not released.",
                   "The next waiter clears it after 30 seconds; check NV memory with --trace 1.");
     }
+}
+
+void write_block(const Block &block, std::vector<char> bytes)
+{
+    const std::string name = "Block " + block.name;
+    under_inner_lock(name + " was not written.", [&] {
+        if (kestal_non_volatile_rw_func(block.id, KESTA_BLOCK_WRITE, bytes.data(),
+                                        static_cast<unsigned>(bytes.size()), nullptr) != KESTA_OK) {
+            fail_call("write-failed", name + " was not written to every place it lives in.",
+                      "Look at --trace 1 for the place that failed. If the system backup area is "
+                      "gone, --memory-only writes NV memory alone.");
+        }
+        return name + " was written";
+    });
 }
 
 std::string field_text(const std::vector<char> &bytes)

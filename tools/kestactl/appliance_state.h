@@ -2,6 +2,7 @@
 // answer is an error.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,6 +21,10 @@ struct BlockValue {
 
 // Reads a block without the inner lock: one transfer is whole. Throws Failure.
 BlockValue read_block(const Block &block, From from);
+
+// Does something under the inner lock of this controller, and lets go of it on every way out. The messages
+// say what was not done where the lock can't be had, and what was where it can't be let go. Throws Failure.
+void under_inner_lock(const std::string &not_done, const std::function<std::string()> &act);
 
 // Writes a block to every place that it lives in, under the inner lock. Throws Failure, also where the
 // lock could not be released: nothing is left held unsaid.

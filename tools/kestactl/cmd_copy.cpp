@@ -6,17 +6,13 @@
 #include <memory>
 
 #include "appliance_state.h"
+#include "archive_places.h"
 #include "command.h"
 #include "names.h"
 
 namespace kestactl {
 namespace {
 
-constexpr const char *flash_backup = "/opt/kesta_sys/bakup/backup.tar.Z";
-constexpr const char *flash_accept = "/opt/kesta_sys/bakup/accept.tar.Z";
-constexpr const char *cache_backup = "/tmp/kesta_sys/tmp/backup.tar.Z";
-constexpr const char *cache_check = "/tmp/kesta_sys/tmp/check.tar.Z";
-constexpr const char *merge_backup = "/var/run/kesta_sys/tmp/backup.tar.Z";
 constexpr int unpack_mode = 1;
 constexpr int check_mode = 0;
 

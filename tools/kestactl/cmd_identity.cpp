@@ -8,8 +8,10 @@
 #include <memory>
 
 #include "appliance_state.h"
+#include "archive_places.h"
 #include "command.h"
 #include "identity_state.h"
+#include "names.h"
 #include "trace_capture.h"
 
 namespace kestactl {
@@ -89,7 +91,7 @@ Result show()
     const Identities all = read_all();
     Result result;
     result.json = {{"controller", controller}, {"values", Json::object()}, {"differ", false}};
-    result.text = "Controller CNT" + std::to_string(controller) + "\n";
+    result.text = "Controller " + controller_name(controller) + "\n";
     for (const ValueName &name : value_names) {
         add_value(result, all, name);
     }
@@ -302,7 +304,7 @@ Plan plan_vpd_to_flash()
     require_writable();
     if (const int number = learn_own_number(); number > 1) {
         throw Failure(Exit::usage, "bad-controller",
-                      "This is CNT" + std::to_string(number) +
+                      "This is " + controller_name(number) +
                           "; identities are carried on CNT0 and CNT1.",
                       "Run the command on CNT0 or CNT1.");
     }
@@ -320,10 +322,10 @@ Plan plan_vpd_to_flash()
         return plan;
     }
     if (board != running) {
-        require_file("/opt/kesta_sys/bakup/backup.tar.Z",
+        require_file(flash_backup,
                      "The identity goes into the saved environment: put one there first.");
         plan.steps.push_back({"carry the board's identity into the saved environment and the system",
-                              {"/opt/kesta_sys/bakup/backup.tar.Z", "/boot/solaris/bootenv.rc",
+                              {flash_backup, "/boot/solaris/bootenv.rc",
                                "/etc/nodename", "/etc/inet/hosts", "/etc/cp_guid"},
                               [running] { run_vpd_to_flash(running); }});
     }
@@ -397,7 +399,7 @@ Plan plan_cnt0_to_cnt1()
     require_writable();
     if (const int number = learn_own_number(); number != 1) {
         throw Failure(Exit::usage, "bad-controller",
-                      "This is CNT" + std::to_string(number) +
+                      "This is " + controller_name(number) +
                           "; the identity of CNT0 is carried to CNT1.",
                       "Run the command on CNT1.");
     }
@@ -415,7 +417,7 @@ Plan plan_cnt0_to_cnt1()
               "NV memory: blocks 31, 32 and 52"},
              [from, own] { run_cnt0_to_cnt1(from, own); }});
         plan.steps.push_back({"bring it into force on this controller",
-                              {"/opt/kesta_sys/bakup/backup.tar.Z", "/boot/solaris/bootenv.rc",
+                              {flash_backup, "/boot/solaris/bootenv.rc",
                                "/etc/nodename", "/etc/inet/hosts", "/etc/cp_guid"},
                               [from] { bring_into_force(from); }});
         plan.steps.push_back({"record the raised version for this controller",

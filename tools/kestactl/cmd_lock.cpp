@@ -45,8 +45,6 @@ struct Taken {
     CommandEnd end;
 };
 
-std::string cnt(int controller) { return controller_name(controller); }
-
 Exit exit_of(const CommandEnd &end) { return static_cast<Exit>(end.exit_code); }
 
 int chosen_controller(const LockOptions &options)
@@ -86,7 +84,7 @@ CommandLock find_lock(const LockState &state, int controller, const std::string 
         }
         return lock;
     }
-    throw Failure(Exit::no, "not-held", cnt(controller) + " holds no lock.",
+    throw Failure(Exit::no, "not-held", controller_name(controller) + " holds no lock.",
                   "'kestactl lock check' shows all locks.");
 }
 
@@ -138,7 +136,7 @@ Plan plan_take(const LockOptions &options, Taken &taken)
     if (!options.group.empty()) {
         writes.push_back("NV memory: block " + std::to_string(KESTA_BLOCK_GROUP));
     }
-    std::string what = "take a type-" + std::to_string(options.type) + " lock of " + cnt(own);
+    std::string what = "take a type-" + std::to_string(options.type) + " lock of " + controller_name(own);
     if (!options.command.empty()) {
         what += ", run: " + joined(options.command) + ", and release it";
         writes.push_back("whatever the command writes");
@@ -182,7 +180,7 @@ Plan plan_release(const LockOptions &options)
     Plan plan;
     plan.json = {{"controller", controller}};
     plan.steps.push_back(
-        {"release the lock of " + cnt(controller),
+        {"release the lock of " + controller_name(controller),
          {"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + controller),
           "NV memory: block " + std::to_string(KESTA_BLOCK_GROUP)},
          [=] {
@@ -190,7 +188,7 @@ Plan plan_release(const LockOptions &options)
                  release_command_lock(controller, identifier);
              } else if (kestal_global_command_unlock_func(controller, nullptr, release_fully) !=
                         KESTA_OK) {
-                 fail_call("unlock-failed", "The lock of " + cnt(controller) + " was not released.",
+                 fail_call("unlock-failed", "The lock of " + controller_name(controller) + " was not released.",
                            "Look at --trace 1.");
              }
          }});
@@ -204,20 +202,20 @@ Plan plan_suspend(const LockOptions &options)
     check_identifier(options.identifier);
     const CommandLock lock = find_lock(read_lock_state(), own, options.identifier);
     if (lock.suspended()) {
-        throw Failure(Exit::no, "suspended-already", "The lock of " + cnt(own) + " is suspended.",
+        throw Failure(Exit::no, "suspended-already", "The lock of " + controller_name(own) + " is suspended.",
                       "Take it again: kestactl lock resume " + options.identifier);
     }
     const std::string identifier = options.identifier;
     Plan plan;
     plan.json = {{"controller", own}, {"identifier", identifier}};
-    plan.steps.push_back({"suspend the lock of " + cnt(own) + "; its identifier stays reserved",
+    plan.steps.push_back({"suspend the lock of " + controller_name(own) + "; its identifier stays reserved",
                           {"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + own),
                            "NV memory: block " + std::to_string(KESTA_BLOCK_GROUP)},
                           [=] {
                               if (kestal_global_command_unlock_func(own, identifier.c_str(),
                                                                     suspend) != KESTA_OK) {
                                   fail_call("suspend-failed",
-                                            "The lock of " + cnt(own) + " was not suspended.",
+                                            "The lock of " + controller_name(own) + " was not suspended.",
                                             "Look at --trace 1.");
                               }
                           }});
@@ -234,10 +232,10 @@ void resume(const LockOptions &options, int own)
                                                        group.empty() ? nullptr : group.data(),
                                                        take_again, &met);
     if (result == KESTA_ERR_LOCKED) {
-        refuse_locked("The lock of " + cnt(own) + " can't be taken again", read_lock_state(), met);
+        refuse_locked("The lock of " + controller_name(own) + " can't be taken again", read_lock_state(), met);
     }
     if (result != KESTA_OK) {
-        fail_call("resume-failed", "The lock of " + cnt(own) + " was not taken again.",
+        fail_call("resume-failed", "The lock of " + controller_name(own) + " was not taken again.",
                   "Look at --trace 1.");
     }
 }
@@ -254,19 +252,19 @@ Plan plan_resume(const LockOptions &options)
     const CommandLock lock = find_lock(state, own, options.identifier);
     if (!lock.suspended()) {
         throw Failure(Exit::no, "not-suspended",
-                      "The lock of " + cnt(own) + " is not suspended: " +
+                      "The lock of " + controller_name(own) + " is not suspended: " +
                           describe(lock, state.group) + ".",
                       "There is nothing to resume.");
     }
     for (const CommandLock &other : state.held) {
         if (!other.suspended()) {
-            refuse_locked("The lock of " + cnt(own) + " can't be taken again", state,
+            refuse_locked("The lock of " + controller_name(own) + " can't be taken again", state,
                           other.controller);
         }
     }
     Plan plan;
     plan.json = {{"controller", own}, {"identifier", options.identifier}};
-    plan.steps.push_back({"take the suspended lock of " + cnt(own) + " again",
+    plan.steps.push_back({"take the suspended lock of " + controller_name(own) + " again",
                           {"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + own)},
                           [=] { resume(options, own); }});
     return plan;
@@ -287,19 +285,19 @@ Plan plan_convert(const LockOptions &options)
     }
     for (const CommandLock &other : state.held) {
         if (other.controller != own && !other.suspended()) {
-            refuse_locked("The lock of " + cnt(own) + " can't be converted", state,
+            refuse_locked("The lock of " + controller_name(own) + " can't be converted", state,
                           other.controller);
         }
     }
     const std::string identifier = options.identifier;
     Plan plan;
     plan.json = {{"controller", own}, {"identifier", identifier}};
-    plan.steps.push_back({"convert the lock of " + cnt(own) + " to a running backup, and renew it",
+    plan.steps.push_back({"convert the lock of " + controller_name(own) + " to a running backup, and renew it",
                           {"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + own)},
                           [=] {
                               if (kestal_backup_lock(identifier.c_str()) != KESTA_OK) {
                                   fail_call("convert-failed",
-                                            "The lock of " + cnt(own) + " was not converted.",
+                                            "The lock of " + controller_name(own) + " was not converted.",
                                             "See 'kestactl lock check', and --trace 1.");
                               }
                           }});

@@ -199,25 +199,10 @@ void repair_locked(const MirrorState &planned, Side from)
 // The lock keeps versions and names from changing under the copies.
 void repair_under_lock(const MirrorState &planned, Side from)
 {
-    const int number = learn_own_number();
-    if (kestal_cntl_innerlock(number) != KESTA_OK) {
-        fail_call("lock-failed", "Nothing was changed: the inner lock could not be taken.",
-                  "NV memory has to be readable and writable for that: look at --trace 1.");
-    }
-    std::optional<Failure> failure;
-    try {
+    under_inner_lock("Nothing was changed: the inner lock could not be taken.", [&] {
         repair_locked(planned, from);
-    } catch (const Failure &met) {
-        failure = met;
-    }
-    const int released = kestal_reset_mycnt_innerlock_main(number, 0);
-    if (failure) {
-        throw *failure;
-    }
-    if (released != KESTA_OK) {
-        fail_call("unlock-failed", "The repair is done, but the inner lock was not released.",
-                  "The next waiter clears it after 30 seconds; check NV memory with --trace 1.");
-    }
+        return "The repair is done";
+    });
 }
 
 std::string place_of(const MirroredItem &item, Side side)

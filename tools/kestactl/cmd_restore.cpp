@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "appliance_state.h"
+#include "archive_places.h"
 #include "command.h"
 #include "names.h"
 #include "trace_capture.h"
@@ -14,30 +15,28 @@
 namespace kestactl {
 namespace {
 
-constexpr const char *flash_backup = "/opt/kesta_sys/bakup/backup.tar.Z";
-constexpr const char *flash_accept = "/opt/kesta_sys/bakup/accept.tar.Z";
-constexpr const char *merge_backup = "/var/run/kesta_sys/tmp/backup.tar.Z";
-
 // The library's arguments.
 constexpr int switch_given_slot = 4;  // any value outside 0..3
 constexpr int no_switch_backup_side = 2;
 constexpr int no_switch_accept_side = 3;
 constexpr int switch_only_flag = 1;
 
-enum class Script : int { none = 0, update = 1, reboot = 2 };
+enum class RestoreScript : int { none = 0, update = 1, reboot = 2 };
 
 struct RestoreOptions {
     std::string group;
     std::string from = "backup";
-    Script script = Script::update;
+    RestoreScript script = RestoreScript::update;
     int distribution = 0;
     bool switch_only = false;
     bool no_switch = false;
     bool skip_flashcopy = false;
 };
 
-const std::map<std::string, Script> scripts{
-    {"update", Script::update}, {"reboot", Script::reboot}, {"none", Script::none}};
+const std::map<std::string, RestoreScript> restore_scripts{
+    {"update", RestoreScript::update},
+    {"reboot", RestoreScript::reboot},
+    {"none", RestoreScript::none}};
 
 struct Planned {
     std::string slot;    // empty: no switch stage
@@ -49,10 +48,10 @@ struct Planned {
 // A switch runs the backup-side script, whichever slot it takes.
 std::string script_path(const RestoreOptions &options, const Planned &planned)
 {
-    if (options.switch_only || options.script == Script::none) {
+    if (options.switch_only || options.script == RestoreScript::none) {
         return "";
     }
-    const std::string kind = options.script == Script::update ? "ud" : "rb";
+    const std::string kind = options.script == RestoreScript::update ? "ud" : "rb";
     const std::string side = planned.area_flag == no_switch_accept_side ? "ap" : "bk";
     const std::string number =
         options.distribution == 0 ? "" : std::to_string(options.distribution);
@@ -74,7 +73,7 @@ Planned resolve(const RestoreOptions &options)
     }
     planned.script = script_path(options, planned);
     planned.copies_accept =
-        !options.switch_only && options.script == Script::update && !options.skip_flashcopy;
+        !options.switch_only && options.script == RestoreScript::update && !options.skip_flashcopy;
     return planned;
 }
 
@@ -204,7 +203,7 @@ void add_restore(CLI::App &app, Globals &globals, Action &action)
     command->add_option("GROUP", options->group, "Group whose restore script is run")->required();
     command->add_option("--from", options->from, "backup, accept, or a slot by its name");
     command->add_option("--script", options->script, "Which script to run: update, reboot or none")
-        ->transform(CLI::CheckedTransformer(scripts))
+        ->transform(CLI::CheckedTransformer(restore_scripts))
         ->option_text("update|reboot|none");
     command->add_option("--distribution", options->distribution,
                         "Number that becomes part of the script's name, 0 for none");

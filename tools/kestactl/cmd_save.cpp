@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "appliance_state.h"
+#include "archive_places.h"
 #include "command.h"
 #include "environment_archive.h"
 #include "group_definition.h"
@@ -16,14 +17,11 @@
 #include "mirror.h"
 #include "names.h"
 #include "script_run.h"
+#include "whole_file.h"
 
 namespace kestactl {
 namespace {
 
-constexpr const char *flash_backup = "/opt/kesta_sys/bakup/backup.tar.Z";
-constexpr const char *flash_accept = "/opt/kesta_sys/bakup/accept.tar.Z";
-constexpr const char *merge_backup = "/var/run/kesta_sys/tmp/backup.tar.Z";
-constexpr const char *unfinished_archive = "/opt/kesta_sys/bakup/.save.tar.Z";
 constexpr const char *local_lock = "environment";
 
 struct SaveOptions {
@@ -57,9 +55,8 @@ void run_one(const Script &script, const ScriptContext &context, Work &work)
 
 void stop_if_asked(const Work &work)
 {
-    if (work.signals->is_pending()) {
-        const int signal = work.signals->pending();
-        throw Failure(static_cast<Exit>(128 + signal), "interrupted",
+    if (const int signal = work.signals->pending(); signal != 0) {
+        throw Failure(static_cast<Exit>(ended_by_signal + signal), "interrupted",
                       std::string("Interrupted (") + strsignal(signal) +
                           "). What had been done is whole.",
                       "Run the command again: it completes what is unfinished.");
@@ -88,6 +85,7 @@ Result carry_out_locked(const LockRequest &request, const std::function<Plan(Wor
     } catch (const Failure &met) {
         failure = met;
     }
+    (void)signals.pending();  // it has ended the steps; what comes last is done all the same
     try {
         last(work);
     } catch (const Failure &met) {

@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "appliance_state.h"
+#include "archive_places.h"
 #include "command.h"
 #include "lock_state.h"
 #include "names.h"
@@ -26,11 +27,11 @@ struct Place {
     const char *path;
 };
 constexpr std::array<Place, 5> local_places{{
-    {"flash", "/opt/kesta_sys/bakup/backup.tar.Z"},
-    {"flash", "/opt/kesta_sys/bakup/accept.tar.Z"},
-    {"tmp cache", "/tmp/kesta_sys/tmp/backup.tar.Z"},
-    {"tmp cache", "/tmp/kesta_sys/tmp/check.tar.Z"},
-    {"merge cache", "/var/run/kesta_sys/tmp/backup.tar.Z"},
+    {"flash", flash_backup},
+    {"flash", flash_accept},
+    {"tmp cache", cache_backup},
+    {"tmp cache", cache_check},
+    {"merge cache", merge_backup},
 }};
 
 // What is known of one archive. A state other than "ok" says why the rest is missing.

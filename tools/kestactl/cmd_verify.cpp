@@ -7,18 +7,18 @@
 #include <optional>
 
 #include "appliance_state.h"
+#include "archive_places.h"
 #include "command.h"
 #include "environment_archive.h"
 #include "identity_state.h"
 #include "lock_state.h"
 #include "mirror.h"
 #include "names.h"
+#include "whole_file.h"
 
 namespace kestactl {
 namespace {
 
-constexpr const char *flash_backup = "/opt/kesta_sys/bakup/backup.tar.Z";
-constexpr const char *flash_accept = "/opt/kesta_sys/bakup/accept.tar.Z";
 
 // Files that are there only while a command works on them, and what completes it.
 struct Leftover {
@@ -26,7 +26,7 @@ struct Leftover {
     const char *mend;
 };
 constexpr std::array<Leftover, 3> leftovers{{
-    {"/opt/kesta_sys/bakup/.save.tar.Z", "run 'kestactl save GROUP' again"},
+    {unfinished_archive, "run 'kestactl save GROUP' again"},
     {"/opt/kesta_sys/bakup/accept.tar.Z.new", "run 'kestactl accept' again"},
     {"/opt/kesta_sys/bakup/tmp.tar.Z", "run 'kestactl copy backup2copy GROUP' again"},
 }};
@@ -189,7 +189,7 @@ void check_unfinished(Checks &checks)
                           "seconds"});
     }
     for (const CommandLock &lock : read_lock_state().held) {
-        checks.push_back({"command lock", "held by CNT" + std::to_string(lock.controller),
+        checks.push_back({"command lock", "held by " + controller_name(lock.controller),
                           "wait for it, or clear it if its holder is dead: " +
                               clearing_command(lock)});
     }

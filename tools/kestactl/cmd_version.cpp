@@ -15,7 +15,6 @@ namespace kestactl {
 namespace {
 
 constexpr int first_version = 1;
-constexpr int own_slot = 0;
 
 struct Area {
     const char *name;
@@ -315,26 +314,18 @@ void add_compare(CLI::App &version, Action &action, const std::shared_ptr<Versio
 
 int hand_out_version(int own)
 {
-    if (kestal_cntl_innerlock(own) != KESTA_OK) {
-        fail_call("lock-failed", "No number was handed out.",
-                  "The inner lock could not be taken: look at --trace 1.");
-    }
-    const int latest =
-        kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, own, KESTA_VERSION_BY_MODE);
-    const int next = successor(latest);
-    const int result =
-        latest < 0 ? KESTA_ERR : kestal_set_version_nolock(KESTA_VER_AREA_NUMBERING, own, next);
-    const int released = kestal_reset_mycnt_innerlock_main(own, own_slot);
-    if (result != KESTA_OK) {
-        fail_call("next-failed", "No number was handed out.",
-                  "The numbering version can't be read or written: look at --trace 1.");
-    }
-    if (released != KESTA_OK) {
-        fail_call("unlock-failed",
-                  "Number " + std::to_string(next) +
-                      " was handed out, but the inner lock was not released.",
-                  "The next waiter clears it after 30 seconds.");
-    }
+    int next = 0;
+    under_inner_lock("No number was handed out.", [&] {
+        const int latest =
+            kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, own, KESTA_VERSION_BY_MODE);
+        next = successor(latest);
+        if (latest < 0 ||
+            kestal_set_version_nolock(KESTA_VER_AREA_NUMBERING, own, next) != KESTA_OK) {
+            fail_call("next-failed", "No number was handed out.",
+                      "The numbering version can't be read or written: look at --trace 1.");
+        }
+        return "Number " + std::to_string(next) + " was handed out";
+    });
     return next;
 }
 

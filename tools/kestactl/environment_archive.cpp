@@ -11,10 +11,9 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "failure.h"
+#include "whole_file.h"
 
 extern char **environ;
 
@@ -32,30 +31,16 @@ public:
     ~Fd()
     {
         if (fd_ >= 0) {
-            (void)close(fd_);  // where it counts, it has been closed before
+            (void)close(fd_);  // nothing was written to it
         }
     }
     Fd(const Fd &) = delete;
     Fd &operator=(const Fd &) = delete;
     int get() const { return fd_; }
-    int close_now()
-    {
-        const int fd = fd_;
-        fd_ = -1;
-        return close(fd);
-    }
 
 private:
     int fd_;
 };
-
-[[noreturn]] void fail_file(const std::string &path, const std::string &what)
-{
-    const int error = errno;
-    throw Failure(Exit::platform, "file-failed",
-                  path + " could not be " + what + ": " + strerror(error) + ".",
-                  "Check the folder and its space, then run the command again.");
-}
 
 void add_parents(ArchiveContents &contents, const fs::path &relative)
 {
@@ -125,19 +110,6 @@ bool run(std::vector<std::string> words, const std::vector<std::string> &names, 
     return status == 0;
 }
 
-void flush(const std::string &path, int flags)
-{
-    Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | flags));
-    if (file.get() < 0 || fsync(file.get()) != 0) {
-        fail_file(path, "flushed to the disk");
-    }
-}
-
-void remove_quietly(const std::string &path)
-{
-    (void)unlink(path.c_str());  // best effort: what matters is told
-}
-
 }  // namespace
 
 ArchiveContents collect(const KESTA_BACKUP_FILE &definition)
@@ -195,45 +167,13 @@ void make_archive(const ArchiveContents &contents, const std::string &path)
                       "A file was changed while it was saved, or the disk fails: run the command "
                       "again.");
     }
-    flush(path, 0);
+    flush_file(path);
 }
 
 bool is_whole_archive(const std::string &path)
 {
     return run({"/usr/bin/bunzip2", "-tq", path}, {}, Output::dropped) &&
            run({tar, "-tjf", path}, {}, Output::dropped);
-}
-
-void publish_file(const std::string &finished, const std::string &path)
-{
-    if (chmod(finished.c_str(), 0644) != 0 || rename(finished.c_str(), path.c_str()) != 0) {
-        fail_file(path, "replaced");
-    }
-    flush(fs::path(path).parent_path().string(), O_DIRECTORY);
-}
-
-void copy_file_whole(const std::string &from, const std::string &to)
-{
-    const std::string aside = to + ".new";
-    std::error_code error;
-    fs::copy_file(from, aside, fs::copy_options::overwrite_existing, error);
-    if (error) {
-        remove_quietly(aside);
-        errno = error.value();
-        fail_file(from, "copied to " + to);
-    }
-    flush(aside, 0);
-    publish_file(aside, to);
-}
-
-std::string read_whole_file(const std::string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::string bytes{std::istreambuf_iterator<char>(file), {}};
-    if (!file.eof() && file.fail()) {
-        fail_file(path, "read");
-    }
-    return bytes;
 }
 
 std::string read_slot(const std::string &slot)

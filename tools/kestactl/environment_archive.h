@@ -25,15 +25,6 @@ void make_archive(const ArchiveContents &contents, const std::string &path);
 // Whether an archive can be unpacked to its end.
 bool is_whole_archive(const std::string &path);
 
-// Puts a copy of a file in the place of another one: it is written aside, flushed, and renamed. Throws
-// Failure.
-void copy_file_whole(const std::string &from, const std::string &to);
-
-// Puts a finished file in the place of another one, and makes that last. Throws Failure.
-void publish_file(const std::string &finished, const std::string &path);
-
-std::string read_whole_file(const std::string &path);
-
 // What a slot of the system backup area holds. Throws Failure if it can't be read.
 std::string read_slot(const std::string &slot);
 

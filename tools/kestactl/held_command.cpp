@@ -12,8 +12,6 @@ extern char **environ;
 namespace kestactl {
 namespace {
 
-constexpr int ended_by_signal = 128;
-
 // The command gets the signal mask that the program was started with.
 pid_t start(const std::vector<std::string> &command, const sigset_t &mask)
 {

@@ -8,6 +8,9 @@
 
 namespace kestactl {
 
+// What is added to a signal's number to make an exit code of it.
+inline constexpr int ended_by_signal = 128;
+
 // How a command ended: its exit code, or 128 and the signal's number.
 struct CommandEnd {
     int exit_code = 0;

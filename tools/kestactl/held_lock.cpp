@@ -11,13 +11,13 @@
 
 #include "appliance_state.h"
 #include "failure.h"
+#include "names.h"
 
 namespace kestactl {
 namespace {
 
 constexpr int new_lock = 0;
 constexpr int release_fully = 0;
-constexpr int ended_by_signal = 128;
 constexpr int seconds_between_tries = 1;
 constexpr int seconds_between_reports = 10;
 
@@ -55,8 +55,6 @@ int try_to_take(const LockRequest &request, int own, char *identifier, int &met)
 }
 
 }  // namespace
-
-std::string controller_name(int controller) { return "CNT" + std::to_string(controller); }
 
 void report_waiting(const LockState &state, int controller, int left)
 {

@@ -8,9 +8,6 @@
 
 namespace kestactl {
 
-// "CNT2"
-std::string controller_name(int controller);
-
 // What to take.
 struct LockRequest {
     int type = KESTA_LOCK_TYPE1;

@@ -1,12 +1,7 @@
 #include "identity_state.h"
 
-#include <errno.h>
-#include <fcntl.h>
 #include <kesta/kesta.h>
-#include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -14,6 +9,7 @@
 
 #include "appliance_state.h"
 #include "failure.h"
+#include "whole_file.h"
 
 namespace kestactl {
 namespace {
@@ -116,33 +112,6 @@ void check_sixteen(const std::string &text, const std::string &what)
     }
 }
 
-// Replaces a file whole: it is written beside it, flushed, and renamed.
-void replace_file(const std::string &path, const std::string &text)
-{
-    const auto fail = [&path](const std::string &temporary) {
-        const int error = errno;
-        (void)unlink(temporary.c_str());  // best effort: the failure is told
-        throw Failure(Exit::platform, "write-failed",
-                      path + " was not written: " + strerror(error) + ".",
-                      "Check the folder, and run the command again.");
-    };
-    std::string temporary = path + ".XXXXXX";
-    const int fd = mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0) {
-        fail(temporary);
-    }
-    const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-                         fchmod(fd, 0644) == 0 && fsync(fd) == 0;
-    const int error = errno;
-    const bool closed = close(fd) == 0;
-    if (!written) {
-        errno = error;
-    }
-    if (!written || !closed || rename(temporary.c_str(), path.c_str()) != 0) {
-        fail(temporary);
-    }
-}
-
 void set_block(const char *name, std::vector<char> bytes)
 {
     const Block &block = find_block(name);
@@ -227,7 +196,7 @@ void set_flash(const Identity &identity)
         throw Failure(Exit::platform, "write-failed", "/etc/kesta_sys/wwn was not written.", look);
     }
     if (identity.guid) {
-        replace_file(guid_file, *identity.guid + "\n");
+        write_file_whole(guid_file, *identity.guid + "\n");
     }
 }
 

@@ -83,7 +83,7 @@ LockState read_lock_state()
 
 std::string describe(const CommandLock &lock, const std::string &group)
 {
-    std::string text = "CNT" + std::to_string(lock.controller) + " holds " + kind(lock) +
+    std::string text = controller_name(lock.controller) + " holds " + kind(lock) +
                        " since " + utc(lock.identifier);
     if (!group.empty()) {
         text += " for group " + group;
@@ -139,7 +139,7 @@ void refuse_locked(const std::string &message, const LockState &state, int contr
         }
     }
     throw Failure(Exit::locked, "locked",
-                  message + ": CNT" + std::to_string(controller) + " was taking a lock too.",
+                  message + ": " + controller_name(controller) + " was taking a lock too.",
                   "Try again, or wait with --wait SECONDS.");
 }
 

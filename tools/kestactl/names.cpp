@@ -74,6 +74,8 @@ const Block &find_block(const std::string &text)
                   "'kestactl nv list' shows all blocks by name and number.");
 }
 
+std::string controller_name(int controller) { return "CNT" + std::to_string(controller); }
+
 int parse_controller(const std::string &text)
 {
     const std::string digit = text.rfind("CNT", 0) == 0 ? text.substr(3) : text;

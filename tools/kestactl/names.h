@@ -34,6 +34,9 @@ const std::vector<Block> &blocks();
 // By name or number. Throws Failure.
 const Block &find_block(const std::string &text);
 
+// "CNT2"
+std::string controller_name(int controller);
+
 // CNT0 to CNT3, or the number alone. Throws Failure.
 int parse_controller(const std::string &text);
 
