@@ -6,10 +6,10 @@ set -eu
 packages="
     ca-certificates make cmake ninja-build pkg-config
     g++ gcc clang clang-tidy libclang-rt-14-dev binutils
-    libxml2-dev libcli11-dev nlohmann-json3-dev nettle-dev
+    libxml2-dev libarchive-dev libcli11-dev nlohmann-json3-dev nettle-dev
     libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
     spin
-    tar bzip2 coreutils findutils util-linux mount procps python3
+    tar bzip2 coreutils findutils util-linux mount procps python3 strace
     xxd bsdextrautils abigail-tools
 "
 

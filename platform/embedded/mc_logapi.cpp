@@ -280,6 +280,8 @@ __attribute__((noinline, format(printf, 4, 0))) void write_trace(const char *fil
     char line[line_size];
     size_t used = put_head(line, file, line_number, level);
     const size_t text = used;
+    // The caller has started the list; the analyzer loses sight of that.
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
     used += bounded(vsnprintf(line + used, line_size - 1 - used, format, arguments),
                     line_size - 1 - used);
     if (target == TraceTarget::system_log) {

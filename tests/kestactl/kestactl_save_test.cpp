@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "lab_fixture.h"
+#include "saved_group.h"
 
 using namespace test;
 using nlohmann::json;
@@ -11,53 +11,12 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-namespace {
-
-const std::string flash_backup = "/opt/kesta_sys/bakup/backup.tar.Z";
-const std::string flash_accept = "/opt/kesta_sys/bakup/accept.tar.Z";
-const std::string log_file = "/opt/scripts.log";
-
-std::string script_line(const std::string &kind, const std::string &command, int order)
-{
-    return "<" + kind + " path=\"" + command + "\" order=\"" + std::to_string(order) + "\"/>";
-}
-
-std::string note(const std::string &word) { return "echo " + word + " >> " + log_file; }
-
-}  // namespace
-
-class KestactlSave : public LabTest {
+class KestactlSave : public SavedGroup {
 protected:
     KestactlSave()
     {
-        set_slots();
-        write_file(host_path(0, "etc/app/one"), "one\n");
-        write_file(host_path(0, "etc/app/more/two"), "two\n");
         define(script_line("pre-script", note("before"), 1) +
                script_line("post-script", note("after"), 1));
-    }
-
-    void define(const std::string &scripts, const std::string &files =
-                                                "<file path=\"/etc/app/one\"/><file path=\"/etc/app/more\"/>")
-    {
-        write_file(host_path(0, "etc/kesta_sys/network/define.xml"),
-                   "<?xml version=\"1.0\"?>\n<group id=\"network\" operation=\"update\" "
-                   "type=\"files\"><setinfo>" + files + "</setinfo><script><backup reboot=\"0\">" +
-                       scripts + "</backup></script></group>\n");
-    }
-    std::string slot(const std::string &name) const
-    {
-        return read_file(dir / "shared/sysback" / name);
-    }
-    int number(const std::string &block) const
-    {
-        return std::stoi(ctl(0, "nv read " + block).out);
-    }
-    void expect_refusal(const Ran &run, int code, const std::string &text)
-    {
-        EXPECT_EQ(run.code, code) << run.out << run.err;
-        EXPECT_THAT(run.err, AllOf(HasSubstr("kestactl: "), HasSubstr(text)));
-        EXPECT_EQ(ctl(0, "lock check").code, 0) << "no lock is left";
     }
 };
 
@@ -211,35 +170,6 @@ TEST_F(KestactlSave, DryRunsWriteNothing)
         EXPECT_TRUE(snapshot() == untouched) << command;
     }
     EXPECT_THAT(ctl(0, "save network --dry-run").out, HasSubstr("run " + note("after")));
-}
-
-TEST_F(KestactlSave, KilledAtAnyTransferItIsWholeAndCanBeCompleted)
-{
-    fs::copy_file(KESTA_FAST_CLOCK_LIBRARY, host_path(0, "opt/libfast_clock.so"));
-    ASSERT_EQ(ctl(0, "save network").code, 0);
-    const std::string fast = "LD_PRELOAD=/opt/libfast_clock.so ";
-    for (const std::string kind : {"nv_write", "sb_close"}) {
-        for (int n = 1; n < 40; n += kind == "nv_write" ? 5 : 2) {
-            const std::string old_flash = file_on(0, flash_backup);
-            const std::string old_slot = slot("kesta_backup0");
-            write_file(host_path(0, "etc/app/one"), kind + std::to_string(n) + "\n");
-            write_file(host_path(0, "opt/faults"), kind + " " + std::to_string(n) + " once kill\n");
-            const Ran killed = on(0, fast + "KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl save network");
-            if (killed.code == 0) {
-                break;  // there are no more of them
-            }
-            // Each place holds the old archive or the new one, whole.
-            EXPECT_EQ(on(0, "tar -tjf " + flash_backup + " > /dev/null").code, 0);
-            const std::string now = slot("kesta_backup0");
-            EXPECT_TRUE(now == old_slot || now == file_on(0, flash_backup)) << kind << n;
-            (void)on(0, fast + "kestactl lock release --force");
-            const Ran again = on(0, fast + "kestactl save network");
-            EXPECT_EQ(again.code, 0) << kind << n << again.err;
-            EXPECT_EQ(slot("kesta_backup0"), file_on(0, flash_backup));
-            EXPECT_EQ(on(0, "tar -xjf " + flash_backup + " -O etc/app/one").out,
-                      kind + std::to_string(n) + "\n");
-        }
-    }
 }
 
 // --------------------------------------------------------------------------- all places at once

@@ -12,4 +12,7 @@ inline constexpr const char *merge_backup = "/var/run/kesta_sys/tmp/backup.tar.Z
 // Only while it is made and tested.
 inline constexpr const char *unfinished_archive = "/opt/kesta_sys/bakup/.save.tar.Z";
 
+// Only while files of a group are put back.
+inline constexpr const char *unfinished_restore_note = "/opt/kesta_sys/bakup/.restore";
+
 }  // namespace kestactl

@@ -18,7 +18,6 @@
 namespace kestactl {
 namespace {
 
-constexpr const char *files_may_be_gone = "addremove";
 constexpr unsigned mode_bits = 07777;
 
 // A path, or the name of a group.
@@ -220,7 +219,6 @@ void apply(KESTA_BACKUP_FILE &definition)
 // One step for each file that changes; the first one carries all of it out.
 Plan plan_apply(const std::string &group, KESTA_BACKUP_FILE &definition)
 {
-    const bool may_be_gone = strcmp(definition.operation, files_may_be_gone) == 0;
     Plan plan;
     plan.json = {{"group", group}};
     const auto add = [&](const std::string &what, const std::string &path) {
@@ -237,7 +235,7 @@ Plan plan_apply(const std::string &group, KESTA_BACKUP_FILE &definition)
         }
         struct stat status;
         if (stat(file.pathname, &status) != 0) {
-            if (may_be_gone) {
+            if (may_be_gone(definition)) {
                 continue;
             }
             throw Failure(Exit::no, "file-missing",

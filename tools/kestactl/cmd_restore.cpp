@@ -1,15 +1,18 @@
-// kestactl restore: bring a slot to flash, and run one of the group's restore scripts.
+// kestactl restore: a group's files put back by its definition; or a slot brought to flash, and one of the
+// group's own restore scripts run.
 #include <kesta/kesta.h>
 #include <string.h>
 
 #include <array>
 #include <map>
 #include <memory>
+#include <optional>
 
 #include "appliance_state.h"
 #include "archive_places.h"
 #include "command.h"
 #include "names.h"
+#include "restore_files.h"
 #include "trace_capture.h"
 
 namespace kestactl {
@@ -26,11 +29,18 @@ enum class RestoreScript : int { none = 0, update = 1, reboot = 2 };
 struct RestoreOptions {
     std::string group;
     std::string from = "backup";
-    RestoreScript script = RestoreScript::update;
+    std::optional<RestoreScript> script;
     int distribution = 0;
     bool switch_only = false;
     bool no_switch = false;
     bool skip_flashcopy = false;
+
+    // One of the flow's own options asks for it.
+    bool asks_for_flow() const
+    {
+        return script || distribution != 0 || switch_only || no_switch || skip_flashcopy;
+    }
+    RestoreScript kind() const { return script.value_or(RestoreScript::update); }
 };
 
 const std::map<std::string, RestoreScript> restore_scripts{
@@ -48,10 +58,10 @@ struct Planned {
 // A switch runs the backup-side script, whichever slot it takes.
 std::string script_path(const RestoreOptions &options, const Planned &planned)
 {
-    if (options.switch_only || options.script == RestoreScript::none) {
+    if (options.switch_only || options.kind() == RestoreScript::none) {
         return "";
     }
-    const std::string kind = options.script == RestoreScript::update ? "ud" : "rb";
+    const std::string kind = options.kind() == RestoreScript::update ? "ud" : "rb";
     const std::string side = planned.area_flag == no_switch_accept_side ? "ap" : "bk";
     const std::string number =
         options.distribution == 0 ? "" : std::to_string(options.distribution);
@@ -73,7 +83,7 @@ Planned resolve(const RestoreOptions &options)
     }
     planned.script = script_path(options, planned);
     planned.copies_accept =
-        !options.switch_only && options.script == RestoreScript::update && !options.skip_flashcopy;
+        !options.switch_only && options.kind() == RestoreScript::update && !options.skip_flashcopy;
     return planned;
 }
 
@@ -175,7 +185,7 @@ void restore(const RestoreOptions &options, const Planned &planned)
     memcpy(name.data(), planned.slot.data(), planned.slot.size());
     learn_own_number();
     explain(kestal_sysback2current(options.group.c_str(), options.switch_only ? switch_only_flag : 0,
-                                   planned.area_flag, static_cast<int>(options.script),
+                                   planned.area_flag, static_cast<int>(options.kind()),
                                    options.distribution, name.data(), options.skip_flashcopy),
             planned);
 }
@@ -193,32 +203,65 @@ Plan plan_restore(const RestoreOptions &options)
     return plan;
 }
 
+Result restore_by(const RestoreOptions &options, RestoreFilesOptions files, const Globals &globals)
+{
+    if (!options.asks_for_flow()) {
+        check_group(options.group);
+        if (options.from != "backup" && options.from != "accept") {
+            check_slot(options.from);
+        }
+        files.group = options.group;
+        files.from = options.from;
+        return restore_files(files, globals);
+    }
+    if (!files.only.empty() || files.on_reboot) {
+        throw Failure(Exit::usage, "two-ways",
+                      "--only and --on-reboot are for a restore by the definition, the other options for one "
+                      "by the group's own scripts.",
+                      "Leave one of them out: see 'kestactl restore --help'.");
+    }
+    return carry_out(plan_restore(options), globals);
+}
+
 }  // namespace
 
 void add_restore(CLI::App &app, Globals &globals, Action &action)
 {
     auto options = std::make_shared<RestoreOptions>();
-    CLI::App *command =
-        app.add_subcommand("restore", "Bring a saved environment back to this controller");
-    command->add_option("GROUP", options->group, "Group whose restore script is run")->required();
+    auto files = std::make_shared<RestoreFilesOptions>();
+    CLI::App *command = app.add_subcommand(
+        "restore", "Bring a saved environment back to this controller: the files of the group's definition, "
+                   "or with --script by one of the group's own scripts");
+    command->add_option("GROUP", options->group, "Group name")->required();
     command->add_option("--from", options->from, "backup, accept, or a slot by its name");
-    command->add_option("--script", options->script, "Which script to run: update, reboot or none")
+    command->add_option("--only", files->only, "Restore this path of the group, or below one, and no more");
+    command->add_flag("--on-reboot", files->on_reboot,
+                      "For the next reboot: re-post-scripts instead of post-scripts, and the reboot version");
+    add_wait_option(*command, files->work);
+    add_script_options(*command, files->work);
+    command->add_option("--script", options->script, "Which of the group's own scripts: update, reboot or none")
         ->transform(CLI::CheckedTransformer(restore_scripts))
-        ->option_text("update|reboot|none");
+        ->option_text("update|reboot|none")
+        ->group("The group's own scripts");
     command->add_option("--distribution", options->distribution,
-                        "Number that becomes part of the script's name, 0 for none");
-    command->add_flag("--switch-only", options->switch_only, "Bring the slot to flash, no more");
-    command->add_flag("--no-switch", options->no_switch, "Restore what is on flash already");
+                        "Number that becomes part of the script's name, 0 for none")
+        ->group("The group's own scripts");
+    command->add_flag("--switch-only", options->switch_only, "Bring the slot to flash, no more")
+        ->group("The group's own scripts");
+    command->add_flag("--no-switch", options->no_switch, "Restore what is on flash already")
+        ->group("The group's own scripts");
     command->add_flag("--skip-flashcopy", options->skip_flashcopy,
-                      "Don't copy flash accept.tar.Z to the merge cache before an update script");
+                      "Don't copy flash accept.tar.Z to the merge cache before an update script")
+        ->group("The group's own scripts");
     add_dry_run(*command, globals);
     add_examples(*command, "  kestactl restore network --dry-run\n"
-                           "  kestactl restore network --from accept --skip-flashcopy\n"
+                           "  kestactl restore network --only /etc/hosts\n"
+                           "  kestactl restore network --from accept --on-reboot\n"
                            "  kestactl restore network --from kesta_backup1 --switch-only\n"
-                           "  kestactl restore network --no-switch --script reboot");
-    command->callback([&action, options] {
-        action = [options](const Globals &given) {
-            return carry_out(plan_restore(*options), given);
+                           "  kestactl restore network --script update --skip-flashcopy");
+    command->callback([&action, options, files] {
+        action = [options, files](const Globals &given) {
+            return restore_by(*options, *files, given);
         };
     });
 }

@@ -1,131 +1,28 @@
 // kestactl save and accept: a whole environment saved, and made the accepted one, in one command each.
 #include <kesta/kesta.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <iostream>
 #include <memory>
-#include <optional>
 
 #include "appliance_state.h"
 #include "archive_places.h"
 #include "command.h"
 #include "environment_archive.h"
+#include "environment_work.h"
 #include "group_definition.h"
-#include "held_lock.h"
 #include "mirror.h"
 #include "names.h"
-#include "script_run.h"
+#include "unfinished_restore.h"
 #include "whole_file.h"
 
 namespace kestactl {
 namespace {
 
-constexpr const char *local_lock = "environment";
-
 struct SaveOptions {
     std::string group;
-    int wait = 0;
-    ScriptContext scripts;
+    WorkOptions work;
 };
-
-// What a run has come to know, for its steps and for its result.
-struct Work {
-    const HeldSignals *signals = nullptr;
-    const HeldCommandLock *lock = nullptr;
-    int version = 0;
-    std::vector<ScriptEnd> scripts;
-};
-
-// ------------------------------------------------------------------------------------- the scripts
-
-void run_one(const Script &script, const ScriptContext &context, Work &work)
-{
-    work.scripts.push_back(run_script(script.command, context, *work.signals));
-    const ScriptEnd &end = work.scripts.back();
-    if (!end.succeeded()) {
-        throw Failure(Exit::platform, "script-failed",
-                      "The script '" + script.command + "' failed: " + describe(end) + ".",
-                      "Mend it, then run the command again; --script-timeout gives it more time.");
-    }
-}
-
-// ------------------------------------------------------------------------------------------- locks
-
-void stop_if_asked(const Work &work)
-{
-    if (const int signal = work.signals->pending(); signal != 0) {
-        throw Failure(static_cast<Exit>(ended_by_signal + signal), "interrupted",
-                      std::string("Interrupted (") + strsignal(signal) +
-                          "). What had been done is whole.",
-                      "Run the command again: it completes what is unfinished.");
-    }
-}
-
-// Carries out a plan with both locks held, and lets go of them on every way out. What comes last is done
-// even if a step failed.
-Result carry_out_locked(const LockRequest &request, const std::function<Plan(Work &)> &make_plan,
-                        const std::function<void(Work &)> &last, const Globals &globals)
-{
-    Work work;
-    const HeldSignals signals;
-    work.signals = &signals;
-    if (globals.dry_run) {
-        return carry_out(make_plan(work), globals);
-    }
-    HeldLocalLock local(local_lock);
-    const int own = learn_own_number();
-    HeldCommandLock command(own, take_command_lock(request, own, signals));
-    work.lock = &command;
-    Result result;
-    std::optional<Failure> failure;
-    try {
-        result = carry_out(make_plan(work), globals);
-    } catch (const Failure &met) {
-        failure = met;
-    }
-    (void)signals.pending();  // it has ended the steps; what comes last is done all the same
-    try {
-        last(work);
-    } catch (const Failure &met) {
-        failure = failure ? failure : std::optional<Failure>(met);
-    }
-    if (failure) {
-        throw *failure;
-    }
-    command.release();
-    local.release();
-    result.json["version"] = work.version;
-    result.json["scripts"] = Json::array();
-    for (const ScriptEnd &end : work.scripts) {
-        result.json["scripts"].push_back(to_json(end));
-    }
-    return result;
-}
-
-// A step that looks first whether it may still be done, and says that it begins.
-Step guarded(Work &work, const std::string &what, std::vector<std::string> writes,
-             const std::function<void()> &act)
-{
-    return {what, std::move(writes), [&work, what, act] {
-                stop_if_asked(work);
-                if (isatty(STDERR_FILENO) != 0) {
-                    std::cerr << "... " << what << std::endl;
-                }
-                act();
-            }};
-}
-
-// The same for one that others see: the lock must still be ours.
-Step publishing(Work &work, const std::string &what, std::vector<std::string> writes,
-                const std::function<void()> &act)
-{
-    return guarded(work, what, std::move(writes), [&work, act] {
-        work.lock->require_ours();
-        act();
-    });
-}
 
 void require_same(const std::string &slot, const std::string &path)
 {
@@ -137,14 +34,6 @@ void require_same(const std::string &slot, const std::string &path)
 }
 
 // ------------------------------------------------------------------------------------------- save
-
-void set_version(int area, int controller, int version)
-{
-    if (kestal_set_version(area, controller, version) != KESTA_OK) {
-        fail_call("version-failed", "The versions were not recorded in every place.",
-                  "The archives are whole. Look at --trace 1, then run the command again.");
-    }
-}
 
 void record_versions(int version)
 {
@@ -203,20 +92,16 @@ void add_mirror_step(Plan &plan, Work &work)
 Plan plan_save(const SaveOptions &options, Work &work)
 {
     require_writable();
+    require_no_unfinished_restore();
     learn_own_number();
     const std::string slot = require_slot(backup_slot(), "backup");
     auto definition = std::shared_ptr<KESTA_BACKUP_FILE>(read_definition(options.group).release());
-    const std::vector<Script> scripts = scripts_of(options.group, "backup", "pre-script");
     const ArchiveContents contents = collect(*definition);
     Plan plan;
+    plan.long_work = true;
     plan.json = {{"group", options.group}, {"slot", slot}, {"files", contents.files}};
     add_mirror_step(plan, work);
-    for (const Script &script : scripts) {
-        plan.steps.push_back(guarded(work, "run " + script.command, {"whatever the script writes"},
-                                     [script, &options, &work] {
-                                         run_one(script, options.scripts, work);
-                                     }));
-    }
+    add_script_steps(plan, work, scripts_of(options.group, "backup", "pre-script"), options.work.scripts);
     // After the scripts: they may have made the files.
     plan.steps.push_back(guarded(
         work, "archive " + std::to_string(contents.files.size()) + " files, and test the archive",
@@ -232,35 +117,20 @@ Plan plan_save(const SaveOptions &options, Work &work)
     plan.steps.push_back(publishing(work, "record the version",
                                     {"version areas backup and current", "/etc/kesta_sys/version"},
                                     [&work] { record_versions(work.version); }));
-    for (const Script &script : scripts_of(options.group, "backup", "post-script")) {
-        plan.steps.push_back({"run " + script.command, {"whatever the script writes"}, [] {}});
-    }
+    announce_scripts(plan, work, scripts_of(options.group, "backup", "post-script"));
     return plan;
-}
-
-// They undo what the scripts before did: they are run also after a failure.
-void run_post_scripts(const SaveOptions &options, Work &work)
-{
-    std::optional<Failure> failure;
-    for (const Script &script : scripts_of(options.group, "backup", "post-script")) {
-        try {
-            run_one(script, options.scripts, work);
-        } catch (const Failure &met) {
-            failure = failure ? failure : std::optional<Failure>(met);
-        }
-    }
-    if (failure) {
-        throw *failure;
-    }
 }
 
 Result save(const SaveOptions &options, const Globals &globals)
 {
     (void)read_definition(options.group);  // before any lock is taken
     Result result = carry_out_locked(
-        {KESTA_LOCK_TYPE1, options.group, options.wait},
+        {KESTA_LOCK_TYPE1, options.group, options.work.wait},
         [&options](Work &work) { return plan_save(options, work); },
-        [&options](Work &work) { run_post_scripts(options, work); }, globals);
+        [&options](Work &work) {
+            run_last(scripts_of(options.group, "backup", "post-script"), options.work.scripts, work);
+        },
+        globals);
     if (!globals.dry_run) {
         result.text += "Saved " + options.group + " as version " +
                        result.json["version"].dump() + ".\n";
@@ -309,6 +179,7 @@ Plan plan_accept(Work &work)
     const std::string slot = require_slot(accept_slot(), "accept");
     require_whole_archive(flash_backup);
     Plan plan;
+    plan.long_work = true;
     plan.json = {{"slot", slot}};
     plan.steps.push_back(guarded(work, "bring the saved environment to the merge cache",
                                  {merge_backup},
@@ -325,18 +196,12 @@ Plan plan_accept(Work &work)
 
 Result accept(const SaveOptions &options, const Globals &globals)
 {
-    Result result = carry_out_locked({KESTA_LOCK_TYPE1, "", options.wait}, plan_accept,
+    Result result = carry_out_locked({KESTA_LOCK_TYPE1, "", options.work.wait}, plan_accept,
                                      [](Work &) {}, globals);
     if (!globals.dry_run) {
         result.text += "Accepted version " + result.json["version"].dump() + ".\n";
     }
     return result;
-}
-
-void add_wait(CLI::App &command, int &wait)
-{
-    command.add_option("--wait", wait, "Seconds to wait for the command lock")
-        ->check(CLI::NonNegativeNumber);
 }
 
 }  // namespace
@@ -347,13 +212,8 @@ void add_save(CLI::App &app, Globals &globals, Action &action)
     CLI::App *command = app.add_subcommand(
         "save", "Save a group's files: archive, version, flash copy and backup slot");
     command->add_option("GROUP", options->group, "Group name")->required();
-    add_wait(*command, options->wait);
-    command->add_option("--event", options->scripts.event, "KESTA_EVENT of the scripts");
-    command->add_option("--platform-status", options->scripts.platform_status,
-                        "KESTA_VRBGETSTAT of the scripts");
-    command->add_option("--script-timeout", options->scripts.timeout,
-                        "Seconds after which a script is stopped (600)")
-        ->check(CLI::PositiveNumber);
+    add_wait_option(*command, options->work);
+    add_script_options(*command, options->work);
     add_dry_run(*command, globals);
     command->callback([&action, options] {
         action = [options](const Globals &given) { return save(*options, given); };
@@ -367,7 +227,7 @@ void add_accept(CLI::App &app, Globals &globals, Action &action)
     auto options = std::make_shared<SaveOptions>();
     CLI::App *command =
         app.add_subcommand("accept", "Make the saved environment on flash the accepted one");
-    add_wait(*command, options->wait);
+    add_wait_option(*command, options->work);
     add_dry_run(*command, globals);
     command->callback([&action, options] {
         action = [options](const Globals &given) { return accept(*options, given); };

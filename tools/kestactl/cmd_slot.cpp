@@ -101,11 +101,11 @@ Plan plan_switch(SwitchOptions options)
                       "Name two different slots, or none to let them change places.");
     }
     const auto writes = [&](const char *mirror, int block) {
-        std::vector<std::string> places{"NV memory: block " + std::to_string(block)};
+        std::vector<std::string> written_to{"NV memory: block " + std::to_string(block)};
         if (!options.memory_only) {
-            places.insert(places.begin(), std::string("system backup area: ") + mirror);
+            written_to.insert(written_to.begin(), std::string("system backup area: ") + mirror);
         }
-        return places;
+        return written_to;
     };
     Plan plan;
     plan.json = {{"backup", options.backup}, {"accept", options.accept}};

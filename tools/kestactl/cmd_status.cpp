@@ -22,11 +22,11 @@ namespace {
 
 constexpr std::array<const char *, 3> boot_mode_names{"normal", "suspend", "initconf"};
 
-struct Place {
+struct ArchivePlace {
     const char *name;
     const char *path;
 };
-constexpr std::array<Place, 5> local_places{{
+constexpr std::array<ArchivePlace, 5> local_places{{
     {"flash", flash_backup},
     {"flash", flash_accept},
     {"tmp cache", cache_backup},
@@ -82,7 +82,7 @@ void add_file_checksum(Archive &archive)
     archive.sha256 = checksum.text();
 }
 
-Archive look_at_file(const Place &place, bool checksums)
+Archive look_at_file(const ArchivePlace &place, bool checksums)
 {
     Archive archive{place.name, place.path, "ok", 0, ""};
     struct stat status;
@@ -241,7 +241,7 @@ void add_archives(Result &result, bool checksums)
 {
     result.json["archives"] = Json::array();
     result.text += "archives:\n";
-    for (const Place &place : local_places) {
+    for (const ArchivePlace &place : local_places) {
         add_archive(result, look_at_file(place, checksums));
     }
     if (checksums) {

@@ -14,20 +14,22 @@
 #include "lock_state.h"
 #include "mirror.h"
 #include "names.h"
+#include "unfinished_restore.h"
 #include "whole_file.h"
 
 namespace kestactl {
 namespace {
-
 
 // Files that are there only while a command works on them, and what completes it.
 struct Leftover {
     const char *path;
     const char *mend;
 };
-constexpr std::array<Leftover, 3> leftovers{{
+constexpr std::array<Leftover, 5> leftovers{{
     {unfinished_archive, "run 'kestactl save GROUP' again"},
-    {"/opt/kesta_sys/bakup/accept.tar.Z.new", "run 'kestactl accept' again"},
+    {"/opt/kesta_sys/bakup/.restore.new", "run 'kestactl restore GROUP' again"},
+    {"/opt/kesta_sys/bakup/backup.tar.Z.new", "run 'kestactl restore GROUP' again"},
+    {"/opt/kesta_sys/bakup/accept.tar.Z.new", "run 'kestactl accept' again, or 'kestactl restore GROUP --from accept'"},
     {"/opt/kesta_sys/bakup/tmp.tar.Z", "run 'kestactl copy backup2copy GROUP' again"},
 }};
 
@@ -124,6 +126,7 @@ void check_archive(Checks &checks, const ArchivePair &pair)
 
 struct Versions {
     int backup;
+    int accept;
     int current;
     int flash = -1;
 };
@@ -132,6 +135,7 @@ Versions read_versions(int own)
 {
     Versions versions{};
     versions.backup = kestal_read_version_nolock(KESTA_VER_AREA_BACKUP, own, KESTA_VERSION_BY_MODE);
+    versions.accept = kestal_read_version_nolock(KESTA_VER_AREA_ACCEPT, own, KESTA_VERSION_BY_MODE);
     versions.current = kestal_read_version_nolock(KESTA_VER_AREA_CURRENT, own, KESTA_VERSION_BY_MODE);
     (void)kestal_read_flash_version_file(&versions.flash, KESTA_FLASH_VERSION);  // then it stays -1
     return versions;
@@ -143,12 +147,13 @@ void check_versions(Checks &checks, const Versions &versions)
         return version < 0 ? std::string("none") : std::to_string(version);
     };
     const std::string found = "this controller " + shown(versions.current) + ", its flash " +
-                              shown(versions.flash) + ", the backup " + shown(versions.backup);
+                              shown(versions.flash) + ", the backup " + shown(versions.backup) +
+                              ", the accepted " + shown(versions.accept);
     const bool never = versions.flash < 0 && versions.current <= 0;
     std::string mend;
     if (!never && versions.flash != versions.current) {
         mend = "kestactl version set flash " + shown(versions.current);
-    } else if (versions.current != versions.backup) {
+    } else if (versions.current != versions.backup && versions.current != versions.accept) {
         mend = "kestactl restore GROUP, or kestactl save GROUP if this controller is right";
     }
     checks.push_back({"versions", found, mend});
@@ -182,6 +187,10 @@ void check_unfinished(Checks &checks)
             checks.push_back({"unfinished", std::string(leftover.path) + " was left behind",
                               leftover.mend});
         }
+    }
+    if (const auto restore = unfinished_restore()) {
+        checks.push_back({"unfinished", "a restore of " + restore->group + ": some of its files are new, some old",
+                          restore->command()});
     }
     if (const std::string holders = inner_lock_text(); !holders.empty()) {
         checks.push_back({"inner lock", "held by " + holders,

@@ -26,6 +26,17 @@ Result show_plan(const Plan &plan)
     return result;
 }
 
+void tell_progress(const Plan &plan, std::size_t step, const char *event, const Globals &globals)
+{
+    const std::string &what = plan.steps[step].what;
+    if (globals.json) {
+        const Json line{{"event", event}, {"step", step + 1}, {"of", plan.steps.size()}, {"what", what}};
+        std::cerr << line.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
+    } else if (isatty(STDERR_FILENO) != 0 && std::string(event) == "begin") {
+        std::cerr << "[" << step + 1 << "/" << plan.steps.size() << "] " << what << std::endl;
+    }
+}
+
 }  // namespace
 
 Result carry_out(const Plan &plan, const Globals &globals)
@@ -37,8 +48,15 @@ Result carry_out(const Plan &plan, const Globals &globals)
     result.json = plan.json;
     result.json["dry_run"] = false;
     result.json["steps"] = Json::array();
-    for (const Step &step : plan.steps) {
+    for (std::size_t i = 0; i < plan.steps.size(); ++i) {
+        const Step &step = plan.steps[i];
+        if (plan.long_work) {
+            tell_progress(plan, i, "begin", globals);
+        }
         step.act();
+        if (plan.long_work) {
+            tell_progress(plan, i, "end", globals);
+        }
         result.text += "Done: " + step.what + "\n";
         result.json["steps"].push_back(step_json(step));
     }

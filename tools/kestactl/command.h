@@ -36,6 +36,9 @@ struct Step {
 struct Plan {
     std::vector<Step> steps;
     Json json = Json::object();  // what the plan was made from
+    // Takes its time: each step is told on stderr when it begins, to a terminal in words, with --json as one
+    // event in a line of JSON.
+    bool long_work = false;
 };
 
 // Prints the plan, or carries it out and tells what was done.

@@ -13,6 +13,7 @@
 #include <filesystem>
 
 #include "failure.h"
+#include "group_definition.h"
 #include "whole_file.h"
 
 extern char **environ;
@@ -23,7 +24,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char *tar = "/usr/sbin/tar";
-constexpr const char *files_may_be_gone = "addremove";
 
 class Fd {
 public:
@@ -52,18 +52,6 @@ void add_parents(ArchiveContents &contents, const fs::path &relative)
             contents.parents.end()) {
             contents.parents.push_back(name);
         }
-    }
-}
-
-void check_path(const fs::path &path)
-{
-    const bool plain = path.is_absolute() && path.lexically_normal() == path &&
-                       path.has_relative_path() && path.has_filename();
-    if (!plain) {
-        throw Failure(Exit::no, "bad-path",
-                      "The definition names '" + path.string() + "', which can't be archived.",
-                      "Paths are absolute, without '..', '.' or a slash at the end: mend the "
-                      "definition, 'kestactl group check' shows the line.");
     }
 }
 
@@ -110,21 +98,76 @@ bool run(std::vector<std::string> words, const std::vector<std::string> &names, 
     return status == 0;
 }
 
+// What is restored is written to the group's own paths only: a link must lead to one of them.
+void check_links(const fs::path &path, const ArchiveContents &contents)
+{
+    const auto check = [&contents](const fs::path &link) {
+        const std::string destination =
+            link_destination(link.string(), fs::read_symlink(link).string());
+        const bool within = std::any_of(contents.files.begin(), contents.files.end(),
+                                        [&destination](const std::string &file) {
+                                            return is_within(destination, file);
+                                        });
+        if (!within) {
+            throw Failure(Exit::no, "link-leads-out",
+                          "The link " + link.string() + " leads out of the group, to /" + destination + ".",
+                          "It could not be restored. Put what it leads to into the definition as well, or "
+                          "take the link out; links that the definition makes itself are no files of it.");
+        }
+    };
+    if (fs::is_symlink(path)) {
+        check(path);
+    } else if (fs::is_directory(path)) {
+        for (const fs::directory_entry &entry : fs::recursive_directory_iterator(path)) {
+            if (entry.is_symlink()) {
+                check(entry.path());
+            }
+        }
+    }
+}
+
 }  // namespace
+
+bool is_within(const std::string &path, const std::string &folder)
+{
+    return path == folder || (path.starts_with(folder) && path[folder.size()] == '/');
+}
+
+std::string link_destination(const std::string &link, const std::string &target)
+{
+    std::string destination =
+        (fs::path(link).parent_path() / target).lexically_normal().relative_path().string();
+    if (destination.ends_with('/')) {
+        destination.pop_back();
+    }
+    return destination;
+}
+
+void check_file_path(const std::string &text)
+{
+    const fs::path path = text;
+    const bool plain = path.is_absolute() && path.lexically_normal() == path &&
+                       path.has_relative_path() && path.has_filename();
+    if (!plain) {
+        throw Failure(Exit::no, "bad-path",
+                      "The definition names '" + text + "', which can't be archived.",
+                      "Paths are absolute, without '..', '.' or a slash at the end: mend the "
+                      "definition, 'kestactl group check' shows the line.");
+    }
+}
 
 ArchiveContents collect(const KESTA_BACKUP_FILE &definition)
 {
-    const bool may_be_gone = strcmp(definition.operation, files_may_be_gone) == 0;
     ArchiveContents contents;
     for (const KESTA_BACKUP_FILE_PATH &file : definition.setfile) {
         if (file.pathname[0] == '\0') {
             break;
         }
         const fs::path path = file.pathname;
-        check_path(path);
+        check_file_path(path.string());
         struct stat status;
         if (lstat(path.c_str(), &status) != 0) {
-            if (errno == ENOENT && may_be_gone) {
+            if (errno == ENOENT && may_be_gone(definition)) {
                 continue;
             }
             throw Failure(Exit::no, "file-missing",
@@ -138,6 +181,9 @@ ArchiveContents collect(const KESTA_BACKUP_FILE &definition)
     if (contents.files.empty()) {
         throw Failure(Exit::no, "no-files", "The group has no files to save.",
                       "See 'kestactl group show'.");
+    }
+    for (const std::string &file : contents.files) {
+        check_links("/" + file, contents);
     }
     return contents;
 }

@@ -14,8 +14,17 @@ struct ArchiveContents {
     std::vector<std::string> files;    // files, links and whole folders with what is in them
 };
 
+// A path lies at another one or below it.
+bool is_within(const std::string &path, const std::string &folder);
+
+// Where a link leads by its text, relative to the root.
+std::string link_destination(const std::string &link, const std::string &target);
+
+// Throws Failure: a path of a definition that can't be archived.
+void check_file_path(const std::string &text);
+
 // Collects the files of a definition. Throws Failure: a file is missing (where the group's operation
-// does not allow that), or its path can't be archived.
+// does not allow that), its path can't be archived, or a link leads out of the group.
 ArchiveContents collect(const KESTA_BACKUP_FILE &definition);
 
 // Makes the archive, and holds every file in it against the system again. The file is on the disk then.

@@ -3,6 +3,7 @@
 #include <libxml/parser.h>
 #include <libxml/xpath.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <algorithm>
 
@@ -50,6 +51,11 @@ Definition read_definition(const std::string &group)
                       "See what is wrong: kestactl group check " + group);
     }
     return definition;
+}
+
+bool may_be_gone(const KESTA_BACKUP_FILE &definition)
+{
+    return strcmp(definition.operation, "addremove") == 0;
 }
 
 std::vector<Script> scripts_of(const std::string &group, const std::string &side,

@@ -17,6 +17,9 @@ std::string definition_of(const std::string &group);
 // Throws Failure: no group of that name, or a definition that is refused.
 Definition read_definition(const std::string &group);
 
+// Whether files of the group may be missing: they are removed by a restore then.
+bool may_be_gone(const KESTA_BACKUP_FILE &definition);
+
 // One script of a definition.
 struct Script {
     std::string command;

@@ -45,12 +45,14 @@ void flush(const std::string &path, int flags)
 
 void flush_file(const std::string &path) { flush(path, 0); }
 
+void flush_folder(const std::string &path) { flush(path, O_DIRECTORY); }
+
 void publish_file(const std::string &finished, const std::string &path)
 {
     if (chmod(finished.c_str(), 0644) != 0 || rename(finished.c_str(), path.c_str()) != 0) {
         fail_file(path, "replaced");
     }
-    flush(fs::path(path).parent_path().string(), O_DIRECTORY);
+    flush_folder(fs::path(path).parent_path().string());
 }
 
 void copy_file_whole(const std::string &from, const std::string &to)

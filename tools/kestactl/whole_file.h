@@ -10,8 +10,9 @@ namespace kestactl {
 
 std::string read_whole_file(const std::string &path);
 
-// Makes a file reach the disk. Throws Failure.
+// Make a file, or the names in a folder, reach the disk. Throw Failure.
 void flush_file(const std::string &path);
+void flush_folder(const std::string &path);
 
 // Puts a finished and flushed file in the place of another one, and makes that last. Throws Failure.
 void publish_file(const std::string &finished, const std::string &path);

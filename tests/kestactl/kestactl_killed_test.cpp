@@ -1,0 +1,165 @@
+// Save, accept and restore killed with SIGKILL at one call after the other: what is left is whole, verify names
+// what is unfinished, and the same command completes it.
+#include "saved_group.h"
+
+using namespace test;
+using nlohmann::json;
+
+namespace {
+
+// The calls of the platform's libraries by which the commands see and change what is shared.
+const std::vector<std::string> platform_calls{"nv_read", "nv_write", "nv_write_mid", "sb_open",
+                                              "sb_read", "sb_size",  "sb_write",     "sb_write_size",
+                                              "sb_close"};
+// The system calls that change a file.
+const std::vector<std::string> changing_calls{"write",  "pwrite64", "sendfile", "copy_file_range", "ftruncate",
+                                              "fsync",  "rename",   "unlink",   "mkdir",           "symlink",
+                                              "link",   "chmod",    "fchmod",   "lchown",          "utimensat"};
+
+struct Killed {
+    const char *name;
+    const char *command;
+};
+void PrintTo(const Killed &killed, std::ostream *out) { *out << killed.command; }
+
+}  // namespace
+
+class KilledCommand : public SavedGroup, public testing::WithParamInterface<Killed> {
+protected:
+    KilledCommand()
+    {
+        fs::copy_file(KESTA_FAST_CLOCK_LIBRARY, host_path(0, "opt/libfast_clock.so"));
+        define("");
+        succeed("kestactl save network && kestactl accept");
+    }
+
+    // Waits for a dead one's inner lock pass at once.
+    Ran quickly(const std::string &command) const
+    {
+        return on(0, "export LD_PRELOAD=/opt/libfast_clock.so; " + command);
+    }
+
+    // Something for the command to do that shows whether it was done.
+    void make_work(const std::string &mark)
+    {
+        mark_ = mark + "\n";
+        if (std::string(GetParam().command) == "accept") {
+            write_file(host_path(0, "etc/app/one"), mark_);
+            succeed("kestactl save network");
+        }
+        if (std::string(GetParam().command) == "restore network") {
+            mark_ = "one\n";
+        }
+        write_file(host_path(0, "etc/app/one"), mark + "\n");
+        before_ = contents();
+    }
+    // What each place holds, by its name.
+    std::map<std::string, std::string> contents() const
+    {
+        return {{"flash backup", read_file(host_path(0, flash_backup.substr(1)))},
+                {"flash accept", read_file(host_path(0, flash_accept.substr(1)))},
+                {"backup slot", slot("kesta_backup0")},
+                {"accept slot", slot("kesta_backup1")},
+                {"file one", read_file(host_path(0, "etc/app/one"))},
+                {"file two", read_file(host_path(0, "etc/app/more/two"))}};
+    }
+    bool is_whole(const std::string &archive) const
+    {
+        write_file(home / "archive", archive);
+        return shell("bunzip2 -t < " + (home / "archive").string()).code == 0;
+    }
+    void expect_completed(const std::string &where) const
+    {
+        const Ran again = quickly("kestactl " + std::string(GetParam().command));
+        EXPECT_EQ(again.code, 0) << where << again.err;
+        const Ran verified = quickly("kestactl verify");
+        EXPECT_EQ(verified.code, 0) << where << verified.out;
+        EXPECT_EQ(on(0, "find /opt/kesta_sys /etc -name '.*new' -o -name '*.new' -o -name .restore").out, "");
+        EXPECT_EQ(read_file(host_path(0, "etc/app/one")), mark_) << where;
+        const std::string archive =
+            std::string(GetParam().command) == "accept" ? flash_accept : flash_backup;
+        EXPECT_EQ(on(0, "tar -xjOf " + archive + " etc/app/one").out, mark_) << where;
+    }
+    // Each place has what it had, or the new one whole; and whoever asks is told.
+    void expect_whole_and_told(const std::string &where)
+    {
+        const auto now = contents();
+        bool changed = false;
+        for (const auto &[place, held] : now) {
+            changed = changed || held != before_.at(place);
+            if (held != before_.at(place) && place.find("file") == std::string::npos) {
+                EXPECT_TRUE(is_whole(held)) << where << ": " << place;
+            }
+        }
+        EXPECT_TRUE(now.at("file one") == before_.at("file one") || now.at("file one") == mark_) << where;
+        const Ran verified = quickly("kestactl --json verify");
+        const bool good = verified.code == 0;
+        EXPECT_TRUE(good || verified.code == 1) << where << verified.err;
+        std::string named;
+        const json answer = verified.json();
+        for (const json &check : answer.at("result").at("checks")) {
+            named += check.at("good") ? "" : check.at("what").get<std::string>() + "; ";
+        }
+        const bool differ = now.at("flash backup") != now.at("backup slot") ||
+                            now.at("flash accept") != now.at("accept slot");
+        EXPECT_TRUE(!differ || !good) << where << " is said to be in order";
+        if (named.find("command lock") != std::string::npos) {
+            EXPECT_EQ(quickly("kestactl lock release --force").code, 0) << where;
+        }
+    }
+
+private:
+    std::string mark_;
+    std::map<std::string, std::string> before_;
+};
+
+TEST_P(KilledCommand, AtEachCallOfThePlatform)
+{
+    int kills = 0;
+    for (const std::string &call : platform_calls) {
+        for (int n = 1;; n += KESTA_KILL_STEP) {
+            const std::string where = call + " " + std::to_string(n);
+            make_work(where);
+            write_file(host_path(0, "opt/faults"), where + " once kill\n");
+            if (quickly("KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl " + std::string(GetParam().command))
+                    .code == 0) {
+                break;  // it makes no more of them
+            }
+            ++kills;
+            expect_whole_and_told(where);
+            expect_completed(where);
+        }
+    }
+    EXPECT_GT(kills * KESTA_KILL_STEP, 40);
+    RecordProperty("kills", kills);
+}
+
+#ifdef KESTA_KILL_BY_TRACING
+TEST_P(KilledCommand, AtEachSystemCallThatChangesAFile)
+{
+    int kills = 0;
+    for (const std::string &call : changing_calls) {
+        for (int n = 1;; ++n) {
+            const std::string where = call + " " + std::to_string(n);
+            make_work(where);
+            const Ran killed = on(0, "strace -qq -o /dev/null -e trace=" + call + " -e inject=" + call +
+                                         ":signal=KILL:when=" + std::to_string(n) + " kestactl " +
+                                         GetParam().command);
+            if (killed.code == 0) {
+                break;
+            }
+            ++kills;
+            EXPECT_EQ(killed.code, 137) << killed.err;
+            expect_whole_and_told(where);
+            expect_completed(where);
+        }
+    }
+    EXPECT_GT(kills, 15);
+    RecordProperty("kills", kills);
+}
+#endif
+
+INSTANTIATE_TEST_SUITE_P(Commands, KilledCommand,
+                         testing::Values(Killed{"save", "save network"}, Killed{"accept", "accept"},
+                                         Killed{"restore", "restore network"}),
+                         [](const testing::TestParamInfo<Killed> &tested) { return tested.param.name; });

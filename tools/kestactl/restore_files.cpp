@@ -1,0 +1,315 @@
+#include "restore_files.h"
+
+#include <kesta/kesta.h>
+#include <string.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+
+#include "appliance_state.h"
+#include "archive_places.h"
+#include "environment_archive.h"
+#include "group_definition.h"
+#include "names.h"
+#include "restored_files.h"
+#include "unfinished_restore.h"
+#include "whole_file.h"
+
+namespace kestactl {
+namespace {
+
+// The saved or the accepted environment, and where it lies.
+struct Source {
+    std::string side;  // "backup" or "accept"
+    std::string slot;
+    const char *flash;
+    int version_area;
+};
+
+Source source_of(const std::string &from)
+{
+    const std::string backup = backup_slot();
+    const std::string accept = accept_slot();
+    const Source saved{"backup", backup, flash_backup, KESTA_VER_AREA_BACKUP};
+    const Source accepted{"accept", accept, flash_accept, KESTA_VER_AREA_ACCEPT};
+    if (from == "backup" || (is_slot(from) && from == backup)) {
+        (void)require_slot(backup, "backup");
+        return saved;
+    }
+    if (from == "accept" || (is_slot(from) && from == accept)) {
+        (void)require_slot(accept, "accept");
+        return accepted;
+    }
+    throw Failure(Exit::no, "slot-not-in-use", from + " is neither the backup nor the accept slot.",
+                  "See 'kestactl slot show'; 'kestactl slot switch' names other ones.");
+}
+
+// What a run works on: it lives as long as the plan's steps.
+struct Restore {
+    RestoreFilesOptions options;
+    Source source;
+    std::shared_ptr<KESTA_BACKUP_FILE> definition;
+    std::string archive;
+    RestoredFiles files;
+    FileChanges changes;
+
+    std::string archive_name() const { return "Slot " + source.slot; }
+};
+
+UnfinishedRestore note_of(const Restore &restore)
+{
+    return {restore.options.group, restore.source.side, restore.options.only,
+            restore.options.on_reboot, restore.changes.replaced};
+}
+
+// Another one has to be completed first, unless this one covers it.
+void take_over_unfinished(const Restore &restore)
+{
+    const auto unfinished = unfinished_restore();
+    if (!unfinished) {
+        return;
+    }
+    const bool covered = unfinished->group == restore.options.group &&
+                         (restore.options.only.empty() || restore.options.only == unfinished->only);
+    if (!covered) {
+        require_no_unfinished_restore();
+    }
+}
+
+void put_slot_to_flash(const Restore &restore)
+{
+    const bool is_there = std::filesystem::exists(restore.source.flash);
+    if (!is_there || read_whole_file(restore.source.flash) != restore.archive) {
+        write_file_whole(restore.source.flash, restore.archive);
+    }
+}
+
+void put_beside(Restore &restore)
+{
+    if (const auto unfinished = unfinished_restore()) {
+        remove_staged(unfinished->replaced);
+    }
+    // After the scripts: they may have changed the files.
+    restore.changes = compare_files(restore.archive, restore.archive_name(), restore.files);
+    note_unfinished(note_of(restore));
+    try {
+        stage_files(restore.archive, restore.archive_name(), restore.files, restore.changes);
+    } catch (const Failure &) {
+        note_finished();  // no file in use was changed
+        throw;
+    }
+}
+
+void put_in_place(const Restore &restore)
+{
+    try {
+        place_files(restore.files, restore.changes);
+    } catch (const Failure &met) {
+        throw Failure(met.exit(), met.code(),
+                      std::string(met.what()) + " Some of the group's files are new, some old.",
+                      "Mend it, then complete the restore: " + note_of(restore).command());
+    }
+}
+
+// With --only, of the path itself.
+void apply_properties(const Restore &restore)
+{
+    auto definition = std::make_unique<KESTA_BACKUP_FILE>(*restore.definition);
+    if (!restore.options.only.empty()) {
+        std::fill(std::begin(definition->setfile), std::end(definition->setfile),
+                  KESTA_BACKUP_FILE_PATH{});
+        for (const KESTA_BACKUP_FILE_PATH &file : restore.definition->setfile) {
+            if (restore.options.only == file.pathname) {
+                definition->setfile[0] = file;
+            }
+        }
+    }
+    if (kestal_change_fileprop(definition.get(), learn_own_number()) != KESTA_OK) {
+        fail_call("properties-failed",
+                  "Links, owners, groups or modes of the definition were not set on every file.",
+                  "The files are all new. See which one with --trace 1, then complete the restore: " +
+                      note_of(restore).command());
+    }
+}
+
+// What the definition says of a reboot.
+bool needs_reboot(const Restore &restore)
+{
+    bool changed = false;
+    for (const KESTA_BACKUP_FILE_PATH &file : restore.definition->setfile) {
+        changed = changed || (file.diffreboot != 0 &&
+                              std::any_of(restore.changes.replaced.begin(),
+                                          restore.changes.replaced.end(),
+                                          [&file](const std::string &path) {
+                                              return is_within(path, file.pathname);
+                                          }));
+    }
+    const bool always = restore.definition->script.restore_reboot != 0 && restore.options.only.empty();
+    return changed || always || restore.options.on_reboot;
+}
+
+int source_version(const Source &source)
+{
+    const int version =
+        kestal_read_version(source.version_area, learn_own_number(), KESTA_VERSION_BY_MODE);
+    if (version < 0) {
+        fail_call("version-failed", "The version of the " + source.side + " can't be read.",
+                  "Look at --trace 1, then run the command again.");
+    }
+    return version;
+}
+
+void write_flash_version(int version, int kind)
+{
+    if (kestal_set_flash_version_file(version, kind) != KESTA_OK) {
+        fail_call("version-failed", "The version was not written to flash.",
+                  "Look at --trace 1, and at the space of /etc, then run the command again.");
+    }
+}
+
+void record_versions(const Restore &restore, Work &work)
+{
+    work.version = source_version(restore.source);
+    const int own = learn_own_number();
+    set_version(KESTA_VER_AREA_CURRENT, own, work.version);
+    write_flash_version(work.version, KESTA_FLASH_VERSION);
+    if (restore.options.on_reboot) {
+        set_version(KESTA_VER_AREA_REBOOT, own, work.version);
+        write_flash_version(work.version, KESTA_FLASH_REBOOT);
+    }
+}
+
+// ----------------------------------------------------------------------------------------- the plan
+
+std::vector<std::string> places_of(const FileChanges &changes)
+{
+    std::vector<std::string> places(changes.replaced.begin(), changes.replaced.end());
+    for (const std::string &path : changes.adjusted) {
+        places.push_back(path + " (owner and mode only)");
+    }
+    for (const std::string &path : changes.removed) {
+        places.push_back(path + " (removed: it was gone when the environment was saved)");
+    }
+    return places;
+}
+
+std::vector<std::string> version_places(const Restore &restore)
+{
+    std::vector<std::string> places{"version area current", "/etc/kesta_sys/version"};
+    if (restore.options.on_reboot) {
+        places.insert(places.end(), {"version area reboot", "/etc/kesta_sys/reboot"});
+    }
+    return places;
+}
+
+std::vector<Script> scripts(const RestoreFilesOptions &options, const char *kind)
+{
+    return scripts_of(options.group, "restore", kind);
+}
+
+// The ones of the end: for a system that goes on, or for one that is rebooted.
+const char *last_kind(const RestoreFilesOptions &options)
+{
+    return options.on_reboot ? "re-post-script" : "post-script";
+}
+
+std::shared_ptr<Restore> prepare(const RestoreFilesOptions &options)
+{
+    require_writable();
+    learn_own_number();
+    auto restore = std::make_shared<Restore>();
+    restore->options = options;
+    if (restore->options.only.size() > 1 && restore->options.only.ends_with('/')) {
+        restore->options.only.pop_back();  // as shells complete a folder
+    }
+    restore->source = source_of(options.from);
+    restore->definition = read_definition(options.group);
+    take_over_unfinished(*restore);
+    restore->archive = read_slot(restore->source.slot);
+    restore->files = choose_files(restore->archive, restore->archive_name(), *restore->definition,
+                                  restore->options.only);
+    restore->changes = compare_files(restore->archive, restore->archive_name(), restore->files);
+    return restore;
+}
+
+Plan plan_of(const std::shared_ptr<Restore> &restore, Work &work)
+{
+    const RestoreFilesOptions &options = restore->options;
+    const bool whole = options.only.empty();
+    Plan plan;
+    plan.long_work = true;
+    plan.json = {{"group", options.group}, {"from", restore->source.side}, {"slot", restore->source.slot}};
+    add_script_steps(plan, work, scripts(options, "pre-script"), options.work.scripts);
+    if (whole) {
+        plan.steps.push_back(publishing(work, "bring slot " + restore->source.slot + " to flash",
+                                        {restore->source.flash},
+                                        [restore] { put_slot_to_flash(*restore); }));
+    }
+    plan.steps.push_back(publishing(work, "put the new files beside the old ones",
+                                    {unfinished_restore_note, "a hidden file beside each one"},
+                                    [restore] { put_beside(*restore); }));
+    plan.steps.push_back(publishing(work, "let them take their places", places_of(restore->changes),
+                                    [restore] { put_in_place(*restore); }));
+    plan.steps.push_back(publishing(work, "set links, owners, groups and modes of the definition",
+                                    {"the group's files and links"},
+                                    [restore] { apply_properties(*restore); }));
+    if (whole) {
+        plan.steps.push_back(publishing(work, "record the version", version_places(*restore),
+                                        [restore, &work] { record_versions(*restore, work); }));
+    }
+    plan.steps.push_back(publishing(work, "note that it is complete", {unfinished_restore_note},
+                                    [] { note_finished(); }));
+    announce_scripts(plan, work, scripts(options, last_kind(options)));
+    return plan;
+}
+
+void describe_end(const Restore &restore, Result &result)
+{
+    const FileChanges &changes = restore.changes;
+    const auto count = [](const std::set<std::string> &paths) { return std::to_string(paths.size()); };
+    if (!restore.options.only.empty()) {
+        result.json["version"] = nullptr;
+    }
+    result.json["replaced"] = changes.replaced;
+    result.json["adjusted"] = changes.adjusted;
+    result.json["removed"] = changes.removed;
+    result.json["foreign"] = restore.files.foreign;
+    result.json["reboot_needed"] = needs_reboot(restore);
+    result.text += "Restored " + restore.options.group + " from the " + restore.source.side + ", " +
+                   (restore.options.only.empty() ? "version " + result.json["version"].dump()
+                                                 : restore.options.only + " only") +
+                   ": " + count(changes.replaced) + " replaced, " + count(changes.adjusted) +
+                   " given their owner and mode, " + count(changes.removed) + " removed.\n";
+    if (restore.files.foreign != 0) {
+        result.text += std::to_string(restore.files.foreign) +
+                       " members of the archive are not of this group: they were left alone.\n";
+    }
+    if (needs_reboot(restore)) {
+        result.text += "Reboot this controller: the definition, or --on-reboot, asks for it.\n";
+    }
+}
+
+}  // namespace
+
+Result restore_files(const RestoreFilesOptions &options, const Globals &globals)
+{
+    (void)read_definition(options.group);  // before any lock is taken
+    std::shared_ptr<Restore> restore;
+    Result result = carry_out_locked(
+        {KESTA_LOCK_TYPE1, options.group, options.work.wait},
+        [&](Work &work) {
+            restore = prepare(options);
+            return plan_of(restore, work);
+        },
+        [&](Work &work) {
+            run_last(scripts(options, last_kind(options)), options.work.scripts, work);
+        },
+        globals);
+    if (!globals.dry_run) {
+        describe_end(*restore, result);
+    }
+    return result;
+}
+
+}  // namespace kestactl

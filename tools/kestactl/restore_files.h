@@ -1,0 +1,19 @@
+// kestactl restore, by the definition: the group's files put back from a slot.
+#pragma once
+
+#include "environment_work.h"
+
+namespace kestactl {
+
+struct RestoreFilesOptions {
+    std::string group;
+    std::string from = "backup";  // "backup", "accept", or the name of the slot that is one of them
+    std::string only;             // a path of the group, or one below; empty: all
+    bool on_reboot = false;       // the files come into force with the next reboot
+    WorkOptions work;
+};
+
+// Throws Failure.
+Result restore_files(const RestoreFilesOptions &options, const Globals &globals);
+
+}  // namespace kestactl
