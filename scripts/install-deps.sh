@@ -10,7 +10,7 @@ packages="
     libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
     spin
     tar bzip2 coreutils findutils util-linux mount procps python3 strace
-    xxd bsdextrautils abigail-tools
+    xxd bsdextrautils abigail-tools chromium
 "
 
 missing=""

@@ -15,6 +15,7 @@
 #include "block_value.h"
 #include "command.h"
 #include "lock_state.h"
+#include "overview.h"
 #include "trace_capture.h"
 
 namespace kestactl {
@@ -367,7 +368,9 @@ Json field_json(const Field &field, const std::vector<char> &bytes)
             {"bytes", hex(bytes)}};
 }
 
-Result dump_decoded()
+}  // namespace
+
+Result decode_image()
 {
     const std::vector<char> image = read_image();
     Result result;
@@ -390,6 +393,8 @@ Result dump_decoded()
     }
     return result;
 }
+
+namespace {
 
 Result dump_bytes_as_json(const DumpOptions &options)
 {
@@ -430,7 +435,7 @@ Result dump(const DumpOptions &options, const Globals &globals)
         return dump_bytes_as_json(options);
     }
     if (globals.json || options.decoded) {
-        return dump_decoded();
+        return decode_image();
     }
     const TextFile file;
     dump_to(file.path(), options);

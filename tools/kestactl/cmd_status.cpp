@@ -4,6 +4,7 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
@@ -16,6 +17,8 @@
 #include "command.h"
 #include "lock_state.h"
 #include "names.h"
+#include "overview.h"
+#include "unfinished_restore.h"
 
 namespace kestactl {
 namespace {
@@ -196,6 +199,40 @@ std::string describe_holders(const Json &holders)
     return text.empty() ? "free" : "held by " + text;
 }
 
+// What this controller runs with, and what is saved.
+Json versions()
+{
+    const auto version = [](int area) {
+        const int number = kestal_read_version_nolock(
+            area, std::max(kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_OWN_NUMBER_NO_FILE), 0),
+            KESTA_VERSION_BY_MODE);
+        if (number < 0) {
+            throw Failure(Exit::platform, "version-failed", "A version can't be read.", "");
+        }
+        return number;
+    };
+    return {{"current", version(KESTA_VER_AREA_CURRENT)},
+            {"backup", version(KESTA_VER_AREA_BACKUP)},
+            {"accept", version(KESTA_VER_AREA_ACCEPT)}};
+}
+
+std::string describe_versions(const Json &versions)
+{
+    if (versions.is_null()) {
+        return "unknown";
+    }
+    return "this controller " + versions["current"].dump() + ", backup " + versions["backup"].dump() +
+           ", accepted " + versions["accept"].dump();
+}
+
+// A command that was cut short.
+Json unfinished()
+{
+    const auto restore = unfinished_restore();
+    return restore ? Json("a restore of " + restore->group + ": complete it with " + restore->command())
+                   : Json("nothing");
+}
+
 Json command_locks()
 {
     const LockState state = read_lock_state();
@@ -252,7 +289,9 @@ void add_archives(Result &result, bool checksums)
     }
 }
 
-Result status(bool archives)
+}  // namespace
+
+Result show_status(bool checksums)
 {
     Answers answers;
     const int own = kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_OWN_NUMBER_NO_FILE);
@@ -268,6 +307,8 @@ Result status(bool archives)
     json["accept_slot"] = answers.ask([] { return Json(accept_slot()); });
     json["group"] = answers.ask(
         [] { return Json(field_text(read_block(find_block("group"), From::memory).bytes)); });
+    json["versions"] = answers.ask(versions);
+    json["unfinished"] = answers.ask(unfinished);
     json["command_locks"] = answers.ask(command_locks);
     json["inner_lock"] = answers.ask(inner_lock_holders);
     result.text = "controller   CNT" + or_unknown(json["controller"]) + " of " +
@@ -276,15 +317,19 @@ Result status(bool archives)
                   or_unknown(json["master"]) + "\nbackup slot  " +
                   or_unknown(json["backup_slot"]) + "\naccept slot  " +
                   or_unknown(json["accept_slot"]) + "\ngroup        " + or_unknown(json["group"]) +
+                  "\nversions     " + describe_versions(json["versions"]) + "\nunfinished   " +
+                  or_unknown(json["unfinished"]) +
                   "\ncommand lock " + describe_locks(json["command_locks"]) +
                   "\ninner lock   " + describe_holders(json["inner_lock"]) + "\n";
-    add_archives(result, archives);
+    add_archives(result, checksums);
     if (answers.failed()) {
         result.text += "Some answers are missing: the platform did not give them (--trace 1).\n";
         result.exit = Exit::platform;
     }
     return result;
 }
+
+namespace {
 
 }  // namespace
 
@@ -296,7 +341,7 @@ void add_status(CLI::App &app, const Globals &, Action &action)
                            "  kestactl status --archives --json");
     command->add_flag("--archives", *archives, "Read every archive and show its checksum");
     command->callback(
-        [&action, archives] { action = [archives](const Globals &) { return status(*archives); }; });
+        [&action, archives] { action = [archives](const Globals &) { return show_status(*archives); }; });
 }
 
 }  // namespace kestactl

@@ -14,6 +14,7 @@
 #include "lock_state.h"
 #include "mirror.h"
 #include "names.h"
+#include "overview.h"
 #include "unfinished_restore.h"
 #include "whole_file.h"
 
@@ -219,7 +220,9 @@ void add_row(Result &result, const Check &check)
                                      {"mend", check.mend.empty() ? Json(nullptr) : Json(check.mend)}});
 }
 
-Result verify()
+}  // namespace
+
+Result verify_places()
 {
     const int own = learn_own_number();
     const MirrorState mirror = read_mirror();
@@ -247,13 +250,11 @@ Result verify()
     return result;
 }
 
-}  // namespace
-
 void add_verify(CLI::App &app, Action &action)
 {
     CLI::App *command = app.add_subcommand(
         "verify", "Hold flash, slots, NV memory and disk against each other, and say what to do");
-    command->callback([&action] { action = [](const Globals &) { return verify(); }; });
+    command->callback([&action] { action = [](const Globals &) { return verify_places(); }; });
     add_examples(*command, "  kestactl verify\n"
                            "  kestactl verify --json");
 }

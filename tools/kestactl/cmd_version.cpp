@@ -9,6 +9,7 @@
 #include "appliance_state.h"
 #include "command.h"
 #include "names.h"
+#include "overview.h"
 #include "trace_capture.h"
 
 namespace kestactl {
@@ -134,7 +135,9 @@ Json read_area(const Area &area, int controller, bool &failed)
     return version;
 }
 
-Result show()
+}  // namespace
+
+Result show_versions()
 {
     Result result;
     bool failed = false;
@@ -160,6 +163,8 @@ Result show()
     }
     return result;
 }
+
+namespace {
 
 int controller_of(const VersionOptions &options, const Area &area)
 {
@@ -335,7 +340,7 @@ void add_version(CLI::App &app, Globals &globals, Action &action)
     version->require_subcommand(1);
     auto options = std::make_shared<VersionOptions>();
     version->add_subcommand("show", "Show the numbers of all areas and of the flash files")
-        ->callback([&action] { action = [](const Globals &) { return show(); }; });
+        ->callback([&action] { action = [](const Globals &) { return show_versions(); }; });
     add_set(*version, globals, action, options);
     CLI::App *next = version->add_subcommand("next", "Hand out the next number, and print it");
     add_dry_run(*next, globals);

@@ -54,6 +54,7 @@ void add_nv_verify(CLI::App &nv, Action &action);
 void add_repair(CLI::App &app, Globals &globals, Action &action);
 void add_completion(CLI::App &app, Action &action);
 void add_verify(CLI::App &app, Action &action);
+void add_report(CLI::App &app, Action &action);
 void add_save(CLI::App &app, Globals &globals, Action &action);
 void add_accept(CLI::App &app, Globals &globals, Action &action);
 void add_identity(CLI::App &app, Globals &globals, Action &action);

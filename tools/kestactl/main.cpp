@@ -142,6 +142,7 @@ int main(int argc, char **argv)
     add_status(app, globals, action);
     add_nv(app, globals, action);
     add_verify(app, action);
+    add_report(app, action);
     add_save(app, globals, action);
     add_accept(app, globals, action);
     add_slot(app, globals, action);

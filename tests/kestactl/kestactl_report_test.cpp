@@ -1,0 +1,88 @@
+// The page that kestactl report writes, opened in a browser.
+#include "saved_group.h"
+
+using namespace test;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+class KestactlReport : public SavedGroup {
+protected:
+    KestactlReport()
+    {
+        define("");
+        EXPECT_EQ(ctl(0, "save network").code, 0);
+        EXPECT_EQ(ctl(0, "accept").code, 0);
+    }
+    std::string report(int code = 0) const
+    {
+        const Ran made = ctl(0, "report /opt/report.html");
+        EXPECT_EQ(made.code, code) << made.err;
+        return read_file(host_path(0, "opt/report.html"));
+    }
+    // The document after the browser has laid it out on a phone; the title says how wide that made it.
+    std::string opened(const std::string &html) const
+    {
+        write_file(home / "page.html",
+                   "<iframe width=360 height=800 style='border:0'></iframe><script>"
+                   "const frame=document.querySelector('iframe');frame.srcdoc=" + nlohmann::json(html).dump() +
+                       ";frame.onload=()=>{const page=frame.contentDocument;document.title="
+                       "page.documentElement.scrollWidth+' of '+page.documentElement.clientWidth+', '+"
+                       "page.querySelectorAll('.map i').length+' squares';"
+                       "document.body.innerHTML=page.body.innerHTML}</script>");
+        const Ran browser = shell(
+            "HOME=" + home.string() + " chromium --headless --no-sandbox --disable-gpu --disable-dev-shm-usage"
+            " --no-first-run --user-data-dir=" + (home / "profile").string() +
+            " --virtual-time-budget=1000 --dump-dom file://" + (home / "page.html").string());
+        EXPECT_EQ(browser.code, 0) << browser.err;
+        return browser.out;
+    }
+};
+
+TEST_F(KestactlReport, OpensOnAPhoneAndHoldsEverything)
+{
+    const std::string html = report();
+    const std::string page = opened(html);
+    EXPECT_TRUE(page.find("<title>360 of 360, 664 squares</title>") != std::string::npos ||
+                page.find("<title>345 of 345, 664 squares</title>") != std::string::npos)
+        << "something to scroll sideways: " << page.substr(page.find("<title>"), 50);
+    EXPECT_THAT(page, AllOf(HasSubstr("Saved environments of CNT0"), HasSubstr("All places agree."),
+                            HasSubstr("the same on flash and in slot kesta_backup0"), HasSubstr("all free"),
+                            HasSubstr("numbering-version"), HasSubstr("kesta_backup1")));
+    // One file, and nothing fetched.
+    EXPECT_THAT(html, AllOf(Not(HasSubstr("http")), Not(HasSubstr("src=")), Not(HasSubstr("<script")),
+                            Not(HasSubstr("@import")), Not(HasSubstr("url("))));
+}
+
+TEST_F(KestactlReport, DisagreementStandsFirstWithWhatMendsIt)
+{
+    ASSERT_EQ(ctl(0, "version set flash 9").code, 0);
+    ASSERT_EQ(ctl(1, "lock take").code, 0);
+    const std::string page = opened(report(1));
+    EXPECT_THAT(page, AllOf(HasSubstr("Some places do not agree."), HasSubstr("kestactl version set flash 1"),
+                            HasSubstr("command lock, CNT1")));
+    EXPECT_LT(page.find("kestactl version set flash 1"), page.find("What was compared"));
+}
+
+TEST_F(KestactlReport, WhatCanNotBeHadIsSaid)
+{
+    ASSERT_EQ(ctl(0, "nv write wwn 'a<b>&\"c'").code, 0);
+    write_file(host_path(0, "opt/faults"), "nv_read 1 on fail\n");
+    fs::copy_file(KESTA_NO_WAIT_LIBRARY, host_path(0, "opt/libno_wait.so"));
+    const Ran made = on(0, "LD_PRELOAD=/opt/libno_wait.so KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl report /opt/report.html");
+    EXPECT_EQ(made.code, 4) << made.err;
+    const std::string html = read_file(host_path(0, "opt/report.html"));
+    EXPECT_THAT(html, AllOf(HasSubstr("Not to be had"), Not(HasSubstr("All places agree"))));
+    EXPECT_THAT(report(1), HasSubstr("a&lt;b&gt;&amp;&quot;c")) << "what the image holds is text";
+
+    const Ran refused = ctl(0, "report /no/such/folder/report.html");
+    EXPECT_EQ(refused.code, 4);
+    EXPECT_THAT(refused.err, HasSubstr("/no/such/folder/report.html"));
+}
+
+TEST_F(KestactlReport, StatusHasVersionsAndWhatIsUnfinished)
+{
+    const Ran status = ctl(0, "status");
+    EXPECT_THAT(status.out, AllOf(HasSubstr("versions     this controller 1, backup 1, accepted 1\n"),
+                                  HasSubstr("unfinished   nothing\n")));
+}

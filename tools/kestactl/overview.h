@@ -1,0 +1,20 @@
+// What single commands find, for those who show all of it.
+#pragma once
+
+#include "command.h"
+
+namespace kestactl {
+
+// kestactl status: with checksums, every archive is read.
+Result show_status(bool checksums);
+
+// kestactl verify.
+Result verify_places();
+
+// kestactl version show.
+Result show_versions();
+
+// kestactl nv dump --decoded.
+Result decode_image();
+
+}  // namespace kestactl
