@@ -1,7 +1,7 @@
 # The commands of the README. Each one installs what it needs first (scripts/install-deps.sh).
 
 .DEFAULT_GOAL := build
-.PHONY: build demo test bench stress check-release check-asan check-tsan check-tidy check-models check-fuzz fuzz-build fuzz install deps clean
+.PHONY: build demo test bench stress check-release check-asan check-tsan check-tidy check-models check-fuzz fuzz-build fuzz coverage docs packages install deps clean
 
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
@@ -65,6 +65,22 @@ bench: build
 SECONDS ?= 60
 stress: build
 	scripts/stress.sh build/release --seconds $(SECONDS)
+
+# Which lines and branches of the library the tests run.
+coverage: deps
+	cmake --preset coverage > /dev/null
+	cmake --build --preset coverage -j $(JOBS) --target library_test processes_test threads_test power_cut_test
+	scripts/coverage.sh build/coverage build/coverage/report
+
+# The reference of the headers, in build/docs/html.
+docs: deps
+	@mkdir -p build
+	doxygen docs/reference/Doxyfile
+	@echo "build/docs/html/index.html"
+
+# Debian packages, in build/packages.
+packages: deps
+	scripts/packages.sh build/packages
 
 install: build
 	cmake --install build/release --prefix $(PREFIX)

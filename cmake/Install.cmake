@@ -28,12 +28,17 @@ install(DIRECTORY include/kesta DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES
     platform/mc_logapi.h platform/sanfwctl.h platform/sbacc.h platform/vrbapi.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kesta/platform)
+install(FILES share/status DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta/platform)
 install(FILES share/define.rng DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta)
 install(DIRECTORY share/example DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta)
+install(FILES share/tmpfiles.d/kesta.conf share/tmpfiles.d/kesta-platform-embedded.conf
+    DESTINATION lib/tmpfiles.d)
 install(FILES docs/platform.conf DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES docs/man/kestactl.1 docs/man/kesta-lab.1 docs/man/cpinfo.1
     docs/man/eeprom.1 docs/man/env_vpdctl.1 docs/man/kesta-platform-check.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+
+install(FILES docs/man/libkesta.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
 
 # The command lines name these paths; the system lacks them.
 install(CODE "

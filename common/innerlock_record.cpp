@@ -37,7 +37,8 @@ void InnerlockRecord::leave()
 {
     if (file_) {
         ErrnoKept keep;
-        (void)lockf(file_.get(), F_ULOCK, 0);  // fails only where it was not held
+        // Fails only where it was not held.
+        [[maybe_unused]] const int released = lockf(file_.get(), F_ULOCK, 0);
     }
 }
 

@@ -11,7 +11,11 @@ packages="
     spin
     tar bzip2 coreutils findutils util-linux mount procps python3 strace
     xxd bsdextrautils abigail-tools chromium
+    doxygen groff-base man-db debhelper dpkg-dev fakeroot lintian gcovr
 "
+
+# What makes folders at boot; it comes with systemd where there is one.
+command -v systemd-tmpfiles > /dev/null || packages="$packages systemd-standalone-tmpfiles"
 
 missing=""
 for package in $packages; do

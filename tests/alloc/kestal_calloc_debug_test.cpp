@@ -1,6 +1,7 @@
 #include <cstring>
 
 #include "library_test.h"
+#include "no_memory.h"
 #include "tracked_allocation.h"
 
 using namespace test;
@@ -95,6 +96,28 @@ TEST_F(TrackedAllocation, HeaderIsThirtyTwoBytesInFrontOfTheBlock)
     EXPECT_EQ(std::string(header + 12), "common/some_lon");
     EXPECT_EQ(line, 12);
     drop(ptr);
+}
+
+TEST_F(TrackedAllocation, NoMemoryGivesNullAndCountsNothing)
+{
+    if (!memory_can_be_limited) {
+        GTEST_SKIP() << "a sanitizer ends the process instead";
+    }
+    constexpr int large = 1 << 30;
+    char *small = make(1, 100);
+    const int before = static_cast<int>(tsize);
+    void *fresh;
+    void *grown;
+    {
+        const NoMoreMemory limit;
+        fresh = make(1, large);
+        grown = __real_kestal_realloc_debug(small, large, "../x.cpp", 1, 1);
+    }
+    EXPECT_EQ(fresh, nullptr);
+    EXPECT_EQ(grown, nullptr);
+    EXPECT_EQ(static_cast<int>(tsize), before);
+    drop(small);  // it stays valid
+    EXPECT_EQ(tsize, 0);
 }
 
 TEST_F(TrackedAllocation, MallocIsZeroedToo)

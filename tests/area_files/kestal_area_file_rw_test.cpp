@@ -290,6 +290,17 @@ TEST_F(FileSize, SizeThatThirtyTwoBitsCanNotSayIsRefused)
     EXPECT_EQ(size, 0xFFFFFFFFu);
 }
 
+TEST_F(FileSize, WhatHasNoEndIsRefused)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    unsigned size = 77;
+    EXPECT_EQ(kestal_get_file_size(("/proc/self/fd/" + std::to_string(ends[0])).c_str(), &size), -931);
+    EXPECT_EQ(size, 77u);
+    close(ends[0]);
+    close(ends[1]);
+}
+
 class GroupList : public LibraryTest {
 protected:
     int parse(const std::string &text)

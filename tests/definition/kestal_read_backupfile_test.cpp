@@ -75,6 +75,14 @@ protected:
 
 // ------------------------------------------------------------------------------------ the whole
 
+TEST_F(Definition, XmlIsEndedAndCanBeStartedAgain)
+{
+    EXPECT_EQ(kestal_term_xml(), 0);
+    EXPECT_EQ(kestal_init_xml(), 0);
+    EXPECT_EQ(read(root(setinfo("<file path='/etc/a'/>"))), 0);
+    EXPECT_STREQ(entry(0).pathname, "/etc/a");
+}
+
 TEST_F(Definition, EverythingIsReadIntoItsPlace)
 {
     EXPECT_EQ(read(root(setinfo("<file path='/etc/a' cntmode='1' rbmode='2' distribution='3' "

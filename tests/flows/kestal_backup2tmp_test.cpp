@@ -58,6 +58,26 @@ TEST_F(Backup2Tmp, BackupSlotIsCachedAndUnpacked)
     EXPECT_TRUE(p().traced(5, "[backup2tmp] Tmp area path. t_name=" + std::string(cached)));
 }
 
+TEST_F(Backup2Tmp, FailedCloseOfTheCacheIsAFailedWrite)
+{
+    p().fail_kind("close", 1, 1);  // the first one is the inner lock's
+    p().fault_errno = 28;
+    EXPECT_EQ(kestal_backup2tmp("group", 0, name, 0), -1);
+    EXPECT_THAT(p().texts(1), Contains("[backup2tmp]  Write ERROR  t_name=" + std::string(temporary) +
+                                       " buf_size=18 result=-1 errno=28"));
+}
+
+TEST_F(Backup2Tmp, LargeArchiveIsCachedWhole)
+{
+    std::string large(9'000'000, '\0');
+    for (std::size_t i = 0; i < large.size(); ++i) {
+        large[i] = static_cast<char>(i * 7919 >> 8);
+    }
+    p().sysback["kesta_backup0"] = {large};
+    EXPECT_EQ(kestal_backup2tmp("group", 0, name, 0), 0);
+    EXPECT_TRUE(read_file(checked) == large);
+}
+
 TEST_F(Backup2Tmp, OtherModesMakeTheCheckArchiveAndUnpackNothing)
 {
     for (const int mode : {0, 2, -1}) {

@@ -212,6 +212,10 @@ TEST_F(Identity, FlashFilesThatCanNotBeReadAreTold)
     EXPECT_EQ(kestal_read_flash_wwn(wwn), -1);
     EXPECT_TRUE(p().traced(
         1, "[kestal_read_flash_wwn] Flash wwn File(/etc/kesta_sys/wwn) Open Error. errno=13"));
+    run_shell("ln -sfn cp_guid /etc/cp_guid");  // leads to itself
+    EXPECT_EQ(kestal_read_flash_guid(guid), -1);
+    EXPECT_TRUE(
+        p().traced(1, "[kestal_read_flash_guid] Flash guid File(/etc/cp_guid) Open Error. errno=40"));
     p().fail_kind("open", 0, 1);
     EXPECT_EQ(kestal_set_flash_wwn("x"), -1);
     EXPECT_TRUE(p().traced(

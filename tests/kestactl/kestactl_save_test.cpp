@@ -202,6 +202,7 @@ TEST_F(KestactlVerify, SavedAndAcceptedEnvironmentAgreesEverywhere)
     const Ran verified = ctl(0, "verify");
     EXPECT_EQ(verified.code, 0) << verified.out << verified.err;
     EXPECT_THAT(verified.out, HasSubstr("All places agree."));
+    EXPECT_EQ(verified.err, "") << "an identity that nobody has set is nothing to complain of";
     EXPECT_TRUE(bad().empty());
 }
 

@@ -229,6 +229,13 @@ protected:
     std::string other = padded("something else", 32);
 };
 
+TEST_F(SuppliedRepair, RecordWithoutDataIsPassedOver)
+{
+    EXPECT_EQ(copy(32, 32, {{nullptr, 32}, {name1.data(), 32}}), 0);
+    EXPECT_EQ(p().text_at(nv_accept_name, 32), "kesta_backup1");
+    EXPECT_FALSE(read_the_area());
+}
+
 TEST_F(SuppliedRepair, RecordsAreTakenByTheirBlock)
 {
     EXPECT_EQ(copy(31, 32, {{name0.data(), 201}, {name1.data(), 31}, {name0.data(), 31}}), 0);

@@ -12,6 +12,7 @@
 
 #include "child_process.h"
 #include "library_test.h"
+#include "no_memory.h"
 #include "text_lines.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -335,6 +336,21 @@ TEST_F(System, FailedForkIsReported)
     if (geteuid() == 0) {
         EXPECT_EQ(exit_status, 0);
     }
+}
+
+TEST_F(System, NoMemoryForTheChildsStackIsAFailedFork)
+{
+    if (!memory_can_be_limited) {
+        GTEST_SKIP() << "a sanitizer ends the process instead";
+    }
+    pid_t child = 0;
+    int result;
+    {
+        const NoMoreMemory limit;
+        result = prcfork("true", nullptr, &child);
+    }
+    EXPECT_EQ(result, -1);
+    EXPECT_TRUE(p().traced(1, "[prcfork] fork() failed(12)."));
 }
 
 TEST_F(System, FailedWaitIsReported)

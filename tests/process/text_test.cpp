@@ -63,6 +63,14 @@ TEST_F(Strcat, OneAppendIsCutAt1023Characters)
     EXPECT_EQ(capacity, 1024);
 }
 
+TEST_F(Strcat, TextThatCanNotBePrintedAddsNothing)
+{
+    kestal_strcat(&buffer, &capacity, "a");
+    const wchar_t no_character[] = {static_cast<wchar_t>(0x7fffffff), 0};
+    kestal_strcat(&buffer, &capacity, "%ls", no_character);
+    EXPECT_EQ(std::string(buffer), "a");
+}
+
 TEST_F(Strcat, FailedFirstAllocationMarksTheBuffer)
 {
     p().fail_kind("alloc");

@@ -10,9 +10,9 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 
 namespace test {
@@ -34,8 +34,10 @@ struct Ran {
 
 inline std::string read_file(const fs::path &path)
 {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    const std::ifstream file(path, std::ios::binary);
+    std::ostringstream bytes;  // in blocks: snapshots read whole appliances
+    bytes << file.rdbuf();
+    return bytes.str();
 }
 
 inline void write_file(const fs::path &path, const std::string &bytes)

@@ -631,6 +631,43 @@ pid_t __wrap_waitpid(pid_t pid, int *status, int options)
     return __real_waitpid(pid, status, options);
 }
 
+// A rule of its own: the sweeps are of the platform's and the system's calls.
+bool thread_call_fails(const char *call)
+{
+    Platform &p = platform();
+    {
+        const std::lock_guard guard(test::mutex);
+        if (!p.kind_faults.contains(call)) {
+            return false;
+        }
+    }
+    return p.meets_fault(call, call);
+}
+
+int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *),
+                          void *argument);
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *),
+                          void *argument)
+{
+    return thread_call_fails("pthread_create")
+               ? platform().fault_errno
+               : __real_pthread_create(thread, attributes, body, argument);
+}
+
+int __real_pthread_cancel(pthread_t thread);
+int __wrap_pthread_cancel(pthread_t thread)
+{
+    const int result = __real_pthread_cancel(thread);
+    return thread_call_fails("pthread_cancel") ? platform().fault_errno : result;
+}
+
+int __real_pthread_detach(pthread_t thread);
+int __wrap_pthread_detach(pthread_t thread)
+{
+    const int result = __real_pthread_detach(thread);
+    return thread_call_fails("pthread_detach") ? platform().fault_errno : result;
+}
+
 int __real_lockf(int fd, int command, off_t length);
 int __wrap_lockf(int fd, int command, off_t length)
 {

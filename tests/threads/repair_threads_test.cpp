@@ -92,6 +92,16 @@ TEST_F(RepairThreads, AllTwelveAreCopied)
     EXPECT_TRUE(p().traced(4, "[repair_allitem] END"));
 }
 
+TEST_F(RepairThreads, ThreadThatCanNotBeStartedIsTold)
+{
+    p().fail_kind("pthread_create", 3, 1);
+    p().fault_errno = 11;
+    await_workers(0);
+    EXPECT_EQ(repair(), -1);
+    EXPECT_TRUE(p().traced(1, "[repair_allitem] Thread[3] Execute ERROR rtn=11"));
+    EXPECT_TRUE(p().traced(1, "[repair_allitem] Thread ReturnValue Error."));
+}
+
 TEST_F(RepairThreads, WorkerThatFailsIsTold)
 {
     p().sysback.erase("kesta_serialno");
@@ -232,6 +242,28 @@ TEST_P(HangingTransfer, InNvMemory)
     expect_nothing_held();
 }
 
+class FailedGivingUp : public HangingRepair {};
+
+TEST_P(FailedGivingUp, IsTold)
+{
+    hook = [this](const std::string &call) {
+        watch(call);
+        if (call == "sb_open kesta_guid r") {
+            hang();
+        }
+    };
+    p().fail_kind("pthread_cancel", 0, 1);
+    p().fail_kind("pthread_detach", 0, 1);
+    p().fault_errno = 3;
+    await_workers(workers - 1);
+    EXPECT_EQ(repair(), -1);
+    EXPECT_TRUE(hanging);
+    EXPECT_THAT(p().texts(1), testing::Contains(HasSubstr("[repair_allitem] pthread_cancel Error. (rtn=3,")));
+    EXPECT_THAT(p().texts(1), testing::Contains(HasSubstr("[repair_allitem] pthread_detach Error. (rtn=3,")));
+    EXPECT_TRUE(p().traced(1, "[repair_allitem] Thread(11) don't Finish. Error(rtn=3)."));
+    await_end_of_all_workers();
+}
+
 const std::vector<Hang> in_memory{
     {0, "kesta_sysback", 72, 32}, {1, "kesta_sysacpt", 104, 32}, {2, "kesta_verid", 296, 4},
     {3, "kesta_verback", 300, 4}, {4, "kesta_ver0", 312, 4},     {5, "kesta_ver1", 320, 4},
@@ -241,6 +273,7 @@ const std::vector<Hang> in_memory{
 std::string name_of(const testing::TestParamInfo<Hang> &tested) { return tested.param.name; }
 
 INSTANTIATE_TEST_SUITE_P(Items, HangingRepair, testing::ValuesIn(in_memory), name_of);
+INSTANTIATE_TEST_SUITE_P(Last, FailedGivingUp, testing::Values(in_memory.back()), name_of);
 // The reboot version lives in the system backup area only.
 INSTANTIATE_TEST_SUITE_P(RebootVersion, HangingRepair,
                          testing::Values(Hang{8, "kesta_reboot", -1, 4}), name_of);

@@ -28,7 +28,8 @@ public:
     OneTaker() : fd_(open(path().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
     {
         if (fd_ >= 0) {
-            (void)lockf(fd_, F_LOCK, 0);  // held for one attempt
+            // Held for one attempt; without it the attempt is made all the same.
+            [[maybe_unused]] const int held = lockf(fd_, F_LOCK, 0);
         }
     }
     ~OneTaker()

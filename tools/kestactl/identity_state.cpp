@@ -1,14 +1,18 @@
 #include "identity_state.h"
 
+#include <fcntl.h>
 #include <kesta/kesta.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <fstream>
+#include <iostream>
 
 #include "appliance_state.h"
 #include "failure.h"
+#include "trace_capture.h"
 #include "whole_file.h"
 
 namespace kestactl {
@@ -31,8 +35,38 @@ std::string lower_case(std::string text)
     return text;
 }
 
+// What the platform's commands complain of while this lives is not shown, unless traces are: a value that nobody has
+// set is no failure here, and the library traces what failed.
+class QuietCommands {
+public:
+    QuietCommands() : shown_(traces_are_shown() ? -1 : fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3))
+    {
+        const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (shown_ >= 0 && nothing >= 0) {
+            std::cerr << std::flush;
+            (void)dup2(nothing, STDERR_FILENO);
+        }
+        if (nothing >= 0) {
+            (void)close(nothing);  // nothing was written to it
+        }
+    }
+    ~QuietCommands()
+    {
+        if (shown_ >= 0) {
+            (void)dup2(shown_, STDERR_FILENO);
+            (void)close(shown_);  // its copy stays
+        }
+    }
+    QuietCommands(const QuietCommands &) = delete;
+    QuietCommands &operator=(const QuietCommands &) = delete;
+
+private:
+    int shown_;
+};
+
 Identity from_eeprom()
 {
+    const QuietCommands quiet;
     std::array<char, KESTA_WWN_LENGTH + 1> wwn{};
     std::array<char, KESTA_SERIALNO_LENGTH + 1> serialno{};
     const bool has_wwn = kestal_get_wwn_by_eeprom(wwn.data()) == KESTA_OK;

@@ -72,6 +72,12 @@ void show_traces(int level)
     shown_level = level;
 }
 
+bool traces_are_shown()
+{
+    const std::lock_guard guard(mutex);
+    return shown_level > 0;
+}
+
 void withhold_traces()
 {
     const std::lock_guard guard(mutex);

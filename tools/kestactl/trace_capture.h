@@ -11,6 +11,7 @@ namespace kestactl {
 
 // Lines up to the level go to stderr.
 void show_traces(int level);
+bool traces_are_shown();
 
 // From here on nothing goes to the platform's log: a dry run writes nothing at all.
 void withhold_traces();

@@ -1,0 +1,83 @@
+#!/bin/sh
+# Installs, uses and removes the packages that lie in /tmp/given.
+set -eu
+given=/tmp/given
+cd /
+
+files()
+{
+    find /etc /opt /usr /var /boot -xdev -not -path '/var/lib/dpkg/*' -not -path '/var/log/*' \
+        -not -path '/var/cache/*' -not -path '/etc/ld.so.cache' 2> /dev/null | sort
+}
+
+expect_mode()
+{
+    [ "$(stat -c '%a %U' "$2")" = "$1" ] || {
+        echo "$2 is $(stat -c '%a %U' "$2"), and not $1" >&2
+        exit 1
+    }
+}
+
+files > "$given/before"
+
+echo "== install"
+dpkg -i "$given"/packages/*.deb > "$given/log" 2>&1 || {
+    cat "$given/log" >&2
+    exit 1
+}
+dpkg --verify libkesta1 libkesta-dev kesta-tools kesta-platform-embedded kesta-lab
+expect_mode "755 root" /etc/kesta_sys
+for folder in /opt/kesta_sys/bakup /run/kesta_sys/tmp /tmp/kesta_sys/tmp /var/lib/kesta /var/lib/kesta/nv \
+    /var/lib/kesta/sysback; do
+    expect_mode "700 root" "$folder"
+done
+test -x /opt/kesta_sys/sbin/env_vpdctl
+
+echo "== the library"
+# shellcheck disable=SC2046
+cc -o "$given/program" "$given/program.c" $(pkg-config --cflags --libs libkesta)
+KESTA_PLATFORM_TRACE_TARGET=none "$given/program" | grep -qx 'block 63'
+man -w libkesta kestactl kesta-lab kesta-platform-check cpinfo eeprom env_vpdctl > /dev/null
+
+echo "== the command line, on this machine"
+mkdir -p /etc/kesta_sys/network
+cat > /etc/kesta_sys/network/define.xml << 'X'
+<group id="network" operation="update" type="files"><setinfo><file path="/etc/hosts"/></setinfo></group>
+X
+kestactl slot switch --backup kesta_backup0 --accept kesta_backup1 > /dev/null
+kestactl save network > /dev/null
+kestactl accept > /dev/null
+cp /etc/hosts "$given/hosts"
+echo spoilt > /etc/hosts
+kestactl restore network > /dev/null
+cmp /etc/hosts "$given/hosts"
+kestactl verify 2> /dev/null | grep -q 'All places agree'
+kesta-platform-check --run > "$given/check" 2>&1 || {
+    cat "$given/check" >&2
+    exit 1
+}
+bash -c '. /usr/share/bash-completion/completions/kestactl; complete -p kestactl' > /dev/null
+
+echo "== the lab"
+kesta-lab create /tmp/lab > /dev/null
+kesta-lab --dir /tmp/lab exec CNT3 -- kestactl --json status | grep -q '"controller": 3'
+kesta-lab destroy /tmp/lab > /dev/null
+
+echo "== remove"
+dpkg -P kesta-lab kesta-tools libkesta-dev libkesta1 kesta-platform-embedded > "$given/log" 2>&1 || {
+    cat "$given/log" >&2
+    exit 1
+}
+# What operators saved stays; nothing of the packages does.
+files > "$given/after"
+comm -13 "$given/before" "$given/after" |
+    grep -v -e '^/opt/kesta_sys' -e '^/etc/kesta_sys' -e '^/var/lib/kesta' -e '^/etc/my' -e '^/etc/cnt' \
+        -e '^/opt$' > "$given/left" || true
+if [ -s "$given/left" ]; then
+    echo "left behind:" >&2
+    cat "$given/left" >&2
+    exit 1
+fi
+test -f /opt/kesta_sys/bakup/backup.tar.Z
+test ! -e /opt/kesta_sys/sbin
+echo "== done"

@@ -1,0 +1,48 @@
+#!/bin/sh
+# Builds the Debian packages, looks at them with lintian, and installs, uses and removes them in a root that
+# has nothing of ours: the machine's own, seen through an overlay that is thrown away.
+# usage: packages_test.sh SOURCE
+set -eu
+source=$(cd "$1" && pwd)
+here=$source/tests/packages
+work=$(mktemp -d /tmp/kesta-packages-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+
+echo "== build"
+"$source/scripts/packages.sh" "$work/packages"
+
+echo "== lintian"
+lintian --fail-on error "$work"/packages/*.changes 2>&1 | grep -v 'root privileges' || true
+lintian --fail-on error "$work"/packages/*.changes > "$work/lintian" 2>&1 || {
+    cat "$work/lintian" >&2
+    exit 1
+}
+
+echo "== a clean root"
+as_root=""
+[ "$(id -u)" -eq 0 ] || as_root="--map-root-user"
+cp "$here/in_clean_root.sh" "$source/tests/install/program.c" "$work"
+# shellcheck disable=SC2086
+unshare --mount $as_root sh -euc '
+    work=$1
+    mkdir "$work/overlay"
+    mount -t tmpfs overlay "$work/overlay"
+    mkdir "$work/overlay/upper" "$work/overlay/scratch" "$work/overlay/root"
+    mount -t overlay overlay -o "lowerdir=/,upperdir=$work/overlay/upper,workdir=$work/overlay/scratch" \
+        "$work/overlay/root"
+    root=$work/overlay/root
+    for folder in proc sys dev; do
+        mount --rbind "/$folder" "$root/$folder"
+    done
+    for folder in run tmp; do
+        mount -t tmpfs "$folder" "$root/$folder"
+    done
+    mkdir "$root/tmp/given"
+    cp -r "$work"/packages "$work"/in_clean_root.sh "$work"/program.c "$root/tmp/given"
+    cd "$root"
+    mkdir -p old
+    pivot_root . old
+    umount -l /old
+    rmdir /old
+    exec sh /tmp/given/in_clean_root.sh
+' clean-root "$work"
