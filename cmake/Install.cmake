@@ -30,7 +30,7 @@ install(FILES
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kesta/platform)
 install(FILES share/status DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta/platform)
 install(FILES share/define.rng DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta)
-install(DIRECTORY share/example DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta)
+install(DIRECTORY share/example DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta USE_SOURCE_PERMISSIONS)
 install(FILES share/tmpfiles.d/kesta.conf share/tmpfiles.d/kesta-platform-embedded.conf
     DESTINATION lib/tmpfiles.d)
 install(FILES docs/platform.conf DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -251,6 +251,10 @@ TEST_F(KestactlRestore, LinksWithinTheGroupComeBack)
     expect_mended();
     EXPECT_EQ(on(0, "readlink /etc/app/more/up").out, "../one\n");
     EXPECT_EQ(on(0, "stat -c %h /etc/app/more/two").out, "2\n");
+    succeed("echo spoiled > /etc/app/more/two");  // and under its second name
+    ASSERT_EQ(ctl(0, "restore network").code, 0);
+    EXPECT_EQ(file_on(0, "/etc/app/more/second_name"), "two\n");
+    EXPECT_EQ(on(0, "stat -c %h /etc/app/more/two").out, "2\n");
 
     succeed("ln -s /etc/shadow /etc/app/more/out");
     expect_refusal(ctl(0, "save network"), 1, "leads out of the group");

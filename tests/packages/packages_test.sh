@@ -41,8 +41,12 @@ unshare --mount $as_root sh -euc '
     cp -r "$work"/packages "$work"/in_clean_root.sh "$work"/program.c "$root/tmp/given"
     cd "$root"
     mkdir -p old
-    pivot_root . old
-    umount -l /old
-    rmdir /old
-    exec sh /tmp/given/in_clean_root.sh
+    # Where the machine itself is only a folder of another one, this is not possible.
+    if pivot_root . old 2> /dev/null; then
+        umount -l /old
+        rmdir /old
+        exec sh /tmp/given/in_clean_root.sh
+    fi
+    rmdir old
+    exec chroot . sh /tmp/given/in_clean_root.sh
 ' clean-root "$work"

@@ -10,11 +10,11 @@ namespace {
 
 // What a shell has to ask for when it completes: by the name of a positional or the text of an option.
 const std::map<std::string, std::string> asked{
-    {"GROUP", "groups"},          {"FILE|GROUP", "groups"}, {"BLOCK", "blocks"},
+    {"GROUP", "groups"},          {"FILE|GROUP", "groups"}, {"FILE", "files"}, {"BLOCK", "blocks"},
     {"IDENTIFIER", "identifiers"}, {"CONTROLLER", "controllers"}, {"AREA", "areas"}};
 const std::map<std::string, std::string> asked_by_option{
     {"--backup", "slots"},        {"--accept", "slots"},       {"--group", "groups"},
-    {"--controller", "controllers"}, {"--out", "files"}};
+    {"--controller", "controllers"}, {"--out", "files"},       {"--only", "files"}};
 
 // How it asks: shell functions, each printing words.
 constexpr const char *questions = R"(_kestactl_groups()

@@ -190,7 +190,7 @@ void check_unfinished(Checks &checks)
         }
     }
     if (const auto restore = unfinished_restore()) {
-        checks.push_back({"unfinished", "a restore of " + restore->group + ": some of its files are new, some old",
+        checks.push_back({"unfinished", "a restore of " + restore->group + ": its files may be partly new, partly old",
                           restore->command()});
     }
     if (const std::string holders = inner_lock_text(); !holders.empty()) {

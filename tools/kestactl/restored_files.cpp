@@ -372,7 +372,10 @@ FileChanges compare_files(const std::string &archive, const std::string &name,
         }
         changes.replaced.erase(path);  // the later one of a name counts
         changes.adjusted.erase(path);
-        if (!same_contents(visited, present, read)) {
+        // A second name of a file that is replaced would keep the old one.
+        const bool follows = visited.kind == MemberKind::hard_link &&
+                             changes.replaced.contains("/" + visited.target);
+        if (follows || !same_contents(visited, present, read)) {
             changes.replaced.insert(path);
         } else if (!same_properties(*found->second, present)) {
             changes.adjusted.insert(path);

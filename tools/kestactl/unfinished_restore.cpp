@@ -56,8 +56,8 @@ void require_no_unfinished_restore()
 {
     if (const auto unfinished = unfinished_restore()) {
         throw Failure(Exit::no, "restore-unfinished",
-                      "A restore of " + unfinished->group + " is unfinished: some of its files are new, "
-                                                            "some old.",
+                      "A restore of " + unfinished->group + " is unfinished: its files may be partly new, "
+                                                            "partly old.",
                       "Complete it first: " + unfinished->command());
     }
 }
