@@ -133,7 +133,9 @@ int main(int argc, char **argv)
                                                 "kesta-lab's");
     exec->add_option("CONTROLLER", controller, "CNT0 to CNT3")->required();
     exec->add_option("--bind", binds, "Folder of the machine to keep visible at its own path");
-    exec->footer("The command stands behind --:  kesta-lab exec CNTn -- COMMAND [ARGUMENT...]");
+    exec->footer("The command stands behind --.\n\nExamples:\n"
+                 "  kesta-lab exec CNT1 -- kestactl status\n"
+                 "  kesta-lab exec CNT0 --bind /srv/build -- /srv/build/program");
     CLI::App *shell = app.add_subcommand("shell", "Start a shell on a controller");
     shell->add_option("CONTROLLER", controller, "CNT0 to CNT3")->required();
     shell->add_option("--bind", binds, "Folder of the machine to keep visible at its own path");

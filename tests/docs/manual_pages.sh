@@ -32,6 +32,17 @@ for symbol in $(grep '^kestal_' tests/abi/exported_symbols.txt); do
     }
 done
 
+# Each command's help has examples.
+"$kestactl" completion bash | grep -o "^        '[^']*') words" | sed "s/^        '//; s/') words//" |
+    grep -v -e '--' | while read -r command; do
+    # shellcheck disable=SC2086
+    "$kestactl" $command --help | grep -q '^Examples:' || echo "kestactl $command --help has no examples"
+done > "$work/bare"
+if [ -s "$work/bare" ]; then
+    cat "$work/bare" >&2
+    failed=1
+fi
+
 # What a program's help lists, its page has.
 for program in "$kestactl" "$lab"; do
     name=$(basename "$program")

@@ -228,8 +228,15 @@ TEST_F(KestactlVerify, EachDisagreementHasTheCommandThatMendsIt)
     ASSERT_EQ(ctl(0, "version set flash 1").code, 0);
 
     ASSERT_EQ(ctl(0, "nv write numbering-version 5 --memory-only").code, 0);
-    EXPECT_THAT(bad().at("mirrored items").at("found"), HasSubstr("1 of 12"));
+    EXPECT_THAT(bad().at("mirrored items").at("found"),
+                AllOf(HasSubstr("1 of 12"), HasSubstr("both look valid")));
     ASSERT_EQ(ctl(0, "repair --from disk").code, 0);
+    ASSERT_EQ(ctl(0, "nv clear --yes").code, 0);
+    EXPECT_THAT(bad().at("mirrored items").at("found"), HasSubstr("right is the disk"));
+    EXPECT_EQ(bad().at("slot names").at("mend"), "kestactl repair");
+    ASSERT_EQ(ctl(0, "repair").code, 0);
+    EXPECT_EQ(bad().count("mirrored items"), 0u);
+    ASSERT_EQ(ctl(0, "accept").code, 0);  // the accepted version is not mirrored
 
     ASSERT_EQ(ctl(0, "identity set --wwn 500000E0D0000001 --in vpd").code, 0);
     EXPECT_THAT(bad().at("identity").at("found"), HasSubstr("eeprom"));

@@ -173,25 +173,32 @@ void add_copy(CLI::App &app, Globals &globals, Action &action)
     verb->add_option("GROUP", options->group, "Group name");
     verb->add_flag("--accept", options->accept, "Take the accept slot, not the backup slot");
     verb->add_flag("--check", options->check, "Make check.tar.Z, and don't unpack it");
+    add_examples(*verb, "  kestactl copy backup2tmp\n"
+                        "  kestactl copy backup2tmp --accept --check");
 
     verb = add_verb(*copy, globals, action, "cntbackup2tmp", "Flash directory to the tmp cache",
                     options, plan_cntbackup2tmp);
     verb->add_option("GROUP", options->group, "Group name");
     verb->add_flag("--accept", options->accept, "Take accept.tar.Z, not backup.tar.Z");
+    add_examples(*verb, "  kestactl copy cntbackup2tmp --accept");
 
-    add_verb(*copy, globals, action, "cntbackup2backup",
-             "Flash directory to the backup slot of the system backup area", options,
-             [](const CopyOptions &) { return plan_cntbackup2backup(); });
+    verb = add_verb(*copy, globals, action, "cntbackup2backup",
+                    "Flash directory to the backup slot of the system backup area", options,
+                    [](const CopyOptions &) { return plan_cntbackup2backup(); });
+    add_examples(*verb, "  kestactl copy cntbackup2backup --dry-run\n"
+                        "  kestactl copy cntbackup2backup");
 
     verb = add_verb(*copy, globals, action, "merge-file2accept",
                     "Merge cache to the accept slot of the system backup area", options,
                     plan_merge_file2accept);
     verb->add_option("--slot", options->slot, "Write this slot, not the accept slot in force");
+    add_examples(*verb, "  kestactl copy merge-file2accept --dry-run");
 
     verb = add_verb(*copy, globals, action, "backup2copy",
                     "Run the group's copy script; in InitConf boot mode fill flash first", options,
                     plan_backup2copy);
     verb->add_option("GROUP", options->group, "Group name")->required();
+    add_examples(*verb, "  kestactl copy backup2copy network --dry-run");
     add_examples(*copy, "  kestactl copy cntbackup2backup\n"
                         "  kestactl copy backup2tmp --accept --check\n"
                         "  kestactl copy backup2copy network --dry-run");

@@ -286,6 +286,7 @@ void add_group(CLI::App &app, Globals &globals, Action &action)
     command = group->add_subcommand("show", "Show a definition");
     command->add_option("GROUP", *name, "Group name")->required();
     command->callback([&action, name] { action = [name](const Globals &) { return show(*name); }; });
+    add_examples(*command, "  kestactl group show network");
 
     command = group->add_subcommand(
         "apply", "Put links, owners, groups and modes of the group's files in order");

@@ -501,9 +501,11 @@ void add_release(CLI::App &lock, Globals &globals, Action &action,
 
 void add_check_and_wait(CLI::App &lock, Action &action, const std::shared_ptr<LockOptions> &options)
 {
-    lock.add_subcommand("check", "Show who holds which command lock, without taking any; exit code "
-                                 "1 if one is held")
-        ->callback([&action] { action = [](const Globals &) { return check(); }; });
+    CLI::App *check_command = lock.add_subcommand(
+        "check", "Show who holds which command lock, without taking any; exit code 1 if one is held");
+    check_command->callback([&action] { action = [](const Globals &) { return check(); }; });
+    add_examples(*check_command, "  kestactl lock check\n"
+                                 "  kestactl --json lock check");
     CLI::App *wait = lock.add_subcommand(
         "wait", "Wait until no command lock is held; clears one seen unchanged for 10 minutes");
     add_wait(*wait, options);
@@ -527,14 +529,17 @@ void add_lock(CLI::App &app, Globals &globals, Action &action)
                                     "Let others work for a while; the identifier stays reserved",
                                     options, plan_suspend);
     add_identifier(*command, options);
+    add_examples(*command, "  kestactl lock suspend 1795240000");
     command = add_planned(*lock, globals, action, "resume", "Take a suspended lock again", options,
                           plan_resume);
     add_identifier(*command, options);
     add_type(*command, options);
+    add_examples(*command, "  kestactl lock resume 1795240000");
     command = add_planned(*lock, globals, action, "convert",
                           "Convert a type-1 lock to a running backup, and renew it", options,
                           plan_convert);
     add_identifier(*command, options);
+    add_examples(*command, "  kestactl lock convert 1795240000");
     add_check_and_wait(*lock, action, options);
     add_local(*lock, globals, action, options);
     add_examples(*lock, "  kestactl lock check\n"

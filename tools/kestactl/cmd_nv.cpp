@@ -178,9 +178,9 @@ void add_nv(CLI::App &app, Globals &globals, Action &action)
     CLI::App *nv = app.add_subcommand("nv", "Read, write and look after the NV image");
     nv->require_subcommand(1);
 
-    nv->add_subcommand("list", "Show all blocks by name and number")->callback([&action] {
-        action = [](const Globals &) { return list(); };
-    });
+    CLI::App *list_command = nv->add_subcommand("list", "Show all blocks by name and number");
+    list_command->callback([&action] { action = [](const Globals &) { return list(); }; });
+    add_examples(*list_command, "  kestactl nv list");
 
     auto reading = std::make_shared<ReadOptions>();
     CLI::App *read_command = nv->add_subcommand("read", "Show one block");

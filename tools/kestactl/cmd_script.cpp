@@ -110,6 +110,7 @@ void add_script(CLI::App &app, Globals &globals, Action &action)
     command->callback([&action, options] {
         action = [options](const Globals &given) { return samefiles(*options, given); };
     });
+    add_examples(*command, "  kestactl script samefiles CNT1 /etc/hosts /etc/resolv.conf");
 
     command = script->add_subcommand("tarz", "Another controller's accept.tar.Z over its backup.tar.Z");
     command->add_option("CONTROLLER", options->controller, "CNT0 to CNT3")->required();
@@ -117,6 +118,7 @@ void add_script(CLI::App &app, Globals &globals, Action &action)
     command->callback([&action, options] {
         action = [options](const Globals &given) { return tarz(*options, given); };
     });
+    add_examples(*command, "  kestactl script tarz CNT1 --dry-run");
     add_examples(*script, "  kestactl script samefiles CNT1 /etc/hosts /etc/resolv.conf\n"
                           "  kestactl script tarz CNT2 --dry-run");
 }

@@ -125,8 +125,10 @@ void add_slot(CLI::App &app, Globals &globals, Action &action)
     CLI::App *slot = app.add_subcommand("slot", "Show and switch the archive slots in force");
     slot->require_subcommand(1);
 
-    slot->add_subcommand("show", "Show which slot is the backup and which the accepted one")
-        ->callback([&action] { action = [](const Globals &) { return show(); }; });
+    CLI::App *show_command =
+        slot->add_subcommand("show", "Show which slot is the backup and which the accepted one");
+    show_command->callback([&action] { action = [](const Globals &) { return show(); }; });
+    add_examples(*show_command, "  kestactl slot show");
 
     auto options = std::make_shared<SwitchOptions>();
     CLI::App *change_command =

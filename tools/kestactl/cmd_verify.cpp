@@ -49,6 +49,24 @@ bool exists(const std::string &path)
     return stat(path.c_str(), &status) == 0;
 }
 
+// Which of the two is right, as far as its slot names tell, and what mends the other one.
+struct Right {
+    std::string found;
+    std::string mend;
+};
+
+Right right_place(const MirrorState &mirror)
+{
+    const bool memory = mirror.valid(Side::memory);
+    const bool disk = mirror.valid(Side::disk);
+    if (memory != disk) {
+        return {memory ? "; right is NV memory" : "; right is the disk", "kestactl repair"};
+    }
+    return {memory ? "; both look valid" : "; neither is valid",
+            memory ? "look at 'kestactl nv verify', then kestactl repair --from memory, or --from disk"
+                   : "kestactl slot switch --backup " KESTA_SLOT0 " --accept " KESTA_SLOT1};
+}
+
 void check_slots(Checks &checks, const MirrorState &mirror)
 {
     const bool agree = !mirror.items[0].differs() && !mirror.items[1].differs();
@@ -58,21 +76,23 @@ void check_slots(Checks &checks, const MirrorState &mirror)
         checks.push_back({"slot names", "backup " + backup + ", accept " + accept, ""});
         return;
     }
+    const Right right = right_place(mirror);
     checks.push_back({"slot names",
-                      agree ? "they are not two different slots" : "NV memory and disk differ",
+                      agree ? "they are not two different slots" : "NV memory and disk differ" + right.found,
                       agree ? "kestactl slot switch --backup " KESTA_SLOT0 " --accept " KESTA_SLOT1
-                            : "look at 'kestactl nv verify', then kestactl repair"});
+                            : right.mend});
 }
 
 void check_mirror(Checks &checks, const MirrorState &mirror)
 {
     const auto differing = std::count_if(mirror.items.begin(), mirror.items.end(),
                                          [](const MirroredItem &item) { return item.differs(); });
+    const Right right = right_place(mirror);
     checks.push_back({"mirrored items",
                       differing == 0 ? "NV memory and disk agree"
-                                     : std::to_string(differing) + " of 12 differ between NV memory "
-                                                                   "and disk",
-                      differing == 0 ? "" : "look at 'kestactl nv verify', then kestactl repair"});
+                                     : std::to_string(differing) +
+                                           " of 12 differ between NV memory and disk" + right.found,
+                      differing == 0 ? "" : right.mend});
 }
 
 // ----------------------------------------------------------------------------------- the archives

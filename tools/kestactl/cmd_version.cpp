@@ -313,6 +313,8 @@ void add_compare(CLI::App &version, Action &action, const std::shared_ptr<Versio
     command->callback([&action, options] {
         action = [options](const Globals &) { return compare(*options); };
     });
+    add_examples(*command, "  kestactl version compare\n"
+                           "  kestactl version compare --backup 41 --numbering 42");
 }
 
 }  // namespace
@@ -339,11 +341,15 @@ void add_version(CLI::App &app, Globals &globals, Action &action)
     CLI::App *version = app.add_subcommand("version", "Version numbers of saved environments");
     version->require_subcommand(1);
     auto options = std::make_shared<VersionOptions>();
-    version->add_subcommand("show", "Show the numbers of all areas and of the flash files")
-        ->callback([&action] { action = [](const Globals &) { return show_versions(); }; });
+    CLI::App *show_command =
+        version->add_subcommand("show", "Show the numbers of all areas and of the flash files");
+    show_command->callback([&action] { action = [](const Globals &) { return show_versions(); }; });
+    add_examples(*show_command, "  kestactl version show");
     add_set(*version, globals, action, options);
     CLI::App *next = version->add_subcommand("next", "Hand out the next number, and print it");
     add_dry_run(*next, globals);
+    add_examples(*next, "  kestactl version next --dry-run\n"
+                        "  kestactl version next");
     next->callback([&action] {
         action = [](const Globals &given) { return next_command(given); };
     });
