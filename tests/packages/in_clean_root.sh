@@ -47,6 +47,12 @@ X
 kestactl slot switch --backup kesta_backup0 --accept kesta_backup1 > /dev/null
 kestactl save network > /dev/null
 kestactl accept > /dev/null
+# The program of the README, compiled as it says.
+cd "$given"
+awk '/^```c$/ { inside = 1; next } /^```/ { inside = 0 } inside' README.md > which-slot.c
+sh -eu -c "$(grep '^cc -o which-slot' README.md)"
+./which-slot | grep -qx 'backups go to kesta_backup0'
+cd /
 cp /etc/hosts "$given/hosts"
 echo spoilt > /etc/hosts
 kestactl restore network > /dev/null
