@@ -1,2 +1,3 @@
+#!/bin/sh
 # Run after a restore.
 exit 0

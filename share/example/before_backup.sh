@@ -1,2 +1,3 @@
+#!/bin/sh
 # Run before a backup.
 exit 0
