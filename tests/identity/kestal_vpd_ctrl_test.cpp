@@ -222,22 +222,16 @@ TEST_F(VpdFlow, GuidIsWrittenForAll)
     EXPECT_EQ(read_file(guid_file), new_guid + "\n");
 }
 
-TEST_F(VpdFlow, FailedCloseOfTheGuidIsAFailedWrite)
-{
-    p().fail_kind("close", 0, 1);
-    p().fault_errno = ENOSPC;
-    EXPECT_EQ(kestal_update_vpdinfo_guid(new_guid.c_str()), -1);
-    EXPECT_TRUE(last_trace_is(1, "[update_vdpinfo_guid] fputs() error path=(" + guid_file +
-                                     ") errno=28"));
-}
-
 TEST_F(VpdFlow, GuidThatCanNotBeWrittenIsTold)
 {
-    p().fail_kind("write", 0, 1);
-    p().fault_errno = ENOSPC;
-    EXPECT_EQ(kestal_update_vpdinfo_guid(new_guid.c_str()), -1);
-    EXPECT_TRUE(last_trace_is(1, "[update_vdpinfo_guid] fputs() error path=(" + guid_file +
-                                     ") errno=28"));
+    for (const char *call : {"write", "close"}) {
+        p().fail_kind(call, 0, 1);
+        p().fault_errno = ENOSPC;
+        EXPECT_EQ(kestal_update_vpdinfo_guid(new_guid.c_str()), -1) << call;
+        EXPECT_TRUE(last_trace_is(1, "[update_vdpinfo_guid] fputs() error path=(" + guid_file +
+                                         ") errno=28"))
+            << call;
+    }
     exec("rm -rf " + tree + "/C");
     EXPECT_EQ(kestal_update_vpdinfo_guid(new_guid.c_str()), -1);
     EXPECT_TRUE(last_trace_is(

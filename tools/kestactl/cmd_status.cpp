@@ -200,12 +200,10 @@ std::string describe_holders(const Json &holders)
 }
 
 // What this controller runs with, and what is saved.
-Json versions()
+Json versions(int own)
 {
-    const auto version = [](int area) {
-        const int number = kestal_read_version_nolock(
-            area, std::max(kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_OWN_NUMBER_NO_FILE), 0),
-            KESTA_VERSION_BY_MODE);
+    const auto version = [own](int area) {
+        const int number = kestal_read_version_nolock(area, std::max(own, 0), KESTA_VERSION_BY_MODE);
         if (number < 0) {
             throw Failure(Exit::platform, "version-failed", "A version can't be read.", "");
         }
@@ -307,7 +305,7 @@ Result show_status(bool checksums)
     json["accept_slot"] = answers.ask([] { return Json(accept_slot()); });
     json["group"] = answers.ask(
         [] { return Json(field_text(read_block(find_block("group"), From::memory).bytes)); });
-    json["versions"] = answers.ask(versions);
+    json["versions"] = answers.ask([own] { return versions(own); });
     json["unfinished"] = answers.ask(unfinished);
     json["command_locks"] = answers.ask(command_locks);
     json["inner_lock"] = answers.ask(inner_lock_holders);

@@ -214,22 +214,29 @@ void make_folder(const std::string &path, const Member *recorded)
     }
 }
 
+// A folder as the archive recorded it; null if it did not.
+const Member *recorded_folder(const std::string &path, const RestoredFiles &files)
+{
+    for (const std::vector<Member> *members : {&files.parents, &files.members}) {
+        const auto found =
+            std::find_if(members->begin(), members->end(),
+                         [&path](const Member &member) { return absolute(member) == path; });
+        if (found != members->end()) {
+            return &*found;
+        }
+    }
+    return nullptr;
+}
+
 // With the owners and modes that the archive recorded, where it did.
 void make_way(const std::string &path, const RestoredFiles &files)
 {
     fs::path way = "/";
     for (const fs::path &part : fs::path(path).parent_path().relative_path()) {
         way /= part;
-        if (look_at(way.string()).exists) {
-            continue;
+        if (!look_at(way.string()).exists) {
+            make_folder(way.string(), recorded_folder(way.string(), files));
         }
-        const auto is_way = [&way](const Member &member) { return absolute(member) == way; };
-        auto found = std::find_if(files.parents.begin(), files.parents.end(), is_way);
-        if (found == files.parents.end()) {
-            found = std::find_if(files.members.begin(), files.members.end(), is_way);
-        }
-        const bool recorded = found != files.parents.end() && found != files.members.end();
-        make_folder(way.string(), recorded ? &*found : nullptr);
     }
 }
 
@@ -243,9 +250,10 @@ void write_staged(const std::string &staged, const std::string &bytes)
         at += whole ? static_cast<std::size_t>(put) : 0;
     }
     whole = whole && fsync(fd) == 0;
-    const int error = errno;
-    if (fd >= 0 && close(fd) != 0) {
+    int error = errno;
+    if (fd >= 0 && close(fd) != 0 && whole) {
         whole = false;
+        error = errno;
     }
     if (!whole) {
         errno = error;
