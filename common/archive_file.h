@@ -24,7 +24,8 @@ enum class Flush {
 int open_for_overwrite(const char *path);
 
 // Writes, flushes and closes. Only a write whose flush and close succeeded is complete: a full disk
-// may show no earlier than there.
+// may show no earlier than there. A failed one fails the copy, on purpose: the source is still there, and
+// the caller may try again; a copy that is called good and isn't would be lost with its source.
 WriteOutcome write_and_close(UniqueFd &file, const void *data, unsigned int size, Flush flush);
 
 }  // namespace kesta

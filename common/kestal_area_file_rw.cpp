@@ -35,7 +35,7 @@ int prepare(NameAccess &access)
         access.name[KESTA_AREA_NAME_SIZE - 1] = '\0';
         access.length = KESTA_AREA_NAME_SIZE;
     } else {
-        const std::size_t length = strnlen(access.name, KESTA_AREA_NAME_SIZE);
+        const std::size_t length = strlen(access.name);
         if (length >= KESTA_AREA_NAME_SIZE) {
             TRACE(1, "[area_file_rw] Length(%d) ERROR", static_cast<int>(length));
             return KESTA_ERR_ARGUMENT;

@@ -107,7 +107,7 @@ int run_copy_script(const char *group)
 int kestal_backup2copy(const char *group)
 {
     TRACE(5, "[backup2copy] START");
-    if (!group || strlen(group) > kesta::longest_group_folder) {
+    if (!kesta::is_group_folder(group)) {
         TRACE(1, "[backup2copy] Group name ERROR");
         return KESTA_ERR_ARGUMENT;
     }

@@ -12,6 +12,7 @@
 
 #include "kesta/backup_definition.h"
 #include "kesta/process.h"
+#include "kesta/shell_word.h"
 #include "trace.h"
 
 namespace {
@@ -38,26 +39,11 @@ std::optional<int> as_id(const char *text)
     return std::nullopt;
 }
 
-// The command line is made by plain substitution: what a shell would not take as one plain word
-// must not get into it.
-bool is_plain_word(const char *path)
-{
-    static constexpr char plain[] =
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./+,:@%=-";
-    for (const char *c = path; *c != '\0'; ++c) {
-        const bool is_ascii = static_cast<unsigned char>(*c) < 0x80;
-        if (is_ascii && !strchr(plain, *c)) {
-            return false;
-        }
-    }
-    return true;
-}
-
 int make_link(const char *link, const char *file)
 {
     LinkCommand command{};
     snprintf(command.data(), command.size(), "rm %s; ln -s %s %s > /dev/null 2>&1", link, file, link);
-    const int result = is_plain_word(link) && is_plain_word(file)
+    const int result = kesta_is_shell_word(link) && kesta_is_shell_word(file)
                            ? kestal_exec_cmd_by_system(command.data())
                            : KESTA_ERR;
     if (result != KESTA_OK) {

@@ -7,6 +7,7 @@
 
 #include "kesta/process.h"
 #include "kesta/remote_scripts.h"
+#include "kesta/shell_word.h"
 #include "ownership.h"
 #include "storage_places.h"
 #include "text_line.h"
@@ -135,7 +136,7 @@ int open_script(const char *path)
 bool has_names(const FileList &list)
 {
     for (int i = 0; i <= list.n; ++i) {
-        if (!list.files || !list.files[i]) {
+        if (!list.files || !list.files[i] || !kesta_is_shell_word(list.files[i])) {
             return false;
         }
     }

@@ -129,7 +129,8 @@ public:
         heading(">>>>> OUTPUT TIME: %s \n", asctime_r(&local, text));
     }
 
-    // Whether all of it reached the file.
+    // Whether all of it reached the file. On a full device it did not, and the dump fails: half a dump that is
+    // called whole would mislead who reads it.
     bool close()
     {
         if (!file_) {

@@ -51,7 +51,9 @@ int kestal_non_volatile_rw_sysback(int block_id, int rw_flag, void *data, unsign
     if (!row) {
         return KESTA_NO_SYSBACK_NAME;
     }
-    if (!data) {
+    // Only a read follows the pointer: a null one to write is refused by kestal_backup_rw, and fails here
+    // as any other write does (-1), which is what block access tells its callers apart by.
+    if (!data && rw_flag == KESTA_FILE_READ) {
         TRACE(1, "[non_volatile_rw_sysback] Data area pointer is INVALID");
         return KESTA_ERR_ARGUMENT;
     }

@@ -160,7 +160,7 @@ private:
                                            &indices[static_cast<std::size_t>(i)]);
             if (rtn != 0) {
                 TRACE(1, "[repair_allitem] Thread[%d] Execute ERROR rtn=%d", i, rtn);
-                error_ = true;
+                error_ = true;  // its item and those behind it are not copied: never a success
                 return;
             }
             worker.state = State::running;
@@ -242,7 +242,6 @@ int copy_in_threads()
         TRACE(1, "[repair_allitem] Thread ReturnValue Error.");
         result = KESTA_ERR;
     }
-    TRACE(4, "[repair_allitem] END");
     return result;
 }
 
@@ -258,7 +257,7 @@ int kestal_repair_filename_check(char *name, int length)
         TRACE(4, "[repair_filename_check] filelen Error(%d,%d)", length, compared_length);
         return KESTA_ERR;
     }
-    TRACE(4, "[repair_filename_check] filename=%.*s(%d).", compared_length, name, length);
+    TRACE(4, "[repair_filename_check] filename=%s(%d).", name, length);
     if (strncmp(name, KESTA_SLOT0, compared_length) != 0 &&
         strncmp(name, KESTA_SLOT1, compared_length) != 0) {
         TRACE(4, "[repair_filename_check] check failed");
@@ -283,6 +282,10 @@ int kestal_repair_memory_sysback(KESTA_REPAIR_SYSVOL_DATA *data, int count)
 int kestal_repair_memory_from_sysback(KESTA_REPAIR_SYSVOL_DATA *data, int count, char *verback,
                                       char *verid)
 {
+    if (!verback || !verid) {
+        TRACE(1, "[repair_memory_from_sysback] Argument ERROR");
+        return KESTA_ERR_ARGUMENT;
+    }
     g_env_restore2_flag = KESTA_ON;
     g_sysvol_verback = verback;
     g_sysvol_verid = verid;
@@ -299,7 +302,10 @@ int kestal_repair_allitem(int direction, KESTA_REPAIR_SYSVOL_DATA *data, int cou
     g_sysvol_dataptr = data;
     g_sysvol_datarec = count;
     g_onoff = direction;
-    return g_env_restore2_flag == KESTA_OFF ? copy_in_sequence(direction) : copy_in_threads();
+    const int result =
+        g_env_restore2_flag == KESTA_OFF ? copy_in_sequence(direction) : copy_in_threads();
+    TRACE(4, "[repair_allitem] END");
+    return result;
 }
 
 void *kestal_repair_thread_func(void *index)

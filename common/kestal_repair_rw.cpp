@@ -198,7 +198,7 @@ char *g_sysvol_verid;
 int kestal_repair_rw(int direction, int block_id, size_t length)
 {
     TRACE(5, "[repair_rw] START");
-    if (static_cast<unsigned>(direction) >= repair_rw.size() || length == 0) {
+    if (static_cast<unsigned>(direction) >= repair_rw.size()) {
         TRACE(1, "[repair_rw] Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }

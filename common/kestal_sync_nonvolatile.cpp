@@ -189,7 +189,6 @@ int kestal_flag_of_sync_nonvolatile(int rw, int *synced, int *req, int cntno)
 void kestal_flag_of_sync_nonvolatile_dbglog(int rw, int *synced, int *req, KESTA_VOLATILE *image)
 {
     if (!image) {
-        TRACE(1, "[flag_of_sync_nonvolatile] Argument ERROR");
         return;
     }
     constexpr int no_value = -1;

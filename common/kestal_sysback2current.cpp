@@ -204,7 +204,7 @@ int kestal_sysback2current(const char *group, int switch_only, int area_flag, in
                            int distribution, char *fileptr, int skip_flashcopy)
 {
     TRACE(5, "[sysback2current] START(area_flag:%d)", area_flag);
-    if (!group || strlen(group) > kesta::longest_group_folder) {
+    if (!kesta::is_group_folder(group)) {
         TRACE(1, "[sysback2current] Group name ERROR");
         return KESTA_ERR_ARGUMENT;
     }

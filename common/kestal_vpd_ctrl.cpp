@@ -17,9 +17,9 @@
 #include "kesta/identity.h"
 #include "kesta/nv_image.h"
 #include "kesta/process.h"
+#include "kesta/shell_word.h"
 #include "kesta/versions.h"
 #include "ownership.h"
-#include "shell_text.h"
 #include "storage_places.h"
 #include "text_field.h"
 #include "text_line.h"
@@ -356,7 +356,7 @@ int kestal_update_vpdinfo_distribute_open(const char *directory, int flag)
 {
     TRACE(4, "[update_vpdinfo_distribute_open] Start. path=%s, flag=%d", or_null(directory), flag);
     kesta::CommandLine command{};
-    if (!directory || !kesta::is_shell_word(directory) ||
+    if (!directory || !kesta_is_shell_word(directory) ||
         !form(command, "/bin/sh %s %s > /dev/null 2>&1", distribute_script, directory)) {
         TRACE(1, "[update_vpdinfo_distribute_open] Argument Error.");
         return KESTA_ERR_ARGUMENT;
@@ -385,7 +385,7 @@ int kestal_update_vpdinfo_eeprom(const char *wwn, const char *serialno)
     TRACE(4, "[update_vpdinfo_eeprom] Start. wwnstr=%s, snstr=%s", or_null(wwn), or_null(serialno));
     g_vpd_cntnum = flow_controllers;
     kesta::CommandLine command{};
-    if (!kesta::is_shell_word(wwn) || !kesta::is_shell_word(serialno) ||
+    if (!kesta_is_shell_word(wwn) || !kesta_is_shell_word(serialno) ||
         !form_eeprom_command(command, 0, wwn, serialno)) {
         TRACE(1, "[update_vpdinfo_eeprom] Argument Error.");
         return KESTA_ERR_ARGUMENT;

@@ -7,7 +7,7 @@
 #include "kesta/controller.h"
 #include "kesta/identity.h"
 #include "kesta/process.h"
-#include "shell_text.h"
+#include "kesta/shell_word.h"
 #include "storage_places.h"
 #include "trace.h"
 #include "vpd_tool.h"
@@ -157,8 +157,7 @@ int kestal_get_vpn_info(char *wwn, char *serialno, char *guid)
 int kestal_set_vpn_info(const char *wwn, const char *serialno, const char *guid)
 {
     TRACE(5, "[kestal_set_vpn_info] START");
-    if (!kesta::is_shell_word(wwn) || !kesta::is_shell_word(serialno) ||
-        !kesta::is_shell_word(guid)) {
+    if (!kesta_is_shell_word(wwn) || !kesta_is_shell_word(serialno) || !kesta_is_shell_word(guid)) {
         TRACE(1, "[kestal_set_vpn_info] Argument Error.(a character that a shell would act on)");
         return KESTA_ERR_ARGUMENT;
     }

@@ -2,8 +2,11 @@
 #pragma once
 
 #include <stdio.h>
+#include <string.h>
 
 #include <array>
+
+#include "kesta/shell_word.h"
 
 namespace kesta {
 
@@ -32,5 +35,12 @@ inline Path path_of(const char *directory, const char *file)
 
 // A group's name becomes one folder name; a longer one fits no folder, and no command line.
 inline constexpr std::size_t longest_group_folder = 255;
+
+// Whether a group's folder can stand in a command line.
+inline bool is_group_folder(const char *group)
+{
+    return group && strnlen(group, longest_group_folder + 1) <= longest_group_folder &&
+           kesta_is_shell_word(group);
+}
 
 }  // namespace kesta

@@ -20,7 +20,7 @@ KESTA_BEGIN_DECLS
  * rw_flag                   KESTA_BLOCK_WRITE or KESTA_BLOCK_READ
  * accept_name, backup_name  buffers of 32 bytes; either may be null. A name that is read is the
  *                           raw field: without a terminator if all 32 characters are used. A name
- *                           that is written has at most 31 characters.
+ *                           that is written is a text with a terminator, of at most 31 characters.
  *
  * Returns 0; KESTA_ERR_ARGUMENT (both null, other flag, name too long); KESTA_ERR (lock, access or
  * unlock failed). If the accept name fails the backup name is not touched. Logged at level 1.

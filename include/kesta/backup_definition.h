@@ -132,7 +132,7 @@ KESTA_API int kestal_check_wildcard(int *check_result, const char *check_string)
  * cntno  0..3; checked, and of no other effect
  *
  * Returns 0; KESTA_ERR (a file is missing, unless the operation is "addremove"; a link command failed,
- * or would have to contain a blank or a shell character; owner, group or mode could not be set);
+ * or would have to contain a path that is no shell word, see shell_word.h; owner, group or mode could not be set);
  * KESTA_ERR_ARGUMENT.
  */
 KESTA_API int kestal_change_fileprop(KESTA_BACKUP_FILE *definition, int cntno);

@@ -50,7 +50,8 @@ KESTA_API int kestal_merge_file2accept(char *acceptfile);
  * Runs the group's copy script. In InitConf boot mode, with the system backup area usable, first
  * brings the backup slot to the tmp cache (a failure there is only a warning) and to flash.
  *
- * Returns 0, KESTA_ERR_ARGUMENT (null or overlong group) or KESTA_ERR.
+ * Returns 0, KESTA_ERR_ARGUMENT (a group that is null, overlong or no shell word, see shell_word.h; nothing
+ * is done then) or KESTA_ERR.
  */
 KESTA_API int kestal_backup2copy(const char *group);
 
@@ -58,7 +59,7 @@ KESTA_API int kestal_backup2copy(const char *group);
  * Brings a slot onto flash (the switch stage) and runs one of the group's restore scripts (the
  * current stage).
  *
- * group           names the script directory /etc/kesta_sys/GROUP/
+ * group           names the script directory /etc/kesta_sys/GROUP/; one shell word, see shell_word.h
  * switch_only     1: no current stage
  * area_flag       0 switch with the accept slot, 1 with the backup slot, 2 no switch and a
  *                 backup-side script, 3 no switch and an accept-side script; any other value:

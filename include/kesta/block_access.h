@@ -57,9 +57,9 @@ KESTA_API int kestal_non_volatile_rw_memory(int block_id, int rw_flag, void *dat
  *
  * rw_flag  KESTA_FILE_READ or KESTA_FILE_WRITE (the opposite numbers)
  *
- * Returns 0, KESTA_ERR, KESTA_ERR_ARGUMENT for a null buffer, or KESTA_NO_SYSBACK_NAME for a block
- * without a mirror file. A stored item shorter than size fills only its own length; a longer one
- * is an error.
+ * Returns 0, KESTA_ERR (also for a null buffer to be written), KESTA_ERR_ARGUMENT for a null buffer to
+ * be read into, or KESTA_NO_SYSBACK_NAME for a block without a mirror file. A stored item shorter than size
+ * fills only its own length; a longer one is an error.
  */
 KESTA_API int kestal_non_volatile_rw_sysback(int block_id, int rw_flag, void *data,
                                              unsigned int size);

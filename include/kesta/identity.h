@@ -41,8 +41,8 @@ KESTA_API int kestal_get_vpn_info(char *wwn, char *serialno, char *guid);
 
 /*
  * Writes them with the VPD tool; a null text is left out. The texts become words of a shell command.
- * Returns 0, the tool's exit code, KESTA_ERR, or KESTA_ERR_ARGUMENT, and runs nothing then: a text has
- * other characters than letters, digits and . _ : + - = / @, or the command more than 511.
+ * Returns 0, the tool's exit code, KESTA_ERR, or KESTA_ERR_ARGUMENT, and runs nothing then: a text is no
+ * shell word (shell_word.h), or the command has more than 511 characters.
  */
 KESTA_API int kestal_set_vpn_info(const char *wwn, const char *serialno, const char *guid);
 
@@ -72,8 +72,8 @@ KESTA_API int kestal_guid_bin2str(const char *bytes, char *text);
  * share. A failure ends a flow and leaves the tree as it is; the next one opens it anew. One flow at a
  * time on a controller; they take no lock for that.
  *
- * The steps. Each returns 0, KESTA_ERR, or KESTA_ERR_ARGUMENT (null, a character that a shell would act
- * on, a text that is too long; nothing is run or written then).
+ * The steps. Each returns 0, KESTA_ERR, or KESTA_ERR_ARGUMENT (null, a text that is no shell word or too
+ * long; nothing is run or written then).
  */
 
 /*

@@ -21,6 +21,7 @@
 #include "kesta/nv_sync.h"
 #include "kesta/process.h"
 #include "kesta/remote_scripts.h"
+#include "kesta/shell_word.h"
 #include "kesta/versions.h"
 
 #endif

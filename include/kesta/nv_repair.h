@@ -35,9 +35,9 @@ KESTA_API int kestal_repair_memory_sysback(KESTA_REPAIR_SYSVOL_DATA *data, int c
  * 31, 32, 201, 202, 203), the controllers' versions from this controller's flash version file, the others
  * from the system backup area. Not longer than two minutes: what hangs then is cancelled.
  *
- * verback, verid  may be null; 4 bytes each, receive the backup and numbering version that were read
+ * verback, verid  4 bytes each, receive the backup and numbering version that were read
  *
- * Returns 0 or KESTA_ERR. The records must stay until then.
+ * Returns 0, KESTA_ERR, or KESTA_ERR_ARGUMENT for a null verback or verid. The records must stay until then.
  */
 KESTA_API int kestal_repair_memory_from_sysback(KESTA_REPAIR_SYSVOL_DATA *data, int count,
                                                 char *verback, char *verid);
@@ -49,7 +49,8 @@ KESTA_API int kestal_repair_memory_from_sysback(KESTA_REPAIR_SYSVOL_DATA *data, 
  */
 KESTA_API int kestal_repair_allitem(int direction, KESTA_REPAIR_SYSVOL_DATA *data, int count);
 
-/* Copies one block. Returns 0, KESTA_ERR or KESTA_ERR_ARGUMENT (another direction, no length). */
+/* Copies one block. Returns 0, KESTA_ERR (a transfer was refused or failed) or KESTA_ERR_ARGUMENT (another
+ * direction). */
 KESTA_API int kestal_repair_rw(int direction, int block_id, size_t length);
 
 /* Body of a thread: copies the item whose index (0..11) the pointer points to; its result is that of

@@ -23,7 +23,8 @@ KESTA_BEGIN_DECLS
  * four files and more they overlap.
  *
  * Returns 0; KESTA_ERR (the script could not be written whole, or a step is longer than 511
- * characters); KESTA_ERR_ARGUMENT (a null list or name).
+ * characters); KESTA_ERR_ARGUMENT (a null list, or a name that is null or no
+ * shell word, see shell_word.h).
  */
 KESTA_API int kestal_make_rsh_samefilename_script(int cnt, char **files, int n);
 

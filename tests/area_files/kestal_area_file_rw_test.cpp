@@ -110,11 +110,12 @@ TEST_F(AreaFile, ThirtyOneCharactersFitAndThirtyTwoDoNot)
     std::string name(31, 'a');
     EXPECT_EQ(kestal_area_file_rw(1, name.data(), nullptr), 0);
     EXPECT_EQ(p().text_at(nv_accept_name, 32), name);
-    char full[32];
-    memset(full, 'b', sizeof(full));  // no terminator anywhere
-    EXPECT_EQ(kestal_area_file_rw(1, full, nullptr), -931);
-    EXPECT_EQ(kestal_area_file_rw(1, nullptr, full), -931);
-    EXPECT_EQ(p().count("[area_file_rw] Length(32) ERROR"), 2);
+    for (const std::size_t length : {32u, 40u}) {
+        std::string longer(length, 'b');
+        EXPECT_EQ(kestal_area_file_rw(1, longer.data(), nullptr), -931);
+        EXPECT_EQ(kestal_area_file_rw(1, nullptr, longer.data()), -931);
+        EXPECT_EQ(p().count("[area_file_rw] Length(" + std::to_string(length) + ") ERROR"), 2);
+    }
     EXPECT_EQ(p().text_at(nv_accept_name, 32), name);
     EXPECT_TRUE(inner_lock_is_free());
     EXPECT_TRUE(p().traced(5, "[area_file_rw] END ret=-931"));

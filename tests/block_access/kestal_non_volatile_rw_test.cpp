@@ -179,8 +179,22 @@ TEST_F(SysbackAccess, NullBufferIsRefused)
 {
     p().sysback["kesta_verid"] = {"1234"};
     EXPECT_EQ(kestal_non_volatile_rw_sysback(51, 1, nullptr, 4), -931);
-    EXPECT_EQ(kestal_non_volatile_rw_sysback(51, 2, nullptr, 4), -931);
     EXPECT_TRUE(p().calls.empty());
+}
+
+TEST_F(SysbackAccess, NullBufferToWriteFailsLikeAnyOtherWrite)
+{
+    for (const int flag : {2, 3}) {
+        p().traces.clear();
+        EXPECT_EQ(kestal_non_volatile_rw_sysback(51, flag, nullptr, 4), -1);
+        EXPECT_TRUE(p().traced(3, "[non_volatile_rw_sysback] NV(sysback) R/W execute f_name=kesta_verid"));
+        EXPECT_EQ(p().texts(1).back(), "[non_volatile_rw_sysback] NV(sysback) R/W ERROR f_name=kesta_verid");
+        EXPECT_EQ(p().count("INVALID"), 0);
+    }
+    EXPECT_TRUE(p().calls.empty());
+    int sysback_result = 0;
+    EXPECT_EQ(kestal_non_volatile_rw_func(51, 1, nullptr, 4, &sysback_result), -1);
+    EXPECT_EQ(sysback_result, -1);
 }
 
 TEST_F(SysbackAccess, ShortReadLeavesTheBufferAlone)

@@ -110,7 +110,7 @@ TEST_F(FileProperties, NoCommandIsMadeOfBlanksOrShellCharacters)
 {
     for (const char *bad : {"/tmp/a b", "/tmp/$HOME", "/tmp/a;b", "/tmp/`x`", "/tmp/a'b", "/tmp/a\"b",
                             "/tmp/a*", "/tmp/a&b", "/tmp/a|b", "/tmp/a>b", "/tmp/a\\b", "/tmp/(a)",
-                            "/tmp/a\nb", "/tmp/a#b", "/tmp/~a", "/tmp/{a}", "/tmp/a!b", "/tmp/[a]",
+                            "/tmp/a\nb", "#a", "~/a", "/tmp/{a}", "/tmp/a!b", "/tmp/[a]",
                             "/tmp/a?b", "/tmp/a\tb"}) {
         p().traces.clear();
         p().system_commands.clear();
@@ -120,6 +120,12 @@ TEST_F(FileProperties, NoCommandIsMadeOfBlanksOrShellCharacters)
         EXPECT_THAT(p().texts(1),
                     ElementsAre("[change_fileprop] command(rm " + std::string(bad) + "; ln -s " + a +
                                 " " + bad + " > /dev/null 2>&1) ERROR result=-1"));
+    }
+    for (const char *good : {"/tmp/a#b", "/tmp/~a", "/tmp/a,b%c^d", "/tmp/\xc3\xa4"}) {
+        strcpy(definition->setfile[0].linkpath[0], good);
+        EXPECT_EQ(apply(), 0) << good;
+        EXPECT_EQ(target_of(good), a);
+        EXPECT_EQ(unlink(good), 0);
     }
     // A file that has such a name, and no links, is not touched by this.
     add(0, "with blank");

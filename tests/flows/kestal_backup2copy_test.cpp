@@ -189,6 +189,16 @@ TEST_F(Backup2Copy, GroupNameIsChecked)
     EXPECT_THAT(p().system_commands, IsEmpty());
 }
 
+TEST_F(Backup2Copy, GroupThatAShellWouldActOnIsRefusedBeforeAnythingIsDone)
+{
+    for (const char *group : {"app/x; id; echo", "a b", "$(id)", "`id`", "a|b", "a>b", "a*", "#", "~"}) {
+        EXPECT_EQ(kestal_backup2copy(group), -931) << group;
+        EXPECT_EQ(p().traces.back().text, "[backup2copy] Group name ERROR");
+    }
+    EXPECT_THAT(p().calls, IsEmpty());
+    EXPECT_THAT(p().system_commands, IsEmpty());
+}
+
 TEST_F(Backup2Copy, LongestGroupFolderFitsTheCommand)
 {
     const std::string group(255, 'g');

@@ -182,6 +182,19 @@ TEST_F(Sysback2Current, NullGroupIsRefused)
     EXPECT_THAT(p().calls, IsEmpty());
 }
 
+TEST_F(Sysback2Current, GroupThatAShellWouldActOnIsRefusedBeforeAnythingIsDone)
+{
+    const std::string overlong(256, 'g');
+    for (const char *group : {"app/x; id; echo", "a b", "$(id)", "`id`", "a|b", "a*", "~", overlong.c_str()}) {
+        for (const int area_flag : {0, 1, 2, 3}) {
+            EXPECT_EQ((Restore{.group = group, .area_flag = area_flag}).run(), -931) << group;
+            EXPECT_EQ(p().traces.back().text, tag + "Group name ERROR");
+        }
+    }
+    EXPECT_THAT(p().calls, IsEmpty());
+    EXPECT_THAT(p().system_commands, IsEmpty());
+}
+
 TEST_F(Sysback2Current, MissingFlashAcceptArchiveIsASilentSuccessWithoutScript)
 {
     std::filesystem::remove(flash_accept);

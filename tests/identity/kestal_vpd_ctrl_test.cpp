@@ -181,7 +181,7 @@ TEST_F(VpdFlow, FirstFailureEndsTheEditing)
 TEST_F(VpdFlow, TextsThatAShellWouldActOnAreRefused)
 {
     for (const char *text : {"a b", "a;b", "$(x)", "`x`", "a'b", "a\"b", "a\nb", "a|b", "a&b", "a>b",
-                             "a*b", "a\\b", "a#b", "a!b", "~", "a\x80", "(a)", "a,b", "a%b"}) {
+                             "a*b", "a\\b", "#b", "a!b", "~", "~b", "(a)", "{a,b}", "[a]"}) {
         EXPECT_EQ(kestal_update_vpdinfo_eeprom(text, nullptr), -931) << text;
         EXPECT_EQ(kestal_update_vpdinfo_eeprom(nullptr, text), -931) << text;
         EXPECT_EQ(kestal_update_vpdinfo_distribute_open(text, 1), -931) << text;
@@ -192,7 +192,7 @@ TEST_F(VpdFlow, TextsThatAShellWouldActOnAreRefused)
     EXPECT_THAT(p().system_commands, IsEmpty());
     EXPECT_THAT(p().calls_of("popen"), IsEmpty());
     EXPECT_THAT(p().calls_of("sb_open"), IsEmpty());
-    const char *all = "azAZ09._:+-=/@";
+    const char *all = "azAZ09._:+-=/@,%^#~\x80";
     EXPECT_EQ(kestal_update_vpdinfo_eeprom(all, all), 0);
     EXPECT_THAT(p().system_commands, SizeIs(2));
 }
@@ -663,6 +663,16 @@ TEST_F(VpdToHdd, FailuresAreOnlyTold)
     p().commands[disk_write()] = {"", 6 << 8};
     EXPECT_EQ(kestal_vpd_to_hdd(old_wwn.c_str(), old_serialno.c_str(), guid_bytes.data()), 0);
     EXPECT_TRUE(p().traced(1, "[kestal_vpd_to_hdd] kestal_set_vpn_info() error. sts=6"));
+}
+
+TEST_F(VpdToHdd, ValueThatAShellWouldActOnIsToldInTheTraces)
+{
+    tool(new_wwn, new_serialno, new_guid);
+    EXPECT_EQ(kestal_vpd_to_hdd("0123456789;id;ab", old_serialno.c_str(), guid_bytes.data()), 0);
+    EXPECT_THAT(p().texts(1),
+                ElementsAre("[kestal_set_vpn_info] Argument Error.(a character that a shell would act on)",
+                            "[kestal_vpd_to_hdd] kestal_set_vpn_info() error. sts=-931"));
+    EXPECT_FALSE(written());
 }
 
 // ------------------------------------------------------------------- controller 0 to controller 1

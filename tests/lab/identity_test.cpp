@@ -246,6 +246,18 @@ TEST_F(LabIdentity, TheDiskCanBeRight)
     EXPECT_THAT(ctl(0, "identity carry vpd-to-disk").out, HasSubstr("Nothing to carry"));
 }
 
+TEST_F(LabIdentity, ValueThatAShellWouldActOnIsRefusedByName)
+{
+    install();
+    replace_board();
+    const std::string strange = "KESTA;reboot;007";
+    succeed(0, "kestactl nv write serialno '" + strange + "'");
+    const Ran refused = ctl(0, "identity carry vpd-to-disk");
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_THAT(refused.err, HasSubstr("The NV image holds '" + strange + "'"));
+    EXPECT_NE(on(0, vpdctl + " -r").out.find(new_serialno), std::string::npos) << "left as it was";
+}
+
 TEST_F(LabIdentity, NameGivenByHandStays)
 {
     install();

@@ -175,7 +175,40 @@ TEST_F(Repair, OneBlockEitherWay)
     for (const int direction : {-1, 2}) {
         EXPECT_EQ(kestal_repair_rw(direction, 51, 4), -931);
     }
-    EXPECT_EQ(kestal_repair_rw(0, 51, 0), -931);
+}
+
+TEST_F(Repair, NoLengthIsRefusedByTheReading)
+{
+    fill_memory();
+    for (const int direction : {0, 1}) {
+        p().traces.clear();
+        EXPECT_EQ(kestal_repair_rw(direction, 51, 0), -1);
+        EXPECT_EQ(p().traces.back().text, "[repair_rw] END rtn=-1");
+    }
+    EXPECT_TRUE(p().traced(1, "[repair_rw] SysBack Write ERROR rtn=-1"));
+    EXPECT_THAT(p().calls_of("nv_write"), IsEmpty());
+    EXPECT_THAT(p().calls_of("sb_write"), IsEmpty());
+}
+
+TEST_F(Repair, EndOfTheItemsIsAlwaysTold)
+{
+    EXPECT_EQ(kestal_repair_allitem(1, nullptr, 0), 0);
+    EXPECT_EQ(p().traces.back(), (Trace{4, "[repair_allitem] END",
+                                        "../common/kestal_repair_memory_sysback.cpp"}));
+    p().sysback.erase("kesta_ver1");
+    EXPECT_EQ(kestal_repair_allitem(1, nullptr, 0), 1);
+    EXPECT_EQ(p().traces.back().text, "[repair_allitem] END");
+}
+
+TEST_F(Repair, VersionsNeedAPlaceToGoTo)
+{
+    char version[4]{};
+    EXPECT_EQ(kestal_repair_memory_from_sysback(nullptr, 0, nullptr, version), -931);
+    EXPECT_EQ(kestal_repair_memory_from_sysback(nullptr, 0, version, nullptr), -931);
+    EXPECT_THAT(p().calls, IsEmpty());
+    EXPECT_EQ(p().texts(1), (std::vector<std::string>(2, "[repair_memory_from_sysback] Argument ERROR")));
+    EXPECT_EQ(repair(), 0) << "still one after the other";
+    EXPECT_FALSE(p().traced(4, "[repair_allitem] called from env_restore2."));
 }
 
 TEST_F(Repair, NamesAreCheckedOverTheirWholeLength)
@@ -190,6 +223,7 @@ TEST_F(Repair, NamesAreCheckedOverTheirWholeLength)
     EXPECT_TRUE(p().traced(4, "[repair_filename_check] check failed"));
     char longer[] = "kesta_backup0x";
     EXPECT_EQ(kestal_repair_filename_check(longer, 13), -1);
+    EXPECT_TRUE(p().traced(4, "[repair_filename_check] filename=kesta_backup0x(13)."));
     for (const int length : {0, 12, 14, -1}) {
         EXPECT_EQ(kestal_repair_filename_check(longer, length), -1);
         EXPECT_TRUE(p().traced(4, "[repair_filename_check] filelen Error(" +

@@ -147,6 +147,15 @@ TEST_F(RemoteScripts, FailuresAreTold)
     EXPECT_EQ(make({"/a"}, 0), -1);
 }
 
+TEST_F(RemoteScripts, NameThatAShellWouldActOnIsRefused)
+{
+    for (const char *name : {"/a b", "/a;id", "/$(id)", "/a\"", "/a'", "/a*"}) {
+        EXPECT_EQ(make({"/a", name}, 1), -931) << name;
+        EXPECT_EQ(p().traces.back().text, "[make_rsh_samefilename_script] Argument ERROR");
+    }
+    EXPECT_THAT(p().calls_of("open"), testing::IsEmpty());
+}
+
 TEST_F(RemoteScripts, EveryFaultIsReported)
 {
     sweep_faults([] { reset(); }, [this] { return make({"/a", "/b"}, 1); },

@@ -1,10 +1,11 @@
 // The repair by twelve workers. Waits pass at once; the waiting thread is held back until the workers that
-// can end have ended.
+// can end have ended, and can be joined: a thread that is only about to end would be given up.
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "library_test.h"
@@ -15,17 +16,6 @@ using testing::HasSubstr;
 namespace {
 
 constexpr int workers = 12;
-
-// Counts the threads that came by and have ended since, in whichever way.
-std::atomic<int> threads_ended{0};
-class CountedThread {
-public:
-    static void comes_by() { thread_local const CountedThread counted; }
-
-private:
-    CountedThread() = default;
-    ~CountedThread() { ++threads_ended; }
-};
 
 }  // namespace
 
@@ -47,20 +37,32 @@ protected:
         write_file("/etc/kesta_sys/version", "5\n");
     }
 
-    // Each wait of the repair lasts until so many workers are done.
-    void await_workers(int done)
+    // Each wait of the repair lasts until so many workers of those that were started are gone.
+    void await_workers(int done, int started = workers)
     {
         const pthread_t waiting = pthread_self();
-        p().before_call = [this, waiting, done](const std::string &call) {
+        p().before_call = [this, waiting, done, started](const std::string &call) {
             if (hook) {
                 hook(call);
             }
             if (pthread_equal(pthread_self(), waiting) && call == "usleep 100000") {
-                while (ended() < done || !is_set_up()) {
+                while (ended() < done || threads() - others_ > started - done || !is_set_up()) {
                     std::this_thread::yield();
                 }
             }
         };
+    }
+    // Of the process, as the system counts them: one that is not counted any more can be joined.
+    static int threads()
+    {
+        const std::filesystem::directory_iterator tasks("/proc/self/task");
+        return static_cast<int>(std::distance(begin(tasks), end(tasks)));
+    }
+    void await_end_of_all_threads() const
+    {
+        while (threads() > others_) {
+            std::this_thread::yield();
+        }
     }
     // What has to have happened besides.
     virtual bool is_set_up() const { return true; }
@@ -74,6 +76,9 @@ protected:
     std::function<void(const std::string &)> hook;
     char verback[4]{};
     char verid[4]{};
+
+private:
+    const int others_ = threads();  // a sanitizer may have one of its own
 };
 
 TEST_F(RepairThreads, AllTwelveAreCopied)
@@ -96,9 +101,10 @@ TEST_F(RepairThreads, ThreadThatCanNotBeStartedIsTold)
 {
     p().fail_kind("pthread_create", 3, 1);
     p().fault_errno = 11;
-    await_workers(0);
+    await_workers(3, 3);
     EXPECT_EQ(repair(), -1);
     EXPECT_TRUE(p().traced(1, "[repair_allitem] Thread[3] Execute ERROR rtn=11"));
+    EXPECT_TRUE(p().traced(4, "[repair_allitem] RtnValue(2)(rtn=0).")) << "those that run are awaited";
     EXPECT_TRUE(p().traced(1, "[repair_allitem] Thread ReturnValue Error."));
 }
 
@@ -133,7 +139,6 @@ protected:
         if (pipe(never_) != 0) {
             abort();
         }
-        threads_ended = 0;
     }
     ~HangingRepair() override
     {
@@ -156,19 +161,6 @@ protected:
     {
         close(never_[1]);
         never_[1] = -1;
-    }
-    // Each worker comes by here: the version is not to be had from the flash.
-    static void watch(const std::string &call)
-    {
-        if (call.starts_with("sb_open ")) {
-            CountedThread::comes_by();
-        }
-    }
-    static void await_end_of_all_workers()
-    {
-        while (threads_ended < workers) {
-            std::this_thread::yield();
-        }
     }
     void expect_given_up()
     {
@@ -204,7 +196,6 @@ private:
 TEST_P(HangingRepair, InTheSystemBackupArea)
 {
     hook = [this](const std::string &call) {
-        watch(call);
         if (call == std::string("sb_open ") + GetParam().name + " r") {
             hang();
         }
@@ -212,7 +203,7 @@ TEST_P(HangingRepair, InTheSystemBackupArea)
     await_workers(workers - 1);
     EXPECT_EQ(repair(), -1);
     expect_given_up();
-    await_end_of_all_workers();  // it was cancelled in its reading: nobody has let it go
+    await_end_of_all_threads();  // it was cancelled in its reading: nobody has let it go
     expect_nothing_held();
 }
 
@@ -223,7 +214,6 @@ TEST_P(HangingTransfer, InNvMemory)
     const std::string transfer =
         "nv_write " + std::to_string(GetParam().offset) + " " + std::to_string(GetParam().size);
     hook = [this, transfer](const std::string &call) {
-        watch(call);
         // The others get through first: they would wait for the mutex otherwise.
         if (call == std::string("sb_open ") + GetParam().name + " r") {
             while (ended() < workers - 1) {
@@ -238,7 +228,7 @@ TEST_P(HangingTransfer, InNvMemory)
     EXPECT_EQ(repair(), -1);
     expect_given_up();
     let_go();  // its transfer ends, the mutex is free, and then the worker is cancelled
-    await_end_of_all_workers();
+    await_end_of_all_threads();
     expect_nothing_held();
 }
 
@@ -247,7 +237,6 @@ class FailedGivingUp : public HangingRepair {};
 TEST_P(FailedGivingUp, IsTold)
 {
     hook = [this](const std::string &call) {
-        watch(call);
         if (call == "sb_open kesta_guid r") {
             hang();
         }
@@ -261,7 +250,7 @@ TEST_P(FailedGivingUp, IsTold)
     EXPECT_THAT(p().texts(1), testing::Contains(HasSubstr("[repair_allitem] pthread_cancel Error. (rtn=3,")));
     EXPECT_THAT(p().texts(1), testing::Contains(HasSubstr("[repair_allitem] pthread_detach Error. (rtn=3,")));
     EXPECT_TRUE(p().traced(1, "[repair_allitem] Thread(11) don't Finish. Error(rtn=3)."));
-    await_end_of_all_workers();
+    await_end_of_all_threads();
 }
 
 const std::vector<Hang> in_memory{

@@ -281,6 +281,17 @@ void require_whole(const Identity &identity, const std::string &where, const std
     if (!is_whole(identity)) {
         throw Failure(Exit::no, "no-identity", where + " holds no whole identity.", hint);
     }
+    // The flows hand the values to commands; they refuse what a shell would act on, and one of them tells of
+    // it in its traces only.
+    for (const std::string *value : {&*identity.wwn, &*identity.serialno}) {
+        if (kesta_is_shell_word(value->c_str()) == 0) {
+            throw Failure(Exit::no, "bad-identity",
+                          where + " holds '" + *value +
+                              "', which can't be handed to the VPD tool or the eeprom.",
+                          "It has characters that a shell would act on. Set another value with "
+                          "'kestactl identity set'.");
+        }
+    }
 }
 
 // Where a flow is not needed, what it leaves to its callers may still be.

@@ -130,19 +130,13 @@ Identity from_image(From from)
     return {block_text("wwn", from), block_text("serialno", from), block_guid(from)};
 }
 
-bool is_shell_word(const std::string &text)
-{
-    return std::all_of(text.begin(), text.end(), [](char c) {
-        return std::isalnum(static_cast<unsigned char>(c)) != 0 || strchr("._:+-=/@", c) != nullptr;
-    });
-}
-
 void check_sixteen(const std::string &text, const std::string &what)
 {
-    if (text.size() != KESTA_WWN_LENGTH || !is_shell_word(text) || text[0] == '-') {
+    if (text.size() != KESTA_WWN_LENGTH || kesta_is_shell_word(text.c_str()) == 0 ||
+        text[0] == '-') {
         throw Failure(Exit::usage, "bad-identity", "'" + text + "' is no " + what + ".",
-                      "It has exactly 16 letters, digits or characters of . _ : + - = / @, and does "
-                      "not begin with '-'.");
+                      "It has exactly 16 letters, digits or characters of . _ : + - = / @ , % ^ # ~, and "
+                      "begins with none of - # ~.");
     }
 }
 
