@@ -23,6 +23,31 @@ bool fits_path(const char *directory, const char *name)
     return strlen(directory) + strlen(name) < kesta::Path{}.size();
 }
 
+// Opens a lock file, which somebody else may have put there: no link is followed, no FIFO waited for.
+int open_lock_file(const char *path, int flags, int mode)
+{
+    return open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode);
+}
+
+// The file of a local lock. Its name is one word: one that leads to another folder is not there.
+int open_local_lock(const kesta::Path &path, const char *name)
+{
+    if (strchr(name, '/')) {
+        errno = ENOENT;
+        return no_descriptor;
+    }
+    kesta::UniqueFd file(open_lock_file(path.data(), O_WRONLY | O_CREAT, new_lock_mode));
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0) {
+        return no_descriptor;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        errno = EINVAL;
+        return no_descriptor;
+    }
+    return file.release();
+}
+
 int write_line(int fd, const char *lock_identifier, const char *lock_name)
 {
     kesta::TextBuffer line;
@@ -61,7 +86,7 @@ int kestal_file_command_lock(int *fd, char *name)
         return KESTA_ERR_ARGUMENT;
     }
     const kesta::Path path = kesta::path_of(kesta::merge_cache, name);
-    *fd = open(path.data(), O_WRONLY | O_CREAT | O_CLOEXEC, new_lock_mode);
+    *fd = open_local_lock(path, name);
     if (*fd < 0) {
         const int error = errno;
         TRACE(1, "[kestal_local_command_lock] File Open Error. f_name=%s errno=%d", path.data(),
@@ -117,7 +142,7 @@ int kestal_create_lock_file(const char *lock_identifier, const char *lock_name)
     int ret;
     {
         const kesta::UniqueFd file(
-            open(lock_name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
+            open_lock_file(lock_name, O_WRONLY | O_CREAT | O_TRUNC, kesta::new_text_file_mode));
         if (!file) {
             const int error = errno;
             TRACE(1, "[kestal_create_lock_file] Lock File(%s) Open Error. errno=%d", lock_name,
@@ -147,9 +172,12 @@ int kestal_read_lock_file(const char *file_name, char *buf, int size)
         return KESTA_ERR;
     }
     {
-        const kesta::FilePtr file(fopen(file_name, "re"));
-        if (!file) {
-            const int error = errno;
+        kesta::UniqueFd opened(open(file_name, O_RDONLY | O_NONBLOCK | O_CLOEXEC));  // waits for no FIFO
+        const kesta::FilePtr file(opened ? fdopen(opened.get(), "r") : nullptr);
+        const int error = errno;
+        if (file) {
+            (void)opened.release();
+        } else {
             TRACE(1, "[%s] Lock File(%s) Open Error. errno=%d", function, file_name, error);
             return KESTA_ERR;
         }

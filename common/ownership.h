@@ -64,6 +64,9 @@ public:
     int get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }
 
+    // Hands the descriptor over.
+    int release() { return std::exchange(fd_, -1); }
+
     // Closes now. Returns what close() returned; 0 if nothing was open. Never retried.
     int close()
     {

@@ -18,10 +18,11 @@ KESTA_BEGIN_DECLS
  *
  * fd    receives the descriptor, to be kept and given back to kestal_file_command_unlock; after a
  *       failure -1, or the number of a descriptor that is closed already
- * name  file name under /var/run/kesta_sys/tmp/
+ * name  file name under /var/run/kesta_sys/tmp/, one word without a slash
  *
  * Returns 0; KESTA_ERR_LOCAL_LOCK (held by another process, or the file can't be had);
- * KESTA_ERR_ARGUMENT (null, or a name that makes a path of more than 255 characters).
+ * KESTA_ERR_ARGUMENT (null, or a name that makes a path of more than 255 characters). A link or anything
+ * else that is no plain file is never used as a lock.
  */
 KESTA_API int kestal_file_command_lock(int *fd, char *name);
 
@@ -34,7 +35,7 @@ KESTA_API int kestal_file_command_lock(int *fd, char *name);
 KESTA_API int kestal_file_command_unlock(int *fd);
 
 /*
- * Writes an identifier into a file, as one line. The file is replaced in place.
+ * Writes an identifier into a file, as one line. The file is replaced in place; a link is not followed.
  *
  * lock_name  path of the file
  *

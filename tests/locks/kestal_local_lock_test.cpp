@@ -193,6 +193,26 @@ TEST_F(LocalLock, MissingFolderIsTold)
                                   "no/such errno=2"));
 }
 
+TEST_F(LocalLock, OnlyAPlainFileOfTheLockFolderIsUsed)
+{
+    write_file("/tmp/elsewhere", "not a lock");
+    const mode_t before = mode_of("/tmp/elsewhere");
+    EXPECT_EQ(symlink("/tmp/elsewhere", (lock_folder + "link").c_str()), 0);
+    EXPECT_EQ(symlink("/tmp/not-there", (lock_folder + "dangling").c_str()), 0);
+    EXPECT_EQ(mkfifo((lock_folder + "fifo").c_str(), 0666), 0);
+    const int reader = ::open((lock_folder + "fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    EXPECT_EQ(mkdir((lock_folder + "folder").c_str(), 0755), 0);
+    for (const char *wrong : {"link", "dangling", "fifo", "folder", "../../../../tmp/elsewhere", "../planted",
+                              "", ".", ".."}) {
+        EXPECT_EQ(try_lock(wrong), -121) << wrong;
+        EXPECT_EQ(p().texts(1).back().rfind("[kestal_local_command_lock] File Open Error. f_name=", 0), 0u);
+    }
+    close(reader);
+    EXPECT_EQ(mode_of("/tmp/elsewhere"), before);
+    EXPECT_FALSE(exists("/tmp/not-there"));
+    EXPECT_FALSE(exists("/var/run/kesta_sys/planted"));
+}
+
 TEST_F(LocalLock, ModeThatCanNotBeSetIsOnlyTold)
 {
     p().fail_kind("chmod");
@@ -304,6 +324,24 @@ TEST_F(LockFile, FailuresAreTold)
     EXPECT_EQ(kestal_create_lock_file("12", path.c_str()), -1);
     EXPECT_TRUE(p().traced(1, "[kestal_create_lock_file] File Write Error lock_name=" + path +
                                   " len=3 result=-1 errno=28"));
+}
+
+TEST_F(LockFile, LinkIsNotWrittenThroughAndAFifoNotWaitedFor)
+{
+    write_file("/tmp/elsewhere", "mine");
+    EXPECT_EQ(symlink("/tmp/elsewhere", "/tmp/planted"), 0);
+    EXPECT_EQ(kestal_create_lock_file("42", "/tmp/planted"), -1);
+    EXPECT_EQ(read_file("/tmp/elsewhere"), "mine");
+    EXPECT_EQ(mkfifo("/tmp/fifo", 0600), 0);
+    EXPECT_EQ(kestal_create_lock_file("42", "/tmp/fifo"), -1);
+    EXPECT_EQ(kestal_read_lock_file("/tmp/fifo", buffer, 11), 0) << "nothing in it";
+    EXPECT_STREQ(buffer, "###########");
+    EXPECT_EQ(kestal_create_lock_file("42", "/dev/full"), -1);
+    EXPECT_EQ(p().texts(1).back(), "[kestal_create_lock_file] File Write Error lock_name=/dev/full len=3 "
+                                   "result=-1 errno=28");
+    for (const char *made : {"/tmp/elsewhere", "/tmp/planted", "/tmp/fifo"}) {
+        EXPECT_EQ(unlink(made), 0);
+    }
 }
 
 TEST_F(LockFile, EveryFaultIsReported)

@@ -17,6 +17,7 @@
 #include "lock_state.h"
 #include "overview.h"
 #include "trace_capture.h"
+#include "whole_file.h"
 
 namespace kestactl {
 namespace {
@@ -425,7 +426,9 @@ Result dump(const DumpOptions &options, const Globals &globals)
 {
     check_range(options);
     if (!options.file.empty()) {
-        dump_to(options.file, options);
+        ExportedFile file(options.file);
+        dump_to(file.writable_path(), options);
+        file.publish();
         Result result;
         result.text = "Written to " + options.file + ".\n";
         result.json = {{"file", options.file}};

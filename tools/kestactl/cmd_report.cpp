@@ -9,6 +9,7 @@
 
 #include "command.h"
 #include "overview.h"
+#include "printable.h"
 #include "whole_file.h"
 
 namespace kestactl {
@@ -33,7 +34,7 @@ details{margin-top:.6rem}summary{cursor:pointer}
 std::string escaped(const std::string &text)
 {
     std::string result;
-    for (const char c : text) {
+    for (const char c : printable(text)) {
         switch (c) {
         case '&':
             result += "&amp;";
@@ -61,7 +62,7 @@ std::string cell(const Json &value)
         return "&ndash;";
     }
     return escaped(value.is_string() ? value.get<std::string>()
-                                     : value.dump(-1, ' ', false, Json::error_handler_t::replace));
+                                     : dumped(value));
 }
 
 std::string row(const std::string &name, const std::string &value)
@@ -246,12 +247,14 @@ std::string page(const Part &verified, const Part &status, const Part &versions,
 
 Result report(const std::string &file)
 {
+    ExportedFile written(file);  // first: a name that can't be written shows before the work
     const Part verified(verify_places);
     const Part status([] { return show_status(true); });
     const Part versions(show_versions);
     const Part image(decode_image);
     const std::string path = std::filesystem::absolute(file).string();
-    write_file_whole(path, page(verified, status, versions, image));
+    written.write(page(verified, status, versions, image));
+    written.publish();
     Result result;
     result.text = "Written to " + path + ".\n";
     result.json = {{"file", path},

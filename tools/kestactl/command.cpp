@@ -4,6 +4,8 @@
 
 #include <iostream>
 
+#include "printable.h"
+
 namespace kestactl {
 namespace {
 
@@ -31,9 +33,9 @@ void tell_progress(const Plan &plan, std::size_t step, const char *event, const 
     const std::string &what = plan.steps[step].what;
     if (globals.json) {
         const Json line{{"event", event}, {"step", step + 1}, {"of", plan.steps.size()}, {"what", what}};
-        std::cerr << line.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
+        std::cerr << dumped(line) << std::endl;
     } else if (isatty(STDERR_FILENO) != 0 && std::string(event) == "begin") {
-        std::cerr << "[" << step + 1 << "/" << plan.steps.size() << "] " << what << std::endl;
+        std::cerr << "[" << step + 1 << "/" << plan.steps.size() << "] " << printable(what) << std::endl;
     }
 }
 
@@ -72,6 +74,12 @@ void add_examples(CLI::App &command, const std::string &examples)
     command.footer("Examples:\n" + examples + "\n\n" + exit_codes);
 }
 
+std::string dumped(const Json &json, int indent)
+{
+    constexpr bool ascii_only = true;  // C1 controls and DEL are no control characters to JSON
+    return json.dump(indent, ' ', ascii_only, Json::error_handler_t::replace);
+}
+
 std::string joined(const std::vector<std::string> &words)
 {
     std::string text;
@@ -90,7 +98,7 @@ void confirm(const std::string &question, bool yes)
         throw Failure(Exit::usage, "not-confirmed", question + " Nobody is there to answer.",
                       "Look at what would be done with --dry-run, then give --yes.");
     }
-    std::cerr << question << " Go on? [yes/no] " << std::flush;
+    std::cerr << printable(question) << " Go on? [yes/no] " << std::flush;
     std::string answer;
     std::getline(std::cin, answer);
     if (answer != "yes") {

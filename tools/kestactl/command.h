@@ -72,6 +72,10 @@ void add_run(CLI::App &app, Globals &globals, Action &action);
 extern const char *const exit_codes;
 void add_examples(CLI::App &command, const std::string &examples);
 
+// The text of JSON that any terminal and any reader can take: beyond ASCII as \u escapes, and what is no UTF-8
+// replaced.
+std::string dumped(const Json &json, int indent = -1);
+
 // Words with blanks between them.
 std::string joined(const std::vector<std::string> &words);
 

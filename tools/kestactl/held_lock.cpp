@@ -12,6 +12,7 @@
 #include "appliance_state.h"
 #include "failure.h"
 #include "names.h"
+#include "printable.h"
 
 namespace kestactl {
 namespace {
@@ -65,7 +66,7 @@ void report_waiting(const LockState &state, int controller, int left)
             text = describe(lock, state.group);
         }
     }
-    std::cerr << "waiting, " << left << " s left: " << text << std::endl;
+    std::cerr << "waiting, " << left << " s left: " << printable(text) << std::endl;
 }
 
 std::string take_command_lock(const LockRequest &request, int own, const HeldSignals &signals)

@@ -4,11 +4,15 @@
 #include <unistd.h>
 
 #include <exception>
+#include <filesystem>
 #include <iostream>
+#include <new>
 #include <sstream>
 #include <string_view>
+#include <system_error>
 
 #include "command.h"
+#include "printable.h"
 #include "trace_capture.h"
 
 namespace {
@@ -28,7 +32,7 @@ public:
     }
     bool write(const Json &json) const
     {
-        const std::string text = json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+        const std::string text = dumped(json, 2) + "\n";
         return ::write(fd_ >= 0 ? fd_ : STDOUT_FILENO, text.data(), text.size()) ==
                static_cast<ssize_t>(text.size());
     }
@@ -61,7 +65,7 @@ int report_failure(const Failure &failure, bool json, const JsonChannel &channel
                          {"hint", failure.hint()},
                          {"traces", captured_errors()}}}});
     } else {
-        std::cerr << "kestactl: " << failure.what() << "\n" << failure.hint() << "\n";
+        std::cerr << printable(std::string("kestactl: ") + failure.what() + "\n" + failure.hint() + "\n");
     }
     return code(failure.exit());
 }
@@ -74,7 +78,7 @@ int report_result(const Result &result, bool json, const JsonChannel &channel)
                                  {"exit", code(result.exit)},
                                  {"result", result.json}});
     } else {
-        std::cout << result.text << std::flush;
+        std::cout << printable(result.text) << std::flush;
         written = static_cast<bool>(std::cout);
     }
     if (!written) {
@@ -101,6 +105,27 @@ int report_parse(const CLI::App &app, const CLI::ParseError &error, bool json,
     return report_failure(failure, json, channel);
 }
 
+// What the language's library threw, as an operator wants it: its own texts name functions and templates.
+Failure in_words(const std::exception &error)
+{
+    if (dynamic_cast<const std::bad_alloc *>(&error)) {
+        return {Exit::platform, "no-memory", "There is not enough memory for this.",
+                "End other programs, or give the command more memory, and run it again."};
+    }
+    if (const auto *file = dynamic_cast<const std::filesystem::filesystem_error *>(&error)) {
+        const std::string &path = file->path1().native();
+        return {Exit::platform, "file-failed",
+                (path.empty() ? "A file" : path) + " could not be used: " + file->code().message() + ".",
+                "Check the path and the rights of its folders, then run the command again."};
+    }
+    if (const auto *system = dynamic_cast<const std::system_error *>(&error)) {
+        return {Exit::platform, "system-failed", "The system refused something: " + system->code().message() + ".",
+                "Look at --trace 1 for the last call before it."};
+    }
+    return {Exit::platform, "failed", "Something went wrong that kestactl has no words for.",
+            "Look at --trace 1, and report what it shows."};
+}
+
 int perform(const Action &action, const Globals &globals, const JsonChannel &channel)
 {
     show_traces(globals.trace_level);
@@ -112,8 +137,7 @@ int perform(const Action &action, const Globals &globals, const JsonChannel &cha
     } catch (const Failure &failure) {
         return report_failure(failure, globals.json, channel);
     } catch (const std::exception &error) {
-        return report_failure(Failure(Exit::platform, "failed", error.what(), "Look at --trace 1."),
-                              globals.json, channel);
+        return report_failure(in_words(error), globals.json, channel);
     }
 }
 

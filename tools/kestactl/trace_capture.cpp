@@ -10,6 +10,8 @@
 #include <deque>
 #include <mutex>
 
+#include "printable.h"
+
 namespace kestactl {
 namespace {
 
@@ -57,7 +59,7 @@ void take_line(const char *file, int line, int level, const char *text)
         }
     }
     if (level <= shown_level) {
-        fprintf(stderr, "%d %s:%d %s\n", level, base_name(file), line, text);
+        fprintf(stderr, "%d %s:%d %s\n", level, base_name(file), line, printable(text).c_str());
     }
     if (const OutTrace log = to_platform ? platform_log() : nullptr) {
         log(file, line, level, "%s", text);
