@@ -105,3 +105,48 @@ TEST_F(KestactlGroup, ApplyDoesWhatTheDryRunSaid)
            "</setinfo>");
     EXPECT_EQ(ctl(0, "group apply network").code, 4);
 }
+
+TEST_F(KestactlGroup, ApplyFollowsNobodysLink)
+{
+    define("<setinfo><file path=\"/opt/theirs/file\"><link path=\"/opt/theirs/alias\"/>"
+           "<permission userid=\"nobody\" groupid=\"nogroup\" mode=\"666\"/></file></setinfo>");
+    const std::string show = "stat -c '%U %G %a' /opt/private/secret";
+    EXPECT_EQ(on(0, "mkdir -m 700 /opt/private && echo secret > /opt/private/secret && chmod 600 /opt/private/secret && "
+                    "mkdir /opt/theirs && chown nobody /opt/theirs && ln -s /opt/private/secret /opt/theirs/file && "
+                    "chown -h nobody /opt/theirs/file")
+                  .code,
+              0);
+    for (const std::string &plant :
+         {std::string("true"), std::string("chown -h root /opt/theirs/file"),
+          std::string("rm /opt/theirs/file; ln /opt/private/secret /opt/theirs/file"),
+          std::string("rm /opt/theirs/file; mkfifo /opt/theirs/file"),
+          std::string("rm -r /opt/theirs; ln -s /opt/private /opt/theirs; cp /opt/private/secret /opt/private/file; "
+                      "chown -h nobody /opt/theirs")}) {
+        EXPECT_EQ(on(0, plant).code, 0);
+        for (const char *command : {"group apply network --dry-run", "group apply network"}) {
+            const Ran refused = on(0, std::string("timeout 20 kestactl ") + command);
+            EXPECT_EQ(refused.code, 1) << plant << refused.out;
+            EXPECT_THAT(refused.err, HasSubstr("/opt/theirs/file"));
+        }
+        EXPECT_EQ(on(0, show).out, "root root 600\n") << plant;
+    }
+}
+
+TEST_F(KestactlGroup, ApplyFollowsLinksThatRootAloneCanHaveMade)
+{
+    define("<setinfo><file path=\"/etc/moved/file\"><permission mode=\"640\"/></file></setinfo>");
+    EXPECT_EQ(on(0, "mkdir /opt/elsewhere && echo x > /opt/elsewhere/real && ln -s real /opt/elsewhere/file && "
+                    "ln -s /opt/elsewhere /etc/moved && kestactl group apply network && stat -c %a /opt/elsewhere/real")
+                  .out,
+              "Done: /etc/moved/file: mode 0644 -> 0640\n640\n");
+}
+
+TEST_F(KestactlGroup, ApplyRunsNoShell)
+{
+    define("<setinfo><file path=\"/etc/app-a\"><link path=\"/etc/a link; echo x &gt; $(touch bad)\"/></file></setinfo>");
+    EXPECT_EQ(on(0, "cd /opt && echo a > /etc/app-a && kestactl group apply network && ls /opt && "
+                    "readlink '/etc/a link; echo x > $(touch bad)'")
+                  .code,
+              0);
+    EXPECT_EQ(on(0, "ls /opt/bad /bad /etc/bad").code, 2);
+}

@@ -174,6 +174,118 @@ TEST_F(KestactlSave, DryRunsWriteNothing)
     EXPECT_THAT(ctl(0, "save network --dry-run").out, HasSubstr("run " + note("after")));
 }
 
+TEST_F(KestactlSave, WhatRestoreWouldNotTakeIsRefusedWithItsPath)
+{
+    const std::vector<std::pair<std::string, std::string>> refused{
+        {"mkfifo /etc/app/more/pipe", "/etc/app/more/pipe is neither a file nor a folder nor a link"},
+        {"python3 -c 'import socket; socket.socket(socket.AF_UNIX).bind(\"/etc/app/more/sock\")'",
+         "/etc/app/more/sock is neither a file nor a folder nor a link"},
+        {"mknod /etc/app/more/null c 1 3", "/etc/app/more/null is neither a file nor a folder nor a link"},
+        {"echo x > /etc/app/more/.two.kesta-new", "/etc/app/more/.two.kesta-new has a name"},
+        {"echo x > /etc/app/more/prog; chmod 4755 /etc/app/more/prog", "/etc/app/more/prog runs with"},
+        {"ln -s up/../../one /etc/app/more/climbs", "/etc/app/more/climbs leads out of the group"},
+        {"mkdir /etc/app/more/f; ln -s / /etc/app/more/f/root", "/etc/app/more/f/root leads out of the group"}};
+    for (const auto &[make, because] : refused) {
+        succeed(make);
+        expect_refusal(ctl(0, "save network"), 1, because);
+        expect_refusal(ctl(0, "save network --dry-run"), 1, because);
+        succeed("rm -r /etc/app/more/[!t]* /etc/app/more/.t* 2> /dev/null || true");
+    }
+    EXPECT_EQ(on(0, "ls -A /opt/kesta_sys/bakup").out, "");
+    EXPECT_EQ(number("numbering-version"), 0) << "no number is spent";
+    EXPECT_EQ(ctl(0, "save network").code, 0);
+}
+
+TEST_F(KestactlSave, WhatIsSavedIsRestoredWhole)
+{
+    const std::string names = "cd /etc/app/more; for n in 100 150 244 245 250 255; do "
+                              "echo $n > $(printf '%0*d' $n 0); done; "
+                              "d=$(printf '%0200d' 1); mkdir -p $d/$d/$d; echo deep > $d/$d/$d/file; ";
+    succeed(names + "printf 'odd\\n' > \"$(printf 'new\\nline \\303\\244 \\377 *')\"; ln two second; "
+                    "truncate -s 70000 holes; echo end >> holes; ln -s ../one up; ln -s $d/$d/$d/file far; "
+                    "ln -s /etc/app/one absolute; : > empty; chmod 600 empty; chown 4711:4712 empty");
+    const std::string shown = "cd /etc/app && find . ! -type d -printf '%P %m %U %G %n %l %s\\n' | sort; "
+                              "find . -type d -printf '%P %m %U %G\\n' | sort; "
+                              "find . -type f -print0 | sort -z | xargs -0 sha256sum";
+    const std::string before = on(0, shown).out;
+    ASSERT_EQ(ctl(0, "save network").code, 0);
+    succeed("rm -r /etc/app");
+    const Ran restored = ctl(0, "restore network");
+    ASSERT_EQ(restored.code, 0) << restored.err;
+    EXPECT_EQ(on(0, shown).out, before);
+    EXPECT_EQ(ctl(0, "--json restore network").json().at("result").at("replaced"), json::array());
+    EXPECT_EQ(on(0, "tar -tjf " + flash_backup + " > /dev/null").code, 0) << "for other programs as well";
+}
+
+TEST_F(KestactlSave, SecondNameIsRestoredByItselfAsWell)
+{
+    succeed("ln /etc/app/more/two /etc/app/more/second && kestactl save network && "
+            "rm /etc/app/more/second && kestactl restore network --only /etc/app/more/second");
+    EXPECT_EQ(file_on(0, "/etc/app/more/second"), "two\n");
+    succeed("echo other > /etc/app/more/two && rm /etc/app/more/second && "
+            "kestactl restore network --only /etc/app/more/second");
+    EXPECT_EQ(file_on(0, "/etc/app/more/second"), "two\n");
+    EXPECT_EQ(file_on(0, "/etc/app/more/two"), "other\n");
+}
+
+TEST_F(KestactlSave, PathThatIsNamedTwiceIsSavedOnce)
+{
+    define("", "<file path=\"/etc/app/more/two\"/><file path=\"/etc/app/more\"/><file path=\"/etc/app/one\"/>");
+    ASSERT_EQ(ctl(0, "save network").code, 0);
+    EXPECT_EQ(on(0, "tar -tjf " + flash_backup + " | grep -c two").out, "1\n");
+    succeed("rm -r /etc/app && kestactl restore network");
+    EXPECT_EQ(file_on(0, "/etc/app/more/two"), "two\n");
+}
+
+// A user of the controller who owns a folder of the group, and swaps what is in it as fast as can be.
+class KestactlRace : public KestactlSave {
+protected:
+    KestactlRace()
+    {
+        define("");
+        succeed("mkdir -m 700 /opt/private && echo secret > /opt/private/two && chmod 600 /opt/private/two && "
+                "mkdir /etc/app/more/sub && echo mine > /etc/app/more/sub/two && chown -R nobody /etc/app/more");
+        outside_ = on(0, look_outside).out;
+    }
+    // Runs commands on the controller while the swapping goes on.
+    void while_swapping(const std::string &swap, const std::string &commands) const
+    {
+        write_file(host_path(0, "opt/swap.py"), "import os\nos.setuid(65534)\nos.chdir('/etc/app/more')\nopen('ready', 'w')\n"
+                                                "while True:\n    try:\n" + swap +
+                                                "    except OSError:\n        pass\n");
+        (void)on(0, "python3 /opt/swap.py & swapper=$!; while [ ! -e /etc/app/more/ready ]; do :; done; " + commands + "; kill $swapper");
+    }
+    void expect_private_untouched() const { EXPECT_EQ(on(0, look_outside).out, outside_); }
+
+private:
+    static inline const std::string look_outside =
+        "find /opt/private /etc/shadow -printf '%p %m %U %G %s\\n'; cat /opt/private/two";
+    std::string outside_;
+};
+
+TEST_F(KestactlRace, SubfolderThatBecomesALinkBringsNothingIntoTheArchive)
+{
+    while_swapping("        os.rename('sub', 'aside'); os.symlink('/opt/private', 'sub')\n"
+                   "        os.unlink('sub'); os.rename('aside', 'sub')\n",
+                   "for i in 1 2 3 4 5 6 7 8; do kestactl save network; "
+                   "cp " + flash_backup + " /opt/saved.$i; done");
+    EXPECT_EQ(on(0, "for a in /opt/saved.*; do tar -xjOf $a; done | grep secret").out, "");
+    expect_private_untouched();
+}
+
+TEST_F(KestactlRace, StagedFilesAndFoldersThatBecomeLinksGiveNothingAway)
+{
+    succeed("kestactl save network");
+    while_swapping("        for name in os.listdir('.'):\n"
+                   "            if name.endswith('kesta-new'):\n"
+                   "                os.unlink(name); os.symlink('/opt/private/two', name)\n"
+                   "        os.rename('sub', 'aside'); os.symlink('/opt/private', 'sub')\n"
+                   "        os.unlink('sub'); os.rename('aside', 'sub')\n",
+                   "for i in 1 2 3 4 5 6 7 8; do echo spoiled > /etc/app/one; rm -f /etc/app/more/two; "
+                   "kestactl restore network; done");
+    expect_private_untouched();
+}
+
 // --------------------------------------------------------------------------- all places at once
 
 class KestactlVerify : public KestactlSave {

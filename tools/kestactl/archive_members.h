@@ -1,12 +1,18 @@
-// What is in an archive, read from memory with libarchive.
+// What is in an archive, read from memory with libarchive: never more of it than the limits allow,
+// and never a file as a whole.
 #pragma once
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 
-namespace kestactl {
+#include "archive_limits.h"
+
+namespace kestactl
+{
 
 enum class MemberKind { file, folder, link, hard_link, special };
 
@@ -20,13 +26,26 @@ struct Member {
     uid_t uid = 0;
     gid_t gid = 0;
     timespec modified{};
+    std::uint64_t size = 0;  // of a file, with its holes
+    std::size_t number = 0;  // its place in the archive
 };
 
-// Gives a file's contents; to be called at most once, while its member is visited.
-using ReadMember = std::function<std::string()>;
+struct Archive {
+    std::string bytes;
+    std::string name;  // as it is told of
+    ArchiveLimits limits;
+    std::function<void()> look = [] {};  // called again and again while it is read; may throw
+};
 
-// Visits every member, in order, and reads the archive to its end. Throws Failure: it is damaged.
-void for_each_member(const std::string &archive, const std::string &name,
+// Takes a piece of a file. What lies between the pieces, and behind the last one, is zeros.
+using TakePiece = std::function<void(std::uint64_t offset, std::string_view piece)>;
+
+// Gives a file's contents; to be called at most once, while its member is visited.
+using ReadMember = std::function<void(const TakePiece &)>;
+
+// Visits every member, in order, and reads the archive to its end. Throws Failure: it is damaged,
+// or holds more than the limits allow.
+void for_each_member(const Archive &archive,
                      const std::function<void(const Member &, const ReadMember &)> &visit);
 
 // The numbers that a member's owner and group have on this system.

@@ -1,24 +1,17 @@
 // kestactl group: the definitions of backup groups.
-#include <grp.h>
 #include <kesta/kesta.h>
-#include <pwd.h>
-#include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <memory>
 
 #include "appliance_state.h"
 #include "command.h"
 #include "definition_check.h"
+#include "file_properties.h"
 #include "group_definition.h"
 #include "names.h"
 
 namespace kestactl {
 namespace {
-
-constexpr unsigned mode_bits = 07777;
 
 // A path, or the name of a group.
 std::string file_of(const std::string &file_or_group)
@@ -148,76 +141,15 @@ Result show(const std::string &group)
 
 // ---------------------------------------------------------------------------------------- apply
 
-std::string octal(unsigned mode)
+void apply(const KESTA_BACKUP_FILE &definition)
 {
-    char text[8];
-    snprintf(text, sizeof(text), "%04o", mode & mode_bits);
-    return text;
-}
-
-// A text is read as the library reads it: a number first, else a name. -1: nobody of that name.
-long wanted_id(const char *text, bool is_user)
-{
-    const long number = strtol(text, nullptr, 10);
-    if (number != 0 || strcmp(text, "0") == 0) {
-        return number;
-    }
-    if (is_user) {
-        const struct passwd *user = getpwnam(text);
-        return user ? static_cast<long>(user->pw_uid) : -1;
-    }
-    const struct group *group = getgrnam(text);
-    return group ? static_cast<long>(group->gr_gid) : -1;
-}
-
-std::string points_to(const char *link)
-{
-    char target[KESTA_DEFINITION_PATH_SIZE] = "";
-    const ssize_t length = readlink(link, target, sizeof(target) - 1);
-    return length > 0 ? std::string(target, static_cast<std::size_t>(length)) : "";
-}
-
-void add_id_change(std::vector<std::string> &changes, const char *what, const char *wanted,
-                   long is_now, bool is_user)
-{
-    const long id = wanted_id(wanted, is_user);
-    if (*wanted == '\0' || id == is_now) {
-        return;
-    }
-    changes.push_back(std::string(what) + " " + std::to_string(is_now) + " -> " + wanted +
-                      (id < 0 ? " (nobody of that name)" : ""));
-}
-
-// What applying the definition changes at a file that is there.
-std::vector<std::string> changes_at(const KESTA_BACKUP_FILE_PATH &file, const struct stat &status)
-{
-    std::vector<std::string> changes;
-    for (const auto &link : file.linkpath) {
-        if (link[0] != '\0' && points_to(link) != file.pathname) {
-            changes.push_back("link " + std::string(link));
-        }
-    }
-    add_id_change(changes, "owner", file.owner, status.st_uid, true);
-    add_id_change(changes, "group", file.group, status.st_gid, false);
-    const auto mode = static_cast<unsigned>(strtol(file.filemode, nullptr, 8));
-    if (file.filemode[0] != '\0' && mode != (status.st_mode & mode_bits)) {
-        changes.push_back("mode " + octal(status.st_mode) + " -> " + octal(mode));
-    }
-    return changes;
-}
-
-void apply(KESTA_BACKUP_FILE &definition)
-{
-    if (kestal_change_fileprop(&definition, learn_own_number()) != KESTA_OK) {
-        fail_call("apply-failed",
-                  "The properties were not applied to every file; those before the one that failed "
-                  "are done.",
-                  "Look at --trace 1 for the file, mend its entry, and apply again.");
+    for (const KESTA_BACKUP_FILE_PATH &file : files_of(definition)) {
+        apply_properties(file, may_be_gone(definition));
     }
 }
 
 // One step for each file that changes; the first one carries all of it out.
-Plan plan_apply(const std::string &group, KESTA_BACKUP_FILE &definition)
+Plan plan_apply(const std::string &group, const KESTA_BACKUP_FILE &definition)
 {
     Plan plan;
     plan.json = {{"group", group}};
@@ -229,21 +161,8 @@ Plan plan_apply(const std::string &group, KESTA_BACKUP_FILE &definition)
                                   }
                               }});
     };
-    for (const KESTA_BACKUP_FILE_PATH &file : definition.setfile) {
-        if (file.pathname[0] == '\0') {
-            break;
-        }
-        struct stat status;
-        if (stat(file.pathname, &status) != 0) {
-            if (may_be_gone(definition)) {
-                continue;
-            }
-            throw Failure(Exit::no, "file-missing",
-                          std::string("There is no ") + file.pathname + ": " + strerror(errno) + ".",
-                          "Restore it first; only in a group with operation=\"addremove\" may files "
-                          "be gone.");
-        }
-        const std::vector<std::string> changes = changes_at(file, status);
+    for (const KESTA_BACKUP_FILE_PATH &file : files_of(definition)) {
+        const std::vector<std::string> changes = property_changes(file, may_be_gone(definition));
         if (!changes.empty()) {
             std::string what = std::string(file.pathname) + ":";
             for (const std::string &change : changes) {

@@ -96,17 +96,20 @@ Plan plan_save(const SaveOptions &options, Work &work)
     learn_own_number();
     const std::string slot = require_slot(backup_slot(), "backup");
     auto definition = std::shared_ptr<KESTA_BACKUP_FILE>(read_definition(options.group).release());
-    const ArchiveContents contents = collect(*definition);
+    const std::vector<std::string> files = collect(*definition);
     Plan plan;
     plan.long_work = true;
-    plan.json = {{"group", options.group}, {"slot", slot}, {"files", contents.files}};
+    plan.json = {{"group", options.group}, {"slot", slot}, {"files", files}};
     add_mirror_step(plan, work);
     add_script_steps(plan, work, scripts_of(options.group, "backup", "pre-script"), options.work.scripts);
     // After the scripts: they may have made the files.
     plan.steps.push_back(guarded(
-        work, "archive " + std::to_string(contents.files.size()) + " files, and test the archive",
+        work, "archive " + std::to_string(files.size()) + " files, and test the archive",
         {unfinished_archive},
-        [definition] { make_archive(collect(*definition), unfinished_archive); }));
+        [definition, &work] {
+            (void)collect(*definition);  // what it refuses is told before anything is written
+            make_archive(*definition, unfinished_archive, [&work] { stop_if_asked(work); });
+        }));
     plan.steps.push_back(publishing(work, "hand out the next version", {"version area numbering"},
                                     [&work] { work.version = hand_out_version(learn_own_number()); }));
     plan.steps.push_back(publishing(work, "put the archive to flash", {flash_backup},
@@ -140,10 +143,10 @@ Result save(const SaveOptions &options, const Globals &globals)
 
 // ----------------------------------------------------------------------------------------- accept
 
-void require_whole_archive(const std::string &path)
+void require_whole_archive(const std::string &path, const Work &work)
 {
     require_file(path, "Save the environment first: kestactl save GROUP.");
-    if (!is_whole_archive(path)) {
+    if (!is_whole_archive(path, [&work] { stop_if_asked(work); })) {
         throw Failure(Exit::no, "damaged-archive", path + " is damaged: it is not accepted.",
                       "Save the environment again, or bring a good copy to flash with 'kestactl "
                       "restore GROUP --switch-only'.");
@@ -177,7 +180,7 @@ Plan plan_accept(Work &work)
     require_writable();
     learn_own_number();
     const std::string slot = require_slot(accept_slot(), "accept");
-    require_whole_archive(flash_backup);
+    require_whole_archive(flash_backup, work);
     Plan plan;
     plan.long_work = true;
     plan.json = {{"slot", slot}};

@@ -107,6 +107,16 @@ std::optional<std::string> slot_contents(const std::string &slot)
     }
 }
 
+// What is wrong with an archive on flash; empty if it can be unpacked to its end.
+std::string fault_on_flash(const char *path)
+{
+    try {
+        return is_whole_archive(path) ? "" : "damaged on flash";
+    } catch (const Failure &met) {
+        return met.what();
+    }
+}
+
 struct ArchivePair {
     const char *what;
     const char *flash;
@@ -119,13 +129,14 @@ struct ArchivePair {
 void check_archive(Checks &checks, const ArchivePair &pair)
 {
     const bool on_flash = exists(pair.flash);
+    const std::string fault = on_flash ? fault_on_flash(pair.flash) : "";
     const std::optional<std::string> in_slot =
         is_slot(pair.slot) ? slot_contents(pair.slot) : std::nullopt;
     Check check{pair.what, "", ""};
     if (!on_flash && !in_slot) {
         check.found = "none, neither on flash nor in its slot";
-    } else if (on_flash && !is_whole_archive(pair.flash)) {
-        check.found = "damaged on flash";
+    } else if (!fault.empty()) {
+        check.found = fault;
         check.mend = in_slot ? pair.to_flash : "kestactl save GROUP";
     } else if (!in_slot) {
         check.found = "on flash, and not in slot " + pair.slot;

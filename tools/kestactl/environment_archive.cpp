@@ -1,225 +1,213 @@
 #include "environment_archive.h"
 
+#include <archive.h>
+#include <archive_entry.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <spawn.h>
-#include <string.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <array>
+#include <exception>
 #include <filesystem>
+#include <memory>
 
 #include "failure.h"
-#include "group_definition.h"
+#include "group_paths.h"
+#include "restored_files.h"
+#include "saved_files.h"
 #include "whole_file.h"
 
-extern char **environ;
-
-namespace kestactl {
-namespace {
+namespace kestactl
+{
+namespace
+{
 
 namespace fs = std::filesystem;
 
-constexpr const char *tar = "/usr/sbin/tar";
+using EntryPtr = std::unique_ptr<archive_entry, decltype(&archive_entry_free)>;
 
-class Fd {
+class ArchiveWriter
+{
 public:
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd()
+    ArchiveWriter(const std::string &path, const std::function<void()> &check)
+        : path_(path),
+          check_(check),
+          limits_(archive_limits()),
+          file_(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)),
+          writer_(archive_write_new(), archive_write_free)
     {
-        if (fd_ >= 0) {
-            (void)close(fd_);  // nothing was written to it
+        if (!file_) {
+            fail_file(path, "made");
+        }
+        archive_write_add_filter_bzip2(writer_.get());
+        archive_write_set_format_gnutar(writer_.get());
+        require(archive_write_open_fd(writer_.get(), file_.get()));
+    }
+
+    void add(const Member &member, const Descriptor &contents)
+    {
+        check_();
+        count(member);
+        const EntryPtr entry(archive_entry_new(), archive_entry_free);
+        archive_entry_copy_pathname(entry.get(), member.path.c_str());
+        archive_entry_set_filetype(entry.get(), member.kind == MemberKind::folder ? AE_IFDIR
+                                                : member.kind == MemberKind::link ? AE_IFLNK
+                                                                                  : AE_IFREG);
+        archive_entry_set_perm(entry.get(), member.mode);
+        archive_entry_set_size(entry.get(), static_cast<la_int64_t>(member.size));
+        archive_entry_set_uid(entry.get(), member.uid);
+        archive_entry_set_gid(entry.get(), member.gid);
+        archive_entry_copy_uname(entry.get(), member.owner.c_str());
+        archive_entry_copy_gname(entry.get(), member.group.c_str());
+        archive_entry_set_mtime(entry.get(), member.modified.tv_sec, 0);
+        if (member.kind == MemberKind::link) {
+            archive_entry_copy_symlink(entry.get(), member.target.c_str());
+        } else if (member.kind == MemberKind::hard_link) {
+            archive_entry_copy_hardlink(entry.get(), member.target.c_str());
+        }
+        require(archive_write_header(writer_.get(), entry.get()));
+        if (member.kind == MemberKind::file) {
+            add_contents(member, contents);
+        }
+        require(archive_write_finish_entry(writer_.get()));
+    }
+
+    void finish()
+    {
+        require(archive_write_close(writer_.get()));
+        if (fsync(file_.get()) != 0 || !file_.close()) {
+            fail_file(path_, "flushed to the disk");
         }
     }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    int get() const { return fd_; }
 
 private:
-    int fd_;
+    // What restoring would find too much is not made first.
+    void count(const Member &member)
+    {
+        bytes_ += member.size;
+        if (bytes_ > limits_.bytes || ++members_ > limits_.members) {
+            throw Failure(
+                Exit::no, "archive-too-large",
+                "With /" + member.path + " the archive would hold more than " +
+                    (bytes_ > limits_.bytes ? std::to_string(limits_.bytes) + " bytes."
+                                            : std::to_string(limits_.members) + " members."),
+                std::string("It could not be restored. Take it out, or raise ") +
+                    (bytes_ > limits_.bytes ? "archive_bytes in " : "archive_members in ") +
+                    archive_limits_file + ".");
+        }
+    }
+    // As much as the header has told; whether the file was changed meanwhile is seen when it is
+    // compared.
+    void add_contents(const Member &member, const Descriptor &contents)
+    {
+        for (std::uint64_t at = 0; at < member.size;) {
+            check_();
+            ssize_t got;
+            while ((got = pread(contents.get(), piece_.data(), piece_.size(),
+                                static_cast<off_t>(at))) < 0 &&
+                   errno == EINTR) {
+            }
+            if (got < 0) {
+                fail_file("/" + member.path, "read");
+            }
+            if (got == 0) {
+                return;
+            }
+            const std::size_t size =
+                std::min<std::uint64_t>(static_cast<std::uint64_t>(got), member.size - at);
+            if (archive_write_data(writer_.get(), piece_.data(), size) < 0) {
+                fail_writing();
+            }
+            at += size;
+        }
+    }
+    void require(int result)
+    {
+        if (result < ARCHIVE_WARN) {
+            fail_writing();
+        }
+    }
+    [[noreturn]] void fail_writing()
+    {
+        const char *why = archive_error_string(writer_.get());
+        throw Failure(Exit::platform, "archive-failed",
+                      std::string("The archive could not be made: ") +
+                          (why ? why : "it can't be written") + ".",
+                      "Check the space of " + fs::path(path_).parent_path().string() + ".");
+    }
+
+    const std::string &path_;
+    const std::function<void()> &check_;
+    ArchiveLimits limits_;
+    Descriptor file_;
+    std::unique_ptr<::archive, decltype(&archive_write_free)> writer_;
+    std::array<char, 1 << 16> piece_{};
+    std::uint64_t bytes_ = 0;
+    std::uint64_t members_ = 0;
 };
 
-void add_parents(ArchiveContents &contents, const fs::path &relative)
+void require_restorable(const KESTA_BACKUP_FILE &definition, const GroupPaths &paths,
+                        const std::string &path, const std::function<void()> &look)
 {
-    fs::path parent;
-    for (const fs::path &part : relative.parent_path()) {
-        parent /= part;
-        const std::string name = parent.string();
-        if (std::find(contents.parents.begin(), contents.parents.end(), name) ==
-            contents.parents.end()) {
-            contents.parents.push_back(name);
-        }
-    }
-}
-
-enum class Output { shown, dropped };
-
-// Runs a program with a list of names on its standard input. Whether it ended well.
-bool run(std::vector<std::string> words, const std::vector<std::string> &names, Output output)
-{
-    const Fd list(memfd_create("names", MFD_CLOEXEC));
-    std::string text;
-    for (const std::string &name : names) {
-        text += name + '\0';
-    }
-    if (list.get() < 0 ||
-        write(list.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-        lseek(list.get(), 0, SEEK_SET) != 0) {
-        fail_file("A list of names", "made");
-    }
-    std::vector<char *> arguments;
-    for (std::string &word : words) {
-        arguments.push_back(word.data());
-    }
-    arguments.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, list.get(), STDIN_FILENO);
-    if (output == Output::shown) {
-        posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
-    } else {
-        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    }
-    pid_t child = -1;
-    const int error =
-        posix_spawnp(&child, arguments[0], &actions, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) {
-        throw Failure(Exit::platform, "not-started",
-                      words[0] + " can't be run: " + strerror(error) + ".", "Is it installed?");
-    }
-    int status = -1;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return status == 0;
-}
-
-// What is restored is written to the group's own paths only: a link must lead to one of them.
-void check_links(const fs::path &path, const ArchiveContents &contents)
-{
-    const auto check = [&contents](const fs::path &link) {
-        const std::string destination =
-            link_destination(link.string(), fs::read_symlink(link).string());
-        const bool within = std::any_of(contents.files.begin(), contents.files.end(),
-                                        [&destination](const std::string &file) {
-                                            return is_within(destination, file);
-                                        });
-        if (!within) {
-            throw Failure(Exit::no, "link-leads-out",
-                          "The link " + link.string() + " leads out of the group, to /" + destination + ".",
-                          "It could not be restored. Put what it leads to into the definition as well, or "
-                          "take the link out; links that the definition makes itself are no files of it.");
-        }
-    };
-    if (fs::is_symlink(path)) {
-        check(path);
-    } else if (fs::is_directory(path)) {
-        for (const fs::directory_entry &entry : fs::recursive_directory_iterator(path)) {
-            if (entry.is_symlink()) {
-                check(entry.path());
-            }
-        }
-    }
-}
-
-}  // namespace
-
-bool is_within(const std::string &path, const std::string &folder)
-{
-    return path == folder || (path.starts_with(folder) && path[folder.size()] == '/');
-}
-
-std::string link_destination(const std::string &link, const std::string &target)
-{
-    std::string destination =
-        (fs::path(link).parent_path() / target).lexically_normal().relative_path().string();
-    if (destination.ends_with('/')) {
-        destination.pop_back();
-    }
-    return destination;
-}
-
-void check_file_path(const std::string &text)
-{
-    const fs::path path = text;
-    const bool plain = path.is_absolute() && path.lexically_normal() == path &&
-                       path.has_relative_path() && path.has_filename();
-    if (!plain) {
-        throw Failure(Exit::no, "bad-path",
-                      "The definition names '" + text + "', which can't be archived.",
-                      "Paths are absolute, without '..', '.' or a slash at the end: mend the "
-                      "definition, 'kestactl group check' shows the line.");
-    }
-}
-
-ArchiveContents collect(const KESTA_BACKUP_FILE &definition)
-{
-    ArchiveContents contents;
-    for (const KESTA_BACKUP_FILE_PATH &file : definition.setfile) {
-        if (file.pathname[0] == '\0') {
-            break;
-        }
-        const fs::path path = file.pathname;
-        check_file_path(path.string());
-        struct stat status;
-        if (lstat(path.c_str(), &status) != 0) {
-            if (errno == ENOENT && may_be_gone(definition)) {
-                continue;
-            }
-            throw Failure(Exit::no, "file-missing",
-                          "There is no " + path.string() + ": " + strerror(errno) + ".",
-                          "The group names it: put it back, or take it out of the definition. Only in "
-                          "a group with operation=\"addremove\" may files be gone.");
-        }
-        add_parents(contents, path.relative_path());
-        contents.files.push_back(path.relative_path().string());
-    }
-    if (contents.files.empty()) {
-        throw Failure(Exit::no, "no-files", "The group has no files to save.",
-                      "See 'kestactl group show'.");
-    }
-    for (const std::string &file : contents.files) {
-        check_links("/" + file, contents);
-    }
-    return contents;
-}
-
-void make_archive(const ArchiveContents &contents, const std::string &path)
-{
-    // Parents first, without what is in them.
-    std::vector<std::string> words{tar, "-C", "/", "-cjf", path, "--no-recursion"};
-    for (const std::string &parent : contents.parents) {
-        words.push_back("--add-file=" + parent);
-    }
-    words.emplace_back("--recursion");
-    for (const std::string &file : contents.files) {
-        words.push_back("--add-file=" + file);
-    }
-    if (!run(words, {}, Output::shown)) {
-        remove_quietly(path);
-        throw Failure(Exit::platform, "archive-failed", "The archive could not be made.",
-                      "What tar said stands above; check the space of " +
-                          fs::path(path).parent_path().string() + ".");
-    }
-    if (!is_whole_archive(path) ||
-        !run({tar, "-C", "/", "--null", "-T", "-", "-djf", path}, contents.files, Output::shown)) {
-        remove_quietly(path);
+    const Archive archive{read_whole_file(path), "The new archive", archive_limits(), look};
+    const RestoredFiles files = choose_files(archive, definition, paths);
+    if (!compare_files(archive, files, GroupPlaces(paths)).none()) {
         throw Failure(Exit::platform, "archive-differs",
                       "The archive does not hold what the files hold: it was thrown away.",
                       "A file was changed while it was saved, or the disk fails: run the command "
                       "again.");
     }
-    flush_file(path);
 }
 
-bool is_whole_archive(const std::string &path)
+}  // namespace
+
+std::vector<std::string> collect(const KESTA_BACKUP_FILE &definition)
 {
-    return run({"/usr/bin/bunzip2", "-tq", path}, {}, Output::dropped) &&
-           run({tar, "-tjf", path}, {}, Output::dropped);
+    const GroupPaths paths(definition);
+    std::vector<std::string> files;
+    for_each_saved(definition, paths, [&](const Member &member, const Descriptor &) {
+        if (paths.names(member.path)) {
+            files.push_back(member.path);
+        }
+    });
+    if (files.empty()) {
+        throw Failure(Exit::no, "no-files", "The group has no files to save.",
+                      "See 'kestactl group show'.");
+    }
+    return files;
+}
+
+void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path,
+                  const std::function<void()> &look)
+{
+    const GroupPaths paths(definition);
+    remove_quietly(path);  // of a run that was cut short; making it tells
+    try {
+        ArchiveWriter writer(path, look);
+        for_each_saved(definition, paths,
+                       [&writer](const Member &member, const Descriptor &contents) {
+                           writer.add(member, contents);
+                       });
+        writer.finish();
+        require_restorable(definition, paths, path, look);
+    } catch (const std::exception &) {
+        remove_quietly(path);
+        throw;
+    }
+}
+
+bool is_whole_archive(const std::string &path, const std::function<void()> &look)
+{
+    try {
+        for_each_member({read_whole_file(path), path, archive_limits(), look},
+                        [](const Member &, const ReadMember &) {});
+        return true;
+    } catch (const Failure &failure) {
+        if (failure.code() != "damaged-archive") {
+            throw;
+        }
+        return false;
+    }
 }
 
 std::string read_slot(const std::string &slot)

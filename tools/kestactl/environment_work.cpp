@@ -3,7 +3,7 @@
 #include <kesta/kesta.h>
 #include <string.h>
 
-#include <optional>
+#include <exception>
 
 #include "appliance_state.h"
 
@@ -23,6 +23,8 @@ void run_one(const Script &script, const ScriptContext &context, Work &work)
     }
 }
 
+}  // namespace
+
 void stop_if_asked(const Work &work)
 {
     if (const int signal = work.signals->pending(); signal != 0) {
@@ -32,8 +34,6 @@ void stop_if_asked(const Work &work)
                       "Run the command again: it completes what is unfinished.");
     }
 }
-
-}  // namespace
 
 Result carry_out_locked(const LockRequest &request, const std::function<Plan(Work &)> &make_plan,
                         const std::function<void(Work &)> &last, const Globals &globals)
@@ -50,20 +50,20 @@ Result carry_out_locked(const LockRequest &request, const std::function<Plan(Wor
     work.lock = &command;
     const Plan plan = make_plan(work);  // refused: nothing was done, and nothing comes last
     Result result;
-    std::optional<Failure> failure;
+    std::exception_ptr failure;
     try {
         result = carry_out(plan, globals);
-    } catch (const Failure &met) {
-        failure = met;
+    } catch (const std::exception &) {
+        failure = std::current_exception();
     }
     (void)signals.pending();  // it has ended the steps; what comes last is done all the same
     try {
         last(work);
-    } catch (const Failure &met) {
-        failure = failure ? failure : std::optional<Failure>(met);
+    } catch (const std::exception &) {
+        failure = failure ? failure : std::current_exception();
     }
     if (failure) {
-        throw *failure;
+        std::rethrow_exception(failure);
     }
     command.release();
     local.release();
@@ -111,16 +111,16 @@ void announce_scripts(Plan &plan, const Work &work, const std::vector<Script> &s
 
 void run_last(const std::vector<Script> &scripts, const ScriptContext &context, Work &work)
 {
-    std::optional<Failure> failure;
+    std::exception_ptr failure;
     for (const Script &script : scripts) {
         try {
             run_one(script, context, work);
-        } catch (const Failure &met) {
-            failure = failure ? failure : std::optional<Failure>(met);
+        } catch (const std::exception &) {
+            failure = failure ? failure : std::current_exception();
         }
     }
     if (failure) {
-        throw *failure;
+        std::rethrow_exception(failure);
     }
 }
 

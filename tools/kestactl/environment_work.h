@@ -35,6 +35,9 @@ void add_script_options(CLI::App &command, WorkOptions &options);
 Result carry_out_locked(const LockRequest &request, const std::function<Plan(Work &)> &make_plan,
                         const std::function<void(Work &)> &last, const Globals &globals);
 
+// Throws Failure if a signal has asked the command to end.
+void stop_if_asked(const Work &work);
+
 // A step that looks first whether it may still be done.
 Step guarded(Work &work, const std::string &what, std::vector<std::string> writes,
              const std::function<void()> &act);

@@ -10,8 +10,10 @@
 #include "appliance_state.h"
 #include "archive_places.h"
 #include "environment_archive.h"
+#include "file_properties.h"
 #include "group_definition.h"
 #include "names.h"
+#include "placed_files.h"
 #include "restored_files.h"
 #include "unfinished_restore.h"
 #include "whole_file.h"
@@ -50,11 +52,10 @@ struct Restore {
     RestoreFilesOptions options;
     Source source;
     std::shared_ptr<KESTA_BACKUP_FILE> definition;
-    std::string archive;
+    std::unique_ptr<GroupPaths> paths;
+    Archive archive;
     RestoredFiles files;
     FileChanges changes;
-
-    std::string archive_name() const { return "Slot " + source.slot; }
 };
 
 UnfinishedRestore note_of(const Restore &restore)
@@ -80,31 +81,32 @@ void take_over_unfinished(const Restore &restore)
 void put_slot_to_flash(const Restore &restore)
 {
     const bool is_there = std::filesystem::exists(restore.source.flash);
-    if (!is_there || read_whole_file(restore.source.flash) != restore.archive) {
-        write_file_whole(restore.source.flash, restore.archive);
+    if (!is_there || read_whole_file(restore.source.flash) != restore.archive.bytes) {
+        write_file_whole(restore.source.flash, restore.archive.bytes);
     }
 }
 
 void put_beside(Restore &restore)
 {
+    // After the scripts: they may have changed the files, and the way to them.
+    const GroupPlaces places(*restore.paths);
     if (const auto unfinished = unfinished_restore()) {
-        remove_staged(unfinished->replaced);
+        remove_staged(unfinished->replaced, places);
     }
-    // After the scripts: they may have changed the files.
-    restore.changes = compare_files(restore.archive, restore.archive_name(), restore.files);
+    restore.changes = compare_files(restore.archive, restore.files, places);
     note_unfinished(note_of(restore));
     try {
-        stage_files(restore.archive, restore.archive_name(), restore.files, restore.changes);
-    } catch (const Failure &) {
+        stage_files(restore.archive, restore.files, restore.changes, places);
+    } catch (const std::exception &) {
         note_finished();  // no file in use was changed
         throw;
     }
 }
 
-void put_in_place(const Restore &restore)
+void put_in_place(Restore &restore)
 {
     try {
-        place_files(restore.files, restore.changes);
+        place_files(restore.files, restore.changes, GroupPlaces(*restore.paths));
     } catch (const Failure &met) {
         throw Failure(met.exit(), met.code(),
                       std::string(met.what()) + " Some of the group's files are new, some old.",
@@ -113,23 +115,17 @@ void put_in_place(const Restore &restore)
 }
 
 // With --only, of the path itself.
-void apply_properties(const Restore &restore)
+void apply_definition(const Restore &restore)
 {
-    auto definition = std::make_unique<KESTA_BACKUP_FILE>(*restore.definition);
-    if (!restore.options.only.empty()) {
-        std::fill(std::begin(definition->setfile), std::end(definition->setfile),
-                  KESTA_BACKUP_FILE_PATH{});
-        for (const KESTA_BACKUP_FILE_PATH &file : restore.definition->setfile) {
-            if (restore.options.only == file.pathname) {
-                definition->setfile[0] = file;
+    try {
+        for (const KESTA_BACKUP_FILE_PATH &file : files_of(*restore.definition)) {
+            if (restore.options.only.empty() || restore.options.only == file.pathname) {
+                apply_properties(file, may_be_gone(*restore.definition));
             }
         }
-    }
-    if (kestal_change_fileprop(definition.get(), learn_own_number()) != KESTA_OK) {
-        fail_call("properties-failed",
-                  "Links, owners, groups or modes of the definition were not set on every file.",
-                  "The files are all new. See which one with --trace 1, then complete the restore: " +
-                      note_of(restore).command());
+    } catch (const Failure &met) {
+        throw Failure(met.exit(), met.code(), met.what() + std::string(" The files are all new."),
+                      "Mend it, then complete the restore: " + note_of(restore).command());
     }
 }
 
@@ -214,7 +210,7 @@ const char *last_kind(const RestoreFilesOptions &options)
     return options.on_reboot ? "re-post-script" : "post-script";
 }
 
-std::shared_ptr<Restore> prepare(const RestoreFilesOptions &options)
+std::shared_ptr<Restore> prepare(const RestoreFilesOptions &options, Work &work)
 {
     require_writable();
     learn_own_number();
@@ -226,10 +222,11 @@ std::shared_ptr<Restore> prepare(const RestoreFilesOptions &options)
     restore->source = source_of(options.from);
     restore->definition = read_definition(options.group);
     take_over_unfinished(*restore);
-    restore->archive = read_slot(restore->source.slot);
-    restore->files = choose_files(restore->archive, restore->archive_name(), *restore->definition,
-                                  restore->options.only);
-    restore->changes = compare_files(restore->archive, restore->archive_name(), restore->files);
+    restore->paths = std::make_unique<GroupPaths>(*restore->definition, restore->options.only);
+    restore->archive = {read_slot(restore->source.slot), "Slot " + restore->source.slot, archive_limits(),
+                        [&work] { stop_if_asked(work); }};
+    restore->files = choose_files(restore->archive, *restore->definition, *restore->paths);
+    restore->changes = compare_files(restore->archive, restore->files, GroupPlaces(*restore->paths));
     return restore;
 }
 
@@ -253,7 +250,7 @@ Plan plan_of(const std::shared_ptr<Restore> &restore, Work &work)
                                     [restore] { put_in_place(*restore); }));
     plan.steps.push_back(publishing(work, "set links, owners, groups and modes of the definition",
                                     {"the group's files and links"},
-                                    [restore] { apply_properties(*restore); }));
+                                    [restore] { apply_definition(*restore); }));
     if (whole) {
         plan.steps.push_back(publishing(work, "record the version", version_places(*restore),
                                         [restore, &work] { record_versions(*restore, work); }));
@@ -299,7 +296,7 @@ Result restore_files(const RestoreFilesOptions &options, const Globals &globals)
     Result result = carry_out_locked(
         {KESTA_LOCK_TYPE1, options.group, options.work.wait},
         [&](Work &work) {
-            restore = prepare(options);
+            restore = prepare(options, work);
             return plan_of(restore, work);
         },
         [&](Work &work) {

@@ -3,124 +3,155 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <map>
-#include <set>
+#include <array>
 
-#include "environment_archive.h"
 #include "failure.h"
 #include "group_definition.h"
 #include "whole_file.h"
 
-namespace kestactl {
-namespace {
+namespace kestactl
+{
+namespace
+{
 
-namespace fs = std::filesystem;
+// ------------------------------------------------------------------------------- what is chosen
 
-std::string absolute(const Member &member) { return "/" + member.path; }
-
-// The paths of a definition that count: relative ones, as archives have them.
-class Paths {
+class Choice
+{
 public:
-    Paths(const KESTA_BACKUP_FILE &definition, const std::string &only)
+    Choice(const Archive &archive, const GroupPaths &paths) : archive_(archive), paths_(paths) {}
+
+    void visit(const Member &member)
     {
-        for (const KESTA_BACKUP_FILE_PATH &file : definition.setfile) {
-            if (file.pathname[0] == '\0') {
-                break;
-            }
-            check_file_path(file.pathname);
-            all_.push_back(file.pathname + 1);
+        if (member.path == ".") {
+            return;  // the root itself
         }
-        if (only.empty()) {
-            wanted_ = all_;
+        if (!paths_.contains(member.path)) {
+            visit_other(member);
             return;
         }
-        const bool is_plain = fs::path(only).is_absolute() &&
-                              fs::path(only).lexically_normal() == fs::path(only);
-        const std::string path = is_plain ? only.substr(1) : "";
-        for (const std::string &known : all_) {
-            if (is_within(path, known)) {
-                wanted_.push_back(path);
-                return;
-            }
+        const std::string fault = paths_.fault_of(member);
+        if (!fault.empty()) {
+            refuse("holds '" + member.path + "', which " + fault);
         }
-        throw Failure(Exit::no, "not-of-the-group", "The group has no path " + only + ".",
-                      "--only takes one of its paths, or one below them: see 'kestactl group show'.");
+        const auto before = contents_.find(member.path);
+        if (before != contents_.end() && member.target == member.path) {
+            return;  // named twice when it was made
+        }
+        const std::size_t contents = contents_of(member);
+        kinds_[member.path] = member.kind;
+        contents_[member.path] = contents;
+        if (member.kind == MemberKind::file) {
+            sizes_[contents] = member.size;
+        }
+        if (!paths_.wants(member.path)) {
+            ++files_.foreign;
+            return;
+        }
+        const auto [at, is_new] = chosen_.emplace(member.path, files_.members.size());
+        if (is_new) {
+            files_.members.push_back({});
+        }
+        files_.members[at->second] = {member, contents};  // the later one counts
     }
 
-    const std::vector<std::string> &wanted() const { return wanted_; }
-    bool wants(const std::string &path) const { return any_of(wanted_, path); }
-    bool contains(const std::string &path) const { return any_of(all_, path); }
-    bool leads_to_wanted(const std::string &path) const
+    RestoredFiles finish()
     {
-        return std::any_of(wanted_.begin(), wanted_.end(), [&path](const std::string &wanted) {
-            return is_within(wanted, path);
-        });
+        for (const RestoredFile &file : files_.members) {
+            check_folders(file.member.path);
+        }
+        settle_names();
+        return std::move(files_);
     }
 
 private:
-    static bool any_of(const std::vector<std::string> &paths, const std::string &path)
+    [[noreturn]] void refuse(const std::string &what) const
     {
-        return std::any_of(paths.begin(), paths.end(),
-                           [&path](const std::string &known) { return is_within(path, known); });
+        throw Failure(Exit::no, "unsafe-archive",
+                      archive_.name + " " + what + ": nothing was taken from it.",
+                      "It was not made by 'kestactl save'. Restore the other environment with "
+                      "--from, or save "
+                      "this controller's again.");
     }
 
-    std::vector<std::string> all_;
-    std::vector<std::string> wanted_;
+    void visit_other(const Member &member)
+    {
+        Member named = member;
+        named.kind = MemberKind::folder;  // what it is does not matter: it is left alone
+        const std::string fault = paths_.fault_of(named);
+        if (!fault.empty()) {
+            refuse("holds the name '" + member.path + "', which " + fault);
+        }
+        if (!paths_.leads_to_wanted(member.path)) {
+            ++files_.foreign;
+            return;
+        }
+        kinds_[member.path] = member.kind;
+        if (member.kind == MemberKind::folder) {
+            files_.parents.push_back(member);
+        }
+    }
+
+    // A second name has the contents of the file whose name came before.
+    std::size_t contents_of(const Member &member) const
+    {
+        if (member.kind != MemberKind::hard_link) {
+            return member.number;
+        }
+        const auto kind = kinds_.find(member.target);
+        if (kind == kinds_.end() ||
+            (kind->second != MemberKind::file && kind->second != MemberKind::hard_link)) {
+            refuse("holds '" + member.path + "' as another name of '" + member.target +
+                   "', which is no file of the group that came before");
+        }
+        return contents_.at(member.target);
+    }
+
+    void check_folders(const std::string &path) const
+    {
+        for (std::size_t slash = path.find('/'); slash != std::string::npos;
+             slash = path.find('/', slash + 1)) {
+            const auto kind = kinds_.find(path.substr(0, slash));
+            if (kind != kinds_.end() && kind->second != MemberKind::folder) {
+                refuse("holds '" + path + "' below '" + kind->first + "', which is no folder");
+            }
+        }
+    }
+
+    // Names of one file are made so again where the file itself is restored; otherwise the first of
+    // them becomes the file.
+    void settle_names()
+    {
+        std::map<std::size_t, std::string> first;
+        for (const RestoredFile &file : files_.members) {
+            if (file.member.kind == MemberKind::file) {
+                first[file.contents] = file.member.path;
+            }
+        }
+        for (RestoredFile &file : files_.members) {
+            if (file.member.kind != MemberKind::hard_link) {
+                continue;
+            }
+            const auto [known, is_first] = first.emplace(file.contents, file.member.path);
+            file.member.target = known->second;
+            file.member.kind = is_first ? MemberKind::file : MemberKind::hard_link;
+            file.member.size = sizes_.at(file.contents);
+        }
+    }
+
+    const Archive &archive_;
+    const GroupPaths &paths_;
+    RestoredFiles files_;
+    std::map<std::string, std::size_t> chosen_;    // where they stand in the list
+    std::map<std::string, MemberKind> kinds_;      // of the group's members, and what leads to them
+    std::map<std::string, std::size_t> contents_;  // of the group's members, by number
+    std::map<std::size_t, std::uint64_t> sizes_;
 };
 
-[[noreturn]] void refuse(const std::string &archive, const std::string &what)
-{
-    throw Failure(Exit::no, "unsafe-archive", archive + " " + what + ": nothing was taken from it.",
-                  "It was not made by 'kestactl save'. Restore the other environment with --from, or save "
-                  "this controller's again.");
-}
-
-void check_name(const Member &member, const std::string &archive)
-{
-    const fs::path path = member.path;
-    const bool climbs = std::find(path.begin(), path.end(), "..") != path.end();
-    if (member.path.empty() || path.is_absolute() || climbs) {
-        refuse(archive, "holds the name '" + member.path + "', which is not below the root");
-    }
-}
-
-// A link of a group leads to a path of the group.
-void check_link(const Member &member, const Paths &paths, const std::string &archive)
-{
-    if (member.kind == MemberKind::special) {
-        refuse(archive, "holds '" + member.path + "', which is neither a file nor a folder nor a link");
-    }
-    if (member.kind == MemberKind::hard_link && !paths.wants(member.target)) {
-        refuse(archive, "holds '" + member.path + "' as another name of '" + member.target +
-                            "', which is not restored with it");
-    }
-    if (member.kind == MemberKind::link && !paths.contains(link_destination(absolute(member), member.target))) {
-        refuse(archive, "holds the link '" + member.path + "', which leads out of the group to '" +
-                            member.target + "'");
-    }
-}
-
-// ------------------------------------------------------------------------------- what there is now
-
-struct Present {
-    bool exists = false;
-    struct stat status {};
-};
-
-Present look_at(const std::string &path)
-{
-    Present present;
-    present.exists = lstat(path.c_str(), &present.status) == 0;
-    if (!present.exists && errno != ENOENT) {
-        fail_file(path, "looked at");
-    }
-    return present;
-}
+// ------------------------------------------------------------------------------- what differs
 
 [[noreturn]] void refuse_place(const std::string &path, const std::string &why)
 {
@@ -128,227 +159,187 @@ Present look_at(const std::string &path)
                   "Move it away, then run the command again.");
 }
 
-// The way to a path has folders, or links that only root can have made.
-void check_way(const std::string &path)
+struct Present {
+    Entry entry;
+    bool exists = false;
+    struct stat status {
+    };
+};
+
+Present look_at(const std::string &path, const GroupPlaces &places)
 {
-    fs::path way = "/";
-    for (const fs::path &part : fs::path(path).parent_path().relative_path()) {
-        way /= part;
-        const Present present = look_at(way.string());
-        if (!present.exists) {
-            return;  // made when it is needed
-        }
-        const bool own_link = S_ISLNK(present.status.st_mode) && present.status.st_uid == geteuid();
-        if (!S_ISDIR(present.status.st_mode) && !(own_link && fs::is_directory(way))) {
-            refuse_place(way.string(), "is no folder of root's, and " + path + " is to be below it");
-        }
+    Present present;
+    present.entry = places.entry(path);
+    present.exists = present.entry && stat_of(present.entry, present.status);
+    if (present.entry && !present.exists && errno != ENOENT) {
+        fail_file("/" + path, "looked at");
     }
+    return present;
 }
 
-mode_t type_of(MemberKind kind)
+bool is_folder(const Present &present) { return present.exists && S_ISDIR(present.status.st_mode); }
+
+bool is_zeros(std::string_view text)
 {
-    return kind == MemberKind::folder ? S_IFDIR : kind == MemberKind::link ? S_IFLNK : S_IFREG;
+    return text.find_first_not_of('\0') == std::string_view::npos;
 }
 
-std::string link_target(const std::string &path)
+// Holds a file against pieces of contents, in their order.
+class Comparison
 {
-    std::error_code error;
-    return fs::read_symlink(path, error).string();
-}
+public:
+    explicit Comparison(int fd) : fd_(fd) {}
 
-bool same_contents(const Member &member, const Present &present, const ReadMember &read)
-{
-    const std::string path = absolute(member);
-    if (!present.exists || (present.status.st_mode & S_IFMT) != type_of(member.kind)) {
-        return false;
-    }
-    switch (member.kind) {
-    case MemberKind::folder:
-        return true;
-    case MemberKind::link:
-        return link_target(path) == member.target;
-    case MemberKind::hard_link: {
-        const Present other = look_at("/" + member.target);
-        return other.exists && other.status.st_ino == present.status.st_ino &&
-               other.status.st_dev == present.status.st_dev;
-    }
-    default:
-        return read() == read_whole_file(path);
-    }
-}
-
-bool same_properties(const Member &member, const Present &present)
-{
-    constexpr mode_t permissions = 07777;
-    return present.status.st_uid == owner_of(member) && present.status.st_gid == group_of(member) &&
-           (member.kind == MemberKind::link ||
-            (present.status.st_mode & permissions) == (member.mode & permissions));
-}
-
-// ------------------------------------------------------------------------------------- the writing
-
-void set_properties(const std::string &path, const Member &member)
-{
-    const timespec times[2] = {member.modified, member.modified};
-    if (lchown(path.c_str(), owner_of(member), group_of(member)) != 0) {
-        fail_file(path, "given to its owner");
-    }
-    if (member.kind == MemberKind::link) {
-        return;
-    }
-    if (chmod(path.c_str(), member.mode) != 0) {
-        fail_file(path, "given its mode");
-    }
-    if (member.kind == MemberKind::file && utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
-        fail_file(path, "given its time");
-    }
-}
-
-void make_folder(const std::string &path, const Member *recorded)
-{
-    if (mkdir(path.c_str(), 0755) != 0) {
-        fail_file(path, "made");
-    }
-    if (recorded) {
-        set_properties(path, *recorded);
-    }
-}
-
-// A folder as the archive recorded it; null if it did not.
-const Member *recorded_folder(const std::string &path, const RestoredFiles &files)
-{
-    for (const std::vector<Member> *members : {&files.parents, &files.members}) {
-        const auto found =
-            std::find_if(members->begin(), members->end(),
-                         [&path](const Member &member) { return absolute(member) == path; });
-        if (found != members->end()) {
-            return &*found;
+    void take(std::uint64_t offset, std::string_view piece)
+    {
+        skip_to(offset);
+        while (same_ && !piece.empty()) {
+            const std::string_view own = read(piece.size());
+            same_ = !own.empty() && piece.starts_with(own);
+            piece.remove_prefix(same_ ? own.size() : 0);
         }
     }
-    return nullptr;
-}
+    bool ends_at(std::uint64_t size)
+    {
+        skip_to(size);
+        return same_ && read(1).empty();
+    }
 
-// With the owners and modes that the archive recorded, where it did.
-void make_way(const std::string &path, const RestoredFiles &files)
-{
-    fs::path way = "/";
-    for (const fs::path &part : fs::path(path).parent_path().relative_path()) {
-        way /= part;
-        if (!look_at(way.string()).exists) {
-            make_folder(way.string(), recorded_folder(way.string(), files));
+private:
+    void skip_to(std::uint64_t offset)
+    {
+        while (same_ && at_ < offset) {
+            const std::string_view own = read(offset - at_);
+            same_ = !own.empty() && is_zeros(own);
         }
     }
-}
-
-void write_staged(const std::string &staged, const std::string &bytes)
-{
-    const int fd = open(staged.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    bool whole = fd >= 0;
-    for (std::size_t at = 0; whole && at < bytes.size();) {
-        const ssize_t put = write(fd, bytes.data() + at, bytes.size() - at);
-        whole = put > 0;
-        at += whole ? static_cast<std::size_t>(put) : 0;
-    }
-    whole = whole && fsync(fd) == 0;
-    int error = errno;
-    if (fd >= 0 && close(fd) != 0 && whole) {
-        whole = false;
-        error = errno;
-    }
-    if (!whole) {
-        errno = error;
-        fail_file(staged, "written");
-    }
-}
-
-void stage(const Member &member, const RestoredFiles &files, const ReadMember &read)
-{
-    const std::string path = absolute(member);
-    const std::string staged = staged_path(path);
-    make_way(path, files);
-    remove_quietly(staged);  // of a run that was cut short
-    if (member.kind == MemberKind::link) {
-        if (symlink(member.target.c_str(), staged.c_str()) != 0) {
-            fail_file(staged, "made");
+    std::string_view read(std::uint64_t most)
+    {
+        const std::size_t size = std::min<std::uint64_t>(most, piece_.size());
+        ssize_t got;
+        while ((got = pread(fd_, piece_.data(), size, static_cast<off_t>(at_))) < 0 &&
+               errno == EINTR) {
         }
-    } else {
-        write_staged(staged, read());
+        at_ += got > 0 ? static_cast<std::uint64_t>(got) : 0;
+        return {piece_.data(), got > 0 ? static_cast<std::size_t>(got) : 0};
     }
-    set_properties(staged, member);
-}
 
-void place(const Member &member)
+    int fd_;
+    bool same_ = true;
+    std::uint64_t at_ = 0;
+    std::array<char, 1 << 16> piece_{};
+};
+
+class Changes
 {
-    const std::string path = absolute(member);
-    if (member.kind == MemberKind::folder) {
-        if (!look_at(path).exists) {
-            make_folder(path, &member);
+public:
+    Changes(FileChanges &changes, const GroupPlaces &places) : changes_(changes), places_(places) {}
+
+    void compare_file(const RestoredFile &file, const ReadMember &read)
+    {
+        const Present present = require_place(file);
+        if (!present.exists || !S_ISREG(present.status.st_mode) ||
+            static_cast<std::uint64_t>(present.status.st_size) != file.member.size) {
+            changes_.replaced.insert(file.path());
+            return;
         }
-        return;
-    }
-    const std::string staged = staged_path(path);
-    if (member.kind == MemberKind::hard_link) {
-        remove_quietly(staged);
-        if (link(("/" + member.target).c_str(), staged.c_str()) != 0) {
-            fail_file(path, "made a second name of /" + member.target);
+        struct stat status;
+        const Descriptor fd = open_plain(present.entry, status);
+        if (!fd) {
+            fail_file(file.path(), "opened");
+        }
+        Comparison comparison(fd.get());
+        read([&comparison](std::uint64_t offset, std::string_view piece) {
+            comparison.take(offset, piece);
+        });
+        if (!comparison.ends_at(file.member.size)) {
+            changes_.replaced.insert(file.path());
+            return;
+        }
+        changes_.known.insert_or_assign(file.path(), FileNumber(status));
+        // Through another name somebody else's file would be given away: it gets a file of its own.
+        const bool same = same_properties(file.member, status);
+        if (!same && status.st_nlink != 1) {
+            changes_.replaced.insert(file.path());
+        } else if (!same) {
+            changes_.adjusted.insert(file.path());
         }
     }
-    if (rename(staged.c_str(), path.c_str()) != 0) {
-        fail_file(path, "replaced");
-    }
-}
 
-void flush_folders(const FileChanges &changes)
-{
-    std::set<std::string> folders;
-    for (const std::set<std::string> *paths : {&changes.replaced, &changes.removed}) {
-        for (const std::string &path : *paths) {
-            folders.insert(fs::path(path).parent_path().string());
+    void compare_other(const RestoredFile &file)
+    {
+        const Present present = require_place(file);
+        const Member &member = file.member;
+        const std::string path = file.path();
+        if (!present.exists || !is_same(file, present)) {
+            changes_.replaced.insert(path);
+            return;
+        }
+        changes_.known.insert_or_assign(path, FileNumber(present.status));
+        if (member.kind != MemberKind::hard_link && !same_properties(member, present.status)) {
+            changes_.adjusted.insert(path);
         }
     }
-    for (const std::string &folder : folders) {
-        flush_folder(folder);
+
+private:
+    Present require_place(const RestoredFile &file) const
+    {
+        Present present = look_at(file.member.path, places_);
+        if (present.exists && is_folder(present) != (file.member.kind == MemberKind::folder)) {
+            refuse_place(file.path(), is_folder(present)
+                                          ? "is a folder here, and no folder in the archive"
+                                          : "is no folder here, and a folder in the archive");
+        }
+        return present;
     }
-}
+
+    bool is_same(const RestoredFile &file, const Present &present) const
+    {
+        if (file.member.kind == MemberKind::folder) {
+            return true;
+        }
+        if (file.member.kind == MemberKind::link) {
+            return S_ISLNK(present.status.st_mode) &&
+                   link_text(present.entry) == file.member.target;
+        }
+        // A second name of a file that is replaced would keep the old one.
+        const std::string first = "/" + file.member.target;
+        const auto known = changes_.known.find(first);
+        return !changes_.replaced.contains(first) && known != changes_.known.end() &&
+               known->second == FileNumber(present.status);
+    }
+
+    static bool same_properties(const Member &member, const struct stat &status)
+    {
+        constexpr mode_t permissions = 07777;
+        return status.st_uid == owner_of(member) && status.st_gid == group_of(member) &&
+               (member.kind == MemberKind::link ||
+                (status.st_mode & permissions) == (member.mode & permissions));
+    }
+
+    FileChanges &changes_;
+    const GroupPlaces &places_;
+};
 
 }  // namespace
 
-RestoredFiles choose_files(const std::string &archive, const std::string &name,
-                           const KESTA_BACKUP_FILE &definition, const std::string &only)
+RestoredFiles choose_files(const Archive &archive, const KESTA_BACKUP_FILE &definition,
+                           const GroupPaths &paths)
 {
-    const Paths paths(definition, only);
-    RestoredFiles files;
-    std::map<std::string, std::size_t> known;
-    for_each_member(archive, name, [&](const Member &member, const ReadMember &) {
-        if (member.path == ".") {
-            return;  // the root itself
-        }
-        check_name(member, name);
-        if (!paths.wants(member.path)) {
-            if (member.kind == MemberKind::folder && paths.leads_to_wanted(member.path)) {
-                files.parents.push_back(member);
-            } else {
-                ++files.foreign;
-            }
-            return;
-        }
-        check_link(member, paths, name);
-        const auto [at, is_new] = known.emplace(member.path, files.members.size());
-        if (is_new) {
-            files.members.push_back(member);
-        } else if (member.target != member.path) {
-            files.members[at->second] = member;  // the later one counts
-        }
-    });
+    Choice choice(archive, paths);
+    for_each_member(archive,
+                    [&choice](const Member &member, const ReadMember &) { choice.visit(member); });
+    RestoredFiles files = choice.finish();
     for (const std::string &wanted : paths.wanted()) {
         const bool there = std::any_of(
             files.members.begin(), files.members.end(),
-            [&wanted](const Member &member) { return is_within(member.path, wanted); });
+            [&wanted](const RestoredFile &file) { return is_within(file.member.path, wanted); });
         if (!there && !may_be_gone(definition)) {
-            throw Failure(Exit::no, "not-in-archive",
-                          name + " has no /" + wanted + ": nothing was changed.",
-                          "The definition is newer than the archive. Restore other paths with --only, or "
-                          "save the group again.");
+            throw Failure(
+                Exit::no, "not-in-archive",
+                archive.name + " has no /" + wanted + ": nothing was changed.",
+                "The definition is newer than the archive. Restore other paths with --only, or "
+                "save the group again.");
         }
         if (!there) {
             files.removed.push_back("/" + wanted);
@@ -357,41 +348,39 @@ RestoredFiles choose_files(const std::string &archive, const std::string &name,
     return files;
 }
 
-FileChanges compare_files(const std::string &archive, const std::string &name,
-                          const RestoredFiles &files)
+void for_each_file(const Archive &archive, const RestoredFiles &files,
+                   const std::function<void(const RestoredFile &, const ReadMember &)> &visit)
 {
-    std::map<std::string, const Member *> wanted;
-    for (const Member &member : files.members) {
-        wanted[member.path] = &member;
+    std::map<std::size_t, const RestoredFile *> wanted;
+    for (const RestoredFile &file : files.members) {
+        if (file.member.kind == MemberKind::file) {
+            wanted[file.contents] = &file;
+        }
     }
-    FileChanges changes;
-    for_each_member(archive, name, [&](const Member &visited, const ReadMember &read) {
-        const auto found = wanted.find(visited.path);
-        if (found == wanted.end() || found->second->kind != visited.kind) {
-            return;
-        }
-        const std::string path = absolute(visited);
-        check_way(path);
-        const Present present = look_at(path);
-        const bool is_folder = present.exists && S_ISDIR(present.status.st_mode);
-        if (present.exists && is_folder != (visited.kind == MemberKind::folder)) {
-            refuse_place(path, is_folder ? "is a folder here, and no folder in the archive"
-                                         : "is no folder here, and a folder in the archive");
-        }
-        changes.replaced.erase(path);  // the later one of a name counts
-        changes.adjusted.erase(path);
-        // A second name of a file that is replaced would keep the old one.
-        const bool follows = visited.kind == MemberKind::hard_link &&
-                             changes.replaced.contains("/" + visited.target);
-        if (follows || !same_contents(visited, present, read)) {
-            changes.replaced.insert(path);
-        } else if (!same_properties(*found->second, present)) {
-            changes.adjusted.insert(path);
+    for_each_member(archive, [&](const Member &member, const ReadMember &read) {
+        const auto found = wanted.find(member.number);
+        if (found != wanted.end()) {
+            visit(*found->second, read);
         }
     });
+}
+
+FileChanges compare_files(const Archive &archive, const RestoredFiles &files,
+                          const GroupPlaces &places)
+{
+    FileChanges changes;
+    Changes compared(changes, places);
+    for_each_file(archive, files, [&compared](const RestoredFile &file, const ReadMember &read) {
+        compared.compare_file(file, read);
+    });
+    for (const RestoredFile &file : files.members) {
+        if (file.member.kind != MemberKind::file) {
+            compared.compare_other(file);
+        }
+    }
     for (const std::string &path : files.removed) {
-        const Present present = look_at(path);
-        if (present.exists && S_ISDIR(present.status.st_mode)) {
+        const Present present = look_at(path.substr(1), places);
+        if (is_folder(present)) {
             refuse_place(path, "is a folder here, and was gone when the environment was saved");
         }
         if (present.exists) {
@@ -399,54 +388,6 @@ FileChanges compare_files(const std::string &archive, const std::string &name,
         }
     }
     return changes;
-}
-
-std::string staged_path(const std::string &path)
-{
-    const fs::path whole = path;
-    return (whole.parent_path() / ("." + whole.filename().string() + ".kesta-new")).string();
-}
-
-void stage_files(const std::string &archive, const std::string &name, const RestoredFiles &files,
-                 const FileChanges &changes)
-{
-    try {
-        for_each_member(archive, name, [&](const Member &member, const ReadMember &read) {
-            const bool staged = member.kind == MemberKind::file || member.kind == MemberKind::link;
-            if (staged && changes.replaced.contains(absolute(member))) {
-                stage(member, files, read);
-            }
-        });
-    } catch (const Failure &) {
-        remove_staged(changes.replaced);
-        throw;
-    }
-}
-
-void place_files(const RestoredFiles &files, const FileChanges &changes)
-{
-    for (const Member &member : files.members) {
-        const std::string path = absolute(member);
-        if (changes.replaced.contains(path)) {
-            make_way(path, files);
-            place(member);
-        } else if (changes.adjusted.contains(path)) {
-            set_properties(path, member);
-        }
-    }
-    for (const std::string &path : changes.removed) {
-        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-            fail_file(path, "removed");
-        }
-    }
-    flush_folders(changes);
-}
-
-void remove_staged(const std::set<std::string> &paths)
-{
-    for (const std::string &path : paths) {
-        remove_quietly(staged_path(path));
-    }
 }
 
 }  // namespace kestactl

@@ -1,58 +1,61 @@
-// The files of a group as an archive holds them, and putting them back in place of those of the system.
+// The files of a group as an archive holds them, and how the system differs from them.
 #pragma once
 
 #include <kesta/kesta.h>
 
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "archive_members.h"
+#include "beneath.h"
+#include "group_paths.h"
 
-namespace kestactl {
+namespace kestactl
+{
+
+// A member, and whose contents it gets: a second name of a file that is not restored itself becomes
+// a file of its own.
+struct RestoredFile {
+    Member member;
+    std::size_t contents = 0;  // a member's number
+
+    std::string path() const { return "/" + member.path; }
+};
 
 // What of an archive is put back.
 struct RestoredFiles {
-    std::vector<Member> members;       // of the definition's paths, each path once, folders first
-    std::vector<Member> parents;       // folders that lead to them, for their owners and modes
-    std::vector<std::string> removed;  // absolute paths that were gone when the archive was made
-    std::size_t foreign = 0;           // members of other paths: left alone
+    std::vector<RestoredFile> members;  // of the definition's paths, each path once, folders first
+    std::vector<Member> parents;        // folders that lead to them, for their owners and modes
+    std::vector<std::string> removed;   // absolute paths that were gone when the archive was made
+    std::size_t foreign = 0;            // members of other paths: left alone
 };
 
-// Chooses the members of a definition's paths, or of what lies at and below one path of them. Throws
-// Failure: the archive is damaged, lacks a path (where the group's operation does not allow that), or
-// holds what must not be unpacked: names with "..", absolute ones, links that lead out of the paths,
-// devices.
-RestoredFiles choose_files(const std::string &archive, const std::string &name,
-                           const KESTA_BACKUP_FILE &definition, const std::string &only);
+// Chooses the members of a definition's paths, or of what lies at and below one path of them.
+// Throws Failure: the archive is damaged or too large, lacks a path (where the group's operation
+// does not allow that), or holds what must not be unpacked: names with "..", absolute ones, members
+// below one that is no folder, links that lead out of the paths, devices.
+RestoredFiles choose_files(const Archive &archive, const KESTA_BACKUP_FILE &definition,
+                           const GroupPaths &paths);
 
 // How the system differs from them.
 struct FileChanges {
     std::set<std::string> replaced;  // absolute paths whose contents differ, or that are missing
     std::set<std::string> adjusted;  // only owner or mode differ
     std::set<std::string> removed;
+    std::map<std::string, FileNumber> known;  // which file was compared at a path, or put beside it
 
     bool none() const { return replaced.empty() && adjusted.empty() && removed.empty(); }
 };
 
-// Compares, and looks whether each place may be written: a file where a folder is to be, or a path that
-// leads through somebody else's link, is refused. Throws Failure.
-FileChanges compare_files(const std::string &archive, const std::string &name,
-                          const RestoredFiles &files);
+// Compares, and looks whether each place may be written: a file where a folder is to be, or a path
+// that leads through a link, is refused. Throws Failure.
+FileChanges compare_files(const Archive &archive, const RestoredFiles &files,
+                          const GroupPlaces &places);
 
-// Where a new file lies until it takes its place: in the same folder.
-std::string staged_path(const std::string &path);
-
-// Puts what is replaced beside the old ones, whole and flushed. Nothing that is in use has changed then.
-// Throws Failure, and leaves nothing behind.
-void stage_files(const std::string &archive, const std::string &name, const RestoredFiles &files,
-                 const FileChanges &changes);
-
-// Lets them take their places, one by one: each path has the old file or the new one at any moment.
-// Throws Failure.
-void place_files(const RestoredFiles &files, const FileChanges &changes);
-
-// Best effort: what was staged and not placed.
-void remove_staged(const std::set<std::string> &paths);
+// A member's contents are given to each file that gets them. Throws Failure.
+void for_each_file(const Archive &archive, const RestoredFiles &files,
+                   const std::function<void(const RestoredFile &, const ReadMember &)> &visit);
 
 }  // namespace kestactl
