@@ -12,7 +12,8 @@
 #include "process_clock.h"
 #include "trace.h"
 
-namespace {
+namespace
+{
 
 using Slots = std::array<KESTA_INNERLOCK_BUF, KESTA_CONTROLLERS>;
 using Observations = std::array<KESTAL_LOCKBUFFER_STRUCT, KESTA_CONTROLLERS>;
@@ -45,25 +46,26 @@ int write_slot(int block_id, KESTA_INNERLOCK_BUF record)
 }
 
 // One call of kestal_cntl_innerlock.
-class Acquisition {
+class Acquisition
+{
 public:
     Acquisition(int cntno, int own_block)
         : own_block_(own_block),
           back_off_(back_off_us + back_off_step_us * static_cast<unsigned>(cntno))
     {
-        struct timeval now {};
-        gettimeofday(&now, nullptr);
         claim_.status = slot_held;
-        claim_.timeout = now.tv_sec % token_modulus + 1;
+        make_token();
     }
 
     int run()
     {
         kesta::MutexGuard guard(innerlock_mutex);
-        kesta::InnerlockRecord record;
+        kesta::InnerlockRecord
+            record;  // opened and closed under the mutex: a close lets go of the lock
+        record_ = &record;
         for (int r = 1;; ++r) {
             int result = KESTA_OK;
-            if (attempt(record, r, result)) {
+            if (attempt(r, result)) {
                 return result;
             }
             if (r % report_period == report_phase) {
@@ -78,37 +80,60 @@ public:
     }
 
 private:
+    void make_token()
+    {
+        struct timeval now {
+        };
+        gettimeofday(&now, nullptr);
+        claim_.timeout = now.tv_sec % token_modulus + 1;
+    }
+
     // One attempt, sweep included. True: the acquisition is over, with the result. A thread can't
     // be cancelled inside: a claim would stay behind.
-    bool attempt(kesta::InnerlockRecord &record, int r, int &result)
+    bool attempt(int r, int &result)
     {
         kesta::CancelOff off;
-        if (record.try_enter() == kesta::InnerlockRecord::Attempt::busy) {
-            trace_retry(r);  // no sweep: no image has been read
-            return false;
-        }
-        const bool over = claim(result);
+        const bool entered = record_->enter();
+        const bool over = entered ? claim(result) : look(result) == Looked::failed;
         if (!over) {
             trace_retry(r);
-            sweep_stale_slots();
+            sweep_stale_slots(entered);
         }
-        record.leave();
+        if (entered) {
+            renew_token_if_late();
+            record_->leave();
+        }
         return over;
     }
 
+    enum class Looked { free, locked, failed };
+
+    // Failed: the acquisition is over, with the result.
+    Looked look(int &result)
+    {
+        const int rtn =
+            kestal_lockcheck_innerlock(kesta::own_controller(), slots_.data(), nullptr, nullptr);
+        if (rtn == KESTA_OK || rtn == KESTA_ERR_INNERLOCK_LOCKED) {
+            return rtn == KESTA_OK ? Looked::free : Looked::locked;
+        }
+        TRACE(1, "[kestal_cntl_innerlock] kestal_lockcheck_innerlock Error. rtn=%d", rtn);
+        result = KESTA_ERR;
+        return Looked::failed;
+    }
+
+    // A process that was stopped in its attempt may have been passed by: what it saw then is not to
+    // be acted on. Whoever is late writes nothing, and looks anew in the next attempt; a claim of
+    // its own that stands is left to the sweep, like one that could not be confirmed.
     bool claim(int &result)
     {
-        int rtn = kestal_lockcheck_innerlock(kesta::own_controller(), slots_.data(), nullptr,
-                                             nullptr);
-        if (rtn == KESTA_ERR_INNERLOCK_LOCKED) {
+        const Looked looked = look(result);
+        if (looked != Looked::free) {
+            return looked == Looked::failed;
+        }
+        if (record_->late()) {
             return false;
         }
-        if (rtn != KESTA_OK) {
-            TRACE(1, "[kestal_cntl_innerlock] kestal_lockcheck_innerlock Error. rtn=%d", rtn);
-            result = KESTA_ERR;
-            return true;
-        }
-        rtn = write_slot(own_block_, claim_);
+        const int rtn = write_slot(own_block_, claim_);
         if (rtn != KESTA_OK) {
             TRACE(1, "[kestal_cntl_innerlock] InnerLock Set Failed. rtn=%d", rtn);
             result = KESTA_ERR_INNERLOCK_WRITE;
@@ -120,8 +145,11 @@ private:
     bool confirm(int &result)
     {
         int rtnstatus = 0;
-        int rtn = kestal_lockcheck_innerlock(kesta::own_controller(), slots_.data(), &claim_,
-                                             &rtnstatus);
+        int rtn =
+            kestal_lockcheck_innerlock(kesta::own_controller(), slots_.data(), &claim_, &rtnstatus);
+        if (record_->late()) {
+            return false;  // the claim may have been cleared, and another one made and given back
+        }
         if (rtn >= KESTA_OK) {
             TRACE(5, "[kestal_cntl_innerlock] InnerLock Control Success End.");
             result = KESTA_OK;
@@ -139,6 +167,9 @@ private:
     bool withdraw(int &result)
     {
         TRACE(5, "[kestal_cntl_innerlock] InnerLock Reset");
+        if (record_->late()) {
+            return false;
+        }
         const int rtn = write_slot(own_block_, KESTA_INNERLOCK_BUF{});
         if (rtn != KESTA_OK) {
             TRACE(1, "[kestal_cntl_innerlock] InnerLock Reset Failed.rtn=%d", rtn);
@@ -148,19 +179,26 @@ private:
         return false;
     }
 
-    static void trace_retry(int r)
+    // Others may have seen the token for so long that they would clear a new claim with it at once.
+    void renew_token_if_late()
     {
-        TRACE(4, "[kestal_cntl_innerlock] lock retry...(%d)", r - 1);
+        if (record_->late()) {
+            make_token();
+        }
     }
 
-    // Over the image read last, the own slot included.
-    void sweep_stale_slots()
+    static void trace_retry(int r) { TRACE(4, "[kestal_cntl_innerlock] lock retry...(%d)", r - 1); }
+
+    // Over the image read last, the own slot included. Without the record the slots are observed
+    // only: their time runs.
+    void sweep_stale_slots(bool entered)
     {
         for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
             const KESTA_INNERLOCK_BUF &slot = slots_[static_cast<unsigned>(i)];
             if (slot.status == slot_free ||
                 kestal_compare_innerlock_timeout(i, static_cast<int>(slot.timeout),
-                                                 observations_.data()) != stale) {
+                                                 observations_.data()) != stale ||
+                !entered || record_->late()) {
                 continue;
             }
             TRACE(2, "[kestal_cntl_innerlock] InnerLock Irrigal Unlocked(%d)", i);
@@ -173,7 +211,8 @@ private:
 
     const int own_block_;
     const unsigned back_off_;
-    KESTA_INNERLOCK_BUF claim_{};  // one token for all attempts of the call
+    kesta::InnerlockRecord *record_ = nullptr;
+    KESTA_INNERLOCK_BUF claim_{};  // one token for all attempts of the call, unless one was late
     Slots slots_{};
     Observations observations_{};
 };

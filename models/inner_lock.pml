@@ -12,6 +12,11 @@
  *   SWEEP_OUTSIDE       ... given back before the sweep (to show why it is not)
  *   DEATHS=n            so many processes may die, anywhere
  *   STALL               a holder may stall so long that it is taken for dead, and go on
+ *   STOPS=n             so many times a process may be stopped in an attempt, at any step, for so long that
+ *                       it is taken for dead: the others pass its record lock by, and it goes on later
+ *   ONE_PLACE           ... with a record lock of one place: who passes it by goes on without
+ *   BLIND               ... without looking at the clock when it goes on (to show why it does)
+ *   BEFORE_WRITE        ... exactly between its look at the clock and its write, too
  *
  * Time is left out but for what counts: a slot is stale for one who looks at it, has seen its token
  * before, and looks after its owner has died (or stalled). A waiter that sleeps may be woken at any time.
@@ -24,6 +29,14 @@
 #endif
 #ifndef DEATHS
 #define DEATHS 0
+#endif
+#ifndef STOPS
+#define STOPS 0
+#endif
+#ifdef ONE_PLACE
+#define PLACES 1
+#else
+#define PLACES (STOPS + 1)
 #endif
 
 #if LAYOUT == 0
@@ -41,14 +54,29 @@
 #endif
 
 #define NOBODY 0
-#define TOKEN(p) ((p) + 1)
-#define OWNER(token) ((token) - 1)
+#define TOKENS (PROCS * (STOPS + 1) + 1)
+#define NOT_OWN 255
+#define PLACE(k) (own * PLACES + (k))
 
-byte slot[CONTROLLERS];   /* a token, or NOBODY */
-byte record[CONTROLLERS]; /* who holds the record lock of a controller */
-bool gone[PROCS];         /* dead, or taken for dead */
+byte slot[CONTROLLERS];            /* a token, or NOBODY */
+byte record[CONTROLLERS * PLACES]; /* who holds a place of the record lock, as its token */
+bool gone[TOKENS];                 /* whose owner is dead, or taken for dead */
 byte inside;
 byte deaths;
+byte stops;
+
+inline give_record_back()
+{
+#ifdef RECORD
+    d_step {
+        for (k : 0 .. PLACES - 1) {
+            if :: record[PLACE(k)] == token -> record[PLACE(k)] = NOBODY :: else fi
+        }
+        k = 0
+    }
+#endif
+    skip
+}
 
 /* Any step may be the last one. The system gives the record lock of a dead process back. */
 inline may_die()
@@ -56,10 +84,44 @@ inline may_die()
 #if DEATHS > 0
     if
     :: atomic { deaths < DEATHS ->
-           deaths++; gone[me] = true;
-           if :: record[own] == TOKEN(me) -> record[own] = NOBODY :: else fi;
+           deaths++; gone[token] = true;
+           give_record_back();
            printf("process %d of CNT%d dies\n", me, own) }
        goto end_dead
+    :: true
+    fi
+#else
+    skip
+#endif
+}
+
+/* Any step of an attempt may be followed by a stop. Going on, the process is late for the rest of the
+ * attempt. */
+inline may_stop()
+{
+#if STOPS > 0
+    if
+    :: atomic { stops < STOPS ->
+           stops++; gone[token] = true; printf("process %d of CNT%d is stopped\n", me, own) }
+#ifndef BLIND
+       late = true;
+#endif
+       printf("process %d of CNT%d goes on\n", me, own)
+    :: true
+    fi
+#else
+    skip
+#endif
+}
+
+/* Before a write. */
+inline may_stop_before_write()
+{
+#ifdef BEFORE_WRITE
+    if
+    :: atomic { stops < STOPS ->
+           stops++; gone[token] = true; printf("process %d of CNT%d is stopped\n", me, own) }
+       printf("process %d of CNT%d goes on\n", me, own)
     :: true
     fi
 #else
@@ -71,7 +133,7 @@ inline may_die()
 inline judge()
 {
     for (i : 0 .. CONTROLLERS - 1) {
-        stale[i] = image[i] != NOBODY && seen[i] == image[i] && gone[OWNER(image[i])];
+        stale[i] = image[i] != NOBODY && seen[i] == image[i] && gone[image[i]];
         seen[i] = image[i]
     }
     i = 0
@@ -86,13 +148,6 @@ inline forget()
     }
 }
 
-inline give_record_back()
-{
-#ifdef RECORD
-    atomic { record[own] = NOBODY }
-#endif
-    skip
-}
 
 proctype Process(byte me)
 {
@@ -101,16 +156,32 @@ proctype Process(byte me)
     byte seen[CONTROLLERS]; /* tokens of the attempts before */
     bool stale[CONTROLLERS];
     byte i;
+    byte k;
     byte blocker;           /* NOBODY, or the token in the way */
+    byte token = me + 1;    /* another one after each stop */
+    bool late;
 
 attempt:
     may_die();
 #ifdef RECORD
-    if
-    :: atomic { record[own] == NOBODY -> record[own] = TOKEN(me) }
-    :: record[own] != NOBODY -> goto attempt /* busy: it sleeps, without a sweep */
-    fi;
+    /* The first place that is not to be passed by. Busy: it sleeps, and may look meanwhile. */
+    k = 0;
+    do
+    :: atomic { k < PLACES && record[PLACE(k)] == NOBODY -> record[PLACE(k)] = token; break }
+    :: k < PLACES && record[PLACE(k)] != NOBODY && gone[record[PLACE(k)]] -> k++
+    :: k < PLACES && record[PLACE(k)] != NOBODY && !gone[record[PLACE(k)]] -> k = 0; goto attempt
+    :: k == PLACES -> break
+    od;
+    /* And whoever is in another place must be one to pass by. */
+    k = 0;
+    do
+    :: k < PLACES && (record[PLACE(k)] == NOBODY || record[PLACE(k)] == token || gone[record[PLACE(k)]]) -> k++
+    :: k < PLACES && record[PLACE(k)] != NOBODY && record[PLACE(k)] != token && !gone[record[PLACE(k)]] ->
+       give_record_back(); goto attempt
+    :: k == PLACES -> k = 0; break
+    od;
     may_die();
+    may_stop();
 #endif
     d_step {
         blocker = NOBODY;
@@ -126,15 +197,19 @@ attempt:
     }
     if :: blocker != NOBODY -> goto retry :: else fi;
     may_die();
-    atomic { slot[own] = TOKEN(me); printf("process %d of CNT%d claims\n", me, own) }
+    may_stop();
+    if :: late -> goto retry :: else fi;
+    may_stop_before_write();
+    atomic { slot[own] = token; printf("process %d of CNT%d claims\n", me, own) }
     may_die();
+    may_stop();
     d_step {
         blocker = NOBODY;
         for (i : 0 .. CONTROLLERS - 1) {
             image[i] = slot[i];
             if
-            :: blocker == NOBODY && image[i] != NOBODY && image[i] != TOKEN(me) ->
-               blocker = (i == own -> 255 : image[i]) /* 255: the own slot carries another token */
+            :: blocker == NOBODY && image[i] != NOBODY && image[i] != token ->
+               blocker = (i == own -> NOT_OWN : image[i]) /* the own slot carries another token */
             :: else
             fi
         }
@@ -144,12 +219,17 @@ attempt:
         :: else -> printf("process %d of CNT%d looks again: another claim\n", me, own)
         fi
     }
+    may_stop();
     if
-    :: blocker == NOBODY -> goto section
-    :: blocker == 255 -> goto retry /* the own slot is left to its new owner */
+    :: late -> goto retry
+    :: !late && blocker == NOBODY -> goto section
+    :: !late && blocker == NOT_OWN -> goto retry /* the own slot is left to its new owner */
     :: else
     fi;
     may_die();
+    may_stop();
+    if :: late -> goto retry :: else fi;
+    may_stop_before_write();
     atomic { slot[own] = NOBODY; printf("process %d of CNT%d withdraws\n", me, own) }
 
 retry:
@@ -160,6 +240,9 @@ retry:
     :: atomic { i < CONTROLLERS && !stale[i] -> i++ }
     :: i < CONTROLLERS && stale[i] ->
        may_die();
+       may_stop();
+       if :: late -> break :: else fi;
+       may_stop_before_write();
        atomic {
            printf("process %d of CNT%d clears the slot of CNT%d as stale\n", me, own, i);
            slot[i] = NOBODY; seen[i] = NOBODY; stale[i] = false; i++ }
@@ -169,6 +252,15 @@ retry:
 #ifndef SWEEP_OUTSIDE
     give_record_back();
 #endif
+#if STOPS > 0
+    atomic {
+        if
+        :: gone[token] -> token = token + PROCS
+        :: else
+        fi;
+        late = false
+    }
+#endif
     goto attempt;
 
 section:
@@ -176,20 +268,20 @@ section:
     atomic { inside++; printf("process %d of CNT%d is inside\n", me, own); assert(inside == 1) }
 #ifdef STALL
     if
-    :: atomic { gone[me] = true; printf("process %d of CNT%d stalls\n", me, own) }
+    :: atomic { gone[token] = true; printf("process %d of CNT%d stalls\n", me, own) }
     :: true
     fi;
 #endif
 #if DEATHS > 0
     if
     :: atomic { deaths < DEATHS ->
-           deaths++; gone[me] = true; inside--;
+           deaths++; gone[token] = true; inside--;
            printf("process %d of CNT%d dies inside\n", me, own) }
        goto end_dead
     :: true
     fi;
 #endif
-    atomic { inside--; gone[me] = false }
+    atomic { inside--; gone[token] = false }
     may_die();
     atomic { slot[own] = NOBODY; printf("process %d of CNT%d releases\n", me, own) }
     forget();

@@ -70,6 +70,18 @@ excluded inner_lock "three processes of one controller with the record lock, two
     -DPROCS=3 -DLAYOUT=0 -DRECORD -DDEATHS=2
 excluded inner_lock "two processes on each of two controllers with the record lock, nobody dies" \
     -DPROCS=4 -DLAYOUT=2 -DRECORD
+excluded inner_lock "three processes of one controller, one is stopped in its attempt, passed by, and goes on" \
+    -DPROCS=3 -DLAYOUT=0 -DRECORD -DSTOPS=1
+excluded inner_lock "three processes of one controller, two such stops" \
+    -DPROCS=3 -DLAYOUT=0 -DRECORD -DSTOPS=2
+excluded inner_lock "three processes of one controller, one is stopped so, one may die" \
+    -DPROCS=3 -DLAYOUT=0 -DRECORD -DSTOPS=1 -DDEATHS=1
+possible inner_lock passed_by_without_place "two that pass a stopped one by, without a place of their own" \
+    -DPROCS=3 -DLAYOUT=0 -DRECORD -DSTOPS=1 -DONE_PLACE
+possible inner_lock stopped_and_blind "a stopped one that goes on without looking at the clock" \
+    -DPROCS=2 -DLAYOUT=0 -DRECORD -DSTOPS=1 -DBLIND
+possible inner_lock stopped_before_write "one that is stopped between its look at the clock and its write" \
+    -DPROCS=3 -DLAYOUT=0 -DRECORD -DSTOPS=1 -DBEFORE_WRITE
 possible inner_lock without_record_lock "two processes of one controller without the record lock" \
     -DPROCS=2 -DLAYOUT=0
 possible inner_lock sweep_outside "the record lock given back before the sweep, one dies" \

@@ -29,6 +29,10 @@ typedef struct {
 /*
  * Takes the inner lock. Waits up to 1000 back-offs of 100 ms + 10 ms x cntno.
  *
+ * Processes of one controller make their attempts one at a time, and observe the slots meanwhile. One
+ * that has stood in its attempt for more than 30 seconds is passed by; when it goes on it looks anew
+ * before it writes.
+ *
  * cntno  the caller's controller number, 0..3; the slot used is always the own controller's, so
  *        the number must be known (kestal_get_cnt_num_from_cpinfo) before the first call
  *

@@ -532,7 +532,7 @@ bool record_is_locked_by_this_process()
 
 }  // namespace
 
-TEST_F(InnerLock, BusyRecordLockCountsAsAnAttemptWithoutCheckOrSweep)
+TEST_F(InnerLock, BusyRecordLockIsAnAttemptThatLooksAndWritesNothing)
 {
     RecordHolder other;
     p().calls.clear();
@@ -543,11 +543,114 @@ TEST_F(InnerLock, BusyRecordLockCountsAsAnAttemptWithoutCheckOrSweep)
         }
     });
     EXPECT_EQ(kestal_cntl_innerlock(0), 0);
-    const auto nv = p().calls_of("nv_");
     EXPECT_THAT(p().texts(4), ElementsAre("[kestal_cntl_innerlock] lock retry...(0)",
                                           "[kestal_cntl_innerlock] lock retry...(1)"));
-    EXPECT_THAT(nv, ElementsAre("nv_read 600 64", "nv_write 600 16", "nv_read 600 64"))
-        << "none while it was busy";
+    EXPECT_THAT(p().calls_of("nv_"),
+                ElementsAre("nv_read 600 64", "nv_read 600 64", "nv_read 600 64",
+                            "nv_write 600 16", "nv_read 600 64"));
+}
+
+TEST_F(InnerLock, FailedLookEndsTheCallWhileTheRecordLockIsBusyToo)
+{
+    RecordHolder other;
+    p().fail_kind("nv_read", 0, 5);
+    EXPECT_EQ(kestal_cntl_innerlock(0), -1);
+    EXPECT_TRUE(p().traced(1, "[kestal_cntl_innerlock] kestal_lockcheck_innerlock Error. rtn=-171"));
+}
+
+TEST_F(InnerLock, RecordLockThatStaysBusyForMoreThanThirtySecondsIsPassedBy)
+{
+    for (int own = 0; own < 4; ++own) {
+        reset(own);
+        RecordHolder stopped;
+        EXPECT_EQ(kestal_cntl_innerlock(own), 0);
+        const unsigned back_off = 100000 + 10000 * static_cast<unsigned>(own);
+        const std::size_t sleeps = p().calls_of("usleep").size();
+        EXPECT_EQ(sleeps, (31 * 1000000 + back_off - 1) / back_off) << "not one attempt earlier";
+        EXPECT_THAT(p().texts(1), IsEmpty());
+        EXPECT_THAT(p().texts(2), IsEmpty());
+        EXPECT_EQ(p().int_at(nv_slot(own)), 1);
+    }
+}
+
+TEST_F(InnerLock, DeadSlotsAreObservedWhileTheRecordLockIsBusy)
+{
+    for (const int dead : {0, 2}) {
+        reset();
+        hold(dead, 4711);
+        RecordHolder stopped;
+        EXPECT_EQ(kestal_cntl_innerlock(0), 0);
+        EXPECT_THAT(p().texts(2),
+                    ElementsAre("[kestal_cntl_innerlock] InnerLock Irrigal Unlocked(" +
+                                std::to_string(dead) + ")"));
+        EXPECT_EQ(p().calls_of("usleep").size(), 311u) << "both ran in the same 30 seconds";
+    }
+}
+
+TEST_F(InnerLock, RecordLockThatWasFreeInBetweenIsWaitedForAnew)
+{
+    auto first = std::make_unique<RecordHolder>();
+    std::unique_ptr<RecordHolder> second;
+    hold(1, 1);
+    at_sleep([&](int n) {
+        if (n == 200) {
+            first->let_go();
+            hold(1, 2);
+        } else if (n == 201) {
+            second = std::make_unique<RecordHolder>();
+        } else if (n == 250) {
+            clear(1);
+        }
+    });
+    EXPECT_EQ(kestal_cntl_innerlock(0), 0);
+    EXPECT_EQ(p().calls_of("usleep").size(), 201u + 309u);
+}
+
+TEST_F(InnerLock, WhoeverWasStoppedAfterALookWritesNothingAndLooksAnew)
+{
+    for (const int stop_at : {1, 2}) {  // the first look, and the one after the claim
+        reset();
+        after("nv_read", stop_at, [&] {
+            p().clock_us += 31 * second_us;
+            p().wall_seconds += 31;
+        });
+        EXPECT_EQ(kestal_cntl_innerlock(0), 0);
+        EXPECT_TRUE(p().traced(4, "[kestal_cntl_innerlock] lock retry...(0)"));
+        EXPECT_EQ(p().count("Control Check Error"), 0);
+        if (stop_at == 1) {
+            EXPECT_THAT(p().calls, ElementsAre("nv_read 600 64", "usleep 100000", "nv_read 600 64",
+                                               "nv_write 600 16", "nv_read 600 64"));
+            EXPECT_EQ(token(0), 1'000'031 % 10000 + 1) << "a token that nobody has seen before";
+        } else {
+            EXPECT_EQ(p().calls_of("nv_write").size(), 3u) << "the sweep cleared the claim";
+            EXPECT_TRUE(p().traced(2, "[kestal_cntl_innerlock] InnerLock Irrigal Unlocked(0)"));
+        }
+    }
+}
+
+TEST_F(InnerLock, WhoeverWasStoppedBeforeItsSweepClearsNothing)
+{
+    hold(1, 77);
+    int looks = 0;
+    p().after_call = [&](const std::string &call) {
+        if (call == "nv_read 600 64" && ++looks == 320) {
+            ADD_FAILURE() << "never cleared";
+            clear(1);
+        }
+        if (call == "nv_read 600 64" && looks == 2) {
+            p().clock_us += 31 * second_us;  // stale now, but the look is as old
+        }
+    };
+    EXPECT_EQ(kestal_cntl_innerlock(0), 0);
+    EXPECT_EQ(looks, 2 + 1 + 2) << "cleared by the look after, then acquired";
+    EXPECT_EQ(p().count("Irrigal"), 1);
+}
+
+TEST_F(InnerLock, ThirtySecondsExactlyAreNotLate)
+{
+    after("nv_read", 1, [&] { p().clock_us += 30 * second_us; });
+    EXPECT_EQ(kestal_cntl_innerlock(0), 0);
+    EXPECT_EQ(p().calls_of("usleep").size(), 0u);
 }
 
 TEST_F(InnerLock, RecordLockCoversTheAttemptAndTheSweepButNoSleepAndNotTheSection)

@@ -7,6 +7,7 @@
 
 using namespace test;
 using testing::HasSubstr;
+using testing::Not;
 
 class LabLocks : public LabTest {
 protected:
@@ -116,6 +117,36 @@ TEST_F(LabLocks, HolderKilledWhileWithdrawingIsClearedAfterItsTime)
     EXPECT_THAT(err0, HasSubstr("InnerLock Reset"));
     EXPECT_THAT(err0, HasSubstr("InnerLock Irrigal Unlocked(1)"));
     EXPECT_THAT(read_file(home / "err1"), HasSubstr("InnerLock Reset")) << "it was withdrawing";
+    for (int n = 0; n < 4; ++n) {
+        EXPECT_FALSE(slot_is_set(n)) << n;
+    }
+}
+
+// CNT0's process stands in its attempt, stopped. Others of its controller pass it by after its time, those
+// of other controllers don't wait for it at all; and it goes on as if nothing had been.
+TEST_F(LabLocks, ProcessStoppedInItsAttemptDoesNotShutItsControllerOut)
+{
+    write_file(host_path(0, "opt/faults"), "nv_read 1 once block /opt/gate\n");
+    const std::string gate = host_path(0, "opt/gate").string();
+    const std::string pid = host_path(0, "opt/pid").string();
+    const std::string enter = lab() + " --dir " + dir.string() + " exec ";
+    const std::string waiter = " -- /bin/sh -c 'LD_PRELOAD=/opt/libfast_clock.so kestactl --trace 4 "
+                               "nv write group after' 2> ";
+    const Ran both =
+        shell("mkfifo " + gate + "\n" + enter +
+              "CNT0 -- /bin/sh -c 'echo $$ > /opt/pid; KESTA_PLATFORM_FAULT_FILE=/opt/faults "
+              "exec kestactl nv write group stopped' & stopped=$!\n"
+              "exec 3> " + gate + "\n"
+              "kill -STOP $(cat " + pid + ")\n" +
+              enter + "CNT0" + waiter + (home / "err0").string() + "\necho $?\n" +
+              enter + "CNT1" + waiter + (home / "err1").string() + "\necho $?\n"
+              "kill -CONT $(cat " + pid + ")\n"
+              "exec 3>&-\nwait $stopped\necho $?\n");
+    EXPECT_EQ(both.out, "Done: write 'after' to group\n0\nDone: write 'after' to group\n0\n"
+                        "Done: write 'stopped' to group\n0\n")
+        << both.err << read_file(home / "err0");
+    EXPECT_THAT(read_file(home / "err0"), HasSubstr("[kestal_cntl_innerlock] lock retry...(300)"));
+    EXPECT_THAT(read_file(home / "err1"), Not(HasSubstr("lock retry")));
     for (int n = 0; n < 4; ++n) {
         EXPECT_FALSE(slot_is_set(n)) << n;
     }

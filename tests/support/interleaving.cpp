@@ -5,21 +5,34 @@
 #include <sched.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "controller_state.h"
 #include "test_platform.h"
 
-namespace test {
-namespace {
+namespace test
+{
+namespace
+{
 
 constexpr std::size_t message_size = 64;
 int channel_of_this_process = -1;
+std::int64_t wall_seconds_of_this_process = 0;  // when the clock stands at 0
+
+// One step of one process at a time: nobody else touches it meanwhile.
+std::int64_t *shared_clock()
+{
+    static void *const clock = mmap(nullptr, sizeof(std::int64_t), PROT_READ | PROT_WRITE,
+                                    MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return static_cast<std::int64_t *>(clock);
+}
 
 [[noreturn]] void give_up(const char *what)
 {
@@ -32,11 +45,15 @@ void announce(const std::string &text)
     char message[message_size] = "";
     text.copy(message, message_size - 1);
     char go = 0;
+    std::int64_t &now = *shared_clock();
+    now = std::max(now, platform().clock_us);
     if (send(channel_of_this_process, message, message_size, MSG_NOSIGNAL) !=
             static_cast<ssize_t>(message_size) ||
         recv(channel_of_this_process, &go, 1, 0) != 1) {
         _exit(0);  // the test has ended
     }
+    platform().clock_us = std::max(now, platform().clock_us);
+    platform().wall_seconds = wall_seconds_of_this_process + platform().clock_us / 1'000'000;
 }
 
 void use_folder_of(int controller)
@@ -48,9 +65,12 @@ void use_folder_of(int controller)
     }
 }
 
-[[noreturn]] void run(int controller, int channel, const std::function<void()> &body)
+[[noreturn]] void run(int number, int controller, int channel, const std::function<void()> &body)
 {
     channel_of_this_process = channel;
+    // No two start in the same second: each has a token of its own.
+    wall_seconds_of_this_process = 999'500 + 100 * number;
+    platform().wall_seconds = wall_seconds_of_this_process + platform().clock_us / 1'000'000;
     use_folder_of(controller);
     g_my_cnt_no = controller;
     platform().before_call = [](const std::string &call) {
@@ -69,6 +89,9 @@ void mark(const std::string &text) { announce("mark " + text); }
 int Interleaving::start(int controller, const std::function<void()> &body)
 {
     std::filesystem::create_directories("/var/run/kesta_sys/cnt" + std::to_string(controller));
+    if (processes_.empty()) {
+        *shared_clock() = platform().clock_us;
+    }
     int channels[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, channels) != 0) {
         give_up("socketpair");
@@ -82,7 +105,7 @@ int Interleaving::start(int controller, const std::function<void()> &body)
         for (const Process &other : processes_) {
             close(other.channel);
         }
-        run(controller, channels[1], body);
+        run(count(), controller, channels[1], body);
     }
     close(channels[1]);
     processes_.push_back({pid, channels[0], ""});

@@ -1,7 +1,8 @@
 // Processes that call the library one step at a time, in the order that a test chooses.
 //
 // Each process is a fork of the test with NV memory shared. It stops before each NV transfer, each
-// sleep and each mark of its own, and goes on when it is let.
+// sleep and each mark of its own, and goes on when it is let. They share one virtual clock: what one of
+// them sleeps, has passed for the others when they go on.
 #pragma once
 
 #include <sys/types.h>
