@@ -54,6 +54,70 @@ TEST_F(KestactlGroup, CheckSaysEverythingAtOnceWithLinesAndLimits)
     EXPECT_EQ(ctl(0, "group check 'a b'").code, 2);
 }
 
+TEST_F(KestactlGroup, CheckFindsWhatSavingAndApplyingWouldRefuse)
+{
+    define("<setinfo>\n<file path=\"/etc/a\"><link path=\"/l$(id)\"/><link path=\"/l;x\"/><link path=\"/l x\"/>\n"
+           "<permission userid=\"nobody-of-that-name\" groupid=\"none-either\" mode=\"8x\"/></file>\n"
+           "<file path=\"/etc/b c\"><link path=\"/l\"/></file>\n<file path=\"/etc/d e\"/>\n"
+           "<file path=\"/etc/../x\"/>\n<file path=\"/etc/f\"><permission mode=\"1777\"/></file></setinfo>");
+    const Ran checked = ctl(0, "group check network");
+    EXPECT_EQ(checked.code, 1);
+    const std::string word = " has a blank or another character that a shell would act on";
+    for (const std::string &line :
+         {":3: error: the path of <link>" + word, ":4: error: userid=\"nobody-of-that-name\" is no user",
+          std::string(":4: error: groupid=\"none-either\" is no group"), std::string(":4: error: mode=\"8x\" is no mode"),
+          ":5: error: the path of <file>, which has a <link>," + word,
+          std::string(":7: error: the path of <file> can't be archived"),
+          std::string(":8: error: mode=\"1777\" is no mode")}) {
+        EXPECT_THAT(checked.out, HasSubstr(line));
+    }
+    EXPECT_THAT(checked.out, testing::Not(HasSubstr(":6:"))) << "a blank harms nobody where no command is made of it";
+}
+
+TEST_F(KestactlGroup, DefinitionBeyondTheLimitsIsNotRead)
+{
+    std::string attributes;
+    for (int i = 0; i < 50000; ++i) {
+        attributes += " a" + std::to_string(i) + "=\"1\"";
+    }
+    const auto refused = [this](const std::string &text) {
+        for (const char *verb : {"check", "show", "apply"}) {
+            const Ran run = ctl(0, std::string("group ") + verb + " network");
+            EXPECT_EQ(run.code, 1) << verb;
+            EXPECT_THAT(run.err, HasSubstr(text));
+        }
+        EXPECT_THAT(ctl(0, "save network --dry-run").err, HasSubstr(text));
+    };
+    define("<setinfo><file path=\"/etc/a\"" + attributes + "/></setinfo>");
+    refused("a tag of more than 16384 bytes");
+    define("<setinfo><file path=\"/etc/a\"/></setinfo><!--" + std::string(1 << 20, 'c') + "-->");
+    refused("a text of more than 1048576 bytes");
+    write_file(host_path(0, "etc/kesta_sys/network/define.xml"),
+               "<!DOCTYPE group [" + std::string(20000, ' ') + "]><group id=\"network\"/>");
+    refused("a tag of more than 16384 bytes");
+    std::string wide = "\xff\xfe";
+    for (const char c : "<group id=\"network\"" + attributes + "/>") {
+        wide += {c, '\0'};
+    }
+    write_file(host_path(0, "etc/kesta_sys/network/define.xml"), wide);
+    refused("neither UTF-8 nor ISO 8859");
+    // Long comments and texts are no tags.
+    define("<!-- " + std::string(100000, '<') + " --><setinfo><file path=\"/etc/a\"/></setinfo>");
+    EXPECT_EQ(ctl(0, "group check network").code, 0);
+    EXPECT_EQ(on(0, "rm /etc/kesta_sys/network/define.xml && mkfifo /etc/kesta_sys/network/define.xml").code, 0);
+    EXPECT_THAT(ctl(0, "group check network").err, HasSubstr("is no plain file"));
+}
+
+TEST_F(KestactlGroup, NothingRawReachesTheTerminal)
+{
+    define("<setinfo><file path=\"/etc/a\" cntmode=\"&#x9b;31m&#x7f;\"/></setinfo>");
+    EXPECT_THAT(ctl(0, "group check network").out, HasSubstr("cntmode=\"\\u009b31m\\x7f\" is no number"));
+    const Ran in_json = ctl(0, "--json group check network");
+    EXPECT_EQ(in_json.out.find_first_of("\x7f\x9b\xc2"), std::string::npos);
+    EXPECT_THAT(in_json.json().at("result").at("findings").at(0).at("text").get<std::string>(),
+                HasSubstr("\xc2\x9b" "31m\x7f"));
+}
+
 TEST_F(KestactlGroup, ShowTellsWhatTheReaderRead)
 {
     define("<setinfo><file path=\"/etc/a\" rbmode=\"2\"><link path=\"/l\"/>"

@@ -311,7 +311,15 @@ TEST_F(KestactlImage, DumpInHexadecimalAndByFields)
     const Ran to_file = ctl(0, "nv dump --out /tmp/dump");
     EXPECT_EQ(to_file.code, 0) << to_file.err;
     EXPECT_THAT(on(0, "cat /tmp/dump").out, HasSubstr("[CNT_COMMON_TBL]"));
-    expect_refusal(ctl(0, "nv dump --out /no/such/folder/dump"), 4, "dump could not be made");
+    expect_refusal(ctl(0, "nv dump --out /no/such/folder/dump"), 4, "dump could not be written");
+    expect_refusal(ctl(0, "nv dump --region 9 --out /tmp/never"), 4, "dump could not be made");
+    EXPECT_EQ(on(0, "ls /tmp | grep never").out, "") << "nothing is left of it";
+    for (const char *plant : {"ln -s /etc/hosts /tmp/planted", "mkfifo /tmp/planted", "mkdir /tmp/planted"}) {
+        EXPECT_EQ(on(0, plant).code, 0);
+        expect_refusal(ctl(0, "nv dump --out /tmp/planted"), 1, "only plain files are read or replaced");
+        EXPECT_EQ(on(0, "rm -r /tmp/planted").code, 0);
+    }
+    EXPECT_EQ(ctl(0, "nv dump --out ''").code, 2);
 
     const json image = ctl(0, "--json nv dump").json().at("result");
     std::size_t at = 0;

@@ -86,3 +86,41 @@ TEST_F(KestactlReport, StatusHasVersionsAndWhatIsUnfinished)
     EXPECT_THAT(status.out, AllOf(HasSubstr("versions     this controller 1, backup 1, accepted 1\n"),
                                   HasSubstr("unfinished   nothing\n")));
 }
+
+TEST_F(KestactlReport, OnlyAPlainFileIsReplaced)
+{
+    const std::string before = file_on(0, "/etc/hosts");
+    for (const char *plant : {"ln -s /etc/hosts /opt/page", "ln -s /opt/none /opt/page", "mkfifo /opt/page",
+                              "mkdir /opt/page", "mknod /opt/page c 1 7 2>/dev/null || mkfifo /opt/page"}) {
+        EXPECT_EQ(on(0, plant).code, 0);
+        const Ran refused = ctl(0, "report /opt/page");
+        EXPECT_EQ(refused.code, 1) << refused.out;
+        EXPECT_THAT(refused.err, HasSubstr("only plain files are read or replaced"));
+        EXPECT_EQ(on(0, "rm -r /opt/page").code, 0);
+    }
+    EXPECT_EQ(file_on(0, "/etc/hosts"), before);
+    EXPECT_EQ(on(0, "ls /opt | grep none").out, "");
+    const Ran full = ctl(0, "report /dev/full");
+    EXPECT_EQ(full.code, 1);
+    EXPECT_EQ(on(0, "test -c /dev/full").code, 0);
+}
+
+TEST_F(KestactlReport, WhatIsPlantedBesideTheNameIsNotWrittenThrough)
+{
+    EXPECT_EQ(on(0, "echo mine > /opt/mine && ln -s /opt/mine /opt/page.html.new").code, 0);
+    EXPECT_EQ(ctl(0, "report /opt/page.html").code, 0);
+    EXPECT_EQ(file_on(0, "/opt/mine"), "mine\n");
+    EXPECT_EQ(on(0, "stat -c '%F %a' /opt/page.html").out, "regular file 644\n");
+    EXPECT_EQ(on(0, "ls -A /opt | grep 'page.html.' ").out, "page.html.new\n") << "nothing of ours is left";
+}
+
+TEST_F(KestactlReport, NameThatIsNoneIsToldInWords)
+{
+    const Ran none = ctl(0, "report ''");
+    EXPECT_EQ(none.code, 2);
+    EXPECT_THAT(none.err, HasSubstr("A file needs a name"));
+    const Ran nowhere = ctl(0, "report /no/such/folder/page.html");
+    EXPECT_EQ(nowhere.code, 4);
+    EXPECT_THAT(nowhere.err, HasSubstr("No such file or directory"));
+    EXPECT_THAT(nowhere.err, Not(HasSubstr("filesystem")));
+}

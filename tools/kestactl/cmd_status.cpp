@@ -38,7 +38,7 @@ constexpr std::array<ArchivePlace, 5> local_places{{
 }};
 
 // What is known of one archive. A state other than "ok" says why the rest is missing.
-struct Archive {
+struct ShownArchive {
     std::string place;
     std::string path;
     std::string state;
@@ -70,7 +70,7 @@ private:
     struct sha256_ctx state_;
 };
 
-void add_file_checksum(Archive &archive)
+void add_file_checksum(ShownArchive &archive)
 {
     std::ifstream file(archive.path, std::ios::binary);
     Checksum checksum;
@@ -85,9 +85,9 @@ void add_file_checksum(Archive &archive)
     archive.sha256 = checksum.text();
 }
 
-Archive look_at_file(const ArchivePlace &place, bool checksums)
+ShownArchive look_at_file(const ArchivePlace &place, bool checksums)
 {
-    Archive archive{place.name, place.path, "ok", 0, ""};
+    ShownArchive archive{place.name, place.path, "ok", 0, ""};
     struct stat status;
     if (stat(place.path, &status) != 0) {
         archive.state = errno == ENOENT ? "none" : strerror(errno);
@@ -101,9 +101,9 @@ Archive look_at_file(const ArchivePlace &place, bool checksums)
 }
 
 // The area tells a size only with the contents, so this reads the whole slot.
-Archive look_at_slot(const char *slot)
+ShownArchive look_at_slot(const char *slot)
 {
-    Archive archive{"system backup area", slot, "ok", 0, ""};
+    ShownArchive archive{"system backup area", slot, "ok", 0, ""};
     void *data = nullptr;
     unsigned size = 0;
     const int result = kestal_backup_rw(slot, KESTA_FILE_READ, &data, &size);
@@ -255,7 +255,7 @@ std::string describe_locks(const Json &locks)
     return text.empty() ? "free" : "held by " + text + ": see 'kestactl lock check'";
 }
 
-void add_archive(Result &result, const Archive &archive)
+void add_archive(Result &result, const ShownArchive &archive)
 {
     char line[256];
     snprintf(line, sizeof(line), "  %-18s  %-38s  ", archive.place.c_str(), archive.path.c_str());

@@ -3,16 +3,15 @@
 #include <kesta/kesta.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
-#include <string.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <map>
 #include <memory>
 #include <optional>
 
-#include "failure.h"
+#include "definition_limits.h"
+#include "file_properties.h"
+#include "group_paths.h"
 
 namespace kestactl {
 namespace {
@@ -24,6 +23,8 @@ constexpr std::size_t longest_path = KESTA_DEFINITION_PATH_SIZE - 1;
 constexpr std::size_t longest_script = KESTA_DEFINITION_SCRIPT_SIZE - 1;
 constexpr std::size_t longest_owner = 31;
 constexpr std::size_t longest_mode = 7;
+
+const std::string no_shell_word = "has a blank or another character that a shell would act on";
 
 std::string text_of(const xmlChar *text) { return reinterpret_cast<const char *>(text); }
 
@@ -172,6 +173,10 @@ private:
     void check_file(xmlNodePtr file)
     {
         check_path(file, longest_path, true);
+        const std::string path = attribute(file, "path").value_or("");
+        if (const std::string fault = fault_of_path(path); !path.empty() && !fault.empty()) {
+            error(file, "the path of <file> " + fault);
+        }
         if (attribute(file, "path").value_or("-").empty()) {
             note(file, "an empty path ends the list: this file and those behind it are left alone");
         }
@@ -182,8 +187,14 @@ private:
         const Children children = sort_children(file, {"link", "permission"});
         check_count(file, children, "link", 0, KESTA_DEFINITION_LINKS);
         check_count(file, children, "permission", 0, 1);
+        if (!children.at("link").empty() && kesta_is_shell_word(path.c_str()) == 0) {
+            error(file, "the path of <file>, which has a <link>, " + no_shell_word);
+        }
         for (xmlNodePtr link : children.at("link")) {
             check_path(link, longest_path, false);
+            if (kesta_is_shell_word(attribute(link, "path").value_or("").c_str()) == 0) {
+                error(link, "the path of <link> " + no_shell_word);
+            }
             check_attributes(link, {"path"});
         }
         for (xmlNodePtr permission : children.at("permission")) {
@@ -193,16 +204,25 @@ private:
 
     void check_permission(xmlNodePtr permission)
     {
-        const std::pair<const char *, std::size_t> limits[] = {
-            {"userid", longest_owner}, {"groupid", longest_owner}, {"mode", longest_mode}};
+        struct Property {
+            const char *name;
+            std::size_t limit;
+            std::string (*fault_of)(const std::string &);
+        };
+        const Property properties[] = {{"userid", longest_owner, fault_of_user},
+                                       {"groupid", longest_owner, fault_of_group},
+                                       {"mode", longest_mode, fault_of_mode}};
         int usable = 0;
-        for (const auto &[name, limit] : limits) {
-            const std::optional<std::string> value = attribute(permission, name);
-            if (value && value->size() > limit) {
-                note(permission, std::string(name) + " has more than " + std::to_string(limit) +
+        for (const Property &property : properties) {
+            const std::string name = property.name;
+            const std::optional<std::string> value = attribute(permission, property.name);
+            if (value && value->size() > property.limit) {
+                note(permission, name + " has more than " + std::to_string(property.limit) +
                                      " characters, and is ignored");
+            } else if (value && !value->empty() && !property.fault_of(*value).empty()) {
+                error(permission, name + "=\"" + *value + "\" " + property.fault_of(*value));
             }
-            usable += value && value->size() <= limit;
+            usable += value && value->size() <= property.limit;
         }
         if (usable == 0) {
             error(permission, "<permission> needs a userid (at most 31 characters), a groupid (31) or "
@@ -258,16 +278,6 @@ void keep_error(void *context, xmlErrorPtr error)
         {error->line, is_error, one_line(error->message ? error->message : "no XML")});
 }
 
-void require_readable(const std::string &path)
-{
-    if (access(path.c_str(), R_OK) != 0) {
-        const int error = errno;
-        throw Failure(error == ENOENT ? Exit::no : Exit::platform, "no-file",
-                      "There is no usable " + path + ": " + strerror(error) + ".",
-                      "Name a file, or a group that has a define.xml below /etc/kesta_sys/.");
-    }
-}
-
 }  // namespace
 
 bool CheckedDefinition::accepted() const
@@ -278,7 +288,7 @@ bool CheckedDefinition::accepted() const
 
 CheckedDefinition check_definition(const std::string &path)
 {
-    require_readable(path);
+    require_moderate_definition(path);
     CheckedDefinition result;
     xmlSetStructuredErrorFunc(&result, keep_error);
     const std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)> doc(

@@ -1,5 +1,5 @@
-// Everything that is wrong with a definition, at once and with line numbers. The library stops at the
-// first thing; what it accepts has no errors here, and the other way round.
+// Everything that is wrong with a definition, at once and with line numbers: what its reader refuses, and what
+// saving, restoring and applying would refuse later, by then perhaps with half of it done.
 #pragma once
 
 #include <string>

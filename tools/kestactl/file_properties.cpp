@@ -263,4 +263,19 @@ void apply_properties(const KESTA_BACKUP_FILE_PATH &file, bool may_be_gone)
     }
 }
 
+std::string fault_of_user(const std::string &user)
+{
+    return wanted_id(user.c_str(), true) ? "" : "is no user of this controller";
+}
+
+std::string fault_of_group(const std::string &group)
+{
+    return wanted_id(group.c_str(), false) ? "" : "is no group of this controller";
+}
+
+std::string fault_of_mode(const std::string &mode)
+{
+    return wanted_mode(mode.c_str()) ? "" : "is no mode: 1 to 777, in octal digits";
+}
+
 }  // namespace kestactl

@@ -21,4 +21,10 @@ std::vector<std::string> property_changes(const KESTA_BACKUP_FILE_PATH &file, bo
 // Links, owner, group, mode: in this order, and the first failure ends it. Throws Failure.
 void apply_properties(const KESTA_BACKUP_FILE_PATH &file, bool may_be_gone);
 
+// Why a value of a definition can't be applied on this controller: what follows it in a sentence. Empty if it
+// can.
+std::string fault_of_user(const std::string &user);
+std::string fault_of_group(const std::string &group);
+std::string fault_of_mode(const std::string &mode);
+
 }  // namespace kestactl

@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "appliance_state.h"
+#include "definition_limits.h"
 #include "failure.h"
 #include "names.h"
 
@@ -39,6 +40,7 @@ Definition read_definition(const std::string &group)
     check_group(group);
     const std::string path = definition_of(group);
     require_file(path, "A group has its define.xml there, the same on every controller.");
+    require_moderate_definition(path);
     auto definition = std::make_unique<KESTA_BACKUP_FILE>();
     const int result = kestal_read_backupfile(group.c_str(), definition.get());
     if (result == KESTA_ERR_DEFINITION_GROUP) {

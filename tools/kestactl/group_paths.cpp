@@ -91,12 +91,17 @@ bool is_within(const std::string &path, const std::string &folder)
     return path == folder || (path.starts_with(folder) && path[folder.size()] == '/');
 }
 
-void check_file_path(const std::string &text)
+std::string fault_of_path(const std::string &text)
 {
     const fs::path path = text;
     const bool plain = path.is_absolute() && path.lexically_normal() == path &&
                        path.has_relative_path() && path.has_filename();
-    if (!plain) {
+    return plain ? "" : "can't be archived: it is not absolute, or has '..', '.' or a slash at the end";
+}
+
+void check_file_path(const std::string &text)
+{
+    if (!fault_of_path(text).empty()) {
         throw Failure(Exit::no, "bad-path",
                       "The definition names '" + text + "', which can't be archived.",
                       "Paths are absolute, without '..', '.' or a slash at the end: mend the "

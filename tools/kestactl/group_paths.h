@@ -63,7 +63,9 @@ private:
 // A path lies at another one or below it.
 bool is_within(const std::string &path, const std::string &folder);
 
-// Throws Failure: a path of a definition that can't be archived.
+// Why a path of a definition can't be archived: what follows it in a sentence. Empty if it can.
+std::string fault_of_path(const std::string &text);
+// The same as a Failure.
 void check_file_path(const std::string &text);
 
 // Where a new file lies until it takes its place: its name in the same folder.

@@ -9,6 +9,7 @@
 
 #include <filesystem>
 
+#include "beneath.h"
 #include "failure.h"
 
 namespace kestactl {
@@ -27,23 +28,6 @@ std::string folder_of(const std::string &path)
     const std::string folder = fs::path(path).parent_path().string();
     return folder.empty() ? "." : folder;
 }
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor()
-    {
-        if (fd_ >= 0) {
-            (void)close(fd_);  // what had to reach the disk has been flushed
-        }
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    int get() const { return fd_; }
-
-private:
-    const int fd_;
-};
 
 [[noreturn]] void refuse_kind(const std::string &path, mode_t mode)
 {
@@ -66,16 +50,15 @@ void require_plain(const std::string &path)
 }
 
 // Opens a plain file for reading; neither a link nor a FIFO is followed or waited for.
-int open_plain(const std::string &path)
+Descriptor open_plain_path(const std::string &path)
 {
     require_plain(path);
-    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
-    if (fd >= 0 && fstat(fd, &status) == 0 && !S_ISREG(status.st_mode)) {
-        (void)close(fd);  // nothing was written to it
+    if (file && fstat(file.get(), &status) == 0 && !S_ISREG(status.st_mode)) {
         refuse_kind(path, status.st_mode);
     }
-    return fd;
+    return file;
 }
 
 // Makes a file that nobody else has: what an earlier command left there, or somebody planted, goes first.
@@ -130,7 +113,7 @@ bool copy_pieces(int from, int to)
 void flush(const std::string &path, int flags)
 {
     const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | flags));
-    if (file.get() < 0 || fsync(file.get()) != 0) {
+    if (!file || fsync(file.get()) != 0) {
         fail_file(path, "flushed to the disk");
     }
 }
@@ -150,7 +133,7 @@ void flush_file(const std::string &path) { flush(path, 0); }
 void flush_folder(const std::string &path)
 {
     const Descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder.get() < 0 || fsync(folder.get()) != 0) {
+    if (!folder || fsync(folder.get()) != 0) {
         fail_file(path, "flushed to the disk");
     }
 }
@@ -167,13 +150,13 @@ void publish_file(const std::string &finished, const std::string &path)
 
 void copy_file_whole(const std::string &from, const std::string &to)
 {
-    const Descriptor source(open_plain(from));
-    if (source.get() < 0) {
+    const Descriptor source(open_plain_path(from));
+    if (!source) {
         fail_file(from, "copied to " + to);
     }
     const std::string aside = beside(to);
     const Descriptor copy(create_aside(aside));
-    if (copy.get() < 0 || !copy_pieces(source.get(), copy.get()) || fsync(copy.get()) != 0) {
+    if (!copy || !copy_pieces(source.get(), copy.get()) || fsync(copy.get()) != 0) {
         fail_aside(aside, from, "copied to " + to);
     }
     publish_file(aside, to);
@@ -181,9 +164,9 @@ void copy_file_whole(const std::string &from, const std::string &to)
 
 std::string read_whole_file(const std::string &path)
 {
-    const Descriptor file(open_plain(path));
+    const Descriptor file(open_plain_path(path));
     struct stat status {};
-    if (file.get() < 0 || fstat(file.get(), &status) != 0) {
+    if (!file || fstat(file.get(), &status) != 0) {
         fail_file(path, "read");
     }
     std::string bytes(static_cast<std::size_t>(status.st_size) + 1, '\0');
@@ -212,7 +195,7 @@ void write_file_whole(const std::string &path, const std::string &text)
 {
     const std::string aside = beside(path);
     const Descriptor file(create_aside(aside));
-    if (file.get() < 0 || !write_piece(file.get(), text.data(), text.size()) || fsync(file.get()) != 0) {
+    if (!file || !write_piece(file.get(), text.data(), text.size()) || fsync(file.get()) != 0) {
         fail_aside(aside, path, "written");
     }
     publish_file(aside, path);
