@@ -5,7 +5,9 @@
 #include <random>
 
 #include "platform_test.h"
+#include "mc_logapi.h"
 #include "sanfwctl.h"
+#include "sbacc.h"
 
 using namespace test;
 
@@ -315,6 +317,28 @@ TEST_F(Sanfwctl, WritersThatArePassedByTearAndLoseNothing)
         kill(writer, SIGKILL);
         waitpid(writer, nullptr, 0);
     }
+}
+
+TEST_F(Sanfwctl, NothingTakesTheNumbersOfTheStandardDescriptors)
+{
+    EXPECT_EQ(in_process([] {
+                  for (int fd = 0; fd < 3; ++fd) {
+                      close(fd);
+                  }
+                  EXPECT_EQ(write_nv(0, "image"), 0);
+                  int handle = -1;
+                  int close_flag = 1;
+                  EXPECT_EQ(sbacc_open("kesta_a", "w", &handle, &close_flag), 0);
+                  EXPECT_EQ(sbacc_write("mirror", 6, 0, handle), 6);
+                  MC_OutTrace("file.cpp", 1, 1, "a line");
+                  for (int fd = 0; fd < 3; ++fd) {
+                      EXPECT_EQ(fcntl(fd, F_GETFD), -1) << fd;
+                      (void)!::write(fd, "printed", 7);
+                  }
+                  EXPECT_EQ(sbacc_close(handle), 0);
+              }),
+              0);
+    EXPECT_EQ(read_nv(0, 8), std::string("image\0\0\0", 8));
 }
 
 TEST_F(Sanfwctl, ProgramThatClosesAllDescriptorsOrLosesTheFileGoesOn)
