@@ -38,6 +38,7 @@ int leading_int(const char *text)
 PipePtr::PipePtr(const char *command)
 {
     MutexGuard guard(popen_mutex);
+    const StandardDescriptorsTaken taken;
     stream_ = popen(command, "r");
     if (stream_) {
         const int before = errno;

@@ -86,7 +86,7 @@ void form_line(char *line, std::uint32_t offset, const unsigned char *bytes, std
 // Where a dump goes: a file of its own, or the trace log.
 class Output {
 public:
-    explicit Output(const char *name) : name_(name), file_(name ? fopen(name, "we") : nullptr) {}
+    explicit Output(const char *name) : name_(name), file_(name ? kesta::above_standard(fopen(name, "we")) : nullptr) {}
     ~Output()
     {
         if (file_) {

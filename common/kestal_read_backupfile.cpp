@@ -55,6 +55,7 @@ bool names_local_file(const char *file)
 xmlDocPtr parse(const char *file)
 {
     const NothingFetched nothing;
+    const kesta::StandardDescriptorsTaken taken;
     return names_local_file(file) ? xmlParseFile(file) : nullptr;
 }
 

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "kesta/alloc.h"
+#include "standard_descriptors.h"
 
 namespace kesta {
 
@@ -52,7 +53,7 @@ private:
 
 class UniqueFd {
 public:
-    explicit UniqueFd(int fd = -1) : fd_(fd) {}
+    explicit UniqueFd(int fd = -1) : fd_(above_standard(fd)) {}
     ~UniqueFd()
     {
         ErrnoKept keep;
@@ -81,7 +82,7 @@ private:
 
 class FilePtr {
 public:
-    explicit FilePtr(FILE *stream = nullptr) : stream_(stream) {}
+    explicit FilePtr(FILE *stream = nullptr) : stream_(above_standard(stream)) {}
     ~FilePtr()
     {
         if (stream_) {

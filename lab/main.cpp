@@ -13,6 +13,7 @@
 
 #include "appliance.h"
 #include "private_namespace.h"
+#include "standard_descriptors.h"
 
 namespace {
 
@@ -106,6 +107,7 @@ std::vector<std::string> split_command(int &argc, char **argv)
 
 int main(int argc, char **argv)
 {
+    kesta::open_standard_descriptors();
     std::vector<std::string> command = split_command(argc, argv);
 
     CLI::App app{"An appliance of four controllers on one machine, each in namespaces of its own "

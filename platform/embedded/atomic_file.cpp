@@ -47,7 +47,7 @@ int create_beside(const char *path, char *temporary, unsigned size)
     if (length < 0 || static_cast<unsigned>(length) >= size) {
         return -ENAMETOOLONG;
     }
-    const int fd = mkostemp(temporary, O_CLOEXEC);
+    const int fd = kesta::above_standard(mkostemp(temporary, O_CLOEXEC));
     return fd >= 0 ? fd : -errno;
 }
 

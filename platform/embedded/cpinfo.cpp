@@ -5,6 +5,7 @@
 
 #include "faults.h"
 #include "settings.h"
+#include "standard_descriptors.h"
 
 namespace {
 
@@ -40,6 +41,7 @@ int answer(const char *option)
 
 int main(int argc, char **argv)
 {
+    kesta::open_standard_descriptors();
     if (argc == 2 && (strcmp(argv[1], "-h") == 0 || strcmp(argv[1], "--help") == 0)) {
         return usage(stdout, 0);
     }

@@ -12,6 +12,7 @@
 #include "faults.h"
 #include "name_file.h"
 #include "settings.h"
+#include "standard_descriptors.h"
 
 namespace {
 
@@ -94,6 +95,7 @@ int perform(const Request &request)
 
 int main(int argc, char **argv)
 {
+    kesta::open_standard_descriptors();
     if (argc == 2 && (strcmp(argv[1], "-h") == 0 || strcmp(argv[1], "--help") == 0)) {
         return usage(stdout, 0);
     }

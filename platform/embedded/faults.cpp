@@ -66,7 +66,7 @@ void refresh(const char *path)
     read_at = status.st_mtim;
     rule_count = 0;
     counter_count = 0;
-    FILE *file = fopen(path, "re");
+    FILE *file = kesta::above_standard(fopen(path, "re"));
     if (!file) {
         return;
     }

@@ -27,7 +27,6 @@ using namespace embedded;
 
 constexpr size_t line_size = 2048;
 constexpr int level_unknown = -1;
-constexpr int first_own_descriptor = 3;  // 0, 1 and 2 belong to the program
 
 int highest_level = level_unknown;  // lines above it are dropped
 TraceTarget target;                 // known when the level is
@@ -80,12 +79,8 @@ bool same_file(const struct stat &a, const struct stat &b)
 
 void open_trace_file()
 {
-    const int fd = open(settings().trace_file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
-    if (fd < 0) {
-        return;
-    }
-    trace_fd = fcntl(fd, F_DUPFD_CLOEXEC, first_own_descriptor);
-    (void)close(fd);
+    trace_fd = kesta::above_standard(
+        open(settings().trace_file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640));
     if (trace_fd >= 0 && fstat(trace_fd, &trace_file) != 0) {
         (void)close(trace_fd);
         trace_fd = -1;
@@ -286,6 +281,7 @@ __attribute__((noinline, format(printf, 4, 0))) void write_trace(const char *fil
                     line_size - 1 - used);
     if (target == TraceTarget::system_log) {
         line[used] = '\0';
+        const kesta::StandardDescriptorsTaken taken;  // the connection stays open
         syslog(LOG_USER | syslog_priority(level), "%s", line + text);
         return;
     }

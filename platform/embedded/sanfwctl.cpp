@@ -82,7 +82,7 @@ int read_status(StatusBytes &bytes)
         return failed;
     }
     const CancelOff off;
-    FILE *file = fopen(settings().status_file, "re");
+    FILE *file = kesta::above_standard(fopen(settings().status_file, "re"));
     if (!file) {
         return -errno;
     }

@@ -105,10 +105,12 @@ void remove_abandoned(const char *name)
 {
     char prefix[name_size + 8];
     snprintf(prefix, sizeof(prefix), ".%s.tmp.", name);
-    DIR *folder = opendir(settings().sysback_dir);
+    Fd opened(open(settings().sysback_dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    DIR *folder = opened ? fdopendir(opened.get()) : nullptr;
     if (!folder) {
         return;
     }
+    (void)opened.release();  // the folder's now
     while (const struct dirent *entry = readdir(folder)) {
         if (strncmp(entry->d_name, prefix, strlen(prefix)) != 0) {
             continue;
@@ -209,7 +211,7 @@ int read_recorded_size(const OpenFile &file)
 {
     char path[file_path_size];
     size_path(path, file.name);
-    FILE *record = fopen(path, "re");
+    FILE *record = kesta::above_standard(fopen(path, "re"));
     if (!record) {
         struct stat status;
         if (fstat(file.fd, &status) != 0) {

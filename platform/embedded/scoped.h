@@ -5,6 +5,8 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include "standard_descriptors.h"
+
 namespace embedded {
 
 class CancelOff {
@@ -31,7 +33,7 @@ private:
 
 class Fd {
 public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
+    explicit Fd(int fd = -1) : fd_(kesta::above_standard(fd)) {}
     ~Fd()
     {
         const CancelOff off;

@@ -135,7 +135,7 @@ void read_line(char *line, const char *path)
 
 void read_file(const char *path)
 {
-    FILE *file = fopen(path, "re");
+    FILE *file = kesta::above_standard(fopen(path, "re"));
     if (!file) {
         return;  // no file: the defaults hold
     }

@@ -97,6 +97,26 @@ TEST_F(Kestactl, StatusNamesEverything)
     EXPECT_THAT(ctl(2, "status").out, HasSubstr("CNT2 of 4"));
 }
 
+TEST_F(Kestactl, ClosedStandardDescriptorsHarmNothing)
+{
+    set_slots();
+    const auto before = snapshot();
+    for (const char *verb : {"status", "slot show", "verify", "version show", "nv verify", "nv list",
+                             "identity show", "lock check"}) {
+        for (const char *closed : {"<&-", ">&-", "2>&-", "<&- >&-", ">&- 2>&-", "<&- >&- 2>&-"}) {
+            ctl(0, std::string(verb) + " " + closed);
+            on(0, std::string("cpinfo -i ") + closed);
+        }
+    }
+    auto after = snapshot();
+    for (const auto &[path, what] : before) {
+        if (path.find("/log/") == std::string::npos && path.find("trace.log") == std::string::npos) {
+            EXPECT_EQ(after[path], what) << path;
+        }
+    }
+    EXPECT_EQ(ctl(0, "lock check").code, 0);
+}
+
 TEST_F(Kestactl, StatusChecksumsTheArchives)
 {
     set_slots();

@@ -98,6 +98,32 @@ protected:
     char name[8] = "backup";
 };
 
+TEST_F(LocalLock, DescriptorIsNoneOfTheStandardOnes)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        for (int number = 0; number < 3; ++number) {
+            close(number);
+        }
+        int lock = -1;
+        char wanted[] = "nightly";
+        const bool held = kestal_file_command_lock(&lock, wanted) == 0;
+        char line[64] = "";
+        char command[] = "echo said";
+        char *lines[] = {line, nullptr};
+        const bool read = kestal_execute(command, lines) == 0;
+        bool closed = true;
+        for (int number = 0; number < 3; ++number) {
+            closed = closed && fcntl(number, F_GETFD) == -1;
+        }
+        _exit((held ? 0 : 1) | (lock > 2 ? 0 : 2) | (read && std::string(line) == "said" ? 0 : 4) |
+              (closed ? 0 : 8));
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(LocalLock, TakenAndGivenBack)
 {
     EXPECT_EQ(kestal_file_command_lock(&fd, name), 0);

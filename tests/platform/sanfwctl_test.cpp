@@ -1,11 +1,45 @@
 #include <errno.h>
+#include <sys/syscall.h>
+#include <time.h>
 
 #include <random>
 
 #include "platform_test.h"
+#include "mc_logapi.h"
 #include "sanfwctl.h"
+#include "sbacc.h"
 
 using namespace test;
+
+namespace {
+
+// The platform's waits pass at once where a test wants it, and the clock has moved on then.
+bool waits_pass = false;
+std::int64_t passed_ns = 0;
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int nanosleep(const struct timespec *asked,
+                                                                 struct timespec *left)
+{
+    if (!waits_pass) {
+        return static_cast<int>(syscall(SYS_nanosleep, asked, left));
+    }
+    passed_ns += asked->tv_sec * 1'000'000'000 + asked->tv_nsec;
+    return 0;
+}
+
+extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock,
+                                                                     struct timespec *now)
+{
+    const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    if (clock == CLOCK_MONOTONIC) {
+        const std::int64_t ns = now->tv_nsec + passed_ns;
+        now->tv_sec += ns / 1'000'000'000;
+        now->tv_nsec = ns % 1'000'000'000;
+    }
+    return result;
+}
 
 namespace {
 
@@ -142,6 +176,169 @@ TEST_F(Sanfwctl, EveryTransferIsSeenWholeWhileWritersAreKilled)
             waitpid(writer, nullptr, 0);
         }
     }
+}
+
+namespace {
+
+class WaitsPass {
+public:
+    WaitsPass() { waits_pass = true; }
+    ~WaitsPass() { waits_pass = false; }
+    WaitsPass(const WaitsPass &) = delete;
+    WaitsPass &operator=(const WaitsPass &) = delete;
+};
+
+// A process that stands in the middle of a write until it is let go; then it tells the write's result
+// and that of a second one.
+class StuckWriter {
+public:
+    StuckWriter(const char *where, char letter)
+    {
+        fifo_ = folder() + "/fifo";
+        unlink(fifo_.c_str());
+        EXPECT_EQ(mkfifo(fifo_.c_str(), 0600), 0);
+        write_file(folder() + "/faults", std::string(where) + " once block " + fifo_ + "\n");
+        child_ = fork();
+        if (child_ == 0) {
+            const int first = write_nv(0, std::string(664, letter));
+            _exit(first == -ESTALE && write_nv(0, std::string(664, letter)) == 0 ? 0 : 1);
+        }
+        gate_ = ::open(fifo_.c_str(), O_WRONLY | O_CLOEXEC);
+        EXPECT_GE(gate_, 0);
+        unlink((folder() + "/faults").c_str());
+    }
+    // Whether its first write failed because it was passed by, and the second one was done.
+    bool goes_on_and_tries_again()
+    {
+        close(gate_);
+        int status = -1;
+        EXPECT_EQ(waitpid(child_, &status, 0), child_);
+        return status == 0;
+    }
+
+private:
+    std::string fifo_;
+    pid_t child_;
+    int gate_;
+};
+
+}  // namespace
+
+TEST_F(Sanfwctl, AccessBehindAStoppedWriterFailsAfterASecondAndIsDoneAfterThree)
+{
+    const WaitsPass pass;
+    for (const bool writes : {false, true}) {
+        for (const char *where : {"nv_write_mid 1", "nv_write_mid 2"}) {
+            const bool had_begun = where[strlen(where) - 1] == '2';
+            ASSERT_EQ(write_nv(0, std::string(664, 'o')), 0);
+            StuckWriter stuck(where, 'n');
+            std::string bytes(664, '?');
+            const std::int64_t before = passed_ns;
+            int failures = 0;
+            int result = 0;
+            do {
+                result = transfer(writes, 2, 664, bytes.data(), 8);
+                failures += result == -ETIMEDOUT;
+            } while (result == -ETIMEDOUT && failures < 10);
+            EXPECT_EQ(result, 0);
+            EXPECT_GE(failures, 2);
+            EXPECT_LE(failures, 3);
+            EXPECT_GE((passed_ns - before) / 1'000'000, 2900);
+            EXPECT_LE((passed_ns - before) / 1'000'000, 4000);
+            EXPECT_EQ(read_nv(0, 664), std::string(664, had_begun ? 'n' : 'o')) << where;
+            EXPECT_EQ(write_nv(0, std::string(664, 'p')), 0) << "at once";
+            EXPECT_EQ(read_nv(0, 664), std::string(664, 'p'));
+            EXPECT_TRUE(stuck.goes_on_and_tries_again());
+            EXPECT_EQ(read_nv(0, 664), std::string(664, 'n')) << "its second try";
+            EXPECT_EQ(names_in(nv()).size(), 2u) << "nothing else is left there";
+        }
+    }
+}
+
+TEST_F(Sanfwctl, ProcessThatDiesWhileItReplacesTheFilesIsNoHarm)
+{
+    const WaitsPass pass;
+    ASSERT_EQ(write_nv(0, std::string(664, 'o')), 0);
+    write_file(nv() + "/.region2.jnl.new", "unfinished");
+    write_file(nv() + "/.region2.img.new", "unfinished");
+    StuckWriter stuck("nv_write_mid 2", 'n');
+    int failures = 0;
+    while (write_nv(700, "x") == -ETIMEDOUT && failures < 10) {
+        ++failures;
+    }
+    EXPECT_LE(failures, 3);
+    EXPECT_EQ(read_nv(0, 664), std::string(664, 'n'));
+    EXPECT_EQ(read_nv(700, 1), "x");
+    EXPECT_TRUE(stuck.goes_on_and_tries_again());
+    EXPECT_EQ(names_in(nv()).size(), 2u);
+}
+
+// Writers are stopped and go on wherever they are, and are passed by all the time: nothing is seen in
+// halves, and no write that was told done is lost.
+TEST_F(Sanfwctl, WritersThatArePassedByTearAndLoseNothing)
+{
+    ASSERT_EQ(write_nv(0, std::string(664, 'a')), 0);
+    std::vector<pid_t> writers;
+    for (char letter = 'b'; letter < 'd'; ++letter) {
+        const pid_t child = fork();
+        if (child == 0) {
+            waits_pass = true;
+            const unsigned own = 1000U * static_cast<unsigned>(letter);
+            for (int i = 0;; ++i) {
+                write_nv(0, std::string(664, letter));
+                const std::string text = std::to_string(1000000 + i);
+                if (write_nv(own % 20000, text) == 0) {
+                    std::string seen(7, '?');
+                    while (transfer(false, 2, own % 20000, seen.data(), 7) == -ETIMEDOUT) {
+                    }
+                    if (seen != text) {
+                        _exit(1);
+                    }
+                }
+            }
+        }
+        writers.push_back(child);
+    }
+    const WaitsPass pass;
+    std::mt19937 random(1);
+    for (int round = 0; round < 30; ++round) {
+        const pid_t victim = writers[random() % writers.size()];
+        kill(victim, SIGSTOP);
+        for (int look = 0; look < 5; ++look) {
+            std::string seen(664, '?');
+            if (transfer(false, 2, 0, seen.data(), 664) == 0) {
+                ASSERT_EQ(seen, std::string(664, seen[0])) << "a transfer was seen in halves";
+            }
+        }
+        kill(victim, SIGCONT);
+    }
+    for (const pid_t writer : writers) {
+        EXPECT_EQ(waitpid(writer, nullptr, WNOHANG), 0) << "a write was lost";
+        kill(writer, SIGKILL);
+        waitpid(writer, nullptr, 0);
+    }
+}
+
+TEST_F(Sanfwctl, NothingTakesTheNumbersOfTheStandardDescriptors)
+{
+    EXPECT_EQ(in_process([] {
+                  for (int fd = 0; fd < 3; ++fd) {
+                      close(fd);
+                  }
+                  EXPECT_EQ(write_nv(0, "image"), 0);
+                  int handle = -1;
+                  int close_flag = 1;
+                  EXPECT_EQ(sbacc_open("kesta_a", "w", &handle, &close_flag), 0);
+                  EXPECT_EQ(sbacc_write("mirror", 6, 0, handle), 6);
+                  MC_OutTrace("file.cpp", 1, 1, "a line");
+                  for (int fd = 0; fd < 3; ++fd) {
+                      EXPECT_EQ(fcntl(fd, F_GETFD), -1) << fd;
+                      (void)!::write(fd, "printed", 7);
+                  }
+                  EXPECT_EQ(sbacc_close(handle), 0);
+              }),
+              0);
+    EXPECT_EQ(read_nv(0, 8), std::string("image\0\0\0", 8));
 }
 
 TEST_F(Sanfwctl, ProgramThatClosesAllDescriptorsOrLosesTheFileGoesOn)

@@ -14,6 +14,7 @@
 #include "command.h"
 #include "printable.h"
 #include "trace_capture.h"
+#include "standard_descriptors.h"
 
 namespace {
 
@@ -145,6 +146,7 @@ int perform(const Action &action, const Globals &globals, const JsonChannel &cha
 
 int main(int argc, char **argv)
 {
+    kesta::open_standard_descriptors();
     JsonChannel channel;
     const bool json = wants_json(argc, argv);
     if (json) {

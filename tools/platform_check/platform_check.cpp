@@ -23,6 +23,7 @@
 #include "sanfwctl.h"
 #include "sbacc.h"
 #include "vrbapi.h"
+#include "standard_descriptors.h"
 
 namespace {
 
@@ -532,6 +533,7 @@ int check_all()
 
 int main(int argc, char **argv)
 {
+    kesta::open_standard_descriptors();
     inherited() = open_descriptors();
     CLI::App app{"Holds the platform's four libraries against what libkesta relies on.",
                  "kesta-platform-check"};
