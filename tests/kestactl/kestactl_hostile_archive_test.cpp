@@ -223,14 +223,7 @@ TEST_F(ArchiveBomb, LongHeadersAreNotReadIntoMemory)
 {
     for (const char *kind : {"x", "g", "L", "K"}) {
         plant("info = tarfile.TarInfo('././@PaxHeader'); info.type = b'" + std::string(kind) + "'; info.size = 1 << 30\n"
-              "header = info.tobuf(tarfile.USTAR_FORMAT)\n"
-              "class Zeros:\n"
-              "    left = (1 << 30) // (1 << 20)\n"
-              "pack = bz2.BZ2Compressor(1)\n"
-              "data = pack.compress(header)\n"
-              "block = bytes(1 << 20)\n"
-              "for i in range(64): data += pack.compress(block)\n"
-              "data += pack.flush()\n"
+              "data = bz2.compress(info.tobuf(tarfile.USTAR_FORMAT)) + 16 * bz2.compress(bytes(1 << 26), 1)\n"
               "open('/opt/long.tar.bz2', 'wb').write(data)\n"
               "add('etc/app/one')");
         succeed("cp /opt/long.tar.bz2 " + flash_backup + " && kestactl copy cntbackup2backup");
