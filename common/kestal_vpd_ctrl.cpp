@@ -20,6 +20,7 @@
 #include "kesta/shell_word.h"
 #include "kesta/versions.h"
 #include "ownership.h"
+#include "plain_file.h"
 #include "storage_places.h"
 #include "text_field.h"
 #include "text_line.h"
@@ -134,6 +135,7 @@ namespace {
 constexpr const char *tree = "/var/run/kesta_sys/env_restore2";
 constexpr const char *hosts_path = "/var/run/kesta_sys/env_restore2/C/etc/inet/hosts";
 constexpr const char *guid_path = "/var/run/kesta_sys/env_restore2/C/etc/cp_guid";
+constexpr int new_file = O_WRONLY | O_CREAT | O_TRUNC;
 constexpr const char *boot_environment = "/boot/solaris/bootenv.rc";
 constexpr const char *distribute_script = "/opt/kesta_sys/sbin/env_tarz_assign_distribute.sh";
 constexpr const char *collect_script = "/opt/kesta_sys/sbin/env_tarz_assign_collect.sh";
@@ -179,10 +181,10 @@ kesta::Path nodename_path(int controller)
     return path;
 }
 
-kesta::UniqueFd open_new(const char *path)
+// What was unpacked into the tree is somebody else's: none of it may lead the flows out of the tree.
+int open_in_tree(const char *path, int flags)
 {
-    return kesta::UniqueFd(
-        open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
+    return kesta::open_plain_below(tree, path + strlen(tree), flags, kesta::new_text_file_mode);
 }
 
 int not_opened(const char *path)
@@ -201,7 +203,7 @@ int not_whole(const char *path, const char *line, int error)
 // The table of the controllers' addresses and names.
 int write_hosts(const std::array<vrb_netconfig_t, 2> &records, const HostNames &names)
 {
-    kesta::UniqueFd file = open_new(hosts_path);
+    kesta::UniqueFd file(open_in_tree(hosts_path, new_file));
     if (!file) {
         return not_opened(hosts_path);
     }
@@ -222,7 +224,7 @@ int write_hosts(const std::array<vrb_netconfig_t, 2> &records, const HostNames &
 int write_nodename(int controller, const HostName &name)
 {
     const kesta::Path path = nodename_path(controller);
-    kesta::UniqueFd file = open_new(path.data());
+    kesta::UniqueFd file(open_in_tree(path.data(), new_file));
     if (!file) {
         return not_opened(path.data());
     }
@@ -236,7 +238,7 @@ int write_nodename(int controller, const HostName &name)
 bool read_nodename(HostName &name, int ret)
 {
     const kesta::Path path = nodename_path(g_vpd_cnt_no);
-    const kesta::FilePtr file(fopen(path.data(), "re"));
+    const kesta::FilePtr file(kesta::stream_of(open_in_tree(path.data(), O_RDONLY)));
     if (!file) {
         TRACE(1, "[update_host_info] nodenamefile(%s) open failed. ret=%d", path.data(), ret);
         return false;
@@ -413,7 +415,7 @@ int kestal_update_vpdinfo_guid(const char *guid)
         return KESTA_ERR_ARGUMENT;
     }
     // The messages spell their tag otherwise: kept so.
-    kesta::UniqueFd file = open_new(guid_path);
+    kesta::UniqueFd file(open_in_tree(guid_path, new_file));
     if (!file) {
         const int error = errno;
         TRACE(1, "[update_vdpinfo_guid] cp_guid open error filename=(%s) errno=%d", guid_path, error);

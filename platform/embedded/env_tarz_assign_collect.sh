@@ -4,6 +4,8 @@
 # FLAG 0: into this controller's flash folder. 1: into the merge cache, for the system backup area. The
 # archive takes the place of the old one when it is whole and on the disk.
 set -eu
+umask 077
+unset TAR_OPTIONS BZIP BZIP2
 
 tree=/var/run/kesta_sys/env_restore2
 

@@ -5,9 +5,9 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 
 #include "atomic_file.h"
 #include "scoped.h"
@@ -45,23 +45,51 @@ private:
     Fd fd_;
 };
 
+// The contents of a plain file; nothing else is opened for long, or waited for. 0, or a negative error number.
+int read_plain(const std::string &path, std::string &text)
+{
+    constexpr off_t longest = 1 << 20;
+    const Fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status {};
+    if (!fd || fstat(fd.get(), &status) != 0) {
+        return -errno;
+    }
+    if (!S_ISREG(status.st_mode) || status.st_size > longest) {
+        return -EINVAL;
+    }
+    text.resize(static_cast<std::size_t>(status.st_size));
+    for (std::size_t at = 0; at < text.size();) {
+        const ssize_t got = pread(fd.get(), text.data() + at, text.size() - at, static_cast<off_t>(at));
+        if (got < 0 && errno != EINTR) {
+            return -errno;
+        }
+        if (got == 0) {
+            text.resize(at);
+        }
+        at += got > 0 ? static_cast<std::size_t>(got) : 0;
+    }
+    return 0;
+}
+
 }  // namespace
 
 int NameFile::read()
 {
     values_.clear();
-    std::ifstream file(path_);
-    if (!file) {
-        return errno == ENOENT ? 0 : -errno;
+    std::string text;
+    if (const int result = read_plain(path_, text); result != 0) {
+        return result == -ENOENT ? 0 : result;
     }
-    std::string line;
-    while (std::getline(file, line)) {
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find('\n', at), text.size());
+        const std::string line = text.substr(at, end - at);
         const std::size_t equals = line.find('=');
         if (equals != std::string::npos) {
             values_.emplace_back(line.substr(0, equals), line.substr(equals + 1));
         }
+        at = end + 1;
     }
-    return file.bad() ? -EIO : 0;
+    return 0;
 }
 
 std::optional<std::string> NameFile::value(const std::string &name) const

@@ -238,6 +238,34 @@ TEST_F(VpdFlow, GuidThatCanNotBeWrittenIsTold)
         1, "[update_vdpinfo_guid] cp_guid open error filename=(" + guid_file + ") errno=2"));
 }
 
+TEST_F(VpdFlow, FilesOfTheTreeAreNeverReachedThroughLinks)
+{
+    const std::string outside = "/var/run/kesta_sys/outside";
+    g_vpd_cntnum = 2;
+    write_file(outside, "as it was\n");
+    const auto fails = [&](const std::string &because) {
+        EXPECT_EQ(kestal_update_vpdinfo_guid(new_guid.c_str()), -1);
+        EXPECT_TRUE(last_trace_is(1, "[update_vdpinfo_guid] cp_guid open error filename=(" + guid_file +
+                                         ") errno=" + because));
+        EXPECT_EQ(read_file(outside), "as it was\n");
+    };
+    exec("ln -sf " + outside + " " + guid_file);
+    fails("40");
+    exec("rm " + guid_file + "; ln " + outside + " " + guid_file);
+    fails("31");
+    exec("rm " + guid_file + "; mkfifo " + guid_file);
+    fails("6");
+    exec("rm -r " + tree + "/C/etc; mkdir /var/run/kesta_sys/elsewhere; ln -s /var/run/kesta_sys/elsewhere " + tree + "/C/etc");
+    fails("20");
+    EXPECT_EQ(run_shell("rmdir /var/run/kesta_sys/elsewhere"), 0) << "nothing was made in it";
+    exec("ln -sf " + outside + " " + nodename("0"));
+    EXPECT_EQ(kestal_update_host_info(new_wwn.c_str(), old_wwn.c_str()), 0) << "controller 0's number: kept so";
+    EXPECT_TRUE(last_trace_is(1, "[update_host_info] nodenamefile(" + nodename("0") + ") open failed. ret=0"));
+    exec("rm " + nodename("0") + "; mkfifo " + nodename("0"));
+    EXPECT_EQ(kestal_update_host_info(new_wwn.c_str(), old_wwn.c_str()), -1) << "without waiting";
+    exec("rm " + outside);
+}
+
 // ---------------------------------------------------------------------------------- the host names
 
 class HostInfo : public VpdFlow {

@@ -263,8 +263,14 @@ private:
     std::string outside_;
 };
 
-TEST_F(KestactlRace, SubfolderThatBecomesALinkBringsNothingIntoTheArchive)
+TEST_F(KestactlRace, SubfolderThatIsALinkBringsNothingIntoTheArchive)
 {
+    define("", "<file path=\"/etc/app/more/sub/two\"/>");
+    for (const std::string owner : {"nobody", "root"}) {
+        succeed("cd /etc/app/more && rm -rf sub && ln -s /opt/private sub && chown -h " + owner + " sub");
+        expect_refusal(ctl(0, "save network"), 1, "/etc/app/more/sub is no folder of root's");
+    }
+    EXPECT_EQ(on(0, "ls " + flash_backup).code, 2);
     while_swapping("        os.rename('sub', 'aside'); os.symlink('/opt/private', 'sub')\n"
                    "        os.unlink('sub'); os.rename('aside', 'sub')\n",
                    "for i in 1 2 3 4 5 6 7 8; do kestactl save network; "
@@ -273,15 +279,21 @@ TEST_F(KestactlRace, SubfolderThatBecomesALinkBringsNothingIntoTheArchive)
     expect_private_untouched();
 }
 
-TEST_F(KestactlRace, StagedFilesAndFoldersThatBecomeLinksGiveNothingAway)
+TEST_F(KestactlRace, StagedFileThatBecomesALinkGivesNothingAway)
+{
+    succeed("head -c 300000 /dev/urandom > /etc/app/more/two && kestactl save network");
+    while_swapping("        os.unlink('.two.kesta-new'); os.symlink('/opt/private/two', '.two.kesta-new')\n",
+                   "for i in 1 2 3 4 5 6 7 8 9 10; do rm -f /etc/app/more/two; kestactl restore network; done");
+    expect_private_untouched();
+}
+
+TEST_F(KestactlRace, SubfolderThatBecomesALinkIsNotWrittenThrough)
 {
     succeed("kestactl save network");
-    while_swapping("        for name in os.listdir('.'):\n"
-                   "            if name.endswith('kesta-new'):\n"
-                   "                os.unlink(name); os.symlink('/opt/private/two', name)\n"
+    while_swapping("        open('sub/two', 'w')\n"
                    "        os.rename('sub', 'aside'); os.symlink('/opt/private', 'sub')\n"
                    "        os.unlink('sub'); os.rename('aside', 'sub')\n",
-                   "for i in 1 2 3 4 5 6 7 8; do echo spoiled > /etc/app/one; rm -f /etc/app/more/two; "
+                   "for i in $(seq 30); do echo x > /etc/app/one; "
                    "kestactl restore network; done");
     expect_private_untouched();
 }

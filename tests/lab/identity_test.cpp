@@ -139,6 +139,102 @@ TEST_F(LabIdentity, VpdToolKeepsTheBoardsIdentity)
     EXPECT_EQ(on(0, vpdctl + " -r").out, new_wwn + "\n" + new_serialno + "\n" + new_guid + "\n");
 }
 
+// An archive made by hand in the place of the saved environment; a Python text that adds its members.
+class LabHostileIdentity : public LabIdentity {
+protected:
+    LabHostileIdentity()
+    {
+        install();
+        replace_board();
+        succeed(0, "mkdir -m 700 /opt/outside && echo secret > /opt/outside/file && chmod 600 /opt/outside/file");
+        outside_ = on(0, look_outside).out;
+    }
+    void plant(const std::string &members) const
+    {
+        write_file(host_path(0, "opt/plant.py"),
+                   "import io, tarfile\n"
+                   "tar = tarfile.open('" + flash_archive + "', 'w:bz2', format=tarfile.GNU_FORMAT)\n"
+                   "def add(name, kind=tarfile.REGTYPE, target='', text=b'planted\\n', mode=0o644):\n"
+                   "    info = tarfile.TarInfo(name)\n"
+                   "    info.type, info.linkname, info.mode = kind, target, mode\n"
+                   "    info.size = len(text) if kind == tarfile.REGTYPE else 0\n"
+                   "    tar.addfile(info, io.BytesIO(text) if info.size else None)\n" +
+                       members + "\ntar.close()\n");
+        succeed(0, "python3 /opt/plant.py");
+    }
+    void expect_untouched(const std::string &members) const
+    {
+        EXPECT_EQ(on(0, look_outside).out, outside_) << members;
+        EXPECT_EQ(on(0, "find /var/run/kesta_sys -perm /6000 -o -name '*.new'").out, "") << members;
+    }
+    void expect_refused(const std::string &members) const
+    {
+        plant(members);
+        const Ran refused = on(0, "timeout 60 kestactl identity carry vpd-to-flash");
+        EXPECT_EQ(refused.code, 4) << members << refused.out << refused.err;
+        EXPECT_THAT(refused.err, HasSubstr("could not be opened")) << members;
+        expect_untouched(members);
+    }
+
+private:
+    static inline const std::string look_outside =
+        "ls -lA /opt/outside /etc/nodename /etc/cp_guid /etc/inet; cat /opt/outside/file /etc/nodename /etc/cp_guid";
+    std::string outside_;
+};
+
+TEST_F(LabHostileIdentity, OnlyFoldersAndPlainFilesAreUnpacked)
+{
+    for (const std::string members :
+         {"add('1/etc/nodename', tarfile.SYMTYPE, '/opt/outside/file')",
+          "add('C/etc/cp_guid', tarfile.SYMTYPE, '/opt/outside/new')",
+          "add('0/etc/nodename', tarfile.SYMTYPE, '/opt/outside/file')",
+          "add('0/etc/nodename', tarfile.LNKTYPE, '/opt/outside/file')",
+          "add('0', tarfile.SYMTYPE, '/opt/outside')", "add('1', tarfile.SYMTYPE, '/opt/outside')",
+          "add('C', tarfile.SYMTYPE, '/opt/outside')", "add('C/etc/inet', tarfile.SYMTYPE, '/opt/outside')",
+          "add('0/etc/nodename', tarfile.FIFOTYPE)", "add('0/boot/solaris/bootenv.rc', tarfile.FIFOTYPE)",
+          "add('C/etc/cp_guid', tarfile.FIFOTYPE)", "add('C/dev', tarfile.CHRTYPE)",
+          "add('C/etc/prog', mode=0o4755)", "add('C/etc/prog', mode=0o2755)",
+          "add('0'); add('1'); add('C')", "add('../../../../opt/outside/new')",
+          "add('C/etc/a\\n-rw-r--r-- 0/0 1 2000-01-01 00:00 b', tarfile.SYMTYPE, '/opt/outside')"}) {
+        expect_refused(members);
+    }
+}
+
+TEST_F(LabHostileIdentity, TreeIsForRootOnly)
+{
+    plant("add('./', tarfile.DIRTYPE, mode=0o777); add('C/etc/secret', mode=0o666); "
+          "add('0/etc/nodename', text=b'" + old_wwn + "-0\\n'); add('1/etc/nodename', text=b'" + old_wwn + "-1\\n')");
+    EXPECT_EQ(on(0, distribute + " /opt/kesta_sys/bakup/ && stat -c %a " + tree).out, "700\n");
+    const Ran carried = ctl(0, "identity carry vpd-to-flash");
+    EXPECT_EQ(carried.code, 0) << carried.err;
+    EXPECT_EQ(on(0, "stat -c %a " + tree).out, "700\n");
+    EXPECT_EQ(on(0, "cat /etc/nodename").out, new_wwn + "-0\n");
+    EXPECT_EQ(on(0, "tar -tvjf " + flash_archive + " | grep -c secret").out, "1\n");
+}
+
+TEST_F(LabHostileIdentity, TooMuchIsRefused)
+{
+    write_file(host_path(0, "etc/kesta/archives.conf"), "archive_bytes = 50000\narchive_members = 20\n");
+    expect_refused("add('C/etc/large', text=b'0' * 60000)");
+    expect_refused("for i in range(21): add('C/etc/%d' % i)");
+    fs::remove(host_path(0, "etc/kesta/archives.conf"));
+    succeed(0, "head -c 90000000 /dev/zero | bzip2 > " + flash_archive);
+    const Ran refused = on(0, distribute + " /opt/kesta_sys/bakup/");
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_THAT(refused.err, HasSubstr("holds more than 67108864 bytes"));
+    succeed(0, "mkdir -p /opt/big/C/etc && cd /opt/big && truncate -s 1T C/etc/holes && tar -S -cjf " + flash_archive + " C");
+    EXPECT_THAT(on(0, distribute + " /opt/kesta_sys/bakup/").err, HasSubstr("holds files of more than"));
+    succeed(0, "head -c 100 " + flash_archive + " > /opt/cut && cp /opt/cut " + flash_archive);
+    EXPECT_THAT(on(0, distribute + " /opt/kesta_sys/bakup/").err, HasSubstr("is damaged"));
+}
+
+TEST_F(LabHostileIdentity, EepromWaitsForNothing)
+{
+    succeed(0, "mkfifo /opt/fifo && ln -s /opt/outside/file /opt/link");
+    EXPECT_EQ(on(0, "timeout 20 eeprom -f /opt/fifo").code, 1);
+    EXPECT_EQ(on(0, "timeout 20 eeprom -f /opt/link").code, 1);
+}
+
 TEST_F(LabIdentity, SavedEnvironmentIsOpenedAndPackedAgain)
 {
     save_parts(0);

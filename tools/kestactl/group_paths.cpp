@@ -181,10 +181,8 @@ std::string GroupPaths::fault_of(const Member &member) const
     if (member.kind == MemberKind::special) {
         return "is neither a file nor a folder nor a link";
     }
-    if (member.kind == MemberKind::file && gives_rights(member.mode) && !names(member.path)) {
-        return "runs with its owner's or group's rights (setuid, setgid), and the definition does "
-               "not name "
-               "it itself";
+    if (member.kind == MemberKind::file && gives_rights(member.mode)) {
+        return "runs with its owner's or group's rights (setuid, setgid), which no definition can give";
     }
     return fault_of_link(member);
 }

@@ -33,17 +33,8 @@ std::string relative(const std::string &path) { return path.substr(1); }
 // A folder as the archive recorded it; null if it did not.
 const Member *recorded_folder(const std::string &path, const RestoredFiles &files)
 {
-    for (const RestoredFile &file : files.members) {
-        if (file.member.path == path && file.member.kind == MemberKind::folder) {
-            return &file.member;
-        }
-    }
-    for (const Member &parent : files.parents) {
-        if (parent.path == path) {
-            return &parent;
-        }
-    }
-    return nullptr;
+    const auto found = files.folders.find(path);
+    return found == files.folders.end() ? nullptr : &found->second;
 }
 
 void make_one_folder(const Entry &entry, const std::string &path, const Member *recorded)

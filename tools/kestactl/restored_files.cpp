@@ -62,6 +62,9 @@ public:
     {
         for (const RestoredFile &file : files_.members) {
             check_folders(file.member.path);
+            if (file.member.kind == MemberKind::folder) {
+                files_.folders.insert_or_assign(file.member.path, file.member);
+            }
         }
         settle_names();
         return std::move(files_);
@@ -91,7 +94,7 @@ private:
         }
         kinds_[member.path] = member.kind;
         if (member.kind == MemberKind::folder) {
-            files_.parents.push_back(member);
+            files_.folders.insert_or_assign(member.path, member);
         }
     }
 

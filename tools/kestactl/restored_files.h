@@ -27,9 +27,10 @@ struct RestoredFile {
 // What of an archive is put back.
 struct RestoredFiles {
     std::vector<RestoredFile> members;  // of the definition's paths, each path once, folders first
-    std::vector<Member> parents;        // folders that lead to them, for their owners and modes
-    std::vector<std::string> removed;   // absolute paths that were gone when the archive was made
-    std::size_t foreign = 0;            // members of other paths: left alone
+    std::map<std::string, Member>
+        folders;  // of these, and what leads to them, for their owners and modes
+    std::vector<std::string> removed;  // absolute paths that were gone when the archive was made
+    std::size_t foreign = 0;           // members of other paths: left alone
 };
 
 // Chooses the members of a definition's paths, or of what lies at and below one path of them.
