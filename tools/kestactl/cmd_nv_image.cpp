@@ -306,7 +306,7 @@ Plan plan_sync()
 // ------------------------------------------------------------------------------------------ dump
 
 struct DumpOptions {
-    std::string file;
+    std::optional<std::string> file;
     bool decoded = false;
     std::optional<int> region;
     int offset = 0;
@@ -425,13 +425,13 @@ void check_range(const DumpOptions &options)
 Result dump(const DumpOptions &options, const Globals &globals)
 {
     check_range(options);
-    if (!options.file.empty()) {
-        ExportedFile file(options.file);
+    if (options.file) {
+        ExportedFile file(*options.file);
         dump_to(file.writable_path(), options);
         file.publish();
         Result result;
-        result.text = "Written to " + options.file + ".\n";
-        result.json = {{"file", options.file}};
+        result.text = "Written to " + *options.file + ".\n";
+        result.json = {{"file", *options.file}};
         return result;
     }
     if (globals.json && options.region) {

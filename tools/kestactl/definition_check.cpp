@@ -175,7 +175,7 @@ private:
         check_path(file, longest_path, true);
         const std::string path = attribute(file, "path").value_or("");
         if (const std::string fault = fault_of_path(path); !path.empty() && !fault.empty()) {
-            error(file, "the path of <file> " + fault);
+            note(file, "the path of <file> " + fault);
         }
         if (attribute(file, "path").value_or("-").empty()) {
             note(file, "an empty path ends the list: this file and those behind it are left alone");
@@ -208,10 +208,11 @@ private:
             const char *name;
             std::size_t limit;
             std::string (*fault_of)(const std::string &);
+            bool anywhere;  // else another controller may take it
         };
-        const Property properties[] = {{"userid", longest_owner, fault_of_user},
-                                       {"groupid", longest_owner, fault_of_group},
-                                       {"mode", longest_mode, fault_of_mode}};
+        const Property properties[] = {{"userid", longest_owner, fault_of_user, false},
+                                       {"groupid", longest_owner, fault_of_group, false},
+                                       {"mode", longest_mode, fault_of_mode, true}};
         int usable = 0;
         for (const Property &property : properties) {
             const std::string name = property.name;
@@ -220,7 +221,7 @@ private:
                 note(permission, name + " has more than " + std::to_string(property.limit) +
                                      " characters, and is ignored");
             } else if (value && !value->empty() && !property.fault_of(*value).empty()) {
-                error(permission, name + "=\"" + *value + "\" " + property.fault_of(*value));
+                add(permission, property.anywhere, name + "=\"" + *value + "\" " + property.fault_of(*value));
             }
             usable += value && value->size() <= property.limit;
         }
