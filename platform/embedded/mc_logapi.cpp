@@ -77,11 +77,13 @@ bool same_file(const struct stat &a, const struct stat &b)
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
+// A plain file or a device; somebody may have put a link or a FIFO there, to be written through or waited for.
 void open_trace_file()
 {
-    trace_fd = kesta::above_standard(
-        open(settings().trace_file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640));
-    if (trace_fd >= 0 && fstat(trace_fd, &trace_file) != 0) {
+    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    trace_fd = kesta::above_standard(open(settings().trace_file, flags, 0640));
+    if (trace_fd >= 0 && (fstat(trace_fd, &trace_file) != 0 ||
+                          (!S_ISREG(trace_file.st_mode) && !S_ISCHR(trace_file.st_mode)))) {
         (void)close(trace_fd);
         trace_fd = -1;
     }

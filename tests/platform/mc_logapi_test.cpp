@@ -194,3 +194,16 @@ TEST_F(Trace, CpinfoRefusesWrongUsageAndWrongSettings)
     faults("cpinfo 1 on fail\n");
     EXPECT_EQ(run("", cpinfo + " -i"), 1);
 }
+
+TEST_F(Trace, FileThatSomebodyPlantedIsNeitherWrittenThroughNorWaitedFor)
+{
+    const std::string mine = folder() + "/mine";
+    for (const std::string &plant : {"echo mine > " + mine + "; ln -s mine " + log, "mkfifo " + log, "mkdir " + log}) {
+        ASSERT_EQ(system(plant.c_str()), 0);
+        EXPECT_EQ(write("", "1 1 1 hello"), 0) << plant;
+        ASSERT_EQ(system(("rm -r " + log).c_str()), 0);
+    }
+    EXPECT_EQ(read_file(mine), "mine\n");
+    EXPECT_EQ(write("", "1 1 1 hello"), 0);
+    EXPECT_EQ(lines_of(read_file(log)).size(), 1u);
+}
