@@ -6,8 +6,7 @@
 
 #include "process_clock.h"
 
-namespace
-{
+namespace {
 
 constexpr const char *record_path = "/var/run/kesta_sys/tmp/.innerlock";
 constexpr clock_t passed_by_after_seconds = 30;
@@ -41,8 +40,7 @@ std::int64_t count_of(int fd, std::size_t place)
 
 }  // namespace
 
-namespace kesta
-{
+namespace kesta {
 
 InnerlockRecord::InnerlockRecord() : file_(open_record()) {}
 

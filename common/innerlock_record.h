@@ -30,11 +30,9 @@
 
 #include "ownership.h"
 
-namespace kesta
-{
+namespace kesta {
 
-class InnerlockRecord
-{
+class InnerlockRecord {
 public:
     // Opens the lock file, once for each acquisition of the inner lock.
     InnerlockRecord();

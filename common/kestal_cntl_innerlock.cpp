@@ -12,8 +12,11 @@
 #include "process_clock.h"
 #include "trace.h"
 
-namespace
-{
+extern "C" {
+pthread_mutex_t innerlock_mutex = PTHREAD_MUTEX_INITIALIZER;
+}
+
+namespace {
 
 using Slots = std::array<KESTA_INNERLOCK_BUF, KESTA_CONTROLLERS>;
 using Observations = std::array<KESTAL_LOCKBUFFER_STRUCT, KESTA_CONTROLLERS>;
@@ -35,8 +38,6 @@ constexpr clock_t stale_after_seconds = 30;
 constexpr int stale = 1;
 constexpr int not_stale = 0;
 
-pthread_mutex_t innerlock_mutex = PTHREAD_MUTEX_INITIALIZER;
-
 bool is_controller(int cntno) { return static_cast<unsigned>(cntno) < KESTA_CONTROLLERS; }
 
 int write_slot(int block_id, KESTA_INNERLOCK_BUF record)
@@ -46,8 +47,7 @@ int write_slot(int block_id, KESTA_INNERLOCK_BUF record)
 }
 
 // One call of kestal_cntl_innerlock.
-class Acquisition
-{
+class Acquisition {
 public:
     Acquisition(int cntno, int own_block)
         : own_block_(own_block),
@@ -60,8 +60,8 @@ public:
     int run()
     {
         kesta::MutexGuard guard(innerlock_mutex);
-        kesta::InnerlockRecord
-            record;  // opened and closed under the mutex: a close lets go of the lock
+        // Opened and closed under the mutex: a close lets go of the lock.
+        kesta::InnerlockRecord record;
         record_ = &record;
         for (int r = 1;; ++r) {
             int result = KESTA_OK;
@@ -82,8 +82,7 @@ public:
 private:
     void make_token()
     {
-        struct timeval now {
-        };
+        struct timeval now {};
         gettimeofday(&now, nullptr);
         claim_.timeout = now.tv_sec % token_modulus + 1;
     }

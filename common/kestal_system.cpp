@@ -12,12 +12,15 @@
 #include "ownership.h"
 #include "trace.h"
 
+extern "C" {
+pthread_mutex_t system_mutex = PTHREAD_MUTEX_INITIALIZER;  // one shell of system() at a time
+}
+
 namespace {
 
 constexpr unsigned poll_us = 100000;
 constexpr std::size_t variable_size = 64;  // name, "=" and value are cut at 63 characters
 
-pthread_mutex_t system_mutex = PTHREAD_MUTEX_INITIALIZER;  // one shell of system() at a time
 
 class EnvironmentBlock {
 public:

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "fork_safety.h"
 #include "kesta/alloc.h"
 #include "standard_descriptors.h"
 
@@ -31,7 +32,11 @@ private:
 
 class MutexGuard {
 public:
-    explicit MutexGuard(pthread_mutex_t &mutex) : mutex_(&mutex) { pthread_mutex_lock(mutex_); }
+    explicit MutexGuard(pthread_mutex_t &mutex) : mutex_(&mutex)
+    {
+        free_mutexes_in_children();
+        pthread_mutex_lock(mutex_);
+    }
     ~MutexGuard() { pthread_mutex_unlock(mutex_); }
     MutexGuard(const MutexGuard &) = delete;
     MutexGuard &operator=(const MutexGuard &) = delete;

@@ -1,4 +1,5 @@
 // kesta-lab: an appliance of four controllers on one machine.
+#include <signal.h>
 #include <errno.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -108,6 +109,7 @@ std::vector<std::string> split_command(int &argc, char **argv)
 int main(int argc, char **argv)
 {
     kesta::open_standard_descriptors();
+    (void)signal(SIGCHLD, SIG_DFL);  // ignored by a parent, it would hide how commands end
     std::vector<std::string> command = split_command(argc, argv);
 
     CLI::App app{"An appliance of four controllers on one machine, each in namespaces of its own "
@@ -151,7 +153,9 @@ int main(int argc, char **argv)
             throw CLI::RequiredError("-- COMMAND");
         }
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? 0 : exit_usage;
+        const bool answered = app.exit(error) == 0;
+        std::cout.flush();
+        return !answered ? exit_usage : std::cout ? 0 : exit_failed;
     }
 
     try {

@@ -38,6 +38,29 @@ int counter_count;
 struct timespec read_at;
 ino_t read_inode;
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_once_t fork_handled = PTHREAD_ONCE_INIT;
+bool held_by_other_thread;
+
+// A call meets its fault with other mutexes held: a fork must not wait for this one. If another
+// thread has it, the child reads the rules anew.
+void try_for_fork() { held_by_other_thread = pthread_mutex_trylock(&mutex) != 0; }
+void unlock_in_parent()
+{
+    if (!held_by_other_thread) {
+        pthread_mutex_unlock(&mutex);
+    }
+}
+void unlock_in_child()
+{
+    if (held_by_other_thread) {
+        mutex = PTHREAD_MUTEX_INITIALIZER;
+        rule_count = 0;
+        read_inode = 0;
+    } else {
+        pthread_mutex_unlock(&mutex);
+    }
+}
+void handle_fork() { pthread_atfork(try_for_fork, unlock_in_parent, unlock_in_child); }
 
 bool parse_rule(const char *line, Rule &rule)
 {
@@ -98,6 +121,7 @@ unsigned long count_call(const char *kind)
 bool find_rule(const char *path, const char *kind, Rule &found)
 {
     const CancelOff off;
+    pthread_once(&fork_handled, handle_fork);
     const Locked locked(mutex);
     refresh(path);
     if (rule_count == 0) {

@@ -9,8 +9,7 @@
 
 #include "scoped.h"
 
-namespace embedded
-{
+namespace embedded {
 
 bool MappedFile::is_current() const
 {

@@ -4,11 +4,9 @@
 #include <stdint.h>
 #include <sys/types.h>
 
-namespace embedded
-{
+namespace embedded {
 
-class MappedFile
-{
+class MappedFile {
 public:
     // Whether the file is attached and stands for itself still: not after somebody removed or
     // replaced it, nor after a program that closes all its descriptors closed ours.

@@ -207,24 +207,43 @@ char *put_number(char *to, int value)
     return std::to_chars(to, to + 11, value).ptr;
 }
 
-// "2026-11-21T04:27:11.123456Z"
+// A day of the calendar, from the days since 1970 (which are not before).
+void split_day(long days, int &year, int &month, int &day)
+{
+    // Years begin in March: the leap day is the last one then.
+    const long shifted = days + 719468;
+    const long era = shifted / 146097;
+    const long of_era = shifted % 146097;
+    const long year_of_era = (of_era - of_era / 1460 + of_era / 36524 - of_era / 146096) / 365;
+    const long of_year = of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
+    const long from_march = (5 * of_year + 2) / 153;
+    day = static_cast<int>(of_year - (153 * from_march + 2) / 5 + 1);
+    month = static_cast<int>(from_march < 10 ? from_march + 3 : from_march - 9);
+    year = static_cast<int>(year_of_era + era * 400 + (month <= 2 ? 1 : 0));
+}
+
+// "2026-11-21T04:27:11.123456Z". The C library's functions take the lock of the time zone, which a
+// child made by fork may find taken.
 char *put_time(char *to)
 {
     struct timespec now;
-    struct tm utc;
     clock_gettime(CLOCK_REALTIME, &now);
-    gmtime_r(&now.tv_sec, &utc);
-    const auto part = [&to](int value, int digits, char after) {
+    const long seconds = now.tv_sec % 86400;
+    int year;
+    int month;
+    int day;
+    split_day(now.tv_sec / 86400, year, month, day);
+    const auto part = [&to](long value, int digits, char after) {
         to = put_padded(to, static_cast<unsigned>(value), digits);
         *to++ = after;
     };
-    part(utc.tm_year + 1900, 4, '-');
-    part(utc.tm_mon + 1, 2, '-');
-    part(utc.tm_mday, 2, 'T');
-    part(utc.tm_hour, 2, ':');
-    part(utc.tm_min, 2, ':');
-    part(utc.tm_sec, 2, '.');
-    part(static_cast<int>(now.tv_nsec / 1000), 6, 'Z');
+    part(year, 4, '-');
+    part(month, 2, '-');
+    part(day, 2, 'T');
+    part(seconds / 3600, 2, ':');
+    part(seconds / 60 % 60, 2, ':');
+    part(seconds % 60, 2, '.');
+    part(now.tv_nsec / 1000, 6, 'Z');
     return to;
 }
 
@@ -283,6 +302,7 @@ __attribute__((noinline, format(printf, 4, 0))) void write_trace(const char *fil
                     line_size - 1 - used);
     if (target == TraceTarget::system_log) {
         line[used] = '\0';
+        const Locked locked(mutex);  // no fork while the C library has its lock
         const kesta::StandardDescriptorsTaken taken;  // the connection stays open
         syslog(LOG_USER | syslog_priority(level), "%s", line + text);
         return;

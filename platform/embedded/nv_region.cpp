@@ -14,10 +14,8 @@
 #include "scoped.h"
 #include "settings.h"
 
-namespace embedded
-{
-namespace
-{
+namespace embedded {
+namespace {
 
 // The journal: what is being written, and whether it holds. A transfer whose writer was killed
 // before it held never happened; one that held is finished by whoever comes next.
@@ -112,8 +110,7 @@ int64_t now_ms()
 // A lock of this process on a file, or none. Threads are kept apart by the caller.
 int set_lock(int fd, short type)
 {
-    struct flock lock {
-    };
+    struct flock lock {};
     lock.l_type = type;
     lock.l_whence = SEEK_SET;
     while (fcntl(fd, F_SETLK, &lock) != 0) {
@@ -217,9 +214,7 @@ int NvRegion::lock(unsigned number, bool create, short type)
         if (now_ms() >= deadline) {
             return -ETIMEDOUT;
         }
-        const struct timespec pause {
-            0, nap
-        };
+        const struct timespec pause{0, nap};
         nanosleep(&pause, nullptr);
     }
 }
@@ -239,8 +234,7 @@ int NvRegion::lock_once(unsigned number, short type)
     if (result != -EAGAIN) {
         return result;
     }
-    struct flock held {
-    };
+    struct flock held {};
     held.l_type = type;
     held.l_whence = SEEK_SET;
     if (fcntl(journal_.fd(), F_GETLK, &held) != 0 || held.l_type == F_UNLCK || !is_stuck(held)) {

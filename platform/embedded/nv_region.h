@@ -26,13 +26,11 @@
 
 #include "mapped_file.h"
 
-namespace embedded
-{
+namespace embedded {
 
 inline constexpr uint64_t nv_region_size = 32768;
 
-class NvRegion
-{
+class NvRegion {
 public:
     // Return 0 or a negative errno. Range and region have been checked.
     int read(unsigned number, uint64_t offset, void *buffer, uint64_t length);

@@ -27,6 +27,9 @@ for file in "$@"; do
     if [ "$(uname -m)" = x86_64 ]; then
         echo "$code" | grep -q 'endbr64' || complain "$file" "no landing pads for indirect branches"
     fi
+    case $file in
+    *.so*) echo "$headers" | grep -q 'NODELETE' || complain "$file" "can be unloaded, and leaves its descriptors and maps" ;;
+    esac
     echo "$headers" | grep -q 'TEXTREL' && complain "$file" "relocations in the code"
     echo "$headers" | grep 'LOAD' | grep -q 'RWE' && complain "$file" "a segment that is written and executed"
 done

@@ -152,6 +152,41 @@ TEST_F(KestactlLock, SignalsReachTheCommandAndTheLockIsReleased)
     }
 }
 
+TEST_F(KestactlLock, EverySignalThatEndsAProgramLetsTheLockGo)
+{
+    std::vector<int> signals{SIGHUP,  SIGINT,  SIGQUIT, SIGPIPE,   SIGALRM, SIGTERM, SIGUSR1,
+                             SIGUSR2, SIGXCPU, SIGXFSZ, SIGVTALRM, SIGPROF, SIGIO,   SIGPWR,
+                             SIGABRT, SIGRTMIN, SIGRTMIN + 7, SIGRTMAX};
+    for (const int number : signals) {
+        const std::string command = " -- /bin/sh -c 'kill -" + std::to_string(number) +
+                                    " $PPID; exec sleep 60'";
+        EXPECT_EQ(ctl(0, "lock take" + command).code, 128 + number);
+        EXPECT_TRUE(locks().empty()) << number;
+        EXPECT_EQ(ctl(0, "lock local nightly" + command).code, 128 + number);
+    }
+}
+
+TEST_F(KestactlLock, IdentifierThatCanNotBeWrittenIsNoLock)
+{
+    const Ran full = on(0, "kestactl lock take > /dev/full");
+    EXPECT_EQ(full.code, 4) << full.err;
+    EXPECT_TRUE(locks().empty());
+    EXPECT_EQ(on(0, "kestactl --json lock take > /dev/full").code, 4);
+    EXPECT_TRUE(locks().empty());
+    EXPECT_NE(on(0, "kestactl --help > /dev/full").code, 0);
+    EXPECT_NE(on(0, "kestactl lock --help > /dev/full").code, 0);
+    EXPECT_NE(shell(lab() + " --help > /dev/full").code, 0);
+}
+
+TEST_F(KestactlLock, ParentThatIgnoresItsChildrenIsNoHindrance)
+{
+    const std::string ignoring = "timeout 30 env --ignore-signal=CHLD kestactl ";
+    EXPECT_EQ(on(0, ignoring + "lock take -- sh -c 'exit 7'").code, 7);
+    EXPECT_EQ(on(0, ignoring + "lock local nightly -- sh -c 'exit 7'").code, 7);
+    EXPECT_EQ(on(0, ignoring + "run -- true").code, 0);
+    EXPECT_TRUE(locks().empty());
+}
+
 TEST_F(KestactlLock, SignalEndsTheWaiting)
 {
     take(1);

@@ -101,6 +101,17 @@ TEST_F(KestactlSave, ScriptThatHangsIsStopped)
     EXPECT_EQ(on(0, "pgrep -f '[c]at " + never + "$'").code, 1) << "its whole group is gone";
 }
 
+// Without a descriptor to be had for watching a script its end is seen all the same.
+TEST_F(KestactlSave, FewDescriptorsDoNotMakeItHang)
+{
+    define(script_line("pre-script", "true", 1));
+    for (int limit = 5; limit <= 14; ++limit) {
+        const Ran saved = on(0, "ulimit -n " + std::to_string(limit) +
+                                    "; exec timeout 30 kestactl save network");
+        EXPECT_NE(saved.code, 124) << limit;
+    }
+}
+
 TEST_F(KestactlSave, SignalStopsTheStepsAndNotWhatUndoesThem)
 {
     define(script_line("pre-script", "kill -TERM $PPID; mkfifo /opt/never; cat /opt/never", 1) +

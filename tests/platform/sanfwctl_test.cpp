@@ -1,8 +1,12 @@
+#include <dlfcn.h>
 #include <errno.h>
 #include <sys/syscall.h>
 #include <time.h>
 
+#include <algorithm>
+#include <atomic>
 #include <random>
+#include <thread>
 
 #include "platform_test.h"
 #include "mc_logapi.h"
@@ -317,6 +321,89 @@ TEST_F(Sanfwctl, WritersThatArePassedByTearAndLoseNothing)
         kill(writer, SIGKILL);
         waitpid(writer, nullptr, 0);
     }
+}
+
+TEST_F(Sanfwctl, ChildrenOfAProcessWithThreadsGoOn)
+{
+    EXPECT_EQ(write_nv(0, "image"), 0);
+    faults("vrb_set 1000000 once fail\n");  // rules that are looked at, and don't apply
+    std::atomic<bool> over = false;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2; ++i) {
+        threads.emplace_back([&, i] {
+            while (!over) {
+                if (i == 0) {
+                    read_nv(0, 5);
+                } else {
+                    int handle = -1;
+                    int close_flag = 1;
+                    if (sbacc_open("kesta_a", "w", &handle, &close_flag) == 0) {
+                        sbacc_close(handle);
+                    }
+                }
+                MC_OutTrace("file.cpp", 1, 1, "a line");
+            }
+        });
+    }
+    int hung = 0;
+    for (int i = 0; i < 100; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(20);
+            MC_OutTrace("file.cpp", 1, 1, "a child's line");
+            int handle = -1;
+            int close_flag = 1;
+            const bool done = read_nv(0, 5) == "image" &&
+                              sbacc_open("kesta_b", "w", &handle, &close_flag) == 0 &&
+                              sbacc_close(handle) == 0;
+            _exit(done ? 0 : 1);
+        }
+        int status = -1;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        hung += status != 0;
+    }
+    over = true;
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    no_faults();
+    EXPECT_EQ(hung, 0);
+}
+
+TEST_F(Sanfwctl, LoadingTheLibraryAThousandTimesLeavesNothingBehind)
+{
+    const auto descriptors = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    };
+    const auto maps = [] {
+        const std::string text = read_file("/proc/self/maps");
+        return std::count(text.begin(), text.end(), '\n');
+    };
+    EXPECT_EQ(in_process([&] {
+                  // A copy: the program itself has the library loaded for good.
+                  const std::string copy = folder() + "/libcopy.so";
+                  fs::copy_file(KESTA_SANFWCTL, copy);
+                  long first_descriptors = 0;
+                  long first_maps = 0;
+                  for (int i = 0; i < 1000; ++i) {
+                      void *library = dlopen(copy.c_str(), RTLD_NOW | RTLD_LOCAL);
+                      ASSERT_NE(library, nullptr) << dlerror();
+                      const auto read = reinterpret_cast<decltype(&zKTsanfwctl_write_nv)>(
+                          dlsym(library, "zKTsanfwctl_write_nv"));
+                      cpfw_nv_region_t region = 2;
+                      char byte = 'x';
+                      cpfw_nv_access_t access{&byte, 0, 1};
+                      ASSERT_EQ(read(-1, &region, &access, 1), 0);
+                      dlclose(library);
+                      if (i == 0) {
+                          first_descriptors = descriptors();
+                          first_maps = maps();
+                      }
+                  }
+                  EXPECT_EQ(descriptors(), first_descriptors);
+                  EXPECT_LE(maps(), first_maps + 2);
+              }),
+              0);
 }
 
 TEST_F(Sanfwctl, NothingTakesTheNumbersOfTheStandardDescriptors)

@@ -17,10 +17,8 @@
 #include "controller_state.h"
 #include "test_platform.h"
 
-namespace test
-{
-namespace
-{
+namespace test {
+namespace {
 
 constexpr std::size_t message_size = 64;
 int channel_of_this_process = -1;

@@ -101,9 +101,8 @@ int in_the_way(const LockState &state, const LockOptions &options)
     return -1;
 }
 
-void take(const LockOptions &options, int own, Taken &taken)
+void take(const LockOptions &options, int own, const HeldSignals &signals, Taken &taken)
 {
-    const HeldSignals signals;
     taken.identifier =
         take_command_lock({options.type, options.group, options.wait}, own, signals);
     if (const int signal = signals.pending(); signal != 0) {
@@ -118,7 +117,7 @@ void take(const LockOptions &options, int own, Taken &taken)
     held.release();
 }
 
-Plan plan_take(const LockOptions &options, Taken &taken)
+Plan plan_take(const LockOptions &options, const HeldSignals &signals, Taken &taken)
 {
     if (!options.group.empty()) {
         check_group(options.group);
@@ -143,20 +142,26 @@ Plan plan_take(const LockOptions &options, Taken &taken)
     }
     Plan plan;
     plan.json = {{"controller", own}, {"type", options.type}};
-    plan.steps.push_back({what, writes, [=, &taken] { take(options, own, taken); }});
+    plan.steps.push_back({what, writes, [=, &signals, &taken] { take(options, own, signals, taken); }});
     return plan;
 }
 
 Result take_command(const LockOptions &options, const Globals &globals)
 {
+    // Until its identifier is written a lock is given back on every way out.
+    const auto signals = std::make_shared<const HeldSignals>();
     Taken taken;
-    Result result = carry_out(plan_take(options, taken), globals);
+    Result result = carry_out(plan_take(options, *signals, taken), globals);
     if (globals.dry_run) {
         return result;
     }
     result.json["identifier"] = taken.identifier;
     if (options.command.empty()) {
         result.text = taken.identifier + "\n";
+        const int own = result.json.at("controller");
+        result.unwritten = [signals, own, identifier = taken.identifier] {
+            release_command_lock(own, identifier);
+        };
         return result;
     }
     result.exit = exit_of(taken.end);

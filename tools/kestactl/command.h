@@ -24,6 +24,8 @@ struct Result {
     Exit exit = Exit::done;
     std::string text;  // ends in a newline, or is empty
     Json json = Json::object();
+    // Undoes what nobody has learned of, if the result can't be written. It may hold signals till then.
+    std::function<void()> unwritten = nullptr;
 };
 
 // One step of a changing command. A dry run prints the steps, another run carries them out.

@@ -51,25 +51,48 @@ bool has_ended(pid_t child, CommandEnd &end)
     return true;
 }
 
+// Whether a signal's default action is the end of the program, and it would be taken. SIGKILL can't be
+// held. A fault of the program's own ends it all the same.
+bool ends_the_program(int number)
+{
+    for (const int harmless : {SIGKILL, SIGSTOP, SIGCHLD, SIGCONT, SIGTSTP, SIGTTIN, SIGTTOU, SIGURG,
+                               SIGWINCH}) {
+        if (number == harmless) {
+            return false;
+        }
+    }
+    struct sigaction now {};
+    return sigaction(number, nullptr, &now) == 0 && now.sa_handler != SIG_IGN;
+}
+
+// What the terminal sends has reached the command as well.
+bool came_from_terminal(const siginfo_t &signal)
+{
+    return signal.si_code == SI_KERNEL &&
+           (signal.si_signo == SIGINT || signal.si_signo == SIGQUIT || signal.si_signo == SIGHUP);
+}
+
 }  // namespace
 
 HeldSignals::HeldSignals()
 {
-    sigemptyset(&held_);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGCHLD}) {
-        sigaddset(&held_, number);
+    sigemptyset(&ending_);
+    for (int number = 1; number <= SIGRTMAX; ++number) {
+        if (ends_the_program(number)) {
+            sigaddset(&ending_, number);  // refused for the two that the C library keeps
+        }
     }
-    sigprocmask(SIG_BLOCK, &held_, &before_);
+    sigset_t held = ending_;
+    sigaddset(&held, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &held, &before_);
 }
 
 HeldSignals::~HeldSignals() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
 
 int HeldSignals::wait(int seconds) const
 {
-    sigset_t ending = held_;
-    sigdelset(&ending, SIGCHLD);
     const struct timespec limit {seconds, 0};
-    const int number = sigtimedwait(&ending, nullptr, &limit);
+    const int number = sigtimedwait(&ending_, nullptr, &limit);
     return number > 0 ? number : 0;
 }
 
@@ -78,12 +101,9 @@ bool HeldSignals::is_pending() const
     sigset_t pending;
     sigemptyset(&pending);
     sigpending(&pending);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
-        if (sigismember(&pending, number) == 1) {
-            return true;
-        }
-    }
-    return false;
+    sigset_t both;
+    sigandset(&both, &pending, &ending_);
+    return sigisemptyset(&both) == 0;
 }
 
 CommandEnd HeldSignals::run(const std::vector<std::string> &command) const
@@ -92,11 +112,12 @@ CommandEnd HeldSignals::run(const std::vector<std::string> &command) const
     CommandEnd end;
     while (!has_ended(child, end)) {
         siginfo_t signal;
-        if (sigwaitinfo(&held_, &signal) < 0 || signal.si_signo == SIGCHLD) {
+        sigset_t awaited = ending_;
+        sigaddset(&awaited, SIGCHLD);
+        if (sigwaitinfo(&awaited, &signal) < 0 || signal.si_signo == SIGCHLD) {
             continue;
         }
-        // What the terminal sends has reached the command as well.
-        if (signal.si_code != SI_KERNEL) {
+        if (!came_from_terminal(signal)) {
             (void)kill(child, signal.si_signo);  // it may have ended
         }
     }

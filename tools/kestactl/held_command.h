@@ -17,7 +17,8 @@ struct CommandEnd {
     int signal = 0;
 };
 
-// While this lives, signals that would end the program wait. They are passed on to a command that
+// While this lives, signals that would end the program wait: all but SIGKILL, whether somebody sends them, a
+// timer runs out, a reader goes away or a limit is met. They are passed on to a command that
 // runs, and end what is waited for.
 class HeldSignals {
 public:
@@ -39,7 +40,7 @@ public:
     CommandEnd run(const std::vector<std::string> &command) const;
 
 private:
-    sigset_t held_;
+    sigset_t ending_;
     sigset_t before_;
 };
 

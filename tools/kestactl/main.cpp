@@ -1,5 +1,6 @@
 // kestactl: the operator's command line.
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -82,6 +83,9 @@ int report_result(const Result &result, bool json, const JsonChannel &channel)
         std::cout << printable(result.text) << std::flush;
         written = static_cast<bool>(std::cout);
     }
+    if (!written && result.unwritten) {
+        result.unwritten();
+    }
     if (!written) {
         std::cerr << "kestactl: the result could not be written to standard output.\n";
         return code(Exit::platform);
@@ -97,9 +101,11 @@ int report_parse(const CLI::App &app, const CLI::ParseError &error, bool json,
         if (json) {
             std::ostringstream text;
             app.exit(error, text, text);
-            return report_result({Exit::done, "", {{"text", text.str()}}}, json, channel);
+            return report_result({Exit::done, "", {{"text", text.str()}}, nullptr}, json, channel);
         }
-        return app.exit(error);
+        std::ostringstream text;
+        app.exit(error, text, text);
+        return report_result({Exit::done, text.str(), {}, nullptr}, json, channel);
     }
     const Failure failure(Exit::usage, "usage", std::string(error.what()),
                           "See 'kestactl --help', or --help behind a command.");
@@ -147,6 +153,7 @@ int perform(const Action &action, const Globals &globals, const JsonChannel &cha
 int main(int argc, char **argv)
 {
     kesta::open_standard_descriptors();
+    (void)signal(SIGCHLD, SIG_DFL);  // ignored by a parent, it would hide how commands end
     JsonChannel channel;
     const bool json = wants_json(argc, argv);
     if (json) {

@@ -113,27 +113,63 @@ pid_t start(const std::string &command, Environment &environment, const Errors &
     return child;
 }
 
-// Waits for the end of a process, at most so long. Whether it has ended.
-bool await(int pidfd, int milliseconds)
+// A script that runs, and how its end is waited for.
+struct Running {
+    explicit Running(pid_t started)
+        : child(started), pidfd(static_cast<int>(syscall(SYS_pidfd_open, started, 0)))
+    {
+    }
+    ~Running()
+    {
+        if (pidfd >= 0) {
+            (void)close(pidfd);  // nothing was written
+        }
+    }
+    Running(const Running &) = delete;
+    Running &operator=(const Running &) = delete;
+
+    pid_t child;
+    int pidfd;  // negative where the kernel has none to give: it is looked every few milliseconds then
+};
+
+bool has_ended(pid_t child)
 {
-    struct pollfd watch {pidfd, POLLIN, 0};
-    return poll(&watch, 1, milliseconds) > 0;
+    siginfo_t ended{};
+    // It stays to be reaped.
+    return waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+           ended.si_pid == child;
 }
 
-void stop(pid_t child, int pidfd)
+// Waits for the end of a script, at most so long. Whether it has ended.
+bool await(const Running &script, int milliseconds)
 {
-    (void)kill(-child, SIGTERM);  // it may be gone
-    if (!await(pidfd, patience_ms)) {
-        (void)kill(-child, SIGKILL);
-        (void)await(pidfd, -1);
+    if (script.pidfd >= 0) {
+        struct pollfd watch {script.pidfd, POLLIN, 0};
+        return poll(&watch, 1, milliseconds) > 0;
+    }
+    const Clock::time_point limit = Clock::now() + std::chrono::milliseconds(milliseconds);
+    while (!has_ended(script.child)) {
+        if (Clock::now() >= limit) {
+            return false;
+        }
+        (void)poll(nullptr, 0, 10);
+    }
+    return true;
+}
+
+void stop(const Running &script)
+{
+    (void)kill(-script.child, SIGTERM);  // it may be gone
+    if (!await(script, patience_ms)) {
+        (void)kill(-script.child, SIGKILL);  // waitpid waits for its end
     }
 }
 
 // Whether the script has to be stopped: too long, or this program is asked to end.
 bool must_stop(const ScriptContext &context, Clock::time_point begun, const HeldSignals &signals,
-               int pidfd, bool &timed_out)
+               const Running &script, bool &timed_out)
 {
-    while (!await(pidfd, look_ms)) {
+    while (!await(script, look_ms)) {
         if (Clock::now() - begun >= std::chrono::seconds(context.timeout)) {
             timed_out = true;
             return true;
@@ -153,17 +189,15 @@ ScriptEnd run_script(const std::string &command, const ScriptContext &context,
     Environment environment(context);
     const Errors errors;
     const Clock::time_point begun = Clock::now();
-    const pid_t child = start(command, environment, errors);
-    const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
+    const Running script(start(command, environment, errors));
     ScriptEnd end;
     end.command = command;
-    if (must_stop(context, begun, signals, pidfd, end.timed_out)) {
-        stop(child, pidfd);
+    if (must_stop(context, begun, signals, script, end.timed_out)) {
+        stop(script);
     }
     int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    while (waitpid(script.child, &status, 0) < 0 && errno == EINTR) {
     }
-    (void)close(pidfd);  // nothing was written
     end.seconds = std::chrono::duration<double>(Clock::now() - begun).count();
     end.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 0;
     end.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
