@@ -62,7 +62,7 @@ int kestal_file_command_lock(int *fd, char *name)
     }
     const kesta::Path path = kesta::path_of(kesta::merge_cache, name);
     *fd = kesta::above_standard(
-        open(path.data(), O_WRONLY | O_CREAT | O_CLOEXEC, new_lock_mode));
+        open(path.data(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, new_lock_mode));
     if (*fd < 0) {
         const int error = errno;
         TRACE(1, "[kestal_local_command_lock] File Open Error. f_name=%s errno=%d", path.data(),

@@ -80,7 +80,9 @@ bool same_file(const struct stat &a, const struct stat &b)
 void open_trace_file()
 {
     trace_fd = kesta::above_standard(
-        open(settings().trace_file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640));
+        open(
+        settings().trace_file,
+        O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0640));
     if (trace_fd >= 0 && fstat(trace_fd, &trace_file) != 0) {
         (void)close(trace_fd);
         trace_fd = -1;
