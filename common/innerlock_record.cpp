@@ -20,7 +20,7 @@ int open_record()
 {
     kesta::CancelOff off;
     kesta::ErrnoKept keep;
-    return open(record_path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    return open(record_path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
 }
 
 // lockf counts from where the descriptor stands.

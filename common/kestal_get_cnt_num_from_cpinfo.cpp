@@ -215,7 +215,7 @@ int controller_count()
 // The environment can force Suspend and InitConf. Normal always comes from the command.
 int forced_boot_mode()
 {
-    const char *text = getenv("KESTA_CPMODE_STATUS");
+    const char *text = secure_getenv("KESTA_CPMODE_STATUS");
     if (!text) {
         return KESTA_BOOT_NORMAL;
     }

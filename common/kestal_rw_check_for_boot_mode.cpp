@@ -45,7 +45,7 @@ const BootModeRow *disk_boot_mode(int boot_mode)
 
 bool disk_is_ruled_out()
 {
-    const char *text = getenv("KESTA_NOHDD_STATUS");
+    const char *text = secure_getenv("KESTA_NOHDD_STATUS");
     return text && kesta::leading_int(text) == 1;
 }
 

@@ -290,6 +290,14 @@ bool await_end(int pidfd, int milliseconds)
     return poll(&watch, 1, milliseconds) > 0;
 }
 
+// Whether nobody but this user and root can have put the thing there.
+bool is_trusted(const fs::path &path)
+{
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0 && !S_ISLNK(status.st_mode) &&
+           (status.st_uid == geteuid() || status.st_uid == 0);
+}
+
 void end_process(int pid)
 {
     constexpr int patience_ms = 2000;
@@ -322,12 +330,20 @@ Appliance::Appliance(const fs::path &folder) : folder_(fs::absolute(folder))
         throw Error(folder_.string() + " is no lab: make one with kesta-lab create DIR");
     }
     folder_ = fs::canonical(folder_);
+    for (const fs::path &path : {folder_, folder_ / marker_name}) {
+        if (!is_trusted(path)) {
+            throw Error(path.string() + " belongs to somebody else: programs of that lab would run as you");
+        }
+    }
 }
 
 Appliance Appliance::create(const fs::path &folder, const fs::path &product)
 {
     if (fs::exists(folder) && !fs::is_empty(folder)) {
         throw Error(folder.string() + " is not empty: name a new folder");
+    }
+    if (fs::exists(folder) && !is_trusted(fs::canonical(folder))) {
+        throw Error(folder.string() + " belongs to somebody else: name a new folder");
     }
     const fs::path from = product.empty() ? own_program_folder().parent_path() : product;
     fs::create_directories(folder);

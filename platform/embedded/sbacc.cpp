@@ -136,7 +136,7 @@ int open_to_read(const char *name)
 {
     char path[file_path_size];
     file_path(path, name);
-    Fd fd(open(path, O_RDONLY | O_CLOEXEC));
+    Fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (!fd) {
         return -errno;
     }

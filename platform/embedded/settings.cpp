@@ -154,7 +154,7 @@ void read_environment()
         for (char *c = name; *c != '\0'; ++c) {
             *c = static_cast<char>(toupper(static_cast<unsigned char>(*c)));
         }
-        if (const char *value = getenv(name)) {
+        if (const char *value = secure_getenv(name)) {
             set_value(row, name, value);
         }
     }
@@ -162,7 +162,7 @@ void read_environment()
 
 void load()
 {
-    const char *path = getenv(file_variable);
+    const char *path = secure_getenv(file_variable);
     read_file(path ? path : default_file);
     read_environment();
 }

@@ -3,6 +3,7 @@
 # usage: hardened.sh FILE...
 set -eu
 failed=0
+before=''
 
 complain()
 {
@@ -27,6 +28,15 @@ for file in "$@"; do
     if [ "$(uname -m)" = x86_64 ]; then
         echo "$code" | grep -q 'endbr64' || complain "$file" "no landing pads for indirect branches"
     fi
+    for folder in $(echo "$headers" | sed -n 's/.*(R[A-Z]*PATH).*\[\(.*\)\]$/\1:/p' | sed 's/:/ : /g'); do
+        case $folder in
+        :) [ "$before" != : ] || complain "$file" "searches the current folder for libraries" ;;
+        /* | \$ORIGIN*) ;;
+        *) complain "$file" "searches a folder below the current one for libraries: $folder" ;;
+        esac
+        before=$folder
+    done
+    before=''
     case $file in
     *.so*) echo "$headers" | grep -q 'NODELETE' || complain "$file" "can be unloaded, and leaves its descriptors and maps" ;;
     esac

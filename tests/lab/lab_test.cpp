@@ -5,6 +5,30 @@ using testing::HasSubstr;
 
 class Lab : public LabTest {};
 
+TEST_F(Lab, FoldersOfSomebodyElseAreNoLabs)
+{
+    const fs::path other = home / "other";
+    fs::create_directory(other);
+    if (geteuid() != 0 || chown(other.c_str(), 12345, 12345) != 0) {
+        return;  // only root can give a folder away
+    }
+    const Ran made = shell(lab() + " create " + other.string());
+    EXPECT_EQ(made.code, 1);
+    EXPECT_THAT(made.err, HasSubstr("belongs to somebody else"));
+    EXPECT_TRUE(fs::is_empty(other));
+    fs::copy(dir / "lab.conf", other / "lab.conf");
+    for (const char *planted : {"lab.conf", "."}) {
+        ASSERT_EQ(chown(other.c_str(), 0, 0), 0);
+        ASSERT_EQ(chown((other / "lab.conf").c_str(), 0, 0), 0);
+        ASSERT_EQ(chown((other / planted).c_str(), 12345, 12345), 0);
+        fs::create_directories(other / "below");
+        const Ran entered =
+            shell("cd " + (other / "below").string() + " && " + lab() + " exec CNT0 -- true");
+        EXPECT_NE(entered.code, 0);
+        EXPECT_THAT(entered.err, HasSubstr("belongs to somebody else"));
+    }
+}
+
 TEST_F(Lab, ControllersKnowWhoTheyAre)
 {
     for (int n = 0; n < 4; ++n) {

@@ -26,7 +26,7 @@ constexpr int seconds_between_reports = 10;
 // takes one lock at a time on a controller. Where the file can't be had it goes on without.
 class OneTaker {
 public:
-    OneTaker() : fd_(open(path().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
+    OneTaker() : fd_(open(path().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600))
     {
         if (fd_ >= 0) {
             // Held for one attempt; without it the attempt is made all the same.
@@ -159,7 +159,8 @@ void HeldCommandLock::release()
 // The process that holds the record lock, as "process 12 (backup)"; empty if nobody or unknown.
 std::string local_holder(const std::string &name)
 {
-    const int fd = open((std::string(local_lock_folder) + name).c_str(), O_WRONLY | O_CLOEXEC);
+    const int fd = open((std::string(local_lock_folder) + name).c_str(),
+                        O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     struct flock lock {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
