@@ -60,8 +60,8 @@ public:
 
     RestoredFiles finish()
     {
+        check_folders();
         for (const RestoredFile &file : files_.members) {
-            check_folders(file.member.path);
             if (file.member.kind == MemberKind::folder) {
                 files_.folders.insert_or_assign(file.member.path, file.member);
             }
@@ -113,13 +113,15 @@ private:
         return contents_.at(member.target);
     }
 
-    void check_folders(const std::string &path) const
+    // In the order of names, what is below a member comes first of all that begins with its name
+    // and a slash.
+    void check_folders() const
     {
-        for (std::size_t slash = path.find('/'); slash != std::string::npos;
-             slash = path.find('/', slash + 1)) {
-            const auto kind = kinds_.find(path.substr(0, slash));
-            if (kind != kinds_.end() && kind->second != MemberKind::folder) {
-                refuse("holds '" + path + "' below '" + kind->first + "', which is no folder");
+        for (const auto &[path, kind] : kinds_) {
+            const auto below = kinds_.lower_bound(path + "/");
+            if (kind != MemberKind::folder && below != kinds_.end() &&
+                below->first.starts_with(path + "/")) {
+                refuse("holds '" + below->first + "' below '" + path + "', which is no folder");
             }
         }
     }
