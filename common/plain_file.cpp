@@ -34,7 +34,7 @@ public:
     explicit operator bool() const { return fd_ >= 0; }
     void go_to(const char *part)
     {
-        const int next = openat(fd_, part, folder_flags);
+        const int next = above_standard(openat(fd_, part, folder_flags));
         const ErrnoKept keep;
         let_go();
         fd_ = next;
@@ -91,7 +91,7 @@ std::string take_part(const char **path)
 
 int open_plain_below(const char *folder, const char *path, int flags, mode_t mode)
 {
-    Folder at(open(folder, folder_flags));
+    Folder at(above_standard(open(folder, folder_flags)));
     std::string part = take_part(&path);
     while (at && *path != '\0') {
         at.go_to(part.c_str());
@@ -100,7 +100,8 @@ int open_plain_below(const char *folder, const char *path, int flags, mode_t mod
     if (!at) {
         return -1;
     }
-    const int fd = openat(at.get(), part.c_str(), (flags & ~O_TRUNC) | file_flags, mode);
+    const int fd =
+        above_standard(openat(at.get(), part.c_str(), (flags & ~O_TRUNC) | file_flags, mode));
     if (fd < 0) {
         return -1;
     }

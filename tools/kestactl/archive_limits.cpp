@@ -7,10 +7,8 @@
 
 #include "failure.h"
 
-namespace kestactl
-{
-namespace
-{
+namespace kestactl {
+namespace {
 
 [[noreturn]] void refuse_line(int number, const std::string &line)
 {

@@ -4,8 +4,7 @@
 
 #include <cstdint>
 
-namespace kestactl
-{
+namespace kestactl {
 
 struct ArchiveLimits {
     std::uint64_t bytes = std::uint64_t{4} << 30;  // unpacked

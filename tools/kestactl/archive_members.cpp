@@ -12,10 +12,8 @@
 
 #include "failure.h"
 
-namespace kestactl
-{
-namespace
-{
+namespace kestactl {
+namespace {
 
 using Reader = std::unique_ptr<::archive, decltype(&archive_read_free)>;
 
@@ -24,10 +22,9 @@ constexpr std::uint64_t longest_header = std::uint64_t{1} << 20;
 
 [[noreturn]] void fail_damaged(const std::string &name, const std::string &why)
 {
-    throw Failure(
-        Exit::no, "damaged-archive", name + " is damaged: " + why + ".",
-        "Nothing was taken from it. See 'kestactl verify' for a good copy, or use --from for the "
-        "other environment.");
+    throw Failure(Exit::no, "damaged-archive", name + " is damaged: " + why + ".",
+                  "Nothing was taken from it. See 'kestactl verify' for a good copy, or use --from for the "
+                  "other environment.");
 }
 
 [[noreturn]] void fail_damaged(const std::string &name, ::archive *reader)
@@ -74,9 +71,8 @@ Member member_of(archive_entry *entry, std::size_t number)
     Member member;
     member.path = plain(text_or_empty(archive_entry_pathname(entry)));
     member.kind = kind_of(entry);
-    member.target = member.kind == MemberKind::hard_link
-                        ? plain(text_or_empty(archive_entry_hardlink(entry)))
-                        : text_or_empty(archive_entry_symlink(entry));
+    member.target = member.kind == MemberKind::hard_link ? plain(text_or_empty(archive_entry_hardlink(entry)))
+                                                         : text_or_empty(archive_entry_symlink(entry));
     member.mode = archive_entry_perm(entry);
     member.owner = text_or_empty(archive_entry_uname(entry));
     member.group = text_or_empty(archive_entry_gname(entry));
@@ -91,8 +87,7 @@ Member member_of(archive_entry *entry, std::size_t number)
 
 // The unpacked bytes of an archive, on their way to the reader of its members. They are counted,
 // and their number is held against the limits, whatever the headers tell.
-class Unpacking
-{
+class Unpacking {
 public:
     explicit Unpacking(const Archive &archive)
         : archive_(archive), reader_(archive_read_new(), archive_read_free)
@@ -176,8 +171,7 @@ private:
 
 // Reads the members of what is unpacked. An exception does not pass through the functions of
 // libarchive: it is kept until they have returned.
-class MemberReader
-{
+class MemberReader {
 public:
     explicit MemberReader(const Archive &archive)
         : name_(archive.name), unpacking_(archive), reader_(archive_read_new(), archive_read_free)
@@ -204,8 +198,7 @@ public:
         std::size_t size = 0;
         la_int64_t offset = 0;
         int result;
-        while ((result = archive_read_data_block(reader_.get(), &piece, &size, &offset)) !=
-               ARCHIVE_EOF) {
+        while ((result = archive_read_data_block(reader_.get(), &piece, &size, &offset)) != ARCHIVE_EOF) {
             check(result);
             if (size > 0) {
                 take(static_cast<std::uint64_t>(offset), {static_cast<const char *>(piece), size});

@@ -11,8 +11,7 @@
 
 #include "archive_limits.h"
 
-namespace kestactl
-{
+namespace kestactl {
 
 enum class MemberKind { file, folder, link, hard_link, special };
 

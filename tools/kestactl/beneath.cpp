@@ -12,10 +12,8 @@
 #include <cstdint>
 #include <vector>
 
-namespace kestactl
-{
-namespace
-{
+namespace kestactl {
+namespace {
 
 constexpr int own_flags = O_CLOEXEC | O_NOFOLLOW | O_NOCTTY;
 constexpr int folder_flags = O_PATH | O_DIRECTORY;
@@ -54,8 +52,7 @@ std::string join(const Parts &parts)
 bool is_link(int folder, const std::string &name)
 {
     struct stat status;
-    return fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-           S_ISLNK(status.st_mode);
+    return fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode);
 }
 
 Descriptor open_in(int folder, const std::string &name, int flags)
@@ -77,10 +74,7 @@ Descriptor open_by_steps(int root, const Parts &parts, int flags)
     return at ? open_in(at.get(), parts.empty() ? "." : parts.back(), flags) : Descriptor();
 }
 
-bool belongs_to_root(const struct stat &status)
-{
-    return status.st_uid == 0 || status.st_uid == geteuid();
-}
+bool belongs_to_root(const struct stat &status) { return status.st_uid == 0 || status.st_uid == geteuid(); }
 
 // Where a link leads that only root can have made.
 std::optional<std::string> trusted_link(const Entry &entry)
@@ -111,19 +105,16 @@ Parts put_before(const std::string &text, const Parts &left)
 // Whether the kernel has no such call, or somebody keeps it from us.
 bool is_unknown_call(int error)
 {
-    return error == ENOSYS || error == EPERM || error == EINVAL || error == E2BIG ||
-           error == EAGAIN;
+    return error == ENOSYS || error == EPERM || error == EINVAL || error == E2BIG || error == EAGAIN;
 }
 
 Descriptor open_by_kernel(int root, const Parts &parts, int flags)
 {
-    struct open_how how {
-    };
+    struct open_how how {};
     how.flags = static_cast<std::uint64_t>(static_cast<unsigned>(flags | own_flags));
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
     const std::string path = parts.empty() ? "." : join(parts);
-    return Descriptor(
-        static_cast<int>(syscall(SYS_openat2, root, path.c_str(), &how, sizeof(how))));
+    return Descriptor(static_cast<int>(syscall(SYS_openat2, root, path.c_str(), &how, sizeof(how))));
 }
 
 bool is_own(const struct stat &status) { return status.st_uid == geteuid(); }
@@ -237,8 +228,7 @@ bool stat_of(const Entry &entry, struct stat &status)
 std::optional<std::string> link_text(const Entry &entry)
 {
     std::array<char, PATH_MAX> text{};
-    const ssize_t length =
-        readlinkat(entry.folder.get(), entry.name.c_str(), text.data(), text.size());
+    const ssize_t length = readlinkat(entry.folder.get(), entry.name.c_str(), text.data(), text.size());
     if (length < 0) {
         return std::nullopt;
     }
@@ -276,8 +266,8 @@ Descriptor open_itself(const Entry &entry, struct stat &status)
 
 Descriptor make_file(const Entry &entry)
 {
-    return Descriptor(openat(entry.folder.get(), entry.name.c_str(),
-                             O_RDWR | O_CREAT | O_EXCL | own_flags, static_cast<mode_t>(0600)));
+    return Descriptor(openat(entry.folder.get(), entry.name.c_str(), O_RDWR | O_CREAT | O_EXCL | own_flags,
+                             static_cast<mode_t>(0600)));
 }
 
 Descriptor make_folder(const Entry &entry)
@@ -317,8 +307,7 @@ bool make_name(const Entry &entry, const Descriptor &file)
         return false;
     }
     const std::string path = "/proc/self/fd/" + std::to_string(file.get());
-    return linkat(AT_FDCWD, path.c_str(), entry.folder.get(), entry.name.c_str(),
-                  AT_SYMLINK_FOLLOW) == 0;
+    return linkat(AT_FDCWD, path.c_str(), entry.folder.get(), entry.name.c_str(), AT_SYMLINK_FOLLOW) == 0;
 }
 
 bool take_place(const Entry &entry, const std::string &from)

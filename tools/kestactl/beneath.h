@@ -12,11 +12,9 @@
 #include <string>
 #include <utility>
 
-namespace kestactl
-{
+namespace kestactl {
 
-class Descriptor
-{
+class Descriptor {
 public:
     Descriptor() = default;
     explicit Descriptor(int fd) : fd_(fd) {}
@@ -53,8 +51,7 @@ struct FileNumber {
     bool operator==(const FileNumber &) const = default;
 };
 
-class Beneath
-{
+class Beneath {
 public:
     // The kernel resolves a path in one call, where it can; otherwise it is walked folder by
     // folder.

@@ -17,17 +17,14 @@
 #include "saved_files.h"
 #include "whole_file.h"
 
-namespace kestactl
-{
-namespace
-{
+namespace kestactl {
+namespace {
 
 namespace fs = std::filesystem;
 
 using EntryPtr = std::unique_ptr<archive_entry, decltype(&archive_entry_free)>;
 
-class ArchiveWriter
-{
+class ArchiveWriter {
 public:
     ArchiveWriter(const std::string &path, const std::function<void()> &check)
         : path_(path),
@@ -86,14 +83,13 @@ private:
     {
         bytes_ += member.size;
         if (bytes_ > limits_.bytes || ++members_ > limits_.members) {
-            throw Failure(
-                Exit::no, "archive-too-large",
-                "With /" + member.path + " the archive would hold more than " +
-                    (bytes_ > limits_.bytes ? std::to_string(limits_.bytes) + " bytes."
-                                            : std::to_string(limits_.members) + " members."),
-                std::string("It could not be restored. Take it out, or raise ") +
-                    (bytes_ > limits_.bytes ? "archive_bytes in " : "archive_members in ") +
-                    archive_limits_file + ".");
+            throw Failure(Exit::no, "archive-too-large",
+                          "With /" + member.path + " the archive would hold more than " +
+                              (bytes_ > limits_.bytes ? std::to_string(limits_.bytes) + " bytes."
+                                                      : std::to_string(limits_.members) + " members."),
+                          std::string("It could not be restored. Take it out, or raise ") +
+                              (bytes_ > limits_.bytes ? "archive_bytes in " : "archive_members in ") +
+                              archive_limits_file + ".");
         }
     }
     // As much as the header has told; whether the file was changed meanwhile is seen when it is
@@ -103,8 +99,7 @@ private:
         for (std::uint64_t at = 0; at < member.size;) {
             check_();
             ssize_t got;
-            while ((got = pread(contents.get(), piece_.data(), piece_.size(),
-                                static_cast<off_t>(at))) < 0 &&
+            while ((got = pread(contents.get(), piece_.data(), piece_.size(), static_cast<off_t>(at))) < 0 &&
                    errno == EINTR) {
             }
             if (got < 0) {
@@ -130,10 +125,10 @@ private:
     [[noreturn]] void fail_writing()
     {
         const char *why = archive_error_string(writer_.get());
-        throw Failure(Exit::platform, "archive-failed",
-                      std::string("The archive could not be made: ") +
-                          (why ? why : "it can't be written") + ".",
-                      "Check the space of " + fs::path(path_).parent_path().string() + ".");
+        throw Failure(
+            Exit::platform, "archive-failed",
+            std::string("The archive could not be made: ") + (why ? why : "it can't be written") + ".",
+            "Check the space of " + fs::path(path_).parent_path().string() + ".");
     }
 
     const std::string &path_;
@@ -146,8 +141,8 @@ private:
     std::uint64_t members_ = 0;
 };
 
-void require_restorable(const KESTA_BACKUP_FILE &definition, const GroupPaths &paths,
-                        const std::string &path, const std::function<void()> &look)
+void require_restorable(const KESTA_BACKUP_FILE &definition, const GroupPaths &paths, const std::string &path,
+                        const std::function<void()> &look)
 {
     const Archive archive{read_whole_file(path), "The new archive", archive_limits(), look};
     const RestoredFiles files = choose_files(archive, definition, paths);
@@ -171,8 +166,7 @@ std::vector<std::string> collect(const KESTA_BACKUP_FILE &definition)
         }
     });
     if (files.empty()) {
-        throw Failure(Exit::no, "no-files", "The group has no files to save.",
-                      "See 'kestactl group show'.");
+        throw Failure(Exit::no, "no-files", "The group has no files to save.", "See 'kestactl group show'.");
     }
     return files;
 }
@@ -184,10 +178,9 @@ void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path,
     remove_quietly(path);  // of a run that was cut short; making it tells
     try {
         ArchiveWriter writer(path, look);
-        for_each_saved(definition, paths,
-                       [&writer](const Member &member, const Descriptor &contents) {
-                           writer.add(member, contents);
-                       });
+        for_each_saved(definition, paths, [&writer](const Member &member, const Descriptor &contents) {
+            writer.add(member, contents);
+        });
         writer.finish();
         require_restorable(definition, paths, path, look);
     } catch (const std::exception &) {

@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace kestactl
-{
+namespace kestactl {
 
 // Looks at everything that would be saved. Returns the group's paths that are there, relative to
 // the root. Throws Failure: a file is missing (where the group's operation does not allow that), or

@@ -15,17 +15,14 @@
 #include "failure.h"
 #include "group_paths.h"
 
-namespace kestactl
-{
-namespace
-{
+namespace kestactl {
+namespace {
 
 constexpr mode_t mode_bits = 07777;
 constexpr long lowest_mode = 1;
 constexpr long highest_mode = 777;
 
-[[noreturn]] void fail_apply(const std::string &path, const std::string &what,
-                             const std::string &hint)
+[[noreturn]] void fail_apply(const std::string &path, const std::string &what, const std::string &hint)
 {
     throw Failure(Exit::platform, "apply-failed",
                   path + " " + what + "; the files before it in the definition are done.", hint);
@@ -76,15 +73,13 @@ std::optional<mode_t> wanted_mode(const char *text)
 
 struct Found {
     Descriptor thing;
-    struct stat status {
-    };
+    struct stat status {};
     bool gone = false;
 };
 
 [[noreturn]] void refuse_link(const std::string &path)
 {
-    throw Failure(Exit::no, "wrong-kind",
-                  path + " is, or lies behind, a link that root alone did not make.",
+    throw Failure(Exit::no, "wrong-kind", path + " is, or lies behind, a link that root alone did not make.",
                   "It is not followed. Move it away, or name the real path in the definition.");
 }
 
@@ -96,10 +91,9 @@ void check_names(const std::string &path, const Entry &entry, const struct stat 
                                 (folder.st_uid == 0 || folder.st_uid == geteuid()) &&
                                 (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0;
     if (S_ISREG(file.st_mode) && file.st_nlink > 1 && !private_folder) {
-        throw Failure(
-            Exit::no, "wrong-kind",
-            path + " has more than one name, and others can write to its folder.",
-            "It may be another file's second name. Copy it, and put the copy in its place.");
+        throw Failure(Exit::no, "wrong-kind",
+                      path + " has more than one name, and others can write to its folder.",
+                      "It may be another file's second name. Copy it, and put the copy in its place.");
     }
 }
 
@@ -123,8 +117,7 @@ Found find(const KESTA_BACKUP_FILE_PATH &file, bool may_be_gone)
             found.gone = true;
             return found;
         }
-        throw Failure(Exit::no, "file-missing",
-                      "There is no " + path + ": " + strerror(error) + ".",
+        throw Failure(Exit::no, "file-missing", "There is no " + path + ": " + strerror(error) + ".",
                       "Restore it first; only in a group with operation=\"addremove\" may files "
                       "be gone.");
     }
@@ -162,8 +155,7 @@ void put_link(const std::string &link, const std::string &target)
     }
     struct stat status;
     if (stat_of(entry, status) && S_ISDIR(status.st_mode)) {
-        fail_apply(link, "is a folder, and is to be a link to " + target,
-                   "Move it away, and apply again.");
+        fail_apply(link, "is a folder, and is to be a link to " + target, "Move it away, and apply again.");
     }
     Entry aside{Descriptor(fcntl(entry.folder.get(), F_DUPFD_CLOEXEC, 3)), staged_name(entry.name)};
     (void)remove(aside, aside.name);  // of a run that was cut short; making it tells
@@ -175,8 +167,8 @@ void put_link(const std::string &link, const std::string &target)
     }
 }
 
-void add_id_change(std::vector<std::string> &changes, const char *what, const char *wanted,
-                   unsigned is_now, bool is_user)
+void add_id_change(std::vector<std::string> &changes, const char *what, const char *wanted, unsigned is_now,
+                   bool is_user)
 {
     const std::optional<unsigned> id = wanted_id(wanted, is_user);
     if (*wanted == '\0' || id == is_now) {
@@ -202,9 +194,8 @@ unsigned require_id(const KESTA_BACKUP_FILE_PATH &file, const char *text, bool i
 std::span<const KESTA_BACKUP_FILE_PATH> files_of(const KESTA_BACKUP_FILE &definition)
 {
     const std::span<const KESTA_BACKUP_FILE_PATH> all(definition.setfile);
-    const auto end = std::find_if(all.begin(), all.end(), [](const KESTA_BACKUP_FILE_PATH &file) {
-        return file.pathname[0] == '\0';
-    });
+    const auto end = std::find_if(
+        all.begin(), all.end(), [](const KESTA_BACKUP_FILE_PATH &file) { return file.pathname[0] == '\0'; });
     return all.first(static_cast<std::size_t>(end - all.begin()));
 }
 
@@ -241,12 +232,10 @@ void apply_properties(const KESTA_BACKUP_FILE_PATH &file, bool may_be_gone)
             put_link(link, file.pathname);
         }
     }
-    if (file.owner[0] != '\0' &&
-        !set_owner(found.thing, require_id(file, file.owner, true), unchanged)) {
+    if (file.owner[0] != '\0' && !set_owner(found.thing, require_id(file, file.owner, true), unchanged)) {
         fail_errno(file.pathname, "given to its owner");
     }
-    if (file.group[0] != '\0' &&
-        !set_owner(found.thing, unchanged, require_id(file, file.group, false))) {
+    if (file.group[0] != '\0' && !set_owner(found.thing, unchanged, require_id(file, file.group, false))) {
         fail_errno(file.pathname, "given to its group");
     }
     if (file.filemode[0] == '\0') {
@@ -254,9 +243,8 @@ void apply_properties(const KESTA_BACKUP_FILE_PATH &file, bool may_be_gone)
     }
     const std::optional<mode_t> mode = wanted_mode(file.filemode);
     if (!mode) {
-        fail_apply(
-            file.pathname, std::string("is to have the mode ") + file.filemode + ", which is none",
-            "A mode has digits only, and is from 1 to 777. Mend its entry, and apply again.");
+        fail_apply(file.pathname, std::string("is to have the mode ") + file.filemode + ", which is none",
+                   "A mode has digits only, and is from 1 to 777. Mend its entry, and apply again.");
     }
     if (!set_mode(found.thing, *mode)) {
         fail_errno(file.pathname, "given its mode");

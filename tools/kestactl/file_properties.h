@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace kestactl
-{
+namespace kestactl {
 
 // The files of a definition that count: those before the first empty path.
 std::span<const KESTA_BACKUP_FILE_PATH> files_of(const KESTA_BACKUP_FILE &definition);

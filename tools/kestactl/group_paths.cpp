@@ -10,11 +10,10 @@
 #include <filesystem>
 
 #include "failure.h"
+#include "whole_file.h"
 
-namespace kestactl
-{
-namespace
-{
+namespace kestactl {
+namespace {
 
 namespace fs = std::filesystem;
 
@@ -23,23 +22,17 @@ constexpr std::size_t kept_of_long_name = 200;
 
 std::string name_of(const std::string &path) { return path.substr(path.rfind('/') + 1); }
 
-bool is_staged_name(const std::string &name)
-{
-    return name.starts_with('.') && name.ends_with(staged_end);
-}
+bool is_staged_name(const std::string &name) { return name.starts_with('.') && name.ends_with(staged_end); }
 
 bool has_long_name(const std::string &path)
 {
     const fs::path parts = path;
-    return path.size() >= PATH_MAX ||
-           std::any_of(parts.begin(), parts.end(),
-                       [](const fs::path &part) { return part.native().size() > NAME_MAX; });
+    return path.size() >= PATH_MAX || std::any_of(parts.begin(), parts.end(), [](const fs::path &part) {
+               return part.native().size() > NAME_MAX;
+           });
 }
 
-bool climbs(const fs::path &path)
-{
-    return std::find(path.begin(), path.end(), "..") != path.end();
-}
+bool climbs(const fs::path &path) { return std::find(path.begin(), path.end(), "..") != path.end(); }
 
 // Whether each ".." stands before all names: what a link in the middle makes of it can't be seen
 // otherwise.
@@ -94,16 +87,15 @@ bool is_within(const std::string &path, const std::string &folder)
 std::string fault_of_path(const std::string &text)
 {
     const fs::path path = text;
-    const bool plain = path.is_absolute() && path.lexically_normal() == path &&
-                       path.has_relative_path() && path.has_filename();
+    const bool plain = path.is_absolute() && path.lexically_normal() == path && path.has_relative_path() &&
+                       path.has_filename();
     return plain ? "" : "can't be archived: it is not absolute, or has '..', '.' or a slash at the end";
 }
 
 void check_file_path(const std::string &text)
 {
     if (!fault_of_path(text).empty()) {
-        throw Failure(Exit::no, "bad-path",
-                      "The definition names '" + text + "', which can't be archived.",
+        throw Failure(Exit::no, "bad-path", "The definition names '" + text + "', which can't be archived.",
                       "Paths are absolute, without '..', '.' or a slash at the end: mend the "
                       "definition, 'kestactl group check' shows the line.");
     }
@@ -112,8 +104,7 @@ void check_file_path(const std::string &text)
 std::string staged_name(const std::string &name)
 {
     const bool fits = name.size() + 1 + strlen(staged_end) <= NAME_MAX;
-    return "." + (fits ? name : name.substr(0, kept_of_long_name) + "." + fingerprint(name)) +
-           staged_end;
+    return "." + (fits ? name : name.substr(0, kept_of_long_name) + "." + fingerprint(name)) + staged_end;
 }
 
 GroupPaths::GroupPaths(const KESTA_BACKUP_FILE &definition, const std::string &only)
@@ -129,13 +120,11 @@ GroupPaths::GroupPaths(const KESTA_BACKUP_FILE &definition, const std::string &o
         wanted_ = all_;
         return;
     }
-    const bool is_plain =
-        fs::path(only).is_absolute() && fs::path(only).lexically_normal() == fs::path(only);
+    const bool is_plain = fs::path(only).is_absolute() && fs::path(only).lexically_normal() == fs::path(only);
     const std::string path = is_plain ? only.substr(1) : "";
     if (!contains(path)) {
-        throw Failure(
-            Exit::no, "not-of-the-group", "The group has no path " + only + ".",
-            "--only takes one of its paths, or one below them: see 'kestactl group show'.");
+        throw Failure(Exit::no, "not-of-the-group", "The group has no path " + only + ".",
+                      "--only takes one of its paths, or one below them: see 'kestactl group show'.");
     }
     wanted_.push_back(path);
 }
@@ -205,22 +194,23 @@ std::string GroupPlaces::place_of(const std::string &path) const
     if (nearest) {
         return places_.at(*nearest) + path.substr(nearest->size());
     }
-    return (fs::path(root_.settled(fs::path(path).parent_path().string())) / name_of(path))
-        .string();
+    return (fs::path(root_.settled(fs::path(path).parent_path().string())) / name_of(path)).string();
 }
 
 Entry GroupPlaces::entry(const std::string &path) const
 {
     const std::string place = place_of(path);
     Entry entry = root_.entry(place);
+    if (!entry && errno != ENOENT && errno != ELOOP && errno != ENOTDIR) {
+        fail_file("/" + path, "reached");
+    }
     if (!entry && errno != ENOENT) {
         const std::string obstacle = root_.obstacle(place);
-        throw Failure(
-            Exit::no, "wrong-kind",
-            (obstacle.empty() ? "The way to /" + path : obstacle) +
-                " is no folder of root's, and /" + path + " is below it.",
-            "Links are followed to a group's paths only where root alone can have made them, and "
-            "not below them. Move it away, or name the real path in the definition.");
+        throw Failure(Exit::no, "wrong-kind",
+                      (obstacle.empty() ? "The way to /" + path : obstacle) +
+                          " is no folder of root's, and /" + path + " is below it.",
+                      "Links are followed to a group's paths only where root alone can have made them, and "
+                      "not below them. Move it away, or name the real path in the definition.");
     }
     return entry;
 }

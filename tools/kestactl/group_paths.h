@@ -11,12 +11,10 @@
 #include "archive_members.h"
 #include "beneath.h"
 
-namespace kestactl
-{
+namespace kestactl {
 
 // Paths are those of archives: relative to the root.
-class GroupPaths
-{
+class GroupPaths {
 public:
     // Of these, what lies at or below one path is wanted; with an empty one, all of them. Throws
     // Failure: a path that can't be archived, or one that is not the group's.
@@ -43,8 +41,7 @@ private:
 
 // Where a group's paths lie: an operator may have moved a folder on the way to one, and left a
 // link. Below the path itself no link is followed.
-class GroupPlaces
-{
+class GroupPlaces {
 public:
     explicit GroupPlaces(const GroupPaths &paths);
 

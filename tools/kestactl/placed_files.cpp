@@ -10,10 +10,8 @@
 #include "failure.h"
 #include "whole_file.h"
 
-namespace kestactl
-{
-namespace
-{
+namespace kestactl {
+namespace {
 
 namespace fs = std::filesystem;
 
@@ -40,8 +38,7 @@ const Member *recorded_folder(const std::string &path, const RestoredFiles &file
 void make_one_folder(const Entry &entry, const std::string &path, const Member *recorded)
 {
     const Descriptor folder = make_folder(entry);
-    const bool made = folder &&
-                      (!recorded || set_owner(folder, owner_of(*recorded), group_of(*recorded))) &&
+    const bool made = folder && (!recorded || set_owner(folder, owner_of(*recorded), group_of(*recorded))) &&
                       set_mode(folder, recorded ? recorded->mode : folder_mode);
     if (!made) {
         fail_file("/" + path, "made");
@@ -85,8 +82,7 @@ void write_piece(int fd, std::uint64_t offset, std::string_view piece, const std
     }
 }
 
-void stage_file(const Entry &staged, const RestoredFile &file, const ReadMember &read,
-                FileChanges &changes)
+void stage_file(const Entry &staged, const RestoredFile &file, const ReadMember &read, FileChanges &changes)
 {
     const Member &member = file.member;
     const std::string path = file.path();
@@ -94,14 +90,12 @@ void stage_file(const Entry &staged, const RestoredFile &file, const ReadMember 
     if (!fd) {
         fail_file(path, "written beside the old one");
     }
-    read([&](std::uint64_t offset, std::string_view piece) {
-        write_piece(fd.get(), offset, piece, path);
-    });
+    read([&](std::uint64_t offset, std::string_view piece) { write_piece(fd.get(), offset, piece, path); });
     struct stat status;
     const bool whole = ftruncate(fd.get(), static_cast<off_t>(member.size)) == 0 &&
-                       set_owner(fd, owner_of(member), group_of(member)) &&
-                       set_mode(fd, member.mode) && set_modified(fd, member.modified) &&
-                       fsync(fd.get()) == 0 && fstat(fd.get(), &status) == 0 && fd.close();
+                       set_owner(fd, owner_of(member), group_of(member)) && set_mode(fd, member.mode) &&
+                       set_modified(fd, member.modified) && fsync(fd.get()) == 0 &&
+                       fstat(fd.get(), &status) == 0 && fd.close();
     if (!whole) {
         fail_file(path, "written beside the old one");
     }
@@ -174,8 +168,7 @@ void adjust(const RestoredFile &file, const FileChanges &changes, const GroupPla
                              : is_link ? open_itself(entry, status)
                                        : open_plain(entry, status);
     const auto known = changes.known.find(file.path());
-    const bool same = thing && known != changes.known.end() &&
-                      known->second == FileNumber(status) &&
+    const bool same = thing && known != changes.known.end() && known->second == FileNumber(status) &&
                       (member.kind != MemberKind::file || status.st_nlink == 1);
     if (!same) {
         fail_changed(file.path());
@@ -192,8 +185,7 @@ void flush_folders(const FileChanges &changes, const GroupPlaces &places)
     std::set<std::string> flushed;
     for (const std::set<std::string> *paths : {&changes.replaced, &changes.removed}) {
         for (const std::string &path : *paths) {
-            const std::string folder =
-                fs::path(places.place_of(relative(path))).parent_path().string();
+            const std::string folder = fs::path(places.place_of(relative(path))).parent_path().string();
             if (!flushed.insert(folder).second) {
                 continue;
             }

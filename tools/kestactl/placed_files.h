@@ -6,8 +6,7 @@
 
 #include "restored_files.h"
 
-namespace kestactl
-{
+namespace kestactl {
 
 // Puts what is replaced beside the old ones, whole and flushed. Nothing that is in use has changed
 // then. Throws Failure, and leaves nothing behind.

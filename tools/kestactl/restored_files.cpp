@@ -12,15 +12,12 @@
 #include "group_definition.h"
 #include "whole_file.h"
 
-namespace kestactl
-{
-namespace
-{
+namespace kestactl {
+namespace {
 
 // ------------------------------------------------------------------------------- what is chosen
 
-class Choice
-{
+class Choice {
 public:
     Choice(const Archive &archive, const GroupPaths &paths) : archive_(archive), paths_(paths) {}
 
@@ -60,8 +57,8 @@ public:
 
     RestoredFiles finish()
     {
+        check_folders();
         for (const RestoredFile &file : files_.members) {
-            check_folders(file.member.path);
             if (file.member.kind == MemberKind::folder) {
                 files_.folders.insert_or_assign(file.member.path, file.member);
             }
@@ -73,8 +70,7 @@ public:
 private:
     [[noreturn]] void refuse(const std::string &what) const
     {
-        throw Failure(Exit::no, "unsafe-archive",
-                      archive_.name + " " + what + ": nothing was taken from it.",
+        throw Failure(Exit::no, "unsafe-archive", archive_.name + " " + what + ": nothing was taken from it.",
                       "It was not made by 'kestactl save'. Restore the other environment with "
                       "--from, or save "
                       "this controller's again.");
@@ -113,13 +109,14 @@ private:
         return contents_.at(member.target);
     }
 
-    void check_folders(const std::string &path) const
+    // In the order of names, what is below a member comes first of all that begins with its name
+    // and a slash.
+    void check_folders() const
     {
-        for (std::size_t slash = path.find('/'); slash != std::string::npos;
-             slash = path.find('/', slash + 1)) {
-            const auto kind = kinds_.find(path.substr(0, slash));
-            if (kind != kinds_.end() && kind->second != MemberKind::folder) {
-                refuse("holds '" + path + "' below '" + kind->first + "', which is no folder");
+        for (const auto &[path, kind] : kinds_) {
+            const auto below = kinds_.lower_bound(path + "/");
+            if (kind != MemberKind::folder && below != kinds_.end() && below->first.starts_with(path + "/")) {
+                refuse("holds '" + below->first + "' below '" + path + "', which is no folder");
             }
         }
     }
@@ -165,8 +162,7 @@ private:
 struct Present {
     Entry entry;
     bool exists = false;
-    struct stat status {
-    };
+    struct stat status {};
 };
 
 Present look_at(const std::string &path, const GroupPlaces &places)
@@ -182,14 +178,10 @@ Present look_at(const std::string &path, const GroupPlaces &places)
 
 bool is_folder(const Present &present) { return present.exists && S_ISDIR(present.status.st_mode); }
 
-bool is_zeros(std::string_view text)
-{
-    return text.find_first_not_of('\0') == std::string_view::npos;
-}
+bool is_zeros(std::string_view text) { return text.find_first_not_of('\0') == std::string_view::npos; }
 
 // Holds a file against pieces of contents, in their order.
-class Comparison
-{
+class Comparison {
 public:
     explicit Comparison(int fd) : fd_(fd) {}
 
@@ -220,8 +212,7 @@ private:
     {
         const std::size_t size = std::min<std::uint64_t>(most, piece_.size());
         ssize_t got;
-        while ((got = pread(fd_, piece_.data(), size, static_cast<off_t>(at_))) < 0 &&
-               errno == EINTR) {
+        while ((got = pread(fd_, piece_.data(), size, static_cast<off_t>(at_))) < 0 && errno == EINTR) {
         }
         at_ += got > 0 ? static_cast<std::uint64_t>(got) : 0;
         return {piece_.data(), got > 0 ? static_cast<std::size_t>(got) : 0};
@@ -233,8 +224,7 @@ private:
     std::array<char, 1 << 16> piece_{};
 };
 
-class Changes
-{
+class Changes {
 public:
     Changes(FileChanges &changes, const GroupPlaces &places) : changes_(changes), places_(places) {}
 
@@ -252,9 +242,7 @@ public:
             fail_file(file.path(), "opened");
         }
         Comparison comparison(fd.get());
-        read([&comparison](std::uint64_t offset, std::string_view piece) {
-            comparison.take(offset, piece);
-        });
+        read([&comparison](std::uint64_t offset, std::string_view piece) { comparison.take(offset, piece); });
         if (!comparison.ends_at(file.member.size)) {
             changes_.replaced.insert(file.path());
             return;
@@ -289,9 +277,8 @@ private:
     {
         Present present = look_at(file.member.path, places_);
         if (present.exists && is_folder(present) != (file.member.kind == MemberKind::folder)) {
-            refuse_place(file.path(), is_folder(present)
-                                          ? "is a folder here, and no folder in the archive"
-                                          : "is no folder here, and a folder in the archive");
+            refuse_place(file.path(), is_folder(present) ? "is a folder here, and no folder in the archive"
+                                                         : "is no folder here, and a folder in the archive");
         }
         return present;
     }
@@ -302,8 +289,7 @@ private:
             return true;
         }
         if (file.member.kind == MemberKind::link) {
-            return S_ISLNK(present.status.st_mode) &&
-                   link_text(present.entry) == file.member.target;
+            return S_ISLNK(present.status.st_mode) && link_text(present.entry) == file.member.target;
         }
         // A second name of a file that is replaced would keep the old one.
         const std::string first = "/" + file.member.target;
@@ -330,19 +316,17 @@ RestoredFiles choose_files(const Archive &archive, const KESTA_BACKUP_FILE &defi
                            const GroupPaths &paths)
 {
     Choice choice(archive, paths);
-    for_each_member(archive,
-                    [&choice](const Member &member, const ReadMember &) { choice.visit(member); });
+    for_each_member(archive, [&choice](const Member &member, const ReadMember &) { choice.visit(member); });
     RestoredFiles files = choice.finish();
     for (const std::string &wanted : paths.wanted()) {
-        const bool there = std::any_of(
-            files.members.begin(), files.members.end(),
-            [&wanted](const RestoredFile &file) { return is_within(file.member.path, wanted); });
+        const bool there =
+            std::any_of(files.members.begin(), files.members.end(),
+                        [&wanted](const RestoredFile &file) { return is_within(file.member.path, wanted); });
         if (!there && !may_be_gone(definition)) {
-            throw Failure(
-                Exit::no, "not-in-archive",
-                archive.name + " has no /" + wanted + ": nothing was changed.",
-                "The definition is newer than the archive. Restore other paths with --only, or "
-                "save the group again.");
+            throw Failure(Exit::no, "not-in-archive",
+                          archive.name + " has no /" + wanted + ": nothing was changed.",
+                          "The definition is newer than the archive. Restore other paths with --only, or "
+                          "save the group again.");
         }
         if (!there) {
             files.removed.push_back("/" + wanted);
@@ -368,8 +352,7 @@ void for_each_file(const Archive &archive, const RestoredFiles &files,
     });
 }
 
-FileChanges compare_files(const Archive &archive, const RestoredFiles &files,
-                          const GroupPlaces &places)
+FileChanges compare_files(const Archive &archive, const RestoredFiles &files, const GroupPlaces &places)
 {
     FileChanges changes;
     Changes compared(changes, places);

@@ -12,8 +12,7 @@
 #include "beneath.h"
 #include "group_paths.h"
 
-namespace kestactl
-{
+namespace kestactl {
 
 // A member, and whose contents it gets: a second name of a file that is not restored itself becomes
 // a file of its own.
@@ -26,11 +25,10 @@ struct RestoredFile {
 
 // What of an archive is put back.
 struct RestoredFiles {
-    std::vector<RestoredFile> members;  // of the definition's paths, each path once, folders first
-    std::map<std::string, Member>
-        folders;  // of these, and what leads to them, for their owners and modes
-    std::vector<std::string> removed;  // absolute paths that were gone when the archive was made
-    std::size_t foreign = 0;           // members of other paths: left alone
+    std::vector<RestoredFile> members;      // of the definition's paths, each path once, folders first
+    std::map<std::string, Member> folders;  // of these, and what leads to them, for their owners and modes
+    std::vector<std::string> removed;       // absolute paths that were gone when the archive was made
+    std::size_t foreign = 0;                // members of other paths: left alone
 };
 
 // Chooses the members of a definition's paths, or of what lies at and below one path of them.
@@ -52,8 +50,7 @@ struct FileChanges {
 
 // Compares, and looks whether each place may be written: a file where a folder is to be, or a path
 // that leads through a link, is refused. Throws Failure.
-FileChanges compare_files(const Archive &archive, const RestoredFiles &files,
-                          const GroupPlaces &places);
+FileChanges compare_files(const Archive &archive, const RestoredFiles &files, const GroupPlaces &places);
 
 // A member's contents are given to each file that gets them. Throws Failure.
 void for_each_file(const Archive &archive, const RestoredFiles &files,

@@ -18,10 +18,8 @@
 #include "group_definition.h"
 #include "whole_file.h"
 
-namespace kestactl
-{
-namespace
-{
+namespace kestactl {
+namespace {
 
 namespace fs = std::filesystem;
 
@@ -75,8 +73,7 @@ std::vector<std::string> names_in(const Descriptor &folder, const std::string &p
     return found;
 }
 
-class Walk
-{
+class Walk {
 public:
     Walk(const KESTA_BACKUP_FILE &definition, const GroupPaths &paths, const VisitSaved &visit)
         : definition_(definition), paths_(paths), places_(paths), visit_(visit)
@@ -110,8 +107,7 @@ private:
         if (errno == ENOENT && may_be_gone(definition_)) {
             return false;
         }
-        throw Failure(Exit::no, "file-missing",
-                      "There is no /" + path + ": " + strerror(errno) + ".",
+        throw Failure(Exit::no, "file-missing", "There is no /" + path + ": " + strerror(errno) + ".",
                       "The group names it: put it back, or take it out of the definition. Only in "
                       "a group with operation=\"addremove\" may files be gone.");
     }
@@ -203,8 +199,7 @@ private:
 
 }  // namespace
 
-void for_each_saved(const KESTA_BACKUP_FILE &definition, const GroupPaths &paths,
-                    const VisitSaved &visit)
+void for_each_saved(const KESTA_BACKUP_FILE &definition, const GroupPaths &paths, const VisitSaved &visit)
 {
     Walk(definition, paths, visit).walk();
 }

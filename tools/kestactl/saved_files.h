@@ -10,8 +10,7 @@
 #include "beneath.h"
 #include "group_paths.h"
 
-namespace kestactl
-{
+namespace kestactl {
 
 // Takes a member, and its open file where it has contents.
 using VisitSaved = std::function<void(const Member &, const Descriptor &file)>;
@@ -19,7 +18,6 @@ using VisitSaved = std::function<void(const Member &, const Descriptor &file)>;
 // Visits the folders that lead to the group's paths, for their owners and modes, and then each path
 // with what is in it, in the order of their names. Throws Failure: a file is missing (where the
 // group's operation does not allow that), or could not be restored.
-void for_each_saved(const KESTA_BACKUP_FILE &definition, const GroupPaths &paths,
-                    const VisitSaved &visit);
+void for_each_saved(const KESTA_BACKUP_FILE &definition, const GroupPaths &paths, const VisitSaved &visit);
 
 }  // namespace kestactl
