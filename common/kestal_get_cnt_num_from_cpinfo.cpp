@@ -8,6 +8,7 @@
 #include <array>
 #include <utility>
 
+#include "command_environment.h"
 #include "command_pipe.h"
 #include "controller_state.h"
 #include "kesta/controller.h"
@@ -39,6 +40,7 @@ PipePtr::PipePtr(const char *command)
 {
     MutexGuard guard(popen_mutex);
     const StandardDescriptorsTaken taken;
+    settle_command_environment();
     stream_ = popen(command, "r");
     if (stream_) {
         const int before = errno;

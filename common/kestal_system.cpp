@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "child_process.h"
+#include "command_environment.h"
 #include "kesta/alloc.h"
 #include "kesta/process.h"
 #include "ownership.h"
@@ -84,6 +85,7 @@ int kestal_alloc_envblk(char **block, const char *event, const char *platform_st
         TRACE(1, "[alloc_envblk] Argument ERROR(block=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
+    kesta::settle_command_environment();
     // A null text reads as "(null)".
     char event_variable[variable_size];
     char status_variable[variable_size];
@@ -125,6 +127,7 @@ int kestal_exec_cmd_by_system(const char *command)
     int result;
     {
         kesta::MutexGuard guard(system_mutex);
+        kesta::settle_command_environment();
         result = system(command);
     }
     const unsigned status = static_cast<unsigned>(result);

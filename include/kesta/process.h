@@ -1,5 +1,9 @@
 /*
  * Running commands, reading their output, and small text utilities.
+ *
+ * Commands get the environment of the process. In a program that runs with other rights than its caller's
+ * (set-user-ID and the like) that is the caller's: there the first command of all sets PATH to the system's own,
+ * and removes the variables by which a shell, tar or bzip2 is made to run something else, for the whole process.
  */
 #ifndef KESTA_PROCESS_H
 #define KESTA_PROCESS_H

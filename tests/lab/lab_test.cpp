@@ -185,3 +185,17 @@ TEST_F(LabRemote, ScriptsRefuseWhatCanNotBeSent)
     EXPECT_EQ(ctl(0, "script tarz CNT1 --dry-run").code, 0);
     EXPECT_FALSE(fs::exists(host_path(0, "run/kesta_sys/tmp/kesta_rsh_tarz.sh")));
 }
+
+// A program with its owner's rights, started by a user who would like others to run.
+TEST_F(Lab, CallerOfASetUserIdProgramDoesNotChooseWhatItRuns)
+{
+    fs::copy_file(std::string(KESTA_BIN_DIR) + "/environment_shower", host_path(0, "opt/shower"));
+    const std::string plain = "PATH=/evil:/usr/bin TAR_OPTIONS=--evil BASH_ENV=/evil LANG=C ";
+    EXPECT_EQ(on(0, plain + "/opt/shower").out, "/evil:/usr/bin --evil /evil C\n") << "the caller's own";
+    if (geteuid() == 0) {
+        const Ran shown = on(0, "mkdir /tmp/suid && mount -t tmpfs tmpfs /tmp/suid && cp /opt/shower /tmp/suid && "
+                                "chmod 4755 /tmp/suid/shower && " + plain +
+                                    "/usr/bin/setpriv --reuid 54321 --regid 54321 --clear-groups /tmp/suid/shower");
+        EXPECT_EQ(shown.out, "/usr/sbin:/usr/bin:/sbin:/bin   C\n") << shown.err;
+    }
+}
