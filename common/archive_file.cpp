@@ -2,15 +2,35 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "storage_places.h"
 
 namespace kesta {
 
+namespace {
+
+constexpr int overwrite_flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+
+bool is_plain_file(int fd)
+{
+    struct stat status;
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+}  // namespace
+
 int open_for_overwrite(const char *path)
 {
-    return open(path, O_WRONLY | O_CREAT | O_CLOEXEC, new_archive_mode);
+    UniqueFd file(open(path, overwrite_flags, new_archive_mode));
+    const bool planted = file ? !is_plain_file(file.get()) : errno == ELOOP || errno == ENXIO;
+    if (planted) {
+        (void)file.close();   // nothing was written to it
+        (void)unlink(path);   // if it stays, the next line says so
+        return open(path, overwrite_flags | O_EXCL, new_archive_mode);
+    }
+    return file.release();
 }
 
 WriteOutcome write_and_close(UniqueFd &file, const void *data, unsigned int size, Flush flush)

@@ -20,7 +20,8 @@ enum class Flush {
 };
 
 // Opens write-only and creates with mode 0600. Not truncated on purpose: a longer file of an
-// earlier, broken copy keeps its tail.
+// earlier, broken copy keeps its tail. What is no plain file is none of ours: it is neither written
+// through nor waited for, and goes.
 int open_for_overwrite(const char *path);
 
 // Writes, flushes and closes. Only a write whose flush and close succeeded is complete: a full disk

@@ -67,6 +67,24 @@ TEST_F(Backup2Tmp, FailedCloseOfTheCacheIsAFailedWrite)
                                        " buf_size=18 result=-1 errno=28"));
 }
 
+TEST_F(Backup2Tmp, WhatSomebodyPlantedIsNotWrittenThrough)
+{
+    write_file("/tmp/elsewhere", "mine");
+    const unsigned mode = mode_of("/tmp/elsewhere");
+    const std::string plants[] = {std::string("ln -s /tmp/elsewhere ") + temporary, std::string("mkfifo ") + temporary,
+                                  std::string("ln -s /tmp/none ") + temporary};
+    for (const std::string &plant : plants) {
+        EXPECT_EQ(run_shell(plant), 0);
+        EXPECT_EQ(kestal_backup2tmp("group", 0, name, 0), 0) << plant;
+        EXPECT_EQ(read_file(checked), "the backup archive");
+        EXPECT_EQ(run_shell(std::string("test -f ") + checked + " -a ! -L " + checked), 0);
+    }
+    EXPECT_EQ(read_file("/tmp/elsewhere"), "mine");
+    EXPECT_EQ(mode_of("/tmp/elsewhere"), mode);
+    EXPECT_FALSE(exists("/tmp/none"));
+    EXPECT_EQ(run_shell("rm /tmp/elsewhere"), 0);
+}
+
 TEST_F(Backup2Tmp, LargeArchiveIsCachedWhole)
 {
     std::string large(9'000'000, '\0');

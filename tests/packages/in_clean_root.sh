@@ -20,6 +20,12 @@ expect_mode()
 
 files > "$given/before"
 
+# Somebody was there first.
+mkdir -p /tmp/kesta_sys/tmp
+ln -s /etc/hosts /tmp/kesta_sys/tmp/backup.tar.Z.tmp
+chmod 777 /tmp/kesta_sys /tmp/kesta_sys/tmp
+chown -R nobody /tmp/kesta_sys 2> /dev/null || true  # one who maps only root's number can't; the mode tells as well
+
 echo "== install"
 dpkg -i "$given"/packages/*.deb > "$given/log" 2>&1 || {
     cat "$given/log" >&2
@@ -31,6 +37,7 @@ for folder in /opt/kesta_sys/bakup /run/kesta_sys/tmp /tmp/kesta_sys/tmp /var/li
     /var/lib/kesta/sysback; do
     expect_mode "700 root" "$folder"
 done
+test ! -L /tmp/kesta_sys/tmp/backup.tar.Z.tmp
 test -x /opt/kesta_sys/sbin/env_vpdctl
 
 echo "== the library"
