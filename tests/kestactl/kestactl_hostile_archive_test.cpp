@@ -46,7 +46,7 @@ protected:
         std::string script = python;
         write_file(host_path(0, "opt/plant.py"), script.replace(script.find("MEMBERS"), 7, members));
         succeed("python3 /opt/plant.py && cp /opt/plant.tar.bz2 " + flash_backup +
-                " && kestactl copy cntbackup2backup");
+                " && kestactl copy cntbackup2backup --force");
     }
     void expect_refused(const std::string &members, const std::string &because) const
     {
@@ -154,7 +154,7 @@ TEST_F(HostileArchive, FilesWithHolesAreRestoredWhole)
     for (const std::string format : {"gnu", "posix --sparse-version=0.0", "posix --sparse-version=0.1",
                                      "posix --sparse-version=1.0"}) {
         succeed("cd /opt/sparse && tar -S --format=" + format + " -cjf " + flash_backup +
-                " etc && kestactl copy cntbackup2backup && rm -rf /etc/app/more");
+                " etc && kestactl copy cntbackup2backup --force && rm -rf /etc/app/more");
         const Ran restored = ctl(0, "restore network");
         ASSERT_EQ(restored.code, 0) << format << restored.err;
         EXPECT_EQ(on(0, "cd /opt/sparse/etc/app/more && for f in *; do cmp $f /etc/app/more/$f || exit 1; done").code, 0)
@@ -184,7 +184,7 @@ TEST_F(ArchiveBomb, HolesOfATebibyteAreRefusedAndWhatComesLastIsDone)
                script_line("post-script", note("started"), 1));
     succeed("mkdir -p /opt/big/etc/app/more && cd /opt/big && cp /etc/app/one etc/app && "
             "truncate -s 1T etc/app/more/two && tar -S -cjf " + flash_backup +
-            " etc; rm -r /opt/big; kestactl copy cntbackup2backup");
+            " etc; rm -r /opt/big; kestactl copy cntbackup2backup --force");
     const Ran refused = ctl(0, "restore network");
     expect_refusal(refused, 1, "holds more than 4294967296 bytes");
     EXPECT_THAT(refused.err, HasSubstr("raise archive_bytes in /etc/kesta/archives.conf"));
@@ -213,7 +213,7 @@ TEST_F(ArchiveBomb, WhatIsPackedTooWellIsRefusedEarly)
 {
     succeed("mkdir -p /opt/big/etc/app/more && cd /opt/big && cp /etc/app/one etc/app && "
             "truncate -s 100M etc/app/more/two && tar -cjf " + flash_backup +
-            " etc; rm -r /opt/big; kestactl copy cntbackup2backup");
+            " etc; rm -r /opt/big; kestactl copy cntbackup2backup --force");
     expect_refusal(ctl(0, "restore network --dry-run"), 1, "1000 times its own size");
     limit("archive_ratio = 10000000");
     EXPECT_EQ(ctl(0, "restore network").code, 0);
@@ -227,7 +227,7 @@ TEST_F(ArchiveBomb, LongHeadersAreNotReadIntoMemory)
               "data = bz2.compress(info.tobuf(tarfile.USTAR_FORMAT)) + 16 * bz2.compress(bytes(1 << 26), 1)\n"
               "open('/opt/long.tar.bz2', 'wb').write(data)\n"
               "add('etc/app/one')");
-        succeed("cp /opt/long.tar.bz2 " + flash_backup + " && kestactl copy cntbackup2backup");
+        succeed("cp /opt/long.tar.bz2 " + flash_backup + " && kestactl copy cntbackup2backup --force");
         const Ran refused =
             on(0, "python3 -c 'import resource, subprocess, sys; run = subprocess.run([\"kestactl\", \"restore\", "
                   "\"network\"]); print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss); "
@@ -244,7 +244,7 @@ TEST_F(ArchiveBomb, SignalEndsTheReading)
             "open('/opt/head', 'wb').write(i.tobuf(tarfile.GNU_FORMAT))\" && "
             "(cat /opt/head; head -c 90000000 /dev/zero) | bzip2 -1 > /opt/head.bz2 && head -c 90000000 /dev/zero | bzip2 -1 > /opt/zeros.bz2 && "
             "(cat /opt/head.bz2; for i in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20; do cat /opt/zeros.bz2; done) > " + flash_backup +
-            " && kestactl copy cntbackup2backup");
+            " && kestactl copy cntbackup2backup --force");
     const Ran stopped = on(0, "timeout -s TERM -k 20 1 kestactl restore network --dry-run; echo $?");
     EXPECT_EQ(stopped.out, "124\n") << "ended by itself, not killed";
     EXPECT_THAT(stopped.err, HasSubstr("Interrupted"));

@@ -35,6 +35,17 @@ protected:
         EXPECT_EQ(checked.code, found.empty() ? 0 : 1);
         return found;
     }
+    // NV memory and the system backup area, but for the journal of the one.
+    std::map<std::string, std::string> snapshot_of_shared() const
+    {
+        std::map<std::string, std::string> files;
+        for (const auto &entry : fs::recursive_directory_iterator(dir / "shared")) {
+            if (entry.is_regular_file() && entry.path().extension() != ".jnl") {
+                files[entry.path()] = read_file(entry.path());
+            }
+        }
+        return files;
+    }
     // One sentence that says what is wrong, another that says what to do.
     static void expect_refused(const Ran &ran, int code, const std::string &what)
     {
@@ -318,4 +329,45 @@ TEST_F(KestactlLock, DryRunsWriteNothingAtAll)
             EXPECT_FALSE(snapshot() == before) << line;
         }
     }
+}
+
+// ------------------------------------------------------------------------------------ the one lock rule
+
+// What changes something that all controllers share minds the lock of another controller.
+TEST_F(KestactlLock, WhatChangesSharedThingsHonoursAnothersLock)
+{
+    set_slots();
+    save_environment(0);
+    succeed("kestactl copy cntbackup2backup && mkdir -p /var/run/kesta_sys/tmp && "
+            "cp /opt/kesta_sys/bakup/backup.tar.Z /var/run/kesta_sys/tmp/");
+    ASSERT_EQ(ctl(2, "lock take --group network").code, 0);
+    const auto before = snapshot_of_shared();
+    for (const char *verb :
+         {"copy cntbackup2backup", "copy merge-file2accept", "slot switch", "restore app --switch-only",
+          "version set backup 7", "version next", "nv write group other", "nv clear --yes", "nv init --yes",
+          "nv flags --req 1", "nv sync", "repair --from memory", "identity set --wwn 0123456789abcdef"}) {
+        const Ran refused = ctl(0, verb);
+        EXPECT_EQ(refused.code, 3) << verb << refused.out << refused.err;
+        EXPECT_THAT(refused.err, HasSubstr("CNT2 holds a type-1 lock")) << verb;
+    }
+    EXPECT_TRUE(snapshot_of_shared() == before) << "nothing was done";
+    EXPECT_EQ(ctl(0, "slot switch --dry-run").code, 0) << "looking is free";
+    EXPECT_EQ(ctl(2, "nv write group mine").code, 0) << "who holds it is at work";
+    EXPECT_EQ(ctl(0, "slot switch --ignore-lock CNT1").code, 3) << "another one's";
+    EXPECT_EQ(ctl(0, "slot switch --ignore-lock CNT2").code, 0);
+    EXPECT_EQ(ctl(0, "slot switch --ignore-lock CNT9").code, 2);
+    const Ran waited = ctl(0, "nv write group later --wait 1");
+    EXPECT_EQ(waited.code, 3);
+    EXPECT_THAT(waited.err, HasSubstr("waiting, 1 s left"));
+    EXPECT_EQ(ctl(2, "lock release --force").code, 0);
+    EXPECT_EQ(ctl(0, "nv write group later --wait 1").code, 0);
+}
+
+TEST_F(KestactlLock, ImageWithoutItsStampIsNotErasedUnderALock)
+{
+    set_slots();
+    ASSERT_EQ(ctl(1, "lock take").code, 0);
+    EXPECT_EQ(ctl(0, "nv init --yes").code, 3) << "no header yet, and a lock all the same";
+    EXPECT_EQ(ctl(0, "nv init --yes --ignore-lock CNT1").code, 0);
+    EXPECT_EQ(ctl(0, "lock check").code, 0) << "it went with the rest";
 }

@@ -33,7 +33,7 @@ protected:
     {
         succeed("rm -rf /opt/plant && mkdir -p /opt/plant/etc/app/more && cd /opt/plant && "
                 "echo planted > etc/app/one && echo planted > etc/app/more/two && " + commands);
-        succeed("cp /opt/plant.tar.bz2 " + flash_backup + " && kestactl copy cntbackup2backup");
+        succeed("cp /opt/plant.tar.bz2 " + flash_backup + " && kestactl copy cntbackup2backup --force");
     }
     void expect_nothing_taken(const std::string &because) const
     {

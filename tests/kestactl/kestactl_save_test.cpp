@@ -394,3 +394,97 @@ TEST_F(KestactlVerify, WhatIsUnfinishedIsNamed)
     EXPECT_TRUE(found.count("command lock") == 1) << "its lock is left, and the command to clear it";
     EXPECT_THAT(found.at("command lock").at("mend"), HasSubstr("kestactl lock release"));
 }
+
+// ---------------------------------------------------------------------------------- copying verbs
+
+TEST_F(KestactlSave, CopyingVerbsTestTheirSourceFirst)
+{
+    define("");
+    succeed("kestactl save network");
+    const std::string good = slot("kesta_backup0");
+    succeed("head -c 100 " + flash_backup + " > /opt/cut && cp /opt/cut " + flash_backup +
+            " && cp /opt/cut /var/run/kesta_sys/tmp/backup.tar.Z");
+    expect_refusal(ctl(0, "copy cntbackup2backup"), 1, "is damaged, and is copied over nothing");
+    expect_refusal(ctl(0, "copy merge-file2accept"), 1, "is damaged, and is copied over nothing");
+    EXPECT_EQ(slot("kesta_backup0"), good);
+    EXPECT_EQ(ctl(0, "copy cntbackup2backup --force").code, 0) << "who means it";
+    write_file(host_path(0, "etc/whole"), good);
+    succeed("cp /etc/whole " + flash_backup);
+    expect_refusal(ctl(0, "restore network --switch-only"), 1, "holds a damaged archive");
+    EXPECT_EQ(file_on(0, flash_backup), good);
+}
+
+TEST_F(KestactlSave, OlderVersionIsNotCopiedOverANewerOne)
+{
+    define("");
+    succeed("kestactl save network && cp " + flash_backup + " /opt/old && echo two > /etc/app/one && "
+            "kestactl save network && cp /opt/old " + flash_backup + " && kestactl version set flash 1");
+    const std::string newer = slot("kesta_backup0");
+    expect_refusal(ctl(0, "copy cntbackup2backup"), 1, "the newer version 2, whole");
+    EXPECT_EQ(slot("kesta_backup0"), newer);
+    succeed("kestactl version set backup 2147483647");
+    EXPECT_EQ(ctl(0, "copy cntbackup2backup --dry-run").code, 0) << "1 comes behind the highest number";
+    succeed("kestactl version set backup 2 && kestactl copy cntbackup2backup --force");
+    EXPECT_NE(slot("kesta_backup0"), newer);
+}
+
+TEST_F(KestactlSave, LongerLeftoverIsNotMixedIntoTheFlashCopy)
+{
+    define("");
+    succeed("kestactl save network && head -c 100000 /dev/urandom > /opt/kesta_sys/bakup/tmp.tar.Z && "
+            "kestactl restore network --switch-only");
+    EXPECT_EQ(file_on(0, flash_backup), slot("kesta_backup0")) << "without the tail of what was left behind";
+}
+
+// ------------------------------------------------------------------------- what verify must not advise
+
+TEST_F(KestactlVerify, DamagedSlotIsNeverTheRightOne)
+{
+    const std::string good = slot("kesta_backup1");
+    write_file(dir / "shared/sysback/kesta_backup1", good.substr(0, 100));
+    EXPECT_THAT(bad().at("accepted").at("found"), HasSubstr("damaged in slot kesta_backup1"));
+    EXPECT_EQ(on(0, bad().at("accepted").at("mend").get<std::string>()).code, 0) << "the command as it is printed";
+    EXPECT_TRUE(bad().empty());
+    EXPECT_EQ(slot("kesta_backup1"), good);
+
+    succeed("head -c 100 " + flash_accept + " > /opt/cut && cp /opt/cut " + flash_accept);
+    write_file(dir / "shared/sysback/kesta_backup1", good.substr(0, 100));
+    EXPECT_THAT(bad().at("accepted").at("found"), HasSubstr("damaged on flash, and damaged in slot"));
+    EXPECT_THAT(bad().at("accepted").at("mend"), HasSubstr("no whole copy is left"));
+}
+
+TEST_F(KestactlVerify, AcceptedOneIsNotReplacedByAnotherVersion)
+{
+    succeed("echo later > /etc/app/one && kestactl save network");
+    const std::string accepted = file_on(0, flash_accept);
+    fs::remove(dir / "shared/sysback/kesta_backup1");
+    EXPECT_EQ(on(0, bad().at("accepted").at("mend").get<std::string>()).code, 0);
+    EXPECT_TRUE(bad().empty());
+    EXPECT_EQ(slot("kesta_backup1"), accepted);
+    EXPECT_EQ(file_on(0, flash_accept), accepted);
+}
+
+TEST_F(KestactlVerify, SlotThatCanNotBeReadIsNoAbsentOne)
+{
+    write_file(host_path(0, "opt/faults"), "sb_open 1 on fail 5\n");
+    const Ran verified = on(0, "KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl --json verify");
+    EXPECT_EQ(verified.code, 4) << "no answer is no pass";
+    for (const json &check : verified.json().at("result").at("checks")) {
+        if (check.at("what") == "backup" || check.at("what") == "accepted") {
+            EXPECT_THAT(check.at("found").get<std::string>(), HasSubstr("can't be read"));
+            EXPECT_THAT(check.at("mend").get<std::string>(), testing::Not(HasSubstr("kestactl copy")));
+        }
+    }
+}
+
+TEST_F(KestactlVerify, SwitchToTheAcceptedOneDoesNotCostTheBackup)
+{
+    succeed("echo later > /etc/app/one && kestactl save network");
+    const std::string backup = slot("kesta_backup0");
+    succeed("kestactl restore network --switch-only --from accept");
+    EXPECT_THAT(bad().at("backup").at("found"), HasSubstr("right is the slot"));
+    EXPECT_EQ(slot("kesta_backup0"), backup);
+    succeed("kestactl restore network --switch-only");
+    EXPECT_TRUE(bad().empty());
+    EXPECT_EQ(file_on(0, flash_backup), backup);
+}

@@ -26,6 +26,7 @@ protected:
                                   std::string("cnt") + std::to_string(controller));
     }
 
+    // Two reads of NV memory come before those of the inner lock: the command looks for the locks of others.
     bool slot_is_set(int controller) const
     {
         std::ifstream image(dir / "shared/nv/region2.img", std::ios::binary);
@@ -68,7 +69,7 @@ TEST_F(LabLocks, FreeLockIsHadAtOnce)
 TEST_F(LabLocks, HolderKilledAfterItsClaimIsClearedAfterItsTime)
 {
     for (const int waiter : {0, 1}) {
-        EXPECT_EQ(with_faults(0, "nv_read 2 once kill\n").code, 128 + 9) << "before its second look";
+        EXPECT_EQ(with_faults(0, "nv_read 4 once kill\n").code, 128 + 9) << "before its second look";
         EXPECT_TRUE(slot_is_set(0));
         expect_cleared_after_its_time(waiter);
     }
@@ -96,7 +97,7 @@ TEST_F(LabLocks, HolderKilledWhileWithdrawingIsClearedAfterItsTime)
 {
     write_file(host_path(1, "opt/faults"),
                "nv_write 1 once block /opt/gate\nnv_write 2 once kill\n");
-    write_file(host_path(0, "opt/faults"), "nv_read 2 once block /opt/gate\n");
+    write_file(host_path(0, "opt/faults"), "nv_read 4 once block /opt/gate\n");
     const std::string enter = lab() + " --dir " + dir.string() + " exec ";
     const std::string act = " -- /bin/sh -c 'KESTA_PLATFORM_FAULT_FILE=/opt/faults "
                             "LD_PRELOAD=/opt/libfast_clock.so kestactl --trace 5 nv write group x' "
@@ -126,7 +127,7 @@ TEST_F(LabLocks, HolderKilledWhileWithdrawingIsClearedAfterItsTime)
 // of other controllers don't wait for it at all; and it goes on as if nothing had been.
 TEST_F(LabLocks, ProcessStoppedInItsAttemptDoesNotShutItsControllerOut)
 {
-    write_file(host_path(0, "opt/faults"), "nv_read 1 once block /opt/gate\n");
+    write_file(host_path(0, "opt/faults"), "nv_read 3 once block /opt/gate\n");
     const std::string gate = host_path(0, "opt/gate").string();
     const std::string pid = host_path(0, "opt/pid").string();
     const std::string enter = lab() + " --dir " + dir.string() + " exec ";
@@ -154,7 +155,7 @@ TEST_F(LabLocks, ProcessStoppedInItsAttemptDoesNotShutItsControllerOut)
 
 TEST_F(LabLocks, SectionOfAWaiterIsItsOwnAgain)
 {
-    EXPECT_EQ(with_faults(0, "nv_read 2 once kill\n").code, 128 + 9);
+    EXPECT_EQ(with_faults(0, "nv_read 4 once kill\n").code, 128 + 9);
     expect_cleared_after_its_time(1);
     EXPECT_EQ(wait_of(2), 0) << "nothing is left behind";
 }

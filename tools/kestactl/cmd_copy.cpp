@@ -1,5 +1,6 @@
 // kestactl copy: one verb for each flow that moves archives between the storage places.
 #include <kesta/kesta.h>
+#include <limits.h>
 #include <string.h>
 
 #include <array>
@@ -8,6 +9,7 @@
 #include "appliance_state.h"
 #include "archive_places.h"
 #include "command.h"
+#include "environment_archive.h"
 #include "names.h"
 
 namespace kestactl {
@@ -23,6 +25,7 @@ struct CopyOptions {
     std::string slot;
     bool accept = false;
     bool check = false;
+    bool force = false;
 };
 
 // Runs one flow; the hint is for a result that isn't 0.
@@ -43,6 +46,52 @@ std::function<void()> flow(const std::string &name, const std::string &hint,
 std::string slot_in_force(bool accept)
 {
     return accept ? require_slot(accept_slot(), "accept") : require_slot(backup_slot(), "backup");
+}
+
+// What is copied over another archive has to be whole: the one that is lost may be the last good one.
+void require_whole_archive(const char *path)
+{
+    if (!is_whole_archive(path)) {
+        throw Failure(Exit::no, "damaged-archive",
+                      std::string(path) + " is damaged, and is copied over nothing.",
+                      "Bring a whole one there first: 'kestactl verify' shows which place has one. To copy it all "
+                      "the same, give --force.");
+    }
+}
+
+// Whether a slot holds an archive that would be missed.
+bool holds_whole_archive(const std::string &slot)
+{
+    try {
+        return is_whole_archive_in_slot(slot);
+    } catch (const Failure &) {
+        return false;  // nothing there, or nothing to be had
+    }
+}
+
+// Numbers wrap to 1 behind the highest: the shorter way counts.
+bool is_older(int version, int than)
+{
+    const auto way = [](int from, int to) {
+        return static_cast<long long>(to) - from + (to < from ? static_cast<long long>(INT_MAX) : 0);
+    };
+    return version != than && way(version, than) < way(than, version);
+}
+
+// Flash tells its version, and the backup area that of its slot.
+void require_not_older(const std::string &slot)
+{
+    int flash = -1;
+    (void)kestal_read_flash_version_file(&flash, KESTA_FLASH_VERSION);  // then it stays -1
+    const int backup =
+        kestal_read_version_nolock(KESTA_VER_AREA_BACKUP, learn_own_number(), KESTA_VERSION_BY_MODE);
+    if (flash > 0 && backup > 0 && is_older(flash, backup) && holds_whole_archive(slot)) {
+        throw Failure(Exit::no, "older-version",
+                      "Flash holds version " + std::to_string(flash) + ", and slot " + slot + " the newer version " +
+                          std::to_string(backup) + ", whole.",
+                      "Bring the slot to flash instead: kestactl restore GROUP --switch-only. To overwrite the newer "
+                      "one all the same, give --force.");
+    }
 }
 
 Plan plan_backup2tmp(const CopyOptions &options)
@@ -81,12 +130,17 @@ Plan plan_cntbackup2tmp(const CopyOptions &options)
     return plan;
 }
 
-Plan plan_cntbackup2backup()
+Plan plan_cntbackup2backup(const CopyOptions &options)
 {
     require_writable();
     require_file(flash_backup, save_hint);
     const std::string slot = slot_in_force(false);
+    if (!options.force) {
+        require_whole_archive(flash_backup);
+        require_not_older(slot);
+    }
     Plan plan;
+    plan.shared = true;
     plan.json = {{"from", flash_backup}, {"to", slot}};
     plan.steps.push_back({std::string("copy ") + flash_backup + " to slot " + slot,
                           {"system backup area: " + slot},
@@ -104,8 +158,12 @@ Plan plan_merge_file2accept(const CopyOptions &options)
     }
     require_writable();
     require_file(merge_backup, "A restore with an update script, or a merge, puts it there.");
+    if (!options.force) {
+        require_whole_archive(merge_backup);
+    }
     const std::string slot = options.slot.empty() ? slot_in_force(true) : options.slot;
     Plan plan;
+    plan.shared = true;
     plan.json = {{"from", merge_backup}, {"to", slot}};
     plan.steps.push_back({std::string("copy ") + merge_backup + " to slot " + slot,
                           {"system backup area: " + slot},
@@ -184,7 +242,9 @@ void add_copy(CLI::App &app, Globals &globals, Action &action)
 
     verb = add_verb(*copy, globals, action, "cntbackup2backup",
                     "Flash directory to the backup slot of the system backup area", options,
-                    [](const CopyOptions &) { return plan_cntbackup2backup(); });
+                    plan_cntbackup2backup);
+    verb->add_flag("--force", options->force, "Also copy a damaged archive, or overwrite a newer version");
+    add_lock_rule(*verb, globals);
     add_examples(*verb, "  kestactl copy cntbackup2backup --dry-run\n"
                         "  kestactl copy cntbackup2backup");
 
@@ -192,6 +252,8 @@ void add_copy(CLI::App &app, Globals &globals, Action &action)
                     "Merge cache to the accept slot of the system backup area", options,
                     plan_merge_file2accept);
     verb->add_option("--slot", options->slot, "Write this slot, not the accept slot in force");
+    verb->add_flag("--force", options->force, "Also copy a damaged archive");
+    add_lock_rule(*verb, globals);
     add_examples(*verb, "  kestactl copy merge-file2accept --dry-run");
 
     verb = add_verb(*copy, globals, action, "backup2copy",

@@ -143,6 +143,7 @@ Plan plan_set(const SetOptions &options)
     require_writable();
     learn_own_number();
     Plan plan;
+    plan.shared = true;
     for (const ValueName &name : value_names) {
         const std::optional<std::string> &value = identity.*name.member;
         plan.json[name.key] = value ? Json(*value) : Json(nullptr);
@@ -323,6 +324,7 @@ Plan plan_vpd_to_flash()
     const Identity board = read_identity(Place::vpd);
     const Identity running = running_identity();
     Plan plan;
+    plan.shared = true;
     plan.json = {{"from", identity_json(board)}, {"to", identity_json(running)}};
     if (!is_whole(board)) {
         require_whole(running, "Neither the board nor this controller",
@@ -363,6 +365,7 @@ Plan plan_vpd_to_disk()
                   "Carry the board's identity into it with 'kestactl identity carry vpd-to-flash'.");
     const Identity board = read_identity(Place::vpd);
     Plan plan;
+    plan.shared = true;
     plan.json = {{"from", identity_json(disk)}, {"to", identity_json(board)}};
     if (board != disk) {
         plan.steps.push_back({"give the board the identity of the NV image",
@@ -419,6 +422,7 @@ Plan plan_cnt0_to_cnt1()
                   "Carry it there on CNT0: kestactl identity carry vpd-to-flash.");
     const Identity own = running_identity();
     Plan plan;
+    plan.shared = true;
     plan.json = {{"from", identity_json(from)}, {"to", identity_json(own)}};
     if (own.wwn != from.wwn || own.serialno != from.serialno) {
         plan.steps.push_back(
@@ -469,6 +473,7 @@ void add_carry(CLI::App &identity, Globals &globals, Action &action)
     }};
     for (const Flow &flow : flows) {
         CLI::App *command = carrying->add_subcommand(flow.name, flow.what);
+        add_lock_rule(*command, globals);
         add_dry_run(*command, globals);
         command->callback([&action, make_plan = flow.make_plan] {
             action = [make_plan](const Globals &given) { return carry(make_plan, given); };
@@ -501,6 +506,7 @@ void add_identity(CLI::App &app, Globals &globals, Action &action)
     setting->add_option("--in", options->places, "Only there: eeprom, vpd, flash or nv; repeatable")
         ->check(CLI::IsMember({"eeprom", "vpd", "flash", "nv"}))
         ->option_text("PLACE");
+    add_lock_rule(*setting, globals);
     add_dry_run(*setting, globals);
     setting->callback([&action, options] {
         action = [options](const Globals &given) { return carry_out(plan_set(*options), given); };

@@ -144,6 +144,7 @@ Plan plan_write(const WriteOptions &options)
         writes.push_back("NV memory: block " + std::to_string(block.id));
     }
     Plan plan;
+    plan.shared = true;
     plan.json = {{"block", block.id}, {"name", block.name}, {"bytes", hex(bytes)}};
     plan.steps.push_back({"write '" + options.value + "' to " + block.name, writes,
                           [&block, bytes] { write_block(block, bytes); }});
@@ -198,6 +199,7 @@ void add_nv(CLI::App &app, Globals &globals, Action &action)
         ->required();
     write_command->add_flag("--memory-only", writing->memory_only,
                             "Write NV memory alone, e.g. while the system backup area is gone");
+    add_lock_rule(*write_command, globals);
     add_dry_run(*write_command, globals);
     write_command->callback([&action, writing] {
         action = [writing](const Globals &given) { return carry_out(plan_write(*writing), given); };

@@ -187,6 +187,7 @@ Plan plan_erase(const EraseOptions &options, bool stamps)
     require_writable();
     const std::vector<char> image = read_image();
     Plan plan;
+    plan.shared = true;  // also where there is no stamp: a lock that is garbage is ignored by name
     plan.json["stamped"] = is_stamped(image);
     plan.json["lost"] = Json::array();
     if (!options.keep_data) {
@@ -268,6 +269,7 @@ Result flags(const FlagOptions &options, const Globals &globals)
     learn_own_number();
     Step step{"set the synchronisation flags", {}, [options] { set_flags(options); }};
     Plan plan;
+    plan.shared = true;
     if (options.synced) {
         step.writes.push_back("NV memory, synced: " + std::to_string(*options.synced));
         plan.json["synced"] = *options.synced;
@@ -297,6 +299,7 @@ Plan plan_sync()
     require_writable();
     learn_own_number();
     Plan plan;
+    plan.shared = true;
     plan.steps.push_back({"rewrite NV memory as it is, so that the storage firmware passes it on",
                           {"NV memory, region 0: 32768 bytes", "NV memory, region 2: 32768 bytes"},
                           rewrite_regions});
@@ -455,6 +458,7 @@ void add_erasing(CLI::App &nv, Globals &globals, Action &action)
     CLI::App *init = nv.add_subcommand("init", "Make a new NV image: clear it, and stamp its header");
     init->add_flag("--yes", options->yes, "Don't ask before something is lost");
     init->add_flag("--keep-data", options->keep_data, "Stamp the header only");
+    add_lock_rule(*init, globals);
     add_dry_run(*init, globals);
     init->callback([&action, options] {
         action = [options](const Globals &given) { return erase(*options, true, given); };
@@ -465,6 +469,7 @@ void add_erasing(CLI::App &nv, Globals &globals, Action &action)
     CLI::App *clear =
         nv.add_subcommand("clear", "Clear the NV image, and keep its header and the flags");
     clear->add_flag("--yes", options->yes, "Don't ask before something is lost");
+    add_lock_rule(*clear, globals);
     add_dry_run(*clear, globals);
     clear->callback([&action, options] {
         action = [options](const Globals &given) { return erase(*options, false, given); };
@@ -484,6 +489,7 @@ void add_flags(CLI::App &nv, Globals &globals, Action &action)
     command->add_option("--req", options->req, "New value of the flag req")
         ->check(one_byte)
         ->option_text("-128..127");
+    add_lock_rule(*command, globals);
     add_dry_run(*command, globals);
     command->callback([&action, options] {
         action = [options](const Globals &given) { return flags(*options, given); };
@@ -496,6 +502,7 @@ void add_sync(CLI::App &nv, Globals &globals, Action &action)
 {
     CLI::App *command = nv.add_subcommand(
         "sync", "Rewrite NV memory as it is, so that the storage firmware passes it on");
+    add_lock_rule(*command, globals);
     add_dry_run(*command, globals);
     command->callback(
         [&action] { action = [](const Globals &given) { return carry_out(plan_sync(), given); }; });

@@ -226,6 +226,7 @@ Plan plan_repair(const RepairOptions &options)
     require_writable();
     const MirrorState state = read_mirror();
     Plan plan;
+    plan.shared = true;
     if (!state.differ() && state.valid(Side::memory)) {
         plan.json = {{"winner", nullptr}, {"why", "both places agree"}, {"changes", Json::array()}};
         return plan;
@@ -290,6 +291,7 @@ void add_repair(CLI::App &app, Globals &globals, Action &action)
                      "The place that is right; needed where both are valid, and differ")
         ->transform(CLI::CheckedTransformer(sides))
         ->option_text("memory|disk");
+    add_lock_rule(*command, globals);
     add_dry_run(*command, globals);
     command->callback([&action, options] {
         action = [options](const Globals &given) { return repair(*options, given); };

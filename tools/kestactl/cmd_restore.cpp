@@ -11,7 +11,9 @@
 #include "appliance_state.h"
 #include "archive_places.h"
 #include "command.h"
+#include "environment_archive.h"
 #include "names.h"
+#include "whole_file.h"
 #include "restore_files.h"
 #include "trace_capture.h"
 
@@ -113,6 +115,12 @@ void check_sources(const Planned &planned)
                      "An update restore needs the accepted environment on flash; --skip-flashcopy "
                      "goes on without it.");
     }
+    if (!planned.slot.empty() && !is_whole_archive_in_slot(planned.slot)) {
+        throw Failure(Exit::no, "damaged-archive",
+                      "Slot " + planned.slot + " holds a damaged archive, and it is not brought to flash.",
+                      "Restore another slot with --from, or save again: 'kestactl verify' shows which place has a "
+                      "whole one.");
+    }
     if (!planned.script.empty()) {
         require_file(planned.script, "The group needs a restore script of that name.");
     }
@@ -184,6 +192,9 @@ void restore(const RestoreOptions &options, const Planned &planned)
     std::array<char, KESTA_AREA_NAME_SIZE> name{};
     memcpy(name.data(), planned.slot.data(), planned.slot.size());
     learn_own_number();
+    if (!planned.slot.empty()) {
+        remove_quietly(unfinished_flash_copy);  // the flow writes into what is there, and keeps a longer tail
+    }
     explain(kestal_sysback2current(options.group.c_str(), options.switch_only ? switch_only_flag : 0,
                                    planned.area_flag, static_cast<int>(options.kind()),
                                    options.distribution, name.data(), options.skip_flashcopy),
@@ -197,6 +208,7 @@ Plan plan_restore(const RestoreOptions &options)
     const Planned planned = resolve(options);
     check_sources(planned);
     Plan plan;
+    plan.shared = true;
     plan.json = {{"group", options.group}, {"slot", planned.slot}, {"script", planned.script}};
     plan.steps.push_back({describe(planned), places_written(planned),
                           [options, planned] { restore(options, planned); }});
@@ -220,7 +232,9 @@ Result restore_by(const RestoreOptions &options, RestoreFilesOptions files, cons
                       "by the group's own scripts.",
                       "Leave one of them out: see 'kestactl restore --help'.");
     }
-    return carry_out(plan_restore(options), globals);
+    Globals waiting = globals;
+    waiting.lock_rule.wait = files.work.wait;
+    return carry_out(plan_restore(options), waiting);
 }
 
 }  // namespace

@@ -108,6 +108,7 @@ Plan plan_switch(SwitchOptions options)
         return written_to;
     };
     Plan plan;
+    plan.shared = true;
     plan.json = {{"backup", options.backup}, {"accept", options.accept}};
     plan.steps.push_back({"make " + options.accept + " the accept slot",
                           writes("kesta_sysacpt", KESTA_BLOCK_ACCEPT_NAME),
@@ -137,6 +138,7 @@ void add_slot(CLI::App &app, Globals &globals, Action &action)
     change_command->add_option("--accept", options->accept, "The new accept slot");
     change_command->add_flag("--memory-only", options->memory_only,
                              "Write NV memory alone, e.g. while the system backup area is gone");
+    add_lock_rule(*change_command, globals);
     add_dry_run(*change_command, globals);
     change_command->callback([&action, options] {
         action = [options](const Globals &given) { return carry_out(plan_switch(*options), given); };

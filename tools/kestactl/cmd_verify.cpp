@@ -15,6 +15,7 @@
 #include "mirror.h"
 #include "names.h"
 #include "overview.h"
+#include "trace_capture.h"
 #include "unfinished_restore.h"
 #include "whole_file.h"
 
@@ -31,7 +32,7 @@ constexpr std::array<Leftover, 5> leftovers{{
     {"/opt/kesta_sys/bakup/.restore.new", "run 'kestactl restore GROUP' again"},
     {"/opt/kesta_sys/bakup/backup.tar.Z.new", "run 'kestactl restore GROUP' again"},
     {"/opt/kesta_sys/bakup/accept.tar.Z.new", "run 'kestactl accept' again, or 'kestactl restore GROUP --from accept'"},
-    {"/opt/kesta_sys/bakup/tmp.tar.Z", "run 'kestactl copy backup2copy GROUP' again"},
+    {unfinished_flash_copy, "run 'kestactl copy backup2copy GROUP' again"},
 }};
 
 // One thing that was looked at. No mend: it is in order.
@@ -39,6 +40,7 @@ struct Check {
     std::string what;
     std::string found;
     std::string mend;
+    bool unreadable = false;  // no answer: never a pass
 };
 
 using Checks = std::vector<Check>;
@@ -97,14 +99,28 @@ void check_mirror(Checks &checks, const MirrorState &mirror)
 
 // ----------------------------------------------------------------------------------- the archives
 
-// A place's archive: nothing if it has none, or can't be read.
-std::optional<std::string> slot_contents(const std::string &slot)
+// A slot's archive. Unreadable is not absent: what can't be read may be the last good copy.
+struct SlotContents {
+    std::optional<std::string> bytes;  // nothing: there is none, or it can't be read
+    bool unreadable = false;
+    bool damaged = false;
+};
+
+SlotContents slot_contents(const std::string &slot)
 {
-    try {
-        return read_slot(slot);
-    } catch (const Failure &) {
-        return std::nullopt;
+    SlotContents contents;
+    if (!is_slot(slot)) {
+        return contents;
     }
+    try {
+        contents.bytes = read_slot(slot);
+        contents.damaged = !is_whole_archive_in_slot(slot);
+    } catch (const Failure &) {
+        contents.damaged = contents.bytes.has_value();  // read, and beyond a limit
+        const std::string not_there = "[backup_rw] File Open(R) ERROR f_name=" + slot + " result=-2 ";
+        contents.unreadable = !contents.bytes && !was_traced(not_there);
+    }
+    return contents;
 }
 
 // What is wrong with an archive on flash; empty if it can be unpacked to its end.
@@ -121,30 +137,39 @@ struct ArchivePair {
     const char *what;
     const char *flash;
     std::string slot;
-    bool flash_is_right;  // where the two differ
-    const char *to_slot;  // the commands that mend it
-    const char *to_flash;
+    bool flash_is_right;  // where the two differ, and both are whole
+    std::string to_slot;  // the commands that mend it
+    std::string to_flash;
 };
 
+constexpr const char *no_whole_copy = "kestactl save GROUP: no whole copy is left here";
+
+// An archive that is damaged is the right one nowhere, and what can't be read is not overwritten.
 void check_archive(Checks &checks, const ArchivePair &pair)
 {
     const bool on_flash = exists(pair.flash);
     const std::string fault = on_flash ? fault_on_flash(pair.flash) : "";
-    const std::optional<std::string> in_slot =
-        is_slot(pair.slot) ? slot_contents(pair.slot) : std::nullopt;
-    Check check{pair.what, "", ""};
-    if (!on_flash && !in_slot) {
+    const SlotContents slot = slot_contents(pair.slot);
+    Check check{pair.what, "", "", false};
+    const bool slot_is_good = slot.bytes && !slot.damaged;
+    const bool flash_is_good = on_flash && fault.empty();
+    if (slot.unreadable) {
+        check.found = (fault.empty() ? "" : fault + ", and ") + "slot " + pair.slot + " can't be read";
+        check.mend = "check the disk of the system backup area, and write nothing to it before it can be read";
+        check.unreadable = true;
+    } else if (!on_flash && !slot.bytes) {
         check.found = "none, neither on flash nor in its slot";
-    } else if (!fault.empty()) {
-        check.found = fault;
-        check.mend = in_slot ? pair.to_flash : "kestactl save GROUP";
-    } else if (!in_slot) {
-        check.found = "on flash, and not in slot " + pair.slot;
-        check.mend = pair.to_slot;
-    } else if (!on_flash) {
-        check.found = "in slot " + pair.slot + ", and not on flash";
+    } else if (!flash_is_good && !slot_is_good) {
+        check.found = (on_flash ? fault : "none on flash") +
+                      (slot.bytes ? ", and damaged in slot " + pair.slot : ", and none in slot " + pair.slot);
+        check.mend = no_whole_copy;
+    } else if (!flash_is_good) {
+        check.found = on_flash ? fault : "in slot " + pair.slot + ", and not on flash";
         check.mend = pair.to_flash;
-    } else if (read_whole_file(pair.flash) != *in_slot) {
+    } else if (!slot_is_good) {
+        check.found = slot.bytes ? "damaged in slot " + pair.slot : "on flash, and not in slot " + pair.slot;
+        check.mend = pair.to_slot;
+    } else if (read_whole_file(pair.flash) != *slot.bytes) {
         check.found = "flash and slot " + pair.slot + " differ; right is " +
                       (pair.flash_is_right ? "flash" : "the slot");
         check.mend = pair.flash_is_right ? pair.to_slot : pair.to_flash;
@@ -152,6 +177,32 @@ void check_archive(Checks &checks, const ArchivePair &pair)
         check.found = "the same on flash and in slot " + pair.slot;
     }
     checks.push_back(check);
+}
+
+bool same_contents(const std::string &path, const std::optional<std::string> &other)
+{
+    return other && exists(path) && read_whole_file(path) == *other;
+}
+
+void check_backup(Checks &checks, bool saved_here)
+{
+    // Flash with the accepted environment was brought there: what is in the backup slot is not to be lost to it.
+    const bool is_accepted = same_contents(flash_backup, slot_contents(accept_slot()).bytes);
+    check_archive(checks, {"backup", flash_backup, backup_slot(), saved_here && !is_accepted,
+                           "kestactl copy cntbackup2backup", "kestactl restore GROUP --switch-only"});
+}
+
+void check_accepted(Checks &checks)
+{
+    // "accept" stores what is on flash as the backup: the same only as long as nothing was saved since.
+    const bool is_backup =
+        exists(flash_accept) && same_contents(flash_backup, read_whole_file(flash_accept));
+    check_archive(checks, {"accepted", flash_accept, accept_slot(), false,
+                           is_backup ? "kestactl accept"
+                                     : std::string("cp -p ") + flash_accept + " " + merge_backup +
+                                           " && kestactl copy merge-file2accept",
+                           "kestactl copy backup2tmp --accept --check, and copy its check.tar.Z to "
+                           "/opt/kesta_sys/bakup/accept.tar.Z"});
 }
 
 // ----------------------------------------------------------------------------------- the versions
@@ -243,7 +294,7 @@ void add_row(Result &result, const Check &check)
     result.text += start + check.found + "\n";
     if (!check.mend.empty()) {
         result.text += "      mend it: " + check.mend + "\n";
-        result.exit = Exit::no;
+        result.exit = std::max(result.exit, check.unreadable ? Exit::platform : Exit::no);
     }
     result.json["checks"].push_back({{"what", check.what},
                                      {"good", check.mend.empty()},
@@ -262,12 +313,8 @@ Result verify_places()
     Checks checks;
     check_slots(checks, mirror);
     check_mirror(checks, mirror);
-    check_archive(checks, {"backup", flash_backup, backup_slot(), saved_here,
-                           "kestactl copy cntbackup2backup",
-                           "kestactl restore GROUP --switch-only"});
-    check_archive(checks, {"accepted", flash_accept, accept_slot(), false, "kestactl accept",
-                           "kestactl copy backup2tmp --accept --check, and copy its check.tar.Z to "
-                           "/opt/kesta_sys/bakup/accept.tar.Z"});
+    check_backup(checks, saved_here);
+    check_accepted(checks);
     check_versions(checks, versions);
     check_identity(checks);
     check_unfinished(checks);

@@ -195,6 +195,7 @@ Plan plan_set(const VersionOptions &options)
     const int value = parse_version(options.value);
     require_writable();
     Plan plan;
+    plan.shared = find_flash_file(options.area) == nullptr;
     plan.json = {{"area", options.area}, {"value", value}};
     if (const FlashFile *file = find_flash_file(options.area)) {
         plan.steps.push_back({"write " + std::to_string(value) + " to the flash file of " + file->name,
@@ -240,6 +241,7 @@ Result next_command(const Globals &globals)
     const int own = learn_own_number();
     int next = successor(read_numbering(own));
     Plan plan;
+    plan.shared = true;
     plan.steps.push_back({"hand out number " + std::to_string(next),
                           {"version area numbering"},
                           [&] { next = hand_out_version(own); }});
@@ -292,6 +294,7 @@ void add_set(CLI::App &version, Globals &globals, Action &action,
     set->add_option("--controller", options->controller,
                     "Whose, for current and status; else this controller's")
         ->option_text("CNTn");
+    add_lock_rule(*set, globals);
     add_dry_run(*set, globals);
     add_examples(*set, "  kestactl version set backup 41\n"
                        "  kestactl version set current 41 --controller CNT2\n"
@@ -347,6 +350,7 @@ void add_version(CLI::App &app, Globals &globals, Action &action)
     add_examples(*show_command, "  kestactl version show");
     add_set(*version, globals, action, options);
     CLI::App *next = version->add_subcommand("next", "Hand out the next number, and print it");
+    add_lock_rule(*next, globals);
     add_dry_run(*next, globals);
     add_examples(*next, "  kestactl version next --dry-run\n"
                         "  kestactl version next");

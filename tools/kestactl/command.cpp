@@ -46,6 +46,9 @@ Result carry_out(const Plan &plan, const Globals &globals)
     if (globals.dry_run) {
         return show_plan(plan);
     }
+    if (plan.shared) {
+        honour_command_lock(globals.lock_rule);
+    }
     Result result;
     result.json = plan.json;
     result.json["dry_run"] = false;
@@ -110,6 +113,15 @@ void confirm(const std::string &question, bool yes)
 void add_dry_run(CLI::App &command, Globals &globals)
 {
     command.add_flag("--dry-run", globals.dry_run, "Show what would be done, and change nothing");
+}
+
+void add_lock_rule(CLI::App &command, Globals &globals)
+{
+    command.add_option("--wait", globals.lock_rule.wait, "Seconds to wait for another controller's command lock")
+        ->check(CLI::NonNegativeNumber);
+    command.add_option("--ignore-lock", globals.lock_rule.ignored,
+                       "Don't mind the command lock of this controller (CNT0 to CNT3)")
+        ->option_text("CNTn");
 }
 
 }  // namespace kestactl

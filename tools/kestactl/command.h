@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "failure.h"
+#include "lock_rule.h"
 
 namespace kestactl {
 
@@ -17,6 +18,7 @@ struct Globals {
     bool json = false;
     int trace_level = 0;
     bool dry_run = false;
+    LockRule lock_rule;
 };
 
 // What a command found or did: for people, and for programs.
@@ -38,6 +40,8 @@ struct Step {
 struct Plan {
     std::vector<Step> steps;
     Json json = Json::object();  // what the plan was made from
+    // Changes what all controllers share, without holding the command lock: it is honoured.
+    bool shared = false;
     // Takes its time: each step is told on stderr when it begins, to a terminal in words, with --json as one
     // event in a line of JSON.
     bool long_work = false;
@@ -87,5 +91,8 @@ void confirm(const std::string &question, bool yes);
 
 // Adds --dry-run to a changing command.
 void add_dry_run(CLI::App &command, Globals &globals);
+
+// Adds --wait and --ignore-lock to a command whose plan is shared.
+void add_lock_rule(CLI::App &command, Globals &globals);
 
 }  // namespace kestactl

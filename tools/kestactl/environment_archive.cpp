@@ -189,11 +189,12 @@ void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path,
     }
 }
 
-bool is_whole_archive(const std::string &path, const std::function<void()> &look)
+namespace {
+
+bool can_be_unpacked(const std::string &bytes, const std::string &name, const std::function<void()> &look)
 {
     try {
-        for_each_member({read_whole_file(path), path, archive_limits(), look},
-                        [](const Member &, const ReadMember &) {});
+        for_each_member({bytes, name, archive_limits(), look}, [](const Member &, const ReadMember &) {});
         return true;
     } catch (const Failure &failure) {
         if (failure.code() != "damaged-archive") {
@@ -201,6 +202,18 @@ bool is_whole_archive(const std::string &path, const std::function<void()> &look
         }
         return false;
     }
+}
+
+}  // namespace
+
+bool is_whole_archive(const std::string &path, const std::function<void()> &look)
+{
+    return can_be_unpacked(read_whole_file(path), path, look);
+}
+
+bool is_whole_archive_in_slot(const std::string &slot)
+{
+    return can_be_unpacked(read_slot(slot), "slot " + slot, [] {});
 }
 
 std::string read_slot(const std::string &slot)
