@@ -26,8 +26,10 @@ export ASAN_OPTIONS="${ASAN_OPTIONS:-quarantine_size_mb=8:malloc_context_size=8}
 # Those that put files in place, or ask every verb, take their time.
 runs_in_tests() {
     case $1 in
-        restore* | state | report) echo 2000 ;;
-        arguments) echo 20000 ;;
+        report) echo 120 ;;
+        state) echo 600 ;;
+        restore*) echo 1000 ;;
+        arguments) echo 8000 ;;
         *) echo 50000 ;;
     esac
 }
