@@ -67,7 +67,7 @@ fuzz() {
         exit 1
     }
     echo "$target: $(sed -n 's/^stat::number_of_executed_units: *//p' "$work/$target.log") executions," \
-        "$(grep -oE 'cov: [0-9]+ ft: [0-9]+' "$work/$target.log" | tail -1)," \
+        "$(grep -aoE 'cov: [0-9]+ ft: [0-9]+' "$work/$target.log" | tail -1)," \
         "$(sed -n 's/^stat::new_units_added: *//p' "$work/$target.log") new inputs"
 }
 
