@@ -47,15 +47,14 @@ check-models: deps
 
 # Seconds of fuzzing in the tests; a minute for each target by itself.
 check-fuzz: fuzz-build
-	scripts/fuzz.sh build/fuzz -runs=50000
+	scripts/fuzz.sh build/fuzz check
 
 fuzz: fuzz-build
 	scripts/fuzz.sh build/fuzz -max_total_time=60
 
 fuzz-build: deps
 	cmake --preset fuzz > /dev/null
-	cmake --build --preset fuzz -j $(JOBS) --target definition_fuzz group_list_fuzz \
-	    flash_version_fuzz command_output_fuzz lock_file_fuzz guid_text_fuzz
+	cmake --build --preset fuzz -j $(JOBS) --target fuzz_targets
 
 # Measures, and writes the table of docs/performance.md.
 bench: build

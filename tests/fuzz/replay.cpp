@@ -5,7 +5,10 @@
 #include <fstream>
 #include <iterator>
 
-#include "input_file.h"
+#include "contract.h"
+
+// What a target prepares once, if it does.
+extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int *argc, char ***argv);
 
 int main(int argc, char **argv)
 {
@@ -13,8 +16,12 @@ int main(int argc, char **argv)
         fprintf(stderr, "usage: %s CORPUS\n", argv[0]);
         return 2;
     }
+    const std::filesystem::path corpus = std::filesystem::absolute(argv[1]);
+    if (LLVMFuzzerInitialize) {
+        LLVMFuzzerInitialize(&argc, &argv);
+    }
     int files = 0;
-    for (const auto &entry : std::filesystem::recursive_directory_iterator(argv[1])) {
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(corpus)) {
         if (!entry.is_regular_file()) {
             continue;
         }

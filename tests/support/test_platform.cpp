@@ -226,7 +226,8 @@ using test::Platform;
 
 // ---------------------------------------------------------------- mc_logapi
 
-void MC_OutTrace(const char *file, int line, int level, const char *format, ...)
+// Weak: programs may have a trace log of their own, as kestactl has.
+__attribute__((weak)) void MC_OutTrace(const char *file, int line, int level, const char *format, ...)
 {
     char text[4096];
     va_list arguments;

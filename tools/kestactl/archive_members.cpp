@@ -6,6 +6,7 @@
 #include <grp.h>
 #include <pwd.h>
 
+#include <algorithm>
 #include <array>
 #include <exception>
 #include <memory>
@@ -35,18 +36,20 @@ constexpr std::uint64_t longest_header = std::uint64_t{1} << 20;
 
 std::string text_or_empty(const char *text) { return text ? text : ""; }
 
-std::string plain(std::string path)
+// One spelling for each path: two of them would be two members, and one file. What is before the first name, and
+// "..", stays: it is refused.
+std::string plain(const std::string &path)
 {
-    if (path.empty()) {
-        return path;
+    std::string result = path.starts_with('/') ? "/" : "";
+    for (std::size_t at = 0; at < path.size();) {
+        const std::size_t slash = std::min(path.find('/', at), path.size());
+        const std::string part = path.substr(at, slash - at);
+        if (!part.empty() && part != ".") {
+            result += (result.empty() || result == "/" ? "" : "/") + part;
+        }
+        at = slash + 1;
     }
-    while (path.starts_with("./")) {
-        path.erase(0, 2);
-    }
-    while (path.size() > 1 && path.back() == '/') {
-        path.pop_back();
-    }
-    return path.empty() ? "." : path;
+    return result.empty() && !path.empty() ? "." : result;
 }
 
 MemberKind kind_of(archive_entry *entry)

@@ -16,7 +16,7 @@ namespace kestactl {
 enum class MemberKind { file, folder, link, hard_link, special };
 
 struct Member {
-    std::string path;  // as it stands in the archive, without "./" before it or "/" behind it
+    std::string path;  // as it stands in the archive, without "." and needless slashes
     MemberKind kind = MemberKind::file;
     std::string target;  // of the two kinds of links
     mode_t mode = 0;     // the permissions

@@ -8,33 +8,31 @@
 #include <filesystem>
 #include <iostream>
 #include <new>
-#include <sstream>
 #include <string_view>
 #include <system_error>
 
-#include "command.h"
-#include "printable.h"
-#include "trace_capture.h"
+#include "command_line.h"
+#include "shown_result.h"
 #include "standard_descriptors.h"
+#include "trace_capture.h"
 
-namespace {
+namespace
+{
 
 using namespace kestactl;
 
-constexpr int schema_version = 1;
-
 // With --json, stdout holds one JSON text and nothing else: what a command or a script prints goes
 // to stderr.
-class JsonChannel {
+class JsonChannel
+{
 public:
     void open()
     {
         fd_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
         (void)dup2(STDERR_FILENO, STDOUT_FILENO);
     }
-    bool write(const Json &json) const
+    bool write(const std::string &text) const
     {
-        const std::string text = dumped(json, 2) + "\n";
         return ::write(fd_ >= 0 ? fd_ : STDOUT_FILENO, text.data(), text.size()) ==
                static_cast<ssize_t>(text.size());
     }
@@ -59,15 +57,9 @@ int code(Exit exit) { return static_cast<int>(exit); }
 int report_failure(const Failure &failure, bool json, const JsonChannel &channel)
 {
     if (json) {
-        channel.write({{"schema_version", schema_version},
-                       {"error",
-                        {{"exit", code(failure.exit())},
-                         {"code", failure.code()},
-                         {"message", failure.what()},
-                         {"hint", failure.hint()},
-                         {"traces", captured_errors()}}}});
+        channel.write(shown_failure(failure, Form::json));
     } else {
-        std::cerr << printable(std::string("kestactl: ") + failure.what() + "\n" + failure.hint() + "\n");
+        std::cerr << shown_failure(failure, Form::text);
     }
     return code(failure.exit());
 }
@@ -76,11 +68,9 @@ int report_result(const Result &result, bool json, const JsonChannel &channel)
 {
     bool written;
     if (json) {
-        written = channel.write({{"schema_version", schema_version},
-                                 {"exit", code(result.exit)},
-                                 {"result", result.json}});
+        written = channel.write(shown_result(result, Form::json));
     } else {
-        std::cout << printable(result.text) << std::flush;
+        std::cout << shown_result(result, Form::text) << std::flush;
         written = static_cast<bool>(std::cout);
     }
     if (!written && result.unwritten) {
@@ -93,26 +83,8 @@ int report_result(const Result &result, bool json, const JsonChannel &channel)
     return code(result.exit);
 }
 
-// Help and the version are answers; everything else is wrong usage.
-int report_parse(const CLI::App &app, const CLI::ParseError &error, bool json,
-                 const JsonChannel &channel)
-{
-    if (error.get_exit_code() == 0) {
-        if (json) {
-            std::ostringstream text;
-            app.exit(error, text, text);
-            return report_result({Exit::done, "", {{"text", text.str()}}, nullptr}, json, channel);
-        }
-        std::ostringstream text;
-        app.exit(error, text, text);
-        return report_result({Exit::done, text.str(), {}, nullptr}, json, channel);
-    }
-    const Failure failure(Exit::usage, "usage", std::string(error.what()),
-                          "See 'kestactl --help', or --help behind a command.");
-    return report_failure(failure, json, channel);
-}
-
-// What the language's library threw, as an operator wants it: its own texts name functions and templates.
+// What the language's library threw, as an operator wants it: its own texts name functions and
+// templates.
 Failure in_words(const std::exception &error)
 {
     if (dynamic_cast<const std::bad_alloc *>(&error)) {
@@ -122,11 +94,13 @@ Failure in_words(const std::exception &error)
     if (const auto *file = dynamic_cast<const std::filesystem::filesystem_error *>(&error)) {
         const std::string &path = file->path1().native();
         return {Exit::platform, "file-failed",
-                (path.empty() ? "A file" : path) + " could not be used: " + file->code().message() + ".",
+                (path.empty() ? "A file" : path) + " could not be used: " + file->code().message() +
+                    ".",
                 "Check the path and the rights of its folders, then run the command again."};
     }
     if (const auto *system = dynamic_cast<const std::system_error *>(&error)) {
-        return {Exit::platform, "system-failed", "The system refused something: " + system->code().message() + ".",
+        return {Exit::platform, "system-failed",
+                "The system refused something: " + system->code().message() + ".",
                 "Look at --trace 1 for the last call before it."};
     }
     return {Exit::platform, "failed", "Something went wrong that kestactl has no words for.",
@@ -160,45 +134,13 @@ int main(int argc, char **argv)
         channel.open();
     }
 
-    Globals globals;
-    Action action;
-    CLI::App app{"The saved environments of this controller: what there is, what is in force, and "
-                 "moving it between the storage places.",
-                 "kestactl"};
-    app.require_subcommand(1);
-    app.fallthrough();
-    app.footer(exit_codes);
-    app.set_version_flag("--version", "kestactl " KESTA_VERSION);
-    app.add_flag("--json", globals.json, "Print one JSON text on stdout, errors included");
-    app.add_option("--trace", globals.trace_level, "Show trace lines up to this level on stderr")
-        ->check(CLI::Range(0, 5));
-    add_status(app, globals, action);
-    add_nv(app, globals, action);
-    add_verify(app, action);
-    add_report(app, action);
-    add_save(app, globals, action);
-    add_accept(app, globals, action);
-    add_slot(app, globals, action);
-    add_copy(app, globals, action);
-    add_repair(app, globals, action);
-    add_restore(app, globals, action);
-    add_group(app, globals, action);
-    add_script(app, globals, action);
-    add_identity(app, globals, action);
-    add_version(app, globals, action);
-    add_lock(app, globals, action);
-    add_run(app, globals, action);
-    add_completion(app, action);
-    add_examples(app, "  kestactl status --archives\n"
-                      "  kestactl slot switch --dry-run\n"
-                      "  kestactl copy cntbackup2backup\n"
-                      "  kestactl restore network --from backup --script update\n"
-                      "  kestactl nv read accept-name --json");
-
+    CommandLine line;
     try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        return report_parse(app, error, json, channel);
+        if (const auto answer = line.parse(argc, argv)) {
+            return report_result(*answer, json, channel);
+        }
+    } catch (const Failure &failure) {
+        return report_failure(failure, json, channel);
     }
-    return perform(action, globals, channel);
+    return perform(line.action(), line.globals(), channel);
 }
