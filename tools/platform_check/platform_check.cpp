@@ -73,6 +73,7 @@ int main(int argc, char **argv)
     remember_inherited_descriptors();
     CLI::App app{"Holds the platform's four libraries against what libkesta relies on.",
                  "kesta-platform-check"};
+    app.set_version_flag("--version", "kesta-platform-check " KESTA_VERSION);
     bool run = false;
     std::string trace_log;
     app.add_flag("--run", run, "Do it: nobody else may use the appliance meanwhile");
