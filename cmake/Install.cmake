@@ -16,8 +16,14 @@ install(CODE "
     endforeach()")
 install(FILES ${PROJECT_BINARY_DIR}/kestactl.bash
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kestactl)
-install(FILES ${PROJECT_BINARY_DIR}/kestactl.zsh
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions RENAME _kestactl)
+# zsh looks for what packages bring in another folder than for what the machine's owner installs.
+install(CODE "
+    set(zsh_folder \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/zsh/site-functions\")
+    if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
+        set(zsh_folder /usr/share/zsh/vendor-completions)
+    endif()
+    file(INSTALL DESTINATION \"\${zsh_folder}\" TYPE FILE RENAME _kestactl
+        FILES \"${PROJECT_BINARY_DIR}/kestactl.zsh\")")
 # Programs that the library's command lines call, and nobody by hand.
 set(KESTA_PROGRAMDIR ${CMAKE_INSTALL_LIBEXECDIR}/kesta)
 install(TARGETS eeprom env_vpdctl RUNTIME DESTINATION ${KESTA_PROGRAMDIR})
@@ -39,6 +45,14 @@ install(FILES docs/man/kestactl.1 docs/man/kesta-lab.1 docs/man/cpinfo.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 install(FILES docs/man/libkesta.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
+# Each exported function leads to it by its name.
+file(STRINGS common/libkesta.map KESTA_EXPORTED REGEX "^ +(kestal?_|g_)[A-Za-z0-9_]+;")
+foreach(line ${KESTA_EXPORTED})
+    string(REGEX MATCH "[A-Za-z0-9_]+" name "${line}")
+    file(WRITE ${PROJECT_BINARY_DIR}/man3/${name}.3 ".so man3/libkesta.3\n")
+endforeach()
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS common/libkesta.map)
+install(DIRECTORY ${PROJECT_BINARY_DIR}/man3 DESTINATION ${CMAKE_INSTALL_MANDIR} FILES_MATCHING PATTERN "*.3")
 
 # The command lines name these paths; the system lacks them.
 install(CODE "

@@ -117,6 +117,7 @@ int main(int argc, char **argv)
                  "system backup area. Nothing is written outside the lab's folder.",
                  "kesta-lab"};
     app.require_subcommand(1);
+    app.set_version_flag("--version", "kesta-lab " KESTA_VERSION);
     app.footer("Example:\n"
                "  kesta-lab create /tmp/appliance\n"
                "  kesta-lab --dir /tmp/appliance exec CNT0 -- kestactl status\n"

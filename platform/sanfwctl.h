@@ -18,7 +18,9 @@ typedef struct {
 
 /*
  * Transfers one record between a buffer and an NV region; handle is -1, count is 1.
- * Return 0, or non-zero if nothing was transferred. A transfer is atomic.
+ * Return 0, or non-zero if nothing was transferred. A transfer is atomic, and of any offset and length within
+ * the region's 32768 bytes. region and access are left as they are: a transfer that failed is repeated with
+ * them.
  */
 int zKTsanfwctl_read_nv(int handle, cpfw_nv_region_t *region, cpfw_nv_access_t *access, int count);
 int zKTsanfwctl_write_nv(int handle, cpfw_nv_region_t *region, cpfw_nv_access_t *access,
@@ -35,7 +37,10 @@ typedef struct {
     uint8_t reserved[120];
 } sanfw_getstatus_ex_out;
 
-/* Fill the record; return 0, or non-zero on failure. kind is 0 for the first, 1 for the second. */
+/*
+ * Fill each status byte of the record; return 0, or non-zero on failure. kind is 0 for the first, 1 for the
+ * second. Both say the same about controllers 0 and 1.
+ */
 int zKTsanfwctl_get_status(int kind, sanfw_getstatus_out *out);
 int zKTsanfwctl_get_status_ex(int kind, sanfw_getstatus_ex_out *out);
 

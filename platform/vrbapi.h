@@ -15,7 +15,10 @@ typedef struct {
     int32_t s_errno;
 } _VRBAPIERRINFO;
 
-/* Keep one integer in a file. Return 0 on success. flag is 1. */
+/*
+ * Keep one integer in a file, which is replaced whole. Return 0 on success; on failure the error record is
+ * filled. flag is 1: a number below lowest or above highest is a failure, as is a file without a number.
+ */
 int vrbapi_setint_to_file(const char *path, int value, _VRBAPIERRINFO *error);
 int vrbapi_getint_from_file(const char *path, unsigned char flag, int lowest, int highest,
                             int *value, _VRBAPIERRINFO *error);
@@ -30,7 +33,10 @@ typedef struct {
     struct in_addr address;
 } vrb_netconfig_t;
 
-/* [0] the own controller, [1] the other one. Returns 0 on success; sets errno on failure. */
+/*
+ * [0] the own controller, [1] the other one, each with its number (0 to 3) and address. Returns 0 on success;
+ * sets errno on failure.
+ */
 int vrbgetnetconfig(vrb_netconfig_t records[2]);
 
 #ifdef __cplusplus

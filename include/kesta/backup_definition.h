@@ -13,7 +13,10 @@
 
 KESTA_BEGIN_DECLS
 
-/* libxml2's types, for those who go through a document themselves; its headers aren't needed here. */
+/*
+ * libxml2's types, for those who go through a document themselves. No header here needs libxml2's; who calls
+ * libxml2, or links the static library, needs libxml2-dev.
+ */
 typedef struct _xmlDoc xmlDoc;
 typedef xmlDoc *xmlDocPtr;
 typedef struct _xmlNode xmlNode;

@@ -40,6 +40,12 @@ cmake -S "$here" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$work/moved" > "$work/
 cmake --build "$work/consumer" >> "$work/log"
 test "$("$work/consumer/with_shared")" = "block 63"
 
+echo "== find_package(kesta) without libxml2's development files"
+cmake -S "$here" -B "$work/without" -DCMAKE_PREFIX_PATH="$work/moved" \
+    -DCMAKE_DISABLE_FIND_PACKAGE_LibXml2=ON > "$work/log"
+cmake --build "$work/without" >> "$work/log"
+test "$("$work/without/with_shared")" = "block 63"
+
 echo "== every public header alone, as C11 and as C++20"
 for header in $(cd "$work/moved/include" && find kesta -name '*.h' | sort); do
     printf '#include <%s>\n#include <%s>\nextern int something;\n' "$header" "$header" > "$work/header.c"
@@ -59,3 +65,10 @@ grep -q '"controller": 2' "$work/status"
 "$work/moved/bin/kesta-lab" destroy "$work/lab"
 test -L "$work/moved/sbin/tar"
 test -e "$work/moved/share/man/man1/kestactl.1"
+test -e "$work/moved/share/zsh/site-functions/_kestactl"
+"$work/moved/bin/kesta-lab" --version | grep -q '^kesta-lab [0-9]'
+
+echo "== each function has a manual page by its name"
+for name in $(nm -D --defined-only "$libdir/libkesta.so.1" | sed -n 's/.* T \(kesta[A-Za-z0-9_]*\)@.*/\1/p'); do
+    test "$(cat "$work/moved/share/man/man3/$name.3")" = ".so man3/libkesta.3"
+done

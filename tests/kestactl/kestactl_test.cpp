@@ -357,6 +357,21 @@ TEST_F(Kestactl, ShellsCompleteCommandsOptionsAndNames)
     EXPECT_EQ(completed("kestactl slot switch --backup kesta_backup1 --accept kesta_"),
               "kesta_backup0 kesta_backup1\n");
     EXPECT_EQ(completed("kestactl identity carry cnt0"), "cnt0-to-cnt1\n");
+    EXPECT_EQ(completed("kestactl restore network --from ''"),
+              "backup accept kesta_backup0 kesta_backup1\n");
+    EXPECT_EQ(completed("kestactl restore network --from = acc"), "accept\n");
+    EXPECT_EQ(completed("kestactl restore network --from ="),
+              "backup accept kesta_backup0 kesta_backup1\n");
+    EXPECT_EQ(completed("kestactl copy merge-file2accept --slot ''"), "kesta_backup0 kesta_backup1\n");
+    EXPECT_EQ(completed("kestactl identity set --in e"), "eeprom\n");
+    EXPECT_EQ(completed("kestactl copy backup2tmp --accept net"), "network\n") << "a flag has no value";
+    EXPECT_EQ(completed("kestactl --trace ''"), "0 1 2 3 4 5\n");
+    EXPECT_EQ(completed("kestactl completion z"), "zsh\n");
+    EXPECT_EQ(completed("kestactl group check net"), "network\n");
+    EXPECT_EQ(completed("kestactl group check /etc/kesta_sys/netw"), "/etc/kesta_sys/network\n");
+    EXPECT_EQ(completed("kestactl nv dump --out /etc/kesta_sy"), "/etc/kesta_sys\n");
+    EXPECT_EQ(ctl(0, "version set numbering 41").code, 0);
+    EXPECT_EQ(completed("kestactl version compare --backup 4"), "41\n");
     const std::string identifier = ctl(0, "lock take").out;
     EXPECT_EQ(completed("kestactl lock release ''"),
               "--help --dry-run --force --controller " + identifier)

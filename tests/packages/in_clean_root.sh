@@ -31,7 +31,7 @@ dpkg -i "$given"/packages/*.deb > "$given/log" 2>&1 || {
     cat "$given/log" >&2
     exit 1
 }
-dpkg --verify libkesta1 libkesta-dev kesta-tools kesta-platform-embedded kesta-lab
+dpkg --verify libkesta1 libkesta-dev libkesta-doc kesta-tools kesta-platform-embedded kesta-lab
 expect_mode "755 root" /etc/kesta_sys
 for folder in /opt/kesta_sys/bakup /run/kesta_sys/tmp /tmp/kesta_sys/tmp /var/lib/kesta /var/lib/kesta/nv \
     /var/lib/kesta/sysback; do
@@ -40,11 +40,43 @@ done
 test ! -L /tmp/kesta_sys/tmp/backup.tar.Z.tmp
 test -x /opt/kesta_sys/sbin/env_vpdctl
 
+echo "== the pages"
+# Each leads to pages of its own package only.
+for package in libkesta1 libkesta-dev libkesta-doc kesta-tools kesta-platform-embedded kesta-lab; do
+    dpkg -L "$package" | grep '\.md$' | while read -r page; do
+        grep -o '](\([^)]*\))' "$page" | sed 's/^](//; s/)$//; s/#.*//' | grep -v '^https*:' | grep . |
+            while read -r link; do
+                there=$(realpath -m "$(dirname "$page")/$link")
+                dpkg -L "$package" | grep -qxF "$there" || echo "$page leads to $link, which $package lacks"
+            done
+    done
+done > "$given/links"
+if [ -s "$given/links" ]; then
+    cat "$given/links" >&2
+    exit 1
+fi
+test -f /usr/share/doc/libkesta-doc/docs/operators.md
+test -f /usr/share/zsh/vendor-completions/_kestactl
+head -1 /usr/share/zsh/vendor-completions/_kestactl | grep -qx '#compdef kestactl'
+kesta-lab --version | grep -q '^kesta-lab [0-9]'
+kesta-platform-check --version | grep -q '^kesta-platform-check [0-9]'
+
 echo "== the library"
+# Linking the shared library needs nothing of libxml2's.
+rm -rf /usr/include/libxml2 /usr/lib/*/libxml2.so /usr/lib/*/libxml2.a /usr/lib/*/pkgconfig/libxml-2.0.pc \
+    /usr/lib/*/cmake/libxml2
+mkdir "$given/consumer"
+cp "$given/program.c" "$given/CMakeLists.txt" "$given/consumer"
+cmake -S "$given/consumer" -B "$given/consumer/build" > "$given/log" 2>&1 &&
+    cmake --build "$given/consumer/build" >> "$given/log" 2>&1 || {
+    cat "$given/log" >&2
+    exit 1
+}
+KESTA_PLATFORM_TRACE_TARGET=none "$given/consumer/build/with_shared" | grep -qx 'block 63'
 # shellcheck disable=SC2046
 cc -o "$given/program" "$given/program.c" $(pkg-config --cflags --libs libkesta)
 KESTA_PLATFORM_TRACE_TARGET=none "$given/program" | grep -qx 'block 63'
-man -w libkesta kestactl kesta-lab kesta-platform-check cpinfo eeprom env_vpdctl > /dev/null
+man -w libkesta kestal_area_file_rw kestal_CONT0_to_CONT1 kestactl kesta-lab kesta-platform-check cpinfo eeprom env_vpdctl > /dev/null
 
 echo "== the command line, on this machine"
 mkdir -p /etc/kesta_sys/network
@@ -77,7 +109,7 @@ kesta-lab --dir /tmp/lab exec CNT3 -- kestactl --json status | grep -q '"control
 kesta-lab destroy /tmp/lab > /dev/null
 
 echo "== remove"
-dpkg -P kesta-lab kesta-tools libkesta-dev libkesta1 kesta-platform-embedded > "$given/log" 2>&1 || {
+dpkg -P kesta-lab kesta-tools libkesta-doc libkesta-dev libkesta1 kesta-platform-embedded > "$given/log" 2>&1 || {
     cat "$given/log" >&2
     exit 1
 }

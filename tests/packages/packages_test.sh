@@ -21,7 +21,7 @@ lintian --fail-on error "$work"/packages/*.changes > "$work/lintian" 2>&1 || {
 echo "== a clean root"
 as_root=""
 [ "$(id -u)" -eq 0 ] || as_root="--map-root-user"
-cp "$here/in_clean_root.sh" "$source/tests/install/program.c" "$source/README.md" "$work"
+cp "$here/in_clean_root.sh" "$source/tests/install/program.c" "$source/tests/install/CMakeLists.txt" "$source/README.md" "$work"
 # shellcheck disable=SC2086
 unshare --mount $as_root sh -euc '
     work=$1
@@ -38,7 +38,7 @@ unshare --mount $as_root sh -euc '
         mount -t tmpfs "$folder" "$root/$folder"
     done
     mkdir "$root/tmp/given"
-    cp -r "$work"/packages "$work"/in_clean_root.sh "$work"/program.c "$work"/README.md "$root/tmp/given"
+    cp -r "$work"/packages "$work"/in_clean_root.sh "$work"/program.c "$work"/CMakeLists.txt "$work"/README.md "$root/tmp/given"
     cd "$root"
     mkdir -p old
     # Where the machine itself is only a folder of another one, this is not possible.

@@ -10,11 +10,15 @@ namespace {
 
 // What a shell has to ask for when it completes: by the name of a positional or the text of an option.
 const std::map<std::string, std::string> asked{
-    {"GROUP", "groups"},          {"FILE|GROUP", "groups"}, {"FILE", "files"}, {"BLOCK", "blocks"},
-    {"IDENTIFIER", "identifiers"}, {"CONTROLLER", "controllers"}, {"AREA", "areas"}};
+    {"GROUP", "groups"},           {"FILE|GROUP", "groups_or_files"}, {"FILE", "files"},
+    {"BLOCK", "blocks"},           {"IDENTIFIER", "identifiers"},     {"CONTROLLER", "controllers"},
+    {"AREA", "areas"},             {"SHELL", "shells"}};
+// By an option's name, or by its command and its name where a name means two things.
 const std::map<std::string, std::string> asked_by_option{
-    {"--backup", "slots"},        {"--accept", "slots"},       {"--group", "groups"},
-    {"--controller", "controllers"}, {"--out", "files"},       {"--only", "files"}};
+    {"--backup", "slots"},           {"--accept", "slots"},       {"--slot", "slots"},
+    {"--group", "groups"},           {"--controller", "controllers"}, {"--out", "files"},
+    {"--only", "files"},             {"--in", "places"},          {"restore --from", "archives"},
+    {"--numbering", "versions"},     {"compare --backup", "versions"}, {"--trace", "levels"}};
 
 // How it asks: shell functions, each printing words.
 constexpr const char *questions = R"(_kestactl_groups()
@@ -25,6 +29,15 @@ constexpr const char *questions = R"(_kestactl_groups()
     done
 }
 _kestactl_slots() { echo kesta_backup0 kesta_backup1; }
+_kestactl_archives() { echo backup accept kesta_backup0 kesta_backup1; }
+_kestactl_places() { echo eeprom vpd flash nv; }
+_kestactl_levels() { echo 0 1 2 3 4 5; }
+_kestactl_shells() { echo bash zsh; }
+_kestactl_groups_or_files() { _kestactl_groups; compgen -f -- "$current"; }
+_kestactl_versions()
+{
+    kestactl version show 2> /dev/null | grep -o '[0-9][0-9]*$' | sort -nu
+}
 _kestactl_controllers() { echo CNT0 CNT1 CNT2 CNT3; }
 _kestactl_blocks() { kestactl nv list 2> /dev/null | while read -r _ name _; do echo "$name"; done; }
 _kestactl_areas()
@@ -78,11 +91,16 @@ std::string words_of(const CLI::App &command, std::string &ask)
 }
 
 // The values that an option tells itself, "a|b|c"; or what is asked for it.
-std::string values_of(const CLI::Option &option, std::string &ask)
+std::string values_of(const CLI::App &command, const CLI::Option &option, std::string &ask)
 {
+    if (option.get_expected_max() == 0) {
+        return "";  // a flag: what comes behind it is not its value
+    }
     for (const std::string &name : option.get_lnames()) {
-        if (const auto found = asked_by_option.find("--" + name); found != asked_by_option.end()) {
-            ask = found->second;
+        for (const std::string &key : {"--" + name, command.get_name() + " --" + name}) {
+            if (const auto found = asked_by_option.find(key); found != asked_by_option.end()) {
+                ask = found->second;
+            }
         }
     }
     std::string text = option.get_option_text();
@@ -111,7 +129,7 @@ std::string bash_script(const CLI::App &app)
         }
         for (const CLI::Option *option : command.get_options()) {
             std::string ask;
-            const std::string known = values_of(*option, ask);
+            const std::string known = values_of(command, *option, ask);
             for (const std::string &name : option->get_lnames()) {
                 if (!known.empty() || !ask.empty()) {
                     values += "        " + quoted(path + " --" + name) + ") " + assignment(known, ask);
@@ -126,6 +144,11 @@ std::string bash_script(const CLI::App &app)
            "_kestactl()\n{\n"
            "    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}\n"
            "    local path='' words='' ask='' i\n"
+           "    # --option=value comes as three words\n"
+           "    [ \"$current\" != = ] || current=''\n"
+           "    if [ \"$previous\" = = ] && [ \"$COMP_CWORD\" -ge 2 ]; then\n"
+           "        previous=${COMP_WORDS[COMP_CWORD-2]}\n"
+           "    fi\n"
            "    for ((i = 1; i < COMP_CWORD; ++i)); do\n"
            "        case \"$path ${COMP_WORDS[i]}\" in\n" +
            paths +
