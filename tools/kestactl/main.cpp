@@ -2,15 +2,19 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <exception>
 #include <filesystem>
 #include <iostream>
 #include <new>
+#include <optional>
 #include <sstream>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 #include "command.h"
 #include "printable.h"
@@ -35,9 +39,11 @@ public:
     bool write(const Json &json) const
     {
         const std::string text = dumped(json, 2) + "\n";
-        return ::write(fd_ >= 0 ? fd_ : STDOUT_FILENO, text.data(), text.size()) ==
+        return ::write(fd(), text.data(), text.size()) ==
                static_cast<ssize_t>(text.size());
     }
+
+    int fd() const { return fd_ >= 0 ? fd_ : STDOUT_FILENO; }
 
 private:
     int fd_ = -1;
@@ -93,8 +99,119 @@ int report_result(const Result &result, bool json, const JsonChannel &channel)
     return code(result.exit);
 }
 
+struct Words {
+    int count;
+    char **all;
+};
+
+// How many letters have to be changed, put in or left out to make one word of another.
+std::size_t distance(const std::string &one, const std::string &other)
+{
+    std::vector<std::size_t> row(other.size() + 1);
+    for (std::size_t i = 0; i <= other.size(); ++i) {
+        row[i] = i;
+    }
+    for (std::size_t i = 1; i <= one.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t k = 1; k <= other.size(); ++k) {
+            const std::size_t changed = diagonal + (one[i - 1] == other[k - 1] ? 0 : 1);
+            diagonal = row[k];
+            row[k] = std::min({row[k] + 1, row[k - 1] + 1, changed});
+        }
+    }
+    return row[other.size()];
+}
+
+std::string nearest_command(const CLI::App &command, const std::string &word)
+{
+    std::string nearest;
+    std::size_t least = std::string::npos;
+    for (const CLI::App *inner : command.get_subcommands([](const CLI::App *) { return true; })) {
+        if (const std::size_t far = distance(word, inner->get_name()); far < least) {
+            least = far;
+            nearest = inner->get_name();
+        }
+    }
+    return nearest;
+}
+
+const CLI::App *inner_command(const CLI::App &command, const std::string &name)
+{
+    const std::vector<const CLI::App *> found =
+        command.get_subcommands([&](const CLI::App *inner) { return inner->get_name() == name; });
+    return found.empty() ? nullptr : found.front();
+}
+
+// The first word that stands where a command has to, and is none; and which one is meant, perhaps.
+std::optional<Failure> unknown_command(const CLI::App &app, int argc, char **argv)
+{
+    const CLI::App *command = &app;
+    for (int i = 1; i < argc && !command->get_subcommands([](const CLI::App *) { return true; }).empty(); ++i) {
+        const std::string word = argv[i];
+        if (word[0] == '-') {
+            const CLI::Option *option = app.get_option_no_throw(word);
+            i += option && option->get_expected_max() > 0 ? 1 : 0;
+            continue;
+        }
+        const CLI::App *inner = inner_command(*command, word);
+        if (!inner) {
+            const std::string near = nearest_command(*command, word);
+            const std::string of = command == &app ? "kestactl" : "'kestactl " + command->get_name() + "'";
+            return Failure(Exit::usage, "usage", "'" + word + "' is no command of " + of + ".",
+                           (near.empty() ? "" : "Did you mean '" + near + "'? ") +
+                               std::string("See --help for all of them."));
+        }
+        command = inner;
+    }
+    return std::nullopt;
+}
+
+// Whatever is interrupted says so, and ends with the same code. Commands that have something to put in order
+// hold the signal back, and do it first.
+char interrupted_json[256];
+int interrupted_fd = -1;
+pid_t interrupted_process = 0;
+
+extern "C" void end_interrupted(int)
+{
+    constexpr char text[] = "kestactl: Interrupted.\n";
+    if (getpid() != interrupted_process) {  // a child that has not become its program yet
+        _exit(code(Exit::interrupted));
+    }
+    if (interrupted_fd >= 0) {
+        (void)!write(interrupted_fd, interrupted_json, strlen(interrupted_json));
+    } else {
+        (void)!write(STDERR_FILENO, text, sizeof(text) - 1);
+    }
+    _exit(code(Exit::interrupted));
+}
+
+void tell_interruptions(bool json, const JsonChannel &channel)
+{
+    if (json) {
+        interrupted_fd = channel.fd();
+        (void)snprintf(interrupted_json, sizeof(interrupted_json), "%s\n",
+                       dumped({{"schema_version", schema_version},
+                               {"error",
+                                {{"exit", code(Exit::interrupted)},
+                                 {"code", "interrupted"},
+                                 {"message", "Interrupted."},
+                                 {"hint", ""},
+                                 {"traces", Json::array()}}}},
+                              -1)
+                           .c_str());
+    }
+    interrupted_process = getpid();
+    struct sigaction action {};
+    if (sigaction(SIGINT, nullptr, &action) == 0 && action.sa_handler == SIG_DFL) {
+        action.sa_handler = end_interrupted;
+        (void)sigaction(SIGINT, &action, nullptr);  // programs that are run have it as it was
+    }
+}
+
 // Help and the version are answers; everything else is wrong usage.
-int report_parse(const CLI::App &app, const CLI::ParseError &error, bool json,
+int report_parse(const CLI::App &app, const CLI::ParseError &error, const Words &words, bool json,
                  const JsonChannel &channel)
 {
     if (error.get_exit_code() == 0) {
@@ -106,6 +223,9 @@ int report_parse(const CLI::App &app, const CLI::ParseError &error, bool json,
         std::ostringstream text;
         app.exit(error, text, text);
         return report_result({Exit::done, text.str(), {}, nullptr}, json, channel);
+    }
+    if (const std::optional<Failure> unknown = unknown_command(app, words.count, words.all)) {
+        return report_failure(*unknown, json, channel);
     }
     const Failure failure(Exit::usage, "usage", std::string(error.what()),
                           "See 'kestactl --help', or --help behind a command.");
@@ -160,6 +280,8 @@ int main(int argc, char **argv)
         channel.open();
     }
 
+    tell_interruptions(json, channel);
+
     Globals globals;
     Action action;
     CLI::App app{"The saved environments of this controller: what there is, what is in force, and "
@@ -198,7 +320,7 @@ int main(int argc, char **argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        return report_parse(app, error, json, channel);
+        return report_parse(app, error, {argc, argv}, json, channel);
     }
     return perform(action, globals, channel);
 }
