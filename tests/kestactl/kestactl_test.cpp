@@ -334,6 +334,48 @@ TEST_F(Kestactl, TracesGoToStandardError)
     EXPECT_EQ(ctl(0, "nv read group").err, "");
 }
 
+TEST_F(Kestactl, UnknownCommandsAreNamedWithTheNearestOne)
+{
+    const Ran one = ctl(0, "stauts");
+    EXPECT_EQ(one.code, 2);
+    EXPECT_EQ(one.err, "kestactl: 'stauts' is no command of kestactl.\n"
+                       "Did you mean 'status'? See --help for all of them.\n");
+    const Ran inner = ctl(0, "--trace 3 nv raed group");
+    EXPECT_EQ(inner.code, 2);
+    EXPECT_THAT(inner.err, testing::HasSubstr("'raed' is no command of 'kestactl nv'"));
+    EXPECT_THAT(inner.err, testing::HasSubstr("Did you mean 'read'?"));
+    const Ran third = ctl(0, "--json vrify");
+    EXPECT_THAT(third.json()["error"]["hint"].get<std::string>(), testing::HasSubstr("'verify'"));
+}
+
+TEST_F(Kestactl, BoundsAreSaidInNumbersThatCanBeRead)
+{
+    for (const std::string words : {"lock wait --wait -1", "lock wait --wait x", "save network --wait -1",
+                                    "save network --script-timeout 0", "version compare --backup -1"}) {
+        const Ran refused = ctl(0, words);
+        EXPECT_EQ(refused.code, 2) << words;
+        EXPECT_LT(refused.err.size(), 200U) << refused.err;
+        EXPECT_THAT(refused.err, testing::HasSubstr("2147483647")) << words;
+    }
+}
+
+// A verb that holds nothing, and waits in the platform; --json tells it too.
+TEST_F(Kestactl, InterruptionIsToldAndEndsWithItsCode)
+{
+    write_file(host_path(0, "opt/faults"), "nv_read 1 on delay 30000\n");
+    for (const std::string option : {"", "--json "}) {
+        const Ran cut = on(0, "export KESTA_PLATFORM_FAULT_FILE=/opt/faults; "
+                              "timeout --preserve-status --foreground -s INT 0.5 kestactl " + option + "status");
+        EXPECT_EQ(cut.code, 130) << cut.err;
+        if (option.empty()) {
+            EXPECT_THAT(cut.err, testing::HasSubstr("kestactl: Interrupted."));
+        } else {
+            EXPECT_EQ(cut.json()["error"]["code"], "interrupted");
+        }
+    }
+    EXPECT_THAT(ctl(0, "--help").out, testing::HasSubstr("130 interrupted"));
+}
+
 // What bash completes behind these words, the last of which is being typed.
 TEST_F(Kestactl, ShellsCompleteCommandsOptionsAndNames)
 {

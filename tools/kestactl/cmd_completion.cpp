@@ -36,7 +36,9 @@ _kestactl_shells() { echo bash zsh; }
 _kestactl_groups_or_files() { _kestactl_groups; compgen -f -- "$current"; }
 _kestactl_versions()
 {
-    kestactl version show 2> /dev/null | grep -o '[0-9][0-9]*$' | sort -nu
+    kestactl version show 2> /dev/null | while read -r _ number _; do
+        case $number in [1-9]*) echo "$number" ;; esac
+    done | sort -nu
 }
 _kestactl_controllers() { echo CNT0 CNT1 CNT2 CNT3; }
 _kestactl_blocks() { kestactl nv list 2> /dev/null | while read -r _ name _; do echo "$name"; done; }

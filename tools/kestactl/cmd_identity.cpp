@@ -327,8 +327,12 @@ Plan plan_vpd_to_flash()
     plan.shared = true;
     plan.json = {{"from", identity_json(board)}, {"to", identity_json(running)}};
     if (!is_whole(board)) {
-        require_whole(running, "Neither the board nor this controller",
-                      "Set one with 'kestactl identity set --wwn ... --serialno ... --guid ...'.");
+        const std::string hint = "Set one with 'kestactl identity set --wwn ... --serialno ... --guid ...'.";
+        if (!is_whole(running)) {
+            throw Failure(Exit::no, "no-identity",
+                          "Neither the board nor this controller holds a whole identity.", hint);
+        }
+        require_whole(running, "This controller", hint);
         plan.steps.push_back({"give the board this controller's identity: it holds no whole one",
                               {"the board's VPD"},
                               [running] { run_vpd_to_flash(running); }});

@@ -1,4 +1,5 @@
 // kestactl lock: the command lock between controllers, and the local lock of one controller.
+#include <climits>
 #include <errno.h>
 #include <fcntl.h>
 #include <kesta/kesta.h>
@@ -438,7 +439,7 @@ void add_type(CLI::App &command, const std::shared_ptr<LockOptions> &options)
 void add_wait(CLI::App &command, const std::shared_ptr<LockOptions> &options)
 {
     command.add_option("--wait", options->wait, "Seconds to wait for it; progress goes to stderr")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, INT_MAX));
 }
 
 void add_take(CLI::App &lock, Globals &globals, Action &action,

@@ -1,4 +1,5 @@
 // kestactl version: the version numbers of saved environments.
+#include <climits>
 #include <kesta/kesta.h>
 #include <limits.h>
 
@@ -310,9 +311,9 @@ void add_compare(CLI::App &version, Action &action, const std::shared_ptr<Versio
         "compare", "Tell which is newer, the backup or what this controller runs with; exit code 1 "
                    "if they differ");
     command->add_option("--backup", options->backup, "Version of the backup; else it is read")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, INT_MAX));
     command->add_option("--numbering", options->numbering, "Latest number; else it is read")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, INT_MAX));
     command->callback([&action, options] {
         action = [options](const Globals &) { return compare(*options); };
     });

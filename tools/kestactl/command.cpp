@@ -70,7 +70,7 @@ Result carry_out(const Plan &plan, const Globals &globals)
 
 const char *const exit_codes =
     "Exit codes: 0 done, 1 the answer is no or things differ, 2 wrong usage, 3 held by a lock,\n"
-    "4 the platform failed.";
+    "4 the platform failed, 130 interrupted.";
 
 void add_examples(CLI::App &command, const std::string &examples)
 {

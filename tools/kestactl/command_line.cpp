@@ -1,16 +1,86 @@
 #include "command_line.h"
 
+#include <algorithm>
+#include <optional>
 #include <sstream>
+#include <string>
+#include <vector>
 
 namespace kestactl
 {
 namespace
 {
 
+// How many letters have to be changed, put in or left out to make one word of another.
+std::size_t distance(const std::string &one, const std::string &other)
+{
+    std::vector<std::size_t> row(other.size() + 1);
+    for (std::size_t i = 0; i <= other.size(); ++i) {
+        row[i] = i;
+    }
+    for (std::size_t i = 1; i <= one.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t k = 1; k <= other.size(); ++k) {
+            const std::size_t changed = diagonal + (one[i - 1] == other[k - 1] ? 0 : 1);
+            diagonal = row[k];
+            row[k] = std::min({row[k] + 1, row[k - 1] + 1, changed});
+        }
+    }
+    return row[other.size()];
+}
+
+std::string nearest_command(const CLI::App &command, const std::string &word)
+{
+    std::string nearest;
+    std::size_t least = std::string::npos;
+    for (const CLI::App *inner : command.get_subcommands([](const CLI::App *) { return true; })) {
+        if (const std::size_t far = distance(word, inner->get_name()); far < least) {
+            least = far;
+            nearest = inner->get_name();
+        }
+    }
+    return nearest;
+}
+
+const CLI::App *inner_command(const CLI::App &command, const std::string &name)
+{
+    const std::vector<const CLI::App *> found =
+        command.get_subcommands([&](const CLI::App *inner) { return inner->get_name() == name; });
+    return found.empty() ? nullptr : found.front();
+}
+
+// The first word that stands where a command has to, and is none; and which one is meant, perhaps.
+std::optional<Failure> unknown_command(const CLI::App &app, int argc, const char *const *argv)
+{
+    const CLI::App *command = &app;
+    for (int i = 1; i < argc && !command->get_subcommands([](const CLI::App *) { return true; }).empty(); ++i) {
+        const std::string word = argv[i];
+        if (word[0] == '-') {
+            const CLI::Option *option = app.get_option_no_throw(word);
+            i += option && option->get_expected_max() > 0 ? 1 : 0;
+            continue;
+        }
+        const CLI::App *inner = inner_command(*command, word);
+        if (!inner) {
+            const std::string near = nearest_command(*command, word);
+            const std::string of = command == &app ? "kestactl" : "'kestactl " + command->get_name() + "'";
+            return Failure(Exit::usage, "usage", "'" + word + "' is no command of " + of + ".",
+                           (near.empty() ? "" : "Did you mean '" + near + "'? ") +
+                               std::string("See --help for all of them."));
+        }
+        command = inner;
+    }
+    return std::nullopt;
+}
+
 // Help and the version are answers; everything else is wrong usage.
-Result answer_of(const CLI::App &app, const CLI::ParseError &error)
+Result answer_of(const CLI::App &app, const CLI::ParseError &error, int argc, const char *const *argv)
 {
     if (error.get_exit_code() != 0) {
+        if (const std::optional<Failure> unknown = unknown_command(app, argc, argv)) {
+            throw Failure(*unknown);
+        }
         throw Failure(Exit::usage, "usage", std::string(error.what()),
                       "See 'kestactl --help', or --help behind a command.");
     }
@@ -64,7 +134,7 @@ std::optional<Result> CommandLine::parse(int argc, const char *const *argv)
     try {
         app_.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        return answer_of(app_, error);
+        return answer_of(app_, error, argc, argv);
     }
     return std::nullopt;
 }

@@ -1,5 +1,6 @@
 #include "environment_work.h"
 
+#include <climits>
 #include <kesta/kesta.h>
 #include <string.h>
 
@@ -135,7 +136,7 @@ void set_version(int area, int controller, int version)
 void add_wait_option(CLI::App &command, WorkOptions &options)
 {
     command.add_option("--wait", options.wait, "Seconds to wait for the command lock")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, INT_MAX));
 }
 
 void add_script_options(CLI::App &command, WorkOptions &options)
@@ -145,7 +146,7 @@ void add_script_options(CLI::App &command, WorkOptions &options)
                        "KESTA_VRBGETSTAT of the scripts");
     command.add_option("--script-timeout", options.scripts.timeout,
                        "Seconds after which a script is stopped (600)")
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Range(1, INT_MAX));
 }
 
 }  // namespace kestactl

@@ -12,6 +12,7 @@ enum class Exit : int {
     usage = 2,     // wrong usage
     locked = 3,    // held by a lock
     platform = 4,  // the platform failed
+    interrupted = 130,  // by Ctrl-C
 };
 
 // One sentence that says what is wrong, and one that says what to do.

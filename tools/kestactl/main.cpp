@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <exception>
@@ -33,9 +34,11 @@ public:
     }
     bool write(const std::string &text) const
     {
-        return ::write(fd_ >= 0 ? fd_ : STDOUT_FILENO, text.data(), text.size()) ==
+        return ::write(fd(), text.data(), text.size()) ==
                static_cast<ssize_t>(text.size());
     }
+
+    int fd() const { return fd_ >= 0 ? fd_ : STDOUT_FILENO; }
 
 private:
     int fd_ = -1;
@@ -81,6 +84,42 @@ int report_result(const Result &result, bool json, const JsonChannel &channel)
         return code(Exit::platform);
     }
     return code(result.exit);
+}
+
+// Whatever is interrupted says so, and ends with the same code. Commands that have something to put in order
+// hold the signal back, and do it first.
+char interrupted_json[1024];
+int interrupted_fd = -1;
+pid_t interrupted_process = 0;
+
+extern "C" void end_interrupted(int)
+{
+    constexpr char text[] = "kestactl: Interrupted.\n";
+    if (getpid() != interrupted_process) {  // a child that has not become its program yet
+        _exit(code(Exit::interrupted));
+    }
+    if (interrupted_fd >= 0) {
+        (void)!write(interrupted_fd, interrupted_json, strlen(interrupted_json));
+    } else {
+        (void)!write(STDERR_FILENO, text, sizeof(text) - 1);
+    }
+    _exit(code(Exit::interrupted));
+}
+
+void tell_interruptions(bool json, const JsonChannel &channel)
+{
+    if (json) {
+        interrupted_fd = channel.fd();
+        const Failure failure(Exit::interrupted, "interrupted", "Interrupted.", "");
+        (void)snprintf(interrupted_json, sizeof(interrupted_json), "%s",
+                       shown_failure(failure, Form::json).c_str());
+    }
+    interrupted_process = getpid();
+    struct sigaction action {};
+    if (sigaction(SIGINT, nullptr, &action) == 0 && action.sa_handler == SIG_DFL) {
+        action.sa_handler = end_interrupted;
+        (void)sigaction(SIGINT, &action, nullptr);  // programs that are run have it as it was
+    }
 }
 
 // What the language's library threw, as an operator wants it: its own texts name functions and
@@ -134,6 +173,7 @@ int main(int argc, char **argv)
         channel.open();
     }
 
+    tell_interruptions(json, channel);
     CommandLine line;
     try {
         if (const auto answer = line.parse(argc, argv)) {
