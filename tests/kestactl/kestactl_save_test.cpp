@@ -469,7 +469,8 @@ TEST_F(KestactlVerify, SlotThatCanNotBeReadIsNoAbsentOne)
     write_file(host_path(0, "opt/faults"), "sb_open 1 on fail 5\n");
     const Ran verified = on(0, "KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl --json verify");
     EXPECT_EQ(verified.code, 4) << "no answer is no pass";
-    for (const json &check : verified.json().at("result").at("checks")) {
+    const json answer = verified.json();
+    for (const json &check : answer.at("result").at("checks")) {
         if (check.at("what") == "backup" || check.at("what") == "accepted") {
             EXPECT_THAT(check.at("found").get<std::string>(), HasSubstr("can't be read"));
             EXPECT_THAT(check.at("mend").get<std::string>(), testing::Not(HasSubstr("kestactl copy")));

@@ -140,8 +140,8 @@ std::vector<Condition> conditions()
          "mount -t tmpfs -o size=128k tmpfs /tmp/full && cp -a /opt/kesta_sys/bakup/. /tmp/full/ && "
          "{ head -c 1M /dev/zero > /tmp/full/.fill; } 2>/dev/null; mount --bind /tmp/full /opt/kesta_sys/bakup && ",
          ""},
+#ifdef KESTA_KILL_BY_TRACING  // a sanitizer takes more than that for itself
         {"EightDescriptors", "ulimit -n 8; ", ""},
-#ifdef KESTA_KILL_BY_TRACING  // a sanitizer takes more memory than that for itself
         {"LittleMemory", "ulimit -v 65536; ", ""},
 #endif
     };

@@ -114,7 +114,7 @@ Outcome children_go_on()
     bool went_on = true;
     for (int i = 0; i < 20 && went_on; ++i) {
         went_on = in_process([] {
-            alarm(3);
+            alarm(10);  // it would hang for ever
             return use_all();
         });
     }
@@ -125,7 +125,7 @@ Outcome children_go_on()
 
 Outcome cancelled_threads_leave_nothing_held()
 {
-    constexpr unsigned longest_s = 5;
+    constexpr unsigned longest_s = 15;
     alarm(longest_s);
     std::atomic<bool> ended{false};
     for (int i = 0; i < 20; ++i) {
