@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
-#include <filesystem>
+#include <mutex>
+#include <set>
 #include <thread>
 
 #include "library_test.h"
@@ -16,6 +18,18 @@ using testing::HasSubstr;
 namespace {
 
 constexpr int workers = 12;
+
+// Counts the threads that came by and have ended since, in whichever way. What they did before comes before what
+// follows, also for those that nobody joins.
+std::atomic<int> threads_ended{0};
+class CountedThread {
+public:
+    static void comes_by() { thread_local const CountedThread counted; }
+
+private:
+    CountedThread() = default;
+    ~CountedThread() { ++threads_ended; }
+};
 
 }  // namespace
 
@@ -41,26 +55,25 @@ protected:
     void await_workers(int done, int started = workers)
     {
         const pthread_t waiting = pthread_self();
+        forget_workers();
         p().before_call = [this, waiting, done, started](const std::string &call) {
+            const bool waits = pthread_equal(pthread_self(), waiting) != 0;
+            if (!waits) {
+                note_worker();
+            }
             if (hook) {
                 hook(call);
             }
-            if (pthread_equal(pthread_self(), waiting) && call == "usleep 100000") {
-                while (ended() < done || threads() - others_ > started - done || !is_set_up()) {
+            if (waits && call == "usleep 100000") {
+                while (ended() < done || living() > started - done || !is_set_up()) {
                     std::this_thread::yield();
                 }
             }
         };
     }
-    // Of the process, as the system counts them: one that is not counted any more can be joined.
-    static int threads()
+    void await_end_of_all_workers()
     {
-        const std::filesystem::directory_iterator tasks("/proc/self/task");
-        return static_cast<int>(std::distance(begin(tasks), end(tasks)));
-    }
-    void await_end_of_all_threads() const
-    {
-        while (threads() > others_) {
+        while (threads_ended < noted() || living() > 0) {
             std::this_thread::yield();
         }
     }
@@ -78,7 +91,35 @@ protected:
     char verid[4]{};
 
 private:
-    const int others_ = threads();  // a sanitizer may have one of its own
+    // Workers by their numbers, each noted at its first call. Threads that a sanitizer has are none of them.
+    void forget_workers()
+    {
+        const std::lock_guard guard(mutex_);
+        numbers_.clear();
+        threads_ended = 0;
+    }
+    void note_worker()
+    {
+        CountedThread::comes_by();
+        const std::lock_guard guard(mutex_);
+        numbers_.insert(gettid());
+    }
+    int noted()
+    {
+        const std::lock_guard guard(mutex_);
+        return static_cast<int>(numbers_.size());
+    }
+    // Those that the system still has: one that it hasn't any more can be joined.
+    int living()
+    {
+        const std::lock_guard guard(mutex_);
+        return static_cast<int>(std::count_if(numbers_.begin(), numbers_.end(), [](pid_t number) {
+            return access(("/proc/self/task/" + std::to_string(number)).c_str(), F_OK) == 0;
+        }));
+    }
+
+    std::mutex mutex_;
+    std::set<pid_t> numbers_;
 };
 
 TEST_F(RepairThreads, AllTwelveAreCopied)
@@ -203,7 +244,7 @@ TEST_P(HangingRepair, InTheSystemBackupArea)
     await_workers(workers - 1);
     EXPECT_EQ(repair(), -1);
     expect_given_up();
-    await_end_of_all_threads();  // it was cancelled in its reading: nobody has let it go
+    await_end_of_all_workers();  // it was cancelled in its reading: nobody has let it go
     expect_nothing_held();
 }
 
@@ -228,7 +269,7 @@ TEST_P(HangingTransfer, InNvMemory)
     EXPECT_EQ(repair(), -1);
     expect_given_up();
     let_go();  // its transfer ends, the mutex is free, and then the worker is cancelled
-    await_end_of_all_threads();
+    await_end_of_all_workers();
     expect_nothing_held();
 }
 
@@ -250,7 +291,7 @@ TEST_P(FailedGivingUp, IsTold)
     EXPECT_THAT(p().texts(1), testing::Contains(HasSubstr("[repair_allitem] pthread_cancel Error. (rtn=3,")));
     EXPECT_THAT(p().texts(1), testing::Contains(HasSubstr("[repair_allitem] pthread_detach Error. (rtn=3,")));
     EXPECT_TRUE(p().traced(1, "[repair_allitem] Thread(11) don't Finish. Error(rtn=3)."));
-    await_end_of_all_threads();
+    await_end_of_all_workers();
 }
 
 const std::vector<Hang> in_memory{

@@ -19,6 +19,7 @@ namespace
 {
 
 constexpr const char *scratch = "kesta_platform_check";
+constexpr const char *scratch_of_children = "kesta_platform_child";  // two writers of one file may meet
 
 // Open when the program was started: not the platform's.
 std::set<int> &inherited()
@@ -37,7 +38,7 @@ std::set<int> open_descriptors()
 }
 
 // A call of each library. Whether the calls that have a result succeeded.
-bool use_all()
+bool use_all(const char *name = scratch)
 {
     std::string bytes = "as others do";
     int handle = -1;
@@ -48,7 +49,7 @@ bool use_all()
     MC_OutTrace("platform_check.cpp", __LINE__, 5, "[platform_check] all");
     if (write_nv(2048, bytes) != 0 || read_nv(2048, bytes.size()) != bytes ||
         vrbgetsanfwinfo(VRB_SANFWINFO_MASTER, &master, &error, &extra) != 0 ||
-        sbacc_open(scratch, "w", &handle, &close_flag) != 0) {
+        sbacc_open(name, "w", &handle, &close_flag) != 0) {
         return false;
     }
     const int written = sbacc_write(bytes.data(), static_cast<unsigned>(bytes.size()), 0, handle);
@@ -115,7 +116,7 @@ Outcome children_go_on()
     for (int i = 0; i < 20 && went_on; ++i) {
         went_on = in_process([] {
             alarm(10);  // it would hang for ever
-            return use_all();
+            return use_all(scratch_of_children);
         });
     }
     ended = true;
