@@ -60,9 +60,7 @@ public:
     int run()
     {
         kesta::MutexGuard guard(innerlock_mutex);
-        // Opened and closed under the mutex: a close lets go of the lock.
-        kesta::InnerlockRecord record;
-        record_ = &record;
+        const OpenRecord record(record_);  // opened and closed under the mutex: a close lets go of the lock
         for (int r = 1;; ++r) {
             int result = KESTA_OK;
             if (attempt(r, result)) {
@@ -80,6 +78,19 @@ public:
     }
 
 private:
+    // The record of one run, known to the steps for as long as it is open.
+    class OpenRecord {
+    public:
+        explicit OpenRecord(kesta::InnerlockRecord *&known) : known_(known) { known_ = &record_; }
+        ~OpenRecord() { known_ = nullptr; }
+        OpenRecord(const OpenRecord &) = delete;
+        OpenRecord &operator=(const OpenRecord &) = delete;
+
+    private:
+        kesta::InnerlockRecord *&known_;
+        kesta::InnerlockRecord record_;
+    };
+
     void make_token()
     {
         struct timeval now {};

@@ -37,7 +37,9 @@ int read_item(const SysbackName &name, int flag, void *data, unsigned int size)
         TRACE(1, "[non_volatile_rw_sysback] NV(sysback) R/W Size ERROR f_name=%s", name.c_str());
         return KESTA_ERR;
     }
-    memcpy(data, stored.get(), stored_size);  // what is beyond keeps its old contents
+    if (data) {  // always: only a read gets here, and a null one was refused
+        memcpy(data, stored.get(), stored_size);  // what is beyond keeps its old contents
+    }
     return KESTA_OK;
 }
 
