@@ -114,7 +114,7 @@ SlotContents slot_contents(const std::string &slot)
     }
     try {
         contents.bytes = read_slot(slot);
-        contents.damaged = !is_whole_archive_in_slot(slot);
+        contents.damaged = !is_whole_archive_of(*contents.bytes, "slot " + slot);
     } catch (const Failure &) {
         contents.damaged = contents.bytes.has_value();  // read, and beyond a limit
         const std::string not_there = "[backup_rw] File Open(R) ERROR f_name=" + slot + " result=-2 ";

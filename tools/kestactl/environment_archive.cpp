@@ -211,9 +211,14 @@ bool is_whole_archive(const std::string &path, const std::function<void()> &look
     return can_be_unpacked(read_whole_file(path), path, look);
 }
 
+bool is_whole_archive_of(const std::string &bytes, const std::string &name)
+{
+    return can_be_unpacked(bytes, name, [] {});
+}
+
 bool is_whole_archive_in_slot(const std::string &slot)
 {
-    return can_be_unpacked(read_slot(slot), "slot " + slot, [] {});
+    return is_whole_archive_of(read_slot(slot), "slot " + slot);
 }
 
 std::string read_slot(const std::string &slot)
