@@ -32,14 +32,14 @@ std::vector<std::string> split(const uint8_t *data, size_t size)
 
 void require_shown(const kestactl::Result &answer)
 {
-    require(answer.exit == kestactl::Exit::done, "an answer that is no success");
+    require(answer.exit == engine::Exit::done, "an answer that is no success");
     fuzz::require_printable(shown_result(answer, kestactl::Form::text));
     fuzz::require_json(shown_result(answer, kestactl::Form::json));
 }
 
-void require_shown(const kestactl::Failure &failure)
+void require_shown(const engine::Failure &failure)
 {
-    require(failure.exit() == kestactl::Exit::usage, "refused otherwise than as wrong usage");
+    require(failure.exit() == engine::Exit::usage, "refused otherwise than as wrong usage");
     fuzz::require_printable(shown_failure(failure, kestactl::Form::text));
     fuzz::require_json(shown_failure(failure, kestactl::Form::json));
 }
@@ -61,7 +61,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         } else {
             require(static_cast<bool>(line.action()), "neither an answer nor an action");
         }
-    } catch (const kestactl::Failure &failure) {
+    } catch (const engine::Failure &failure) {
         require_shown(failure);
     }
     return 0;

@@ -115,7 +115,7 @@ std::string contents()
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    kestactl::withhold_traces();
+    engine::withhold_traces();
     fuzz::prepare_appliance();
     return 0;
 }

@@ -55,7 +55,7 @@ void perform(Words words)
         const kestactl::Result result = line.action()(line.globals());
         fuzz::require_printable(shown_result(result, kestactl::Form::text));
         fuzz::require_json(shown_result(result, kestactl::Form::json));
-    } catch (const kestactl::Failure &failure) {
+    } catch (const engine::Failure &failure) {
         fuzz::require_printable(shown_failure(failure, kestactl::Form::text));
         fuzz::require_json(shown_failure(failure, kestactl::Form::json));
     }
@@ -65,7 +65,7 @@ void perform(Words words)
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    kestactl::withhold_traces();
+    engine::withhold_traces();
     fuzz::prepare_appliance();
     return 0;
 }

@@ -356,12 +356,12 @@ Scenario repair_in_threads()
 }
 
 // A copy that is cut short must not pass for a good place: the names come last.
-Scenario repair_that_shows_its_end(kestactl::Side from)
+Scenario repair_that_shows_its_end(engine::Side from)
 {
-    const bool to_memory = from == kestactl::Side::disk;
+    const bool to_memory = from == engine::Side::disk;
     const auto copy = [from] {
         std::string failed;
-        return kestactl::copy_items(kestactl::read_mirror(), from, failed);
+        return engine::copy_items(engine::read_mirror(), from, failed);
     };
     return {std::string("the operator's repair of ") + (to_memory ? "memory" : "the disk"),
             [to_memory] {
@@ -374,21 +374,21 @@ Scenario repair_that_shows_its_end(kestactl::Side from)
             },
             {copy},
             [from, copy](int returned) -> std::string {
-                const kestactl::MirrorState state = kestactl::read_mirror();
+                const engine::MirrorState state = engine::read_mirror();
                 if (!state.valid(from)) {
                     return "the good place is not good any more";
                 }
                 const bool untouched = std::none_of(
-                    state.items.begin(), state.items.end(), [](const kestactl::MirroredItem &item) {
+                    state.items.begin(), state.items.end(), [](const engine::MirroredItem &item) {
                         return item.block->in_memory && item.block->size == 4 && !item.differs();
                     });
-                if (state.valid(kestactl::other(from)) && state.differ() && !untouched) {
+                if (state.valid(engine::other(from)) && state.differ() && !untouched) {
                     return "a copy that is half made passes for a good place";
                 }
                 if (returned > 0 && state.differ()) {
                     return "the copy has not reached its place";
                 }
-                return copy() == 0 && !kestactl::read_mirror().differ() ? "" : "no second repair";
+                return copy() == 0 && !engine::read_mirror().differ() ? "" : "no second repair";
             }};
 }
 
@@ -522,8 +522,8 @@ std::vector<Scenario> scenarios()
             repair_of_memory(),
             repair_of_disk(),
             repair_in_threads(),
-            repair_that_shows_its_end(kestactl::Side::disk),
-            repair_that_shows_its_end(kestactl::Side::memory),
+            repair_that_shows_its_end(engine::Side::disk),
+            repair_that_shows_its_end(engine::Side::memory),
             image_init(),
             whole_rewrite(),
             long_transfers(),

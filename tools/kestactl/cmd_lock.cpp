@@ -19,6 +19,7 @@
 #include "held_lock.h"
 #include "lock_state.h"
 #include "names.h"
+#include "render.h"
 
 namespace kestactl {
 namespace {

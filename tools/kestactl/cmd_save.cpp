@@ -14,6 +14,7 @@
 #include "mirror.h"
 #include "names.h"
 #include "unfinished_restore.h"
+#include "version_numbers.h"
 #include "whole_file.h"
 
 namespace kestactl {

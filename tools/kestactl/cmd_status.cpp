@@ -18,6 +18,7 @@
 #include "lock_state.h"
 #include "names.h"
 #include "overview.h"
+#include "render.h"
 #include "unfinished_restore.h"
 
 namespace kestactl {

@@ -12,11 +12,11 @@
 #include "names.h"
 #include "overview.h"
 #include "trace_capture.h"
+#include "version_numbers.h"
 
 namespace kestactl {
 namespace {
 
-constexpr int first_version = 1;
 
 struct Area {
     const char *name;
@@ -224,23 +224,11 @@ Plan plan_set(const VersionOptions &options)
     return plan;
 }
 
-int successor(int version) { return version == INT_MAX ? first_version : version + 1; }
-
-int read_numbering(int own)
-{
-    const int latest =
-        kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, own, KESTA_VERSION_BY_MODE);
-    if (latest < 0) {
-        fail_call("read-failed", "The latest number can't be read.", "Look at --trace 1.");
-    }
-    return latest;
-}
-
 Result next_command(const Globals &globals)
 {
     require_writable();
     const int own = learn_own_number();
-    int next = successor(read_numbering(own));
+    int next = version_after(latest_number(own));
     Plan plan;
     plan.shared = true;
     plan.steps.push_back({"hand out number " + std::to_string(next),
@@ -322,23 +310,6 @@ void add_compare(CLI::App &version, Action &action, const std::shared_ptr<Versio
 }
 
 }  // namespace
-
-int hand_out_version(int own)
-{
-    int next = 0;
-    under_inner_lock("No number was handed out.", [&] {
-        const int latest =
-            kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, own, KESTA_VERSION_BY_MODE);
-        next = successor(latest);
-        if (latest < 0 ||
-            kestal_set_version_nolock(KESTA_VER_AREA_NUMBERING, own, next) != KESTA_OK) {
-            fail_call("next-failed", "No number was handed out.",
-                      "The numbering version can't be read or written: look at --trace 1.");
-        }
-        return "Number " + std::to_string(next) + " was handed out";
-    });
-    return next;
-}
 
 void add_version(CLI::App &app, Globals &globals, Action &action)
 {

@@ -12,6 +12,7 @@
 
 namespace kestactl {
 
+using namespace engine;
 using Json = nlohmann::ordered_json;
 
 struct Globals {

@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "appliance_state.h"
+#include "render.h"
 
 namespace kestactl {
 namespace {

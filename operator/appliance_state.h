@@ -1,0 +1,58 @@
+// What kestactl asks the library about this controller and the NV image, and what it says when the
+// answer is an error.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "names.h"
+
+namespace engine {
+
+// Where a block is looked for.
+enum class From { both, memory, sysback };
+
+struct BlockValue {
+    std::vector<char> bytes;
+    std::string place;  // where the value came from
+};
+
+// Reads a block without the inner lock: one transfer is whole. Throws Failure.
+BlockValue read_block(const Block &block, From from);
+
+// Does something under the inner lock of this controller, and lets go of it on every way out. The messages
+// say what was not done where the lock can't be had, and what was where it can't be let go. Throws Failure.
+void under_inner_lock(const std::string &not_done, const std::function<std::string()> &act);
+
+// Writes a block to every place that it lives in, under the inner lock. Throws Failure, also where the
+// lock could not be released: nothing is left held unsaid.
+void write_block(const Block &block, std::vector<char> bytes);
+
+// A text field, up to its terminator or its end.
+std::string field_text(const std::vector<char> &bytes);
+
+// The name in force, or an empty text if none is valid. Throws Failure.
+std::string accept_slot();
+std::string backup_slot();
+
+// Makes the own number known to the library, without writing its file. Returns it. Throws Failure.
+int learn_own_number();
+
+// Refuses where nothing may be written: in Suspend boot mode. Throws Failure.
+void require_writable();
+
+// From here on the process uses NV memory only.
+void use_memory_only();
+
+// What a failed library call means: held by the inner lock, or a failure of the platform.
+[[noreturn]] void fail_call(const std::string &code, const std::string &message,
+                            const std::string &hint);
+
+// The slot name, or a Failure that says how to set one.
+std::string require_slot(const std::string &name, const std::string &which);
+
+void require_file(const std::string &path, const std::string &hint);
+
+}  // namespace engine

@@ -1,0 +1,68 @@
+#include "archive_limits.h"
+
+#include <charconv>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "failure.h"
+
+namespace engine {
+namespace {
+
+[[noreturn]] void refuse_line(int number, const std::string &line)
+{
+    throw Failure(Exit::platform, "bad-setting",
+                  std::string(archive_limits_file) + ":" + std::to_string(number) + ": '" + line +
+                      "' is no limit of archives.",
+                  "Lines are 'archive_bytes = NUMBER', 'archive_members = NUMBER' or "
+                  "'archive_ratio = NUMBER', "
+                  "with a number from 1.");
+}
+
+std::uint64_t *limit_of(ArchiveLimits &limits, const std::string &name)
+{
+    return name == "archive_bytes"     ? &limits.bytes
+           : name == "archive_members" ? &limits.members
+           : name == "archive_ratio"   ? &limits.ratio
+                                       : nullptr;
+}
+
+bool set_limit(ArchiveLimits &limits, std::string line)
+{
+    const std::size_t equals = line.find('=');
+    if (equals == std::string::npos) {
+        return false;
+    }
+    line[equals] = ' ';
+    std::istringstream words(line);
+    std::string name;
+    std::string value;
+    std::string more;
+    words >> name >> value;
+    std::uint64_t *const limit = limit_of(limits, name);
+    if (!limit || words >> more) {
+        return false;
+    }
+    const char *const end = value.data() + value.size();
+    const auto read = std::from_chars(value.data(), end, *limit);
+    return read.ec == std::errc() && read.ptr == end && *limit > 0;
+}
+
+}  // namespace
+
+ArchiveLimits archive_limits()
+{
+    ArchiveLimits limits;
+    std::ifstream file(archive_limits_file);
+    std::string line;
+    for (int number = 1; std::getline(file, line); ++number) {
+        const std::size_t begin = line.find_first_not_of(" \t");
+        if (begin != std::string::npos && line[begin] != '#' && !set_limit(limits, line)) {
+            refuse_line(number, line);
+        }
+    }
+    return limits;
+}
+
+}  // namespace engine

@@ -1,0 +1,278 @@
+#include "archive_members.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <errno.h>
+#include <grp.h>
+#include <pwd.h>
+
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <memory>
+
+#include "failure.h"
+
+namespace engine {
+namespace {
+
+using Reader = std::unique_ptr<::archive, decltype(&archive_read_free)>;
+
+// More than the header of a member can need: names and numbers.
+constexpr std::uint64_t longest_header = std::uint64_t{1} << 20;
+
+[[noreturn]] void fail_damaged(const std::string &name, const std::string &why)
+{
+    throw Failure(Exit::no, "damaged-archive", name + " is damaged: " + why + ".",
+                  "Nothing was taken from it. See 'kestactl verify' for a good copy, or use --from for the "
+                  "other environment.");
+}
+
+[[noreturn]] void fail_damaged(const std::string &name, ::archive *reader)
+{
+    const char *why = archive_error_string(reader);
+    fail_damaged(name, why ? why : "it can't be read to its end");
+}
+
+std::string text_or_empty(const char *text) { return text ? text : ""; }
+
+// One spelling for each path: two of them would be two members, and one file. What is before the first name, and
+// "..", stays: it is refused.
+std::string plain(const std::string &path)
+{
+    std::string result = path.starts_with('/') ? "/" : "";
+    for (std::size_t at = 0; at < path.size();) {
+        const std::size_t slash = std::min(path.find('/', at), path.size());
+        const std::string part = path.substr(at, slash - at);
+        if (!part.empty() && part != ".") {
+            result += (result.empty() || result == "/" ? "" : "/") + part;
+        }
+        at = slash + 1;
+    }
+    return result.empty() && !path.empty() ? "." : result;
+}
+
+MemberKind kind_of(archive_entry *entry)
+{
+    if (archive_entry_hardlink(entry)) {
+        return MemberKind::hard_link;
+    }
+    switch (archive_entry_filetype(entry)) {
+        case AE_IFREG:
+            return MemberKind::file;
+        case AE_IFDIR:
+            return MemberKind::folder;
+        case AE_IFLNK:
+            return MemberKind::link;
+        default:
+            return MemberKind::special;
+    }
+}
+
+Member member_of(archive_entry *entry, std::size_t number)
+{
+    Member member;
+    member.path = plain(text_or_empty(archive_entry_pathname(entry)));
+    member.kind = kind_of(entry);
+    member.target = member.kind == MemberKind::hard_link ? plain(text_or_empty(archive_entry_hardlink(entry)))
+                                                         : text_or_empty(archive_entry_symlink(entry));
+    member.mode = archive_entry_perm(entry);
+    member.owner = text_or_empty(archive_entry_uname(entry));
+    member.group = text_or_empty(archive_entry_gname(entry));
+    member.uid = static_cast<uid_t>(archive_entry_uid(entry));
+    member.gid = static_cast<gid_t>(archive_entry_gid(entry));
+    member.modified = {archive_entry_mtime(entry), archive_entry_mtime_nsec(entry)};
+    const la_int64_t size = member.kind == MemberKind::file ? archive_entry_size(entry) : 0;
+    member.size = size > 0 ? static_cast<std::uint64_t>(size) : 0;
+    member.number = number;
+    return member;
+}
+
+// The unpacked bytes of an archive, on their way to the reader of its members. They are counted,
+// and their number is held against the limits, whatever the headers tell.
+class Unpacking {
+public:
+    explicit Unpacking(const Archive &archive)
+        : archive_(archive), reader_(archive_read_new(), archive_read_free)
+    {
+        archive_read_support_filter_bzip2(reader_.get());
+        archive_read_support_format_raw(reader_.get());
+        archive_entry *entry = nullptr;
+        if (archive_read_open_memory(reader_.get(), archive.bytes.data(), archive.bytes.size()) !=
+                ARCHIVE_OK ||
+            archive_read_next_header(reader_.get(), &entry) != ARCHIVE_OK) {
+            fail_damaged(archive.name, reader_.get());
+        }
+        if (archive_filter_count(reader_.get()) != 2 ||
+            archive_filter_code(reader_.get(), 0) != ARCHIVE_FILTER_BZIP2) {
+            fail_damaged(archive.name, "it is not what bzip2 makes");
+        }
+    }
+
+    // Throws Failure.
+    std::string_view next()
+    {
+        archive_.look();
+        const la_ssize_t got = archive_read_data(reader_.get(), piece_.data(), piece_.size());
+        if (got < 0) {
+            fail_damaged(archive_.name, reader_.get());
+        }
+        const std::string_view piece(piece_.data(), static_cast<std::size_t>(got));
+        unpacked_ += piece.size();
+        check(unpacked_);
+        in_header_ += piece.size();
+        if (reads_header_ && in_header_ > longest_header) {
+            fail_damaged(archive_.name, "the header of a member is longer than one can be");
+        }
+        return piece;
+    }
+
+    void begin_header() { in_header_ = 0, reads_header_ = true; }
+    void end_header() { reads_header_ = false; }
+
+    // What the headers tell counts as well: holes take no bytes of the archive.
+    void add(const Member &member)
+    {
+        told_ += member.size;
+        if (member.size > archive_.limits.bytes) {
+            told_ = member.size;
+        }
+        check(told_);
+        if (++members_ > archive_.limits.members) {
+            refuse("holds more than " + std::to_string(archive_.limits.members) + " members",
+                   "archive_members");
+        }
+    }
+
+private:
+    void check(std::uint64_t bytes) const
+    {
+        const ArchiveLimits &limits = archive_.limits;
+        if (bytes > limits.bytes) {
+            refuse("holds more than " + std::to_string(limits.bytes) + " bytes", "archive_bytes");
+        }
+        if (bytes > ArchiveLimits::free_of_ratio && bytes / limits.ratio > archive_.bytes.size()) {
+            refuse("holds more than " + std::to_string(limits.ratio) + " times its own size",
+                   "archive_ratio");
+        }
+    }
+    [[noreturn]] void refuse(const std::string &what, const std::string &setting) const
+    {
+        throw Failure(Exit::no, "archive-too-large", archive_.name + " " + what + ".",
+                      "If it is right, raise " + setting + " in " + archive_limits_file + ".");
+    }
+
+    const Archive &archive_;
+    Reader reader_;
+    std::array<char, 1 << 16> piece_{};
+    std::uint64_t unpacked_ = 0;
+    std::uint64_t told_ = 0;
+    std::uint64_t members_ = 0;
+    std::uint64_t in_header_ = 0;
+    bool reads_header_ = false;
+};
+
+// Reads the members of what is unpacked. An exception does not pass through the functions of
+// libarchive: it is kept until they have returned.
+class MemberReader {
+public:
+    explicit MemberReader(const Archive &archive)
+        : name_(archive.name), unpacking_(archive), reader_(archive_read_new(), archive_read_free)
+    {
+        archive_read_support_format_tar(reader_.get());
+        unpacking_.begin_header();
+        check(archive_read_open(reader_.get(), this, nullptr, give_next, nullptr));
+    }
+
+    // Null behind the last one.
+    archive_entry *next()
+    {
+        archive_entry *entry = nullptr;
+        unpacking_.begin_header();
+        const int result = archive_read_next_header(reader_.get(), &entry);
+        unpacking_.end_header();
+        check(result);
+        return result == ARCHIVE_EOF ? nullptr : entry;
+    }
+    void add(const Member &member) { unpacking_.add(member); }
+    void read(const TakePiece &take)
+    {
+        const void *piece = nullptr;
+        std::size_t size = 0;
+        la_int64_t offset = 0;
+        int result;
+        while ((result = archive_read_data_block(reader_.get(), &piece, &size, &offset)) != ARCHIVE_EOF) {
+            check(result);
+            if (size > 0) {
+                take(static_cast<std::uint64_t>(offset), {static_cast<const char *>(piece), size});
+            }
+        }
+    }
+    void skip() { check(archive_read_data_skip(reader_.get())); }
+
+    // What is behind the last member belongs to the archive, and may be damaged.
+    void read_rest()
+    {
+        while (!unpacking_.next().empty()) {
+        }
+    }
+
+private:
+    static la_ssize_t give_next(::archive *reader, void *self, const void **bytes)
+    {
+        MemberReader &own = *static_cast<MemberReader *>(self);
+        try {
+            const std::string_view piece = own.unpacking_.next();
+            *bytes = piece.data();
+            return static_cast<la_ssize_t>(piece.size());
+        } catch (const std::exception &) {
+            own.failure_ = std::current_exception();
+            archive_set_error(reader, EIO, "stopped");
+            return -1;
+        }
+    }
+    void check(int result)
+    {
+        if (failure_) {
+            std::rethrow_exception(failure_);
+        }
+        if (result < ARCHIVE_WARN) {
+            fail_damaged(name_, reader_.get());
+        }
+    }
+
+    const std::string &name_;
+    Unpacking unpacking_;
+    std::exception_ptr failure_;
+    Reader reader_;
+};
+
+}  // namespace
+
+void for_each_member(const Archive &archive,
+                     const std::function<void(const Member &, const ReadMember &)> &visit)
+{
+    MemberReader reader(archive);
+    std::size_t number = 0;
+    while (archive_entry *entry = reader.next()) {
+        const Member member = member_of(entry, ++number);
+        reader.add(member);
+        visit(member, [&reader](const TakePiece &take) { reader.read(take); });
+        reader.skip();
+    }
+    reader.read_rest();
+}
+
+uid_t owner_of(const Member &member)
+{
+    const passwd *known = member.owner.empty() ? nullptr : getpwnam(member.owner.c_str());
+    return known ? known->pw_uid : member.uid;
+}
+
+gid_t group_of(const Member &member)
+{
+    const ::group *known = member.group.empty() ? nullptr : getgrnam(member.group.c_str());
+    return known ? known->gr_gid : member.gid;
+}
+
+}  // namespace engine

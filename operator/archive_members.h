@@ -1,0 +1,54 @@
+// What is in an archive, read from memory with libarchive: never more of it than the limits allow,
+// and never a file as a whole.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "archive_limits.h"
+
+namespace engine {
+
+enum class MemberKind { file, folder, link, hard_link, special };
+
+struct Member {
+    std::string path;  // as it stands in the archive, without "." and needless slashes
+    MemberKind kind = MemberKind::file;
+    std::string target;  // of the two kinds of links
+    mode_t mode = 0;     // the permissions
+    std::string owner;   // name and number; the name counts where this system knows it
+    std::string group;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    timespec modified{};
+    std::uint64_t size = 0;  // of a file, with its holes
+    std::size_t number = 0;  // its place in the archive
+};
+
+struct Archive {
+    std::string bytes;
+    std::string name;  // as it is told of
+    ArchiveLimits limits;
+    std::function<void()> look = [] {};  // called again and again while it is read; may throw
+};
+
+// Takes a piece of a file. What lies between the pieces, and behind the last one, is zeros.
+using TakePiece = std::function<void(std::uint64_t offset, std::string_view piece)>;
+
+// Gives a file's contents; to be called at most once, while its member is visited.
+using ReadMember = std::function<void(const TakePiece &)>;
+
+// Visits every member, in order, and reads the archive to its end. Throws Failure: it is damaged,
+// or holds more than the limits allow.
+void for_each_member(const Archive &archive,
+                     const std::function<void(const Member &, const ReadMember &)> &visit);
+
+// The numbers that a member's owner and group have on this system.
+uid_t owner_of(const Member &member);
+gid_t group_of(const Member &member);
+
+}  // namespace engine

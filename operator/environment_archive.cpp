@@ -1,0 +1,241 @@
+#include "environment_archive.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <exception>
+#include <filesystem>
+#include <memory>
+
+#include "failure.h"
+#include "group_paths.h"
+#include "restored_files.h"
+#include "saved_files.h"
+#include "whole_file.h"
+
+namespace engine {
+namespace {
+
+namespace fs = std::filesystem;
+
+using EntryPtr = std::unique_ptr<archive_entry, decltype(&archive_entry_free)>;
+
+class ArchiveWriter {
+public:
+    ArchiveWriter(const std::string &path, const std::function<void()> &check)
+        : path_(path),
+          check_(check),
+          limits_(archive_limits()),
+          file_(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)),
+          writer_(archive_write_new(), archive_write_free)
+    {
+        if (!file_) {
+            fail_file(path, "made");
+        }
+        archive_write_add_filter_bzip2(writer_.get());
+        archive_write_set_format_gnutar(writer_.get());
+        require(archive_write_open_fd(writer_.get(), file_.get()));
+    }
+
+    void add(const Member &member, const Descriptor &contents)
+    {
+        check_();
+        count(member);
+        const EntryPtr entry(archive_entry_new(), archive_entry_free);
+        archive_entry_copy_pathname(entry.get(), member.path.c_str());
+        archive_entry_set_filetype(entry.get(), member.kind == MemberKind::folder ? AE_IFDIR
+                                                : member.kind == MemberKind::link ? AE_IFLNK
+                                                                                  : AE_IFREG);
+        archive_entry_set_perm(entry.get(), member.mode);
+        archive_entry_set_size(entry.get(), static_cast<la_int64_t>(member.size));
+        archive_entry_set_uid(entry.get(), member.uid);
+        archive_entry_set_gid(entry.get(), member.gid);
+        archive_entry_copy_uname(entry.get(), member.owner.c_str());
+        archive_entry_copy_gname(entry.get(), member.group.c_str());
+        archive_entry_set_mtime(entry.get(), member.modified.tv_sec, 0);
+        if (member.kind == MemberKind::link) {
+            archive_entry_copy_symlink(entry.get(), member.target.c_str());
+        } else if (member.kind == MemberKind::hard_link) {
+            archive_entry_copy_hardlink(entry.get(), member.target.c_str());
+        }
+        require(archive_write_header(writer_.get(), entry.get()));
+        if (member.kind == MemberKind::file) {
+            add_contents(member, contents);
+        }
+        require(archive_write_finish_entry(writer_.get()));
+    }
+
+    void finish()
+    {
+        require(archive_write_close(writer_.get()));
+        if (fsync(file_.get()) != 0 || !file_.close()) {
+            fail_file(path_, "flushed to the disk");
+        }
+    }
+
+private:
+    // What restoring would find too much is not made first.
+    void count(const Member &member)
+    {
+        bytes_ += member.size;
+        if (bytes_ > limits_.bytes || ++members_ > limits_.members) {
+            throw Failure(Exit::no, "archive-too-large",
+                          "With /" + member.path + " the archive would hold more than " +
+                              (bytes_ > limits_.bytes ? std::to_string(limits_.bytes) + " bytes."
+                                                      : std::to_string(limits_.members) + " members."),
+                          std::string("It could not be restored. Take it out, or raise ") +
+                              (bytes_ > limits_.bytes ? "archive_bytes in " : "archive_members in ") +
+                              archive_limits_file + ".");
+        }
+    }
+    // As much as the header has told; whether the file was changed meanwhile is seen when it is
+    // compared.
+    void add_contents(const Member &member, const Descriptor &contents)
+    {
+        for (std::uint64_t at = 0; at < member.size;) {
+            check_();
+            ssize_t got;
+            while ((got = pread(contents.get(), piece_.data(), piece_.size(), static_cast<off_t>(at))) < 0 &&
+                   errno == EINTR) {
+            }
+            if (got < 0) {
+                fail_file("/" + member.path, "read");
+            }
+            if (got == 0) {
+                return;
+            }
+            const std::size_t size =
+                std::min<std::uint64_t>(static_cast<std::uint64_t>(got), member.size - at);
+            if (archive_write_data(writer_.get(), piece_.data(), size) < 0) {
+                fail_writing();
+            }
+            at += size;
+        }
+    }
+    void require(int result)
+    {
+        if (result < ARCHIVE_WARN) {
+            fail_writing();
+        }
+    }
+    [[noreturn]] void fail_writing()
+    {
+        const char *why = archive_error_string(writer_.get());
+        throw Failure(
+            Exit::platform, "archive-failed",
+            std::string("The archive could not be made: ") + (why ? why : "it can't be written") + ".",
+            "Check the space of " + fs::path(path_).parent_path().string() + ".");
+    }
+
+    const std::string &path_;
+    const std::function<void()> &check_;
+    ArchiveLimits limits_;
+    Descriptor file_;
+    std::unique_ptr<::archive, decltype(&archive_write_free)> writer_;
+    std::array<char, 1 << 16> piece_{};
+    std::uint64_t bytes_ = 0;
+    std::uint64_t members_ = 0;
+};
+
+void require_restorable(const KESTA_BACKUP_FILE &definition, const GroupPaths &paths, const std::string &path,
+                        const std::function<void()> &look)
+{
+    const Archive archive{read_whole_file(path), "The new archive", archive_limits(), look};
+    const RestoredFiles files = choose_files(archive, definition, paths);
+    if (!compare_files(archive, files, GroupPlaces(paths)).none()) {
+        throw Failure(Exit::platform, "archive-differs",
+                      "The archive does not hold what the files hold: it was thrown away.",
+                      "A file was changed while it was saved, or the disk fails: run the command "
+                      "again.");
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> collect(const KESTA_BACKUP_FILE &definition)
+{
+    const GroupPaths paths(definition);
+    std::vector<std::string> files;
+    for_each_saved(definition, paths, [&](const Member &member, const Descriptor &) {
+        if (paths.names(member.path)) {
+            files.push_back(member.path);
+        }
+    });
+    if (files.empty()) {
+        throw Failure(Exit::no, "no-files", "The group has no files to save.", "See 'kestactl group show'.");
+    }
+    return files;
+}
+
+void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path,
+                  const std::function<void()> &look)
+{
+    const GroupPaths paths(definition);
+    remove_quietly(path);  // of a run that was cut short; making it tells
+    try {
+        ArchiveWriter writer(path, look);
+        for_each_saved(definition, paths, [&writer](const Member &member, const Descriptor &contents) {
+            writer.add(member, contents);
+        });
+        writer.finish();
+        require_restorable(definition, paths, path, look);
+    } catch (const std::exception &) {
+        remove_quietly(path);
+        throw;
+    }
+}
+
+namespace {
+
+bool can_be_unpacked(const std::string &bytes, const std::string &name, const std::function<void()> &look)
+{
+    try {
+        for_each_member({bytes, name, archive_limits(), look}, [](const Member &, const ReadMember &) {});
+        return true;
+    } catch (const Failure &failure) {
+        if (failure.code() != "damaged-archive") {
+            throw;
+        }
+        return false;
+    }
+}
+
+}  // namespace
+
+bool is_whole_archive(const std::string &path, const std::function<void()> &look)
+{
+    return can_be_unpacked(read_whole_file(path), path, look);
+}
+
+bool is_whole_archive_of(const std::string &bytes, const std::string &name)
+{
+    return can_be_unpacked(bytes, name, [] {});
+}
+
+bool is_whole_archive_in_slot(const std::string &slot)
+{
+    return is_whole_archive_of(read_slot(slot), "slot " + slot);
+}
+
+std::string read_slot(const std::string &slot)
+{
+    void *data = nullptr;
+    unsigned size = 0;
+    const int result = kestal_backup_rw(slot.c_str(), KESTA_FILE_READ, &data, &size);
+    std::string bytes;
+    if (result == KESTA_OK) {
+        bytes.assign(static_cast<const char *>(data), size);
+    }
+    kestal_free_debug(data, __FILE__, __LINE__, 0);
+    if (result != KESTA_OK) {
+        throw Failure(Exit::platform, "slot-unreadable", "Slot " + slot + " can't be read.",
+                      "Check the system backup area; --trace 1 shows the failed call.");
+    }
+    return bytes;
+}
+
+}  // namespace engine

@@ -1,0 +1,37 @@
+// The archive of a group's files: made from the running system, and tested before anything points
+// at it.
+#pragma once
+
+#include <kesta/kesta.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace engine {
+
+// Looks at everything that would be saved. Returns the group's paths that are there, relative to
+// the root. Throws Failure: a file is missing (where the group's operation does not allow that), or
+// something could not be restored.
+std::vector<std::string> collect(const KESTA_BACKUP_FILE &definition);
+
+// Makes the archive, and holds every file in it against the system again, as a restore would: what
+// it would not take is not saved. The file is on the disk then. Looks again and again, which may
+// throw. Throws Failure; no half archive stays behind.
+void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path,
+                  const std::function<void()> &look);
+
+// Whether an archive can be unpacked to its end.
+bool is_whole_archive(
+    const std::string &path, const std::function<void()> &look = [] {});
+
+// The same of an archive that has been read; the name is what it is told of as.
+bool is_whole_archive_of(const std::string &bytes, const std::string &name);
+
+// The same of what a slot of the system backup area holds. Throws Failure if it can't be read.
+bool is_whole_archive_in_slot(const std::string &slot);
+
+// What a slot of the system backup area holds. Throws Failure if it can't be read.
+std::string read_slot(const std::string &slot);
+
+}  // namespace engine

@@ -1,0 +1,68 @@
+#include "unfinished_restore.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "archive_places.h"
+#include "failure.h"
+#include "whole_file.h"
+
+namespace engine {
+
+using Json = nlohmann::ordered_json;
+
+std::string UnfinishedRestore::command() const
+{
+    return "kestactl restore " + group + " --from " + from + (only.empty() ? "" : " --only " + only) +
+           (on_reboot ? " --on-reboot" : "");
+}
+
+std::optional<UnfinishedRestore> unfinished_restore()
+{
+    if (access(unfinished_restore_note, F_OK) != 0) {
+        return std::nullopt;
+    }
+    try {
+        const Json json = Json::parse(read_whole_file(unfinished_restore_note));
+        return UnfinishedRestore{json.at("group"), json.at("from"), json.at("only"),
+                                 json.at("on_reboot"),
+                                 json.at("replaced").get<std::set<std::string>>()};
+    } catch (const nlohmann::json::exception &) {
+        throw Failure(Exit::platform, "bad-note",
+                      std::string(unfinished_restore_note) + " can't be understood.",
+                      "A restore was not completed. Remove the file, and restore the group again.");
+    }
+}
+
+void note_unfinished(const UnfinishedRestore &restore)
+{
+    const Json json{{"group", restore.group},
+                    {"from", restore.from},
+                    {"only", restore.only},
+                    {"on_reboot", restore.on_reboot},
+                    {"replaced", restore.replaced}};
+    write_file_whole(unfinished_restore_note, json.dump(2, ' ', false, Json::error_handler_t::replace));
+}
+
+void note_finished()
+{
+    if (unlink(unfinished_restore_note) != 0 && errno != ENOENT) {
+        fail_file(unfinished_restore_note, "removed");
+    }
+    flush_folder(std::filesystem::path(unfinished_restore_note).parent_path().string());
+}
+
+void require_no_unfinished_restore()
+{
+    if (const auto unfinished = unfinished_restore()) {
+        throw Failure(Exit::no, "restore-unfinished",
+                      "A restore of " + unfinished->group + " is unfinished: its files may be partly new, "
+                                                            "partly old.",
+                      "Complete it first: " + unfinished->command());
+    }
+}
+
+}  // namespace engine

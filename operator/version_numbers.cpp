@@ -1,0 +1,44 @@
+#include "version_numbers.h"
+
+#include <limits.h>
+
+#include <kesta/kesta.h>
+
+#include <string>
+
+#include "appliance_state.h"
+
+namespace engine {
+
+constexpr int first_version = 1;
+
+int version_after(int version) { return version == INT_MAX ? first_version : version + 1; }
+
+int latest_number(int own)
+{
+    const int latest =
+        kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, own, KESTA_VERSION_BY_MODE);
+    if (latest < 0) {
+        fail_call("read-failed", "The latest number can't be read.", "Look at --trace 1.");
+    }
+    return latest;
+}
+
+int hand_out_version(int own)
+{
+    int next = 0;
+    under_inner_lock("No number was handed out.", [&] {
+        const int latest =
+            kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, own, KESTA_VERSION_BY_MODE);
+        next = version_after(latest);
+        if (latest < 0 ||
+            kestal_set_version_nolock(KESTA_VER_AREA_NUMBERING, own, next) != KESTA_OK) {
+            fail_call("next-failed", "No number was handed out.",
+                      "The numbering version can't be read or written: look at --trace 1.");
+        }
+        return "Number " + std::to_string(next) + " was handed out";
+    });
+    return next;
+}
+
+}  // namespace engine

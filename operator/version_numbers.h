@@ -1,0 +1,16 @@
+// The numbers that environments are saved under.
+#pragma once
+
+namespace engine {
+
+// The next number: after the largest one comes 1 again.
+int version_after(int version);
+
+// The number that was handed out last. Throws Failure.
+int latest_number(int own);
+
+// Hands out the next version number: it is read and raised in one section of the inner lock, so that none
+// is handed out twice. Throws Failure.
+int hand_out_version(int own);
+
+}  // namespace engine
