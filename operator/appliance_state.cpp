@@ -6,15 +6,15 @@
 
 #include <cerrno>
 
+#include "cause_words.h"
 #include "failure.h"
 #include "lock_state.h"
-#include "trace_capture.h"
+#include "printable.h"
 
 namespace engine {
 namespace {
 
 constexpr int not_asked = 1;  // the library leaves the result alone where it doesn't use the area
-constexpr const char *lock_exhausted = "[kestal_cntl_innerlock] InnerLock  ERROR";
 
 int read_through(const Block &block, From from, BlockValue &value)
 {
@@ -60,8 +60,8 @@ BlockValue read_block(const Block &block, From from)
     const int result = read_through(block, from, value);
     const bool nowhere = !block.in_memory && value.place == "NV memory";
     if (result != KESTA_OK || nowhere) {
-        throw Failure(Exit::platform, "read-failed",
-                      "Block " + block.name + " could not be read from " +
+        fail_call("read-failed",
+                  "Block " + block.name + " could not be read from " +
                           (from == From::both ? "any place" : "the " + value.place) + ".",
                       "Look at the traces (--trace 1) for the failed call, and check the disk and "
                       "the storage firmware.");
@@ -116,20 +116,20 @@ std::string accept_slot()
     // As the library does: NV memory first, if it holds a slot name.
     const Block &block = find_block("accept-name");
     const std::string in_memory = field_text(read_block(block, From::memory).bytes);
-    return is_slot(in_memory) ? in_memory : field_text(read_block(block, From::both).bytes);
+    return is_slot(in_memory) ? in_memory : plain_text(field_text(read_block(block, From::both).bytes));
 }
 
 std::string backup_slot()
 {
-    return field_text(read_block(find_block("backup-name"), From::both).bytes);
+    return plain_text(field_text(read_block(find_block("backup-name"), From::both).bytes));
 }
 
 int learn_own_number()
 {
     const int number = kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_OWN_NUMBER_NO_FILE);
     if (number < 0) {
-        throw Failure(Exit::platform, "own-number-unknown",
-                      "This controller's own number could not be had from /usr/sbin/cpinfo -i.",
+        fail_call("own-number-unknown",
+                  "This controller's own number could not be had from /usr/sbin/cpinfo -i.",
                       "Run that command by hand: it must print 0, 1, 2 or 3.");
     }
     return number;
@@ -139,8 +139,8 @@ void require_writable()
 {
     const int mode = kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_BOOT_MODE);
     if (mode < 0) {
-        throw Failure(Exit::platform, "boot-mode-unknown",
-                      "The boot mode could not be had from /usr/sbin/cpinfo -b.",
+        fail_call("boot-mode-unknown",
+                  "The boot mode could not be had from /usr/sbin/cpinfo -b.",
                       "Run that command by hand: it must print normal, suspend or initconf.");
     }
     if (mode == KESTA_BOOT_SUSPEND) {
@@ -154,7 +154,7 @@ void use_memory_only() { kestal_rw_set_boot_mode(KESTA_RWMODE_MEMORY); }
 
 void fail_call(const std::string &code, const std::string &message, const std::string &hint)
 {
-    if (was_traced(lock_exhausted)) {
+    if (inner_lock_was_held()) {
         const std::string holders = inner_lock_text();
         throw Failure(Exit::locked, "inner-lock-held",
                       message + " The inner lock of the NV image stayed held" +
@@ -163,7 +163,9 @@ void fail_call(const std::string &code, const std::string &message, const std::s
                       "whose slot is set. A holder that died is cleared by itself after 30 "
                       "seconds; then run the command again.");
     }
-    throw Failure(Exit::platform, code, message, hint);
+    const CauseWords cause = cause_in_words();
+    throw Failure(Exit::platform, code, cause.why.empty() ? message : message + " " + cause.why,
+                  cause.hint.empty() ? hint : cause.hint);
 }
 
 std::string require_slot(const std::string &name, const std::string &which)

@@ -33,7 +33,7 @@ void write_block(const Block &block, std::vector<char> bytes);
 // A text field, up to its terminator or its end.
 std::string field_text(const std::vector<char> &bytes);
 
-// The name in force, or an empty text if none is valid. Throws Failure.
+// The stored name, for showing where it is no slot's: bytes that are no text as \xNN. Throws Failure.
 std::string accept_slot();
 std::string backup_slot();
 

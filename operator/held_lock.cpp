@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <kesta/kesta.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <array>
@@ -11,8 +12,10 @@
 
 #include "appliance_state.h"
 #include "failure.h"
+#include "holder_note.h"
 #include "names.h"
 #include "printable.h"
+#include "utc.h"
 
 namespace engine {
 namespace {
@@ -60,13 +63,14 @@ int try_to_take(const LockRequest &request, int own, char *identifier, int &met)
 
 void report_waiting(const LockState &state, int controller, int left)
 {
-    std::string text = controller_name(controller) + " is taking a lock too";
+    std::string text = controller_name(controller) + " is taking one too";
     for (const CommandLock &lock : state.held) {
         if (lock.controller == controller) {
             text = describe(lock, state.group);
         }
     }
-    std::cerr << "waiting, " << left << " s left: " << printable(text) << std::endl;
+    std::cerr << "waiting for the command lock until " << utc(time(nullptr) + left) << ", " << left
+              << " s left: " << printable(text) << std::endl;
 }
 
 std::string take_command_lock(const LockRequest &request, int own, const HeldSignals &signals)
@@ -126,11 +130,13 @@ void release_command_lock(int controller, const std::string &identifier)
 HeldCommandLock::HeldCommandLock(int controller, std::string identifier)
     : controller_(controller), identifier_(std::move(identifier))
 {
+    note_holder(controller_, identifier_.c_str());
 }
 
 HeldCommandLock::~HeldCommandLock()
 {
     if (held_) {
+        forget_holder();  // first: the next holder's note stays
         (void)kestal_global_command_unlock_func(controller_, identifier_.c_str(),
                                                 release_fully);  // traced; an error is under way
     }
@@ -153,6 +159,7 @@ void HeldCommandLock::require_ours() const
 void HeldCommandLock::release()
 {
     held_ = false;
+    forget_holder();  // first: the next holder's note stays
     release_command_lock(controller_, identifier_);
 }
 

@@ -4,6 +4,8 @@
 
 #include "appliance_state.h"
 #include "failure.h"
+#include "holder_note.h"
+#include "printable.h"
 #include "utc.h"
 
 namespace engine {
@@ -29,18 +31,17 @@ const char *kind(const CommandLock &lock)
 
 }  // namespace
 
-bool CommandLock::looks_alive() const { return time(nullptr) <= fresh_until; }
+bool CommandLock::looks_alive() const { return time(nullptr) <= fresh_until && gone_holder(*this) == 0; }
 
 LockState read_lock_state()
 {
     LockState state;
     if (kestal_non_volatile_rw_memory(KESTA_BLOCK_LOCK_CNT0, KESTA_BLOCK_READ, state.slots.data(),
                                       sizeof(state.slots)) != KESTA_OK) {
-        throw Failure(Exit::platform, "read-failed",
-                      "The command locks could not be read from the NV memory.",
-                      "Look at the traces (--trace 1) for the failed call.");
+        fail_call("read-failed", "The command locks could not be read from the NV memory.",
+                  "Look at the traces (--trace 1) for the failed call.");
     }
-    state.group = field_text(read_block(find_block("group"), From::memory).bytes);
+    state.group = plain_text(field_text(read_block(find_block("group"), From::memory).bytes));
     for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
         const KESTA_COMMAND_LOCKINFO &slot = state.slots[static_cast<std::size_t>(i)];
         if (slot.status != KESTA_LOCK_STATUS_FREE || slot.sign != 0) {
@@ -58,8 +59,11 @@ std::string describe(const CommandLock &lock, const std::string &group)
         text += " for group " + group;
     }
     text += ", identifier " + std::to_string(lock.identifier) + "; ";
-    return text + (lock.looks_alive() ? "it looks alive"
-                                     : "it is more than 10 minutes old, and may be dead");
+    if (const pid_t process = gone_holder(lock); process != 0) {
+        return text + "its process " + std::to_string(process) + " is gone";
+    }
+    return text + (lock.looks_alive() ? "it looks alive, fresh until " + utc(lock.fresh_until)
+                                      : "it is more than 10 minutes old, and may be dead");
 }
 
 const char *type_word(const CommandLock &lock)
@@ -108,7 +112,9 @@ void refuse_locked(const std::string &message, const LockState &state, int contr
     for (const CommandLock &lock : state.held) {
         if (lock.controller == controller) {
             throw Failure(Exit::locked, "locked", message + ": " + describe(lock, state.group) + ".",
-                          "Wait for it with --wait SECONDS. If its command is dead, clear it: " +
+                          (gone_holder(lock) != 0
+                               ? "Nobody will let go of it. Clear it: "
+                               : "Wait for it with --wait SECONDS. If its command is dead, clear it: ") +
                               clearing_command(lock));
         }
     }

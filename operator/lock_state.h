@@ -19,7 +19,8 @@ struct CommandLock {
 
     bool suspended() const { return status == KESTA_LOCK_STATUS_FREE; }
 
-    // Nothing tells for sure: a lock is fresh for ten minutes after it was taken or renewed.
+    // A lock is fresh for ten minutes after it was taken or renewed; only of a process of this controller it is known
+    // whether it is gone.
     bool looks_alive() const;
 };
 

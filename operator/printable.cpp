@@ -87,4 +87,25 @@ std::string printable(std::string_view text)
     return result;
 }
 
+std::string hex(const std::vector<char> &bytes)
+{
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (const char byte : bytes) {
+        text += digits[static_cast<unsigned char>(byte) >> 4];
+        text += digits[static_cast<unsigned char>(byte) & 0xf];
+    }
+    return text;
+}
+
+std::string plain_text(std::string_view text)
+{
+    std::string shown;
+    for (const char c : text) {
+        const bool plain = c >= ' ' && c < '\x7f';
+        shown += plain ? std::string(1, c) : "\\x" + hex({c});
+    }
+    return shown;
+}
+
 }  // namespace engine

@@ -8,6 +8,7 @@
 #include <deque>
 #include <mutex>
 
+#include "inner_lock_wait.h"
 #include "printable.h"
 
 namespace engine {
@@ -48,6 +49,7 @@ const char *base_name(const char *path)
 
 void take_trace(const char *file, int line, int level, const char *text)
 {
+    watch_inner_lock(file, level);
     const std::lock_guard guard(mutex);
     if (watching) {
         watching(text);

@@ -125,7 +125,10 @@ void flush(const std::string &path, int flags)
     const int error = errno;
     throw Failure(Exit::platform, "file-failed",
                   path + " could not be " + what + ": " + strerror(error) + ".",
-                  "Check the folder and its space, then run the command again.");
+                  error == EACCES || error == EPERM ? "Run the command as root."
+                  : error == ENOSPC || error == EDQUOT
+                      ? "Make room there, then run the command again."
+                      : "Check the folder and its space, then run the command again.");
 }
 
 void flush_file(const std::string &path) { flush(path, 0); }

@@ -96,7 +96,8 @@ protected:
     {
         const Ran ended = on(0, "timeout -k 5 60 /bin/sh -c " +
                                     quoted(GetParam().before + ("kestactl " + verb) + " " + GetParam().after));
-        EXPECT_TRUE(ended.code >= 0 && ended.code <= 4) << verb << ": " << ended.code << "\n" << ended.out << ended.err;
+        const bool by_pipe = ended.code == 128 + SIGPIPE && std::string(GetParam().name) == "ReaderIsGone";
+        EXPECT_TRUE((ended.code >= 0 && ended.code <= 4) || by_pipe) << verb << ": " << ended.code << "\n" << ended.out << ended.err;
         EXPECT_EQ(ended.err.find("std::"), std::string::npos) << verb << "\n" << ended.err;
         EXPECT_EQ(ended.err.find("terminate called"), std::string::npos) << verb << "\n" << ended.err;
     }
@@ -104,6 +105,16 @@ protected:
     {
         EXPECT_EQ(ctl(0, "lock check").code, 0) << "a lock is left";
         EXPECT_EQ(ctl(0, "nv read innerlock-cnt0").out.find("held"), std::string::npos);
+    }
+
+    // Half a file, or a note of who holds a lock. A full disk may keep one: the next command sweeps it.
+    void expect_no_leftovers() const
+    {
+        for (const auto &[name, what] : contents()) {
+            EXPECT_FALSE(name.ends_with(".new") || name.find(".save.tar.Z") != std::string::npos ||
+                         name.ends_with(".kestactl-holder") || name.ends_with("tmp.tar.Z"))
+                << name;
+        }
     }
 };
 
@@ -125,6 +136,7 @@ TEST_P(Sweep, ChangingKeepsToItsOwnPlaces)
     }
     EXPECT_EQ(differences(before, contents(), own_places), "");
     expect_no_lock();
+    expect_no_leftovers();
 }
 
 std::vector<Condition> conditions()
@@ -136,6 +148,10 @@ std::vector<Condition> conditions()
         {"AllClosed", "exec <&- >&- 2>&-; ", ""},
         {"FullOutput", "", ">/dev/full"},
         {"FullErrors", "", "2>/dev/full"},
+        {"ReaderIsGone",
+         "python3 -c 'import os, signal, sys; signal.signal(signal.SIGPIPE, signal.SIG_DFL); r, w = os.pipe(); "
+         "os.close(r); os.dup2(w, 1); os.execvp(sys.argv[1], sys.argv[1:])' ",
+         ""},
         {"FullDisk",
          "mount -t tmpfs -o size=128k tmpfs /tmp/full && cp -a /opt/kesta_sys/bakup/. /tmp/full/ && "
          "{ head -c 1M /dev/zero > /tmp/full/.fill; } 2>/dev/null; mount --bind /tmp/full /opt/kesta_sys/bakup && ",

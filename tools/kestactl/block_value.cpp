@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "appliance_state.h"
+#include "printable.h"
 
 namespace kestactl {
 namespace {
@@ -26,27 +27,6 @@ std::int64_t long_at(const std::vector<char> &bytes, std::size_t offset)
 
 }  // namespace
 
-std::string hex(const std::vector<char> &bytes)
-{
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    for (const char byte : bytes) {
-        text += digits[static_cast<unsigned char>(byte) >> 4];
-        text += digits[static_cast<unsigned char>(byte) & 0xf];
-    }
-    return text;
-}
-
-std::string printable(const std::string &text)
-{
-    std::string shown;
-    for (const char c : text) {
-        const bool plain = c >= ' ' && c < '\x7f';
-        shown += plain ? std::string(1, c) : "\\x" + hex({c});
-    }
-    return shown;
-}
-
 bool all_zero(const std::vector<char> &bytes)
 {
     return std::all_of(bytes.begin(), bytes.end(), [](char byte) { return byte == 0; });
@@ -61,7 +41,7 @@ Json decoded(const Block &block, const std::vector<char> &bytes)
     case BlockKind::slot:
     case BlockKind::group:
     case BlockKind::text:
-        return printable(field_text(bytes));
+        return plain_text(field_text(bytes));
     case BlockKind::bytes:
         return hex(bytes);
     case BlockKind::lock:

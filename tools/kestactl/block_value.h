@@ -6,14 +6,9 @@
 
 #include "command.h"
 #include "names.h"
+#include "printable.h"
 
 namespace kestactl {
-
-// Two digits a byte.
-std::string hex(const std::vector<char> &bytes);
-
-// Bytes of a text that aren't text are shown as \xNN.
-std::string printable(const std::string &text);
 
 bool all_zero(const std::vector<char> &bytes);
 

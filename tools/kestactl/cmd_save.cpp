@@ -109,15 +109,20 @@ Plan plan_save(const SaveOptions &options, Work &work)
         {unfinished_archive},
         [definition, &work] {
             (void)collect(*definition);  // what it refuses is told before anything is written
-            make_archive(*definition, unfinished_archive, [&work] { stop_if_asked(work); });
+            make_archive(*definition, unfinished_archive, [&work] {
+                stop_if_asked(work);
+                tell_growth(unfinished_archive);
+            });
         }));
     plan.steps.push_back(publishing(work, "hand out the next version", {"version area numbering"},
                                     [&work] { work.version = hand_out_version(learn_own_number()); }));
     plan.steps.push_back(publishing(work, "put the archive to flash", {flash_backup},
                                     [] { publish_file(unfinished_archive, flash_backup); }));
+    plan.steps.back().measured = unfinished_archive;
     plan.steps.push_back(publishing(work, "store it in slot " + slot + ", and read it back",
                                     {"system backup area: " + slot},
                                     [slot] { store_in_slot(slot); }));
+    plan.steps.back().measured = flash_backup;
     plan.steps.push_back(publishing(work, "record the version",
                                     {"version areas backup and current", "/etc/kesta_sys/version"},
                                     [&work] { record_versions(work.version); }));
@@ -188,9 +193,11 @@ Plan plan_accept(Work &work)
     plan.steps.push_back(guarded(work, "bring the saved environment to the merge cache",
                                  {merge_backup},
                                  [] { copy_file_whole(flash_backup, merge_backup); }));
+    plan.steps.back().measured = flash_backup;
     plan.steps.push_back(publishing(work, "store it in slot " + slot + ", and read it back",
                                     {"system backup area: " + slot},
                                     [slot] { store_as_accepted(slot); }));
+    plan.steps.back().measured = merge_backup;
     plan.steps.push_back(publishing(work, "put it to flash as the accepted one", {flash_accept},
                                     [] { copy_file_whole(merge_backup, flash_accept); }));
     plan.steps.push_back(publishing(work, "record the version", {"version area accept"},

@@ -14,10 +14,12 @@
 
 #include "appliance_state.h"
 #include "archive_places.h"
+#include "cause_words.h"
 #include "command.h"
 #include "lock_state.h"
 #include "names.h"
 #include "overview.h"
+#include "printable.h"
 #include "render.h"
 #include "unfinished_restore.h"
 
@@ -305,7 +307,7 @@ Result show_status(bool checksums)
     json["backup_slot"] = answers.ask([] { return Json(backup_slot()); });
     json["accept_slot"] = answers.ask([] { return Json(accept_slot()); });
     json["group"] = answers.ask(
-        [] { return Json(field_text(read_block(find_block("group"), From::memory).bytes)); });
+        [] { return Json(plain_text(field_text(read_block(find_block("group"), From::memory).bytes))); });
     json["versions"] = answers.ask([own] { return versions(own); });
     json["unfinished"] = answers.ask(unfinished);
     json["command_locks"] = answers.ask(command_locks);
@@ -322,7 +324,11 @@ Result show_status(bool checksums)
                   "\ninner lock   " + describe_holders(json["inner_lock"]) + "\n";
     add_archives(result, checksums);
     if (answers.failed()) {
+        const CauseWords cause = cause_in_words();
         result.text += "Some answers are missing: the platform did not give them (--trace 1).\n";
+        if (!cause.why.empty()) {
+            result.text += cause.why + (cause.hint.empty() ? "" : " " + cause.hint) + "\n";
+        }
         result.exit = Exit::platform;
     }
     return result;

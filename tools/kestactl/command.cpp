@@ -1,8 +1,11 @@
 #include "command.h"
 
+#include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <iostream>
+#include <optional>
 
 #include "printable.h"
 
@@ -28,18 +31,44 @@ Result show_plan(const Plan &plan)
     return result;
 }
 
+// Empty where there is no such file.
+std::optional<off_t> bytes_of(const std::string &path)
+{
+    struct stat status {};
+    return !path.empty() && lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)
+               ? std::optional(status.st_size)
+               : std::nullopt;
+}
+
 void tell_progress(const Plan &plan, std::size_t step, const char *event, const Globals &globals)
 {
     const std::string &what = plan.steps[step].what;
+    const auto bytes = bytes_of(plan.steps[step].measured);
     if (globals.json) {
-        const Json line{{"event", event}, {"step", step + 1}, {"of", plan.steps.size()}, {"what", what}};
+        Json line{{"event", event}, {"step", step + 1}, {"of", plan.steps.size()}, {"what", what}};
+        if (bytes) {
+            line["bytes"] = *bytes;
+        }
         std::cerr << dumped(line) << std::endl;
     } else if (isatty(STDERR_FILENO) != 0 && std::string(event) == "begin") {
-        std::cerr << "[" << step + 1 << "/" << plan.steps.size() << "] " << printable(what) << std::endl;
+        std::cerr << "[" << step + 1 << "/" << plan.steps.size() << "] " << printable(what)
+                  << (bytes ? " (" + std::to_string(*bytes) + " bytes)" : "") << std::endl;
     }
 }
 
 }  // namespace
+
+void tell_growth(const std::string &path)
+{
+    static time_t told = time(nullptr);
+    constexpr time_t between = 2;  // seconds
+    if (const time_t now = time(nullptr); isatty(STDERR_FILENO) != 0 && now - told >= between) {
+        told = now;
+        if (const auto bytes = bytes_of(path)) {
+            std::cerr << "      " << *bytes << " bytes" << std::endl;
+        }
+    }
+}
 
 Result carry_out(const Plan &plan, const Globals &globals)
 {

@@ -36,6 +36,7 @@ struct Step {
     std::string what;
     std::vector<std::string> writes;  // places that the step changes
     std::function<void()> act;        // throws Failure
+    std::string measured = "";        // the file whose bytes are told when the step begins and while it lasts
 };
 
 struct Plan {
@@ -47,6 +48,9 @@ struct Plan {
     // event in a line of JSON.
     bool long_work = false;
 };
+
+// Tells a terminal how large a file has grown, every other second at most. It is called while a step works.
+void tell_growth(const std::string &path);
 
 // Prints the plan, or carries it out and tells what was done.
 Result carry_out(const Plan &plan, const Globals &globals);
