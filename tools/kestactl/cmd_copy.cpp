@@ -7,9 +7,9 @@
 #include <memory>
 
 #include "appliance_state.h"
+#include "archive_evidence.h"
 #include "archive_places.h"
 #include "command.h"
-#include "environment_archive.h"
 #include "names.h"
 
 namespace kestactl {
@@ -51,23 +51,18 @@ std::string slot_in_force(bool accept)
 // What is copied over another archive has to be whole: the one that is lost may be the last good one.
 void require_whole_archive(const char *path)
 {
-    if (!is_whole_archive(path)) {
+    const ArchiveEvidence evidence = evidence_of_file(path);
+    if (evidence.state == CopyState::damaged) {
         throw Failure(Exit::no, "damaged-archive",
-                      std::string(path) + " is damaged, and is copied over nothing.",
+                      std::string(path) + " is damaged, and is copied over nothing: " + evidence.reason + ".",
                       "Bring a whole one there first: 'kestactl verify' shows which place has one. To copy it all "
                       "the same, give --force.");
     }
+    require_whole(evidence, path);
 }
 
 // Whether a slot holds an archive that would be missed.
-bool holds_whole_archive(const std::string &slot)
-{
-    try {
-        return is_whole_archive_in_slot(slot);
-    } catch (const Failure &) {
-        return false;  // nothing there, or nothing to be had
-    }
-}
+bool holds_whole_archive(const std::string &slot) { return evidence_of_slot(slot).good(); }
 
 // Numbers wrap to 1 behind the highest: the shorter way counts.
 bool is_older(int version, int than)

@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "appliance_state.h"
+#include "archive_evidence.h"
 #include "archive_places.h"
 #include "command.h"
 #include "environment_archive.h"
@@ -107,6 +108,20 @@ void check_options(const RestoreOptions &options)
     }
 }
 
+// What is on flash may be the last good one.
+void require_whole_slot(const std::string &slot)
+{
+    const ArchiveEvidence evidence = evidence_of_slot(slot);
+    if (evidence.state == CopyState::damaged) {
+        throw Failure(Exit::no, "damaged-archive",
+                      "Slot " + slot + " holds a damaged archive, and it is not brought to flash: " +
+                          evidence.reason + ".",
+                      "Restore another slot with --from, or save again: 'kestactl verify' shows which place has a "
+                      "whole one.");
+    }
+    require_whole(evidence, "slot " + slot);
+}
+
 // The library ends quietly where the accept archive can't be copied; here it is said beforehand.
 void check_sources(const Planned &planned)
 {
@@ -115,11 +130,8 @@ void check_sources(const Planned &planned)
                      "An update restore needs the accepted environment on flash; --skip-flashcopy "
                      "goes on without it.");
     }
-    if (!planned.slot.empty() && !is_whole_archive_in_slot(planned.slot)) {
-        throw Failure(Exit::no, "damaged-archive",
-                      "Slot " + planned.slot + " holds a damaged archive, and it is not brought to flash.",
-                      "Restore another slot with --from, or save again: 'kestactl verify' shows which place has a "
-                      "whole one.");
+    if (!planned.slot.empty()) {
+        require_whole_slot(planned.slot);
     }
     if (!planned.script.empty()) {
         require_file(planned.script, "The group needs a restore script of that name.");

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "appliance_state.h"
+#include "archive_evidence.h"
 #include "archive_places.h"
 #include "command.h"
 #include "environment_archive.h"
@@ -147,11 +148,14 @@ Result save(const SaveOptions &options, const Globals &globals)
 void require_whole_archive(const std::string &path, const Work &work)
 {
     require_file(path, "Save the environment first: kestactl save GROUP.");
-    if (!is_whole_archive(path, [&work] { stop_if_asked(work); })) {
-        throw Failure(Exit::no, "damaged-archive", path + " is damaged: it is not accepted.",
+    const ArchiveEvidence evidence = evidence_of_file(path, [&work] { stop_if_asked(work); });
+    if (evidence.state == CopyState::damaged) {
+        throw Failure(Exit::no, "damaged-archive",
+                      path + " is damaged, and is not accepted: " + evidence.reason + ".",
                       "Save the environment again, or bring a good copy to flash with 'kestactl "
                       "restore GROUP --switch-only'.");
     }
+    require_whole(evidence, path);
 }
 
 void store_as_accepted(const std::string &slot)

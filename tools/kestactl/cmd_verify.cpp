@@ -7,9 +7,9 @@
 #include <optional>
 
 #include "appliance_state.h"
+#include "archive_evidence.h"
 #include "archive_places.h"
 #include "command.h"
-#include "environment_archive.h"
 #include "identity_state.h"
 #include "lock_state.h"
 #include "mirror.h"
@@ -108,29 +108,24 @@ struct SlotContents {
 
 SlotContents slot_contents(const std::string &slot)
 {
-    SlotContents contents;
     if (!is_slot(slot)) {
-        return contents;
+        return {};
     }
-    try {
-        contents.bytes = read_slot(slot);
-        contents.damaged = !is_whole_archive_of(*contents.bytes, "slot " + slot);
-    } catch (const Failure &) {
-        contents.damaged = contents.bytes.has_value();  // read, and beyond a limit
-        const std::string not_there = "[backup_rw] File Open(R) ERROR f_name=" + slot + " result=-2 ";
-        contents.unreadable = !contents.bytes && !was_traced(not_there);
+    std::string bytes;
+    const ArchiveEvidence evidence = evidence_of_slot(slot, bytes);
+    if (evidence.sha256.empty()) {
+        return {std::nullopt, evidence.state == CopyState::unreadable, false};
     }
-    return contents;
+    return {std::move(bytes), false, !evidence.good()};
 }
 
 // What is wrong with an archive on flash; empty if it can be unpacked to its end.
 std::string fault_on_flash(const char *path)
 {
-    try {
-        return is_whole_archive(path) ? "" : "damaged on flash";
-    } catch (const Failure &met) {
-        return met.what();
-    }
+    const ArchiveEvidence evidence = evidence_of_file(path);
+    return evidence.good()                             ? ""
+           : evidence.state == CopyState::unreadable ? "can't be read on flash: " + evidence.reason
+                                                     : "damaged on flash: " + evidence.reason;
 }
 
 struct ArchivePair {
