@@ -43,6 +43,9 @@ KeepReport keep_replaced(
 // Notes an archive that was just made and tested: its version, its group, and who asked for it. Throws Failure.
 void note_saved(const std::string &path, const std::string &group, int version, const KeepRule &rule);
 
+// What was noted of archives that were saved here, one for each version of the same bytes. Throws Failure.
+std::vector<SavedArchive> saved_archives();
+
 // What is kept, newest first. Throws Failure: the catalogue can't be read.
 std::vector<Generation> generations();
 

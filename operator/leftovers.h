@@ -1,0 +1,29 @@
+// Files that are there only while a command works on them, and are left when it is killed.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "findings.h"
+#include "storage_places.h"
+
+namespace engine {
+
+struct Leftover {
+    std::string path;
+    ArchiveEvidence evidence;
+
+    PlaceFinding told() const;
+};
+
+// Those that are there, but for the note of an unfinished restore.
+std::vector<Leftover> find_leftover_files();
+
+// The paths that there may be.
+std::vector<std::string> leftover_paths();
+
+// Takes one away. A whole archive is kept as a generation before, unless one of the four places has the same. Throws
+// Failure: it can't be read or kept, and stays; or the path is none of them.
+void clear_leftover(const std::string &path, const std::string &verb);
+
+}  // namespace engine
