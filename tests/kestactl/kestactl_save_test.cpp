@@ -37,7 +37,7 @@ TEST_F(KestactlSave, WholeEnvironmentIsSavedAndNumbered)
     EXPECT_EQ(file_on(0, log_file), "before\nafter\n");
     EXPECT_EQ(ctl(0, "lock check").code, 0);
     EXPECT_EQ(ctl(0, "nv read group").out, "\n") << "released with the lock";
-    EXPECT_EQ(on(0, "ls -A /opt/kesta_sys/bakup").out, "backup.tar.Z\n");
+    EXPECT_EQ(on(0, "ls -A /opt/kesta_sys/bakup").out, "backup.tar.Z\ngenerations\n");
 
     write_file(host_path(0, "etc/app/one"), "changed\n");
     const json second = ctl(0, "--json save network --event e1").json().at("result");

@@ -9,6 +9,7 @@
 #include "archive_evidence.h"
 #include "archive_places.h"
 #include "command.h"
+#include "kept_generations.h"
 #include "names.h"
 #include "version_numbers.h"
 
@@ -90,6 +91,8 @@ Plan plan_backup2tmp(const CopyOptions &options)
         writes.push_back("/tmp/kesta_sys/tmp/ (the unpacked files)");
     }
     Plan plan;
+    plan.verb = "copy backup2tmp";
+    plan.replaces = {{to, Replacing::by_rename}};
     plan.json = {{"from", slot}, {"to", to}, {"unpack", !options.check}};
     plan.steps.push_back(
         {"bring slot " + slot + " to " + to + (options.check ? "" : " and unpack it there"), writes,
@@ -108,6 +111,8 @@ Plan plan_cntbackup2tmp(const CopyOptions &options)
     const std::string from = options.accept ? flash_accept : flash_backup;
     require_file(from, save_hint);
     Plan plan;
+    plan.verb = "copy cntbackup2tmp";
+    plan.replaces = {{cache_backup, Replacing::in_place}};
     plan.json = {{"from", from}, {"to", cache_backup}};
     plan.steps.push_back({"copy " + from + " to " + cache_backup, {cache_backup},
                           flow("cntbackup2tmp", "Check the space in /tmp and --trace 1.", [options] {
@@ -127,6 +132,8 @@ Plan plan_cntbackup2backup(const CopyOptions &options)
     }
     Plan plan;
     plan.shared = true;
+    plan.verb = "copy cntbackup2backup";
+    plan.replaces = {{place_of_slot(slot), Replacing::in_place}};
     plan.json = {{"from", flash_backup}, {"to", slot}};
     plan.steps.push_back({std::string("copy ") + flash_backup + " to slot " + slot,
                           {"system backup area: " + slot},
@@ -150,6 +157,8 @@ Plan plan_merge_file2accept(const CopyOptions &options)
     const std::string slot = options.slot.empty() ? slot_in_force(true) : options.slot;
     Plan plan;
     plan.shared = true;
+    plan.verb = "copy merge-file2accept";
+    plan.replaces = {{place_of_slot(slot), Replacing::in_place}};
     plan.json = {{"from", merge_backup}, {"to", slot}};
     plan.steps.push_back({std::string("copy ") + merge_backup + " to slot " + slot,
                           {"system backup area: " + slot},
@@ -180,6 +189,10 @@ Plan plan_backup2copy(const CopyOptions &options)
         writes.insert(writes.begin(), {cache_backup, flash_backup});
     }
     Plan plan;
+    if (initconf) {
+        plan.verb = "copy backup2copy";
+        plan.replaces = {{cache_backup, Replacing::by_rename}, {flash_backup, Replacing::by_rename}};
+    }
     plan.json = {{"script", script}, {"initconf", initconf}};
     plan.steps.push_back({what, writes,
                           flow("backup2copy", "Look at --trace 2, and run the script by hand.",
@@ -194,6 +207,7 @@ CLI::App *add_verb(CLI::App &copy, Globals &globals, Action &action, const char 
                    Planner planner)
 {
     CLI::App *command = copy.add_subcommand(verb, description);
+    add_keep_options(*command, globals);
     add_dry_run(*command, globals);
     command->callback([&action, options, planner] {
         action = [options, planner](const Globals &given) {

@@ -13,6 +13,7 @@
 #include "archive_places.h"
 #include "command.h"
 #include "environment_archive.h"
+#include "kept_generations.h"
 #include "names.h"
 #include "whole_file.h"
 #include "restore_files.h"
@@ -153,6 +154,19 @@ std::vector<std::string> places_written(const Planned &planned)
     return writes;
 }
 
+// The flow brings a slot to flash under another name first; cp writes into the merge cache.
+std::vector<ReplacedPlace> archives_replaced(const Planned &planned)
+{
+    std::vector<ReplacedPlace> places;
+    if (!planned.slot.empty()) {
+        places.push_back({flash_backup, Replacing::by_rename});
+    }
+    if (planned.copies_accept) {
+        places.push_back({merge_backup, Replacing::in_place});
+    }
+    return places;
+}
+
 std::string describe(const Planned &planned)
 {
     std::string what;
@@ -222,6 +236,8 @@ Plan plan_restore(const RestoreOptions &options)
     Plan plan;
     plan.shared = true;
     plan.json = {{"group", options.group}, {"slot", planned.slot}, {"script", planned.script}};
+    plan.verb = "restore";
+    plan.replaces = archives_replaced(planned);
     plan.steps.push_back({describe(planned), places_written(planned),
                           [options, planned] { restore(options, planned); }});
     return plan;
@@ -279,6 +295,7 @@ void add_restore(CLI::App &app, Globals &globals, Action &action)
     command->add_flag("--skip-flashcopy", options->skip_flashcopy,
                       "Don't copy flash accept.tar.Z to the merge cache before an update script")
         ->group("The group's own scripts");
+    add_keep_options(*command, globals);
     add_dry_run(*command, globals);
     add_examples(*command, "  kestactl restore network --dry-run\n"
                            "  kestactl restore network --only /etc/hosts\n"

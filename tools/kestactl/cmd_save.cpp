@@ -11,7 +11,9 @@
 #include "command.h"
 #include "environment_archive.h"
 #include "environment_work.h"
+#include "generations.h"
 #include "group_definition.h"
+#include "kept_generations.h"
 #include "mirror.h"
 #include "names.h"
 #include "unfinished_restore.h"
@@ -91,6 +93,16 @@ void add_mirror_step(Plan &plan, Work &work)
     }
 }
 
+// Known from here on: when it is replaced one day, it is kept with its version and group. Nothing is lost without that.
+void note_what_is_saved(const SaveOptions &options, const Work &work, KeepReport &report)
+{
+    try {
+        note_saved(unfinished_archive, options.group, work.version, work.keep_rule);
+    } catch (const Failure &failure) {
+        report.notes.push_back(std::string("The archive was not noted among the generations: ") + failure.what());
+    }
+}
+
 Plan plan_save(const SaveOptions &options, Work &work)
 {
     require_writable();
@@ -112,10 +124,14 @@ Plan plan_save(const SaveOptions &options, Work &work)
             (void)collect(*definition);  // what it refuses is told before anything is written
             make_archive(*definition, unfinished_archive, [&work] { stop_if_asked(work); });
         }));
+    add_keep_step(plan, work, {{flash_backup, Replacing::by_rename}, {place_of_slot(slot), Replacing::in_place}}, "save");
     plan.steps.push_back(publishing(work, "hand out the next version", {"version area numbering"},
                                     [&work] { work.version = hand_out_version(learn_own_number()); }));
     plan.steps.push_back(publishing(work, "put the archive to flash", {flash_backup},
-                                    [] { publish_file(unfinished_archive, flash_backup); }));
+                                    [&options, &work, kept = plan.kept] {
+                                        note_what_is_saved(options, work, *kept);
+                                        publish_file(unfinished_archive, flash_backup);
+                                    }));
     plan.steps.push_back(publishing(work, "store it in slot " + slot + ", and read it back",
                                     {"system backup area: " + slot},
                                     [slot] { store_in_slot(slot); }));
@@ -189,6 +205,11 @@ Plan plan_accept(Work &work)
     Plan plan;
     plan.long_work = true;
     plan.json = {{"slot", slot}};
+    add_keep_step(plan, work,
+                  {{place_of_slot(slot), Replacing::in_place},
+                   {flash_accept, Replacing::by_rename},
+                   {merge_backup, Replacing::by_rename}},
+                  "accept");
     plan.steps.push_back(guarded(work, "bring the saved environment to the merge cache",
                                  {merge_backup},
                                  [] { copy_file_whole(flash_backup, merge_backup); }));
@@ -222,12 +243,14 @@ void add_save(CLI::App &app, Globals &globals, Action &action)
     command->add_option("GROUP", options->group, "Group name")->required();
     add_wait_option(*command, options->work);
     add_script_options(*command, options->work);
+    add_keep_options(*command, globals);
     add_dry_run(*command, globals);
     command->callback([&action, options] {
         action = [options](const Globals &given) { return save(*options, given); };
     });
     add_examples(*command, "  kestactl save network --dry-run\n"
-                           "  kestactl save network --wait 60 --event nightly");
+                           "  kestactl save network --wait 60 --event nightly\n"
+                           "  kestactl save network --comment 'before the new firmware'");
 }
 
 void add_accept(CLI::App &app, Globals &globals, Action &action)
@@ -236,6 +259,7 @@ void add_accept(CLI::App &app, Globals &globals, Action &action)
     CLI::App *command =
         app.add_subcommand("accept", "Make the saved environment on flash the accepted one");
     add_wait_option(*command, options->work);
+    add_keep_options(*command, globals);
     add_dry_run(*command, globals);
     command->callback([&action, options] {
         action = [options](const Globals &given) { return accept(*options, given); };

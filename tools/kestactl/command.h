@@ -3,11 +3,13 @@
 
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "failure.h"
+#include "generations.h"
 #include "lock_rule.h"
 
 namespace kestactl {
@@ -20,6 +22,7 @@ struct Globals {
     int trace_level = 0;
     bool dry_run = false;
     LockRule lock_rule;
+    KeepRule keep_rule;
 };
 
 // What a command found or did: for people, and for programs.
@@ -46,6 +49,11 @@ struct Plan {
     // Takes its time: each step is told on stderr when it begins, to a terminal in words, with --json as one
     // event in a line of JSON.
     bool long_work = false;
+    // Places that it gives other contents, and the verb that does so: what they hold is kept before the first step.
+    std::vector<ReplacedPlace> replaces;
+    std::string verb;
+    // What was kept by its steps; null: they replace no archive.
+    std::shared_ptr<KeepReport> kept = nullptr;
 };
 
 // Prints the plan, or carries it out and tells what was done.

@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "appliance_state.h"
+#include "kept_generations.h"
 #include "render.h"
 
 namespace kestactl {
@@ -40,7 +41,9 @@ void stop_if_asked(const Work &work)
 Result carry_out_locked(const LockRequest &request, const std::function<Plan(Work &)> &make_plan,
                         const std::function<void(Work &)> &last, const Globals &globals)
 {
+    check_comment(globals.keep_rule.comment);
     Work work;
+    work.keep_rule = globals.keep_rule;
     const HeldSignals signals;
     work.signals = &signals;
     if (globals.dry_run) {
@@ -93,6 +96,14 @@ Step publishing(Work &work, const std::string &what, std::vector<std::string> wr
         work.lock->require_ours();
         act();
     });
+}
+
+void add_keep_step(Plan &plan, Work &work, const std::vector<ReplacedPlace> &places, const std::string &verb)
+{
+    plan.kept = std::make_shared<KeepReport>();
+    const Step keeping =
+        keep_step(places, verb, work.keep_rule, plan.kept, [&work] { stop_if_asked(work); });
+    plan.steps.push_back(publishing(work, keeping.what, keeping.writes, keeping.act));
 }
 
 void add_script_steps(Plan &plan, Work &work, const std::vector<Script> &scripts,
