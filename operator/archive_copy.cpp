@@ -4,7 +4,6 @@
 
 #include "appliance_state.h"
 #include "failure.h"
-#include "generations.h"
 #include "whole_file.h"
 
 namespace engine {
@@ -92,18 +91,19 @@ ArchiveCopyPlan plan_archive_copy(const ArchiveCopyRequest &request)
     return {to, source.evidence.sha256, source.evidence.bytes, target.same_bytes(source.evidence)};
 }
 
-void copy_archive(const ArchiveCopyRequest &request, const std::string &verb)
+KeepReport copy_archive(const ArchiveCopyRequest &request, const std::string &verb, const KeepRule &rule)
 {
+    KeepReport report;
     Source source = required_source(request);
     const StoragePlace to = place_at(request.to);
     const ArchiveEvidence target = evidence_at(to);
     require_readable_target(target, request.to);
     if (target.same_bytes(source.evidence)) {
-        return;
+        return report;
     }
     if (target.good()) {
         const std::string place = is_on_flash(to) ? path_of(to) : place_of_slot(slot_of(to));
-        (void)keep_replaced({{place, Replacing::in_place}}, verb, {});
+        report = keep_replaced({{place, Replacing::in_place}}, verb, rule);
     }
     if (is_on_flash(to)) {
         write_file_whole(path_of(to), source.bytes);
@@ -114,6 +114,7 @@ void copy_archive(const ArchiveCopyRequest &request, const std::string &verb)
         throw Failure(Exit::platform, "copy-differs", request.to + " does not hold what was written to it.",
                       "Check its disk. What it held before is kept as a generation.");
     }
+    return report;
 }
 
 }  // namespace engine

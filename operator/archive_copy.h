@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 
+#include "generations.h"
 #include "storage_places.h"
 
 namespace engine {
@@ -16,7 +17,7 @@ struct ArchiveCopyRequest {
 
 // What a copy would do; told before it is done.
 struct ArchiveCopyPlan {
-    StoragePlace to = StoragePlace::flash_backup;
+    StoragePlace to = StoragePlace::backup_on_flash;
     std::string sha256;
     std::uint64_t bytes = 0;
     bool is_there = false;  // the target has it already
@@ -28,6 +29,6 @@ ArchiveCopyPlan plan_archive_copy(const ArchiveCopyRequest &request);
 
 // Tests the source once more, keeps what the target holds as a generation, writes, and reads back. A place on flash has
 // its old archive or the new one at any moment. Throws Failure.
-void copy_archive(const ArchiveCopyRequest &request, const std::string &verb);
+KeepReport copy_archive(const ArchiveCopyRequest &request, const std::string &verb, const KeepRule &rule);
 
 }  // namespace engine

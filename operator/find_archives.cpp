@@ -18,8 +18,8 @@ struct Pair {
 Pair pair_of(const Survey &survey, const SlotNames &names, ArchiveRole role)
 {
     return role == ArchiveRole::backup
-               ? Pair{role, StoragePlace::flash_backup, slot_place(names.backup), survey.versions.backup}
-               : Pair{role, StoragePlace::flash_accept, slot_place(names.accept), survey.versions.accept};
+               ? Pair{role, StoragePlace::backup_on_flash, slot_place(names.backup), survey.versions.backup}
+               : Pair{role, StoragePlace::accept_on_flash, slot_place(names.accept), survey.versions.accept};
 }
 
 std::string subject_of(ArchiveRole role) { return role == ArchiveRole::backup ? "backup" : "accepted"; }
@@ -32,7 +32,7 @@ ArchiveRole other(ArchiveRole role)
 // The backup slot holds what the accept slot does, under another number, and flash has another archive of that number.
 bool slot_was_overwritten(const Survey &survey, const SlotNames &names)
 {
-    const ArchiveEvidence &flash = survey.at(StoragePlace::flash_backup);
+    const ArchiveEvidence &flash = survey.at(StoragePlace::backup_on_flash);
     const ArchiveEvidence &slot = survey.at(slot_place(names.backup));
     const VersionNumbers &versions = survey.versions;
     return flash.good() && !flash.same_bytes(slot) && slot.same_bytes(survey.at(slot_place(names.accept))) &&
@@ -209,7 +209,7 @@ bool is_agreed(const Survey &survey, const Pair &pair)
     return flash.good() && flash.same_bytes(survey.at(pair.slot)) && !recorded_otherwise;
 }
 
-FindingState state_of(const Finding &finding)
+FindingState state_of(const SubjectFinding &finding)
 {
     bool damaged = false;
     bool good = false;
@@ -223,7 +223,7 @@ FindingState state_of(const Finding &finding)
     return damaged || !good ? FindingState::damaged : FindingState::differs;
 }
 
-void decide(Finding &finding, const Survey &survey, const SlotNames &names, const Pair &pair)
+void decide(SubjectFinding &finding, const Survey &survey, const SlotNames &names, const Pair &pair)
 {
     finding.state = state_of(finding);
     const std::string both = in_words(finding.places[0]) + "; " + in_words(finding.places[1]) + ". ";
@@ -246,11 +246,11 @@ void decide(Finding &finding, const Survey &survey, const SlotNames &names, cons
 }
 
 // Without the names nobody knows which slot belongs to which role.
-Finding without_names(const Survey &survey, ArchiveRole role)
+SubjectFinding without_names(const Survey &survey, ArchiveRole role)
 {
     const SlotNames any{slot_of(StoragePlace::slot0), slot_of(StoragePlace::slot1)};
     const Pair pair = pair_of(survey, any, role);
-    Finding finding{subject_of(role)};
+    SubjectFinding finding{subject_of(role)};
     for (const StoragePlace place : {pair.flash, StoragePlace::slot0, StoragePlace::slot1}) {
         finding.places.push_back(told_place(survey, any, pair, place));
         finding.places.back().version.reset();
@@ -268,7 +268,7 @@ std::optional<int> version_held(const Survey &survey, const SlotNames &names, St
     if (!survey.at(place).good()) {
         return std::nullopt;
     }
-    const bool is_accepted = place == StoragePlace::flash_accept || (!is_on_flash(place) && slot_of(place) == names.accept);
+    const bool is_accepted = place == StoragePlace::accept_on_flash || (!is_on_flash(place) && slot_of(place) == names.accept);
     const Pair pair = pair_of(survey, names, is_accepted ? ArchiveRole::accepted : ArchiveRole::backup);
     if (const auto recorded = recorded_version(survey, place, pair.in_force)) {
         return recorded;
@@ -279,14 +279,14 @@ std::optional<int> version_held(const Survey &survey, const SlotNames &names, St
     return !is_accepted && slot_was_overwritten(survey, names) ? survey.versions.accept.number : pair.in_force.number;
 }
 
-Finding find_archives(const Survey &survey, const SlotDecision &slots, ArchiveRole role)
+SubjectFinding find_archives(const Survey &survey, const SlotDecision &slots, ArchiveRole role)
 {
     if (!slots.right) {
         return without_names(survey, role);
     }
     const SlotNames &names = *slots.right;
     const Pair pair = pair_of(survey, names, role);
-    Finding finding{subject_of(role)};
+    SubjectFinding finding{subject_of(role)};
     for (const StoragePlace place : pair.places()) {
         finding.places.push_back(told_place(survey, names, pair, place));
     }

@@ -13,7 +13,7 @@ enum class ArchiveRole { backup, accepted };
 // bytes; where nothing is, a slot holds its role's, flash the one of a slot with the same bytes, and flash:backup else
 // the one of this controller's version file, unless the slot claims the same number with other bytes. Right is a whole
 // archive of the version in force: in the pair, in the other one, or among the generations.
-Finding find_archives(const Survey &survey, const SlotDecision &slots, ArchiveRole role);
+SubjectFinding find_archives(const Survey &survey, const SlotDecision &slots, ArchiveRole role);
 
 // The version that a place holds; nothing: nothing tells. The names say which slot is which.
 std::optional<int> version_held(const Survey &survey, const SlotNames &names, StoragePlace place);

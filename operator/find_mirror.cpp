@@ -205,7 +205,7 @@ std::string names_of(const std::vector<Decided> &items)
     return text;
 }
 
-void decide(Finding &finding, const Survey &survey, const SlotDecision &slots, const std::vector<Decided> &items)
+void decide(SubjectFinding &finding, const Survey &survey, const SlotDecision &slots, const std::vector<Decided> &items)
 {
     finding.text = std::to_string(items.size()) + " of 12 differ between NV memory and disk: " + names_of(items) + ".";
     finding.state = finding.has_unreadable_place() ? FindingState::unreadable : FindingState::differs;
@@ -231,9 +231,9 @@ void decide(Finding &finding, const Survey &survey, const SlotDecision &slots, c
 
 }  // namespace
 
-Finding find_mirror(const Survey &survey, const SlotDecision &slots)
+SubjectFinding find_mirror(const Survey &survey, const SlotDecision &slots)
 {
-    Finding finding{"mirror"};
+    SubjectFinding finding{"mirror"};
     finding.places = {place_of(survey, Side::memory), place_of(survey, Side::disk)};
     std::vector<Decided> differing;
     for (const MirroredItem &item : survey.mirror.items) {

@@ -9,6 +9,6 @@ namespace engine {
 
 // An item that only one side has is right there. Slot names are as the archives prove them; a version is as it is recorded
 // of the archive, else the newer one, since numbers are only ever raised; an identity is as this controller's board has it.
-Finding find_mirror(const Survey &survey, const SlotDecision &slots);
+SubjectFinding find_mirror(const Survey &survey, const SlotDecision &slots);
 
 }  // namespace engine

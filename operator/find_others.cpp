@@ -1,8 +1,5 @@
 #include "find_others.h"
 
-#include <algorithm>
-#include <sstream>
-
 #include "find_archives.h"
 #include "generations.h"
 #include "identity_state.h"
@@ -41,16 +38,6 @@ void add_lost_number(Mend &mend, const Survey &survey, const VersionNumber &numb
     }
 }
 
-std::vector<std::string> words_of(const std::string &command)
-{
-    std::istringstream text(command);
-    std::vector<std::string> words;
-    for (std::string word; text >> word;) {
-        words.push_back(word);
-    }
-    return words;
-}
-
 std::string differing_identities()
 {
     const Identity board = read_identity(Place::vpd);
@@ -69,10 +56,10 @@ std::string differing_identities()
 
 }  // namespace
 
-Finding find_versions(const Survey &survey, const SlotDecision &slots)
+SubjectFinding find_versions(const Survey &survey, const SlotDecision &slots)
 {
     const VersionNumbers &versions = survey.versions;
-    Finding finding{"versions"};
+    SubjectFinding finding{"versions"};
     finding.places = {place_of("current", versions.current), place_of("flash", versions.flash),
                       place_of("backup", versions.backup), place_of("accepted", versions.accept)};
     finding.text = "this controller " + shown(versions.current) + ", its flash " + shown(versions.flash) +
@@ -106,10 +93,10 @@ Finding find_versions(const Survey &survey, const SlotDecision &slots)
     return finding;
 }
 
-Finding find_identity()
+SubjectFinding find_identity()
 {
     const std::string differing = differing_identities();
-    Finding finding{"identity"};
+    SubjectFinding finding{"identity"};
     finding.text = "all places agree";
     if (!differing.empty()) {
         finding.state = FindingState::differs;
@@ -121,9 +108,9 @@ Finding find_identity()
     return finding;
 }
 
-Finding find_locks()
+SubjectFinding find_locks()
 {
-    Finding finding{"locks"};
+    SubjectFinding finding{"locks"};
     std::string held;
     if (const std::string holders = inner_lock_text(); !holders.empty()) {
         held = "The inner lock is held by " + holders + ": the next command waits for it, and clears a dead one after 30 "
@@ -142,9 +129,9 @@ Finding find_locks()
     return finding;
 }
 
-Finding find_leftovers(bool backup_agrees, bool accepted_agrees)
+SubjectFinding find_leftovers(bool backup_agrees, bool accepted_agrees)
 {
-    Finding finding{"leftovers"};
+    SubjectFinding finding{"leftovers"};
     MendCommand clear{"kestactl", "leftovers", "clear"};
     for (const Leftover &leftover : find_leftover_files()) {
         finding.places.push_back(leftover.told());
@@ -161,7 +148,7 @@ Finding find_leftovers(bool backup_agrees, bool accepted_agrees)
         if (const auto restore = unfinished_restore()) {
             const bool safe = restore->from == "accept" ? accepted_agrees : backup_agrees;
             stuck = stuck || !safe;
-            mend.push_back(words_of(restore->command()));
+            mend.push_back(restore->words());
             finding.state = FindingState::unfinished;
             finding.text += (finding.text.empty() ? "" : " ") + std::string("A restore of ") + restore->group +
                             " is unfinished: its files may be partly new, partly old." +
@@ -181,10 +168,10 @@ Finding find_leftovers(bool backup_agrees, bool accepted_agrees)
     return finding;
 }
 
-Finding find_generations()
+SubjectFinding find_generations()
 {
     const GenerationsCheck check = check_generations();
-    Finding finding{"generations"};
+    SubjectFinding finding{"generations"};
     for (const GenerationProblem &problem : check.problems) {
         PlaceFinding place;
         place.place = problem.path;

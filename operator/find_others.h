@@ -9,18 +9,18 @@ namespace engine {
 
 // This controller's number on flash and in the NV image, the backup's and the accepted one's. A number that was lost is
 // set again from what is recorded of the archive.
-Finding find_versions(const Survey &survey, const SlotDecision &slots);
+SubjectFinding find_versions(const Survey &survey, const SlotDecision &slots);
 
 // The identity values in all places against the board's.
-Finding find_identity();
+SubjectFinding find_identity();
 
 // Who holds the inner lock or a command lock. Nothing tells a dead holder from a slow one, so none is cleared.
-Finding find_locks();
+SubjectFinding find_locks();
 
 // What a killed command left behind. A restore is only completed over archives that agree.
-Finding find_leftovers(bool backup_agrees, bool accepted_agrees);
+SubjectFinding find_leftovers(bool backup_agrees, bool accepted_agrees);
 
 // The catalogue of kept archives: each one read whole.
-Finding find_generations();
+SubjectFinding find_generations();
 
 }  // namespace engine

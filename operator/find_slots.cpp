@@ -20,8 +20,8 @@ Proof proof_of(const Survey &survey, StoragePlace slot)
     bool backup = survey.is_recorded(slot, survey.versions.backup.or_zero());
     bool accept = survey.is_recorded(slot, survey.versions.accept.or_zero());
     if (survey.recorded_at(slot).empty()) {
-        backup = survey.at(slot).same_bytes(survey.at(StoragePlace::flash_backup));
-        accept = survey.at(slot).same_bytes(survey.at(StoragePlace::flash_accept));
+        backup = survey.at(slot).same_bytes(survey.at(StoragePlace::backup_on_flash));
+        accept = survey.at(slot).same_bytes(survey.at(StoragePlace::accept_on_flash));
     }
     return backup == accept ? Proof::none : backup ? Proof::backup : Proof::accept;
 }
@@ -136,10 +136,10 @@ SlotDecision decide_slots(const Survey &survey)
     return decision;
 }
 
-Finding find_slots(const Survey &survey, const SlotDecision &decision)
+SubjectFinding find_slots(const Survey &survey, const SlotDecision &decision)
 {
     const MirrorState &mirror = survey.mirror;
-    Finding finding{"slots"};
+    SubjectFinding finding{"slots"};
     finding.places = {
         place_of("memory", decision.memory, mirror.items[0].memory_unreadable || mirror.items[1].memory_unreadable,
                  false),

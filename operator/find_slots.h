@@ -34,6 +34,6 @@ struct SlotDecision {
 // force as the backup, or are those of flash:backup, and of the other role neither; and likewise the accepted one.
 SlotDecision decide_slots(const Survey &survey);
 
-Finding find_slots(const Survey &survey, const SlotDecision &decision);
+SubjectFinding find_slots(const Survey &survey, const SlotDecision &decision);
 
 }  // namespace engine

@@ -13,7 +13,7 @@ namespace engine {
 namespace {
 
 // A subject that could not be looked at has a row all the same.
-Finding told(const char *subject, const std::function<Finding()> &find)
+SubjectFinding told(const char *subject, const std::function<SubjectFinding()> &find)
 {
     try {
         return find();
@@ -43,7 +43,7 @@ const char *name_of(FindingState state)
     }
 }
 
-bool Finding::has_unreadable_place() const
+bool SubjectFinding::has_unreadable_place() const
 {
     return std::any_of(places.begin(), places.end(),
                        [](const PlaceFinding &place) { return place.state == CopyState::unreadable; });
@@ -51,12 +51,12 @@ bool Finding::has_unreadable_place() const
 
 int Findings::count() const
 {
-    return static_cast<int>(std::count_if(rows.begin(), rows.end(), [](const Finding &row) { return row.counts(); }));
+    return static_cast<int>(std::count_if(rows.begin(), rows.end(), [](const SubjectFinding &row) { return row.counts(); }));
 }
 
 Exit Findings::exit() const
 {
-    const bool unreadable = std::any_of(rows.begin(), rows.end(), [](const Finding &row) {
+    const bool unreadable = std::any_of(rows.begin(), rows.end(), [](const SubjectFinding &row) {
         return row.state == FindingState::unreadable || row.has_unreadable_place();
     });
     return unreadable ? Exit::platform : count() > 0 ? Exit::no : Exit::done;
@@ -67,7 +67,7 @@ Findings find_all()
     const Survey survey = survey_places();
     const SlotDecision slots = decide_slots(survey);
     Findings findings{survey.controller, {}};
-    const auto add = [&findings](const char *subject, const std::function<Finding()> &find) {
+    const auto add = [&findings](const char *subject, const std::function<SubjectFinding()> &find) {
         findings.rows.push_back(told(subject, find));
     };
     add("slots", [&] { return find_slots(survey, slots); });

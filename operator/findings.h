@@ -42,7 +42,7 @@ struct PlaceFinding {
 using MendCommand = std::vector<std::string>;
 using Mend = std::vector<MendCommand>;
 
-struct Finding {
+struct SubjectFinding {
     std::string subject;
     FindingState state = FindingState::agree;
     std::vector<PlaceFinding> places = {};
@@ -57,7 +57,7 @@ struct Finding {
 // The nine subjects, in the order slots, mirror, backup, accepted, versions, identity, locks, leftovers, generations.
 struct Findings {
     int controller = -1;
-    std::vector<Finding> rows;
+    std::vector<SubjectFinding> rows;
 
     int count() const;
     // platform if anything can't be read, else no if something is found, else done.

@@ -44,7 +44,13 @@ PlaceFinding Leftover::told() const
     return place;
 }
 
-std::vector<std::string> leftover_paths() { return {paths.begin(), paths.end()}; }
+void require_leftover(const std::string &path)
+{
+    if (std::find(paths.begin(), paths.end(), path) == paths.end()) {
+        throw Failure(Exit::usage, "bad-path", path + " is nothing that commands leave behind.",
+                      "'kestactl verify' shows what was left behind.");
+    }
+}
 
 std::vector<Leftover> find_leftover_files()
 {
@@ -60,10 +66,7 @@ std::vector<Leftover> find_leftover_files()
 
 void clear_leftover(const std::string &path, const std::string &verb)
 {
-    if (std::find(paths.begin(), paths.end(), path) == paths.end()) {
-        throw Failure(Exit::usage, "bad-path", path + " is nothing that commands leave behind.",
-                      "'kestactl verify' shows what was left behind.");
-    }
+    require_leftover(path);
     const ArchiveEvidence evidence = evidence_of_file(path);
     if (evidence.absent()) {
         return;

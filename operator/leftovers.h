@@ -19,8 +19,8 @@ struct Leftover {
 // Those that are there, but for the note of an unfinished restore.
 std::vector<Leftover> find_leftover_files();
 
-// The paths that there may be.
-std::vector<std::string> leftover_paths();
+// Throws Failure for a path that is none of those that there may be.
+void require_leftover(const std::string &path);
 
 // Takes one away. A whole archive is kept as a generation before, unless one of the four places has the same. Throws
 // Failure: it can't be read or kept, and stays; or the path is none of them.

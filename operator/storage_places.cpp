@@ -73,8 +73,8 @@ std::vector<int> versions_of(const std::string &sha256)
 
 std::string address_of(StoragePlace place)
 {
-    return place == StoragePlace::flash_backup   ? flash_backup_address
-           : place == StoragePlace::flash_accept ? flash_accept_address
+    return place == StoragePlace::backup_on_flash   ? flash_backup_address
+           : place == StoragePlace::accept_on_flash ? flash_accept_address
                                                  : place_of_slot(slot_of(place));
 }
 
@@ -91,14 +91,14 @@ StoragePlace place_at(const std::string &address)
 
 bool is_on_flash(StoragePlace place)
 {
-    return place == StoragePlace::flash_backup || place == StoragePlace::flash_accept;
+    return place == StoragePlace::backup_on_flash || place == StoragePlace::accept_on_flash;
 }
 
 std::string slot_of(StoragePlace place) { return place == StoragePlace::slot0 ? KESTA_SLOT0 : KESTA_SLOT1; }
 
 const char *path_of(StoragePlace place)
 {
-    return place == StoragePlace::flash_backup ? flash_backup : flash_accept;
+    return place == StoragePlace::backup_on_flash ? flash_backup : flash_accept;
 }
 
 StoragePlace slot_place(const std::string &slot)

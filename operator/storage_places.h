@@ -13,9 +13,9 @@
 
 namespace engine {
 
-enum class StoragePlace { flash_backup, flash_accept, slot0, slot1 };
+enum class StoragePlace { backup_on_flash, accept_on_flash, slot0, slot1 };
 
-inline constexpr std::array<StoragePlace, 4> storage_places{StoragePlace::flash_backup, StoragePlace::flash_accept,
+inline constexpr std::array<StoragePlace, 4> storage_places{StoragePlace::backup_on_flash, StoragePlace::accept_on_flash,
                                                             StoragePlace::slot0, StoragePlace::slot1};
 
 // "flash:backup", "flash:accept", "slot:kesta_backup0", "slot:kesta_backup1"

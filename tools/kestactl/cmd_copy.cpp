@@ -261,6 +261,7 @@ void add_copy(CLI::App &app, Globals &globals, Action &action)
                     plan_backup2copy);
     verb->add_option("GROUP", options->group, "Group name")->required();
     add_examples(*verb, "  kestactl copy backup2copy network --dry-run");
+    add_copy_archive(*copy, globals, action);
     add_examples(*copy, "  kestactl copy cntbackup2backup\n"
                         "  kestactl copy backup2tmp --accept --check\n"
                         "  kestactl copy backup2copy network --dry-run");
