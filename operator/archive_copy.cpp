@@ -4,6 +4,7 @@
 
 #include "appliance_state.h"
 #include "failure.h"
+#include "leftovers.h"
 #include "whole_file.h"
 
 namespace engine {
@@ -101,9 +102,10 @@ KeepReport copy_archive(const ArchiveCopyRequest &request, const std::string &ve
     if (target.same_bytes(source.evidence)) {
         return report;
     }
+    report = keep_leftovers(verb, rule);  // the new archive is written beside the old one, over what lies there
     if (target.good()) {
         const std::string place = is_on_flash(to) ? path_of(to) : place_of_slot(slot_of(to));
-        report = keep_replaced({{place, Replacing::in_place}}, verb, rule);
+        report.add(keep_replaced({{place, Replacing::in_place}}, verb, rule));
     }
     if (is_on_flash(to)) {
         write_file_whole(path_of(to), source.bytes);

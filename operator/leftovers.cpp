@@ -8,7 +8,6 @@
 #include <filesystem>
 
 #include "archive_places.h"
-#include "generations.h"
 #include "whole_file.h"
 
 namespace engine {
@@ -62,6 +61,17 @@ std::vector<Leftover> find_leftover_files()
         }
     }
     return found;
+}
+
+KeepReport keep_leftovers(const std::string &verb, const KeepRule &rule)
+{
+    std::vector<ReplacedPlace> whole;
+    for (const Leftover &leftover : find_leftover_files()) {
+        if (leftover.evidence.good() && !is_elsewhere(leftover.evidence)) {
+            whole.push_back({leftover.path, Replacing::in_place});
+        }
+    }
+    return whole.empty() ? KeepReport() : keep_replaced(whole, verb, rule);
 }
 
 void clear_leftover(const std::string &path, const std::string &verb)
