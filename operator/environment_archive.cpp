@@ -125,8 +125,9 @@ private:
     [[noreturn]] void fail_writing()
     {
         const char *why = archive_error_string(writer_.get());
+        const int error = archive_errno(writer_.get());
         throw Failure(
-            Exit::platform, "archive-failed",
+            Exit::platform, error == ENOSPC || error == EDQUOT ? no_room : "archive-failed",
             std::string("The archive could not be made: ") + (why ? why : "it can't be written") + ".",
             "Check the space of " + fs::path(path_).parent_path().string() + ".");
     }

@@ -108,7 +108,7 @@ bool read_pieces(const Descriptor &file, const Take &take)
 }  // namespace
 
 NoRoom::NoRoom(const std::string &path)
-    : Failure(Exit::platform, "no-room", "There is no room left for " + path + ".",
+    : Failure(Exit::platform, no_room, "There is no room left for " + path + ".",
               "Nothing was changed. Make room in " + std::string(flash_folder) +
                   ", or give --keep 0 to keep nothing of what is overwritten.")
 {

@@ -17,6 +17,14 @@ constexpr std::size_t shown_digits = 12;
 std::string archive_name(const std::string &sum) { return sum + archive_suffix; }
 std::string entry_name(const std::string &sum) { return sum + entry_suffix; }
 
+void note_full(KeepReport &report)
+{
+    const std::string note = "The disk is full: the oldest generations were dropped.";
+    if (std::find(report.notes.begin(), report.notes.end(), note) == report.notes.end()) {
+        report.notes.push_back(note);
+    }
+}
+
 std::vector<SavedArchive> saved_in(const GenerationFolder &folder)
 {
     const auto text = folder.read(saved_name);
@@ -106,6 +114,21 @@ public:
         return std::move(report_);
     }
 
+    bool drop_oldest() { return drop_oldest(report_.kept); }
+    bool drop_oldest(const std::vector<Generation> &spared)
+    {
+        const Entries dropped = droppable(all_, in_force_(), spared);
+        if (dropped.empty()) {
+            return false;
+        }
+        const Generation oldest = dropped.front();
+        folder_.remove(entry_name(oldest.sha256));
+        folder_.remove(archive_name(oldest.sha256));
+        forget(all_, oldest);
+        report_.dropped.push_back(oldest);
+        return true;
+    }
+
 private:
     using Entries = std::vector<Generation>;
 
@@ -164,7 +187,7 @@ private:
                     folder_.flush();
                     throw Failure(full.exit(), full.code(), full.what() + dropped_so_far(), full.hint());
                 }
-                report_.notes.push_back("The disk is full: " + name_of(report_.dropped.back()) + " was dropped.");
+                note_full(report_);
             }
         }
     }
@@ -172,20 +195,6 @@ private:
     {
         const std::size_t count = report_.dropped.size();
         return count == 0 ? "" : " Older generations were dropped for it, " + std::to_string(count) + " of them.";
-    }
-
-    bool drop_oldest()
-    {
-        const Entries dropped = droppable(all_, in_force_(), report_.kept);
-        if (dropped.empty()) {
-            return false;
-        }
-        const Generation oldest = dropped.front();
-        folder_.remove(entry_name(oldest.sha256));
-        folder_.remove(archive_name(oldest.sha256));
-        forget(all_, oldest);
-        report_.dropped.push_back(oldest);
-        return true;
     }
 
     // What a killed command, or somebody's hand, left behind.
@@ -332,6 +341,18 @@ KeepReport GenerationStore::keep(const std::vector<GenerationSource> &sources, c
     }
     keeping.drop_beyond(limits);
     return keeping.finish();
+}
+
+bool GenerationStore::drop_oldest(const AskVersions &in_force, KeepReport &report) const
+{
+    const GenerationChange nobody;
+    Keeping keeping(parent_, is_whole_, nobody, in_force);
+    const bool dropped = keeping.drop_oldest(report.kept);
+    report.add(keeping.finish());
+    if (dropped) {
+        note_full(report);
+    }
+    return dropped;
 }
 
 void GenerationStore::note_saved(const SavedArchive &archive) const

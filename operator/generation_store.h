@@ -80,6 +80,10 @@ public:
     KeepReport keep(const std::vector<GenerationSource> &sources, const GenerationChange &change,
                     const GenerationLimits &limits, const AskVersions &in_force) const;
 
+    // Drops the oldest one that is not in force, and none of those that the report says were kept. False: there is none.
+    // Throws Failure.
+    bool drop_oldest(const AskVersions &in_force, KeepReport &report) const;
+
     // Notes what was just made and tested, so that it is known when it is replaced one day. Throws Failure.
     void note_saved(const SavedArchive &archive) const;
 

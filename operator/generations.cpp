@@ -5,6 +5,7 @@
 #include <kesta/kesta.h>
 #include <pwd.h>
 #include <string.h>
+#include <sys/statvfs.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -206,6 +207,31 @@ KeepReport keep_replaced(const std::vector<ReplacedPlace> &places, const std::st
     limits.count = rule.keep.value_or(limits.count);
     report.add(store(look).keep(sources, change_now(verb, rule), limits, versions_in_force));
     return report;
+}
+
+void with_room_on_flash(KeepReport &report, const std::function<void()> &write)
+{
+    for (;;) {
+        try {
+            write();
+            return;
+        } catch (const Failure &failure) {
+            if (failure.code() != no_room || generations().empty() ||
+                !store([] {}).drop_oldest(versions_in_force, report)) {
+                throw;
+            }
+        }
+    }
+}
+
+void make_room_on_flash(KeepReport &report, std::uint64_t bytes)
+{
+    const auto is_short = [bytes] {
+        struct statvfs room {};
+        return statvfs(flash_folder, &room) == 0 && std::uint64_t{room.f_bavail} * room.f_frsize < bytes;
+    };
+    while (is_short() && !generations().empty() && store([] {}).drop_oldest(versions_in_force, report)) {
+    }
 }
 
 void note_saved(const std::string &path, const std::string &group, int version, const KeepRule &rule)

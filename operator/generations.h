@@ -40,6 +40,12 @@ KeepReport keep_replaced(
     const std::vector<ReplacedPlace> &places, const std::string &verb, const KeepRule &rule,
     const std::function<void()> &look = [] {});
 
+// Does what writes to flash. Where the disk is full, the oldest generation is dropped, and it is done again.
+void with_room_on_flash(KeepReport &report, const std::function<void()> &write);
+
+// The same for what can't be done again: drops the oldest ones until so many bytes are free, or none is left to drop.
+void make_room_on_flash(KeepReport &report, std::uint64_t bytes);
+
 // Notes an archive that was just made and tested: its version, its group, and who asked for it. Throws Failure.
 void note_saved(const std::string &path, const std::string &group, int version, const KeepRule &rule);
 

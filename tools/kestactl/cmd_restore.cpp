@@ -110,8 +110,8 @@ void check_options(const RestoreOptions &options)
     }
 }
 
-// What is on flash may be the last good one.
-void require_whole_slot(const std::string &slot)
+// What is on flash may be the last good one. Returns the bytes that will be written there.
+std::uint64_t require_whole_slot(const std::string &slot)
 {
     const ArchiveEvidence evidence = evidence_of_slot(slot);
     if (evidence.state == CopyState::damaged) {
@@ -122,22 +122,26 @@ void require_whole_slot(const std::string &slot)
                       "whole one.");
     }
     require_whole(evidence, "slot " + slot);
+    return evidence.bytes;
 }
 
-// The library ends quietly where the accept archive can't be copied; here it is said beforehand.
-void check_sources(const Planned &planned)
+// The library ends quietly where the accept archive can't be copied; here it is said beforehand. Returns the bytes that
+// will be written to flash.
+std::uint64_t check_sources(const Planned &planned)
 {
+    std::uint64_t bytes = 0;
     if (planned.copies_accept) {
         require_file(flash_accept,
                      "An update restore needs the accepted environment on flash; --skip-flashcopy "
                      "goes on without it.");
     }
     if (!planned.slot.empty()) {
-        require_whole_slot(planned.slot);
+        bytes = require_whole_slot(planned.slot);
     }
     if (!planned.script.empty()) {
         require_file(planned.script, "The group needs a restore script of that name.");
     }
+    return bytes;
 }
 
 std::vector<std::string> places_written(const Planned &planned)
@@ -234,8 +238,8 @@ Plan plan_restore(const RestoreOptions &options)
     check_options(options);
     require_writable();
     const Planned planned = resolve(options);
-    check_sources(planned);
     Plan plan;
+    plan.room = check_sources(planned);
     plan.shared = true;
     plan.json = {{"group", options.group}, {"slot", planned.slot}, {"script", planned.script}};
     plan.verb = "restore";

@@ -116,13 +116,16 @@ Plan plan_save(const SaveOptions &options, Work &work)
     plan.json = {{"group", options.group}, {"slot", slot}, {"files", files}};
     add_mirror_step(plan, work);
     add_script_steps(plan, work, scripts_of(options.group, "backup", "pre-script"), options.work.scripts);
+    plan.kept = std::make_shared<KeepReport>();
     // After the scripts: they may have made the files.
     plan.steps.push_back(guarded(
         work, "archive " + std::to_string(files.size()) + " files, and test the archive",
         {unfinished_archive},
-        [definition, &work] {
+        [definition, &work, kept = plan.kept] {
             (void)collect(*definition);  // what it refuses is told before anything is written
-            make_archive(*definition, unfinished_archive, [&work] { stop_if_asked(work); });
+            with_room_on_flash(*kept, [&] {
+                make_archive(*definition, unfinished_archive, [&work] { stop_if_asked(work); });
+            });
         }));
     add_keep_step(plan, work, {{flash_backup, Replacing::by_rename}, {place_of_slot(slot), Replacing::in_place}}, "save");
     plan.steps.push_back(publishing(work, "hand out the next version", {"version area numbering"},
@@ -217,7 +220,10 @@ Plan plan_accept(Work &work)
                                     {"system backup area: " + slot},
                                     [slot] { store_as_accepted(slot); }));
     plan.steps.push_back(publishing(work, "put it to flash as the accepted one", {flash_accept},
-                                    [] { copy_file_whole(merge_backup, flash_accept); }));
+                                    [kept = plan.kept] {
+                                        with_room_on_flash(*kept,
+                                                           [] { copy_file_whole(merge_backup, flash_accept); });
+                                    }));
     plan.steps.push_back(publishing(work, "record the version", {"version area accept"},
                                     [&work] { accept_version(work); }));
     return plan;

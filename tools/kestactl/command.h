@@ -53,6 +53,7 @@ struct Plan {
     // Places that it gives other contents, and the verb that does so: what they hold is kept before the first step.
     std::vector<ReplacedPlace> replaces;
     std::string verb;
+    std::uint64_t room = 0;  // bytes that will be written to flash, where that is known
     // What was kept by its steps; null: they replace no archive.
     std::shared_ptr<KeepReport> kept = nullptr;
 };

@@ -103,7 +103,9 @@ Step publishing(Work &work, const std::string &what, std::vector<std::string> wr
 
 void add_keep_step(Plan &plan, Work &work, const std::vector<ReplacedPlace> &places, const std::string &verb)
 {
-    plan.kept = std::make_shared<KeepReport>();
+    if (!plan.kept) {
+        plan.kept = std::make_shared<KeepReport>();
+    }
     const Step keeping =
         keep_step(places, verb, work.keep_rule, plan.kept, [&work] { stop_if_asked(work); });
     plan.steps.push_back(publishing(work, keeping.what, keeping.writes, keeping.act));

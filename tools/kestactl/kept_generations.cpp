@@ -33,7 +33,8 @@ void add_keep_options(CLI::App &command, Globals &globals)
 {
     command.add_option("--keep", globals.keep_rule.keep,
                        "Keep this many generations of archives, not the number of the settings; 0: none of what is "
-                       "replaced now");
+                       "replaced now")
+        ->check(CLI::NonNegativeNumber);
     command.add_option("--comment", globals.keep_rule.comment, "Why: noted with the generations")->option_text("TEXT");
 }
 
@@ -54,7 +55,12 @@ Plan with_keeping(Plan plan, const KeepRule &rule)
 {
     if (!plan.replaces.empty() && !plan.steps.empty()) {
         plan.kept = std::make_shared<KeepReport>();
-        plan.steps.insert(plan.steps.begin(), keep_step(plan.replaces, plan.verb, rule, plan.kept));
+        Step keeping = keep_step(plan.replaces, plan.verb, rule, plan.kept);
+        keeping.act = [keep = keeping.act, report = plan.kept, room = plan.room] {
+            keep();
+            make_room_on_flash(*report, room);
+        };
+        plan.steps.insert(plan.steps.begin(), std::move(keeping));
     }
     return plan;
 }

@@ -85,7 +85,7 @@ void put_slot_to_flash(const Restore &restore, const Work &work, KeepReport &rep
     if (!is_there || read_whole_file(restore.source.flash) != restore.archive.bytes) {
         report.add(keep_replaced({{restore.source.flash, Replacing::by_rename}}, "restore", work.keep_rule,
                                  [&work] { stop_if_asked(work); }));
-        write_file_whole(restore.source.flash, restore.archive.bytes);
+        with_room_on_flash(report, [&] { write_file_whole(restore.source.flash, restore.archive.bytes); });
     }
 }
 
