@@ -166,6 +166,20 @@ TEST(Mending, NamesOfTheSlotsAreProvedByTheArchives)
     }
 }
 
+TEST(Mending, SlotsWithTheSameArchiveAreNamedAsTheSideThatNamesThem)
+{
+    MendedAppliance appliance;
+    appliance.name_in_memory("", "");
+    appliance.name_on_disk(slot1, slot0);
+    for (std::size_t place = 0; place < place_names.size(); ++place) {
+        appliance.put(place, MendedAppliance::archive(9));
+    }
+    appliance.run({"kestactl", "version", "set", "accept", "0"});
+    expect_followed(appliance, "one archive everywhere");
+    EXPECT_TRUE(appliance.agrees()) << appliance.steps() << appliance.verify().text;
+    EXPECT_THAT(subject(appliance.verify(), "slots").at("text").get<std::string>(), testing::HasSubstr("accept kesta_backup0"));
+}
+
 TEST(Mending, NamesThatNothingProvesAreNotGuessed)
 {
     MendedAppliance appliance;
