@@ -52,8 +52,11 @@ if [ -s "$tree/.follow" ]; then
         /usr/sbin/tar -C "$tree/.group" --no-recursion -rf "$archive.tar" -T "$tree/.follow" ||
         fail "can't pack the group's files"
 fi
+# A hosts table that no controller has had is none.
+cp "$tree/.lacks" "$tree/.left_out"
+[ -s "$tree/C/etc/inet/hosts" ] || echo C/etc/inet/hosts >> "$tree/.left_out"
 # The names without a leading "./".
-(cd "$tree" && /usr/sbin/tar --sort=name --anchored --no-wildcards -X .lacks -rf "$archive.tar" -- 0 1 C) ||
+(cd "$tree" && /usr/sbin/tar --sort=name --anchored --no-wildcards -X .left_out -rf "$archive.tar" -- 0 1 C) ||
     fail "can't pack $tree"
 bzip2 -c < "$archive.tar" > "$archive.new" || fail "can't compress the archive"
 /usr/bin/bunzip2 -tq < "$archive.new" || fail "the new archive is damaged"
