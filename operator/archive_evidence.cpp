@@ -73,15 +73,25 @@ void test(Counted &pieces, std::uint64_t size, ArchiveEvidence &evidence, const 
         evidence.state = CopyState::damaged;
         evidence.reason = damaged.reason();
     } catch (const Failure &refused) {
-        if (refused.code() != "archive-too-large" && refused.code() != "bad-setting") {
-            throw;  // the look's
+        if (refused.code() != "archive-too-large") {
+            throw;  // the look's, or a setting's
         }
         evidence.state = CopyState::unreadable;
-        evidence.reason = refused.what();
+        evidence.beyond_limits = true;
+        evidence.reason = refused.what() + strlen("The archive ");
+        evidence.reason.pop_back();  // the sentence's end
     }
     if (broken) {
         throw ReadError(*broken);
     }
+}
+
+ArchiveEvidence unreadable(const std::string &reason)
+{
+    ArchiveEvidence evidence;
+    evidence.state = CopyState::unreadable;
+    evidence.reason = reason;
+    return evidence;
 }
 
 ArchiveEvidence examine(const NextPiece &next, std::uint64_t size, const std::function<void()> &look)
@@ -92,7 +102,7 @@ ArchiveEvidence examine(const NextPiece &next, std::uint64_t size, const std::fu
         test(pieces, size, evidence, look);
         pieces.read_rest();
     } catch (const ReadError &error) {
-        return {CopyState::unreadable, 0, "", std::nullopt, error.reason};
+        return unreadable(error.reason);
     }
     evidence.bytes = pieces.bytes();
     evidence.sha256 = pieces.sha256();
@@ -105,11 +115,6 @@ const char *kind_of(mode_t mode)
            : S_ISDIR(mode)  ? "it is a folder"
            : S_ISFIFO(mode) ? "it is a FIFO"
                             : "it is no plain file";
-}
-
-ArchiveEvidence unreadable(const std::string &reason)
-{
-    return {CopyState::unreadable, 0, "", std::nullopt, reason};
 }
 
 }  // namespace
@@ -197,6 +202,10 @@ void require_whole(const ArchiveEvidence &evidence, const std::string &name)
     }
     if (evidence.state == CopyState::absent) {
         throw Failure(Exit::no, "no-archive", "There is no " + name + ".", "'kestactl verify' shows what there is.");
+    }
+    if (evidence.beyond_limits) {
+        throw Failure(Exit::no, "archive-too-large", name + " " + evidence.reason + ".",
+                      std::string("If it is right, raise the limit in ") + archive_limits_file + ".");
     }
     if (evidence.state == CopyState::unreadable) {
         throw Failure(Exit::platform, "archive-unreadable", name + " can't be read: " + evidence.reason + ".",

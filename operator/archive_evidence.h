@@ -23,6 +23,7 @@ struct ArchiveEvidence {
     std::string sha256;                    // in hexadecimal
     std::optional<std::int64_t> modified;  // seconds since 1970, where the place keeps it
     std::string reason;                    // why it is damaged or unreadable, in a few words
+    bool beyond_limits = false;            // unreadable because it holds more than the limits of archives allow
 
     bool good() const { return state == CopyState::good; }
     bool absent() const { return state == CopyState::absent; }

@@ -33,9 +33,9 @@ std::vector<SavedArchive> saved_in(const GenerationFolder &folder)
 
 const SavedArchive *find_saved(const std::vector<SavedArchive> &saved, const std::string &sum)
 {
-    const auto found = std::find_if(saved.begin(), saved.end(),
-                                    [&sum](const SavedArchive &archive) { return archive.sha256 == sum; });
-    return found == saved.end() ? nullptr : &*found;
+    const auto newest = std::find_if(saved.rbegin(), saved.rend(),
+                                     [&sum](const SavedArchive &archive) { return archive.sha256 == sum; });
+    return newest == saved.rend() ? nullptr : &*newest;
 }
 
 void take_from(Generation &generation, const SavedArchive *saved)
@@ -304,6 +304,8 @@ GenerationStore::GenerationStore(std::string parent, IsWhole is_whole)
 
 std::vector<Generation> GenerationStore::all() const { return entries_in({parent_, Purpose::reading}); }
 
+std::vector<SavedArchive> GenerationStore::saved() const { return saved_in({parent_, Purpose::reading}); }
+
 GenerationsCheck GenerationStore::check() const
 {
     const GenerationFolder folder(parent_, Purpose::reading);
@@ -357,7 +359,10 @@ void GenerationStore::note_saved(const SavedArchive &archive) const
 {
     const GenerationFolder folder(parent_, Purpose::changing);
     std::vector<SavedArchive> saved = saved_in(folder);
-    std::erase_if(saved, [&archive](const SavedArchive &one) { return one.sha256 == archive.sha256; });
+    // Files that did not change make the same archive again, under another number: both count.
+    std::erase_if(saved, [&archive](const SavedArchive &one) {
+        return one.sha256 == archive.sha256 && one.version == archive.version;
+    });
     saved.push_back(archive);
     if (saved.size() > most_saved) {
         saved.erase(saved.begin());

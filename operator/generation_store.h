@@ -69,6 +69,9 @@ public:
     // Newest first. Throws Failure.
     std::vector<Generation> all() const;
 
+    // What note_saved has noted. Throws Failure.
+    std::vector<SavedArchive> saved() const;
+
     // Every file read whole and held against its checksum. Throws Failure: the folder can't be read.
     GenerationsCheck check() const;
 

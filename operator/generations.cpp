@@ -242,6 +242,8 @@ void note_saved(const std::string &path, const std::string &group, int version, 
     }
 }
 
+std::vector<SavedArchive> saved_archives() { return store([] {}).saved(); }
+
 std::vector<Generation> generations() { return store([] {}).all(); }
 
 GenerationsCheck check_generations() { return store([] {}).check(); }

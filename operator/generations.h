@@ -49,6 +49,9 @@ void make_room_on_flash(KeepReport &report, std::uint64_t bytes);
 // Notes an archive that was just made and tested: its version, its group, and who asked for it. Throws Failure.
 void note_saved(const std::string &path, const std::string &group, int version, const KeepRule &rule);
 
+// What was noted of archives that were saved here, one for each version of the same bytes. Throws Failure.
+std::vector<SavedArchive> saved_archives();
+
 // What is kept, newest first. Throws Failure: the catalogue can't be read.
 std::vector<Generation> generations();
 

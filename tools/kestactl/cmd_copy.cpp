@@ -1,6 +1,5 @@
 // kestactl copy: one verb for each flow that moves archives between the storage places.
 #include <kesta/kesta.h>
-#include <limits.h>
 #include <string.h>
 
 #include <array>
@@ -12,6 +11,7 @@
 #include "command.h"
 #include "kept_generations.h"
 #include "names.h"
+#include "version_numbers.h"
 
 namespace kestactl {
 namespace {
@@ -65,15 +65,6 @@ void require_whole_archive(const char *path)
 // Whether a slot holds an archive that would be missed.
 bool holds_whole_archive(const std::string &slot) { return evidence_of_slot(slot).good(); }
 
-// Numbers wrap to 1 behind the highest: the shorter way counts.
-bool is_older(int version, int than)
-{
-    const auto way = [](int from, int to) {
-        return static_cast<long long>(to) - from + (to < from ? static_cast<long long>(INT_MAX) : 0);
-    };
-    return version != than && way(version, than) < way(than, version);
-}
-
 // Flash tells its version, and the backup area that of its slot.
 void require_not_older(const std::string &slot)
 {
@@ -81,7 +72,7 @@ void require_not_older(const std::string &slot)
     (void)kestal_read_flash_version_file(&flash, KESTA_FLASH_VERSION);  // then it stays -1
     const int backup =
         kestal_read_version_nolock(KESTA_VER_AREA_BACKUP, learn_own_number(), KESTA_VERSION_BY_MODE);
-    if (flash > 0 && backup > 0 && is_older(flash, backup) && holds_whole_archive(slot)) {
+    if (flash > 0 && backup > 0 && is_older_version(flash, backup) && holds_whole_archive(slot)) {
         throw Failure(Exit::no, "older-version",
                       "Flash holds version " + std::to_string(flash) + ", and slot " + slot + " the newer version " +
                           std::to_string(backup) + ", whole.",
@@ -270,6 +261,7 @@ void add_copy(CLI::App &app, Globals &globals, Action &action)
                     plan_backup2copy);
     verb->add_option("GROUP", options->group, "Group name")->required();
     add_examples(*verb, "  kestactl copy backup2copy network --dry-run");
+    add_copy_archive(*copy, globals, action);
     add_examples(*copy, "  kestactl copy cntbackup2backup\n"
                         "  kestactl copy backup2tmp --accept --check\n"
                         "  kestactl copy backup2copy network --dry-run");

@@ -13,6 +13,7 @@
 #include "archive_places.h"
 #include "command.h"
 #include "environment_archive.h"
+#include "leftovers.h"
 #include "kept_generations.h"
 #include "names.h"
 #include "whole_file.h"
@@ -223,6 +224,7 @@ void restore(const RestoreOptions &options, const Planned &planned)
     memcpy(name.data(), planned.slot.data(), planned.slot.size());
     learn_own_number();
     if (!planned.slot.empty()) {
+        (void)keep_leftovers("restore", {});
         remove_quietly(unfinished_flash_copy);  // the flow writes into what is there, and keeps a longer tail
     }
     explain(kestal_sysback2current(options.group.c_str(), options.switch_only ? switch_only_flag : 0,

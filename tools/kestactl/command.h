@@ -32,6 +32,7 @@ struct Result {
     Json json = Json::object();
     // Undoes what nobody has learned of, if the result can't be written. It may hold signals till then.
     std::function<void()> unwritten = nullptr;
+    int schema_version = 1;  // of its JSON
 };
 
 // One step of a changing command. A dry run prints the steps, another run carries them out.
@@ -69,7 +70,9 @@ void add_nv_image(CLI::App &nv, Globals &globals, Action &action);
 void add_nv_verify(CLI::App &nv, Action &action);
 void add_repair(CLI::App &app, Globals &globals, Action &action);
 void add_completion(CLI::App &app, Action &action);
-void add_verify(CLI::App &app, Action &action);
+void add_verify(CLI::App &app, Globals &globals, Action &action);
+void add_leftovers(CLI::App &app, Globals &globals, Action &action);
+void add_copy_archive(CLI::App &copy, Globals &globals, Action &action);
 void add_report(CLI::App &app, Action &action);
 void add_save(CLI::App &app, Globals &globals, Action &action);
 void add_accept(CLI::App &app, Globals &globals, Action &action);

@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "appliance_state.h"
+#include "leftovers.h"
 #include "kept_generations.h"
 #include "render.h"
 
@@ -54,6 +55,8 @@ Result carry_out_locked(const LockRequest &request, const std::function<Plan(Wor
     HeldCommandLock command(own, take_command_lock(request, own, signals));
     work.lock = &command;
     const Plan plan = make_plan(work);  // refused: nothing was done, and nothing comes last
+    // Whoever works now writes over what a killed command left behind.
+    (void)keep_leftovers(request.group.empty() ? "accept" : "save", work.keep_rule);
     Result result;
     std::exception_ptr failure;
     try {
