@@ -397,19 +397,35 @@ protected:
                    "<?xml version=\"1.0\"?>\n<group id=\"app\" operation=\"update\" type=\"files\"><setinfo>" +
                        files + "</setinfo></group>\n");
     }
-    // The two commands of the page, with a dry run before each.
+    // What verify says of the identity; empty: nothing is to be done.
+    std::string advice(int controller) const
+    {
+        const json verified = ctl(controller, "--json verify").json();
+        for (const json &row : verified.at("result").at("subjects")) {
+            if (row.at("subject") == "identity") {
+                return row.at("state") == "agree" ? "" : row.at("text").get<std::string>();
+            }
+        }
+        return "no row";
+    }
+    // The two commands of the page, with a dry run before each; verify names the next one, and then no more.
     void carry_to_both() const
     {
+        EXPECT_THAT(advice(0), HasSubstr("'kestactl identity carry vpd-to-flash'"));
         for (const char *dry : {" --dry-run", ""}) {
             const Ran carried = ctl(0, std::string("identity carry vpd-to-flash") + dry);
             ASSERT_EQ(carried.code, 0) << carried.out << carried.err;
         }
+        EXPECT_EQ(advice(0), "");
+        EXPECT_THAT(advice(1), HasSubstr("'kestactl identity carry cnt0-to-cnt1' and then"));
         succeed(0, "kestactl copy cntbackup2backup");
         for (const char *dry : {" --dry-run", ""}) {
             const Ran followed = ctl(1, std::string("identity carry cnt0-to-cnt1") + dry);
             ASSERT_EQ(followed.code, 0) << followed.out << followed.err;
         }
+        EXPECT_THAT(advice(1), HasSubstr("'kestactl identity carry vpd-to-disk'"));
         succeed(1, "kestactl identity carry vpd-to-disk");
+        EXPECT_EQ(advice(0) + advice(1), "");
     }
     void expect_carried(int controller, const std::string &name) const
     {
