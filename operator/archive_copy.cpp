@@ -21,7 +21,7 @@ std::string read_generation(const std::string &sum)
 {
     if (sum.size() != 64 || sum.find_first_not_of("0123456789abcdef") != std::string::npos) {
         throw Failure(Exit::usage, "bad-place", "'" + sum + "' is no checksum of a generation.",
-                      "Generations are told in full by 'kestactl --json generations'.");
+                      "It is the name of its file in /opt/kesta_sys/bakup/generations, without .tar.Z.");
     }
     return path_of_generation(sum);
 }

@@ -154,9 +154,15 @@ std::string shown_version(const std::optional<int> &version)
     return version ? "version " + std::to_string(*version) : "a version that nothing records";
 }
 
+// "on flash", "in slot kesta_backup0"
+std::string where_of(const PlaceFinding &place)
+{
+    return place.place == "flash" ? "on flash" : "in slot " + place.place.substr(place.place.find(':') + 1);
+}
+
 std::string in_words(const PlaceFinding &place)
 {
-    const std::string where = place.place == "flash" ? "on flash" : "in " + place.place;
+    const std::string where = where_of(place);
     switch (place.state) {
         case CopyState::good:
             return shown_version(place.version) + ", whole, " + where;
@@ -185,7 +191,7 @@ std::string what_is_left(const Survey &survey, const Pair &pair)
                "cntbackup2tmp'), or save again; what is replaced is kept as a generation.";
     }
     return "No whole copy of what is in force is left here. Look at the other controllers' flash with 'kestactl verify', "
-           "or at 'kestactl generations'; otherwise make a new one with 'kestactl save'" +
+           "or into /opt/kesta_sys/bakup/generations; otherwise make a new one with 'kestactl save'" +
            std::string(pair.role == ArchiveRole::accepted ? " and 'kestactl accept'." : ".");
 }
 
@@ -292,11 +298,11 @@ SubjectFinding find_archives(const Survey &survey, const SlotDecision &slots, Ar
     }
     if (is_agreed(survey, pair)) {
         finding.right = finding.places[1].place;
-        finding.text = shown_version(finding.places[1].version) + ", the same on flash and in " + finding.places[1].place;
+        finding.text = shown_version(finding.places[1].version) + ", the same on flash and " + where_of(finding.places[1]);
     } else if (survey.at(pair.flash).absent() && survey.at(pair.slot).absent() && !pair.in_force.number &&
                !pair.in_force.unreadable) {
         finding.state = FindingState::absent;
-        finding.text = "none, neither on flash nor in " + finding.places[1].place;
+        finding.text = "none, neither on flash nor " + where_of(finding.places[1]);
     } else {
         decide(finding, survey, names, pair);
     }

@@ -98,13 +98,14 @@ protected:
         EXPECT_TRUE(good || verified.code == 1) << where << verified.err;
         std::string named;
         const json answer = verified.json();
-        for (const json &check : answer.at("result").at("checks")) {
-            named += check.at("good") ? "" : check.at("what").get<std::string>() + "; ";
+        for (const json &subject : answer.at("result").at("subjects")) {
+            const bool in_order = subject.at("state") == "agree" || subject.at("state") == "absent";
+            named += in_order ? "" : subject.at("subject").get<std::string>() + "; ";
         }
         const bool differ = now.at("flash backup") != now.at("backup slot") ||
                             now.at("flash accept") != now.at("accept slot");
         EXPECT_TRUE(!differ || !good) << where << " is said to be in order";
-        if (named.find("command lock") != std::string::npos) {
+        if (named.find("locks") != std::string::npos) {
             EXPECT_EQ(quickly("kestactl lock release --force").code, 0) << where;
         }
     }

@@ -7,8 +7,8 @@
 #include <exception>
 
 #include "appliance_state.h"
-#include "leftovers.h"
 #include "kept_generations.h"
+#include "leftovers.h"
 #include "render.h"
 
 namespace kestactl {
@@ -56,7 +56,7 @@ Result carry_out_locked(const LockRequest &request, const std::function<Plan(Wor
     work.lock = &command;
     const Plan plan = make_plan(work);  // refused: nothing was done, and nothing comes last
     // Whoever works now writes over what a killed command left behind.
-    (void)keep_leftovers(request.group.empty() ? "accept" : "save", work.keep_rule);
+    (void)keep_leftovers("leftovers", work.keep_rule);
     Result result;
     std::exception_ptr failure;
     try {
