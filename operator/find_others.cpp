@@ -1,5 +1,6 @@
 #include "find_others.h"
 
+#include "appliance_state.h"
 #include "find_archives.h"
 #include "generations.h"
 #include "identity_state.h"
@@ -93,6 +94,21 @@ SubjectFinding find_versions(const Survey &survey, const SlotDecision &slots)
     return finding;
 }
 
+// Only CNT0 and CNT1 carry an identity from the board; CNT1's, carried while CNT0 has another one, would go to and fro.
+std::string advice_on_identity(int controller)
+{
+    const std::string disk = "'kestactl identity carry vpd-to-disk'";
+    switch (controller) {
+        case 0:
+            return "if the board is right, 'kestactl identity carry vpd-to-flash', if the disk is, " + disk + ".";
+        case 1:
+            return "to follow CNT0, whose identity the disk has, 'kestactl identity carry cnt0-to-cnt1' and then " + disk +
+                   "; only if this board is right for both, 'kestactl identity carry vpd-to-flash'.";
+        default:
+            return "if the disk is right, " + disk + "; 'kestactl identity set' sets what is of this controller alone.";
+    }
+}
+
 SubjectFinding find_identity()
 {
     const std::string differing = differing_identities();
@@ -102,8 +118,7 @@ SubjectFinding find_identity()
         finding.state = FindingState::differs;
         finding.mend.reset();
         finding.text = "other than the board's: " + differing +
-                       ". Look at 'kestactl identity show': if the board is right, 'kestactl identity carry vpd-to-flash', "
-                       "if the disk is, 'kestactl identity carry vpd-to-disk'.";
+                       ". Look at 'kestactl identity show': " + advice_on_identity(learn_own_number());
     }
     return finding;
 }

@@ -205,7 +205,16 @@ KeepReport keep_replaced(const std::vector<ReplacedPlace> &places, const std::st
     }
     GenerationLimits limits = generation_limits();
     limits.count = rule.keep.value_or(limits.count);
-    report.add(store(look).keep(sources, change_now(verb, rule), limits, versions_in_force));
+    try {
+        report.add(store(look).keep(sources, change_now(verb, rule), limits, versions_in_force));
+    } catch (const Failure &failure) {
+        if (failure.code() != "file-failed" && failure.code() != "foreign-folder") {
+            throw;
+        }
+        throw Failure(failure.exit(), "not-kept",
+                      std::string(failure.what()) + " So what would be replaced can't be kept, and nothing was changed.",
+                      failure.hint() + " To keep nothing of what is replaced, give --keep 0.");
+    }
     return report;
 }
 

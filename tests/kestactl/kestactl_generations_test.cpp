@@ -145,6 +145,18 @@ TEST_F(KestactlGenerations, WhatCanNotBeReadIsNotOverwritten)
     EXPECT_EQ(number("numbering-version"), numbering);
 }
 
+TEST_F(KestactlGenerations, WhatCanNotBeKeptIsNotOverwritten)
+{
+    fs::remove_all(host_path(0, generations.substr(1)));
+    write_file(host_path(0, generations.substr(1)), "no folder");
+    const std::string before = read_file(place_of(flash_backup));
+    write_file(host_path(0, "etc/app/one"), "changed\n");
+    expect_refusal(ctl(0, "save network"), 4, "can't be kept, and nothing was changed");
+    EXPECT_EQ(read_file(place_of(flash_backup)), before);
+    EXPECT_EQ(ctl(0, "save network --keep 0").code, 0);
+    EXPECT_NE(read_file(place_of(flash_backup)), before);
+}
+
 TEST_F(KestactlGenerations, FullDiskDropsTheOldestFirstAndThenRefuses)
 {
     // Files that don't shrink when they are packed: 100 kB each, and the disk has room for four.

@@ -10,10 +10,13 @@
 #include "appliance_state.h"
 #include "archive_places.h"
 #include "command.h"
+#include "environment_archive.h"
+#include "identity_archive.h"
 #include "identity_state.h"
 #include "kept_generations.h"
 #include "names.h"
 #include "trace_capture.h"
+#include "whole_file.h"
 
 namespace kestactl {
 namespace {
@@ -342,6 +345,7 @@ Plan plan_vpd_to_flash()
     if (board != running) {
         require_file(flash_backup,
                      "The identity goes into the saved environment: put one there first.");
+        check_identity_archive(read_whole_file(flash_backup), flash_backup);
         plan.verb = "identity carry vpd-to-flash";
         plan.replaces = {{flash_backup, Replacing::by_rename}};
         plan.steps.push_back({"carry the board's identity into the saved environment and the system",
@@ -415,6 +419,15 @@ void record_version()
     }
 }
 
+void require_version_to_raise()
+{
+    if (kestal_read_version(KESTA_VER_AREA_BACKUP, learn_own_number(), KESTA_VERSION_BY_MODE) < 1) {
+        throw Failure(Exit::no, "no-version", "There is no backup version that could be raised.",
+                      "Save the environment on CNT0 with 'kestactl save GROUP', or set it with 'kestactl version set "
+                      "backup 1'.");
+    }
+}
+
 // Where the flow stores the changed environment: the accept slot, or the second one if none is named.
 std::string slot_of_the_flow() { return accept_slot() == KESTA_SLOT0 ? KESTA_SLOT0 : KESTA_SLOT1; }
 
@@ -435,6 +448,9 @@ Plan plan_cnt0_to_cnt1()
     plan.shared = true;
     plan.json = {{"from", identity_json(from)}, {"to", identity_json(own)}};
     if (own.wwn != from.wwn || own.serialno != from.serialno) {
+        const std::string backup = require_slot(backup_slot(), "backup");
+        check_identity_archive(read_slot(backup), "Slot " + backup);
+        require_version_to_raise();
         plan.verb = "identity carry cnt0-to-cnt1";
         plan.replaces = {{place_of_slot(slot_of_the_flow()), Replacing::in_place},
                          {flash_backup, Replacing::by_rename},
