@@ -15,20 +15,26 @@ namespace {
     throw Failure(Exit::platform, "bad-setting",
                   std::string(archive_limits_file) + ":" + std::to_string(number) + ": '" + line +
                       "' is no limit of archives.",
-                  "Lines are 'archive_bytes = NUMBER', 'archive_members = NUMBER' or "
-                  "'archive_ratio = NUMBER', "
-                  "with a number from 1.");
+                  "Lines are 'NAME = NUMBER', with a number from 1; the names are archive_bytes, "
+                  "archive_members, archive_ratio, generations and generation_bytes.");
 }
 
-std::uint64_t *limit_of(ArchiveLimits &limits, const std::string &name)
+struct AllLimits {
+    ArchiveLimits archive;
+    GenerationLimits generations;
+};
+
+std::uint64_t *limit_of(AllLimits &limits, const std::string &name)
 {
-    return name == "archive_bytes"     ? &limits.bytes
-           : name == "archive_members" ? &limits.members
-           : name == "archive_ratio"   ? &limits.ratio
-                                       : nullptr;
+    return name == "archive_bytes"      ? &limits.archive.bytes
+           : name == "archive_members"  ? &limits.archive.members
+           : name == "archive_ratio"    ? &limits.archive.ratio
+           : name == "generations"      ? &limits.generations.count
+           : name == "generation_bytes" ? &limits.generations.bytes
+                                        : nullptr;
 }
 
-bool set_limit(ArchiveLimits &limits, std::string line)
+bool set_limit(AllLimits &limits, std::string line)
 {
     const std::size_t equals = line.find('=');
     if (equals == std::string::npos) {
@@ -49,11 +55,9 @@ bool set_limit(ArchiveLimits &limits, std::string line)
     return read.ec == std::errc() && read.ptr == end && *limit > 0;
 }
 
-}  // namespace
-
-ArchiveLimits archive_limits()
+AllLimits read_limits()
 {
-    ArchiveLimits limits;
+    AllLimits limits;
     std::ifstream file(archive_limits_file);
     std::string line;
     for (int number = 1; std::getline(file, line); ++number) {
@@ -64,5 +68,11 @@ ArchiveLimits archive_limits()
     }
     return limits;
 }
+
+}  // namespace
+
+ArchiveLimits archive_limits() { return read_limits().archive; }
+
+GenerationLimits generation_limits() { return read_limits().generations; }
 
 }  // namespace engine

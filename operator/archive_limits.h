@@ -1,5 +1,5 @@
 // How much an archive may hold: one that was made to fill a disk, or to keep a command busy, is
-// refused.
+// refused. And how many generations of archives are kept.
 #pragma once
 
 #include <cstdint>
@@ -15,11 +15,18 @@ struct ArchiveLimits {
     static constexpr std::uint64_t free_of_ratio = std::uint64_t{64} << 20;
 };
 
+// The generations that are kept of archives that were replaced, and the room that they may take.
+struct GenerationLimits {
+    std::uint64_t count = 10;
+    std::uint64_t bytes = std::uint64_t{1} << 30;
+};
+
 // Where a controller has other limits: a line of "NAME = NUMBER" for each of archive_bytes,
-// archive_members and archive_ratio, and comments that begin with "#".
+// archive_members, archive_ratio, generations and generation_bytes, and comments that begin with "#".
 inline constexpr const char *archive_limits_file = "/etc/kesta/archives.conf";
 
-// The limits of this controller. Throws Failure: a line of the file can't be used.
+// The limits of this controller. Throw Failure: a line of the file can't be used.
 ArchiveLimits archive_limits();
+GenerationLimits generation_limits();
 
 }  // namespace engine

@@ -10,8 +10,7 @@
 #include <array>
 #include <exception>
 #include <memory>
-
-#include "failure.h"
+#include <utility>
 
 namespace engine {
 namespace {
@@ -21,17 +20,20 @@ using Reader = std::unique_ptr<::archive, decltype(&archive_read_free)>;
 // More than the header of a member can need: names and numbers.
 constexpr std::uint64_t longest_header = std::uint64_t{1} << 20;
 
-[[noreturn]] void fail_damaged(const std::string &name, const std::string &why)
-{
-    throw Failure(Exit::no, "damaged-archive", name + " is damaged: " + why + ".",
-                  "Nothing was taken from it. See 'kestactl verify' for a good copy, or use --from for the "
-                  "other environment.");
-}
+// Two blocks of zeros stand behind the last member.
+constexpr std::uint64_t end_mark = 1024;
 
+[[noreturn]] void fail_damaged(const std::string &name, const std::string &why) { throw DamagedArchive(name, why); }
+
+// In the words of this system where libarchive's own would tell an operator less.
 [[noreturn]] void fail_damaged(const std::string &name, ::archive *reader)
 {
-    const char *why = archive_error_string(reader);
-    fail_damaged(name, why ? why : "it can't be read to its end");
+    const char *const known = archive_error_string(reader);
+    const std::string why = known ? known : "it can't be read to its end";
+    if (why.find("runcated") != std::string::npos) {
+        fail_damaged(name, "cut short");
+    }
+    fail_damaged(name, why == "bzip decompression failed" ? "bzip2: data integrity error" : why);
 }
 
 std::string text_or_empty(const char *text) { return text ? text : ""; }
@@ -89,18 +91,23 @@ Member member_of(archive_entry *entry, std::size_t number)
 }
 
 // The unpacked bytes of an archive, on their way to the reader of its members. They are counted,
-// and their number is held against the limits, whatever the headers tell.
+// and their number is held against the limits, whatever the headers tell. An exception does not pass through the
+// functions of libarchive: it is kept until they have returned.
 class Unpacking {
 public:
-    explicit Unpacking(const Archive &archive)
+    explicit Unpacking(const PackedArchive &archive)
         : archive_(archive), reader_(archive_read_new(), archive_read_free)
     {
         archive_read_support_filter_bzip2(reader_.get());
         archive_read_support_format_raw(reader_.get());
         archive_entry *entry = nullptr;
-        if (archive_read_open_memory(reader_.get(), archive.bytes.data(), archive.bytes.size()) !=
-                ARCHIVE_OK ||
-            archive_read_next_header(reader_.get(), &entry) != ARCHIVE_OK) {
+        const bool opened = archive_read_open(reader_.get(), this, nullptr, give_packed, nullptr) == ARCHIVE_OK &&
+                            archive_read_next_header(reader_.get(), &entry) == ARCHIVE_OK;
+        rethrow();
+        if (packed_ == 0) {
+            fail_damaged(archive.name, "it is empty");
+        }
+        if (!opened) {
             fail_damaged(archive.name, reader_.get());
         }
         if (archive_filter_count(reader_.get()) != 2 ||
@@ -114,10 +121,14 @@ public:
     {
         archive_.look();
         const la_ssize_t got = archive_read_data(reader_.get(), piece_.data(), piece_.size());
+        rethrow();
         if (got < 0) {
             fail_damaged(archive_.name, reader_.get());
         }
         const std::string_view piece(piece_.data(), static_cast<std::size_t>(got));
+        if (const std::size_t last = piece.find_last_not_of('\0'); last != std::string_view::npos) {
+            end_of_contents_ = unpacked_ + last + 1;
+        }
         unpacked_ += piece.size();
         check(unpacked_);
         in_header_ += piece.size();
@@ -125,6 +136,21 @@ public:
             fail_damaged(archive_.name, "the header of a member is longer than one can be");
         }
         return piece;
+    }
+
+    // Once all is unpacked; the members end at this byte of it.
+    void require_end(std::uint64_t end_of_members)
+    {
+        if (end_of_contents_ > end_of_members) {
+            fail_damaged(archive_.name, "bytes behind its end");
+        }
+        if (unpacked_ < end_of_members + end_mark) {
+            fail_damaged(archive_.name, "cut short");
+        }
+        const auto used = static_cast<std::uint64_t>(archive_filter_bytes(reader_.get(), -1));
+        if (packed_ > used || !archive_.next().empty()) {
+            fail_damaged(archive_.name, "bytes behind its end");
+        }
     }
 
     void begin_header() { in_header_ = 0, reads_header_ = true; }
@@ -145,13 +171,33 @@ public:
     }
 
 private:
+    static la_ssize_t give_packed(::archive *reader, void *self, const void **bytes)
+    {
+        Unpacking &own = *static_cast<Unpacking *>(self);
+        try {
+            const std::string_view piece = own.archive_.next();
+            own.packed_ += piece.size();
+            *bytes = piece.data();
+            return static_cast<la_ssize_t>(piece.size());
+        } catch (const std::exception &) {
+            own.failure_ = std::current_exception();
+            archive_set_error(reader, EIO, "stopped");
+            return -1;
+        }
+    }
+    void rethrow() const
+    {
+        if (failure_) {
+            std::rethrow_exception(failure_);
+        }
+    }
     void check(std::uint64_t bytes) const
     {
         const ArchiveLimits &limits = archive_.limits;
         if (bytes > limits.bytes) {
             refuse("holds more than " + std::to_string(limits.bytes) + " bytes", "archive_bytes");
         }
-        if (bytes > ArchiveLimits::free_of_ratio && bytes / limits.ratio > archive_.bytes.size()) {
+        if (bytes > ArchiveLimits::free_of_ratio && bytes / limits.ratio > archive_.size) {
             refuse("holds more than " + std::to_string(limits.ratio) + " times its own size",
                    "archive_ratio");
         }
@@ -162,21 +208,23 @@ private:
                       "If it is right, raise " + setting + " in " + archive_limits_file + ".");
     }
 
-    const Archive &archive_;
+    const PackedArchive &archive_;
+    std::exception_ptr failure_;
     Reader reader_;
     std::array<char, 1 << 16> piece_{};
+    std::uint64_t packed_ = 0;
     std::uint64_t unpacked_ = 0;
+    std::uint64_t end_of_contents_ = 0;  // behind the last byte that is not zero
     std::uint64_t told_ = 0;
     std::uint64_t members_ = 0;
     std::uint64_t in_header_ = 0;
     bool reads_header_ = false;
 };
 
-// Reads the members of what is unpacked. An exception does not pass through the functions of
-// libarchive: it is kept until they have returned.
+// Reads the members of what is unpacked, and keeps exceptions likewise.
 class MemberReader {
 public:
-    explicit MemberReader(const Archive &archive)
+    explicit MemberReader(const PackedArchive &archive)
         : name_(archive.name), unpacking_(archive), reader_(archive_read_new(), archive_read_free)
     {
         archive_read_support_format_tar(reader_.get());
@@ -187,6 +235,7 @@ public:
     // Null behind the last one.
     archive_entry *next()
     {
+        end_of_members_ = static_cast<std::uint64_t>(archive_filter_bytes(reader_.get(), -1));
         archive_entry *entry = nullptr;
         unpacking_.begin_header();
         const int result = archive_read_next_header(reader_.get(), &entry);
@@ -215,6 +264,7 @@ public:
     {
         while (!unpacking_.next().empty()) {
         }
+        unpacking_.require_end(end_of_members_);
     }
 
 private:
@@ -243,13 +293,30 @@ private:
 
     const std::string &name_;
     Unpacking unpacking_;
+    std::uint64_t end_of_members_ = 0;
     std::exception_ptr failure_;
     Reader reader_;
 };
 
 }  // namespace
 
+DamagedArchive::DamagedArchive(const std::string &name, std::string reason)
+    : Failure(Exit::no, "damaged-archive", name + " is damaged: " + reason + ".",
+              "Nothing was taken from it. See 'kestactl verify' for a good copy, or use --from for the "
+              "other environment."),
+      reason_(std::move(reason))
+{
+}
+
 void for_each_member(const Archive &archive,
+                     const std::function<void(const Member &, const ReadMember &)> &visit)
+{
+    std::string_view rest = archive.bytes;
+    const auto next = [&rest] { return std::exchange(rest, {}); };
+    for_each_member(PackedArchive{next, archive.bytes.size(), archive.name, archive.limits, archive.look}, visit);
+}
+
+void for_each_member(const PackedArchive &archive,
                      const std::function<void(const Member &, const ReadMember &)> &visit)
 {
     MemberReader reader(archive);

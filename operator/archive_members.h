@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "archive_limits.h"
+#include "failure.h"
 
 namespace engine {
 
@@ -36,15 +37,37 @@ struct Archive {
     std::function<void()> look = [] {};  // called again and again while it is read; may throw
 };
 
+// The same, packed as it comes: the pieces of its bytes, in order, and an empty one behind the last. It may throw.
+struct PackedArchive {
+    std::function<std::string_view()> next;
+    std::uint64_t size = 0;
+    std::string name;
+    ArchiveLimits limits;
+    std::function<void()> look = [] {};
+};
+
+// An archive that isn't whole, and why in a few words: "cut short", "bytes behind its end".
+class DamagedArchive : public Failure {
+public:
+    DamagedArchive(const std::string &name, std::string reason);
+    const std::string &reason() const { return reason_; }
+
+private:
+    std::string reason_;
+};
+
 // Takes a piece of a file. What lies between the pieces, and behind the last one, is zeros.
 using TakePiece = std::function<void(std::uint64_t offset, std::string_view piece)>;
 
 // Gives a file's contents; to be called at most once, while its member is visited.
 using ReadMember = std::function<void(const TakePiece &)>;
 
-// Visits every member, in order, and reads the archive to its end. Throws Failure: it is damaged,
-// or holds more than the limits allow.
+// Visits every member, in order, and reads the archive to its end. It is whole if what bzip2 packed can be unpacked
+// to its end, holds all members and the mark behind the last one, and nothing else follows: not in what was packed,
+// and not behind it, be it zeros. Throws DamagedArchive, or Failure: it holds more than the limits allow.
 void for_each_member(const Archive &archive,
+                     const std::function<void(const Member &, const ReadMember &)> &visit);
+void for_each_member(const PackedArchive &archive,
                      const std::function<void(const Member &, const ReadMember &)> &visit);
 
 // The numbers that a member's owner and group have on this system.

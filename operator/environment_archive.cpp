@@ -125,8 +125,9 @@ private:
     [[noreturn]] void fail_writing()
     {
         const char *why = archive_error_string(writer_.get());
+        const int error = archive_errno(writer_.get());
         throw Failure(
-            Exit::platform, "archive-failed",
+            Exit::platform, error == ENOSPC || error == EDQUOT ? no_room : "archive-failed",
             std::string("The archive could not be made: ") + (why ? why : "it can't be written") + ".",
             "Check the space of " + fs::path(path_).parent_path().string() + ".");
     }
@@ -187,38 +188,6 @@ void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path,
         remove_quietly(path);
         throw;
     }
-}
-
-namespace {
-
-bool can_be_unpacked(const std::string &bytes, const std::string &name, const std::function<void()> &look)
-{
-    try {
-        for_each_member({bytes, name, archive_limits(), look}, [](const Member &, const ReadMember &) {});
-        return true;
-    } catch (const Failure &failure) {
-        if (failure.code() != "damaged-archive") {
-            throw;
-        }
-        return false;
-    }
-}
-
-}  // namespace
-
-bool is_whole_archive(const std::string &path, const std::function<void()> &look)
-{
-    return can_be_unpacked(read_whole_file(path), path, look);
-}
-
-bool is_whole_archive_of(const std::string &bytes, const std::string &name)
-{
-    return can_be_unpacked(bytes, name, [] {});
-}
-
-bool is_whole_archive_in_slot(const std::string &slot)
-{
-    return is_whole_archive_of(read_slot(slot), "slot " + slot);
 }
 
 std::string read_slot(const std::string &slot)

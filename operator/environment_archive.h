@@ -21,16 +21,6 @@ std::vector<std::string> collect(const KESTA_BACKUP_FILE &definition);
 void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path,
                   const std::function<void()> &look);
 
-// Whether an archive can be unpacked to its end.
-bool is_whole_archive(
-    const std::string &path, const std::function<void()> &look = [] {});
-
-// The same of an archive that has been read; the name is what it is told of as.
-bool is_whole_archive_of(const std::string &bytes, const std::string &name);
-
-// The same of what a slot of the system backup area holds. Throws Failure if it can't be read.
-bool is_whole_archive_in_slot(const std::string &slot);
-
 // What a slot of the system backup area holds. Throws Failure if it can't be read.
 std::string read_slot(const std::string &slot);
 

@@ -15,6 +15,9 @@ enum class Exit : int {
     interrupted = 130,  // by Ctrl-C
 };
 
+// The code of a failure that a full disk causes.
+inline constexpr const char *no_room = "no-room";
+
 // One sentence that says what is wrong, and one that says what to do.
 class Failure : public std::runtime_error {
 public:

@@ -1,10 +1,13 @@
 #include "mirror.h"
 
+#include <errno.h>
 #include <kesta/kesta.h>
 #include <string.h>
 
 #include <algorithm>
 #include <array>
+
+#include "trace_capture.h"
 
 namespace engine {
 namespace {
@@ -37,6 +40,12 @@ Content content_of(int (*read)(int, int, void *, unsigned), int flag, const Item
         return std::nullopt;
     }
     return bytes;
+}
+
+// A file that is not there is no failure, and neither is one of another size than its item.
+bool area_failed(std::uint64_t before)
+{
+    return was_traced("[backup_rw] ", before) && !was_traced("result=" + std::to_string(-ENOENT) + " ", before);
 }
 
 bool is_slot_field(const Content &content)
@@ -92,7 +101,10 @@ MirrorState read_mirror()
         if (item.block->in_memory) {
             item.memory = content_of(kestal_non_volatile_rw_memory, KESTA_BLOCK_READ, row);
         }
+        item.memory_unreadable = item.block->in_memory && !item.memory;
+        const std::uint64_t before = traced_lines();
         item.disk = content_of(kestal_non_volatile_rw_sysback, KESTA_FILE_READ, row);
+        item.disk_unreadable = !item.disk && area_failed(before);
         state.items.push_back(item);
     }
     return state;

@@ -25,6 +25,9 @@ struct MirroredItem {
     const Block *block = nullptr;
     Content memory;
     Content disk;
+    // There may be something that can't be read: a call failed, and not because there is no such file.
+    bool memory_unreadable = false;
+    bool disk_unreadable = false;
 
     const Content &at(Side side) const { return side == Side::memory ? memory : disk; }
     // The reboot version lives on disk only: there is nothing to differ from.

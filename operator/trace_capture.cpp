@@ -21,9 +21,11 @@ constexpr std::size_t kept_lines = 256;
 struct Line {
     int level;
     std::string text;
+    std::uint64_t number = 0;
 };
 
 std::mutex mutex;
+std::uint64_t kept = 0;
 std::deque<Line> lines;  // the last ones; progress is not kept
 int shown_level = 0;
 bool to_platform = true;
@@ -55,7 +57,7 @@ void take_trace(const char *file, int line, int level, const char *text)
         watching(text);
     }
     if (level < progress_level) {
-        lines.push_back({level, text});
+        lines.push_back({level, text, ++kept});
         if (lines.size() > kept_lines) {
             lines.pop_front();
         }
@@ -104,11 +106,17 @@ std::vector<std::string> captured_errors()
     return errors;
 }
 
-bool was_traced(const std::string &text)
+std::uint64_t traced_lines()
+{
+    const std::lock_guard guard(mutex);
+    return kept;
+}
+
+bool was_traced(const std::string &text, std::uint64_t behind)
 {
     const std::lock_guard guard(mutex);
     return std::any_of(lines.begin(), lines.end(), [&](const Line &line) {
-        return line.text.find(text) != std::string::npos;
+        return line.number > behind && line.text.find(text) != std::string::npos;
     });
 }
 

@@ -3,6 +3,7 @@
 // platform's own log.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -25,7 +26,10 @@ void watch_traces(std::function<void(const std::string &line)> watcher);
 // The lines of levels 1 and 2 so far, oldest first.
 std::vector<std::string> captured_errors();
 
-// Whether a line with this text was traced at any level.
-bool was_traced(const std::string &text);
+// How many lines have been kept so far: what was traced before can be left out of account.
+std::uint64_t traced_lines();
+
+// Whether a line with this text was traced, but as progress, behind so many kept lines.
+bool was_traced(const std::string &text, std::uint64_t behind = 0);
 
 }  // namespace engine

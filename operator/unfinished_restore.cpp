@@ -20,6 +20,18 @@ std::string UnfinishedRestore::command() const
            (on_reboot ? " --on-reboot" : "");
 }
 
+std::vector<std::string> UnfinishedRestore::words() const
+{
+    std::vector<std::string> all{"kestactl", "restore", group, "--from", from};
+    if (!only.empty()) {
+        all.insert(all.end(), {"--only", only});
+    }
+    if (on_reboot) {
+        all.emplace_back("--on-reboot");
+    }
+    return all;
+}
+
 std::optional<UnfinishedRestore> unfinished_restore()
 {
     if (access(unfinished_restore_note, F_OK) != 0) {

@@ -5,6 +5,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace engine {
 
@@ -17,6 +18,7 @@ struct UnfinishedRestore {
 
     // What completes it: "kestactl restore network --from accept"
     std::string command() const;
+    std::vector<std::string> words() const;
 };
 
 // Throws Failure if there is one that can't be read.

@@ -14,6 +14,14 @@ constexpr int first_version = 1;
 
 int version_after(int version) { return version == INT_MAX ? first_version : version + 1; }
 
+bool is_older_version(int version, int than)
+{
+    const auto way = [](int from, int to) {
+        return static_cast<long long>(to) - from + (to < from ? static_cast<long long>(INT_MAX) : 0);
+    };
+    return version != than && way(version, than) < way(than, version);
+}
+
 int latest_number(int own)
 {
     const int latest =

@@ -6,6 +6,9 @@ namespace engine {
 // The next number: after the largest one comes 1 again.
 int version_after(int version);
 
+// Whether a number was handed out before the other one: they wrap, and the shorter way counts.
+bool is_older_version(int version, int than);
+
 // The number that was handed out last. Throws Failure.
 int latest_number(int own);
 

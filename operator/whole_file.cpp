@@ -123,7 +123,7 @@ void flush(const std::string &path, int flags)
 [[noreturn]] void fail_file(const std::string &path, const std::string &what)
 {
     const int error = errno;
-    throw Failure(Exit::platform, "file-failed",
+    throw Failure(Exit::platform, error == ENOSPC || error == EDQUOT ? no_room : "file-failed",
                   path + " could not be " + what + ": " + strerror(error) + ".",
                   error == EACCES || error == EPERM ? "Run the command as root."
                   : error == ENOSPC || error == EDQUOT

@@ -69,6 +69,17 @@ protected:
         write_file(home / "archive", archive);
         return shell("bunzip2 -t < " + (home / "archive").string()).code == 0;
     }
+    // As a generation: what was replaced is there before anything takes its place.
+    bool is_kept(const std::string &archive) const
+    {
+        const fs::path generations = host_path(0, "opt/kesta_sys/bakup/generations");
+        for (const auto &entry : fs::directory_iterator(generations)) {
+            if (entry.path().extension() == ".Z" && read_file(entry.path()) == archive) {
+                return true;
+            }
+        }
+        return false;
+    }
     void expect_completed(const std::string &where) const
     {
         const Ran again = quickly("kestactl " + std::string(GetParam().command));
@@ -90,6 +101,7 @@ protected:
             changed = changed || held != before_.at(place);
             if (held != before_.at(place) && place.find("file") == std::string::npos) {
                 EXPECT_TRUE(is_whole(held)) << where << ": " << place;
+                EXPECT_TRUE(is_kept(before_.at(place))) << where << ": " << place << " had another one";
             }
         }
         EXPECT_TRUE(now.at("file one") == before_.at("file one") || now.at("file one") == mark_) << where;
@@ -98,13 +110,14 @@ protected:
         EXPECT_TRUE(good || verified.code == 1) << where << verified.err;
         std::string named;
         const json answer = verified.json();
-        for (const json &check : answer.at("result").at("checks")) {
-            named += check.at("good") ? "" : check.at("what").get<std::string>() + "; ";
+        for (const json &subject : answer.at("result").at("subjects")) {
+            const bool in_order = subject.at("state") == "agree" || subject.at("state") == "absent";
+            named += in_order ? "" : subject.at("subject").get<std::string>() + "; ";
         }
         const bool differ = now.at("flash backup") != now.at("backup slot") ||
                             now.at("flash accept") != now.at("accept slot");
         EXPECT_TRUE(!differ || !good) << where << " is said to be in order";
-        if (named.find("command lock") != std::string::npos) {
+        if (named.find("locks") != std::string::npos) {
             EXPECT_EQ(quickly("kestactl lock release --force").code, 0) << where;
         }
     }

@@ -37,7 +37,7 @@ TEST_F(KestactlSave, WholeEnvironmentIsSavedAndNumbered)
     EXPECT_EQ(file_on(0, log_file), "before\nafter\n");
     EXPECT_EQ(ctl(0, "lock check").code, 0);
     EXPECT_EQ(ctl(0, "nv read group").out, "\n") << "released with the lock";
-    EXPECT_EQ(on(0, "ls -A /opt/kesta_sys/bakup").out, "backup.tar.Z\n");
+    EXPECT_EQ(on(0, "ls -A /opt/kesta_sys/bakup").out, "backup.tar.Z\ngenerations\n");
 
     write_file(host_path(0, "etc/app/one"), "changed\n");
     const json second = ctl(0, "--json save network --event e1").json().at("result");
@@ -318,19 +318,37 @@ protected:
         EXPECT_EQ(ctl(0, "save network").code, 0);
         EXPECT_EQ(ctl(0, "accept").code, 0);
     }
-    // The checks that are not good, by name.
+    // The subjects that are not in order, by name.
     std::map<std::string, json> bad() const
     {
         const Ran run = ctl(0, "--json verify");
         std::map<std::string, json> found;
         const json answer = run.json();
-        for (const json &check : answer.at("result").at("checks")) {
-            if (!check.at("good").get<bool>()) {
-                found[check.at("what")] = check;
+        EXPECT_EQ(answer.at("schema_version"), 2);
+        EXPECT_EQ(answer.at("result").at("subjects").size(), 9u);
+        for (const json &subject : answer.at("result").at("subjects")) {
+            if (subject.at("state") != "agree" && subject.at("state") != "absent") {
+                found[subject.at("subject")] = subject;
             }
         }
+        EXPECT_EQ(answer.at("result").at("findings"), found.size());
         EXPECT_EQ(run.code, found.empty() ? 0 : 1);
         return found;
+    }
+    // What is advised for a subject, run as it is given.
+    void mend(const std::string &subject) const
+    {
+        const auto found = bad();
+        ASSERT_TRUE(found.contains(subject));
+        for (const json &command : found.at(subject).at("mend")) {
+            std::string words;
+            for (const json &word : command) {
+                words += word.get<std::string>() + " ";
+            }
+            const Ran ran = on(0, words);
+            EXPECT_EQ(ran.code, 0) << words << ran.err;
+        }
+        EXPECT_FALSE(bad().contains(subject)) << "the command that was named has mended it";
     }
 };
 
@@ -346,42 +364,40 @@ TEST_F(KestactlVerify, SavedAndAcceptedEnvironmentAgreesEverywhere)
 TEST_F(KestactlVerify, EachDisagreementHasTheCommandThatMendsIt)
 {
     succeed("echo damaged > " + flash_backup);
-    EXPECT_THAT(bad().at("backup").at("found"), HasSubstr("damaged on flash"));
-    EXPECT_EQ(on(0, "kestactl restore network --switch-only").code, 0);
-    EXPECT_TRUE(bad().empty()) << "the command that was named has mended it";
-
+    const json damaged = bad().at("backup");
+    EXPECT_EQ(damaged.at("state"), "damaged");
+    EXPECT_EQ(damaged.at("right"), "slot:kesta_backup0");
+    EXPECT_EQ(damaged.at("places")[0].at("reason"), "it is not what bzip2 makes");
+    mend("backup");
     fs::remove(dir / "shared/sysback/kesta_backup0");
-    EXPECT_EQ(bad().at("backup").at("mend"), "kestactl copy cntbackup2backup");
-    EXPECT_EQ(ctl(0, "copy cntbackup2backup").code, 0);
-    EXPECT_TRUE(bad().empty());
-
+    EXPECT_EQ(bad().at("backup").at("right"), "flash");
+    mend("backup");
     fs::remove(dir / "shared/sysback/kesta_backup1");
-    EXPECT_EQ(bad().at("accepted").at("mend"), "kestactl accept");
-    EXPECT_EQ(ctl(0, "accept").code, 0);
+    EXPECT_EQ(bad().at("accepted").at("right"), "flash");
+    mend("accepted");
     EXPECT_TRUE(bad().empty());
 
     ASSERT_EQ(ctl(0, "version set flash 9").code, 0);
-    EXPECT_EQ(bad().at("versions").at("mend"), "kestactl version set flash 1");
-    ASSERT_EQ(ctl(0, "version set flash 1").code, 0);
+    mend("versions");
 
     ASSERT_EQ(ctl(0, "nv write numbering-version 5 --memory-only").code, 0);
-    EXPECT_THAT(bad().at("mirrored items").at("found"),
-                AllOf(HasSubstr("1 of 12"), HasSubstr("both look valid")));
-    ASSERT_EQ(ctl(0, "repair --from disk").code, 0);
+    EXPECT_THAT(bad().at("mirror").at("text"), HasSubstr("1 of 12"));
+    EXPECT_EQ(bad().at("mirror").at("right"), "memory") << "numbers are only raised";
+    mend("mirror");
     ASSERT_EQ(ctl(0, "nv clear --yes").code, 0);
-    EXPECT_THAT(bad().at("mirrored items").at("found"), HasSubstr("right is the disk"));
-    EXPECT_EQ(bad().at("slot names").at("mend"), "kestactl repair");
-    ASSERT_EQ(ctl(0, "repair").code, 0);
-    EXPECT_EQ(bad().count("mirrored items"), 0u);
-    ASSERT_EQ(ctl(0, "accept").code, 0);  // the accepted version is not mirrored
+    EXPECT_THAT(bad().at("mirror").at("text"), HasSubstr("Right is the disk"));
+    mend("slots");
+    mend("mirror");
+    mend("versions");  // the accepted version is not mirrored, and known by the archive
+    EXPECT_TRUE(bad().empty());
 
     ASSERT_EQ(ctl(0, "identity set --wwn 500000E0D0000001 --in vpd").code, 0);
-    EXPECT_THAT(bad().at("identity").at("found"), HasSubstr("eeprom"));
+    EXPECT_THAT(bad().at("identity").at("text"), HasSubstr("eeprom"));
     ASSERT_EQ(ctl(0, "identity set --wwn 500000E0D0000001").code, 0);
     EXPECT_TRUE(bad().empty());
 
     ASSERT_EQ(ctl(1, "lock take").code, 0);
-    EXPECT_THAT(bad().at("command lock").at("found"), HasSubstr("CNT1"));
+    EXPECT_THAT(bad().at("locks").at("text"), HasSubstr("CNT1"));
     ASSERT_EQ(ctl(1, "lock release --force").code, 0);
 }
 
@@ -391,8 +407,43 @@ TEST_F(KestactlVerify, WhatIsUnfinishedIsNamed)
     write_file(host_path(0, "opt/faults"), "nv_write 8 once kill\n");
     EXPECT_NE(on(0, "KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl save network").code, 0);
     const auto found = bad();
-    EXPECT_TRUE(found.count("command lock") == 1) << "its lock is left, and the command to clear it";
-    EXPECT_THAT(found.at("command lock").at("mend"), HasSubstr("kestactl lock release"));
+    EXPECT_TRUE(found.count("locks") == 1) << "its lock is left, and the command to clear it";
+    EXPECT_TRUE(found.at("locks").at("mend").is_null()) << "nothing tells whether its holder lives";
+    EXPECT_THAT(found.at("locks").at("text"), HasSubstr("kestactl lock release"));
+}
+
+TEST_F(KestactlVerify, FixMendsWhatItShowsAndKeepsWhatItReplaces)
+{
+    succeed("echo later > /etc/app/one && kestactl save network");
+    const std::string accepted = file_on(0, flash_accept);
+    const std::string backup = file_on(0, flash_backup);
+    succeed("kestactl restore network --switch-only --from accept");
+    fs::remove(dir / "shared/sysback/kesta_backup1");
+    write_file(dir / "shared/sysback/kesta_sysback", std::string("garbage") + std::string(25, '\0'));
+    succeed("head -c 20 " + flash_accept + " > /opt/kesta_sys/bakup/accept.tar.Z.new");
+
+    const Ran shown = ctl(0, "verify --fix --dry-run");
+    EXPECT_THAT(shown.out, AllOf(HasSubstr("Nothing is changed"), HasSubstr("kestactl copy archive slot:kesta_backup0 "
+                                                                            "flash:backup --sha256 ")));
+    expect_refusal(ctl(0, "verify --fix"), 2, "Nobody is there to answer");
+    ASSERT_EQ(ctl(1, "lock take").code, 0);
+    EXPECT_EQ(ctl(0, "verify --fix --yes").code, 3);
+    ASSERT_EQ(ctl(1, "lock release --force").code, 0);
+    EXPECT_EQ(file_on(0, flash_backup), accepted) << "so far nothing was changed";
+
+    const Ran fixed = ctl(0, "--json verify --fix --yes");
+    EXPECT_EQ(fixed.code, 0) << fixed.out << fixed.err;
+    const json result = fixed.json().at("result");
+    EXPECT_EQ(result.at("findings"), 0);
+    EXPECT_GE(result.at("mended").size(), 3u);
+    for (const json &one : result.at("mended")) {
+        EXPECT_EQ(one.at("exit"), 0) << one;
+    }
+    EXPECT_EQ(file_on(0, flash_backup), backup);
+    EXPECT_EQ(slot("kesta_backup0"), backup);
+    EXPECT_EQ(slot("kesta_backup1"), accepted);
+    EXPECT_THAT(ctl(0, "verify --fix --yes").out, HasSubstr("All places agree."));
+    EXPECT_EQ(on(0, "ls /opt/kesta_sys/bakup/*.new").code, 2);
 }
 
 // ---------------------------------------------------------------------------------- copying verbs
@@ -442,15 +493,22 @@ TEST_F(KestactlVerify, DamagedSlotIsNeverTheRightOne)
 {
     const std::string good = slot("kesta_backup1");
     write_file(dir / "shared/sysback/kesta_backup1", good.substr(0, 100));
-    EXPECT_THAT(bad().at("accepted").at("found"), HasSubstr("damaged in slot kesta_backup1"));
-    EXPECT_EQ(on(0, bad().at("accepted").at("mend").get<std::string>()).code, 0) << "the command as it is printed";
-    EXPECT_TRUE(bad().empty());
+    const json found = bad().at("accepted");
+    EXPECT_EQ(found.at("right"), "flash");
+    EXPECT_EQ(found.at("places")[0].at("version"), 1);
+    EXPECT_EQ(found.at("places")[1].at("state"), "damaged");
+    EXPECT_EQ(found.at("places")[1].at("reason"), "cut short");
+    mend("accepted");
     EXPECT_EQ(slot("kesta_backup1"), good);
 
-    succeed("head -c 100 " + flash_accept + " > /opt/cut && cp /opt/cut " + flash_accept);
+    succeed("echo later > /etc/app/one && kestactl save network");
+    succeed("rm -r /opt/kesta_sys/bakup/generations && head -c 100 " + flash_accept + " > /opt/cut && cp /opt/cut " +
+            flash_accept);
     write_file(dir / "shared/sysback/kesta_backup1", good.substr(0, 100));
-    EXPECT_THAT(bad().at("accepted").at("found"), HasSubstr("damaged on flash, and damaged in slot"));
-    EXPECT_THAT(bad().at("accepted").at("mend"), HasSubstr("no whole copy is left"));
+    const json lost = bad().at("accepted");
+    EXPECT_TRUE(lost.at("mend").is_null());
+    EXPECT_TRUE(lost.at("right").is_null());
+    EXPECT_THAT(lost.at("text"), HasSubstr("No whole copy of what is in force is left here"));
 }
 
 TEST_F(KestactlVerify, AcceptedOneIsNotReplacedByAnotherVersion)
@@ -458,8 +516,7 @@ TEST_F(KestactlVerify, AcceptedOneIsNotReplacedByAnotherVersion)
     succeed("echo later > /etc/app/one && kestactl save network");
     const std::string accepted = file_on(0, flash_accept);
     fs::remove(dir / "shared/sysback/kesta_backup1");
-    EXPECT_EQ(on(0, bad().at("accepted").at("mend").get<std::string>()).code, 0);
-    EXPECT_TRUE(bad().empty());
+    mend("accepted");
     EXPECT_EQ(slot("kesta_backup1"), accepted);
     EXPECT_EQ(file_on(0, flash_accept), accepted);
 }
@@ -470,10 +527,11 @@ TEST_F(KestactlVerify, SlotThatCanNotBeReadIsNoAbsentOne)
     const Ran verified = on(0, "KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl --json verify");
     EXPECT_EQ(verified.code, 4) << "no answer is no pass";
     const json answer = verified.json();
-    for (const json &check : answer.at("result").at("checks")) {
-        if (check.at("what") == "backup" || check.at("what") == "accepted") {
-            EXPECT_THAT(check.at("found").get<std::string>(), HasSubstr("can't be read"));
-            EXPECT_THAT(check.at("mend").get<std::string>(), testing::Not(HasSubstr("kestactl copy")));
+    for (const json &subject : answer.at("result").at("subjects")) {
+        if (subject.at("subject") == "backup" || subject.at("subject") == "accepted") {
+            EXPECT_EQ(subject.at("state"), "unreadable");
+            EXPECT_EQ(subject.at("places")[1].at("state"), "unreadable");
+            EXPECT_TRUE(subject.at("mend").is_null());
         }
     }
 }
@@ -483,9 +541,9 @@ TEST_F(KestactlVerify, SwitchToTheAcceptedOneDoesNotCostTheBackup)
     succeed("echo later > /etc/app/one && kestactl save network");
     const std::string backup = slot("kesta_backup0");
     succeed("kestactl restore network --switch-only --from accept");
-    EXPECT_THAT(bad().at("backup").at("found"), HasSubstr("right is the slot"));
+    EXPECT_EQ(bad().at("backup").at("right"), "slot:kesta_backup0");
+    mend("backup");
     EXPECT_EQ(slot("kesta_backup0"), backup);
-    succeed("kestactl restore network --switch-only");
-    EXPECT_TRUE(bad().empty());
     EXPECT_EQ(file_on(0, flash_backup), backup);
+    EXPECT_TRUE(bad().empty());
 }

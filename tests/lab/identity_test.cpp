@@ -170,9 +170,12 @@ protected:
     void expect_refused(const std::string &members) const
     {
         plant(members);
-        const Ran refused = on(0, "timeout 60 kestactl identity carry vpd-to-flash");
-        EXPECT_EQ(refused.code, 4) << members << refused.out << refused.err;
-        EXPECT_THAT(refused.err, HasSubstr("could not be opened")) << members;
+        // By the command, before it begins, and by the script that opens the archive.
+        for (const char *dry : {" --dry-run", ""}) {
+            const Ran refused = on(0, std::string("timeout 60 kestactl identity carry vpd-to-flash") + dry);
+            EXPECT_EQ(refused.code, 1) << members << refused.out << refused.err;
+        }
+        EXPECT_EQ(on(0, "timeout 60 " + distribute + " /opt/kesta_sys/bakup/").code, 1) << members;
         expect_untouched(members);
     }
 
@@ -314,9 +317,11 @@ TEST_F(LabIdentity, CarryingIsRefusedWhereItCanNotBeDone)
     EXPECT_EQ(no_archive.code, 1);
     EXPECT_THAT(no_archive.err, HasSubstr("saved environment"));
     succeed(0, "echo damaged > " + flash_archive);
-    const Ran damaged = ctl(0, "identity carry vpd-to-flash");
-    EXPECT_EQ(damaged.code, 4);
-    EXPECT_THAT(damaged.err, HasSubstr("could not be opened"));
+    for (const char *dry : {" --dry-run", ""}) {
+        const Ran damaged = ctl(0, std::string("identity carry vpd-to-flash") + dry);
+        EXPECT_EQ(damaged.code, 1) << "the dry run tells what the real one would meet";
+        EXPECT_THAT(damaged.err, HasSubstr(flash_archive));
+    }
     EXPECT_EQ(on(0, "eeprom cp_wwn").out, "cp_wwn=" + old_wwn + "\n");
 }
 
@@ -366,6 +371,137 @@ TEST_F(LabIdentity, NameGivenByHandStays)
     const Ran shown = ctl(0, "identity show");
     EXPECT_EQ(shown.code, 0) << shown.out;
     EXPECT_THAT(shown.out, HasSubstr("set by hand"));
+}
+
+// ------------------------------------------------------- what kestactl save saved, before the board was replaced
+
+// Nobody makes parts in these archives: a group, some of its files those that the identity is part of.
+class LabSavedIdentity : public LabIdentity {
+protected:
+    LabSavedIdentity()
+    {
+        set_slots();
+        for (const int n : {0, 1}) {
+            const std::string name = old_wwn + "-" + std::to_string(n);
+            succeed(n, "mkdir -p /etc/app /etc/kesta_sys/app && echo kept > /etc/app/settings && "
+                       "ln -s settings /etc/app/link && ln /etc/app/settings /etc/app/second && eeprom MODEL=K" +
+                           std::to_string(n) + " && echo " + name + " > /etc/nodename && "
+                       "kestactl identity set --wwn " + old_wwn + " --serialno " + old_serialno + " --guid " + old_guid);
+            define(n, "<file path=\"/etc/app\"/>");
+        }
+        succeed(0, "kestactl repair");
+    }
+    void define(int controller, const std::string &files) const
+    {
+        write_file(host_path(controller, "etc/kesta_sys/app/define.xml"),
+                   "<?xml version=\"1.0\"?>\n<group id=\"app\" operation=\"update\" type=\"files\"><setinfo>" +
+                       files + "</setinfo></group>\n");
+    }
+    // What verify says of the identity; empty: nothing is to be done.
+    std::string advice(int controller) const
+    {
+        const json verified = ctl(controller, "--json verify").json();
+        for (const json &row : verified.at("result").at("subjects")) {
+            if (row.at("subject") == "identity") {
+                return row.at("state") == "agree" ? "" : row.at("text").get<std::string>();
+            }
+        }
+        return "no row";
+    }
+    // The two commands of the page, with a dry run before each; verify names the next one, and then no more.
+    void carry_to_both() const
+    {
+        EXPECT_THAT(advice(0), HasSubstr("'kestactl identity carry vpd-to-flash'"));
+        for (const char *dry : {" --dry-run", ""}) {
+            const Ran carried = ctl(0, std::string("identity carry vpd-to-flash") + dry);
+            ASSERT_EQ(carried.code, 0) << carried.out << carried.err;
+        }
+        EXPECT_EQ(advice(0), "");
+        EXPECT_THAT(advice(1), HasSubstr("'kestactl identity carry cnt0-to-cnt1' and then"));
+        succeed(0, "kestactl copy cntbackup2backup");
+        for (const char *dry : {" --dry-run", ""}) {
+            const Ran followed = ctl(1, std::string("identity carry cnt0-to-cnt1") + dry);
+            ASSERT_EQ(followed.code, 0) << followed.out << followed.err;
+        }
+        EXPECT_THAT(advice(1), HasSubstr("'kestactl identity carry vpd-to-disk'"));
+        succeed(1, "kestactl identity carry vpd-to-disk");
+        EXPECT_EQ(advice(0) + advice(1), "");
+    }
+    void expect_carried(int controller, const std::string &name) const
+    {
+        const Ran shown = ctl(controller, "identity show");
+        EXPECT_EQ(shown.code, 0) << shown.out;
+        EXPECT_EQ(file_on(controller, "/etc/nodename"), name + "\n");
+        EXPECT_EQ(file_on(controller, "/etc/cp_guid"), new_guid + "\n");
+        EXPECT_EQ(on(controller, "eeprom").out, "MODEL=K" + std::to_string(controller) + "\ncp_wwn=" + new_wwn +
+                                                    "\ncp_serial_number=" + new_serialno + "\n")
+            << "its own other values stay";
+    }
+};
+
+TEST_F(LabSavedIdentity, BothControllersFollowAndTheEnvironmentStaysWhatItWas)
+{
+    succeed(0, "kestactl save app && kestactl accept");
+    const std::string listed = on(0, "tar -tvjf " + flash_archive).out;
+    replace_board();
+    carry_to_both();
+    for (const int n : {0, 1}) {
+        expect_carried(n, new_wwn + "-" + std::to_string(n));
+        EXPECT_THAT(file_on(n, "/etc/inet/hosts"), HasSubstr("CNT1 " + new_wwn + "-1\n"));
+        EXPECT_EQ(on(n, "tar -tvjf " + flash_archive + " | grep etc/ | grep -v ' [01C]/'").out, listed)
+            << "the group's files, links and second names";
+        EXPECT_EQ(on(n, "tar -tjf " + flash_archive + " | grep -c ^[01C]/").out, n == 0 ? "15\n" : "17\n") << "with both controllers' own files, or the first one's";
+    }
+    // It can be restored, here and there, and the identity stays.
+    for (const int n : {0, 1}) {
+        succeed(n, "echo lost > /etc/app/settings && kestactl restore app && grep -q kept /etc/app/settings");
+        expect_carried(n, new_wwn + "-" + std::to_string(n));
+    }
+    succeed(0, "kestactl save app && kestactl accept");
+    EXPECT_EQ(ctl(0, "verify").code, 0) << ctl(0, "verify").out;
+}
+
+TEST_F(LabSavedIdentity, FilesOfTheGroupThatHaveTheIdentityFollow)
+{
+    define(0, "<file path=\"/etc/nodename\"/><file path=\"/etc/cp_guid\"/><file path=\"/boot/solaris/bootenv.rc\"/>");
+    succeed(0, "chmod 640 /etc/nodename && kestactl save app");
+    replace_board();
+    carry_to_both();
+    expect_carried(0, new_wwn + "-0");
+    succeed(0, "kestactl restore app");
+    expect_carried(0, new_wwn + "-0");
+    EXPECT_EQ(on(0, "stat -c %a /etc/nodename").out, "640\n");
+}
+
+TEST_F(LabSavedIdentity, NamesGivenByHandStayOnBoth)
+{
+    succeed(0, "echo storage-a > /etc/nodename && kestactl save app");
+    succeed(1, "echo storage-b > /etc/nodename && echo '10.0.0.1 mine' > /etc/inet/hosts");
+    replace_board();
+    carry_to_both();
+    expect_carried(0, "storage-a");
+    EXPECT_EQ(file_on(0, "/etc/inet/hosts"), "") << "there was none";
+    expect_carried(1, "storage-b");
+    EXPECT_EQ(file_on(1, "/etc/inet/hosts"), "10.0.0.1 mine\n");
+}
+
+TEST_F(LabSavedIdentity, WhatTheRunWouldMeetTheDryRunTells)
+{
+    replace_board();
+    const auto expect_told = [this](int controller, const std::string &flow, const std::string &why) {
+        for (const char *dry : {" --dry-run", ""}) {
+            const Ran refused = ctl(controller, "identity carry " + flow + dry);
+            EXPECT_EQ(refused.code, 1) << why << refused.out;
+            EXPECT_THAT(refused.err, HasSubstr(why)) << dry;
+        }
+    };
+    expect_told(0, "vpd-to-flash", "put one there first");
+    succeed(0, "kestactl save app && kestactl identity set --wwn " + new_wwn + " --in nv");
+    succeed(0, "kestactl version set backup 0");
+    expect_told(1, "cnt0-to-cnt1", "no backup version");
+    succeed(0, "kestactl version set backup 1 && head -c 100 /opt/kesta_platform/shared/sysback/kesta_backup0 > /tmp/cut "
+               "&& cp /tmp/cut /opt/kesta_platform/shared/sysback/kesta_backup0");
+    expect_told(1, "cnt0-to-cnt1", "Slot kesta_backup0");
 }
 
 // ---------------------------------------------------------------------------------------- the story

@@ -1,16 +1,17 @@
 // kestactl copy: one verb for each flow that moves archives between the storage places.
 #include <kesta/kesta.h>
-#include <limits.h>
 #include <string.h>
 
 #include <array>
 #include <memory>
 
 #include "appliance_state.h"
+#include "archive_evidence.h"
 #include "archive_places.h"
 #include "command.h"
-#include "environment_archive.h"
+#include "kept_generations.h"
 #include "names.h"
+#include "version_numbers.h"
 
 namespace kestactl {
 namespace {
@@ -51,32 +52,18 @@ std::string slot_in_force(bool accept)
 // What is copied over another archive has to be whole: the one that is lost may be the last good one.
 void require_whole_archive(const char *path)
 {
-    if (!is_whole_archive(path)) {
+    const ArchiveEvidence evidence = evidence_of_file(path);
+    if (evidence.state == CopyState::damaged) {
         throw Failure(Exit::no, "damaged-archive",
-                      std::string(path) + " is damaged, and is copied over nothing.",
+                      std::string(path) + " is damaged, and is copied over nothing: " + evidence.reason + ".",
                       "Bring a whole one there first: 'kestactl verify' shows which place has one. To copy it all "
                       "the same, give --force.");
     }
+    require_whole(evidence, path);
 }
 
 // Whether a slot holds an archive that would be missed.
-bool holds_whole_archive(const std::string &slot)
-{
-    try {
-        return is_whole_archive_in_slot(slot);
-    } catch (const Failure &) {
-        return false;  // nothing there, or nothing to be had
-    }
-}
-
-// Numbers wrap to 1 behind the highest: the shorter way counts.
-bool is_older(int version, int than)
-{
-    const auto way = [](int from, int to) {
-        return static_cast<long long>(to) - from + (to < from ? static_cast<long long>(INT_MAX) : 0);
-    };
-    return version != than && way(version, than) < way(than, version);
-}
+bool holds_whole_archive(const std::string &slot) { return evidence_of_slot(slot).good(); }
 
 // Flash tells its version, and the backup area that of its slot.
 void require_not_older(const std::string &slot)
@@ -85,7 +72,7 @@ void require_not_older(const std::string &slot)
     (void)kestal_read_flash_version_file(&flash, KESTA_FLASH_VERSION);  // then it stays -1
     const int backup =
         kestal_read_version_nolock(KESTA_VER_AREA_BACKUP, learn_own_number(), KESTA_VERSION_BY_MODE);
-    if (flash > 0 && backup > 0 && is_older(flash, backup) && holds_whole_archive(slot)) {
+    if (flash > 0 && backup > 0 && is_older_version(flash, backup) && holds_whole_archive(slot)) {
         throw Failure(Exit::no, "older-version",
                       "Flash holds version " + std::to_string(flash) + ", and slot " + slot + " the newer version " +
                           std::to_string(backup) + ", whole.",
@@ -104,6 +91,8 @@ Plan plan_backup2tmp(const CopyOptions &options)
         writes.push_back("/tmp/kesta_sys/tmp/ (the unpacked files)");
     }
     Plan plan;
+    plan.verb = "copy backup2tmp";
+    plan.replaces = {{to, Replacing::by_rename}};
     plan.json = {{"from", slot}, {"to", to}, {"unpack", !options.check}};
     plan.steps.push_back(
         {"bring slot " + slot + " to " + to + (options.check ? "" : " and unpack it there"), writes,
@@ -122,6 +111,8 @@ Plan plan_cntbackup2tmp(const CopyOptions &options)
     const std::string from = options.accept ? flash_accept : flash_backup;
     require_file(from, save_hint);
     Plan plan;
+    plan.verb = "copy cntbackup2tmp";
+    plan.replaces = {{cache_backup, Replacing::in_place}};
     plan.json = {{"from", from}, {"to", cache_backup}};
     plan.steps.push_back({"copy " + from + " to " + cache_backup, {cache_backup},
                           flow("cntbackup2tmp", "Check the space in /tmp and --trace 1.", [options] {
@@ -141,6 +132,8 @@ Plan plan_cntbackup2backup(const CopyOptions &options)
     }
     Plan plan;
     plan.shared = true;
+    plan.verb = "copy cntbackup2backup";
+    plan.replaces = {{place_of_slot(slot), Replacing::in_place}};
     plan.json = {{"from", flash_backup}, {"to", slot}};
     plan.steps.push_back({std::string("copy ") + flash_backup + " to slot " + slot,
                           {"system backup area: " + slot},
@@ -164,6 +157,8 @@ Plan plan_merge_file2accept(const CopyOptions &options)
     const std::string slot = options.slot.empty() ? slot_in_force(true) : options.slot;
     Plan plan;
     plan.shared = true;
+    plan.verb = "copy merge-file2accept";
+    plan.replaces = {{place_of_slot(slot), Replacing::in_place}};
     plan.json = {{"from", merge_backup}, {"to", slot}};
     plan.steps.push_back({std::string("copy ") + merge_backup + " to slot " + slot,
                           {"system backup area: " + slot},
@@ -194,6 +189,10 @@ Plan plan_backup2copy(const CopyOptions &options)
         writes.insert(writes.begin(), {cache_backup, flash_backup});
     }
     Plan plan;
+    if (initconf) {
+        plan.verb = "copy backup2copy";
+        plan.replaces = {{cache_backup, Replacing::by_rename}, {flash_backup, Replacing::by_rename}};
+    }
     plan.json = {{"script", script}, {"initconf", initconf}};
     plan.steps.push_back({what, writes,
                           flow("backup2copy", "Look at --trace 2, and run the script by hand.",
@@ -208,6 +207,7 @@ CLI::App *add_verb(CLI::App &copy, Globals &globals, Action &action, const char 
                    Planner planner)
 {
     CLI::App *command = copy.add_subcommand(verb, description);
+    add_keep_options(*command, globals);
     add_dry_run(*command, globals);
     command->callback([&action, options, planner] {
         action = [options, planner](const Globals &given) {
@@ -261,6 +261,7 @@ void add_copy(CLI::App &app, Globals &globals, Action &action)
                     plan_backup2copy);
     verb->add_option("GROUP", options->group, "Group name")->required();
     add_examples(*verb, "  kestactl copy backup2copy network --dry-run");
+    add_copy_archive(*copy, globals, action);
     add_examples(*copy, "  kestactl copy cntbackup2backup\n"
                         "  kestactl copy backup2tmp --accept --check\n"
                         "  kestactl copy backup2copy network --dry-run");

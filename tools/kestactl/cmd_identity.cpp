@@ -10,9 +10,13 @@
 #include "appliance_state.h"
 #include "archive_places.h"
 #include "command.h"
+#include "environment_archive.h"
+#include "identity_archive.h"
 #include "identity_state.h"
+#include "kept_generations.h"
 #include "names.h"
 #include "trace_capture.h"
+#include "whole_file.h"
 
 namespace kestactl {
 namespace {
@@ -341,6 +345,9 @@ Plan plan_vpd_to_flash()
     if (board != running) {
         require_file(flash_backup,
                      "The identity goes into the saved environment: put one there first.");
+        check_identity_archive(read_whole_file(flash_backup), flash_backup);
+        plan.verb = "identity carry vpd-to-flash";
+        plan.replaces = {{flash_backup, Replacing::by_rename}};
         plan.steps.push_back({"carry the board's identity into the saved environment and the system",
                               {flash_backup, "/boot/solaris/bootenv.rc",
                                "/etc/nodename", "/etc/inet/hosts", "/etc/cp_guid"},
@@ -412,6 +419,18 @@ void record_version()
     }
 }
 
+void require_version_to_raise()
+{
+    if (kestal_read_version(KESTA_VER_AREA_BACKUP, learn_own_number(), KESTA_VERSION_BY_MODE) < 1) {
+        throw Failure(Exit::no, "no-version", "There is no backup version that could be raised.",
+                      "Save the environment on CNT0 with 'kestactl save GROUP', or set it with 'kestactl version set "
+                      "backup 1'.");
+    }
+}
+
+// Where the flow stores the changed environment: the accept slot, or the second one if none is named.
+std::string slot_of_the_flow() { return accept_slot() == KESTA_SLOT0 ? KESTA_SLOT0 : KESTA_SLOT1; }
+
 Plan plan_cnt0_to_cnt1()
 {
     require_writable();
@@ -429,6 +448,14 @@ Plan plan_cnt0_to_cnt1()
     plan.shared = true;
     plan.json = {{"from", identity_json(from)}, {"to", identity_json(own)}};
     if (own.wwn != from.wwn || own.serialno != from.serialno) {
+        const std::string backup = require_slot(backup_slot(), "backup");
+        check_identity_archive(read_slot(backup), "Slot " + backup);
+        require_version_to_raise();
+        plan.verb = "identity carry cnt0-to-cnt1";
+        plan.replaces = {{place_of_slot(slot_of_the_flow()), Replacing::in_place},
+                         {flash_backup, Replacing::by_rename},
+                         {cache_backup, Replacing::by_rename},
+                         {merge_backup, Replacing::by_rename}};
         plan.steps.push_back(
             {"carry the identity into the saved environment",
              {"system backup area: the accept slot, kesta_sysacpt, kesta_sysback, kesta_verback, "
@@ -465,18 +492,22 @@ void add_carry(CLI::App &identity, Globals &globals, Action &action)
         const char *name;
         const char *what;
         Plan (*make_plan)();
+        bool replaces_archives;
     };
     constexpr std::array<Flow, 3> flows{{
         {"vpd-to-flash",
          "The board is right: into the saved environment, the system and the NV image",
-         plan_vpd_to_flash},
+         plan_vpd_to_flash, true},
         {"vpd-to-disk", "The disk is right: the board's VPD gets the identity of the NV image",
-         plan_vpd_to_disk},
+         plan_vpd_to_disk, false},
         {"cnt0-to-cnt1", "On CNT1: CNT0's identity, as the NV image has it, into all of its places",
-         plan_cnt0_to_cnt1},
+         plan_cnt0_to_cnt1, true},
     }};
     for (const Flow &flow : flows) {
         CLI::App *command = carrying->add_subcommand(flow.name, flow.what);
+        if (flow.replaces_archives) {
+            add_keep_options(*command, globals);
+        }
         add_lock_rule(*command, globals);
         add_dry_run(*command, globals);
         command->callback([&action, make_plan = flow.make_plan] {

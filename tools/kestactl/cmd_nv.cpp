@@ -26,7 +26,7 @@ struct WriteOptions {
     bool memory_only = false;
 };
 
-const std::map<std::string, From> places{
+const std::map<std::string, From> read_places{
     {"both", From::both}, {"memory", From::memory}, {"sysback", From::sysback}};
 
 Result read(const ReadOptions &options)
@@ -187,7 +187,7 @@ void add_nv(CLI::App &app, Globals &globals, Action &action)
     CLI::App *read_command = nv->add_subcommand("read", "Show one block");
     read_command->add_option("BLOCK", reading->block, "Name or number of the block")->required();
     read_command->add_option("--from", reading->from, "Where to read: both, memory or sysback")
-        ->transform(CLI::CheckedTransformer(places))
+        ->transform(CLI::CheckedTransformer(read_places))
         ->option_text("both|memory|sysback");
     read_command->callback(
         [&action, reading] { action = [reading](const Globals &) { return read(*reading); }; });

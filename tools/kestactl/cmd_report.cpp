@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "command.h"
+#include "findings.h"
 #include "overview.h"
 #include "printable.h"
 #include "whole_file.h"
@@ -113,24 +114,55 @@ std::string now()
 
 // ---------------------------------------------------------------------------------------- the parts
 
+bool is_in_order(const Json &subject)
+{
+    return subject.at("state") == "agree" || subject.at("state") == "absent";
+}
+
+// As a shell takes it.
+std::string commands(const Json &mend)
+{
+    std::string html;
+    for (const Json &command : mend) {
+        html += "<br>Mend it: <code>" + escaped(shell_text(command.get<MendCommand>())) + "</code>";
+    }
+    return html;
+}
+
 std::string disagreements(const Json &verified)
 {
     std::string html;
-    for (const Json &check : verified.at("checks")) {
-        if (!check.at("good").get<bool>()) {
-            html += "<div class=\"mend\"><strong>" + cell(check.at("what")) + "</strong>: " +
-                    cell(check.at("found")) + "<br>Mend it: <code>" + cell(check.at("mend")) +
-                    "</code></div>\n";
+    for (const Json &subject : verified.at("subjects")) {
+        if (!is_in_order(subject)) {
+            html += "<div class=\"mend\"><strong>" + cell(subject.at("subject")) + "</strong>: " +
+                    cell(subject.at("state")) + ". " + cell(subject.at("text")) + commands(subject.at("mend")) +
+                    "</div>\n";
         }
     }
     return html;
 }
 
-std::string checks_table(const Json &verified)
+std::string places_of(const Json &subject)
+{
+    std::string html;
+    for (const Json &place : subject.at("places")) {
+        html += "<br>" + cell(place.at("place")) + ": " + cell(place.at("state"));
+        if (place.contains("version")) {
+            html += ", version " + cell(place.at("version"));
+        }
+        if (place.contains("reason")) {
+            html += " (" + cell(place.at("reason")) + ")";
+        }
+    }
+    return html;
+}
+
+std::string subjects_table(const Json &verified)
 {
     std::string html = "<table>\n";
-    for (const Json &check : verified.at("checks")) {
-        html += row(check.at("what"), (check.at("good").get<bool>() ? "" : "&#9888; ") + cell(check.at("found")));
+    for (const Json &subject : verified.at("subjects")) {
+        html += row(subject.at("subject"), (is_in_order(subject) ? "" : "&#9888; ") + cell(subject.at("state")) + ": " +
+                                               cell(subject.at("text")) + places_of(subject));
     }
     return html + "</table>\n";
 }
@@ -238,7 +270,7 @@ std::string page(const Part &verified, const Part &status, const Part &versions,
            "<h1>Saved environments of " + name + "</h1><p>As of " + now() + ", kestactl " KESTA_VERSION "</p>\n"
            "<p class=\"verdict " + (agree ? "good" : "bad") + "\">" + verdict + "</p>\n" +
            (verified.is_missing() ? "" : disagreements(verified.json())) +
-           verified.section_of("What was compared", checks_table) +
+           verified.section_of("What was compared", subjects_table) +
            status.section_of("This controller", controller_table) +
            versions.section_of("Versions", versions_table) + status.section_of("Locks", locks_table) +
            status.section_of("Archives", archives_table) + image.section_of("Map of the NV image", image_map) +

@@ -9,9 +9,12 @@
 #include <optional>
 
 #include "appliance_state.h"
+#include "archive_evidence.h"
 #include "archive_places.h"
 #include "command.h"
 #include "environment_archive.h"
+#include "leftovers.h"
+#include "kept_generations.h"
 #include "names.h"
 #include "whole_file.h"
 #include "restore_files.h"
@@ -107,23 +110,38 @@ void check_options(const RestoreOptions &options)
     }
 }
 
-// The library ends quietly where the accept archive can't be copied; here it is said beforehand.
-void check_sources(const Planned &planned)
+// What is on flash may be the last good one. Returns the bytes that will be written there.
+std::uint64_t require_whole_slot(const std::string &slot)
 {
+    const ArchiveEvidence evidence = evidence_of_slot(slot);
+    if (evidence.state == CopyState::damaged) {
+        throw Failure(Exit::no, "damaged-archive",
+                      "Slot " + slot + " holds a damaged archive, and it is not brought to flash: " +
+                          evidence.reason + ".",
+                      "Restore another slot with --from, or save again: 'kestactl verify' shows which place has a "
+                      "whole one.");
+    }
+    require_whole(evidence, "slot " + slot);
+    return evidence.bytes;
+}
+
+// The library ends quietly where the accept archive can't be copied; here it is said beforehand. Returns the bytes that
+// will be written to flash.
+std::uint64_t check_sources(const Planned &planned)
+{
+    std::uint64_t bytes = 0;
     if (planned.copies_accept) {
         require_file(flash_accept,
                      "An update restore needs the accepted environment on flash; --skip-flashcopy "
                      "goes on without it.");
     }
-    if (!planned.slot.empty() && !is_whole_archive_in_slot(planned.slot)) {
-        throw Failure(Exit::no, "damaged-archive",
-                      "Slot " + planned.slot + " holds a damaged archive, and it is not brought to flash.",
-                      "Restore another slot with --from, or save again: 'kestactl verify' shows which place has a "
-                      "whole one.");
+    if (!planned.slot.empty()) {
+        bytes = require_whole_slot(planned.slot);
     }
     if (!planned.script.empty()) {
         require_file(planned.script, "The group needs a restore script of that name.");
     }
+    return bytes;
 }
 
 std::vector<std::string> places_written(const Planned &planned)
@@ -139,6 +157,19 @@ std::vector<std::string> places_written(const Planned &planned)
         writes.push_back("the running configuration, as the script does it");
     }
     return writes;
+}
+
+// The flow brings a slot to flash under another name first; cp writes into the merge cache.
+std::vector<ReplacedPlace> archives_replaced(const Planned &planned)
+{
+    std::vector<ReplacedPlace> places;
+    if (!planned.slot.empty()) {
+        places.push_back({flash_backup, Replacing::by_rename});
+    }
+    if (planned.copies_accept) {
+        places.push_back({merge_backup, Replacing::in_place});
+    }
+    return places;
 }
 
 std::string describe(const Planned &planned)
@@ -193,6 +224,7 @@ void restore(const RestoreOptions &options, const Planned &planned)
     memcpy(name.data(), planned.slot.data(), planned.slot.size());
     learn_own_number();
     if (!planned.slot.empty()) {
+        (void)keep_leftovers("restore", {});
         remove_quietly(unfinished_flash_copy);  // the flow writes into what is there, and keeps a longer tail
     }
     explain(kestal_sysback2current(options.group.c_str(), options.switch_only ? switch_only_flag : 0,
@@ -206,10 +238,12 @@ Plan plan_restore(const RestoreOptions &options)
     check_options(options);
     require_writable();
     const Planned planned = resolve(options);
-    check_sources(planned);
     Plan plan;
+    plan.room = check_sources(planned);
     plan.shared = true;
     plan.json = {{"group", options.group}, {"slot", planned.slot}, {"script", planned.script}};
+    plan.verb = "restore";
+    plan.replaces = archives_replaced(planned);
     plan.steps.push_back({describe(planned), places_written(planned),
                           [options, planned] { restore(options, planned); }});
     return plan;
@@ -267,6 +301,7 @@ void add_restore(CLI::App &app, Globals &globals, Action &action)
     command->add_flag("--skip-flashcopy", options->skip_flashcopy,
                       "Don't copy flash accept.tar.Z to the merge cache before an update script")
         ->group("The group's own scripts");
+    add_keep_options(*command, globals);
     add_dry_run(*command, globals);
     add_examples(*command, "  kestactl restore network --dry-run\n"
                            "  kestactl restore network --only /etc/hosts\n"

@@ -6,11 +6,14 @@
 #include <memory>
 
 #include "appliance_state.h"
+#include "archive_evidence.h"
 #include "archive_places.h"
 #include "command.h"
 #include "environment_archive.h"
 #include "environment_work.h"
+#include "generations.h"
 #include "group_definition.h"
+#include "kept_generations.h"
 #include "mirror.h"
 #include "names.h"
 #include "unfinished_restore.h"
@@ -90,6 +93,16 @@ void add_mirror_step(Plan &plan, Work &work)
     }
 }
 
+// Known from here on: when it is replaced one day, it is kept with its version and group. Nothing is lost without that.
+void note_what_is_saved(const SaveOptions &options, const Work &work, KeepReport &report)
+{
+    try {
+        note_saved(unfinished_archive, options.group, work.version, work.keep_rule);
+    } catch (const Failure &failure) {
+        report.notes.push_back(std::string("The archive was not noted among the generations: ") + failure.what());
+    }
+}
+
 Plan plan_save(const SaveOptions &options, Work &work)
 {
     require_writable();
@@ -103,21 +116,28 @@ Plan plan_save(const SaveOptions &options, Work &work)
     plan.json = {{"group", options.group}, {"slot", slot}, {"files", files}};
     add_mirror_step(plan, work);
     add_script_steps(plan, work, scripts_of(options.group, "backup", "pre-script"), options.work.scripts);
+    plan.kept = std::make_shared<KeepReport>();
     // After the scripts: they may have made the files.
     plan.steps.push_back(guarded(
         work, "archive " + std::to_string(files.size()) + " files, and test the archive",
         {unfinished_archive},
-        [definition, &work] {
+        [definition, &work, kept = plan.kept] {
             (void)collect(*definition);  // what it refuses is told before anything is written
-            make_archive(*definition, unfinished_archive, [&work] {
-                stop_if_asked(work);
-                tell_growth(unfinished_archive);
+            with_room_on_flash(*kept, [&] {
+                make_archive(*definition, unfinished_archive, [&work] {
+                    stop_if_asked(work);
+                    tell_growth(unfinished_archive);
+                });
             });
         }));
+    add_keep_step(plan, work, {{flash_backup, Replacing::by_rename}, {place_of_slot(slot), Replacing::in_place}}, "save");
     plan.steps.push_back(publishing(work, "hand out the next version", {"version area numbering"},
                                     [&work] { work.version = hand_out_version(learn_own_number()); }));
     plan.steps.push_back(publishing(work, "put the archive to flash", {flash_backup},
-                                    [] { publish_file(unfinished_archive, flash_backup); }));
+                                    [&options, &work, kept = plan.kept] {
+                                        note_what_is_saved(options, work, *kept);
+                                        publish_file(unfinished_archive, flash_backup);
+                                    }));
     plan.steps.back().measured = unfinished_archive;
     plan.steps.push_back(publishing(work, "store it in slot " + slot + ", and read it back",
                                     {"system backup area: " + slot},
@@ -152,11 +172,14 @@ Result save(const SaveOptions &options, const Globals &globals)
 void require_whole_archive(const std::string &path, const Work &work)
 {
     require_file(path, "Save the environment first: kestactl save GROUP.");
-    if (!is_whole_archive(path, [&work] { stop_if_asked(work); })) {
-        throw Failure(Exit::no, "damaged-archive", path + " is damaged: it is not accepted.",
+    const ArchiveEvidence evidence = evidence_of_file(path, [&work] { stop_if_asked(work); });
+    if (evidence.state == CopyState::damaged) {
+        throw Failure(Exit::no, "damaged-archive",
+                      path + " is damaged, and is not accepted: " + evidence.reason + ".",
                       "Save the environment again, or bring a good copy to flash with 'kestactl "
                       "restore GROUP --switch-only'.");
     }
+    require_whole(evidence, path);
 }
 
 void store_as_accepted(const std::string &slot)
@@ -190,6 +213,11 @@ Plan plan_accept(Work &work)
     Plan plan;
     plan.long_work = true;
     plan.json = {{"slot", slot}};
+    add_keep_step(plan, work,
+                  {{place_of_slot(slot), Replacing::in_place},
+                   {flash_accept, Replacing::by_rename},
+                   {merge_backup, Replacing::by_rename}},
+                  "accept");
     plan.steps.push_back(guarded(work, "bring the saved environment to the merge cache",
                                  {merge_backup},
                                  [] { copy_file_whole(flash_backup, merge_backup); }));
@@ -199,7 +227,10 @@ Plan plan_accept(Work &work)
                                     [slot] { store_as_accepted(slot); }));
     plan.steps.back().measured = merge_backup;
     plan.steps.push_back(publishing(work, "put it to flash as the accepted one", {flash_accept},
-                                    [] { copy_file_whole(merge_backup, flash_accept); }));
+                                    [kept = plan.kept] {
+                                        with_room_on_flash(*kept,
+                                                           [] { copy_file_whole(merge_backup, flash_accept); });
+                                    }));
     plan.steps.push_back(publishing(work, "record the version", {"version area accept"},
                                     [&work] { accept_version(work); }));
     return plan;
@@ -225,12 +256,14 @@ void add_save(CLI::App &app, Globals &globals, Action &action)
     command->add_option("GROUP", options->group, "Group name")->required();
     add_wait_option(*command, options->work);
     add_script_options(*command, options->work);
+    add_keep_options(*command, globals);
     add_dry_run(*command, globals);
     command->callback([&action, options] {
         action = [options](const Globals &given) { return save(*options, given); };
     });
     add_examples(*command, "  kestactl save network --dry-run\n"
-                           "  kestactl save network --wait 60 --event nightly");
+                           "  kestactl save network --wait 60 --event nightly\n"
+                           "  kestactl save network --comment 'before the new firmware'");
 }
 
 void add_accept(CLI::App &app, Globals &globals, Action &action)
@@ -239,6 +272,7 @@ void add_accept(CLI::App &app, Globals &globals, Action &action)
     CLI::App *command =
         app.add_subcommand("accept", "Make the saved environment on flash the accepted one");
     add_wait_option(*command, options->work);
+    add_keep_options(*command, globals);
     add_dry_run(*command, globals);
     command->callback([&action, options] {
         action = [options](const Globals &given) { return accept(*options, given); };

@@ -1,6 +1,5 @@
 // kestactl status: this controller, the names in force and the archives, at a glance.
 #include <kesta/kesta.h>
-#include <nettle/sha2.h>
 #include <string.h>
 #include <sys/stat.h>
 
@@ -13,8 +12,10 @@
 #include <optional>
 
 #include "appliance_state.h"
+#include "archive_evidence.h"
 #include "archive_places.h"
 #include "cause_words.h"
+#include "checksum.h"
 #include "command.h"
 #include "lock_state.h"
 #include "names.h"
@@ -49,37 +50,13 @@ struct ShownArchive {
     std::string sha256;
 };
 
-class Checksum {
-public:
-    Checksum() { sha256_init(&state_); }
-    void add(const void *data, std::size_t size)
-    {
-        sha256_update(&state_, size, static_cast<const std::uint8_t *>(data));
-    }
-    std::string text()
-    {
-        std::array<std::uint8_t, SHA256_DIGEST_SIZE> digest{};
-        sha256_digest(&state_, digest.size(), digest.data());
-        std::string hex;
-        for (const std::uint8_t byte : digest) {
-            char pair[3];
-            snprintf(pair, sizeof(pair), "%02x", byte);
-            hex += pair;
-        }
-        return hex;
-    }
-
-private:
-    struct sha256_ctx state_;
-};
-
 void add_file_checksum(ShownArchive &archive)
 {
     std::ifstream file(archive.path, std::ios::binary);
     Checksum checksum;
     std::vector<char> block(1 << 20);
     while (file.read(block.data(), static_cast<std::streamsize>(block.size())) || file.gcount() > 0) {
-        checksum.add(block.data(), static_cast<std::size_t>(file.gcount()));
+        checksum.add({block.data(), static_cast<std::size_t>(file.gcount())});
     }
     if (file.bad() || !file.eof()) {
         archive.state = "unreadable";
@@ -106,20 +83,10 @@ ShownArchive look_at_file(const ArchivePlace &place, bool checksums)
 // The area tells a size only with the contents, so this reads the whole slot.
 ShownArchive look_at_slot(const char *slot)
 {
-    ShownArchive archive{"system backup area", slot, "ok", 0, ""};
-    void *data = nullptr;
-    unsigned size = 0;
-    const int result = kestal_backup_rw(slot, KESTA_FILE_READ, &data, &size);
-    if (result == KESTA_OK) {
-        Checksum checksum;
-        checksum.add(data, size);
-        archive.size = size;
-        archive.sha256 = checksum.text();
-    } else {
-        archive.state = "none, or unreadable";
-    }
-    kestal_free_debug(data, __FILE__, __LINE__, 0);
-    return archive;
+    const ArchiveEvidence evidence = evidence_of_slot(slot);
+    const bool was_read = !evidence.sha256.empty();
+    return {"system backup area", slot,
+            was_read ? "ok" : evidence.absent() ? "none" : "unreadable", evidence.bytes, evidence.sha256};
 }
 
 Json number_or_null(int number) { return number >= 0 ? Json(number) : Json(nullptr); }

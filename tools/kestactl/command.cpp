@@ -7,6 +7,7 @@
 #include <iostream>
 #include <optional>
 
+#include "kept_generations.h"
 #include "printable.h"
 
 namespace kestactl {
@@ -56,6 +57,18 @@ void tell_progress(const Plan &plan, std::size_t step, const char *event, const 
     }
 }
 
+void take_step(const Step &step, const Plan &plan)
+{
+    try {
+        step.act();
+    } catch (const Failure &failure) {
+        if (plan.kept && !plan.kept->notes.empty()) {
+            throw with_notes(failure, *plan.kept);
+        }
+        throw;
+    }
+}
+
 }  // namespace
 
 void tell_growth(const std::string &path)
@@ -70,8 +83,10 @@ void tell_growth(const std::string &path)
     }
 }
 
-Result carry_out(const Plan &plan, const Globals &globals)
+Result carry_out(const Plan &given, const Globals &globals)
 {
+    check_comment(globals.keep_rule.comment);
+    const Plan plan = with_keeping(given, globals.keep_rule);
     if (globals.dry_run) {
         return show_plan(plan);
     }
@@ -87,12 +102,15 @@ Result carry_out(const Plan &plan, const Globals &globals)
         if (plan.long_work) {
             tell_progress(plan, i, "begin", globals);
         }
-        step.act();
+        take_step(step, plan);
         if (plan.long_work) {
             tell_progress(plan, i, "end", globals);
         }
         result.text += "Done: " + step.what + "\n";
         result.json["steps"].push_back(step_json(step));
+    }
+    if (plan.kept) {
+        tell_kept(result, *plan.kept);
     }
     return result;
 }

@@ -3,11 +3,13 @@
 
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "failure.h"
+#include "generations.h"
 #include "lock_rule.h"
 
 namespace kestactl {
@@ -20,6 +22,7 @@ struct Globals {
     int trace_level = 0;
     bool dry_run = false;
     LockRule lock_rule;
+    KeepRule keep_rule;
 };
 
 // What a command found or did: for people, and for programs.
@@ -29,6 +32,7 @@ struct Result {
     Json json = Json::object();
     // Undoes what nobody has learned of, if the result can't be written. It may hold signals till then.
     std::function<void()> unwritten = nullptr;
+    int schema_version = 1;  // of its JSON
 };
 
 // One step of a changing command. A dry run prints the steps, another run carries them out.
@@ -47,6 +51,12 @@ struct Plan {
     // Takes its time: each step is told on stderr when it begins, to a terminal in words, with --json as one
     // event in a line of JSON.
     bool long_work = false;
+    // Places that it gives other contents, and the verb that does so: what they hold is kept before the first step.
+    std::vector<ReplacedPlace> replaces;
+    std::string verb;
+    std::uint64_t room = 0;  // bytes that will be written to flash, where that is known
+    // What was kept by its steps; null: they replace no archive.
+    std::shared_ptr<KeepReport> kept = nullptr;
 };
 
 // Tells a terminal how large a file has grown, every other second at most. It is called while a step works.
@@ -64,7 +74,9 @@ void add_nv_image(CLI::App &nv, Globals &globals, Action &action);
 void add_nv_verify(CLI::App &nv, Action &action);
 void add_repair(CLI::App &app, Globals &globals, Action &action);
 void add_completion(CLI::App &app, Action &action);
-void add_verify(CLI::App &app, Action &action);
+void add_verify(CLI::App &app, Globals &globals, Action &action);
+void add_leftovers(CLI::App &app, Globals &globals, Action &action);
+void add_copy_archive(CLI::App &copy, Globals &globals, Action &action);
 void add_report(CLI::App &app, Action &action);
 void add_save(CLI::App &app, Globals &globals, Action &action);
 void add_accept(CLI::App &app, Globals &globals, Action &action);

@@ -86,7 +86,7 @@ Result answer_of(const CLI::App &app, const CLI::ParseError &error, int argc, co
     }
     std::ostringstream text;
     app.exit(error, text, text);
-    return {Exit::done, text.str(), {{"text", text.str()}}, nullptr};
+    return {Exit::done, text.str(), {{"text", text.str()}}};
 }
 
 }  // namespace
@@ -106,13 +106,14 @@ CommandLine::CommandLine()
         ->check(CLI::Range(0, 5));
     add_status(app_, globals_, action_);
     add_nv(app_, globals_, action_);
-    add_verify(app_, action_);
+    add_verify(app_, globals_, action_);
     add_report(app_, action_);
     add_save(app_, globals_, action_);
     add_accept(app_, globals_, action_);
     add_slot(app_, globals_, action_);
     add_copy(app_, globals_, action_);
     add_repair(app_, globals_, action_);
+    add_leftovers(app_, globals_, action_);
     add_restore(app_, globals_, action_);
     add_group(app_, globals_, action_);
     add_script(app_, globals_, action_);

@@ -7,6 +7,8 @@
 #include <exception>
 
 #include "appliance_state.h"
+#include "kept_generations.h"
+#include "leftovers.h"
 #include "render.h"
 
 namespace kestactl {
@@ -40,7 +42,9 @@ void stop_if_asked(const Work &work)
 Result carry_out_locked(const LockRequest &request, const std::function<Plan(Work &)> &make_plan,
                         const std::function<void(Work &)> &last, const Globals &globals)
 {
+    check_comment(globals.keep_rule.comment);
     Work work;
+    work.keep_rule = globals.keep_rule;
     const HeldSignals signals;
     work.signals = &signals;
     if (globals.dry_run) {
@@ -51,6 +55,8 @@ Result carry_out_locked(const LockRequest &request, const std::function<Plan(Wor
     HeldCommandLock command(own, take_command_lock(request, own, signals));
     work.lock = &command;
     const Plan plan = make_plan(work);  // refused: nothing was done, and nothing comes last
+    // Whoever works now writes over what a killed command left behind.
+    (void)keep_leftovers("leftovers", work.keep_rule);
     Result result;
     std::exception_ptr failure;
     try {
@@ -93,6 +99,16 @@ Step publishing(Work &work, const std::string &what, std::vector<std::string> wr
         work.lock->require_ours();
         act();
     });
+}
+
+void add_keep_step(Plan &plan, Work &work, const std::vector<ReplacedPlace> &places, const std::string &verb)
+{
+    if (!plan.kept) {
+        plan.kept = std::make_shared<KeepReport>();
+    }
+    const Step keeping =
+        keep_step(places, verb, work.keep_rule, plan.kept, [&work] { stop_if_asked(work); });
+    plan.steps.push_back(publishing(work, keeping.what, keeping.writes, keeping.act));
 }
 
 void add_script_steps(Plan &plan, Work &work, const std::vector<Script> &scripts,

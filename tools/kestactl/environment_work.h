@@ -19,6 +19,7 @@ struct Work {
     const HeldSignals *signals = nullptr;
     const HeldCommandLock *lock = nullptr;
     int version = 0;
+    KeepRule keep_rule;
     std::vector<ScriptEnd> scripts;
 };
 
@@ -45,6 +46,9 @@ Step guarded(Work &work, const std::string &what, std::vector<std::string> write
 // The same for one that others see: the command lock must still be ours.
 Step publishing(Work &work, const std::string &what, std::vector<std::string> writes,
                 const std::function<void()> &act);
+
+// The step that keeps what these places hold, before the ones that replace it.
+void add_keep_step(Plan &plan, Work &work, const std::vector<ReplacedPlace> &places, const std::string &verb);
 
 // One step for each script; the first that fails ends the plan. The options must outlive it.
 void add_script_steps(Plan &plan, Work &work, const std::vector<Script> &scripts,

@@ -8,7 +8,7 @@ namespace kestactl {
 // kestactl status: with checksums, every archive is read.
 Result show_status(bool checksums);
 
-// kestactl verify.
+// kestactl verify, without --fix.
 Result verify_places();
 
 // kestactl version show.

@@ -12,6 +12,7 @@
 #include "environment_archive.h"
 #include "file_properties.h"
 #include "group_definition.h"
+#include "kept_generations.h"
 #include "names.h"
 #include "placed_files.h"
 #include "restored_files.h"
@@ -78,11 +79,13 @@ void take_over_unfinished(const Restore &restore)
     }
 }
 
-void put_slot_to_flash(const Restore &restore)
+void put_slot_to_flash(const Restore &restore, const Work &work, KeepReport &report)
 {
     const bool is_there = std::filesystem::exists(restore.source.flash);
     if (!is_there || read_whole_file(restore.source.flash) != restore.archive.bytes) {
-        write_file_whole(restore.source.flash, restore.archive.bytes);
+        report.add(keep_replaced({{restore.source.flash, Replacing::by_rename}}, "restore", work.keep_rule,
+                                 [&work] { stop_if_asked(work); }));
+        with_room_on_flash(report, [&] { write_file_whole(restore.source.flash, restore.archive.bytes); });
     }
 }
 
@@ -239,9 +242,11 @@ Plan plan_of(const std::shared_ptr<Restore> &restore, Work &work)
     plan.json = {{"group", options.group}, {"from", restore->source.side}, {"slot", restore->source.slot}};
     add_script_steps(plan, work, scripts(options, "pre-script"), options.work.scripts);
     if (whole) {
+        plan.kept = std::make_shared<KeepReport>();
         plan.steps.push_back(publishing(work, "bring slot " + restore->source.slot + " to flash",
-                                        {restore->source.flash},
-                                        [restore] { put_slot_to_flash(*restore); }));
+                                        {restore->source.flash}, [restore, &work, kept = plan.kept] {
+                                            put_slot_to_flash(*restore, work, *kept);
+                                        }));
     }
     plan.steps.push_back(publishing(work, "put the new files beside the old ones",
                                     {unfinished_restore_note, "a hidden file beside each one"},

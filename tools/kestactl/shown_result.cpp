@@ -8,7 +8,7 @@ namespace kestactl
 namespace
 {
 
-constexpr int schema_version = 1;
+constexpr int failure_schema_version = 1;
 
 }  // namespace
 
@@ -17,7 +17,7 @@ std::string shown_result(const Result &result, Form form)
     if (form == Form::text) {
         return printable(result.text);
     }
-    return dumped({{"schema_version", schema_version},
+    return dumped({{"schema_version", result.schema_version},
                    {"exit", static_cast<int>(result.exit)},
                    {"result", result.json}},
                   2) +
@@ -29,7 +29,7 @@ std::string shown_failure(const Failure &failure, Form form)
     if (form == Form::text) {
         return printable(std::string("kestactl: ") + failure.what() + "\n" + failure.hint() + "\n");
     }
-    return dumped({{"schema_version", schema_version},
+    return dumped({{"schema_version", failure_schema_version},
                    {"error",
                     {{"exit", static_cast<int>(failure.exit())},
                      {"code", failure.code()},

@@ -1,0 +1,122 @@
+#include "archive_copy.h"
+
+#include <kesta/kesta.h>
+
+#include "appliance_state.h"
+#include "failure.h"
+#include "leftovers.h"
+#include "whole_file.h"
+
+namespace engine {
+namespace {
+
+constexpr std::string_view generation_prefix = "generation:";
+
+struct Source {
+    ArchiveEvidence evidence;
+    std::string bytes;
+};
+
+std::string read_generation(const std::string &sum)
+{
+    if (sum.size() != 64 || sum.find_first_not_of("0123456789abcdef") != std::string::npos) {
+        throw Failure(Exit::usage, "bad-place", "'" + sum + "' is no checksum of a generation.",
+                      "It is the name of its file in /opt/kesta_sys/bakup/generations, without .tar.Z.");
+    }
+    return path_of_generation(sum);
+}
+
+Source read_file(const std::string &path)
+{
+    Source source{evidence_of_file(path), ""};
+    if (source.evidence.good()) {
+        source.bytes = read_whole_file(path);
+        source.evidence = evidence_of_bytes(source.bytes);  // what is copied is what was tested
+    }
+    return source;
+}
+
+Source read_source(const std::string &from)
+{
+    if (from.starts_with(generation_prefix)) {
+        return read_file(read_generation(from.substr(generation_prefix.size())));
+    }
+    const StoragePlace place = place_at(from);
+    if (is_on_flash(place)) {
+        return read_file(path_of(place));
+    }
+    Source source;
+    source.evidence = evidence_of_slot(slot_of(place), source.bytes);
+    return source;
+}
+
+Source required_source(const ArchiveCopyRequest &request)
+{
+    Source source = read_source(request.from);
+    require_whole(source.evidence, "The archive of " + request.from);
+    if (!request.sha256.empty() && source.evidence.sha256 != request.sha256) {
+        throw Failure(Exit::no, "changed-meanwhile", request.from + " holds another archive than the one that was named.",
+                      "Nothing was changed. Look at 'kestactl verify' again.");
+    }
+    return source;
+}
+
+// What can't be read may be whole.
+void require_readable_target(const ArchiveEvidence &target, const std::string &to)
+{
+    if (target.state == CopyState::unreadable) {
+        throw Failure(Exit::platform, "target-unreadable", to + " can't be read, and is not overwritten: " + target.reason + ".",
+                      "Check its disk, or the limits of archives: what it holds may be whole.");
+    }
+}
+
+void write_slot(const std::string &slot, std::string &bytes)
+{
+    void *data = bytes.data();
+    auto size = static_cast<unsigned>(bytes.size());
+    if (kestal_backup_rw(slot.c_str(), KESTA_FILE_WRITE, &data, &size) != KESTA_OK) {
+        fail_call("slot-failed", "The archive was not stored in slot " + slot + ".",
+                  "What the slot held is kept as a generation. Look at --trace 1 and at the system backup area, then run the "
+                  "command again.");
+    }
+}
+
+}  // namespace
+
+ArchiveCopyPlan plan_archive_copy(const ArchiveCopyRequest &request)
+{
+    const Source source = required_source(request);
+    const StoragePlace to = place_at(request.to);
+    const ArchiveEvidence target = evidence_at(to);
+    require_readable_target(target, request.to);
+    return {to, source.evidence.sha256, source.evidence.bytes, target.same_bytes(source.evidence)};
+}
+
+KeepReport copy_archive(const ArchiveCopyRequest &request, const std::string &verb, const KeepRule &rule)
+{
+    KeepReport report;
+    Source source = required_source(request);
+    const StoragePlace to = place_at(request.to);
+    const ArchiveEvidence target = evidence_at(to);
+    require_readable_target(target, request.to);
+    if (target.same_bytes(source.evidence)) {
+        return report;
+    }
+    report = keep_leftovers(verb, rule);  // the new archive is written beside the old one, over what lies there
+    if (target.good()) {
+        const std::string place = is_on_flash(to) ? path_of(to) : place_of_slot(slot_of(to));
+        report.add(keep_replaced({{place, Replacing::in_place}}, verb, rule));
+    }
+    if (is_on_flash(to)) {
+        write_file_whole(path_of(to), source.bytes);
+    } else {
+        write_slot(slot_of(to), source.bytes);
+    }
+    if (!evidence_at(to).same_bytes(source.evidence)) {
+        throw Failure(Exit::platform, "copy-differs", request.to + " does not hold what was written to it.",
+                      "Check its disk. What it held before is kept as a generation.");
+    }
+    return report;
+}
+
+}  // namespace engine

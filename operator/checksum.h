@@ -1,0 +1,27 @@
+// The checksum that archives are known by.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace engine {
+
+// SHA-256 of what is added, piece by piece.
+class Checksum {
+public:
+    Checksum();
+    ~Checksum();
+    Checksum(const Checksum &) = delete;
+    Checksum &operator=(const Checksum &) = delete;
+
+    void add(std::string_view piece);
+    // In hexadecimal; once, when all is added.
+    std::string text();
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace engine

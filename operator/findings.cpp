@@ -1,0 +1,109 @@
+#include "findings.h"
+
+#include <algorithm>
+#include <functional>
+
+#include "find_archives.h"
+#include "find_mirror.h"
+#include "find_others.h"
+#include "find_slots.h"
+#include "storage_places.h"
+
+namespace engine {
+namespace {
+
+// A subject that could not be looked at has a row all the same.
+SubjectFinding told(const char *subject, const std::function<SubjectFinding()> &find)
+{
+    try {
+        return find();
+    } catch (const Failure &failure) {
+        return {subject, FindingState::unreadable, {}, std::nullopt, std::nullopt,
+                failure.what() + (" " + failure.hint())};
+    }
+}
+
+}  // namespace
+
+const char *name_of(FindingState state)
+{
+    switch (state) {
+        case FindingState::agree:
+            return "agree";
+        case FindingState::differs:
+            return "differs";
+        case FindingState::damaged:
+            return "damaged";
+        case FindingState::absent:
+            return "absent";
+        case FindingState::unreadable:
+            return "unreadable";
+        default:
+            return "unfinished";
+    }
+}
+
+bool SubjectFinding::has_unreadable_place() const
+{
+    return std::any_of(places.begin(), places.end(),
+                       [](const PlaceFinding &place) { return place.state == CopyState::unreadable; });
+}
+
+int Findings::count() const
+{
+    return static_cast<int>(std::count_if(rows.begin(), rows.end(), [](const SubjectFinding &row) { return row.counts(); }));
+}
+
+Exit Findings::exit() const
+{
+    const bool unreadable = std::any_of(rows.begin(), rows.end(), [](const SubjectFinding &row) {
+        return row.state == FindingState::unreadable || row.has_unreadable_place();
+    });
+    return unreadable ? Exit::platform : count() > 0 ? Exit::no : Exit::done;
+}
+
+Findings find_all()
+{
+    const Survey survey = survey_places();
+    const SlotDecision slots = decide_slots(survey);
+    Findings findings{survey.controller, {}};
+    const auto add = [&findings](const char *subject, const std::function<SubjectFinding()> &find) {
+        findings.rows.push_back(told(subject, find));
+    };
+    add("slots", [&] { return find_slots(survey, slots); });
+    add("mirror", [&] { return find_mirror(survey, slots); });
+    add("backup", [&] { return find_archives(survey, slots, ArchiveRole::backup); });
+    add("accepted", [&] { return find_archives(survey, slots, ArchiveRole::accepted); });
+    add("versions", [&] { return find_versions(survey, slots); });
+    add("identity", [&] { return find_identity(); });
+    add("locks", [&] { return find_locks(); });
+    const bool backup_agrees = !findings.rows[2].counts();
+    const bool accepted_agrees = !findings.rows[3].counts();
+    add("leftovers", [&] { return find_leftovers(backup_agrees, accepted_agrees); });
+    add("generations", [&] { return find_generations(); });
+    return findings;
+}
+
+std::string shell_text(const MendCommand &command)
+{
+    const auto is_plain = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               std::string("_-./:=,+@%").find(c) != std::string::npos;
+    };
+    std::string text;
+    for (const std::string &word : command) {
+        text += text.empty() ? "" : " ";
+        if (!word.empty() && std::all_of(word.begin(), word.end(), is_plain)) {
+            text += word;
+            continue;
+        }
+        text += "'";
+        for (const char c : word) {
+            text += c == '\'' ? "'\\''" : std::string(1, c);
+        }
+        text += "'";
+    }
+    return text;
+}
+
+}  // namespace engine

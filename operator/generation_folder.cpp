@@ -1,0 +1,289 @@
+#include "generation_folder.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/file.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "checksum.h"
+#include "whole_file.h"
+
+namespace engine {
+namespace {
+
+constexpr const char *unfinished_name = ".unfinished";
+constexpr const char *unfinished_link = ".unfinished.link";
+constexpr mode_t folder_mode = 0700;
+constexpr mode_t own_mode = 0600;
+constexpr mode_t permissions = 07777;
+constexpr std::size_t sum_length = 64;
+constexpr std::size_t piece_size = 256UL << 10;
+constexpr int lock_tries = 3000;
+constexpr timespec between_tries{0, 20'000'000};  // a minute in all
+
+bool is_sum(const std::string &text)
+{
+    return text.size() == sum_length && text.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+void wait_for_lock(const Descriptor &folder, const std::string &path, int kind)
+{
+    for (int tries = 0; flock(folder.get(), kind | LOCK_NB) != 0; ++tries) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            fail_file(path, "locked");
+        }
+        if (tries == lock_tries) {
+            throw Failure(Exit::locked, "generations-locked",
+                          "Another command has held the generations in " + path + " for a minute.",
+                          "Nothing was changed. See what it waits for, and run this command again.");
+        }
+        (void)nanosleep(&between_tries, nullptr);
+    }
+}
+
+// Nobody else can have put it there, or looks into it.
+void require_own(const Descriptor &folder, const std::string &path)
+{
+    struct stat status {};
+    if (fstat(folder.get(), &status) != 0) {
+        fail_file(path, "looked at");
+    }
+    if (status.st_uid != geteuid()) {
+        throw Failure(Exit::platform, "foreign-folder", path + " belongs to user " + std::to_string(status.st_uid) + ".",
+                      "Generations are kept in a folder of root's only: move it away, and run the command again.");
+    }
+    if ((status.st_mode & permissions) != folder_mode && fchmod(folder.get(), folder_mode) != 0) {
+        fail_file(path, "closed to others");
+    }
+}
+
+bool write_all(int fd, std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return false;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+[[noreturn]] void fail_writing(const std::string &path, const char *what)
+{
+    if (errno == ENOSPC || errno == EDQUOT) {
+        throw NoRoom(path);
+    }
+    fail_file(path, what);
+}
+
+// Calls for each piece of an open file. False, with errno: it can't be read to its end.
+template <typename Take>
+bool read_pieces(const Descriptor &file, const Take &take)
+{
+    std::string piece(piece_size, '\0');
+    for (off_t at = 0;;) {
+        const ssize_t count = pread(file.get(), piece.data(), piece.size(), at);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return count == 0;
+        }
+        take(std::string_view(piece.data(), static_cast<std::size_t>(count)));
+        at += count;
+    }
+}
+
+}  // namespace
+
+NoRoom::NoRoom(const std::string &path)
+    : Failure(Exit::platform, no_room, "There is no room left for " + path + ".",
+              "Nothing was changed. Make room in " + std::string(flash_folder) +
+                  ", or give --keep 0 to keep nothing of what is overwritten.")
+{
+}
+
+GenerationFolder::GenerationFolder(const std::string &parent, Purpose purpose)
+    : path_(parent + "/" + generations_name)
+{
+    const bool changing = purpose == Purpose::changing;
+    const Beneath root;
+    const Descriptor above = root.open(root.settled(parent), O_RDONLY | O_DIRECTORY);
+    if (!above && (changing || errno != ENOENT)) {
+        fail_file(parent, "opened");
+    }
+    if (changing && mkdirat(above.get(), generations_name, folder_mode) == 0) {
+        if (fsync(above.get()) != 0) {
+            fail_file(parent, "flushed to the disk");
+        }
+    } else if (changing && errno != EEXIST) {
+        fail_writing(path_, "made");
+    }
+    if (above) {
+        folder_ = Descriptor(
+            openat(above.get(), generations_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!folder_ && (changing || errno != ENOENT)) {
+            fail_file(path_, "opened");
+        }
+    }
+    if (changing) {
+        require_own(folder_, path_);
+    }
+    if (folder_) {
+        wait_for_lock(folder_, path_, changing ? LOCK_EX : LOCK_SH);
+    }
+}
+
+std::vector<std::string> GenerationFolder::sums_with(const std::string &suffix) const
+{
+    std::vector<std::string> sums;
+    if (!folder_) {
+        return sums;
+    }
+    const int fd = openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const std::unique_ptr<DIR, int (*)(DIR *)> stream(fd < 0 ? nullptr : fdopendir(fd), closedir);
+    if (!stream) {
+        fail_file(path_, "read");
+    }
+    errno = 0;
+    while (const dirent *entry = readdir(stream.get())) {
+        const std::string name = entry->d_name;
+        const std::string sum = name.substr(0, sum_length);
+        if (is_sum(sum) && name == sum + suffix) {
+            sums.push_back(sum);
+        }
+        errno = 0;
+    }
+    if (errno != 0) {
+        fail_file(path_, "read");
+    }
+    std::sort(sums.begin(), sums.end());
+    return sums;
+}
+
+Descriptor GenerationFolder::open(const std::string &name) const
+{
+    struct stat status {};
+    Descriptor file(folder_ ? openat(folder_.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC) : -1);
+    if (!folder_) {
+        errno = ENOENT;
+    }
+    if (!file && errno != ENOENT) {
+        fail_file(path_of(name), "read");
+    }
+    if (file && (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+        errno = EINVAL;
+        fail_file(path_of(name), "read");
+    }
+    return file;
+}
+
+std::optional<struct stat> GenerationFolder::status_of(const std::string &name) const
+{
+    struct stat status {};
+    const Descriptor file = open(name);
+    if (!file) {
+        return std::nullopt;
+    }
+    if (fstat(file.get(), &status) != 0) {
+        fail_file(path_of(name), "looked at");
+    }
+    return status;
+}
+
+std::optional<std::string> GenerationFolder::read(const std::string &name) const
+{
+    const Descriptor file = open(name);
+    if (!file) {
+        return std::nullopt;
+    }
+    std::string bytes;
+    if (!read_pieces(file, [&bytes](std::string_view piece) { bytes += piece; })) {
+        fail_file(path_of(name), "read");
+    }
+    return bytes;
+}
+
+std::optional<std::string> GenerationFolder::checksum_of(const std::string &name) const
+{
+    const Descriptor file = open(name);
+    if (!file) {
+        return std::nullopt;
+    }
+    Checksum checksum;
+    if (!read_pieces(file, [&checksum](std::string_view piece) { checksum.add(piece); })) {
+        fail_file(path_of(name), "read");
+    }
+    return checksum.text();
+}
+
+void GenerationFolder::write(const std::string &name, std::string_view bytes) const
+{
+    remove_unfinished();
+    Descriptor file(openat(folder_.get(), unfinished_name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                           own_mode));
+    if (!file || !write_all(file.get(), bytes) || fsync(file.get()) != 0 || !file.close() ||
+        renameat(folder_.get(), unfinished_name, folder_.get(), name.c_str()) != 0) {
+        const int error = errno;
+        (void)unlinkat(folder_.get(), unfinished_name, 0);  // best effort: the next command takes it away
+        errno = error;
+        fail_writing(path_of(name), "written");
+    }
+}
+
+bool GenerationFolder::link(const Descriptor &file, const std::string &name) const
+{
+    remove_unfinished();
+    const Entry aside{Descriptor(fcntl(folder_.get(), F_DUPFD_CLOEXEC, 3)), unfinished_link};
+    return fsync(file.get()) == 0 && make_name(aside, file) &&
+           renameat(folder_.get(), unfinished_link, folder_.get(), name.c_str()) == 0;
+}
+
+void GenerationFolder::make_own(const std::string &name) const
+{
+    const Descriptor file = open(name);
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0) {
+        return;
+    }
+    if (status.st_nlink > 1) {
+        if (const auto bytes = read(name)) {
+            write(name, *bytes);
+        }
+    } else if ((status.st_mode & permissions) != own_mode) {
+        (void)fchmod(file.get(), own_mode);  // the folder keeps others away
+    }
+}
+
+void GenerationFolder::remove(const std::string &name) const
+{
+    if (unlinkat(folder_.get(), name.c_str(), 0) != 0 && errno != ENOENT) {
+        fail_file(path_of(name), "removed");
+    }
+}
+
+void GenerationFolder::flush() const
+{
+    if (fsync(folder_.get()) != 0) {
+        fail_file(path_, "flushed to the disk");
+    }
+}
+
+void GenerationFolder::remove_unfinished() const
+{
+    remove(unfinished_name);
+    remove(unfinished_link);
+}
+
+}  // namespace engine

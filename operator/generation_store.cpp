@@ -1,0 +1,374 @@
+#include "generation_store.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "checksum.h"
+#include "generation_retention.h"
+
+namespace engine {
+namespace {
+
+using Purpose = GenerationFolder::Purpose;
+
+constexpr std::size_t most_saved = 64;  // archives in force are few; the rest is history
+constexpr std::size_t shown_digits = 12;
+
+std::string archive_name(const std::string &sum) { return sum + archive_suffix; }
+std::string entry_name(const std::string &sum) { return sum + entry_suffix; }
+
+void note_full(KeepReport &report)
+{
+    const std::string note = "The disk is full: the oldest generations were dropped.";
+    if (std::find(report.notes.begin(), report.notes.end(), note) == report.notes.end()) {
+        report.notes.push_back(note);
+    }
+}
+
+std::vector<SavedArchive> saved_in(const GenerationFolder &folder)
+{
+    const auto text = folder.read(saved_name);
+    return text ? parse_saved(*text) : std::vector<SavedArchive>();
+}
+
+const SavedArchive *find_saved(const std::vector<SavedArchive> &saved, const std::string &sum)
+{
+    const auto newest = std::find_if(saved.rbegin(), saved.rend(),
+                                     [&sum](const SavedArchive &archive) { return archive.sha256 == sum; });
+    return newest == saved.rend() ? nullptr : &*newest;
+}
+
+void take_from(Generation &generation, const SavedArchive *saved)
+{
+    if (saved) {
+        generation.version = saved->version;
+        generation.version_recorded = saved->version > 0;
+        generation.group = saved->group;
+        generation.saved = saved->saved;
+    }
+}
+
+std::vector<Generation> entries_in(const GenerationFolder &folder)
+{
+    std::vector<Generation> entries;
+    for (const std::string &sum : folder.sums_with(entry_suffix)) {
+        const auto text = folder.read(entry_name(sum));
+        if (auto entry = text ? parse_entry(*text, sum) : std::nullopt) {
+            entries.push_back(std::move(*entry));
+        }
+    }
+    std::sort(entries.begin(), entries.end(), [](const Generation &one, const Generation &other) {
+        return std::pair(one.order, one.sha256) > std::pair(other.order, other.sha256);
+    });
+    return entries;
+}
+
+// One run that keeps something: under the folder's lock, from what was found to what is dropped.
+class Keeping {
+public:
+    Keeping(const std::string &parent, const IsWhole &is_whole, const GenerationChange &change,
+            const AskVersions &in_force)
+        : folder_(parent, Purpose::changing),
+          is_whole_(is_whole),
+          change_(change),
+          in_force_(in_force),
+          saved_(saved_in(folder_))
+    {
+        folder_.remove_unfinished();
+        all_ = entries_in(folder_);
+        set_in_order();
+    }
+
+    void keep(const GenerationSource &source)
+    {
+        const auto known = find(source.sha256);
+        const bool is_kept = known != all_.end() && is_intact(*known);
+        if (!is_kept && !find_saved(saved_, source.sha256) && !is_whole_(source.bytes)) {
+            report_.notes.push_back(source.place + " holds a damaged archive: it was not kept.");
+            return;
+        }
+        if (!is_kept) {
+            making_room([&] { add_archive(source); });
+        }
+        Generation entry = known != all_.end() ? *known : Generation();
+        describe(entry, source);
+        making_room([&] { folder_.write(entry_name(entry.sha256), entry_text(entry)); });
+        forget(all_, entry);
+        forget(report_.kept, entry);
+        all_.insert(all_.begin(), entry);
+        report_.kept.push_back(entry);
+    }
+
+    void drop_beyond(const GenerationLimits &limits)
+    {
+        if (beyond(all_, limits) && !in_force_().known()) {
+            report_.notes.push_back("Which versions are in force can't be told: no generation was dropped.");
+        }
+        while (beyond(all_, limits) && drop_oldest()) {
+        }
+    }
+
+    KeepReport finish()
+    {
+        folder_.flush();
+        return std::move(report_);
+    }
+
+    bool drop_oldest() { return drop_oldest(report_.kept); }
+    bool drop_oldest(const std::vector<Generation> &spared)
+    {
+        const Entries dropped = droppable(all_, in_force_(), spared);
+        if (dropped.empty()) {
+            return false;
+        }
+        const Generation oldest = dropped.front();
+        folder_.remove(entry_name(oldest.sha256));
+        folder_.remove(archive_name(oldest.sha256));
+        forget(all_, oldest);
+        report_.dropped.push_back(oldest);
+        return true;
+    }
+
+private:
+    using Entries = std::vector<Generation>;
+
+    Entries::iterator find(const std::string &sum)
+    {
+        return std::find_if(all_.begin(), all_.end(), [&sum](const Generation &one) { return one.sha256 == sum; });
+    }
+    static void forget(Entries &entries, const Generation &entry)
+    {
+        std::erase_if(entries, [&entry](const Generation &one) { return one.sha256 == entry.sha256; });
+    }
+    std::uint64_t next_order() const { return all_.empty() ? 1 : all_.front().order + 1; }
+
+    bool is_intact(const Generation &entry) const
+    {
+        try {
+            return folder_.checksum_of(archive_name(entry.sha256)) == entry.sha256;
+        } catch (const Failure &) {
+            return false;  // it is kept anew
+        }
+    }
+
+    void add_archive(const GenerationSource &source)
+    {
+        folder_.remove(archive_name(source.sha256));  // damaged there
+        if (!source.file || !folder_.link(source.file, archive_name(source.sha256))) {
+            folder_.write(archive_name(source.sha256), source.bytes);
+        }
+    }
+
+    void describe(Generation &entry, const GenerationSource &source)
+    {
+        entry.sha256 = source.sha256;
+        entry.bytes = source.bytes.size();
+        entry.order = next_order();
+        entry.kept = change_;
+        if (std::find(entry.places.begin(), entry.places.end(), source.place) == entry.places.end()) {
+            entry.places.push_back(source.place);
+        }
+        take_from(entry, find_saved(saved_, source.sha256));
+        if (entry.version == 0) {
+            entry.version = source.version;
+        }
+    }
+
+    // Drops the oldest ones for what doesn't fit.
+    template <typename Write>
+    void making_room(const Write &write)
+    {
+        for (;;) {
+            try {
+                write();
+                return;
+            } catch (const NoRoom &full) {
+                if (!drop_oldest()) {
+                    folder_.flush();
+                    throw Failure(full.exit(), full.code(), full.what() + dropped_so_far(), full.hint());
+                }
+                note_full(report_);
+            }
+        }
+    }
+    std::string dropped_so_far() const
+    {
+        const std::size_t count = report_.dropped.size();
+        return count == 0 ? "" : " Older generations were dropped for it, " + std::to_string(count) + " of them.";
+    }
+
+    // What a killed command, or somebody's hand, left behind.
+    void set_in_order()
+    {
+        const std::vector<std::string> archives = folder_.sums_with(archive_suffix);
+        for (const std::string &sum : archives) {
+            if (find(sum) == all_.end()) {
+                adopt(sum);
+            }
+            try {
+                folder_.make_own(archive_name(sum));
+            } catch (const NoRoom &) {
+                continue;  // it stays shared with the file it was
+            }
+        }
+        for (const std::string &sum : folder_.sums_with(entry_suffix)) {
+            if (!std::binary_search(archives.begin(), archives.end(), sum)) {
+                report_.notes.push_back("The file of generation " + sum.substr(0, shown_digits) +
+                                        " is gone: its entry was taken away.");
+                folder_.remove(entry_name(sum));
+                std::erase_if(all_, [&sum](const Generation &one) { return one.sha256 == sum; });
+            }
+        }
+    }
+
+    void adopt(const std::string &sum)
+    {
+        const auto bytes = folder_.read(archive_name(sum));
+        Checksum checksum;
+        checksum.add(bytes ? *bytes : "");
+        if (!bytes || checksum.text() != sum || !is_whole_(*bytes)) {
+            return;  // the check tells
+        }
+        Generation entry;
+        entry.sha256 = sum;
+        entry.bytes = bytes->size();
+        entry.order = 0;  // perhaps it was being dropped
+        entry.kept.time = folder_.status_of(archive_name(sum))->st_ctim.tv_sec;
+        take_from(entry, find_saved(saved_, sum));
+        try {
+            folder_.write(entry_name(sum), entry_text(entry));
+        } catch (const NoRoom &) {
+            return;  // the next command tries again
+        }
+        all_.push_back(entry);
+    }
+
+    GenerationFolder folder_;
+    const IsWhole &is_whole_;
+    const GenerationChange &change_;
+    const AskVersions &in_force_;
+    std::vector<SavedArchive> saved_;
+    Entries all_;  // newest first
+    KeepReport report_;
+};
+
+GenerationProblem problem(GenerationFault fault, const std::string &sum, const std::string &path,
+                          const std::string &text)
+{
+    return {fault, sum, path, "Generation " + sum.substr(0, shown_digits) + ": " + text};
+}
+
+// No problem: it is good.
+std::optional<GenerationProblem> problem_of(const GenerationFolder &folder, const Generation &entry)
+{
+    const std::string path = folder.path_of(archive_name(entry.sha256));
+    try {
+        const auto sum = folder.checksum_of(archive_name(entry.sha256));
+        if (!sum) {
+            return problem(GenerationFault::no_file, entry.sha256, path,
+                           "its file is gone. The next command that keeps one takes its entry away.");
+        }
+        if (*sum != entry.sha256) {
+            return problem(GenerationFault::damaged, entry.sha256, path,
+                           "it is not what was kept. Remove " + path + ": nothing can mend it.");
+        }
+    } catch (const Failure &failure) {
+        return problem(GenerationFault::unreadable, entry.sha256, path,
+                       std::string(failure.what()) + " Check the disk of its folder.");
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::string name_of(const Generation &generation)
+{
+    std::string what = generation.group;
+    if (generation.version > 0) {
+        what += (what.empty() ? "version " : ", version ") + std::to_string(generation.version);
+    }
+    return "generation " + generation.sha256.substr(0, shown_digits) + (what.empty() ? "" : " (" + what + ")");
+}
+
+void KeepReport::add(const KeepReport &other)
+{
+    kept.insert(kept.end(), other.kept.begin(), other.kept.end());
+    dropped.insert(dropped.end(), other.dropped.begin(), other.dropped.end());
+    notes.insert(notes.end(), other.notes.begin(), other.notes.end());
+}
+
+GenerationStore::GenerationStore(std::string parent, IsWhole is_whole)
+    : parent_(std::move(parent)), is_whole_(std::move(is_whole))
+{
+}
+
+std::vector<Generation> GenerationStore::all() const { return entries_in({parent_, Purpose::reading}); }
+
+std::vector<SavedArchive> GenerationStore::saved() const { return saved_in({parent_, Purpose::reading}); }
+
+GenerationsCheck GenerationStore::check() const
+{
+    const GenerationFolder folder(parent_, Purpose::reading);
+    GenerationsCheck check;
+    const std::vector<Generation> entries = entries_in(folder);
+    for (const Generation &entry : entries) {
+        if (auto found = problem_of(folder, entry)) {
+            check.problems.push_back(std::move(*found));
+        } else {
+            ++check.good;
+            check.bytes += entry.bytes;
+        }
+    }
+    const auto is_listed = [&entries](const std::string &sum) {
+        return std::any_of(entries.begin(), entries.end(), [&sum](const Generation &one) { return one.sha256 == sum; });
+    };
+    for (const std::string &sum : folder.sums_with(archive_suffix)) {
+        if (!is_listed(sum)) {
+            check.problems.push_back(problem(GenerationFault::no_entry, sum, folder.path_of(archive_name(sum)),
+                                             "nothing is noted of it. The next command that keeps one notes it, or "
+                                             "leaves it if it is damaged."));
+        }
+    }
+    return check;
+}
+
+KeepReport GenerationStore::keep(const std::vector<GenerationSource> &sources, const GenerationChange &change,
+                                 const GenerationLimits &limits, const AskVersions &in_force) const
+{
+    Keeping keeping(parent_, is_whole_, change, in_force);
+    for (const GenerationSource &source : sources) {
+        keeping.keep(source);
+    }
+    keeping.drop_beyond(limits);
+    return keeping.finish();
+}
+
+bool GenerationStore::drop_oldest(const AskVersions &in_force, KeepReport &report) const
+{
+    const GenerationChange nobody;
+    Keeping keeping(parent_, is_whole_, nobody, in_force);
+    const bool dropped = keeping.drop_oldest(report.kept);
+    report.add(keeping.finish());
+    if (dropped) {
+        note_full(report);
+    }
+    return dropped;
+}
+
+void GenerationStore::note_saved(const SavedArchive &archive) const
+{
+    const GenerationFolder folder(parent_, Purpose::changing);
+    std::vector<SavedArchive> saved = saved_in(folder);
+    // Files that did not change make the same archive again, under another number: both count.
+    std::erase_if(saved, [&archive](const SavedArchive &one) {
+        return one.sha256 == archive.sha256 && one.version == archive.version;
+    });
+    saved.push_back(archive);
+    if (saved.size() > most_saved) {
+        saved.erase(saved.begin());
+    }
+    folder.write(saved_name, saved_text(saved));
+    folder.flush();
+}
+
+}  // namespace engine

@@ -1,0 +1,95 @@
+// Keeping generations: what is added, what is dropped for it, and whether what was kept is still whole.
+//
+// An archive is kept before it is overwritten, under the name of its contents, so that the same one is kept once. The
+// order on the disk is archive, entry, folder flushed; an archive without an entry gets one again, from its own
+// contents. What is dropped loses its entry first.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "archive_limits.h"
+#include "generation.h"
+#include "generation_entry.h"
+#include "generation_folder.h"
+
+namespace engine {
+
+// An archive that is about to be replaced, read whole.
+struct GenerationSource {
+    std::string place;
+    std::string bytes;
+    std::string sha256;
+    Descriptor file;  // open: it is replaced by a new file of its name, never written, and may be kept as it is
+    int version = 0;  // what the place says; 0: nothing
+};
+
+// Never dropped, whatever the limits are. Nothing: they can't be told, and then nothing is dropped at all.
+struct VersionsInForce {
+    std::optional<int> accepted;
+    std::optional<int> running;
+
+    bool known() const { return accepted && running; }
+};
+using AskVersions = std::function<VersionsInForce()>;  // asked only where something has to go
+
+// What was done, for whoever asked for the change.
+struct KeepReport {
+    std::vector<Generation> kept;
+    std::vector<Generation> dropped;
+    std::vector<std::string> notes;  // sentences
+
+    void add(const KeepReport &other);
+};
+
+enum class GenerationFault { damaged, unreadable, no_file, no_entry };
+
+struct GenerationProblem {
+    GenerationFault fault = GenerationFault::damaged;
+    std::string sha256;
+    std::string path;
+    std::string text;  // one sentence of what is wrong, and one of what to do
+};
+
+struct GenerationsCheck {
+    std::size_t good = 0;
+    std::uint64_t bytes = 0;  // of the good ones
+    std::vector<GenerationProblem> problems;
+};
+
+// False for what is known to be damaged.
+using IsWhole = std::function<bool(std::string_view bytes)>;
+
+class GenerationStore {
+public:
+    explicit GenerationStore(std::string parent, IsWhole is_whole);
+
+    // Newest first. Throws Failure.
+    std::vector<Generation> all() const;
+
+    // What note_saved has noted. Throws Failure.
+    std::vector<SavedArchive> saved() const;
+
+    // Every file read whole and held against its checksum. Throws Failure: the folder can't be read.
+    GenerationsCheck check() const;
+
+    // Keeps the whole ones of the sources, then drops what is beyond the limits. Throws Failure: one of them could
+    // not be kept, and must not be overwritten.
+    KeepReport keep(const std::vector<GenerationSource> &sources, const GenerationChange &change,
+                    const GenerationLimits &limits, const AskVersions &in_force) const;
+
+    // Drops the oldest one that is not in force, and none of those that the report says were kept. False: there is none.
+    // Throws Failure.
+    bool drop_oldest(const AskVersions &in_force, KeepReport &report) const;
+
+    // Notes what was just made and tested, so that it is known when it is replaced one day. Throws Failure.
+    void note_saved(const SavedArchive &archive) const;
+
+private:
+    std::string parent_;
+    IsWhole is_whole_;
+};
+
+}  // namespace engine

@@ -1,0 +1,260 @@
+#include "generations.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <kesta/kesta.h>
+#include <pwd.h>
+#include <string.h>
+#include <sys/statvfs.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <fstream>
+
+#include "appliance_state.h"
+#include "archive_evidence.h"
+#include "archive_places.h"
+#include "checksum.h"
+#include "environment_archive.h"
+#include "names.h"
+#include "whole_file.h"
+
+namespace engine {
+namespace {
+
+constexpr const char *slot_prefix = "slot:";
+constexpr std::size_t longest_comment = 200;
+
+// Who logged in, also behind sudo; else whose rights these are.
+std::string user_name()
+{
+    uid_t uid = getuid();
+    std::ifstream file("/proc/self/loginuid");
+    std::string text;
+    if (std::getline(file, text)) {
+        uid_t login = 0;
+        const auto read = std::from_chars(text.data(), text.data() + text.size(), login);
+        if (read.ec == std::errc() && login != static_cast<uid_t>(-1)) {
+            uid = login;
+        }
+    }
+    const passwd *const entry = getpwuid(uid);
+    return entry ? entry->pw_name : std::to_string(uid);
+}
+
+GenerationChange change_now(const std::string &verb, const KeepRule &rule)
+{
+    return {time(nullptr), learn_own_number(), user_name(), verb, rule.comment};
+}
+
+std::string sum_of(const std::string &bytes)
+{
+    Checksum checksum;
+    checksum.add(bytes);
+    return checksum.text();
+}
+
+[[noreturn]] void refuse_unreadable(const std::string &place, const std::string &reason)
+{
+    throw Failure(Exit::platform, "not-kept", place + " can't be read, and so not be kept: " + reason + ".",
+                  "Nothing was overwritten: what it holds may be whole. Check its disk, or give --keep 0 to keep nothing "
+                  "of what is overwritten.");
+}
+
+std::optional<int> flash_version()
+{
+    int version = 0;
+    if (kestal_read_flash_version_file(&version, KESTA_FLASH_VERSION) != KESTA_OK) {
+        return std::nullopt;
+    }
+    return std::max(version, 0);
+}
+
+std::optional<int> area_version(int area)
+{
+    const int version = kestal_read_version_nolock(area, learn_own_number(), KESTA_VERSION_BY_MODE);
+    return version < 0 ? std::nullopt : std::optional(version);
+}
+
+VersionsInForce versions_in_force() { return {area_version(KESTA_VER_AREA_ACCEPT), flash_version()}; }
+
+int version_of_slot(const std::string &slot)
+{
+    try {
+        if (slot == backup_slot()) {
+            return area_version(KESTA_VER_AREA_BACKUP).value_or(0);
+        }
+        return slot == accept_slot() ? area_version(KESTA_VER_AREA_ACCEPT).value_or(0) : 0;
+    } catch (const Failure &) {
+        return 0;  // it is kept without
+    }
+}
+
+// Nothing: there is none.
+std::optional<GenerationSource> slot_source(const std::string &slot)
+{
+    GenerationSource source;
+    source.place = place_of_slot(slot);
+    try {
+        source.bytes = read_slot(slot);
+    } catch (const Failure &) {
+        const ArchiveEvidence evidence = evidence_of_slot(slot);
+        if (evidence.absent()) {
+            return std::nullopt;
+        }
+        refuse_unreadable("Slot " + slot, evidence.reason);
+    }
+    source.version = version_of_slot(slot);
+    return source;
+}
+
+std::optional<GenerationSource> file_source(const ReplacedPlace &place, KeepReport &report)
+{
+    Descriptor file(open(place.place.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!file && errno == ENOENT) {
+        return std::nullopt;
+    }
+    if ((!file && errno == ELOOP) || (file && fstat(file.get(), &status) == 0 && !S_ISREG(status.st_mode))) {
+        report.notes.push_back(place.place + " is no plain file: it was not kept.");
+        return std::nullopt;
+    }
+    GenerationSource source;
+    source.place = place.place;
+    source.bytes.resize(static_cast<std::size_t>(status.st_size));
+    std::size_t used = 0;
+    while (file && used < source.bytes.size()) {
+        const ssize_t count = read(file.get(), source.bytes.data() + used, source.bytes.size() - used);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            refuse_unreadable(place.place, strerror(errno));
+        }
+        if (count == 0) {
+            break;
+        }
+        used += static_cast<std::size_t>(count);
+    }
+    if (!file) {
+        refuse_unreadable(place.place, strerror(errno));
+    }
+    source.bytes.resize(used);
+    if (place.how == Replacing::by_rename) {
+        source.file = std::move(file);
+    }
+    source.version = place.place == flash_backup ? flash_version().value_or(0) : 0;
+    return source;
+}
+
+std::vector<GenerationSource> read_sources(const std::vector<ReplacedPlace> &places, KeepReport &report)
+{
+    std::vector<GenerationSource> sources;
+    for (const ReplacedPlace &place : places) {
+        const bool is_a_slot = place.place.rfind(slot_prefix, 0) == 0;
+        auto source = is_a_slot ? slot_source(place.place.substr(strlen(slot_prefix))) : file_source(place, report);
+        if (!source) {
+            continue;
+        }
+        const auto same = std::find_if(sources.begin(), sources.end(), [&source](const GenerationSource &one) {
+            return one.bytes == source->bytes;
+        });
+        source->sha256 = same == sources.end() ? sum_of(source->bytes) : same->sha256;
+        sources.push_back(std::move(*source));
+    }
+    return sources;
+}
+
+GenerationStore store(const std::function<void()> &look)
+{
+    // What is beyond the limits of archives can't be tested, and may be whole.
+    return GenerationStore(flash_folder, [look](std::string_view bytes) {
+        return evidence_of_bytes(bytes, look).state != CopyState::damaged;
+    });
+}
+
+}  // namespace
+
+void check_comment(const std::string &comment)
+{
+    const bool printable = std::all_of(comment.begin(), comment.end(),
+                                       [](unsigned char c) { return c >= ' ' && c != 0x7f; });
+    if (!printable || comment.size() > longest_comment) {
+        throw Failure(Exit::usage, "bad-comment",
+                      printable ? "The comment is longer than " + std::to_string(longest_comment) + " bytes."
+                                : "The comment holds characters that can't be printed.",
+                      "Give one line of text.");
+    }
+}
+
+std::string place_of_slot(const std::string &slot) { return slot_prefix + slot; }
+
+KeepReport keep_replaced(const std::vector<ReplacedPlace> &places, const std::string &verb, const KeepRule &rule,
+                         const std::function<void()> &look)
+{
+    KeepReport report;
+    if (!rule.keeps()) {
+        report.notes.push_back("Nothing was kept of what was replaced: --keep 0 was given.");
+        return report;
+    }
+    const std::vector<GenerationSource> sources = read_sources(places, report);
+    if (sources.empty()) {
+        return report;
+    }
+    GenerationLimits limits = generation_limits();
+    limits.count = rule.keep.value_or(limits.count);
+    try {
+        report.add(store(look).keep(sources, change_now(verb, rule), limits, versions_in_force));
+    } catch (const Failure &failure) {
+        if (failure.code() != "file-failed" && failure.code() != "foreign-folder") {
+            throw;
+        }
+        throw Failure(failure.exit(), "not-kept",
+                      std::string(failure.what()) + " So what would be replaced can't be kept, and nothing was changed.",
+                      failure.hint() + " To keep nothing of what is replaced, give --keep 0.");
+    }
+    return report;
+}
+
+void with_room_on_flash(KeepReport &report, const std::function<void()> &write)
+{
+    for (;;) {
+        try {
+            write();
+            return;
+        } catch (const Failure &failure) {
+            if (failure.code() != no_room || generations().empty() ||
+                !store([] {}).drop_oldest(versions_in_force, report)) {
+                throw;
+            }
+        }
+    }
+}
+
+void make_room_on_flash(KeepReport &report, std::uint64_t bytes)
+{
+    const auto is_short = [bytes] {
+        struct statvfs room {};
+        return statvfs(flash_folder, &room) == 0 && std::uint64_t{room.f_bavail} * room.f_frsize < bytes;
+    };
+    while (is_short() && !generations().empty() && store([] {}).drop_oldest(versions_in_force, report)) {
+    }
+}
+
+void note_saved(const std::string &path, const std::string &group, int version, const KeepRule &rule)
+{
+    if (rule.keeps()) {
+        const std::string bytes = read_whole_file(path);
+        store([] {}).note_saved({sum_of(bytes), bytes.size(), version, group, change_now("save", rule)});
+    }
+}
+
+std::vector<SavedArchive> saved_archives() { return store([] {}).saved(); }
+
+std::vector<Generation> generations() { return store([] {}).all(); }
+
+GenerationsCheck check_generations() { return store([] {}).check(); }
+
+}  // namespace engine

@@ -1,0 +1,97 @@
+#include "leftovers.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+
+#include "archive_places.h"
+#include "whole_file.h"
+
+namespace engine {
+namespace {
+
+constexpr std::array<const char *, 5> paths{
+    unfinished_archive,
+    "/opt/kesta_sys/bakup/.restore.new",
+    "/opt/kesta_sys/bakup/backup.tar.Z.new",
+    "/opt/kesta_sys/bakup/accept.tar.Z.new",
+    unfinished_flash_copy,
+};
+
+bool is_elsewhere(const ArchiveEvidence &evidence)
+{
+    return std::any_of(storage_places.begin(), storage_places.end(),
+                       [&](StoragePlace place) { return evidence_at(place).same_bytes(evidence); });
+}
+
+}  // namespace
+
+PlaceFinding Leftover::told() const
+{
+    PlaceFinding place;
+    place.place = path;
+    place.state = evidence.beyond_limits ? CopyState::damaged : evidence.state;
+    place.reason = evidence.reason;
+    if (!evidence.sha256.empty()) {
+        place.bytes = evidence.bytes;
+        place.sha256 = evidence.sha256;
+        place.modified = evidence.modified;
+    }
+    return place;
+}
+
+void require_leftover(const std::string &path)
+{
+    if (std::find(paths.begin(), paths.end(), path) == paths.end()) {
+        throw Failure(Exit::usage, "bad-path", path + " is nothing that commands leave behind.",
+                      "'kestactl verify' shows what was left behind.");
+    }
+}
+
+std::vector<Leftover> find_leftover_files()
+{
+    std::vector<Leftover> found;
+    for (const char *path : paths) {
+        Leftover leftover{path, evidence_of_file(path)};
+        if (!leftover.evidence.absent()) {
+            found.push_back(leftover);
+        }
+    }
+    return found;
+}
+
+KeepReport keep_leftovers(const std::string &verb, const KeepRule &rule)
+{
+    std::vector<ReplacedPlace> whole;
+    for (const Leftover &leftover : find_leftover_files()) {
+        if (leftover.evidence.good() && !is_elsewhere(leftover.evidence)) {
+            whole.push_back({leftover.path, Replacing::in_place});
+        }
+    }
+    return whole.empty() ? KeepReport() : keep_replaced(whole, verb, rule);
+}
+
+void clear_leftover(const std::string &path, const std::string &verb)
+{
+    require_leftover(path);
+    const ArchiveEvidence evidence = evidence_of_file(path);
+    if (evidence.absent()) {
+        return;
+    }
+    if (evidence.state == CopyState::unreadable) {
+        throw Failure(Exit::platform, "leftover-unreadable", path + " can't be read: " + evidence.reason + ".",
+                      "It stays, since it may be whole: check its disk, or the limits of archives.");
+    }
+    if (evidence.good() && !is_elsewhere(evidence)) {
+        (void)keep_replaced({{path, Replacing::in_place}}, verb, {});
+    }
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        fail_file(path, "removed");
+    }
+    flush_folder(std::filesystem::path(path).parent_path().string());
+}
+
+}  // namespace engine

@@ -1,0 +1,159 @@
+#include "storage_places.h"
+
+#include <kesta/kesta.h>
+
+#include <algorithm>
+
+#include "appliance_state.h"
+#include "archive_places.h"
+#include "failure.h"
+#include "generation_folder.h"
+#include "generations.h"
+#include "trace_capture.h"
+
+namespace engine {
+namespace {
+
+constexpr const char *flash_backup_address = "flash:backup";
+constexpr const char *flash_accept_address = "flash:accept";
+
+// Each area is asked anew in both places: the library stops asking the system backup area after one failure.
+VersionNumber number_of(int area, int controller)
+{
+    kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);
+    const std::uint64_t before = traced_lines();
+    const int version = kestal_read_version_nolock(area, controller, KESTA_VERSION_BY_MODE);
+    if (version < 0) {
+        return {std::nullopt, was_traced("[read_version_nolock] Volatile Read ERROR", before)};
+    }
+    return {version > 0 ? std::optional(version) : std::nullopt, false};
+}
+
+VersionNumber flash_number()
+{
+    int version = 0;
+    const bool was_read = kestal_read_flash_version_file(&version, KESTA_FLASH_VERSION) == KESTA_OK;
+    return {was_read && version > 0 ? std::optional(version) : std::nullopt, false};
+}
+
+VersionNumbers read_numbers(int own)
+{
+    return {number_of(KESTA_VER_AREA_NUMBERING, own), number_of(KESTA_VER_AREA_BACKUP, own),
+            number_of(KESTA_VER_AREA_ACCEPT, own), number_of(KESTA_VER_AREA_CURRENT, own), flash_number()};
+}
+
+// What can't be read of the catalogue is told by the check of it.
+template <typename Read>
+auto or_nothing(const Read &read) -> decltype(read())
+{
+    try {
+        return read();
+    } catch (const Failure &) {
+        return {};
+    }
+}
+
+std::vector<int> versions_of(const std::string &sha256)
+{
+    std::vector<int> found;
+    for (const SavedArchive &archive : or_nothing(saved_archives)) {
+        if (archive.sha256 == sha256 && archive.version > 0) {
+            found.push_back(archive.version);
+        }
+    }
+    for (const Generation &generation : or_nothing(generations)) {
+        if (generation.sha256 == sha256 && generation.version_recorded) {
+            found.push_back(generation.version);
+        }
+    }
+    return found;
+}
+
+}  // namespace
+
+std::string address_of(StoragePlace place)
+{
+    return place == StoragePlace::backup_on_flash   ? flash_backup_address
+           : place == StoragePlace::accept_on_flash ? flash_accept_address
+                                                 : place_of_slot(slot_of(place));
+}
+
+StoragePlace place_at(const std::string &address)
+{
+    for (const StoragePlace place : storage_places) {
+        if (address == address_of(place)) {
+            return place;
+        }
+    }
+    throw Failure(Exit::usage, "bad-place", "'" + address + "' is no place of archives.",
+                  "The places are flash:backup, flash:accept, slot:" KESTA_SLOT0 " and slot:" KESTA_SLOT1 ".");
+}
+
+bool is_on_flash(StoragePlace place)
+{
+    return place == StoragePlace::backup_on_flash || place == StoragePlace::accept_on_flash;
+}
+
+std::string slot_of(StoragePlace place) { return place == StoragePlace::slot0 ? KESTA_SLOT0 : KESTA_SLOT1; }
+
+const char *path_of(StoragePlace place)
+{
+    return place == StoragePlace::backup_on_flash ? flash_backup : flash_accept;
+}
+
+StoragePlace slot_place(const std::string &slot)
+{
+    return slot == KESTA_SLOT0 ? StoragePlace::slot0 : StoragePlace::slot1;
+}
+
+ArchiveEvidence evidence_at(StoragePlace place, const std::function<void()> &look)
+{
+    return is_on_flash(place) ? evidence_of_file(path_of(place), look) : evidence_of_slot(slot_of(place), look);
+}
+
+bool Survey::is_recorded(StoragePlace place, int version) const
+{
+    const std::vector<int> &all = recorded_at(place);
+    return version > 0 && std::find(all.begin(), all.end(), version) != all.end();
+}
+
+Survey survey_places()
+{
+    Survey survey;
+    survey.controller = learn_own_number();
+    for (const StoragePlace place : storage_places) {
+        const auto index = static_cast<std::size_t>(place);
+        survey.evidence[index] = evidence_at(place);
+        if (survey.evidence[index].good()) {
+            survey.recorded[index] = versions_of(survey.evidence[index].sha256);
+        }
+    }
+    survey.mirror = read_mirror();
+    survey.versions = read_numbers(survey.controller);
+    return survey;
+}
+
+std::optional<Generation> kept_archive_of(int version)
+{
+    for (const bool recorded : {true, false}) {
+        for (const Generation &generation : or_nothing(generations)) {
+            if (version <= 0 || generation.version != version || generation.version_recorded != recorded) {
+                continue;
+            }
+            const ArchiveEvidence evidence = evidence_of_file(path_of_generation(generation.sha256));
+            if (evidence.good() && evidence.sha256 == generation.sha256) {
+                return generation;
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+std::string path_of_generation(const std::string &sha256)
+{
+    return std::string(flash_folder) + "/" + generations_name + "/" + sha256 + archive_suffix;
+}
+
+std::string address_of(const Generation &generation) { return "generation:" + generation.sha256; }
+
+}  // namespace engine

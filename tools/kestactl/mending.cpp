@@ -1,0 +1,87 @@
+#include "mending.h"
+
+#include <kesta/kesta.h>
+
+#include <algorithm>
+
+#include "command_line.h"
+
+namespace kestactl {
+namespace {
+
+// More rows than there are: a row may have a second mend once another one is in order.
+constexpr int most_rounds = 16;
+
+bool was_refused(const std::vector<Mended> &mended, const MendCommand &command)
+{
+    return std::any_of(mended.begin(), mended.end(), [&command](const Mended &one) {
+        return one.command == command && one.exit != Exit::done;
+    });
+}
+
+bool was_run(const std::vector<Mended> &mended, const MendCommand &command)
+{
+    return std::any_of(mended.begin(), mended.end(), [&command](const Mended &one) { return one.command == command; });
+}
+
+// The first row with a mend that was not tried yet.
+const SubjectFinding *next_row(const Findings &findings, const std::vector<Mended> &mended)
+{
+    for (const SubjectFinding &row : findings.rows) {
+        const bool is_new = row.mend && !row.mend->empty() &&
+                            std::none_of(row.mend->begin(), row.mend->end(), [&mended](const MendCommand &command) {
+                                return was_refused(mended, command);
+                            }) &&
+                            !std::all_of(row.mend->begin(), row.mend->end(),
+                                         [&mended](const MendCommand &command) { return was_run(mended, command); });
+        if (is_new) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+Mended run_mend(const MendCommand &command, const Globals &globals)
+{
+    std::vector<const char *> words;
+    for (const std::string &word : command) {
+        words.push_back(word.c_str());
+    }
+    words.push_back(nullptr);
+    kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);  // as a new command would begin
+    CommandLine line;
+    try {
+        if (line.parse(static_cast<int>(command.size()), words.data())) {
+            return {command, Exit::usage, "It is no command."};
+        }
+        Globals given = line.globals();
+        given.lock_rule = globals.lock_rule;
+        given.keep_rule.comment = "verify --fix";
+        return {command, line.action()(given).exit, ""};
+    } catch (const Failure &failure) {
+        return {command, failure.exit(), failure.what() + (" " + failure.hint())};
+    }
+}
+
+std::vector<Mended> mend_all(Findings &findings, const Globals &globals)
+{
+    std::vector<Mended> mended;
+    for (int round = 0; round < most_rounds; ++round) {
+        const SubjectFinding *const row = next_row(findings, mended);
+        if (!row) {
+            break;
+        }
+        for (const MendCommand &command : *row->mend) {
+            mended.push_back(run_mend(command, globals));
+            if (mended.back().exit != Exit::done) {
+                break;
+            }
+        }
+        findings = find_all();
+    }
+    return mended;
+}
+
+}  // namespace kestactl
