@@ -273,6 +273,20 @@ TEST(Mending, UnfinishedRestoreWaitsForItsArchive)
     EXPECT_EQ(subject(verified, "leftovers").at("state"), "unfinished");
 }
 
+TEST(Mending, ControllerThatDidNotSaveGetsWhatIsInForce)
+{
+    for (const bool recorded : {true, false}) {
+        MendedAppliance appliance(1, recorded);
+        appliance.run({"kestactl", "version", "set", "flash", "8"});
+        appliance.put(0, MendedAppliance::archive(8));
+        EXPECT_EQ(subject(appliance.verify(), "backup").at("right"), "slot:kesta_backup0");
+        EXPECT_EQ(subject(appliance.verify(), "backup").at("places")[0].at("version"), 8);
+        expect_followed(appliance, "older flash");
+        EXPECT_EQ(appliance.at(0), MendedAppliance::archive(9));
+        EXPECT_TRUE(appliance.whole_archives().contains(MendedAppliance::archive(8))) << "kept";
+    }
+}
+
 TEST(Mending, LiveLockElsewhereIsHonoured)
 {
     for (std::size_t place = 0; place < place_names.size(); ++place) {
@@ -323,6 +337,13 @@ TEST(Mending, AnyCombination)
                 write_file(dice[11] % 8 == 0 ? engine::unfinished_archive : engine::unfinished_flash_copy,
                            whole_archive("left"));
                 state += "a leftover; ";
+            }
+            if (dice[15] % 4 == 0) {  // a controller that did not save what is in force
+                appliance.run({"kestactl", "version", "set", "current", "8"});
+                appliance.run({"kestactl", "version", "set", "flash", "8"});
+                appliance.put(0, MendedAppliance::archive(8));
+                appliance.put(1, MendedAppliance::archive(2));
+                state += "another controller's flash; ";
             }
             if (dice[12] % 6 == 0) {
                 appliance.lock_elsewhere();
