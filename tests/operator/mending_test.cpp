@@ -16,11 +16,13 @@ using namespace test;
 namespace {
 
 #ifdef KESTA_FEWER_STATES
-constexpr int random_states = 60;
-constexpr std::size_t pair_step = 7;
+constexpr int random_states = 40;
+constexpr std::size_t pair_step = 13;
+constexpr int damage_step = 6;
 #else
 constexpr int random_states = 400;
 constexpr std::size_t pair_step = 1;
+constexpr int damage_step = 2;
 #endif
 
 constexpr const char *slot0 = "kesta_backup0";
@@ -235,7 +237,7 @@ TEST(Mending, VersionsThatWrappedOrWereLost)
 {
     for (const char *area : {"numbering", "backup", "accept", "current", "flash"}) {
         for (const char *value : {"0", "1", "8", "10", "2147483647"}) {
-            for (int how = 0; how < 8; how += 2) {
+            for (int how = 0; how < 8; how += damage_step) {
                 expect_mended([&](MendedAppliance &appliance) {
                     appliance.run({"kestactl", "version", "set", area, value});
                     return std::string(area) + " " + value + "; " + damage(appliance, static_cast<std::size_t>(how) / 2, how);
