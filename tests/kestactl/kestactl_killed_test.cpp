@@ -71,6 +71,17 @@ protected:
         write_file(home / "archive", archive);
         return shell("bunzip2 -t < " + (home / "archive").string()).code == 0;
     }
+    // As a generation: what was replaced is there before anything takes its place.
+    bool is_kept(const std::string &archive) const
+    {
+        const fs::path generations = host_path(0, "opt/kesta_sys/bakup/generations");
+        for (const auto &entry : fs::directory_iterator(generations)) {
+            if (entry.path().extension() == ".Z" && read_file(entry.path()) == archive) {
+                return true;
+            }
+        }
+        return false;
+    }
     void expect_completed(const std::string &where) const
     {
         const Ran again = quickly("kestactl " + std::string(GetParam().command));
@@ -92,6 +103,7 @@ protected:
             changed = changed || held != before_.at(place);
             if (held != before_.at(place) && place.find("file") == std::string::npos) {
                 EXPECT_TRUE(is_whole(held)) << where << ": " << place;
+                EXPECT_TRUE(is_kept(before_.at(place))) << where << ": " << place << " had another one";
             }
         }
         EXPECT_TRUE(now.at("file one") == before_.at("file one") || now.at("file one") == mark_) << where;
