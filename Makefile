@@ -1,9 +1,11 @@
 # The commands of the README. Each one installs what it needs first (scripts/install-deps.sh).
 
 .DEFAULT_GOAL := build
-.PHONY: build demo test bench stress check-release check-asan check-tsan check-tidy check-models check-fuzz fuzz-build fuzz coverage docs packages install deps clean
+.PHONY: build build-asan demo test bench stress check-release check-asan check-tsan check-tidy check-models check-fuzz fuzz coverage docs packages install deps clean
 
 JOBS ?= $(shell nproc)
+# Tests wait for one another's processes more than they compute.
+TEST_JOBS ?= $(shell expr 2 \* $(JOBS))
 PREFIX ?= /usr/local
 
 deps:
@@ -24,20 +26,22 @@ test: check-release check-asan check-tsan check-tidy check-models check-fuzz
 	@echo "All tests passed."
 
 check-release: build
-	ctest --preset release -j $(JOBS)
+	ctest --preset release -j $(TEST_JOBS)
 
-check-asan: deps
+check-asan: build-asan
+	ctest --preset asan -j $(TEST_JOBS)
+
+build-asan: deps
 	cmake --preset asan > /dev/null
 	cmake --build --preset asan -j $(JOBS)
-	ctest --preset asan -j $(JOBS)
 
 # Only the programs with threads of their own.
 check-tsan: deps
 	cmake --preset tsan > /dev/null
 	cmake --build --preset tsan -j $(JOBS) --target threads_test
-	ctest --preset tsan -j $(JOBS)
+	ctest --preset tsan -j $(TEST_JOBS)
 
-check-tidy: check-asan
+check-tidy: build-asan
 	run-clang-tidy -quiet -p build/asan -j $(JOBS) '/(common|platform/embedded)/.*\.cpp$$' > build/tidy.log 2>&1 \
 	    || { cat build/tidy.log; exit 1; }
 
@@ -46,15 +50,11 @@ check-models: deps
 	scripts/check_models.sh
 
 # Seconds of fuzzing in the tests; a minute for each target by itself.
-check-fuzz: fuzz-build
-	scripts/fuzz.sh build/fuzz check
+check-fuzz: build-asan
+	scripts/fuzz.sh build/asan check
 
-fuzz: fuzz-build
-	scripts/fuzz.sh build/fuzz -max_total_time=60
-
-fuzz-build: deps
-	cmake --preset fuzz > /dev/null
-	cmake --build --preset fuzz -j $(JOBS) --target fuzz_targets
+fuzz: build-asan
+	scripts/fuzz.sh build/asan -max_total_time=60
 
 # Measures, and writes the table of docs/performance.md.
 bench: build

@@ -37,7 +37,7 @@ int prepare(NameAccess &access)
     } else {
         const std::size_t length = strlen(access.name);
         if (length >= KESTA_AREA_NAME_SIZE) {
-            TRACE(1, "[area_file_rw] Length(%d) ERROR", static_cast<int>(length));
+            FAILURE(ARGUMENT, 0, 1, "[area_file_rw] Length(%d) ERROR", static_cast<int>(length));
             return KESTA_ERR_ARGUMENT;
         }
         access.length = static_cast<unsigned int>(length + 1);
@@ -67,7 +67,7 @@ bool memory_has_slot_name(const NameAccess &access)
         return false;
     }
     if (!is_slot_name(access.name)) {
-        TRACE(1, "[area_file_rw] non volatile data ERROR (%s) a_file=%s", access.mirror,
+        FAILURE(CONTENT, 0, 1, "[area_file_rw] non volatile data ERROR (%s) a_file=%s", access.mirror,
               AreaName(access.name).c_str());
         return false;
     }
@@ -101,11 +101,11 @@ int kestal_area_file_rw(int rw_flag, char *accept_name, char *backup_name)
 {
     TRACE(5, "[area_file_rw] START");
     if (!accept_name && !backup_name) {
-        TRACE(1, "[area_file_rw] Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[area_file_rw] Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     if (rw_flag != KESTA_BLOCK_WRITE && rw_flag != KESTA_BLOCK_READ) {
-        TRACE(1, "[area_file_rw] Argument(rw_flag) ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[area_file_rw] Argument(rw_flag) ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     kesta::InnerLockSection lock;

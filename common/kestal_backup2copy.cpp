@@ -28,7 +28,7 @@ bool flush_copy(const char *path)
 
 int refuse_copy(int result)
 {
-    TRACE(1, "[backup2copy] sysvol backup.tar.Z -> backup.tar.Z Copy Error result =%d", result);
+    FAILURE(COMMAND, result, 1, "[backup2copy] sysvol backup.tar.Z -> backup.tar.Z Copy Error result =%d", result);
     return KESTA_ERR;
 }
 
@@ -48,14 +48,13 @@ int cache_to_flash()
     }
     if (chmod(copy.data(), kesta::finished_archive_mode) != 0) {
         const int error = errno;
-        TRACE(1, "[backup2copy] chmod error(filename:%s) errno=%d", copy.data(), error);
+        FAILURE(SYSTEM, error, 1, "[backup2copy] chmod error(filename:%s) errno=%d", copy.data(), error);
     }
     const kesta::Path backup = kesta::path_of(kesta::flash_directory, kesta::backup_archive);
     result = rename(copy.data(), backup.data());
     if (result != 0) {
         const int error = errno;
-        TRACE(1,
-              "[backup2copy] Remove From backup.tar.Z -> backup.tar.Z Error. result=%d, errno=%d",
+        FAILURE(SYSTEM, error, 1, "[backup2copy] Remove From backup.tar.Z -> backup.tar.Z Error. result=%d, errno=%d",
               result, error);
         return KESTA_ERR;
     }
@@ -95,7 +94,7 @@ int run_copy_script(const char *group)
     TRACE(5, "[backup2copy] Copy Script s_cmd=%s", command.data());
     const int result = kestal_exec_cmd_by_system(command.data());
     if (result != 0) {
-        TRACE(1, "[backup2copy] Script(BACKUP ---> COPY) exec ERROR result =%d", result);
+        FAILURE(COMMAND, result, 1, "[backup2copy] Script(BACKUP ---> COPY) exec ERROR result =%d", result);
         return KESTA_ERR;
     }
     TRACE(5, "[backup2copy] BACKUP ---> COPY");
@@ -108,7 +107,7 @@ int kestal_backup2copy(const char *group)
 {
     TRACE(5, "[backup2copy] START");
     if (!kesta::is_group_folder(group)) {
-        TRACE(1, "[backup2copy] Group name ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[backup2copy] Group name ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     TRACE(5, "[backup2copy] groupname=(%s)", group);

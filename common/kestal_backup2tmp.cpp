@@ -23,13 +23,13 @@ int write_temporary(const Path &temporary, const void *data, unsigned int size)
     kesta::UniqueFd file(kesta::open_for_overwrite(t_name));
     if (!file) {
         const int error = errno;
-        TRACE(1, "[backup2tmp]  File Open(write) ERROR  t_name=%s, errno=%d", t_name, error);
+        FAILURE(SYSTEM, error, 1, "[backup2tmp]  File Open(write) ERROR  t_name=%s, errno=%d", t_name, error);
         return KESTA_ERR;
     }
     const kesta::WriteOutcome outcome =
         kesta::write_and_close(file, data, size, kesta::Flush::leave_to_system);
     if (!outcome.complete) {
-        TRACE(1, "[backup2tmp]  Write ERROR  t_name=%s buf_size=%d result=%d errno=%d", t_name,
+        FAILURE(SYSTEM, outcome.error, 1, "[backup2tmp]  Write ERROR  t_name=%s buf_size=%d result=%d errno=%d", t_name,
               static_cast<int>(size), static_cast<int>(outcome.written), outcome.error);
         return KESTA_ERR;
     }
@@ -54,13 +54,13 @@ int publish(const Path &temporary, const Path &destination)
     int ret = KESTA_OK;
     if (rename(temporary.data(), destination.data()) != 0) {
         const int error = errno;
-        TRACE(1, "[backup2tmp] move %s -> %s error. errno=%d", temporary.data(),
+        FAILURE(SYSTEM, error, 1, "[backup2tmp] move %s -> %s error. errno=%d", temporary.data(),
               destination.data(), error);
         ret = KESTA_ERR;
     }
     if (chmod(destination.data(), kesta::finished_archive_mode) != 0) {
         const int error = errno;
-        TRACE(1, "[backup2tmp] chmod error(filename:%s) errno=%d", destination.data(), error);
+        FAILURE(SYSTEM, error, 1, "[backup2tmp] chmod error(filename:%s) errno=%d", destination.data(), error);
     }
     return ret;
 }
@@ -75,7 +75,7 @@ int unpack()
     const int result = kestal_exec_cmd_by_system(command.data());
     const int error = errno;
     if (result != 0) {
-        TRACE(1, "[backup2tmp] %sbackup.*.tar update error. result = %d errno=%d",
+        FAILURE(SYSTEM, error, 1, "[backup2tmp] %sbackup.*.tar update error. result = %d errno=%d",
               kesta::tmp_cache, result, error);
         ret = KESTA_ERR;
     }
@@ -89,7 +89,7 @@ int kestal_backup2tmp(const char *group, int acceptflg, char *name, int mode)
 {
     TRACE(5, "[backup2tmp] START");
     if (!group) {
-        TRACE(1, "[backup2tmp] Group name ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[backup2tmp] Group name ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     AreaName slot;

@@ -39,7 +39,7 @@ public:
         is_open_ = false;
         const int result = sbacc_close(handle_);
         if (result != 0) {
-            TRACE(1, "[backup_rw]  File Close ERROR f_name=%s result=%d ", f_name_, result);
+            FAILURE(PLATFORM, result, 1, "[backup_rw]  File Close ERROR f_name=%s result=%d ", f_name_, result);
         }
         return result;
     }
@@ -63,34 +63,34 @@ bool is_archive_slot(const char *f_name)
 int read_whole(SbaccHandle &file, const char *f_name, void **data, unsigned int *size)
 {
     if (!data) {
-        TRACE(1, "[backup_rw] Argument ERROR(data=NULL)");
+        FAILURE(ARGUMENT, 0, 1, "[backup_rw] Argument ERROR(data=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
     int result = file.open("r");
     if (result != 0) {
-        TRACE(1, "[backup_rw] File Open(R) ERROR f_name=%s result=%d ", f_name, result);
+        FAILURE(PLATFORM, result, 1, "[backup_rw] File Open(R) ERROR f_name=%s result=%d ", f_name, result);
         return KESTA_ERR;
     }
     if (!file.closed_properly()) {
-        TRACE(1, "[backup_rw] Close flag=false. f_name=%s", f_name);
+        FAILURE(CONTENT, 0, 1, "[backup_rw] Close flag=false. f_name=%s", f_name);
         return KESTA_ERR;
     }
     const int stored = sbacc_read_size(file.handle());
     if (stored < 0) {
-        TRACE(1, "[backup_rw] File Size ERROR f_name=%s result=%d ", f_name, stored);
+        FAILURE(PLATFORM, stored, 1, "[backup_rw] File Size ERROR f_name=%s result=%d ", f_name, stored);
         return KESTA_ERR;
     }
     *size = static_cast<unsigned int>(stored);
     *data = kestal_calloc_debug(1, stored, __FILE__, __LINE__, 0);
     if (!*data) {
         const int error = errno;
-        TRACE(1, "[backup_rw] CALLOC ERROR size=%d errno=%d", stored, error);
+        FAILURE(MEMORY, error, 1, "[backup_rw] CALLOC ERROR size=%d errno=%d", stored, error);
         return KESTA_ERR;
     }
     kesta::prefer_huge_pages(*data, *size);
     result = sbacc_read(*data, *size, 0, file.handle());
     if (result != stored) {
-        TRACE(1, "[backup_rw]  Read ERROR f_name=%s result=%d ", f_name, result);
+        FAILURE(PLATFORM, result, 1, "[backup_rw]  Read ERROR f_name=%s result=%d ", f_name, result);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -102,12 +102,12 @@ int record_size(SbaccHandle &file, const char *f_name, unsigned int size)
     (void)file.close();  // logged there; the second opening tells whether the slot is usable
     int result = file.open("w");
     if (result != 0) {
-        TRACE(1, "[backup_rw]  File Open-2(W) ERROR f_name=%s result=%d ", f_name, result);
+        FAILURE(PLATFORM, result, 1, "[backup_rw]  File Open-2(W) ERROR f_name=%s result=%d ", f_name, result);
         return KESTA_ERR;
     }
     result = sbacc_write_size(size, file.handle());
     if (result < 0) {
-        TRACE(1, "[backup_rw]  File WriteSize(W) ERROR f_name=%s result=%d ", f_name, result);
+        FAILURE(PLATFORM, result, 1, "[backup_rw]  File WriteSize(W) ERROR f_name=%s result=%d ", f_name, result);
         return KESTA_ERR;
     }
     TRACE(3, "[backup_rw] WriteSize(%s) = %d", f_name, static_cast<int>(size));
@@ -117,12 +117,12 @@ int record_size(SbaccHandle &file, const char *f_name, unsigned int size)
 int write_whole(SbaccHandle &file, const char *f_name, void *const *data, unsigned int size)
 {
     if (!data || !*data) {
-        TRACE(1, "[backup_rw] Argument ERROR(data=NULL)");
+        FAILURE(ARGUMENT, 0, 1, "[backup_rw] Argument ERROR(data=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
     int result = file.open("w");
     if (result != 0) {
-        TRACE(1, "[backup_rw]  File Open(W) ERROR f_name=%s result=%d ", f_name, result);
+        FAILURE(PLATFORM, result, 1, "[backup_rw]  File Open(W) ERROR f_name=%s result=%d ", f_name, result);
         return KESTA_ERR;
     }
     if (!file.closed_properly()) {
@@ -130,7 +130,7 @@ int write_whole(SbaccHandle &file, const char *f_name, void *const *data, unsign
     }
     result = sbacc_write(*data, size, 0, file.handle());
     if (static_cast<long long>(result) < static_cast<long long>(size)) {
-        TRACE(1, "[backup_rw]  File Write ERROR f_name=%s result=%d ", f_name, result);
+        FAILURE(PLATFORM, result, 1, "[backup_rw]  File Write ERROR f_name=%s result=%d ", f_name, result);
         return KESTA_ERR;
     }
     return is_archive_slot(f_name) ? record_size(file, f_name, size) : KESTA_OK;
@@ -141,11 +141,11 @@ int write_whole(SbaccHandle &file, const char *f_name, void *const *data, unsign
 int kestal_backup_rw(const char *f_name, int rw_flag, void **data, unsigned int *size)
 {
     if (!f_name) {
-        TRACE(1, "[backup_rw] Argument ERROR(f_name=NULL)");
+        FAILURE(ARGUMENT, 0, 1, "[backup_rw] Argument ERROR(f_name=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
     if (!size) {
-        TRACE(1, "[backup_rw] Argument ERROR(d_size=NULL)");
+        FAILURE(ARGUMENT, 0, 1, "[backup_rw] Argument ERROR(d_size=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
     TRACE(5, "[backup_rw] START f_name=%s, rw_flag=%d", f_name, rw_flag);
@@ -157,7 +157,7 @@ int kestal_backup_rw(const char *f_name, int rw_flag, void **data, unsigned int 
     } else if (rw_flag == KESTA_FILE_WRITE) {
         ret = write_whole(file, f_name, data, *size);
     } else {
-        TRACE(1, "[backup_rw] Read Write flag ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[backup_rw] Read Write flag ERROR");
     }
     const int closed = file.close();
     if (ret == KESTA_OK) {

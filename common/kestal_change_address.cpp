@@ -39,7 +39,7 @@ int kestal_change_address(char *accept_name, char *backup_name, int flag)
                                   : NameSwitch{KESTA_BLOCK_BACKUP_NAME, "kesta_sysback", backup_name};
     const bool writes = flag == KESTA_OFF || flag == KESTA_ON;
     if (writes && !target.name) {
-        TRACE(1, "[change_address] Argument Error.");
+        FAILURE(ARGUMENT, 0, 1, "[change_address] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
     kesta::InnerLockSection lock;

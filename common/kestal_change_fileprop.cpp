@@ -47,7 +47,7 @@ int make_link(const char *link, const char *file)
                            ? kestal_exec_cmd_by_system(command.data())
                            : KESTA_ERR;
     if (result != KESTA_OK) {
-        TRACE(1, "[change_fileprop] command(%s) ERROR result=%d", command.data(), result);
+        FAILURE(COMMAND, result, 1, "[change_fileprop] command(%s) ERROR result=%d", command.data(), result);
         return KESTA_ERR;
     }
     TRACE(5, "[change_fileprop] command(%s) OK result=%d", command.data(), result);
@@ -100,7 +100,7 @@ int change_file(KESTA_BACKUP_FILE_PATH &file, bool may_be_gone)
             TRACE(5, "[change_fileprop] (%s) is a delete file ---> CONTINUE", file.pathname);
             return KESTA_OK;
         }
-        TRACE(1, "[change_fileprop] (%s) is not found ---> FAILED", file.pathname);
+        FAILURE(SYSTEM, ENOENT, 1, "[change_fileprop] (%s) is not found ---> FAILED", file.pathname);
         return KESTA_ERR;
     }
     if (make_links(file) != KESTA_OK) {
@@ -115,11 +115,11 @@ int kestal_change_fileprop(KESTA_BACKUP_FILE *definition, int cntno)
 {
     TRACE(5, "[change_fileprop] START");
     if (static_cast<unsigned>(cntno) >= KESTA_CONTROLLERS) {
-        TRACE(1, "[change_fileprop] CntNo ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[change_fileprop] CntNo ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     if (!definition) {
-        TRACE(1, "[change_fileprop] BackupFile ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[change_fileprop] BackupFile ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     const bool may_be_gone = strcmp(definition->operation, files_may_be_gone) == 0;
@@ -141,11 +141,11 @@ int kestal_change_owner(char *file, const char *owner)
 {
     TRACE(5, "[change_owner] START");
     if (!file) {
-        TRACE(1, "[change_owner] FilePath ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[change_owner] FilePath ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     if (!owner) {
-        TRACE(1, "[change_owner] OwnerName ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[change_owner] OwnerName ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     TRACE(5, "[change_owner] file=%s ownername=%s", file, owner);
@@ -157,7 +157,7 @@ int kestal_change_owner(char *file, const char *owner)
         const struct passwd *user = getpwnam(owner);
         if (!user) {
             const int error = errno;
-            TRACE(1, "[change_owner] getpwnam(%s) ERROR errno=%d", owner, error);
+            FAILURE(SYSTEM, error, 1, "[change_owner] getpwnam(%s) ERROR errno=%d", owner, error);
             return KESTA_ERR_ARGUMENT;
         }
         id = static_cast<int>(user->pw_uid);
@@ -167,7 +167,7 @@ int kestal_change_owner(char *file, const char *owner)
     const int rtn = chown(file, static_cast<uid_t>(id), group_unchanged);
     if (rtn != 0) {
         const int error = errno;
-        TRACE(1, "[change_owner] chown ERROR file=%s ownername=%s ownerid=%d rtn=%d errno=%d", file,
+        FAILURE(SYSTEM, error, 1, "[change_owner] chown ERROR file=%s ownername=%s ownerid=%d rtn=%d errno=%d", file,
               owner, id, rtn, error);
         return KESTA_ERR_FILE_PROPERTY;
     }
@@ -179,11 +179,11 @@ int kestal_change_group(char *file, const char *group)
 {
     TRACE(5, "[change_group] START");
     if (!file) {
-        TRACE(1, "[change_group] FilePath ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[change_group] FilePath ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     if (!group) {
-        TRACE(1, "[change_group] GroupName ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[change_group] GroupName ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     TRACE(5, "[change_group] file=%s groupname=%s", file, group);
@@ -196,7 +196,7 @@ int kestal_change_group(char *file, const char *group)
         const struct group *entry = getgrnam(group);
         if (!entry) {
             const int error = errno;
-            TRACE(1, "[change_group] getgrnam ERROR group=%s errno=%d", group, error);
+            FAILURE(SYSTEM, error, 1, "[change_group] getgrnam ERROR group=%s errno=%d", group, error);
             return KESTA_ERR_ARGUMENT;
         }
         id = static_cast<int>(entry->gr_gid);
@@ -206,7 +206,7 @@ int kestal_change_group(char *file, const char *group)
     const int rtn = chown(file, owner_unchanged, static_cast<gid_t>(id));
     if (rtn != 0) {
         const int error = errno;
-        TRACE(1, "[change_group] chown ERROR file=%s group=%s groupid=%d rtn=%d errno=%d", file, group,
+        FAILURE(SYSTEM, error, 1, "[change_group] chown ERROR file=%s group=%s groupid=%d rtn=%d errno=%d", file, group,
               id, rtn, error);
         return KESTA_ERR_FILE_PROPERTY;
     }
@@ -218,23 +218,23 @@ int kestal_change_filemode(char *file, const char *mode)
 {
     TRACE(5, "[change_filemode] START");
     if (!file) {
-        TRACE(1, "[change_filemode] FilePath ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[change_filemode] FilePath ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     if (!mode) {
-        TRACE(1, "[change_filemode] FileMode ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[change_filemode] FileMode ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     TRACE(5, "[change_filemode] FilePath=%s, FileMode=%s", file, mode);
     if (kestal_isdigit(mode) != KESTA_OK) {
-        TRACE(1, "[change_filemode] isdigit check ERROR filemode=%s", mode);
+        FAILURE(CONTENT, 0, 1, "[change_filemode] isdigit check ERROR filemode=%s", mode);
         return KESTA_ERR;
     }
     // The range is that of the decimal reading; what is applied is the octal one, up to the first 8
     // or 9.
     const int read_as_decimal = to_number(mode);
     if (read_as_decimal < lowest_mode || read_as_decimal > highest_mode) {
-        TRACE(1, "[change_filemode] FileMode ERROR modeidint=%d", read_as_decimal);
+        FAILURE(ARGUMENT, 0, 1, "[change_filemode] FileMode ERROR modeidint=%d", read_as_decimal);
         return KESTA_ERR_ARGUMENT;
     }
     TRACE(5, "[change_filemode] FileMode=%d", read_as_decimal);
@@ -242,7 +242,7 @@ int kestal_change_filemode(char *file, const char *mode)
     const int rtn = chmod(file, static_cast<mode_t>(strtol(mode, nullptr, octal)));
     if (rtn != 0) {
         const int error = errno;
-        TRACE(1, "[change_filemode] FileMode Change ERROR rtn =%d,errno=%d", rtn, error);
+        FAILURE(SYSTEM, error, 1, "[change_filemode] FileMode Change ERROR rtn =%d,errno=%d", rtn, error);
         return KESTA_ERR_FILE_PROPERTY;
     }
     TRACE(5, "[change_filemode] END");

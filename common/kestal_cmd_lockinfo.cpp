@@ -20,11 +20,11 @@ int kestal_read_cmd_lockinfo(int block_id, void *lockinfo, int size, int cnt_num
           "[kestal_read_cmd_lockinfo] Command lock information read Start. block_id=%d size=%d",
           block_id, size);
     if (!is_lock_block(block_id)) {
-        TRACE(1, "[kestal_read_cmd_lockinfo] Argument Error. block_id=%d", block_id);
+        FAILURE(ARGUMENT, 0, 1, "[kestal_read_cmd_lockinfo] Argument Error. block_id=%d", block_id);
         return KESTA_ERR_ARGUMENT;
     }
     if (!lockinfo) {
-        TRACE(1, "[kestal_read_cmd_lockinfo] Argument Error.(lockinfo=NULL)");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_read_cmd_lockinfo] Argument Error.(lockinfo=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
     kesta::InnerLockSection lock;
@@ -53,11 +53,11 @@ int kestal_write_cmd_lockinfo(int block_id, void *lockinfo, int size, int cnt_nu
           "[kestal_write_cmd_lockinfo] Command lock information write Start. block_id=%d size=%d",
           block_id, size);
     if (!is_lock_block(block_id)) {
-        TRACE(1, "[kestal_write_cmd_lockinfo] Argument Error. block_id=%d", block_id);
+        FAILURE(ARGUMENT, 0, 1, "[kestal_write_cmd_lockinfo] Argument Error. block_id=%d", block_id);
         return KESTA_ERR_ARGUMENT;
     }
     if (!lockinfo) {
-        TRACE(1, "[kestal_write_cmd_lockinfo] Argument Error.(lockinfo=NULL)");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_write_cmd_lockinfo] Argument Error.(lockinfo=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
     kesta::InnerLockSection lock;

@@ -14,13 +14,13 @@ void report_step(kesta::ToSlotStep step, const char *file, const char *slot, uns
         TRACE(1, "[cntbackup2backup]  Get File size ERROR c_name=%s", file);
         break;
     case kesta::ToSlotStep::allocate:
-        TRACE(1, "[cntbackup2backup] MALLOC ERROR size=%d errno=%d", static_cast<int>(size), error);
+        FAILURE(MEMORY, error, 1, "[cntbackup2backup] MALLOC ERROR size=%d errno=%d", static_cast<int>(size), error);
         break;
     case kesta::ToSlotStep::open:
-        TRACE(1, "[cntbackup2backup]  File Open(Read) ERROR c_name=%s, errno=%d", file, error);
+        FAILURE(SYSTEM, error, 1, "[cntbackup2backup]  File Open(Read) ERROR c_name=%s, errno=%d", file, error);
         break;
     case kesta::ToSlotStep::read:
-        TRACE(1, "[cntbackup2backup]  Read ERROR c_name=%s f_size=%d errno=%d", file,
+        FAILURE(SYSTEM, error, 1, "[cntbackup2backup]  Read ERROR c_name=%s f_size=%d errno=%d", file,
               static_cast<int>(size), error);
         break;
     case kesta::ToSlotStep::announce:

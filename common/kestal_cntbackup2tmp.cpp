@@ -10,7 +10,7 @@ int kestal_cntbackup2tmp(const char *group, int acceptflg)
     TRACE(4, "[kestal_cntbackup2tmp] Flash(CNT-Backup) ---> Tmp (group_name=%s,acceptflg=%d)",
           group ? group : "(null)", acceptflg);
     if (!group) {
-        TRACE(1, "[kestal_cntbackup2tmp] Group name Error.");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_cntbackup2tmp] Group name Error.");
         return KESTA_ERR_ARGUMENT;
     }
     const kesta::Path source = kesta::path_of(
@@ -24,7 +24,7 @@ int kestal_cntbackup2tmp(const char *group, int acceptflg)
     }
     const int rtn = kestal_exec_cmd_by_system(command.data());
     if (rtn != 0) {
-        TRACE(1, "[kestal_cntbackup2tmp] Script(Flash->Tmp) Exe Error rtn=%d", rtn);
+        FAILURE(COMMAND, rtn, 1, "[kestal_cntbackup2tmp] Script(Flash->Tmp) Exe Error rtn=%d", rtn);
         return KESTA_ERR;
     }
     TRACE(5, "[kestal_cntbackup2tmp] End.(%s) rtn=%d", command.data(), rtn);

@@ -71,7 +71,7 @@ public:
             }
             usleep(back_off_);
             if (r >= max_attempts) {
-                TRACE(1, "[kestal_cntl_innerlock] InnerLock  ERROR");
+                FAILURE(LOCKED, 0, 1, "[kestal_cntl_innerlock] InnerLock  ERROR");
                 return KESTA_ERR_INNERLOCK_WRITE;
             }
         }
@@ -242,7 +242,7 @@ int kestal_cntl_innerlock(int cntno)
     const int own = kesta::own_controller();
     TRACE(5, "[kestal_cntl_innerlock] InnerLock Control Start.(cntno=%d/mycntno=%d)", cntno, own);
     if (!is_controller(cntno)) {
-        TRACE(1, "[kestal_cntl_innerlock] InnerLock Control Error.(cntno=%d)", cntno);
+        FAILURE(ARGUMENT, 0, 1, "[kestal_cntl_innerlock] InnerLock Control Error.(cntno=%d)", cntno);
         return KESTA_ERR_ARGUMENT;
     }
     int own_block = 0;
@@ -258,7 +258,7 @@ int kestal_reset_mycnt_innerlock_main(int cntno, int flag)
 {
     TRACE(5, "[kestal_reset_mycnt_innerlock] InnerLock Reset Start.(cntno=%d)", cntno);
     if (!is_controller(cntno)) {
-        TRACE(1, "[kestal_reset_mycnt_innerlock] InnerLock Reset Error.(cntno=%d)", cntno);
+        FAILURE(ARGUMENT, 0, 1, "[kestal_reset_mycnt_innerlock] InnerLock Reset Error.(cntno=%d)", cntno);
         return KESTA_ERR_ARGUMENT;
     }
     const int slot = flag == clear_given_slot ? cntno : kesta::own_controller();
@@ -282,7 +282,7 @@ int kestal_lockcheck_innerlock(int cntno, void *slots_out, KESTA_INNERLOCK_BUF *
 {
     TRACE(5, "[lockcheck_innerlock] InnerLock Look Start.(cntno=%d)", cntno);
     if (!is_controller(cntno)) {
-        TRACE(1, "[lockcheck_innerlock] InnerLock Look Error(cntno=%d) .", cntno);
+        FAILURE(ARGUMENT, 0, 1, "[lockcheck_innerlock] InnerLock Look Error(cntno=%d) .", cntno);
         return KESTA_ERR_ARGUMENT;
     }
     Slots slots{};
@@ -316,7 +316,7 @@ int kestal_lockcheck_innerlock(int cntno, void *slots_out, KESTA_INNERLOCK_BUF *
 int kestal_compare_innerlock_timeout(int cntno, int value, KESTAL_LOCKBUFFER_STRUCT *buf)
 {
     if (!is_controller(cntno) || !buf) {
-        TRACE(1, "[compare_innerlock_timeout] Argument Error.(cntno=%d)", cntno);
+        FAILURE(ARGUMENT, 0, 1, "[compare_innerlock_timeout] Argument Error.(cntno=%d)", cntno);
         return KESTA_ERR_ARGUMENT;
     }
     KESTAL_LOCKBUFFER_STRUCT &seen = buf[cntno];

@@ -104,7 +104,7 @@ public:
         }
         const LockType *type = find_type(lock_type);
         if (!type) {
-            TRACE(1, "[kestal_global_command_lock] Argument Error. lock_type=%d.", lock_type);
+            FAILURE(ARGUMENT, 0, 1, "[kestal_global_command_lock] Argument Error. lock_type=%d.", lock_type);
             return KESTA_ERR_ARGUMENT;
         }
         if (!admitted(*type)) {
@@ -149,16 +149,14 @@ private:
         for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
             const KESTA_COMMAND_LOCKINFO &slot = slot_of(slots_, i);
             if (slot.status != KESTA_LOCK_STATUS_FREE) {
-                TRACE(1,
-                      "[kestal_global_command_lock] Lock Error. Already locked Command lock. "
+                FAILURE(LOCKED, 0, 1, "[kestal_global_command_lock] Lock Error. Already locked Command lock. "
                       "CNT=%d lockstatus=%d",
                       i, slot.status);
                 met(i);
                 return false;
             }
             if (heeds_signs && slot.sign != 0) {
-                TRACE(1,
-                      "[kestal_global_command_lock] Sign Error. Already locked Command lock. CNT=%d "
+                FAILURE(LOCKED, 0, 1, "[kestal_global_command_lock] Sign Error. Already locked Command lock. CNT=%d "
                       "sign=%d",
                       i, low_bits(slot.sign));
                 met(i);
@@ -193,13 +191,11 @@ private:
                 continue;
             }
             if (status == KESTA_LOCK_STATUS_TYPE1) {
-                TRACE(1,
-                      "[kestal_global_command_lock] Lock Error. After locked Command lock. CNT=%d "
+                FAILURE(LOCKED, 0, 1, "[kestal_global_command_lock] Lock Error. After locked Command lock. CNT=%d "
                       "lockstatus=%d",
                       i, status);
             } else {
-                TRACE(1,
-                      "[kestal_global_command_lock] Lock Error. Other locked Command lock. CNT=%d "
+                FAILURE(LOCKED, 0, 1, "[kestal_global_command_lock] Lock Error. Other locked Command lock. CNT=%d "
                       "lockstatus=%d",
                       i, status);
             }
@@ -296,14 +292,13 @@ int release_record(KESTA_COMMAND_LOCKINFO &record, const char *lock_identifier, 
     }
     if (lock_identifier) {
         if (kestal_isdigit(lock_identifier) != KESTA_OK) {
-            TRACE(1, "[kestal_global_command_unlock] isdigit check Error. lock_identifier=%s",
+            FAILURE(CONTENT, 0, 1, "[kestal_global_command_unlock] isdigit check Error. lock_identifier=%s",
                   lock_identifier);
             return KESTA_ERR;
         }
         const int shown = low_bits(identifier_value(lock_identifier));
         if (shown != low_bits(record.sign)) {
-            TRACE(2,
-                  "[kestal_global_command_unlock] Lock_identifier unmatch. (volatile:%d, "
+            FAILURE(LOCKED, 0, 2, "[kestal_global_command_unlock] Lock_identifier unmatch. (volatile:%d, "
                   "request:%d)",
                   low_bits(record.sign), shown);
             return KESTA_ERR_LOCK_IDENTIFIER;
@@ -332,7 +327,7 @@ int kestal_global_command_lock_func(int cnt_num, int lock_type, char *lock_ident
     TRACE(5, "[kestal_global_command_lock] Global command lock Start. cnt_num=%d lock_type=%d",
           cnt_num, lock_type);
     if (!lock_identifier) {
-        TRACE(1, "[kestal_global_command_lock] Argument Error.(lock_identifier=NULL)");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_global_command_lock] Argument Error.(lock_identifier=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
     return Locking(cnt_num, lock_identifier, relock != 0, locked_cnt).run(lock_type, group_name);
@@ -343,7 +338,7 @@ int kestal_global_command_lock_check(int cnt_num, char *group_name_out, int *loc
     TRACE(5, "[global_command_lock_check] Command lock Timeout chack Start. cnt_num=%d", cnt_num);
     const bool all = cnt_num == all_controllers;
     if (!all && static_cast<unsigned>(cnt_num) >= KESTA_CONTROLLERS) {
-        TRACE(1, "[global_command_lock_check] Parameter Error. cnt_num=%d", cnt_num);
+        FAILURE(ARGUMENT, 0, 1, "[global_command_lock_check] Parameter Error. cnt_num=%d", cnt_num);
         return KESTA_ERR;
     }
     Slots slots{};
@@ -405,18 +400,18 @@ int check_convertible(Slots &slots, int own, const char *lock_identifier)
 {
     const KESTA_COMMAND_LOCKINFO &slot = slot_of(slots, own);
     if (low_bits(slot.sign) != low_bits(identifier_value(lock_identifier))) {
-        TRACE(1, "[kestal_backup_lock] Lock_identifier unmatch. lock_identifier=%s",
+        FAILURE(LOCKED, 0, 1, "[kestal_backup_lock] Lock_identifier unmatch. lock_identifier=%s",
               lock_identifier);
         return KESTA_ERR_LOCK_IDENTIFIER;
     }
     if (slot.status != KESTA_LOCK_STATUS_TYPE1) {
-        TRACE(1, "[kestal_backup_lock] Lock Status Error");
+        FAILURE(LOCKED, 0, 1, "[kestal_backup_lock] Lock Status Error");
         return KESTA_ERR;
     }
     for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
         const int status = slot_of(slots, i).status;
         if (i != own && status != KESTA_LOCK_STATUS_FREE) {
-            TRACE(1, "[kestal_backup_lock] Lock Error. LOCK CNT(%d) STS(%d) Command EXE", i, status);
+            FAILURE(LOCKED, 0, 1, "[kestal_backup_lock] Lock Error. LOCK CNT(%d) STS(%d) Command EXE", i, status);
             return KESTA_ERR;
         }
     }
@@ -431,11 +426,11 @@ int kestal_backup_lock(const char *lock_identifier)
     TRACE(5, "[kestal_backup_lock] Backup command lock Start. cnt_num=%d lock_identifier=%s", own,
           lock_identifier ? lock_identifier : "NULL");
     if (!lock_identifier) {
-        TRACE(1, "[kestal_backup_lock] Argument Error. lock_identifier=NULL");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_backup_lock] Argument Error. lock_identifier=NULL");
         return KESTA_ERR_ARGUMENT;
     }
     if (kestal_isdigit(lock_identifier) != KESTA_OK) {
-        TRACE(1, "[kestal_backup_lock] isdigit check Error. lock_identifier=%s", lock_identifier);
+        FAILURE(CONTENT, 0, 1, "[kestal_backup_lock] isdigit check Error. lock_identifier=%s", lock_identifier);
         return KESTA_ERR;
     }
     int block_id = 0;

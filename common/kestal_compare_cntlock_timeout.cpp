@@ -53,7 +53,7 @@ int compare(int cnt_num, int value)
 int kestal_compare_cntlock_timeout(int cnt_num, int value)
 {
     if (!is_controller(cnt_num)) {
-        TRACE(1, "[compare_cntlock_timeout] Argument Error.(cntno=%d)", cnt_num);
+        FAILURE(ARGUMENT, 0, 1, "[compare_cntlock_timeout] Argument Error.(cntno=%d)", cnt_num);
         return KESTA_ERR_ARGUMENT;
     }
     const kesta::CancelOff off;

@@ -54,13 +54,12 @@ int write_line(int fd, const char *path, int version)
     kesta::TextBuffer line;
     kestal_strcat(line.out(), line.capacity(), "%d\n", version);
     if (!line.made()) {
-        TRACE(1, "[set_flash_version_file] Buffer ERROR flash_version_file=%s", path);
+        FAILURE(ARGUMENT, 0, 1, "[set_flash_version_file] Buffer ERROR flash_version_file=%s", path);
         return KESTA_ERR;
     }
     const kesta::TextWritten result = kesta::write_text(fd, line.text());
     if (!result.complete()) {
-        TRACE(1,
-              "[set_flash_version_file] File Write Error flash_version_file=%s len=%d result=%d "
+        FAILURE(SYSTEM, result.error, 1, "[set_flash_version_file] File Write Error flash_version_file=%s len=%d result=%d "
               "errno=%d",
               path, result.length, result.written, result.error);
         return KESTA_ERR;
@@ -76,11 +75,11 @@ int kestal_read_flash_version_file(int *version, int f_type)
 {
     TRACE(5, "[read_flash_version_file] START f_type=%d", f_type);
     if (!version) {
-        TRACE(1, "[read_flash_version_file] Argument ERROR version=NULL");
+        FAILURE(ARGUMENT, 0, 1, "[read_flash_version_file] Argument ERROR version=NULL");
         return KESTA_ERR_ARGUMENT;
     }
     if (!is_below(f_type, flash_version_files.size())) {
-        TRACE(1, "[read_flash_version_file] Argument ERROR f_type=%d", f_type);
+        FAILURE(ARGUMENT, 0, 1, "[read_flash_version_file] Argument ERROR f_type=%d", f_type);
         return KESTA_ERR_ARGUMENT;
     }
     const char *path = path_of(f_type);
@@ -95,14 +94,14 @@ int kestal_read_flash_version_file(int *version, int f_type)
             return KESTA_OK;
         }
         if (!file) {
-            TRACE(1, "[read_flash_version_file] flash_version_file=%s Open ERROR errno=%d", path,
+            FAILURE(SYSTEM, error, 1, "[read_flash_version_file] flash_version_file=%s Open ERROR errno=%d", path,
                   error);
             return KESTA_ERR;
         }
         read_word(file.get(), word);
     }
     if (strcmp(word.data(), no_version_text) != 0 && kestal_isdigit(word.data()) != KESTA_OK) {
-        TRACE(1, "[read_flash_version_file] isdigit check ERROR flash_version_file=%s read_buf=%s",
+        FAILURE(CONTENT, 0, 1, "[read_flash_version_file] isdigit check ERROR flash_version_file=%s read_buf=%s",
               path, word.data());
         return KESTA_ERR;
     }
@@ -116,11 +115,11 @@ int kestal_set_flash_version_file(int version, int f_type)
 {
     TRACE(5, "[set_flash_version_file] START version=%d f_type=%d", version, f_type);
     if (version < no_version) {
-        TRACE(1, "[set_flash_version_file] Argument ERROR version=%d", version);
+        FAILURE(ARGUMENT, 0, 1, "[set_flash_version_file] Argument ERROR version=%d", version);
         return KESTA_ERR_ARGUMENT;
     }
     if (!is_below(f_type, writable_files)) {
-        TRACE(1, "[set_flash_version_file] Argument ERROR f_type=%d", f_type);
+        FAILURE(ARGUMENT, 0, 1, "[set_flash_version_file] Argument ERROR f_type=%d", f_type);
         return KESTA_ERR_ARGUMENT;
     }
     const char *path = path_of(f_type);
@@ -130,7 +129,7 @@ int kestal_set_flash_version_file(int version, int f_type)
             open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
         if (!file) {
             const int error = errno;
-            TRACE(1, "[set_flash_version_file] Flash flash_version_file=%s Open ERROR errno=%d",
+            FAILURE(SYSTEM, error, 1, "[set_flash_version_file] Flash flash_version_file=%s Open ERROR errno=%d",
                   path, error);
             return KESTA_ERR;
         }

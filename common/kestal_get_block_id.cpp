@@ -26,11 +26,11 @@ constexpr std::array<IdTypeRow, 6> id_type2block_id{{
 int kestal_get_block_id(int id_type, int cnt_num, int *block_id)
 {
     if (static_cast<unsigned>(cnt_num) >= KESTA_CONTROLLERS) {
-        TRACE(1, "[kestal_get_block_id] Argument Error.(cnt_num=%d).", cnt_num);
+        FAILURE(ARGUMENT, 0, 1, "[kestal_get_block_id] Argument Error.(cnt_num=%d).", cnt_num);
         return KESTA_ERR_ARGUMENT;
     }
     if (!block_id) {
-        TRACE(1, "[kestal_get_block_id] Argument Error.(block_id=NULL).");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_get_block_id] Argument Error.(block_id=NULL).");
         return KESTA_ERR_ARGUMENT;
     }
     for (const IdTypeRow &row : id_type2block_id) {
@@ -39,6 +39,6 @@ int kestal_get_block_id(int id_type, int cnt_num, int *block_id)
             return KESTA_OK;
         }
     }
-    TRACE(1, "[kestal_get_block_id] Argument Error.(id_type=%d).", id_type);
+    FAILURE(ARGUMENT, 0, 1, "[kestal_get_block_id] Argument Error.(id_type=%d).", id_type);
     return KESTA_ERR_ARGUMENT;
 }

@@ -32,8 +32,7 @@ int kestal_get_cnt_num_file(int option)
     const int rtn =
         vrbapi_getint_from_file(row.path, row.flag, row.min, row.max, &value, &error);
     if (rtn != 0) {
-        TRACE(1,
-              "vrb_getint_from_file[%d] failed. ret=(%d) path=(%s) func_name=(%.16s) errno=%d",
+        FAILURE(SYSTEM, error.s_errno, 1, "vrb_getint_from_file[%d] failed. ret=(%d) path=(%s) func_name=(%.16s) errno=%d",
               option, rtn, row.path, error.func_name, error.s_errno);
         value = KESTA_ERR;
     }

@@ -140,8 +140,7 @@ int check_range(int value, int option)
 {
     const cnt_num_cpinfo_opt_t &row = cnt_num_cpinfo_opt[static_cast<unsigned>(option)];
     if (value < row.min || value > row.max) {
-        TRACE(1,
-              "[kestal_execute_command_by_popen] Get My CNT Number ERROR cnt_num=%d num_flag=%d",
+        FAILURE(CONTENT, 0, 1, "[kestal_execute_command_by_popen] Get My CNT Number ERROR cnt_num=%d num_flag=%d",
               value, option);
         return KESTA_ERR_CPINFO;
     }
@@ -156,7 +155,7 @@ int interpret_line(const char *text, int option)
     case KESTA_CPINFO_CONTROLLER_COUNT:
     case KESTA_CPINFO_OWN_NUMBER_NO_FILE:
         if (kestal_isdigit(text) != KESTA_OK) {
-            TRACE(1, "[kestal_execute_command_by_popen] isdigit check ERROR buf=%s", text);
+            FAILURE(CONTENT, 0, 1, "[kestal_execute_command_by_popen] isdigit check ERROR buf=%s", text);
             return KESTA_ERR_CPINFO;
         }
         return check_range(kesta::leading_int(text), option);
@@ -175,7 +174,7 @@ int interpret_line(const char *text, int option)
 void report_close(int status)
 {
     if (((static_cast<unsigned>(status) >> 8 | static_cast<unsigned>(status)) & 0xffU) != 0) {
-        TRACE(1, "[kestal_execute_command_by_popen] pclose error. status=0x%x",
+        FAILURE(COMMAND, status, 1, "[kestal_execute_command_by_popen] pclose error. status=0x%x",
               static_cast<unsigned>(status));
     }
 }
@@ -186,7 +185,7 @@ int write_number(const char *path, int value, const char *what)
     if (vrbapi_setint_to_file(path, value, &error) == 0) {
         return value;
     }
-    TRACE(1, "[get_cnt_num_from_cpinfo] Failed to set %s to file. errno=%d", what, error.s_errno);
+    FAILURE(SYSTEM, error.s_errno, 1, "[get_cnt_num_from_cpinfo] Failed to set %s to file. errno=%d", what, error.s_errno);
     return KESTA_ERR;
 }
 
@@ -244,7 +243,7 @@ int read_lines(PipePtr &pipe, const char *command, char **output)
     for (int i = 0; output[i]; ++i) {
         PipePtr::Line line;
         if (!pipe.read_line(line)) {
-            TRACE(1, "[kestal_execute] fgets() Error. cmd=%s i=%d", command, i);
+            FAILURE(CONTENT, 0, 1, "[kestal_execute] fgets() Error. cmd=%s i=%d", command, i);
             return KESTA_ERR;
         }
         // No terminator is written: the caller's zeroed buffer supplies it.
@@ -272,7 +271,7 @@ int kestal_execute_command_by_popen(int option)
 {
     TRACE(5, "[kestal_execute_command_by_popen] START");
     if (static_cast<unsigned>(option) >= cnt_num_cpinfo_opt.size()) {
-        TRACE(1, "[kestal_execute_command_by_popen] Argument ERROR(option=%d)", option);
+        FAILURE(ARGUMENT, 0, 1, "[kestal_execute_command_by_popen] Argument ERROR(option=%d)", option);
         return KESTA_ERR_ARGUMENT;
     }
     PipePtr pipe(cnt_num_cpinfo_opt[static_cast<unsigned>(option)].cmd_opt);
@@ -315,7 +314,7 @@ int kestal_execute(const char *command, char **output)
 {
     TRACE(5, "[kestal_execute] START");
     if (!command || !output) {
-        TRACE(1, "[kestal_execute] Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_execute] Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     PipePtr pipe(command);
@@ -327,7 +326,7 @@ int kestal_execute(const char *command, char **output)
     int status = pipe.close();
     while (ended_by_signal(status) != 0) {
         // The tag is another function's, and the close is repeated: both are kept.
-        TRACE(1, "[zKTmc_execute_cmd] cmd may fail. cmd=%s status=%x", command,
+        FAILURE(COMMAND, status, 1, "[zKTmc_execute_cmd] cmd may fail. cmd=%s status=%x", command,
               static_cast<unsigned>(status));
         status = close_again(status);
     }

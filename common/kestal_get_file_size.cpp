@@ -34,18 +34,18 @@ long long end_position(FILE *file)
 int kestal_get_file_size(const char *f_name, unsigned int *ret_size)
 {
     if (!f_name) {
-        TRACE(1, "[get_file_size] Argument ERROR(f_name=NULL)");
+        FAILURE(ARGUMENT, 0, 1, "[get_file_size] Argument ERROR(f_name=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
     if (!ret_size) {
-        TRACE(1, "[get_file_size] Argument ERROR(ret_size=NULL)");
+        FAILURE(ARGUMENT, 0, 1, "[get_file_size] Argument ERROR(ret_size=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
     const kesta::FilePtr file(fopen(f_name, "rbe"));
     const long long size = file ? end_position(file.get()) : -1;
     if (size < 0) {
         const int error = errno;
-        TRACE(1, "[get_file_size] File open Error f_name =%s errno=%d", f_name, error);
+        FAILURE(SYSTEM, error, 1, "[get_file_size] File open Error f_name =%s errno=%d", f_name, error);
         return KESTA_ERR_ARGUMENT;
     }
     *ret_size = static_cast<unsigned int>(size);

@@ -25,11 +25,11 @@ bool split_line(char *line, Group &group)
     char *rest = nullptr;
     group.name = strtok_r(line, ",", &rest);
     if (!group.name) {
-        TRACE(1, "[get_allgroupname] Group name is NULL g_name=NULL");
+        FAILURE(CONTENT, 0, 1, "[get_allgroupname] Group name is NULL g_name=NULL");
         return false;
     }
     if (strlen(group.name) >= KESTA_GROUP_NAME_SIZE) {
-        TRACE(1, "[get_allgroupname] Group name size ERROR g_name=%s", group.name);
+        FAILURE(CONTENT, 0, 1, "[get_allgroupname] Group name size ERROR g_name=%s", group.name);
         return false;
     }
     group.code = strtok_r(nullptr, ",", &rest);
@@ -38,12 +38,12 @@ bool split_line(char *line, Group &group)
         group.code = "0";
     }
     if (strlen(group.code) > code_digits) {
-        TRACE(1, "[get_allgroupname] Group errorcd size ERROR g_name=%s g_errorcd=%s", group.name,
+        FAILURE(CONTENT, 0, 1, "[get_allgroupname] Group errorcd size ERROR g_name=%s g_errorcd=%s", group.name,
               group.code);
         return false;
     }
     if (kestal_isdigit(group.code) != KESTA_OK) {
-        TRACE(1, "[get_allgroupname] Group errorcd isdigit check ERROR g_name=%s g_errorcd=%s",
+        FAILURE(CONTENT, 0, 1, "[get_allgroupname] Group errorcd isdigit check ERROR g_name=%s g_errorcd=%s",
               group.name, group.code);
         return false;
     }
@@ -54,7 +54,7 @@ bool split_line(char *line, Group &group)
 bool store_group(const Group &group, int count, char *names, int *errorcds)
 {
     if (count > KESTA_GROUP_LIST_ENTRIES) {
-        TRACE(1, "[get_allgroupname] Group Number Over.");
+        FAILURE(CONTENT, 0, 1, "[get_allgroupname] Group Number Over.");
         return false;
     }
     const int index = count - 1;
@@ -63,7 +63,7 @@ bool store_group(const Group &group, int count, char *names, int *errorcds)
     memcpy(entry, group.name, strnlen(group.name, KESTA_GROUP_NAME_SIZE));
     errorcds[index] = kesta::leading_int(group.code);
     if (errorcds[index] > highest_code) {
-        TRACE(1, "[get_allgroupname] Group error cd range check ERROR g_name=%s g_errorcd=%s",
+        FAILURE(CONTENT, 0, 1, "[get_allgroupname] Group error cd range check ERROR g_name=%s g_errorcd=%s",
               group.name, group.code);
         return false;
     }
@@ -85,7 +85,7 @@ int read_groups(FILE *file, const char *path, char *names, int *errorcds)
         }
     }
     if (ferror(file)) {
-        TRACE(1, "[get_allgroupname] fgets() ERROR f_name=%s", path);
+        FAILURE(CONTENT, 0, 1, "[get_allgroupname] fgets() ERROR f_name=%s", path);
         return KESTA_ERR;
     }
     return count;
@@ -97,7 +97,7 @@ int kestal_get_groupname_from_file(char *names, int *errorcds, const char *file)
 {
     TRACE(5, "[get_allgroupname] START");
     if (!names || !errorcds || !file) {
-        TRACE(1, "[get_allgroupname] Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[get_allgroupname] Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     TRACE(4, "[get_allgroupname] file open filename=%s", file);
@@ -106,7 +106,7 @@ int kestal_get_groupname_from_file(char *names, int *errorcds, const char *file)
         const kesta::FilePtr list(fopen(file, "re"));
         if (!list) {
             const int error = errno;
-            TRACE(1, "[get_allgroupname] File open Error f_name =%s, errno=%d", file, error);
+            FAILURE(SYSTEM, error, 1, "[get_allgroupname] File open Error f_name =%s, errno=%d", file, error);
             return KESTA_ERR;
         }
         result = read_groups(list.get(), file, names, errorcds);

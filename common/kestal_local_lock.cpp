@@ -53,12 +53,12 @@ int write_line(int fd, const char *lock_identifier, const char *lock_name)
     kesta::TextBuffer line;
     kestal_strcat(line.out(), line.capacity(), "%s\n", lock_identifier);
     if (!line.made()) {
-        TRACE(1, "[kestal_create_lock_file] Buffer Error.");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_create_lock_file] Buffer Error.");
         return KESTA_ERR;
     }
     const kesta::TextWritten result = kesta::write_text(fd, line.text());
     if (!result.complete()) {
-        TRACE(1, "[kestal_create_lock_file] File Write Error lock_name=%s len=%d result=%d errno=%d",
+        FAILURE(SYSTEM, result.error, 1, "[kestal_create_lock_file] File Write Error lock_name=%s len=%d result=%d errno=%d",
               lock_name, result.length, result.written, result.error);
         return KESTA_ERR;
     }
@@ -70,11 +70,11 @@ int write_line(int fd, const char *lock_identifier, const char *lock_name)
 int kestal_file_command_lock(int *fd, char *name)
 {
     if (!fd) {
-        TRACE(1, "[kestal_local_command_lock] File Descriptor Error.");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_local_command_lock] File Descriptor Error.");
         return KESTA_ERR_ARGUMENT;
     }
     if (!name) {
-        TRACE(1, "[kestal_local_command_lock] FileName Error.");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_local_command_lock] FileName Error.");
         return KESTA_ERR_ARGUMENT;
     }
     // Nothing here waits, and a descriptor that nobody knows yet must not be lost.
@@ -82,14 +82,14 @@ int kestal_file_command_lock(int *fd, char *name)
     *fd = no_descriptor;
     TRACE(5, "[kestal_local_command_lock] Local command lock Start.");
     if (!fits_path(kesta::merge_cache, name)) {
-        TRACE(1, "[kestal_local_command_lock] FileName Error.");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_local_command_lock] FileName Error.");
         return KESTA_ERR_ARGUMENT;
     }
     const kesta::Path path = kesta::path_of(kesta::merge_cache, name);
     *fd = open_local_lock(path, name);
     if (*fd < 0) {
         const int error = errno;
-        TRACE(1, "[kestal_local_command_lock] File Open Error. f_name=%s errno=%d", path.data(),
+        FAILURE(SYSTEM, error, 1, "[kestal_local_command_lock] File Open Error. f_name=%s errno=%d", path.data(),
               error);
         return KESTA_ERR_LOCAL_LOCK;
     }
@@ -111,7 +111,7 @@ int kestal_file_command_unlock(int *fd)
 {
     TRACE(5, "[kestal_local_command_unlock] Local command unlock Start.");
     if (!fd || *fd < 0) {
-        TRACE(1, "[kestal_local_command_unlock] File Descriptor Error.");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_local_command_unlock] File Descriptor Error.");
         return KESTA_ERR_ARGUMENT;
     }
     if (const int result = lockf(*fd, F_ULOCK, whole_file); result != 0) {
@@ -132,11 +132,11 @@ int kestal_create_lock_file(const char *lock_identifier, const char *lock_name)
 {
     TRACE(5, "[kestal_create_lock_file] create_lock_file Start.");
     if (!lock_identifier) {
-        TRACE(1, "[kestal_create_lock_file] Argument Error.(lock_identifier=NULL).");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_create_lock_file] Argument Error.(lock_identifier=NULL).");
         return KESTA_ERR_ARGUMENT;
     }
     if (!lock_name) {
-        TRACE(1, "[kestal_create_lock_file] Argument Error.(lock_name=NULL).");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_create_lock_file] Argument Error.(lock_name=NULL).");
         return KESTA_ERR_ARGUMENT;
     }
     int ret;
@@ -145,7 +145,7 @@ int kestal_create_lock_file(const char *lock_identifier, const char *lock_name)
             open_lock_file(lock_name, O_WRONLY | O_CREAT | O_TRUNC, kesta::new_text_file_mode));
         if (!file) {
             const int error = errno;
-            TRACE(1, "[kestal_create_lock_file] Lock File(%s) Open Error. errno=%d", lock_name,
+            FAILURE(SYSTEM, error, 1, "[kestal_create_lock_file] Lock File(%s) Open Error. errno=%d", lock_name,
                   error);
             return KESTA_ERR;
         }
@@ -160,15 +160,15 @@ int kestal_read_lock_file(const char *file_name, char *buf, int size)
     const char *function = __func__;
     TRACE(5, "[%s] Read lock file Start.", function);
     if (!buf) {
-        TRACE(1, "[%s] Argument Error.(lock_identifier=NULL).", function);
+        FAILURE(ARGUMENT, 0, 1, "[%s] Argument Error.(lock_identifier=NULL).", function);
         return KESTA_ERR_ARGUMENT;
     }
     if (!file_name) {
-        TRACE(1, "[%s] Argument Error.(file_name=NULL).", function);
+        FAILURE(ARGUMENT, 0, 1, "[%s] Argument Error.(file_name=NULL).", function);
         return KESTA_ERR_ARGUMENT;
     }
     if (size < KESTA_LOCK_FILE_BUFFER) {
-        TRACE(1, "[%s] buffer size Error. buf_size=%d", function, size);
+        FAILURE(ARGUMENT, 0, 1, "[%s] buffer size Error. buf_size=%d", function, size);
         return KESTA_ERR;
     }
     {
@@ -178,7 +178,7 @@ int kestal_read_lock_file(const char *file_name, char *buf, int size)
         if (file) {
             (void)opened.release();
         } else {
-            TRACE(1, "[%s] Lock File(%s) Open Error. errno=%d", function, file_name, error);
+            FAILURE(SYSTEM, error, 1, "[%s] Lock File(%s) Open Error. errno=%d", function, file_name, error);
             return KESTA_ERR;
         }
         (void)!fscanf(file.get(), "%10s", buf);  // an empty file leaves the buffer as it was

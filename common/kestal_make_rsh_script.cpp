@@ -150,12 +150,12 @@ int write_samefile_script(int fd, const FileList &list)
     }
     Script script;
     if (!build(script, list)) {
-        TRACE(1, "[make_rsh_samefilename_script] Buffer ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[make_rsh_samefilename_script] Buffer ERROR");
         return KESTA_ERR;
     }
     const kesta::TextWritten result = kesta::write_text(fd, script.text());
     if (!result.complete() || !script.made()) {
-        TRACE(1, "[make_rsh_samefilename_script] File Write Error filename=%s len=%d result=%d errno=%d",
+        FAILURE(SYSTEM, result.error, 1, "[make_rsh_samefilename_script] File Write Error filename=%s len=%d result=%d errno=%d",
               KESTA_SAMEFILE_SCRIPT, result.length, result.written, result.error);
         return KESTA_ERR;
     }
@@ -186,12 +186,12 @@ int write_tarz_script(int fd, int cnt)
     Script script;
     build_tarz(script, cnt);
     if (!script.made()) {
-        TRACE(1, "[make_rsh_tarz_script] Buffer ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[make_rsh_tarz_script] Buffer ERROR");
         return KESTA_ERR;
     }
     const kesta::TextWritten result = kesta::write_text(fd, script.text());
     if (!result.complete()) {
-        TRACE(1, "[make_rsh_tarz_script] File Write Error filename=%s len=%d result=%d errno=%d",
+        FAILURE(SYSTEM, result.error, 1, "[make_rsh_tarz_script] File Write Error filename=%s len=%d result=%d errno=%d",
               KESTA_TARZ_SCRIPT, result.length, result.written, result.error);
         return KESTA_ERR;
     }
@@ -206,14 +206,14 @@ int kestal_make_rsh_samefilename_script(int cnt, char **files, int n)
     TRACE(5, "[make_rsh_samefilename_script] START ret=%d", ret);
     const FileList list{cnt, files, n};
     if (!has_names(list)) {
-        TRACE(1, "[make_rsh_samefilename_script] Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[make_rsh_samefilename_script] Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     {
         const kesta::UniqueFd file(open_script(KESTA_SAMEFILE_SCRIPT));
         if (!file) {
             const int error = errno;
-            TRACE(1, "[make_rsh_samefilename_script] File(%s) Open Failed. errno=%d",
+            FAILURE(SYSTEM, error, 1, "[make_rsh_samefilename_script] File(%s) Open Failed. errno=%d",
                   KESTA_SAMEFILE_SCRIPT, error);
             return KESTA_ERR;
         }
@@ -231,7 +231,7 @@ int kestal_make_rsh_tarz_script(int cnt)
         const kesta::UniqueFd file(open_script(KESTA_TARZ_SCRIPT));
         if (!file) {
             const int error = errno;
-            TRACE(1, "[make_rsh_tarz_script] File(%s) Open Failed. errno=%d", KESTA_TARZ_SCRIPT,
+            FAILURE(SYSTEM, error, 1, "[make_rsh_tarz_script] File(%s) Open Failed. errno=%d", KESTA_TARZ_SCRIPT,
                   error);
             return KESTA_ERR;
         }

@@ -14,7 +14,7 @@ int kestal_master_cnt_check(int cntno)
 {
     TRACE(5, "[master_cnt_check] START");
     if (static_cast<unsigned>(cntno) >= KESTA_CONTROLLERS) {
-        TRACE(1, "[master_cnt_check] Argument ERROR(cnt_num=%d)", cntno);
+        FAILURE(ARGUMENT, 0, 1, "[master_cnt_check] Argument ERROR(cnt_num=%d)", cntno);
         return KESTA_ERR_ARGUMENT;
     }
     std::uint8_t master = no_master;
@@ -22,8 +22,7 @@ int kestal_master_cnt_check(int cntno)
     int extra = 0;  // the platform fills it; nobody here needs it
     const int result = vrbgetsanfwinfo(VRB_SANFWINFO_MASTER, &master, &error, &extra);
     if (result != 0) {
-        TRACE(1,
-              "[master_cnt_check] Get Master CNT Number ERROR result=[%d] func_name=[%.16s] "
+        FAILURE(PLATFORM, result, 1, "[master_cnt_check] Get Master CNT Number ERROR result=[%d] func_name=[%.16s] "
               "s_errno=[%d]",
               result, error.func_name, error.s_errno);
         return KESTA_ERR;

@@ -18,14 +18,14 @@ void report_step(kesta::ToSlotStep step, const char *file, const char *slot, uns
         TRACE(1, "[merge_file2accept]  Get File size ERROR t_name=%s", file);
         break;
     case kesta::ToSlotStep::allocate:
-        TRACE(1, "[merge_file2accept] MALLOC ERROR size=%d errno=%d", static_cast<int>(size),
+        FAILURE(MEMORY, error, 1, "[merge_file2accept] MALLOC ERROR size=%d errno=%d", static_cast<int>(size),
               error);
         break;
     case kesta::ToSlotStep::open:
-        TRACE(1, "[merge_file2accept]  File Open(Read) ERROR t_name=%s errno=%d", file, error);
+        FAILURE(SYSTEM, error, 1, "[merge_file2accept]  File Open(Read) ERROR t_name=%s errno=%d", file, error);
         break;
     case kesta::ToSlotStep::read:
-        TRACE(1, "[merge_file2accept]  Read ERROR t_name=%s f_size=%d errno=%d", file,
+        FAILURE(SYSTEM, error, 1, "[merge_file2accept]  Read ERROR t_name=%s f_size=%d errno=%d", file,
               static_cast<int>(size), error);
         break;
     case kesta::ToSlotStep::announce:
@@ -66,7 +66,7 @@ int kestal_merge_file2accept(char *acceptfile)
 {
     TRACE(5, "[merge_file2accept] START");
     if (!acceptfile) {
-        TRACE(1, "[merge_file2accept] Argument ERROR(acceptfile=NULL)");
+        FAILURE(ARGUMENT, 0, 1, "[merge_file2accept] Argument ERROR(acceptfile=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
     AreaName slot;

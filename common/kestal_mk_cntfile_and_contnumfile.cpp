@@ -4,7 +4,7 @@
 int kestal_mk_cntfile_and_contnumfile(int *own_number, int *controller_count)
 {
     if (!own_number || !controller_count) {
-        TRACE(1, "[mk_cntfile_and_contnumfile] Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[mk_cntfile_and_contnumfile] Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     *own_number = kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_OWN_NUMBER);

@@ -151,7 +151,7 @@ int end_output(Output &output, const char *tag, int result)
 {
     if (!output.close()) {
         const int error = errno;
-        TRACE(1, "[%s] fclose error. errno=%d", tag, error);
+        FAILURE(SYSTEM, error, 1, "[%s] fclose error. errno=%d", tag, error);
         result = KESTA_ERR;
     }
     TRACE(5, "[kestal_non_volatile_dumpout] end. ret=%d", result);
@@ -164,7 +164,7 @@ int dump_region(const DumpRegion &region, const Output &output)
         kestal_calloc_debug(1, region.size, __FILE__, __LINE__, 0));
     if (!buffer) {
         const int error = errno;
-        TRACE(1, "[kestal_non_volatile_dumpout] CALLOC error. size=%d errno=%d", region.size, error);
+        FAILURE(MEMORY, error, 1, "[kestal_non_volatile_dumpout] CALLOC error. size=%d errno=%d", region.size, error);
         return KESTA_ERR;
     }
     TRACE(5, "[kestal_non_volatile_dumpout] read nv memory. (%s)", region.name);
@@ -200,11 +200,11 @@ int dump_pages(int region, int offset, int pages, const Output &output)
 int kestal_non_volatile_r_memory(cpfw_nv_region_t region, void *buffer, int offset, int size)
 {
     if (!buffer) {
-        TRACE(1, "[kestal_non_volatile_r_memory_debug] Data area pointer is INVALID");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_non_volatile_r_memory_debug] Data area pointer is INVALID");
         return KESTA_ERR_ARGUMENT;
     }
     if (size == 0) {
-        TRACE(1, "[kestal_non_volatile_r_memory_debug] Data Size is INVALID(Size=0)");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_non_volatile_r_memory_debug] Data Size is INVALID(Size=0)");
         return KESTA_ERR_ARGUMENT;
     }
     cpfw_nv_access_t access{buffer, static_cast<std::uint64_t>(offset),
@@ -216,7 +216,7 @@ int kestal_non_volatile_r_memory(cpfw_nv_region_t region, void *buffer, int offs
             TRACE(5, "[kestal_non_volatile_r_memory_debug] END ");
             return KESTA_OK;
         }
-        TRACE(1, "[kestal_non_volatile_r_memory_debug] [%d/%d] NV(memory) Read ERROR result=%d",
+        FAILURE(PLATFORM, result, 1, "[kestal_non_volatile_r_memory_debug] [%d/%d] NV(memory) Read ERROR result=%d",
               attempt, kesta::nv_attempts, result);
         usleep(kesta::nv_retry_us);
     }
@@ -260,7 +260,7 @@ int kestal_non_volatile_dumpout(char *file)
     Output output(file);
     if (!output.usable()) {
         const int error = errno;
-        TRACE(1, "[kestal_non_volatile_dumpout] fopen error. errno=%d filename=%s", error, file);
+        FAILURE(SYSTEM, error, 1, "[kestal_non_volatile_dumpout] fopen error. errno=%d filename=%s", error, file);
         return KESTA_ERR;
     }
     output.time_of_output();
@@ -278,7 +278,7 @@ int kestal_non_volatile_dumpout_assign(char *file, int region, int offset, int s
     Output output(file);
     if (!output.usable()) {
         const int error = errno;
-        TRACE(1, "[kestal_non_volatile_dumpout_assign] fopen error. errno=%d filename=%s", error,
+        FAILURE(SYSTEM, error, 1, "[kestal_non_volatile_dumpout_assign] fopen error. errno=%d filename=%s", error,
               file);
         return KESTA_ERR;
     }

@@ -15,15 +15,15 @@ namespace {
 int check_arguments(int rw_flag, const void *data, unsigned int size)
 {
     if (!data) {
-        TRACE(1, "[non_volatile_rw_memory] Data area pointer is INVALID");
+        FAILURE(ARGUMENT, 0, 1, "[non_volatile_rw_memory] Data area pointer is INVALID");
         return KESTA_ERR_ARGUMENT;
     }
     if (size == 0) {
-        TRACE(1, "[non_volatile_rw_memory] Data Size is INVALID(Size=0)");
+        FAILURE(ARGUMENT, 0, 1, "[non_volatile_rw_memory] Data Size is INVALID(Size=0)");
         return KESTA_ERR_ARGUMENT;
     }
     if (rw_flag != KESTA_BLOCK_WRITE && rw_flag != KESTA_BLOCK_READ) {
-        TRACE(1, "[non_volatile_rw_memory] R/W flag is INVALID");
+        FAILURE(ARGUMENT, 0, 1, "[non_volatile_rw_memory] R/W flag is INVALID");
         return KESTA_ERR_ARGUMENT;
     }
     return KESTA_OK;
@@ -41,10 +41,10 @@ int transfer_once(int offset, int rw_flag, void *data, unsigned int size)
 void report_attempt(int attempt, int block_id, int rw_flag, int result)
 {
     if (rw_flag == KESTA_BLOCK_WRITE) {
-        TRACE(1, "[non_volatile_rw_memory] [%d/%d] NV(memory) Write ERROR block_id=%d result=%d",
+        FAILURE(PLATFORM, result, 1, "[non_volatile_rw_memory] [%d/%d] NV(memory) Write ERROR block_id=%d result=%d",
               attempt, kesta::nv_attempts, block_id, result);
     } else {
-        TRACE(1, "[non_volatile_rw_memory] [%d/%d] NV(memory) Read ERROR block_id=%d result=%d",
+        FAILURE(PLATFORM, result, 1, "[non_volatile_rw_memory] [%d/%d] NV(memory) Read ERROR block_id=%d result=%d",
               attempt, kesta::nv_attempts, block_id, result);
     }
 }

@@ -34,7 +34,7 @@ int read_item(const SysbackName &name, int flag, void *data, unsigned int size)
         return refuse(name);
     }
     if (stored_size > size) {
-        TRACE(1, "[non_volatile_rw_sysback] NV(sysback) R/W Size ERROR f_name=%s", name.c_str());
+        FAILURE(CONTENT, 0, 1, "[non_volatile_rw_sysback] NV(sysback) R/W Size ERROR f_name=%s", name.c_str());
         return KESTA_ERR;
     }
     if (data) {  // always: only a read gets here, and a null one was refused
@@ -56,7 +56,7 @@ int kestal_non_volatile_rw_sysback(int block_id, int rw_flag, void *data, unsign
     // Only a read follows the pointer: a null one to write is refused by kestal_backup_rw, and fails here
     // as any other write does (-1), which is what block access tells its callers apart by.
     if (!data && rw_flag == KESTA_FILE_READ) {
-        TRACE(1, "[non_volatile_rw_sysback] Data area pointer is INVALID");
+        FAILURE(ARGUMENT, 0, 1, "[non_volatile_rw_sysback] Data area pointer is INVALID");
         return KESTA_ERR_ARGUMENT;
     }
     const SysbackName name(row->sysbakname);

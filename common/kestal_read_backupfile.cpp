@@ -106,7 +106,7 @@ bool can_be_opened(const char *path)
     const kesta::FilePtr file(fopen(path, "re"));
     if (!file) {
         const int error = errno;
-        TRACE(1, "[kestal_read_backupfile] BackFile Nothing. errno=%d", error);
+        FAILURE(SYSTEM, error, 1, "[kestal_read_backupfile] BackFile Nothing. errno=%d", error);
     }
     return static_cast<bool>(file);
 }
@@ -129,11 +129,11 @@ int kestal_start_xml_parse(char *file, KESTA_BACKUP_FILE *record, xmlDocPtr *doc
                            xmlXPathContextPtr *context)
 {
     if (!file || !record) {
-        TRACE(1, "[start_xml_parse] Backup File Struct ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[start_xml_parse] Backup File Struct ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     if (!doc || !context) {
-        TRACE(1, "Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     const kesta::CancelOff off;
@@ -141,13 +141,13 @@ int kestal_start_xml_parse(char *file, KESTA_BACKUP_FILE *record, xmlDocPtr *doc
     *doc = nullptr;
     *doc = parse(file);
     if (!*doc) {
-        TRACE(1, "[start_xml_parse] xmlParseFile ERROR");
+        FAILURE(CONTENT, 0, 1, "[start_xml_parse] xmlParseFile ERROR");
         return KESTA_ERR_DEFINITION_FILE;
     }
     *context = nullptr;
     *context = xmlXPathNewContext(*doc);
     if (!*context) {
-        TRACE(1, "[start_xml_parse] xmlXPathNewContext ERROR");
+        FAILURE(CONTENT, 0, 1, "[start_xml_parse] xmlXPathNewContext ERROR");
         xmlFreeDoc(*doc);
         *doc = nullptr;
         return KESTA_ERR_DEFINITION_FILE;
@@ -158,7 +158,7 @@ int kestal_start_xml_parse(char *file, KESTA_BACKUP_FILE *record, xmlDocPtr *doc
 int kestal_execute_xml_parse(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACKUP_FILE *record)
 {
     if (!kesta::usable(doc, context, record)) {
-        TRACE(1, "Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     int rtn = kestal_xml_get_group(doc, context, record);
@@ -182,7 +182,7 @@ int kestal_execute_xml_parse(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_
 int kestal_end_xml_parse(xmlDocPtr *doc, xmlXPathContextPtr *context)
 {
     if (!doc || !*doc || !context || !*context) {
-        TRACE(1, "[end_xml_parse] Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[end_xml_parse] Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     xmlXPathFreeContext(*context);
@@ -195,7 +195,7 @@ int kestal_end_xml_parse(xmlDocPtr *doc, xmlXPathContextPtr *context)
 int kestal_xml_get_group(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACKUP_FILE *record)
 {
     if (!kesta::usable(doc, context, record)) {
-        TRACE(1, "Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     const kesta::CancelOff off;
@@ -203,11 +203,11 @@ int kestal_xml_get_group(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACK
     const kesta::Expression path = kesta::expression_of("/%s", kesta::group_element);
     const kesta::XPathObject found(path.data(), *context);
     if (!found) {
-        TRACE(1, "[xml_get_group] xmlXPathEvalExpression(%s) ERROR", path.data());
+        FAILURE(CONTENT, 0, 1, "[xml_get_group] xmlXPathEvalExpression(%s) ERROR", path.data());
         return KESTA_ERR_DEFINITION;
     }
     if (found.count() != 1) {
-        TRACE(1, "[xml_get_group] NodeNum ERROR nodenum=%d", found.count());
+        FAILURE(CONTENT, 0, 1, "[xml_get_group] NodeNum ERROR nodenum=%d", found.count());
         return KESTA_ERR_DEFINITION;
     }
     const xmlNodePtr group = found.node(0);
@@ -230,16 +230,16 @@ int kestal_xml_get_group(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACK
 int kestal_read_backupfile(const char *group, KESTA_BACKUP_FILE *record)
 {
     if (!group) {
-        TRACE(1, "[kestal_read_backupfile] Argument Check Error [gname].");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_read_backupfile] Argument Check Error [gname].");
         return KESTA_ERR_ARGUMENT;
     }
     if (!record) {
-        TRACE(1, "[kestal_read_backupfile] Argument Check Error [bkfile].");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_read_backupfile] Argument Check Error [bkfile].");
         return KESTA_ERR_ARGUMENT;
     }
     kesta::Path path{};
     if (strlen(kesta::group_directory) + strlen(group) + strlen(definition_file) >= path.size()) {
-        TRACE(1, "[kestal_read_backupfile] Argument Check Error [gname].");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_read_backupfile] Argument Check Error [gname].");
         return KESTA_ERR_ARGUMENT;
     }
     memset(record, 0, sizeof(*record));
@@ -251,7 +251,7 @@ int kestal_read_backupfile(const char *group, KESTA_BACKUP_FILE *record)
         return rtn;
     }
     if (strcmp(group, record->groupname) != 0) {
-        TRACE(1, "[kestal_read_backupfile] GroupName Irrigal(%s,%s).", group, record->groupname);
+        FAILURE(CONTENT, 0, 1, "[kestal_read_backupfile] GroupName Irrigal(%s,%s).", group, record->groupname);
         return KESTA_ERR_DEFINITION_GROUP;
     }
     TRACE(5, "BackUp Ini File Access Succeed.");

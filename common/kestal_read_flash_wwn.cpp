@@ -37,12 +37,12 @@ int write_line(int fd, const char *wwn, const char *function)
     kesta::TextBuffer line;
     kestal_strcat(line.out(), line.capacity(), "%s\n", wwn);
     if (!line.made()) {
-        TRACE(1, "[%s] Buffer Error.", function);
+        FAILURE(ARGUMENT, 0, 1, "[%s] Buffer Error.", function);
         return KESTA_ERR;
     }
     const kesta::TextWritten result = kesta::write_text(fd, line.text());
     if (!result.complete()) {
-        TRACE(1, "[%s] File Write Error f_name=%s len=%d result=%d errno=%d", function, wwn_file,
+        FAILURE(SYSTEM, result.error, 1, "[%s] File Write Error f_name=%s len=%d result=%d errno=%d", function, wwn_file,
               result.length, result.written, result.error);
         return KESTA_ERR;
     }
@@ -56,7 +56,7 @@ int kestal_read_flash_wwn(char *wwn)
     const char *function = __func__;
     TRACE(5, "[%s] Read Flash wwn Start.", function);
     if (!wwn) {
-        TRACE(1, "[%s] Argument Error.(wwn=NULL).", function);
+        FAILURE(ARGUMENT, 0, 1, "[%s] Argument Error.(wwn=NULL).", function);
         return KESTA_ERR_ARGUMENT;
     }
     std::array<char, KESTA_WWN_LENGTH + 1> line{};
@@ -67,10 +67,10 @@ int kestal_read_flash_wwn(char *wwn)
         TRACE(4, "[%s]  Flash wwn=''.", function);
         return KESTA_OK;
     case Reading::not_opened:
-        TRACE(1, "[%s] Flash wwn File(%s) Open Error. errno=%d", function, wwn_file, error);
+        FAILURE(SYSTEM, error, 1, "[%s] Flash wwn File(%s) Open Error. errno=%d", function, wwn_file, error);
         return KESTA_ERR;
     case Reading::empty:
-        TRACE(1, "[%s] Flash wwn File(%s) Read Error. errno=%d", function, wwn_file, error);
+        FAILURE(SYSTEM, error, 1, "[%s] Flash wwn File(%s) Read Error. errno=%d", function, wwn_file, error);
         return KESTA_ERR;
     case Reading::done:
         break;
@@ -85,7 +85,7 @@ int kestal_set_flash_wwn(const char *wwn)
     const char *function = __func__;
     TRACE(5, "[%s] set Flash wwn Start.", function);
     if (!wwn) {
-        TRACE(1, "[%s] Argument Error.(wwn=NULL).", function);
+        FAILURE(ARGUMENT, 0, 1, "[%s] Argument Error.(wwn=NULL).", function);
         return KESTA_ERR_ARGUMENT;
     }
     int ret;
@@ -94,7 +94,7 @@ int kestal_set_flash_wwn(const char *wwn)
             open(wwn_file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
         if (!file) {
             const int error = errno;
-            TRACE(1, "[%s] Flash wwn File(%s) Open Error. errno=%d", function, wwn_file, error);
+            FAILURE(SYSTEM, error, 1, "[%s] Flash wwn File(%s) Open Error. errno=%d", function, wwn_file, error);
             return KESTA_ERR;
         }
         ret = write_line(file.get(), wwn, function);
@@ -107,7 +107,7 @@ int kestal_read_flash_guid(char *guid)
 {
     TRACE(5, "[kestal_read_flash_guid] Start.");
     if (!guid) {
-        TRACE(1, "[kestal_read_flash_guid] Argument Error.(guid=NULL).");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_read_flash_guid] Argument Error.(guid=NULL).");
         return KESTA_ERR_ARGUMENT;
     }
     std::array<char, KESTA_GUID_TEXT_LENGTH + 1> line{};
@@ -118,11 +118,11 @@ int kestal_read_flash_guid(char *guid)
         TRACE(4, "[kestal_read_flash_guid]  Flash guid=''.");
         return KESTA_OK;
     case Reading::not_opened:
-        TRACE(1, "[kestal_read_flash_guid] Flash guid File(%s) Open Error. errno=%d", guid_file,
+        FAILURE(SYSTEM, error, 1, "[kestal_read_flash_guid] Flash guid File(%s) Open Error. errno=%d", guid_file,
               error);
         return KESTA_ERR;
     case Reading::empty:
-        TRACE(1, "[kestal_read_flash_guid] Flash guid File(%s) Read Error. errno=%d", guid_file,
+        FAILURE(SYSTEM, error, 1, "[kestal_read_flash_guid] Flash guid File(%s) Read Error. errno=%d", guid_file,
               error);
         return KESTA_ERR;
     case Reading::done:

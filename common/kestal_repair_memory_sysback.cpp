@@ -159,7 +159,7 @@ private:
             const int rtn = pthread_create(&worker.thread, nullptr, kestal_repair_thread_func,
                                            &indices[static_cast<std::size_t>(i)]);
             if (rtn != 0) {
-                TRACE(1, "[repair_allitem] Thread[%d] Execute ERROR rtn=%d", i, rtn);
+                FAILURE(SYSTEM, rtn, 1, "[repair_allitem] Thread[%d] Execute ERROR rtn=%d", i, rtn);
                 error_ = true;  // its item and those behind it are not copied: never a success
                 return;
             }
@@ -215,12 +215,12 @@ private:
             int rtn = pthread_cancel(worker.thread);
             if (rtn != 0) {
                 const int error = errno;
-                TRACE(1, "[repair_allitem] pthread_cancel Error. (rtn=%d, errno=%d)", rtn, error);
+                FAILURE(SYSTEM, error, 1, "[repair_allitem] pthread_cancel Error. (rtn=%d, errno=%d)", rtn, error);
             }
             rtn = pthread_detach(worker.thread);
             if (rtn != 0) {
                 const int error = errno;
-                TRACE(1, "[repair_allitem] pthread_detach Error. (rtn=%d, errno=%d)", rtn, error);
+                FAILURE(SYSTEM, error, 1, "[repair_allitem] pthread_detach Error. (rtn=%d, errno=%d)", rtn, error);
             }
             TRACE(1, "[repair_allitem] Thread(%d) don't Finish. Error(rtn=%d).", i, rtn);
             worker.state = State::collected;
@@ -250,7 +250,7 @@ int copy_in_threads()
 int kestal_repair_filename_check(char *name, int length)
 {
     if (!name) {
-        TRACE(1, "[repair_filename_check] Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[repair_filename_check] Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     if (length != slot_name_length) {
@@ -283,7 +283,7 @@ int kestal_repair_memory_from_sysback(KESTA_REPAIR_SYSVOL_DATA *data, int count,
                                       char *verid)
 {
     if (!verback || !verid) {
-        TRACE(1, "[repair_memory_from_sysback] Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[repair_memory_from_sysback] Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     g_env_restore2_flag = KESTA_ON;

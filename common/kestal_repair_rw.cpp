@@ -199,14 +199,14 @@ int kestal_repair_rw(int direction, int block_id, size_t length)
 {
     TRACE(5, "[repair_rw] START");
     if (static_cast<unsigned>(direction) >= repair_rw.size()) {
-        TRACE(1, "[repair_rw] Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[repair_rw] Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     const kesta::TrackedBuffer buffer(
         kestal_calloc_debug(1, static_cast<int>(length), __FILE__, __LINE__, 0));
     if (!buffer) {
         const int error = errno;
-        TRACE(1, "[repair_rw] MALLOC error. errno=%d", error);
+        FAILURE(MEMORY, error, 1, "[repair_rw] MALLOC error. errno=%d", error);
         return KESTA_ERR;
     }
     const int rtn = Copy(repair_rw[static_cast<std::size_t>(direction)], block_id, length,

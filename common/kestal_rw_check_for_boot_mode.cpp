@@ -72,7 +72,7 @@ int probe_disk(const BootModeRow &row, kesta::TrackedBuffer &buffer)
     unsigned int stored = static_cast<unsigned int>(-1);
     const int rtn = kestal_backup_rw(probe_file, KESTA_FILE_READ, buffer.out(), &stored);
     if (rtn != KESTA_OK) {
-        TRACE(1, "[rw_check_for_execute_mode] sbacc_open ERROR rtn=%d.", rtn);
+        FAILURE(PLATFORM, rtn, 1, "[rw_check_for_execute_mode] sbacc_open ERROR rtn=%d.", rtn);
         return memory_only(row);
     }
     const int size = static_cast<int>(stored);
@@ -91,7 +91,7 @@ int probe_disk(const BootModeRow &row, kesta::TrackedBuffer &buffer)
 int kestal_rw_check_for_boot_mode(int *mode, int reset)
 {
     if (!mode) {
-        TRACE(1, "[rw_check_for_execute_mode] Argument ERROR(mode=NULL)");
+        FAILURE(ARGUMENT, 0, 1, "[rw_check_for_execute_mode] Argument ERROR(mode=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
     kesta::TrackedBuffer buffer;

@@ -40,7 +40,7 @@ int report(int log_flag, int cntno, const StatusBytes *bytes)
 
 int refuse(int rtn)
 {
-    TRACE(1, "[san_fw_get_cntstatus] Get State Err. rtn=%d", rtn);
+    FAILURE(PLATFORM, rtn, 1, "[san_fw_get_cntstatus] Get State Err. rtn=%d", rtn);
     return KESTA_ERR;
 }
 

@@ -19,7 +19,7 @@ int access_group_name(const Direction &direction, char *group_name)
 {
     const char *tag = direction.tag;
     if (!group_name) {
-        TRACE(1, "[%s] Argument ERROR", tag);
+        FAILURE(ARGUMENT, 0, 1, "[%s] Argument ERROR", tag);
         return KESTA_ERR_ARGUMENT;
     }
     // A name that is still to be read has nothing to print: the buffer may hold anything.

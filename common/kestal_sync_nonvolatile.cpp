@@ -159,7 +159,7 @@ int rewrite_regions(kesta::TrackedBuffer &buffer)
     *buffer.out() = kestal_calloc_debug(1, chunk_size, __FILE__, __LINE__, 0);
     if (!buffer) {
         const int error = errno;
-        TRACE(1, "[sync_all_nonvolatile] CALLOC ERROR size=%d errno=%d", chunk_size, error);
+        FAILURE(MEMORY, error, 1, "[sync_all_nonvolatile] CALLOC ERROR size=%d errno=%d", chunk_size, error);
         return KESTA_OK;  // reported as success: kept so
     }
     for (const SyncRow &row : sync_nonvolatile_tbl) {

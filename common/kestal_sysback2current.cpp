@@ -56,7 +56,7 @@ int look_up_slot(const Request &request, AreaName &slot)
         result = kesta::read_backup_slot_name(slot);
         break;
     default:
-        TRACE(1, "[sysback2current] Argument ERROR(area_flag=%d).", request.area_flag);
+        FAILURE(ARGUMENT, 0, 1, "[sysback2current] Argument ERROR(area_flag=%d).", request.area_flag);
         return KESTA_ERR_ARGUMENT;
     }
     if (result != KESTA_OK) {
@@ -87,19 +87,19 @@ int write_flash_copy(const char *c_name, const void *data, unsigned int size)
     kesta::UniqueFd file(kesta::open_for_overwrite(c_name));
     if (!file) {
         const int error = errno;
-        TRACE(1, "[sysback2current]  File Open(write) ERROR c_name=%s, errno=%d", c_name, error);
+        FAILURE(SYSTEM, error, 1, "[sysback2current]  File Open(write) ERROR c_name=%s, errno=%d", c_name, error);
         return KESTA_RESTORE_SWITCH_FAILED;
     }
     const kesta::WriteOutcome outcome =
         kesta::write_and_close(file, data, size, kesta::Flush::to_disk);
     if (!outcome.complete) {
-        TRACE(1, "[sysback2current]  File Write ERROR c_name=%s buf_size=%d result=%d errno=%d",
+        FAILURE(SYSTEM, outcome.error, 1, "[sysback2current]  File Write ERROR c_name=%s buf_size=%d result=%d errno=%d",
               c_name, static_cast<int>(size), static_cast<int>(outcome.written), outcome.error);
         return KESTA_RESTORE_SWITCH_FAILED;
     }
     if (chmod(c_name, kesta::finished_archive_mode) != 0) {
         const int error = errno;
-        TRACE(1, "[sysback2current] chmod error(filename:%s) errno=%d", c_name, error);
+        FAILURE(SYSTEM, error, 1, "[sysback2current] chmod error(filename:%s) errno=%d", c_name, error);
     }
     return KESTA_OK;
 }
@@ -116,8 +116,7 @@ int slot_to_flash(const AreaName &slot, const void *data, unsigned int size)
     const int result = rename(copy.data(), backup.data());
     if (result != 0) {
         const int error = errno;
-        TRACE(1,
-              "[sysback2current] sysvol backup.tar.Z -> backup.tar.Z Copy Error result =%d, "
+        FAILURE(SYSTEM, error, 1, "[sysback2current] sysvol backup.tar.Z -> backup.tar.Z Copy Error result =%d, "
               "errno=%d",
               result, error);
         return KESTA_RESTORE_SWITCH_FAILED;
@@ -180,8 +179,7 @@ int current_stage(const Request &request, const AreaName &slot)
     TRACE(4, "[sysback2current] SYSBACK(%s) ---> CURRENT(cmd:%s)", slot.c_str(), command.data());
     const int result = kestal_exec_cmd_by_system(command.data());
     if (result != 0) {
-        TRACE(1,
-              "[sysback2current] Script(Copy From System backup area to current Start) Exe Error "
+        FAILURE(COMMAND, result, 1, "[sysback2current] Script(Copy From System backup area to current Start) Exe Error "
               "result =%d",
               result);
         return KESTA_RESTORE_SCRIPT_FAILED;
@@ -205,7 +203,7 @@ int kestal_sysback2current(const char *group, int switch_only, int area_flag, in
 {
     TRACE(5, "[sysback2current] START(area_flag:%d)", area_flag);
     if (!kesta::is_group_folder(group)) {
-        TRACE(1, "[sysback2current] Group name ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[sysback2current] Group name ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     const Request request{group, area_flag, rbflg, distribution, fileptr, skip_flashcopy == 0};

@@ -41,7 +41,7 @@ int allocate_block(char **block, const char *event_variable, const char *status_
 {
     char *copy = blkenvalloc();
     if (!copy) {
-        TRACE(1, "[alloc_envblk] blkenvalloc ERROR errno=%d", errno);
+        FAILURE(SYSTEM, errno, 1, "[alloc_envblk] blkenvalloc ERROR errno=%d", errno);
         return KESTA_ERR;
     }
     const std::size_t size = strlen(event_variable) + 1 + strlen(status_variable) + 1 +
@@ -50,7 +50,7 @@ int allocate_block(char **block, const char *event_variable, const char *status_
         kestal_malloc_debug(static_cast<int>(size), __FILE__, __LINE__, 0));
     if (!*block) {
         // The copy is not released here: a small leak that is kept as it is.
-        TRACE(1, "[alloc_envblk] malloc ERROR errno=%d", errno);
+        FAILURE(SYSTEM, errno, 1, "[alloc_envblk] malloc ERROR errno=%d", errno);
         return KESTA_ERR;
     }
     blkcpy(*block, copy);
@@ -70,7 +70,7 @@ int await_child(pid_t pid, int *wait_status)
         }
         if (reaped < 0) {
             const int error = errno;
-            TRACE(1, "[system] waitpid(%d) error. errno=%d", pid, error);
+            FAILURE(SYSTEM, error, 1, "[system] waitpid(%d) error. errno=%d", pid, error);
             return KESTA_ERR;
         }
         usleep(poll_us);
@@ -82,7 +82,7 @@ int await_child(pid_t pid, int *wait_status)
 int kestal_alloc_envblk(char **block, const char *event, const char *platform_status)
 {
     if (!block) {
-        TRACE(1, "[alloc_envblk] Argument ERROR(block=NULL)");
+        FAILURE(ARGUMENT, 0, 1, "[alloc_envblk] Argument ERROR(block=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
     kesta::settle_command_environment();
@@ -101,7 +101,7 @@ int kestal_system(const char *command, const char *event, const char *platform_s
                   int *wait_status)
 {
     if (!command || !wait_status) {
-        TRACE(1, "[system] Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "[system] Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     EnvironmentBlock block;
@@ -112,7 +112,7 @@ int kestal_system(const char *command, const char *event, const char *platform_s
     pid_t pid = -1;
     if (prcfork(command, block.get(), &pid) != 0) {
         const int error = errno;
-        TRACE(1, "[system] prcfork_siginit END errno=%d", error);
+        FAILURE(SYSTEM, error, 1, "[system] prcfork_siginit END errno=%d", error);
         return KESTA_ERR;
     }
     return await_child(pid, wait_status);
@@ -121,7 +121,7 @@ int kestal_system(const char *command, const char *event, const char *platform_s
 int kestal_exec_cmd_by_system(const char *command)
 {
     if (!command) {
-        TRACE(1, "[exec_cmd_by_system] Argument ERROR(command=NULL)");
+        FAILURE(ARGUMENT, 0, 1, "[exec_cmd_by_system] Argument ERROR(command=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
     int result;
@@ -132,7 +132,7 @@ int kestal_exec_cmd_by_system(const char *command)
     }
     const unsigned status = static_cast<unsigned>(result);
     if ((status & 0xffU) != 0) {
-        TRACE(1, "[exec_cmd_by_system] Failed to exec cmd=%s. result=%d", command, result);
+        FAILURE(COMMAND, result, 1, "[exec_cmd_by_system] Failed to exec cmd=%s. result=%d", command, result);
         return KESTA_ERR;
     }
     return static_cast<int>(status >> 8 & 0xffU);

@@ -243,7 +243,7 @@ bool fill_pointers(char *block, EnvironmentPointers &pointers)
 {
     const int count = blkstrnum(block);
     if (count > max_environment_strings) {
-        TRACE(1, "[prcfork] too many envs(%d).", count);
+        FAILURE(ARGUMENT, 0, 1, "[prcfork] too many envs(%d).", count);
         errno = ENOMEM;
         return false;
     }
@@ -261,7 +261,7 @@ int send_signal(pid_t pid, int signal_number, const char *name)
         return 0;
     }
     const int error = errno;
-    TRACE(1, "[prcfork] kill(%d,%s) failed(%d).", pid, name, error);
+    FAILURE(SYSTEM, error, 1, "[prcfork] kill(%d,%s) failed(%d).", pid, name, error);
     return -1;
 }
 
@@ -276,7 +276,7 @@ int try_reap(pid_t pid, const char *signal_name)
     }
     if (reaped < 0) {
         const int error = errno;
-        TRACE(1, "[prcfork] waitpid(%d) failed(%d).", pid, error);
+        FAILURE(SYSTEM, error, 1, "[prcfork] waitpid(%d) failed(%d).", pid, error);
         return -1;
     }
     return 0;
@@ -297,7 +297,7 @@ char *blkenvalloc(void)
         __FILE__, __LINE__, 0));
     if (!block) {
         const int error = errno;
-        TRACE(1, "[blkenvalloc] MALLOC(%d) failed(%d).", size, error);
+        FAILURE(MEMORY, 0, 1, "[blkenvalloc] MALLOC(%d) failed(%d).", size, error);
         errno = error;
         return nullptr;
     }
@@ -378,7 +378,7 @@ int prcfork(const char *command, char *block, pid_t *pid)
     const pid_t child = start_child(command, environment);
     if (child == -1) {
         const int error = errno;
-        TRACE(1, "[prcfork] fork() failed(%d).", error);
+        FAILURE(SYSTEM, error, 1, "[prcfork] fork() failed(%d).", error);
         errno = error;
         return -1;
     }
@@ -403,6 +403,6 @@ int prckill(pid_t pid)
     if (const int reaped = try_reap(pid, "SIGKILL"); reaped != 0) {
         return reaped > 0 ? 0 : -1;
     }
-    TRACE(1, "[prcfork] process(%d) not stopped.", pid);
+    FAILURE(CONTENT, 0, 1, "[prcfork] process(%d) not stopped.", pid);
     return -1;
 }

@@ -46,11 +46,11 @@ bool is_controller(int cntno) { return static_cast<unsigned>(cntno) < KESTA_CONT
 int check_arguments(const char *tag, int verarea, int cntno)
 {
     if (!find_area(verarea)) {
-        TRACE(1, "[%s] Version Area ERROR verarea=%d", tag, verarea);
+        FAILURE(ARGUMENT, 0, 1, "[%s] Version Area ERROR verarea=%d", tag, verarea);
         return KESTA_ERR_ARGUMENT;
     }
     if (!is_controller(cntno)) {
-        TRACE(1, "[%s] CntNo ERROR cntno=%d", tag, cntno);
+        FAILURE(ARGUMENT, 0, 1, "[%s] CntNo ERROR cntno=%d", tag, cntno);
         return KESTA_ERR_ARGUMENT;
     }
     return KESTA_OK;
@@ -286,7 +286,7 @@ int kestal_compare_version(int cntno, int backup, int numbering)
 {
     TRACE(5, "[compare_version] START");
     if (!is_controller(cntno)) {
-        TRACE(1, "[compare_version] CntNo ERROR cntno=%d", cntno);
+        FAILURE(ARGUMENT, 0, 1, "[compare_version] CntNo ERROR cntno=%d", cntno);
         return KESTA_ERR_ARGUMENT;
     }
     int current = not_available;

@@ -50,18 +50,18 @@ int check_text(const char *text)
 {
     const std::size_t length = strlen(text);
     if (length != KESTA_GUID_TEXT_LENGTH) {
-        TRACE(1, "[kestal_guid_str2bin] guid_str length error. guid_str_len=%d",
+        FAILURE(CONTENT, 0, 1, "[kestal_guid_str2bin] guid_str length error. guid_str_len=%d",
               static_cast<int>(length));
         return KESTA_ERR;
     }
     for (int i = 0; i < KESTA_GUID_TEXT_LENGTH; ++i) {
         if (is_separator_place(i)) {
             if (text[i] != separator) {
-                TRACE(1, "[kestal_guid_str2bin] guid_str format error. point=%d", i);
+                FAILURE(CONTENT, 0, 1, "[kestal_guid_str2bin] guid_str format error. point=%d", i);
                 return KESTA_ERR;
             }
         } else if (!isxdigit(static_cast<unsigned char>(text[i]))) {
-            TRACE(1, "[kestal_guid_str2bin] guid_str isxdigit() error. point=%d", i);
+            FAILURE(CONTENT, 0, 1, "[kestal_guid_str2bin] guid_str isxdigit() error. point=%d", i);
             return KESTA_ERR;
         }
     }
@@ -87,7 +87,7 @@ void convert(const char *text, char *bytes)
 int kestal_guid_str2bin(const char *text, char *bytes)
 {
     if (!text || !bytes) {
-        TRACE(1, "[kestal_guid_str2bin] Argument Error.");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_guid_str2bin] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
     TRACE(5, "[kestal_guid_str2bin] START. guid_str=[%s]", text);
@@ -102,7 +102,7 @@ int kestal_guid_str2bin(const char *text, char *bytes)
 int kestal_guid_bin2str(const char *bytes, char *text)
 {
     if (!bytes || !text) {
-        TRACE(1, "[kestal_guid_bin2str] Argument Error.");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_guid_bin2str] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
     // It prints what the buffer holds before it is written, whatever that is: kept so.
@@ -190,13 +190,13 @@ int open_in_tree(const char *path, int flags)
 int not_opened(const char *path)
 {
     const int error = errno;
-    TRACE(1, "[update_host_info] fopen() error path=(%s) errno=%d", path, error);
+    FAILURE(SYSTEM, error, 1, "[update_host_info] fopen() error path=(%s) errno=%d", path, error);
     return not_written;
 }
 
 int not_whole(const char *path, const char *line, int error)
 {
-    TRACE(1, "[update_host_info] fputs() error path=(%s) str=(%s)errno=%d", path, line, error);
+    FAILURE(SYSTEM, error, 1, "[update_host_info] fputs() error path=(%s) str=(%s)errno=%d", path, line, error);
     return not_written;
 }
 
@@ -257,7 +257,7 @@ int rename_hosts(const char *wwn_new)
     std::array<vrb_netconfig_t, 2> records{};
     if (const int ret = vrbgetnetconfig(records.data()); ret != 0) {
         const int error = errno;
-        TRACE(1, "[update_host_info] vrbgetnetconfig() error errno=%d", error);
+        FAILURE(SYSTEM, error, 1, "[update_host_info] vrbgetnetconfig() error errno=%d", error);
         return ret;
     }
     HostNames names{};
@@ -298,7 +298,7 @@ int copy_to_system(const SystemCopy &copy)
     const int rtn = kestal_exec_cmd_by_system(command.data());
     if (rtn != 0) {
         const int error = errno;
-        TRACE(1, "[update_vpdinfo_collect_close] %s filecopy error cmd=(%s) rtn=%d errno=%d",
+        FAILURE(SYSTEM, error, 1, "[update_vpdinfo_collect_close] %s filecopy error cmd=(%s) rtn=%d errno=%d",
               copy.what, command.data(), rtn, error);
         return KESTA_ERR;
     }
@@ -312,7 +312,7 @@ int collect(int flag)
     const int rtn = kestal_exec_cmd_by_system(command.data());
     if (rtn != 0) {
         const int error = errno;
-        TRACE(1, "[update_vpdinfo_collect_close] backup.tar.Z collect Error. rtn=%d, errno=%d", rtn,
+        FAILURE(SYSTEM, error, 1, "[update_vpdinfo_collect_close] backup.tar.Z collect Error. rtn=%d, errno=%d", rtn,
               error);
         return KESTA_ERR;
     }
@@ -332,7 +332,7 @@ int write_accept_slot()
     int rtn = kestal_area_file_rw(KESTA_BLOCK_READ, g_accept_filename, nullptr);
     if (rtn != KESTA_OK) {
         const int error = errno;
-        TRACE(1, "[update_vpdinfo_collect_close] AcceptFileName read Failed. rtn=%d, errno=%d", rtn,
+        FAILURE(SYSTEM, error, 1, "[update_vpdinfo_collect_close] AcceptFileName read Failed. rtn=%d, errno=%d", rtn,
               error);
         return KESTA_ERR;
     }
@@ -345,7 +345,7 @@ int write_accept_slot()
     rtn = kestal_merge_file2accept(g_accept_filename);
     if (rtn != KESTA_OK) {
         const int error = errno;
-        TRACE(1, "[update_vpdinfo_collect_close] HDD write backup.tar.Z(%s) Failed. rtn=%d, errno=%d",
+        FAILURE(SYSTEM, error, 1, "[update_vpdinfo_collect_close] HDD write backup.tar.Z(%s) Failed. rtn=%d, errno=%d",
               kesta::AreaName(g_accept_filename).c_str(), rtn, error);
         return KESTA_ERR;
     }
@@ -360,22 +360,21 @@ int kestal_update_vpdinfo_distribute_open(const char *directory, int flag)
     kesta::CommandLine command{};
     if (!directory || !kesta_is_shell_word(directory) ||
         !form(command, "/bin/sh %s %s > /dev/null 2>&1", distribute_script, directory)) {
-        TRACE(1, "[update_vpdinfo_distribute_open] Argument Error.");
+        FAILURE(ARGUMENT, 0, 1, "[update_vpdinfo_distribute_open] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
     if (flag == to_disk) {
         if (const int rtn = kestal_backup2tmp(restore_group, KESTA_OFF, nullptr, 1);
             rtn != KESTA_OK) {
             const int error = errno;
-            TRACE(1, "[update_vpdinfo_distribute_open] backup2tmp Error. rtn=%d, errno=%d", rtn,
+            FAILURE(SYSTEM, error, 1, "[update_vpdinfo_distribute_open] backup2tmp Error. rtn=%d, errno=%d", rtn,
                   error);
             return KESTA_ERR;
         }
     }
     if (const int rtn = kestal_exec_cmd_by_system(command.data()); rtn != 0) {
         const int error = errno;
-        TRACE(1,
-              "[update_vpdinfo_distribute_open] backup.tar.Z distribute Error. rtn=%d, errno=%d",
+        FAILURE(SYSTEM, error, 1, "[update_vpdinfo_distribute_open] backup.tar.Z distribute Error. rtn=%d, errno=%d",
               rtn, error);
         return KESTA_ERR;
     }
@@ -389,7 +388,7 @@ int kestal_update_vpdinfo_eeprom(const char *wwn, const char *serialno)
     kesta::CommandLine command{};
     if (!kesta_is_shell_word(wwn) || !kesta_is_shell_word(serialno) ||
         !form_eeprom_command(command, 0, wwn, serialno)) {
-        TRACE(1, "[update_vpdinfo_eeprom] Argument Error.");
+        FAILURE(ARGUMENT, 0, 1, "[update_vpdinfo_eeprom] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
     for (int i = 0; i < KESTA_CONTROLLERS && i < g_vpd_cntnum; ++i) {
@@ -397,7 +396,7 @@ int kestal_update_vpdinfo_eeprom(const char *wwn, const char *serialno)
         TRACE(3, "[update_vpdinfo_eeprom] Update tmp eeprom (cntno:%d, cmd:%s)", i, command.data());
         if (const int rtn = kestal_exec_cmd_by_system(command.data()); rtn != 0) {
             const int error = errno;
-            TRACE(1, "[update_vpdinfo_eeprom] Update tmp eeprom Failed. rtn=%d, errno=%d", rtn,
+            FAILURE(SYSTEM, error, 1, "[update_vpdinfo_eeprom] Update tmp eeprom Failed. rtn=%d, errno=%d", rtn,
                   error);
             return KESTA_ERR;
         }
@@ -411,19 +410,19 @@ int kestal_update_vpdinfo_guid(const char *guid)
     TRACE(4, "[update_vpdinfo_guid] Start. arg_guidstr");
     std::array<char, 64> line{};
     if (!guid || !form(line, "%s\n", guid)) {
-        TRACE(1, "[update_vpdinfo_guid] Argument Error.");
+        FAILURE(ARGUMENT, 0, 1, "[update_vpdinfo_guid] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
     // The messages spell their tag otherwise: kept so.
     kesta::UniqueFd file(open_in_tree(guid_path, new_file));
     if (!file) {
         const int error = errno;
-        TRACE(1, "[update_vdpinfo_guid] cp_guid open error filename=(%s) errno=%d", guid_path, error);
+        FAILURE(SYSTEM, error, 1, "[update_vdpinfo_guid] cp_guid open error filename=(%s) errno=%d", guid_path, error);
         return KESTA_ERR;
     }
     if (const kesta::TextWritten result = kesta::write_and_close_text(file, line.data());
         !result.complete()) {
-        TRACE(1, "[update_vdpinfo_guid] fputs() error path=(%s) errno=%d", guid_path, result.error);
+        FAILURE(SYSTEM, result.error, 1, "[update_vdpinfo_guid] fputs() error path=(%s) errno=%d", guid_path, result.error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -435,7 +434,7 @@ int kestal_update_host_info(const char *wwn_new, const char *wwn_old)
     HostNames names{};
     if (!wwn_new || !wwn_old || !form_host_names(names, wwn_new) ||
         !form_host_names(names, wwn_old)) {
-        TRACE(1, "[update_host_info] Argument Error.");
+        FAILURE(ARGUMENT, 0, 1, "[update_host_info] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
     int ret = KESTA_ERR;
@@ -669,7 +668,7 @@ int name_slots()
         const int sts = kestal_change_address(g_accept_filename, g_backup_filename, name.flag);
         if (sts != KESTA_OK) {
             const int error = errno;
-            TRACE(1, "[kestal_CONT0_to_CONT1] kestal_change_address(%s)(%s) error. sts=%d errno=%d",
+            FAILURE(SYSTEM, error, 1, "[kestal_CONT0_to_CONT1] kestal_change_address(%s)(%s) error. sts=%d errno=%d",
                   name.flag_name, kesta::AreaName(name.slot).c_str(), sts, error);
             return KESTA_ERR;
         }
@@ -700,7 +699,7 @@ int kestal_vpd_to_flash(char *wwn, char *serialno, char *guid)
 {
     TRACE(5, "[kestal_vpd_to_flash] START");
     if (!wwn || !serialno || !guid) {
-        TRACE(1, "[kestal_vpd_to_flash] Argument Error.");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_vpd_to_flash] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
     ToolIdentity vpd;
@@ -744,7 +743,7 @@ int kestal_CONT0_to_CONT1(const char *cnt0_wwn, const char *own_wwn, const char 
 {
     TRACE(5, "[kestal_CONT0_to_CONT1] START");
     if (!cnt0_wwn || !own_wwn || !hdd0_serialno || !hdd1_serialno) {
-        TRACE(1, "[kestal_CONT0_to_CONT1] Argument Error.");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_CONT0_to_CONT1] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
     const IdentityText wwn0(cnt0_wwn);

@@ -97,7 +97,7 @@ int kestal_get_wwn_by_eeprom(char *wwn)
 {
     TRACE(5, "[kestal_get_wwn_by_eeprom] START");
     if (!wwn) {
-        TRACE(1, "[kestal_get_wwn_by_eeprom] Argument Error.(wwn=NULL).");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_get_wwn_by_eeprom] Argument Error.(wwn=NULL).");
         return KESTA_ERR_ARGUMENT;
     }
     const int ret = kestal_execute_command_by_popen(KESTA_CPINFO_EEPROM_WWN);
@@ -115,7 +115,7 @@ int kestal_get_serialno_by_eeprom(char *serialno)
 {
     TRACE(5, "[kestal_get_serialno_by_eeprom] START");
     if (!serialno) {
-        TRACE(1, "[kestal_get_serialno_by_eeprom] Argument Error.(serialnumber=NULL).");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_get_serialno_by_eeprom] Argument Error.(serialnumber=NULL).");
         return KESTA_ERR_ARGUMENT;
     }
     const int ret = kestal_execute_command_by_popen(KESTA_CPINFO_EEPROM_SERIALNO);
@@ -158,12 +158,12 @@ int kestal_set_vpn_info(const char *wwn, const char *serialno, const char *guid)
 {
     TRACE(5, "[kestal_set_vpn_info] START");
     if (!kesta_is_shell_word(wwn) || !kesta_is_shell_word(serialno) || !kesta_is_shell_word(guid)) {
-        TRACE(1, "[kestal_set_vpn_info] Argument Error.(a character that a shell would act on)");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_set_vpn_info] Argument Error.(a character that a shell would act on)");
         return KESTA_ERR_ARGUMENT;
     }
     kesta::CommandLine command{};
     if (!form_write_command(command, wwn, serialno, guid)) {
-        TRACE(1, "[kestal_set_vpn_info] Argument Error.(command too long)");
+        FAILURE(ARGUMENT, 0, 1, "[kestal_set_vpn_info] Argument Error.(command too long)");
         return KESTA_ERR_ARGUMENT;
     }
     char *no_output = nullptr;

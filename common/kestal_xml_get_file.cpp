@@ -51,7 +51,7 @@ private:
     int read_link(xmlNodePtr link)
     {
         if (links_ == KESTA_DEFINITION_LINKS) {
-            TRACE(1, "[xml_get_file] GetNode(Path) LinkMax.");
+            FAILURE(CONTENT, 0, 1, "[xml_get_file] GetNode(Path) LinkMax.");
             return KESTA_ERR_DEFINITION;
         }
         int rtn = read_text(link, "path", entry_.linkpath[links_]);
@@ -66,7 +66,7 @@ private:
             return KESTA_ERR;
         }
         if (found != KESTA_OFF) {
-            TRACE(1, "[xml_get_file] Error:The wild-card is included in the link path.");
+            FAILURE(CONTENT, 0, 1, "[xml_get_file] Error:The wild-card is included in the link path.");
             return KESTA_ERR_DEFINITION;
         }
         ++links_;
@@ -77,7 +77,7 @@ private:
     {
         TRACE(5, "[xml_get_file] There is <permission>.");
         if (permissions_ == one_permission) {
-            TRACE(1, "[xml_get_file] GetNode(Path) PermissionMax.");
+            FAILURE(CONTENT, 0, 1, "[xml_get_file] GetNode(Path) PermissionMax.");
             return KESTA_ERR_DEFINITION;
         }
         int failed = 0;
@@ -85,7 +85,7 @@ private:
         failed += read_text(permission, "groupid", entry_.group) != KESTA_OK;
         failed += read_text(permission, "mode", entry_.filemode) != KESTA_OK;
         if (failed == permission_attributes) {
-            TRACE(1, "[xml_get_file] Permission Option ERROR");
+            FAILURE(CONTENT, 0, 1, "[xml_get_file] Permission Option ERROR");
             return KESTA_ERR_DEFINITION;
         }
         ++permissions_;
@@ -103,7 +103,7 @@ private:
 int kestal_xml_get_setinfo(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACKUP_FILE *record)
 {
     if (!kesta::usable(doc, context, record)) {
-        TRACE(1, "Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     const kesta::CancelOff off;
@@ -113,11 +113,11 @@ int kestal_xml_get_setinfo(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BA
             kesta::expression_of("/%s/%s", kesta::group_element, kesta::setinfo_element);
         const kesta::XPathObject found(path.data(), *context);
         if (!found) {
-            TRACE(1, "[xml_get_setinfo] xmlXPathEvalExpression(%s) ERROR", path.data());
+            FAILURE(CONTENT, 0, 1, "[xml_get_setinfo] xmlXPathEvalExpression(%s) ERROR", path.data());
             return KESTA_ERR_DEFINITION;
         }
         if (found.count() != 1) {
-            TRACE(1, "[xml_get_setinfo] NodeNum ERROR nodenum=%d", found.count());
+            FAILURE(CONTENT, 0, 1, "[xml_get_setinfo] NodeNum ERROR nodenum=%d", found.count());
             return KESTA_ERR_DEFINITION;
         }
     }
@@ -132,7 +132,7 @@ int kestal_xml_get_setinfo(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BA
 int kestal_xml_get_file(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACKUP_FILE *record)
 {
     if (!kesta::usable(doc, context, record)) {
-        TRACE(1, "Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     const kesta::CancelOff off;
@@ -141,16 +141,16 @@ int kestal_xml_get_file(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACKU
         "/%s/%s/%s", kesta::group_element, kesta::setinfo_element, kesta::file_element);
     const kesta::XPathObject found(path.data(), *context);
     if (!found) {
-        TRACE(1, "[xml_get_file] xmlXPathEvalExpression(%s) ERROR", path.data());
+        FAILURE(CONTENT, 0, 1, "[xml_get_file] xmlXPathEvalExpression(%s) ERROR", path.data());
         return KESTA_ERR_DEFINITION;
     }
     if (found.count() < 1) {
-        TRACE(1, "[xml_get_file] NodeNum ERROR nodenum=%d", found.count());
+        FAILURE(CONTENT, 0, 1, "[xml_get_file] NodeNum ERROR nodenum=%d", found.count());
         return KESTA_ERR_DEFINITION;
     }
     for (int i = 0; i < found.count(); ++i) {
         if (i == KESTA_DEFINITION_FILES) {
-            TRACE(1, "[xml_get_file] GetNode(Path) FileMax.");
+            FAILURE(CONTENT, 0, 1, "[xml_get_file] GetNode(Path) FileMax.");
             return KESTA_ERR_DEFINITION;
         }
         const int rtn = FileEntry(found.node(i), record->setfile[i]).read();

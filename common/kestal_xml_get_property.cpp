@@ -48,14 +48,14 @@ std::int32_t to_integer(const char *digits)
 int copy_as_integer(const Property &value, char *destination, int buflen)
 {
     if (buflen < integer_size) {
-        TRACE(1, "[xml_get_property] Len Error(buflen=%d).", buflen);
+        FAILURE(CONTENT, 0, 1, "[xml_get_property] Len Error(buflen=%d).", buflen);
         return KESTA_ERR;
     }
     if (kestal_isdigit(value.text()) != KESTA_OK) {
         // It prints what the destination holds, not the value: kept so. The bytes of a number have no
         // terminator.
         const int length = static_cast<int>(strnlen(destination, static_cast<std::size_t>(buflen)));
-        TRACE(1, "[xml_get_property] isdigit check ERROR destbuf=%.*s", length, destination);
+        FAILURE(CONTENT, 0, 1, "[xml_get_property] isdigit check ERROR destbuf=%.*s", length, destination);
         return KESTA_ERR;
     }
     const std::int32_t number = to_integer(value.text());
@@ -68,7 +68,7 @@ int copy_as_text(const Property &value, char *destination, int buflen)
 {
     const std::size_t length = strlen(value.text()) + 1;
     if (length > static_cast<std::size_t>(buflen)) {
-        TRACE(1, "[xml_get_property] Len Error(nodelen=%d buflen=%d).", static_cast<int>(length),
+        FAILURE(CONTENT, 0, 1, "[xml_get_property] Len Error(nodelen=%d buflen=%d).", static_cast<int>(length),
               buflen);
         return KESTA_ERR;
     }
@@ -83,11 +83,11 @@ int kestal_xml_get_property(xmlNodePtr *node, const char *name, char *destinatio
                             int copytype)
 {
     if (!node || !*node || !name || !destination) {
-        TRACE(1, "[xml_get_property] Null Argument.");
+        FAILURE(ARGUMENT, 0, 1, "[xml_get_property] Null Argument.");
         return KESTA_ERR_ARGUMENT;
     }
     if (buflen <= 0 || (copytype != kesta::copy_text && copytype != kesta::copy_integer)) {
-        TRACE(1, "[xml_get_property] Argument Error(buflen=%d, copytype=%d).", buflen, copytype);
+        FAILURE(ARGUMENT, 0, 1, "[xml_get_property] Argument Error(buflen=%d, copytype=%d).", buflen, copytype);
         return KESTA_ERR_ARGUMENT;
     }
     const kesta::CancelOff off;
@@ -103,11 +103,11 @@ int kestal_check_wildcard(int *check_result, const char *check_string)
 {
     const char *function = __func__;
     if (!check_result) {
-        TRACE(1, "[%s] Argument Error(check_result).", function);
+        FAILURE(ARGUMENT, 0, 1, "[%s] Argument Error(check_result).", function);
         return KESTA_ERR_ARGUMENT;
     }
     if (!check_string) {
-        TRACE(1, "[%s] Argument Error(check_string).", function);
+        FAILURE(ARGUMENT, 0, 1, "[%s] Argument Error(check_string).", function);
         return KESTA_ERR_ARGUMENT;
     }
     *check_result = strchr(check_string, wildcard) ? KESTA_ON : KESTA_OFF;

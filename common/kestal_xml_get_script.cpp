@@ -56,7 +56,7 @@ int read_path(xmlNodePtr node, const Kind &kind, Slot &slot)
         return KESTA_ERR;
     }
     if (found != KESTA_OFF) {
-        TRACE(1, "[xml_get_com_in_script] Error:The wild-card is included in the %s path.",
+        FAILURE(CONTENT, 0, 1, "[xml_get_com_in_script] Error:The wild-card is included in the %s path.",
               kind.wildcard_title);
         return KESTA_ERR_DEFINITION;
     }
@@ -66,7 +66,7 @@ int read_path(xmlNodePtr node, const Kind &kind, Slot &slot)
 int read_script(xmlNodePtr node, const Kind &kind, int &count, Slot *slots)
 {
     if (count == KESTA_DEFINITION_SCRIPTS) {
-        TRACE(1, "[xml_get_com_in_script] GetNode(Path) %s Max. rtn=%d", kind.title, KESTA_OK);
+        FAILURE(CONTENT, 0, 1, "[xml_get_com_in_script] GetNode(Path) %s Max. rtn=%d", kind.title, KESTA_OK);
         return KESTA_ERR_DEFINITION;
     }
     Slot &slot = slots[count];
@@ -111,7 +111,7 @@ int read_side(const Side &side, xmlXPathContextPtr context)
         return KESTA_OK;
     }
     if (found.count() > 1) {
-        TRACE(1, "[xml_get_com_in_script] NodeNum ERROR nodenum=%d", found.count());
+        FAILURE(CONTENT, 0, 1, "[xml_get_com_in_script] NodeNum ERROR nodenum=%d", found.count());
         return KESTA_ERR_DEFINITION;
     }
     if (found.count() == 0) {
@@ -131,12 +131,12 @@ int count_script_elements(xmlXPathContextPtr context, int &count)
         kesta::expression_of("/%s/%s", kesta::group_element, kesta::script_element);
     const kesta::XPathObject found(path.data(), context);
     if (!found) {
-        TRACE(1, "[xml_get_script] xmlXPathEvalExpression(%s) ERROR", path.data());
+        FAILURE(CONTENT, 0, 1, "[xml_get_script] xmlXPathEvalExpression(%s) ERROR", path.data());
         return KESTA_ERR_DEFINITION;
     }
     count = found.count();
     if (count > 1) {
-        TRACE(1, "[xml_get_script] NodeNum ERROR nodenum=%d", count);
+        FAILURE(CONTENT, 0, 1, "[xml_get_script] NodeNum ERROR nodenum=%d", count);
         return KESTA_ERR_DEFINITION;
     }
     return KESTA_OK;
@@ -147,7 +147,7 @@ int count_script_elements(xmlXPathContextPtr context, int &count)
 int kestal_xml_get_script(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACKUP_FILE *record)
 {
     if (!kesta::usable(doc, context, record)) {
-        TRACE(1, "Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     const kesta::CancelOff off;
@@ -178,7 +178,7 @@ int kestal_xml_get_com_in_script(int nodekind, xmlDocPtr *doc, xmlXPathContextPt
                                  KESTA_BACKUP_FILE *record)
 {
     if (!kesta::usable(doc, context, record)) {
-        TRACE(1, "Argument ERROR");
+        FAILURE(ARGUMENT, 0, 1, "Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
     const kesta::CancelOff off;
@@ -192,7 +192,7 @@ int kestal_xml_get_com_in_script(int nodekind, xmlDocPtr *doc, xmlXPathContextPt
         return read_side({kesta::restore_element, script.restore_script, &script.restore_reboot},
                          *context);
     default:
-        TRACE(1, "[xml_get_com_in_script] NodeKind Argument ERROR nodekind=%d", nodekind);
+        FAILURE(ARGUMENT, 0, 1, "[xml_get_com_in_script] NodeKind Argument ERROR nodekind=%d", nodekind);
         return KESTA_ERR_ARGUMENT;
     }
 }

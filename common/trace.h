@@ -1,6 +1,12 @@
 // One trace line with this file and line. The format must be a literal: the compiler checks it.
 #pragma once
 
+#include "cause.h"
 #include "mc_logapi.h"
 
 #define TRACE(level, ...) MC_OutTrace(__FILE__, __LINE__, (level), __VA_ARGS__)
+
+// The same line where a failure is met, which becomes the thread's last cause: FAILURE(SYSTEM, errno, 1, "..."). The
+// arguments are evaluated twice.
+#define FAILURE(kind, number, level, ...)                                                                    \
+    (kesta::note_cause(KESTA_CAUSE_##kind, (number), __FILE__, __VA_ARGS__), TRACE((level), __VA_ARGS__))

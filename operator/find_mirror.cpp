@@ -150,17 +150,32 @@ struct Decided {
     std::optional<Side> side;
 };
 
-// One copy of everything, where one side is right in all that differs, and has it all.
-std::optional<Mend> whole_side(const Survey &survey, const std::vector<Decided> &items)
+bool is_name(const MirroredItem &item) { return item.block->kind == BlockKind::slot; }
+
+struct WholeSide {
+    Side side;
+    Mend mend;
+};
+
+// One copy of everything, where one side is right in all that differs, and has it all. Names that are right on neither
+// side are written first.
+std::optional<WholeSide> whole_side(const Survey &survey, const SlotDecision &slots, const std::vector<Decided> &items)
 {
-    for (const Side side : {Side::memory, Side::disk}) {
-        const bool is_right = std::all_of(items.begin(), items.end(),
-                                          [side](const Decided &one) { return one.side == side; });
-        const std::vector<Replacement> changes = replacements(survey.mirror, side);
-        const bool is_complete = std::none_of(changes.begin(), changes.end(),
-                                              [](const Replacement &change) { return change.value.empty(); });
-        if (is_right && is_complete && survey.mirror.valid(side)) {
-            return Mend{{"kestactl", "repair", "--from", side == Side::memory ? "memory" : "disk"}};
+    for (const bool names_first : {false, true}) {
+        for (const Side side : {Side::memory, Side::disk}) {
+            const bool is_right = std::all_of(items.begin(), items.end(), [&](const Decided &one) {
+                return one.side == side || (names_first && is_name(*one.item));
+            });
+            const std::vector<Replacement> changes = replacements(survey.mirror, side);
+            const bool is_complete = std::none_of(changes.begin(), changes.end(), [&](const Replacement &change) {
+                return change.value.empty() && !(names_first && is_name(*change.item));
+            });
+            if (!is_right || !is_complete || (names_first ? !slots.right : !survey.mirror.valid(side))) {
+                continue;
+            }
+            WholeSide whole{side, names_first ? slots.mend() : Mend()};
+            whole.mend.push_back({"kestactl", "repair", "--from", side == Side::memory ? "memory" : "disk"});
+            return whole;
         }
     }
     return std::nullopt;
@@ -170,7 +185,7 @@ Mend one_by_one(const SlotDecision &slots, const std::vector<Decided> &items)
 {
     Mend mend;
     for (const Decided &one : items) {
-        if (one.item->block->kind == BlockKind::slot) {
+        if (is_name(*one.item)) {
             if (slots.right && mend.empty()) {
                 mend = slots.mend();
             }
@@ -214,10 +229,10 @@ void decide(SubjectFinding &finding, const Survey &survey, const SlotDecision &s
         finding.text += " Some can't be read: check the NV memory and the disk of the system backup area.";
         return;
     }
-    if (auto mend = whole_side(survey, items)) {
-        finding.right = mend->front().back();
-        finding.mend = mend;
-        finding.text += finding.right == "memory" ? " Right is NV memory." : " Right is the disk.";
+    if (const auto whole = whole_side(survey, slots, items)) {
+        finding.right = whole->side == Side::memory ? "memory" : "disk";
+        finding.mend = whole->mend;
+        finding.text += whole->side == Side::memory ? " Right is NV memory." : " Right is the disk.";
         return;
     }
     if (Mend mend = one_by_one(slots, items); !mend.empty()) {

@@ -10,6 +10,7 @@
 #include "kesta/backup_flows.h"
 #include "kesta/base.h"
 #include "kesta/block_access.h"
+#include "kesta/cause.h"
 #include "kesta/command_lock.h"
 #include "kesta/controller.h"
 #include "kesta/identity.h"

@@ -526,6 +526,7 @@ TEST_F(KestactlVerify, SlotThatCanNotBeReadIsNoAbsentOne)
     write_file(host_path(0, "opt/faults"), "sb_open 1 on fail 5\n");
     const Ran verified = on(0, "KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl --json verify");
     EXPECT_EQ(verified.code, 4) << "no answer is no pass";
+    EXPECT_EQ(on(0, "KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl status --archives").code, 4);
     const json answer = verified.json();
     for (const json &subject : answer.at("result").at("subjects")) {
         if (subject.at("subject") == "backup" || subject.at("subject") == "accepted") {

@@ -236,6 +236,8 @@ void add_archive(Result &result, const ShownArchive &archive)
     if (archive.state == "ok") {
         json["size"] = archive.size;
         json["sha256"] = archive.sha256.empty() ? Json(nullptr) : Json(archive.sha256);
+    } else if (archive.state != "none") {
+        result.exit = Exit::platform;  // no answer is no pass
     }
     result.json["archives"].push_back(json);
 }
