@@ -25,9 +25,12 @@ follow()
     case $1 in
         etc/nodename) cat "$tree/$own/$1" > "$tree/.group/$1" ;;
         boot/solaris/bootenv.rc)
+            cp "$tree/.group/$1" "$tree/.edited" || return 1
             for name in cp_wwn cp_serial_number; do
-                /usr/sbin/eeprom -f "$tree/.group/$1" "$(/usr/sbin/eeprom -f "$tree/$own/$1" "$name")"
+                value=$(/usr/sbin/eeprom -f "$tree/$own/$1" "$name") || return 1
+                /usr/sbin/eeprom -f "$tree/.edited" "$value" || return 1
             done
+            cat "$tree/.edited" > "$tree/.group/$1"
             ;;
         *) cat "$tree/C/$1" > "$tree/.group/$1" ;;
     esac
@@ -48,8 +51,9 @@ if [ -s "$tree/.follow" ]; then
     while read -r file; do
         follow "$file" || fail "can't change the group's /$file"
     done < "$tree/.follow"
-    /usr/sbin/tar --no-recursion --delete -f "$archive.tar" -T "$tree/.follow" &&
-        /usr/sbin/tar -C "$tree/.group" --no-recursion -rf "$archive.tar" -T "$tree/.follow" ||
+    /usr/sbin/tar --no-recursion --delete -f "$archive.tar" -T "$tree/.follow" ||
+        fail "can't take the group's files out"
+    /usr/sbin/tar -C "$tree/.group" --no-recursion -rf "$archive.tar" -T "$tree/.follow" ||
         fail "can't pack the group's files"
 fi
 # A hosts table that no controller has had is none.

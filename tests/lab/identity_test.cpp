@@ -464,13 +464,15 @@ TEST_F(LabSavedIdentity, BothControllersFollowAndTheEnvironmentStaysWhatItWas)
 TEST_F(LabSavedIdentity, FilesOfTheGroupThatHaveTheIdentityFollow)
 {
     define(0, "<file path=\"/etc/nodename\"/><file path=\"/etc/cp_guid\"/><file path=\"/boot/solaris/bootenv.rc\"/>");
-    succeed(0, "chmod 640 /etc/nodename && kestactl save app");
+    succeed(0, "chmod 640 /etc/nodename /boot/solaris/bootenv.rc && kestactl save app");
+    succeed(1, "rm /etc/nodename");
     replace_board();
     carry_to_both();
     expect_carried(0, new_wwn + "-0");
+    expect_carried(1, "cnt1");  // what it is called without one
     succeed(0, "kestactl restore app");
     expect_carried(0, new_wwn + "-0");
-    EXPECT_EQ(on(0, "stat -c %a /etc/nodename").out, "640\n");
+    EXPECT_EQ(on(0, "stat -c %a /etc/nodename /boot/solaris/bootenv.rc").out, "640\n640\n");
 }
 
 TEST_F(LabSavedIdentity, NamesGivenByHandStayOnBoth)

@@ -22,6 +22,7 @@ namespace kestactl {
 namespace {
 
 constexpr const char *nodename_file = "/etc/nodename";
+constexpr const char *vpd_to_flash = "identity carry vpd-to-flash";
 
 // ------------------------------------------------------------------------------------------ show
 
@@ -346,7 +347,7 @@ Plan plan_vpd_to_flash()
         require_file(flash_backup,
                      "The identity goes into the saved environment: put one there first.");
         check_identity_archive(read_whole_file(flash_backup), flash_backup);
-        plan.verb = "identity carry vpd-to-flash";
+        plan.verb = vpd_to_flash;
         plan.replaces = {{flash_backup, Replacing::by_rename}};
         plan.steps.push_back({"carry the board's identity into the saved environment and the system",
                               {flash_backup, "/boot/solaris/bootenv.rc",
@@ -473,12 +474,24 @@ Plan plan_cnt0_to_cnt1()
     return plan;
 }
 
+std::string next_after(const std::string &verb)
+{
+    if (verb != vpd_to_flash) {
+        return "Next: 'kestactl identity carry vpd-to-disk' gives this board the same identity; on CNT0 'kestactl save "
+               "GROUP' and 'kestactl accept' store what runs now.\n";
+    }
+    return std::string("Next: 'kestactl copy cntbackup2backup' puts the changed environment into its slot") +
+           (learn_own_number() == 0 ? "; CNT1 follows with 'kestactl identity carry cnt0-to-cnt1'.\n" : ".\n");
+}
+
 Result carry(Plan (*make_plan)(), const Globals &globals)
 {
     const Plan plan = make_plan();
     Result result = carry_out(plan, globals);
     if (plan.steps.empty()) {
         result.text = "Nothing to carry: the identities agree.\n";
+    } else if (!globals.dry_run && !plan.replaces.empty()) {
+        result.text += next_after(plan.verb);
     }
     return result;
 }
