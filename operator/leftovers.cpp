@@ -1,6 +1,7 @@
 #include "leftovers.h"
 
 #include <errno.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -49,6 +50,20 @@ void require_leftover(const std::string &path)
         throw Failure(Exit::usage, "bad-path", path + " is nothing that commands leave behind.",
                       "'kestactl verify' shows what was left behind.");
     }
+}
+
+std::vector<std::string> leftover_paths()
+{
+    std::vector<std::string> found;
+    for (const char *path : paths) {
+        struct stat status {};
+        if (lstat(path, &status) == 0) {
+            found.emplace_back(path);
+        } else if (errno != ENOENT && errno != ENOTDIR) {
+            fail_file(path, "looked at");
+        }
+    }
+    return found;
 }
 
 std::vector<Leftover> find_leftover_files()

@@ -17,7 +17,10 @@ struct Leftover {
     PlaceFinding told() const;
 };
 
-// Those that are there, but for the note of an unfinished restore.
+// The paths of those that are there, but for the note of an unfinished restore. Throws Failure: it can't be told.
+std::vector<std::string> leftover_paths();
+
+// Those that are there, read and tested, but for the note of an unfinished restore.
 std::vector<Leftover> find_leftover_files();
 
 // Throws Failure for a path that is none of those that there may be.

@@ -169,3 +169,28 @@ TEST_F(KestactlMessages, BytesThatAreNoTextAreShownAsSuch)
     }
     EXPECT_EQ(ctl(0, "--json status").json().at("result").at("group"), "\\x1b]0;title\\x07\\xff");
 }
+
+// What a killed command left is in both, by the same names; and what takes it away, takes it from both.
+TEST_F(KestactlMessages, StatusAndVerifyAgreeOnLeftovers)
+{
+    define("");
+    ASSERT_EQ(ctl(0, "save network").code, 0);
+    EXPECT_THAT(ctl(0, "status").out, HasSubstr("leftovers    none\n"));
+    const std::string folder = "/opt/kesta_sys/bakup/";
+    for (const std::string left : {".save.tar.Z", ".restore.new", "backup.tar.Z.new", "accept.tar.Z.new", "tmp.tar.Z"}) {
+        ASSERT_EQ(on(0, "head -c 100 " + flash_backup + " > " + folder + left).code, 0);
+        const Ran status = ctl(0, "--json status");
+        EXPECT_EQ(status.json().at("result").at("leftovers").dump(), "[\"" + folder + left + "\"]");
+        EXPECT_THAT(ctl(0, "status").out, HasSubstr("leftovers    " + folder + left));
+        const Ran verified = ctl(0, "--json verify");
+        for (const nlohmann::json &row : verified.json().at("result").at("subjects")) {
+            if (row.at("subject") == "leftovers") {
+                ASSERT_EQ(row.at("places").size(), 1u) << row;
+                EXPECT_EQ(row.at("places").at(0).at("place"), folder + left);
+            }
+        }
+        EXPECT_EQ(ctl(0, "leftovers clear").code, 0);
+        EXPECT_TRUE(ctl(0, "--json status").json().at("result").at("leftovers").empty());
+        EXPECT_EQ(ctl(0, "verify").code, 0);
+    }
+}

@@ -17,6 +17,7 @@
 #include "cause_words.h"
 #include "checksum.h"
 #include "command.h"
+#include "leftovers.h"
 #include "lock_state.h"
 #include "names.h"
 #include "overview.h"
@@ -201,6 +202,14 @@ Json unfinished()
                    : Json("nothing");
 }
 
+std::string describe_leftovers(const Json &paths)
+{
+    if (paths.is_null()) {
+        return "unknown";
+    }
+    return paths.empty() ? "none" : joined(paths.get<std::vector<std::string>>()) + ": see 'kestactl verify'";
+}
+
 Json command_locks()
 {
     const LockState state = read_lock_state();
@@ -279,6 +288,7 @@ Result show_status(bool checksums)
         [] { return Json(plain_text(field_text(read_block(find_block("group"), From::memory).bytes))); });
     json["versions"] = answers.ask([own] { return versions(own); });
     json["unfinished"] = answers.ask(unfinished);
+    json["leftovers"] = answers.ask([] { return Json(leftover_paths()); });
     json["command_locks"] = answers.ask(command_locks);
     json["inner_lock"] = answers.ask(inner_lock_holders);
     result.text = "controller   CNT" + or_unknown(json["controller"]) + " of " +
@@ -288,7 +298,7 @@ Result show_status(bool checksums)
                   or_unknown(json["backup_slot"]) + "\naccept slot  " +
                   or_unknown(json["accept_slot"]) + "\ngroup        " + or_unknown(json["group"]) +
                   "\nversions     " + describe_versions(json["versions"]) + "\nunfinished   " +
-                  or_unknown(json["unfinished"]) +
+                  or_unknown(json["unfinished"]) + "\nleftovers    " + describe_leftovers(json["leftovers"]) +
                   "\ncommand lock " + describe_locks(json["command_locks"]) +
                   "\ninner lock   " + describe_holders(json["inner_lock"]) + "\n";
     add_archives(result, checksums);
