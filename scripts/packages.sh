@@ -1,6 +1,6 @@
 #!/bin/sh
 # Builds the Debian packages from what is in the checkout.
-# usage: packages.sh FOLDER
+# usage: packages.sh FOLDER      DEB_BUILD_OPTIONS is added to: noopt builds quicker
 set -eu
 cd "$(dirname "$0")/.."
 mkdir -p "$1"
@@ -10,7 +10,7 @@ trap 'rm -rf "$work"' EXIT
 mkdir "$work/libkesta"
 tar -c --exclude=./build --exclude=./.git . | tar -x -C "$work/libkesta"
 cd "$work/libkesta"
-DEB_BUILD_OPTIONS="parallel=$(nproc) noautodbgsym" dpkg-buildpackage -b -us -uc > "$work/log" 2>&1 || {
+DEB_BUILD_OPTIONS="parallel=$(nproc) noautodbgsym ${DEB_BUILD_OPTIONS:-}" dpkg-buildpackage -b -us -uc > "$work/log" 2>&1 || {
     tail -50 "$work/log" >&2
     exit 1
 }
