@@ -182,8 +182,8 @@ TEST_F(KestactlMessages, StatusAndVerifyAgreeOnLeftovers)
         const Ran status = ctl(0, "--json status");
         EXPECT_EQ(status.json().at("result").at("leftovers").dump(), "[\"" + folder + left + "\"]");
         EXPECT_THAT(ctl(0, "status").out, HasSubstr("leftovers    " + folder + left));
-        const Ran verified = ctl(0, "--json verify");
-        for (const nlohmann::json &row : verified.json().at("result").at("subjects")) {
+        const nlohmann::json verified = ctl(0, "--json verify").json();
+        for (const nlohmann::json &row : verified.at("result").at("subjects")) {
             if (row.at("subject") == "leftovers") {
                 ASSERT_EQ(row.at("places").size(), 1u) << row;
                 EXPECT_EQ(row.at("places").at(0).at("place"), folder + left);
