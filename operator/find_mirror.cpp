@@ -7,6 +7,7 @@
 
 #include "appliance_state.h"
 #include "identity_state.h"
+#include "printable.h"
 #include "version_numbers.h"
 
 namespace engine {
@@ -64,17 +65,6 @@ std::string lower(std::string text)
     return text;
 }
 
-std::string hex_of(const Bytes &bytes)
-{
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    for (const char byte : bytes) {
-        text += digits[static_cast<unsigned char>(byte) >> 4];
-        text += digits[static_cast<unsigned char>(byte) & 0xf];
-    }
-    return text;
-}
-
 // As this controller's board has it, which runs with it.
 std::optional<Side> right_identity(const MirroredItem &item)
 {
@@ -87,7 +77,7 @@ std::optional<Side> right_identity(const MirroredItem &item)
         std::string guid = lower(board.guid.value_or(""));
         std::erase(guid, '-');
         return guid.empty() ? std::nullopt
-                            : side_that(hex_of(*item.memory).starts_with(guid), hex_of(*item.disk).starts_with(guid));
+                            : side_that(hex(*item.memory).starts_with(guid), hex(*item.disk).starts_with(guid));
     }
     const std::string own = (block == KESTA_BLOCK_WWN ? board.wwn : board.serialno).value_or("");
     return own.empty() ? std::nullopt : side_that(field_text(*item.memory) == own, field_text(*item.disk) == own);
@@ -134,7 +124,7 @@ std::optional<std::string> argument_of(const MirroredItem &item, Side side)
         case BlockKind::version:
             return number_in(bytes) < 0 ? std::nullopt : std::optional(std::to_string(number_in(bytes)));
         case BlockKind::bytes:
-            return hex_of({bytes.begin(), bytes.begin() + item.block->written});
+            return hex({bytes.begin(), bytes.begin() + item.block->written});
         default: {
             const std::string text = field_text(bytes);
             const bool printable = std::all_of(text.begin(), text.end(),
