@@ -6,7 +6,7 @@
 
 #include <sys/types.h>
 
-extern "C" {
+namespace kesta {
 
 // A copy of the process environment, or null. Released with blkenvfree.
 char *blkenvalloc(void);
@@ -29,3 +29,15 @@ int prcfork(const char *command, char *block, pid_t *pid);
 // Stops a child: SIGTERM, then SIGKILL after 0.4 s. Returns 0 if it was reaped.
 int prckill(pid_t pid);
 }
+
+using kesta::blkenvalloc;
+using kesta::blkenvfree;
+using kesta::blksize;
+using kesta::blkcpy;
+using kesta::blkstrcat;
+using kesta::blkstrnum;
+using kesta::blkstrhead;
+using kesta::blkstrnext;
+using kesta::fdclose;
+using kesta::prcfork;
+using kesta::prckill;

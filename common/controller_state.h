@@ -3,7 +3,7 @@
 
 #include <pthread.h>
 
-extern "C" {
+namespace kesta {
 // Each starts at -1 and holds a value or the negative code of the last failure.
 extern volatile int g_my_cnt_no;        // own controller number, 0..3
 extern volatile int g_my_cnt_no_write;  // 0 once /etc/mycntno has been written by this process
@@ -17,6 +17,14 @@ extern char g_eeprom_serialno[17];
 // Held for each popen and pclose, never while a pipe is read.
 extern pthread_mutex_t popen_mutex;
 }
+
+using kesta::g_my_cnt_no;
+using kesta::g_my_cnt_no_write;
+using kesta::g_my_cnt_num;
+using kesta::g_my_boot_mode;
+using kesta::g_eeprom_wwn;
+using kesta::g_eeprom_serialno;
+using kesta::popen_mutex;
 
 namespace kesta {
 

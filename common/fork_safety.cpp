@@ -4,7 +4,7 @@
 
 #include <initializer_list>
 
-extern "C" {
+namespace kesta {
 extern pthread_mutex_t memory_mutex;
 extern pthread_mutex_t popen_mutex;
 extern pthread_mutex_t lockbuffer_mutex;
@@ -13,6 +13,14 @@ extern pthread_mutex_t bootmode_mutex;
 extern pthread_mutex_t nvrw_mutex;
 extern pthread_mutex_t system_mutex;
 }
+
+using kesta::memory_mutex;
+using kesta::popen_mutex;
+using kesta::lockbuffer_mutex;
+using kesta::innerlock_mutex;
+using kesta::bootmode_mutex;
+using kesta::nvrw_mutex;
+using kesta::system_mutex;
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "trace.h"
 #include "tracked_allocation.h"
 
-extern "C" {
+namespace kesta {
 volatile int tsize = 0;
 pthread_mutex_t memory_mutex = PTHREAD_MUTEX_INITIALIZER;
 }

@@ -12,9 +12,11 @@
 #include "process_clock.h"
 #include "trace.h"
 
-extern "C" {
+namespace kesta {
 pthread_mutex_t innerlock_mutex = PTHREAD_MUTEX_INITIALIZER;
 }
+
+using kesta::innerlock_mutex;
 
 namespace {
 

@@ -9,13 +9,16 @@
 #include "process_clock.h"
 #include "trace.h"
 
-// What this process has seen in each controller's slot.
-extern "C" {
-KESTAL_LOCKBUFFER_STRUCT g_cntlockinfo[KESTA_CONTROLLERS];
-pthread_mutex_t lockbuffer_mutex = PTHREAD_MUTEX_INITIALIZER;
+namespace kesta {
+pthread_mutex_t lockbuffer_mutex = PTHREAD_MUTEX_INITIALIZER;  // guards what follows
 }
 
+using kesta::lockbuffer_mutex;
+
 namespace {
+
+// What this process has seen in each controller's slot.
+KESTAL_LOCKBUFFER_STRUCT g_cntlockinfo[KESTA_CONTROLLERS];
 
 constexpr clock_t stale_after_seconds = 600;
 constexpr int timed_out = 1;

@@ -17,7 +17,7 @@
 #include "trace.h"
 #include "vrbapi.h"
 
-extern "C" {
+namespace kesta {
 volatile int g_my_cnt_no = -1;
 volatile int g_my_cnt_no_write = -1;
 volatile int g_my_cnt_num = -1;

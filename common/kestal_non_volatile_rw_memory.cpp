@@ -6,7 +6,7 @@
 #include "sanfwctl.h"
 #include "trace.h"
 
-extern "C" {
+namespace kesta {
 pthread_mutex_t nvrw_mutex = PTHREAD_MUTEX_INITIALIZER;
 }
 

@@ -186,7 +186,7 @@ private:
 
 }  // namespace
 
-extern "C" {
+namespace kesta {
 int g_env_restore2_flag;
 int g_onoff;
 KESTA_REPAIR_SYSVOL_DATA *g_sysvol_dataptr;

@@ -10,7 +10,7 @@
 #include "ownership.h"
 #include "trace.h"
 
-extern "C" {
+namespace kesta {
 int s_rwmode = KESTA_RWMODE_BOTH;
 pthread_mutex_t bootmode_mutex = PTHREAD_MUTEX_INITIALIZER;
 }

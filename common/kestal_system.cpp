@@ -13,9 +13,11 @@
 #include "ownership.h"
 #include "trace.h"
 
-extern "C" {
+namespace kesta {
 pthread_mutex_t system_mutex = PTHREAD_MUTEX_INITIALIZER;  // one shell of system() at a time
 }
+
+using kesta::system_mutex;
 
 namespace {
 

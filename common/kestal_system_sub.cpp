@@ -284,7 +284,7 @@ int try_reap(pid_t pid, const char *signal_name)
 
 }  // namespace
 
-char *blkenvalloc(void)
+char *kesta::blkenvalloc(void)
 {
     std::size_t sum = 0;
     for (char **variable = environ; variable && *variable; ++variable) {
@@ -311,19 +311,19 @@ char *blkenvalloc(void)
     return block;
 }
 
-void blkenvfree(char *block) { kestal_free_debug(block, __FILE__, __LINE__, 0); }
+void kesta::blkenvfree(char *block) { kestal_free_debug(block, __FILE__, __LINE__, 0); }
 
-int blksize(const char *block)
+int kesta::blksize(const char *block)
 {
     return static_cast<int>(block_end(block) + sizeof(empty_block));
 }
 
-void blkcpy(char *destination, const char *source)
+void kesta::blkcpy(char *destination, const char *source)
 {
     memcpy(destination, source, static_cast<std::size_t>(blksize(source)));
 }
 
-void blkstrcat(char *block, const char *text)
+void kesta::blkstrcat(char *block, const char *text)
 {
     const std::size_t end = block_end(block);
     char *to = block + (end == 0 ? 0 : end + 1);
@@ -332,7 +332,7 @@ void blkstrcat(char *block, const char *text)
     to[length] = '\0';
 }
 
-int blkstrnum(const char *block)
+int kesta::blkstrnum(const char *block)
 {
     int count = 0;
     for (char *text = blkstrhead(const_cast<char *>(block)); text; text = blkstrnext(text)) {
@@ -341,18 +341,18 @@ int blkstrnum(const char *block)
     return count;
 }
 
-char *blkstrhead(char *block)
+char *kesta::blkstrhead(char *block)
 {
     return memcmp(block, empty_block, sizeof(empty_block)) == 0 ? nullptr : block;
 }
 
-char *blkstrnext(char *string)
+char *kesta::blkstrnext(char *string)
 {
     char *next = string + strlen(string) + 1;
     return *next == '\0' ? nullptr : next;
 }
 
-CHILD_CODE void fdclose(void)
+CHILD_CODE void kesta::fdclose(void)
 {
     char path[1024];
     descriptor_folder(path);
@@ -365,7 +365,7 @@ CHILD_CODE void fdclose(void)
     raw_call(SYS_close, folder, 0, 0, 0);
 }
 
-int prcfork(const char *command, char *block, pid_t *pid)
+int kesta::prcfork(const char *command, char *block, pid_t *pid)
 {
     EnvironmentPointers pointers;
     char *const *environment = environ;
@@ -386,7 +386,7 @@ int prcfork(const char *command, char *block, pid_t *pid)
     return 0;
 }
 
-int prckill(pid_t pid)
+int kesta::prckill(pid_t pid)
 {
     if (send_signal(pid, SIGTERM, "SIGTERM") != 0) {
         return -1;

@@ -123,7 +123,7 @@ int kestal_guid_bin2str(const char *bytes, char *text)
 
 // ----------------------------------------------------------------------- the staging tree's steps
 
-extern "C" {
+namespace kesta {
 int g_vpd_cntnum = -1;
 int g_vpd_cnt_no = -1;
 char g_accept_filename[KESTA_AREA_NAME_SIZE];

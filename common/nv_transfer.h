@@ -7,9 +7,11 @@
 
 #include "ownership.h"
 
-extern "C" {
+namespace kesta {
 extern pthread_mutex_t nvrw_mutex;  // serialises every NV memory transfer of the process
 }
+
+using kesta::nvrw_mutex;
 
 namespace kesta {
 

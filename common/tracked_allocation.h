@@ -3,7 +3,10 @@
 
 #include <pthread.h>
 
-extern "C" {
+namespace kesta {
 extern volatile int tsize;  // tracked user bytes now allocated
 extern pthread_mutex_t memory_mutex;
 }
+
+using kesta::tsize;
+using kesta::memory_mutex;

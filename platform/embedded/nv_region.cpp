@@ -11,6 +11,7 @@
 
 #include "atomic_file.h"
 #include "faults.h"
+#include "one_machine.h"
 #include "scoped.h"
 #include "settings.h"
 
@@ -162,7 +163,10 @@ int NvRegion::attach(unsigned number, bool create)
         return 0;
     }
     const Paths paths(number);
-    int result = image_.attach(paths.image, nv_region_size, create);
+    int result = check_one_machine(settings().nv_dir);  // before a file is made there
+    if (result == 0) {
+        result = image_.attach(paths.image, nv_region_size, create);
+    }
     if (result == 0) {
         result = journal_.attach(paths.journal, journal_size, true);
     }

@@ -8,6 +8,7 @@
 
 #include "faults.h"
 #include "nv_region.h"
+#include "one_machine.h"
 #include "scoped.h"
 #include "settings.h"
 
@@ -41,6 +42,23 @@ int check(const cpfw_nv_region_t *region, const cpfw_nv_access_t *access, int co
         return -ERANGE;
     }
     return 0;
+}
+
+// A transfer in one direction, by NvRegion::read or NvRegion::write.
+template <typename Direction>
+int transfer(Direction direction, unsigned region, const cpfw_nv_access_t &access)
+{
+    pthread_once(&fork_handled, handle_fork);
+    const CancelOff off;
+    int result;
+    {
+        const Locked locked(mutex);
+        result = (regions[region].*direction)(region, access.offset, access.buffer, access.length);
+    }
+    if (result == -EREMOTE) {
+        tell_refused("nv_dir", settings().nv_dir);
+    }
+    return result;
 }
 
 // Whether the line is "NAME = NUMBER", and the number fits a byte.
@@ -110,10 +128,7 @@ PLATFORM_API int zKTsanfwctl_read_nv(int, cpfw_nv_region_t *region, cpfw_nv_acce
     if (const int failed = failure_of("nv_read"); failed != 0) {
         return failed;
     }
-    pthread_once(&fork_handled, handle_fork);
-    const CancelOff off;
-    const Locked locked(mutex);
-    return regions[*region].read(*region, access->offset, access->buffer, access->length);
+    return transfer(&NvRegion::read, *region, *access);
 }
 
 PLATFORM_API int zKTsanfwctl_write_nv(int, cpfw_nv_region_t *region, cpfw_nv_access_t *access,
@@ -125,10 +140,7 @@ PLATFORM_API int zKTsanfwctl_write_nv(int, cpfw_nv_region_t *region, cpfw_nv_acc
     if (const int failed = failure_of("nv_write"); failed != 0) {
         return failed;
     }
-    pthread_once(&fork_handled, handle_fork);
-    const CancelOff off;
-    const Locked locked(mutex);
-    return regions[*region].write(*region, access->offset, access->buffer, access->length);
+    return transfer(&NvRegion::write, *region, *access);
 }
 
 PLATFORM_API int zKTsanfwctl_get_status(int kind, sanfw_getstatus_out *out)

@@ -13,6 +13,7 @@
 
 #include "atomic_file.h"
 #include "faults.h"
+#include "one_machine.h"
 #include "scoped.h"
 #include "settings.h"
 
@@ -301,6 +302,10 @@ PLATFORM_API int sbacc_open(const char *name, const char *mode, int *handle, int
         return -fault.value;
     }
     const CancelOff off;
+    if (const int refused = check_one_machine(settings().sysback_dir); refused != 0) {
+        tell_refused("sysback_dir", settings().sysback_dir);
+        return refused;
+    }
     const int result = mode[0] == 'r' ? open_to_read(name) : open_to_write(name);
     if (result < 0) {
         return result;

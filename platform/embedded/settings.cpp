@@ -45,6 +45,7 @@ const Row rows[] = {
     TEXT(nv_dir),
     NUMBER(nv_regions, 1, 16),
     NUMBER(nv_sync, 0, 1),
+    NUMBER(allow_shared_file_system, 0, 1),
     TEXT(status_file),
     TEXT(sysback_dir),
     TEXT(trace_target),

@@ -20,6 +20,7 @@ struct Settings {
     char nv_dir[path_size] = "/var/lib/kesta/nv";
     int nv_regions = 3;
     int nv_sync = 0;
+    int allow_shared_file_system = 0;
     char status_file[path_size] = "/var/lib/kesta/status";
     char sysback_dir[path_size] = "/var/lib/kesta/sysback";
     char trace_target[word_size] = "file";

@@ -1,5 +1,6 @@
 // What an operator reads when something is in the way: the cause by its name, what was done all the same, and who is
 // waited for.
+#include <errno.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -46,6 +47,19 @@ TEST_F(KestactlMessages, FullAreaIsNamedInJson)
 {
     const Ran full = on(0, on_a_full_disk("kestactl --json version set backup 3"));
     EXPECT_THAT(full.json().at("error").at("message").get<std::string>(), HasSubstr("No space left on device"));
+}
+
+TEST_F(KestactlMessages, SharedFileSystemIsNamed)
+{
+    fs::copy_file(KESTA_NO_WAIT_LIBRARY, host_path(0, "opt/libno_wait.so"));
+    for (const auto &[call, place] : {std::pair{"nv_write", "NV memory"}, {"sb_open", "The system backup area"}}) {
+        write_file(host_path(0, "opt/faults"), std::string(call) + " 1 on fail " + std::to_string(EREMOTE) + "\n");
+        const Ran refused = on(0, "LD_PRELOAD=/opt/libno_wait.so KESTA_PLATFORM_FAULT_FILE=/opt/faults "
+                                  "kestactl version set backup 3");
+        EXPECT_EQ(refused.code, 4) << place;
+        EXPECT_THAT(refused.err, HasSubstr(place + std::string(" was refused: other machines may share its file")));
+        EXPECT_THAT(refused.err, HasSubstr("Keep it on a file system of this machine alone"));
+    }
 }
 
 TEST_F(KestactlMessages, WhoIsNotRootIsToldSo)

@@ -7,6 +7,7 @@ int main(int argc, char **argv)
     setenv("KESTA_PLATFORM_CONF", (at + "/none.conf").c_str(), 1);
     setenv("KESTA_PLATFORM_NV_DIR", (at + "/nv").c_str(), 1);
     setenv("KESTA_PLATFORM_SYSBACK_DIR", (at + "/sysback").c_str(), 1);
+    setenv("KESTA_PLATFORM_TRACE_FILE", (at + "/trace.log").c_str(), 1);
     setenv("KESTA_PLATFORM_STATUS_FILE", (at + "/status").c_str(), 1);
     setenv("KESTA_PLATFORM_FAULT_FILE", (at + "/faults").c_str(), 1);
     setenv("KESTA_PLATFORM_CONTROLLER_NUMBER", "2", 1);

@@ -14,11 +14,15 @@
 
 using namespace test;
 
-extern "C" {
+namespace kesta {
 extern pthread_mutex_t innerlock_mutex;
 extern pthread_mutex_t lockbuffer_mutex;
 extern pthread_mutex_t system_mutex;
 }
+
+using kesta::innerlock_mutex;
+using kesta::lockbuffer_mutex;
+using kesta::system_mutex;
 
 class Fork : public LibraryTest {};
 
