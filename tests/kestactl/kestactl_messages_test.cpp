@@ -208,3 +208,12 @@ TEST_F(KestactlMessages, StatusAndVerifyAgreeOnLeftovers)
         EXPECT_EQ(ctl(0, "verify").code, 0);
     }
 }
+
+// One sentence of what is missing, without a double negation.
+TEST_F(KestactlMessages, NoWholeIdentityAnywhereIsSaidOnce)
+{
+    const Ran refused = ctl(0, "identity carry vpd-to-flash");
+    EXPECT_EQ(refused.code, 1) << refused.out;
+    EXPECT_THAT(refused.err, HasSubstr("Neither the board nor this controller holds a whole identity.\n"));
+    EXPECT_THAT(refused.err, HasSubstr("Set one with 'kestactl identity set"));
+}
