@@ -70,13 +70,15 @@ int transfer_wrongly(Transfer &transfer, cpfw_nv_region_t *region, cpfw_nv_acces
 int transfer_held(Transfer &transfer, cpfw_nv_region_t *region, cpfw_nv_access_t *access)
 {
     pthread_mutex_lock(&held_by_callers);
-    if (wrong("nv_is_cancelled_with_a_mutex_held")) {
-        pthread_testcancel();
-    }
     const int result = transfer(-1, region, access, 1);
-    if (wrong("nv_mutex_stays_locked_in_children") && gettid() != getpid()) {
+    if (gettid() != getpid()) {
         constexpr useconds_t for_most_of_the_time = 1000;
-        usleep(for_most_of_the_time);  // a fork beside this thread meets it held
+        int before = PTHREAD_CANCEL_ENABLE;
+        (void)pthread_setcancelstate(wrong("nv_is_cancelled_with_a_mutex_held") ? PTHREAD_CANCEL_ENABLE
+                                                                                : PTHREAD_CANCEL_DISABLE,
+                                     &before);
+        usleep(for_most_of_the_time);  // a fork beside this thread, or a cancellation of it, meets it held
+        (void)pthread_setcancelstate(before, nullptr);
     }
     pthread_mutex_unlock(&held_by_callers);
     return result;
