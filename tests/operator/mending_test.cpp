@@ -386,6 +386,27 @@ TEST(Mending, WholeOneOfUnknownVersionIsNotSaidToBeAnother)
     EXPECT_EQ(appliance.verify().exit, 0);
 }
 
+TEST(Mending, FlashOfUnknownVersionIsNotCopiedOverTheSlot)
+{
+    MendedAppliance appliance(1, false);
+    appliance.put(0, MendedAppliance::archive(8));
+    appliance.run({"kestactl", "version", "set", "flash", "0"});
+    const Ran refused = appliance.run({"kestactl", "copy", "cntbackup2backup"});
+    EXPECT_EQ(refused.exit, 1) << refused.text;
+    EXPECT_EQ(appliance.at(2), MendedAppliance::archive(9));
+    EXPECT_EQ(appliance.run({"kestactl", "copy", "cntbackup2backup", "--force"}).exit, 0);
+}
+
+TEST(Mending, SwitchThatLeavesTheDiskOutIsNoSwitch)
+{
+    MendedAppliance appliance;
+    platform().fail_kind("sb_open");
+    EXPECT_EQ(appliance.run({"kestactl", "slot", "switch"}).exit, 4);
+    platform().kind_faults.erase("sb_open");
+    expect_followed(appliance, "half a switch");
+    EXPECT_TRUE(appliance.agrees());
+}
+
 TEST(Mending, VersionFileThatCanNotBeReadIsNotSetAnew)
 {
     MendedAppliance appliance;
