@@ -173,8 +173,7 @@ std::string require_slot(const std::string &name, const std::string &which)
     if (!is_slot(name)) {
         throw Failure(Exit::no, "no-slot-name",
                       "No " + which + " slot is in force: the stored name is '" + name + "'.",
-                      "Name both slots: kestactl slot switch --backup " KESTA_SLOT0
-                      " --accept " KESTA_SLOT1);
+                      "'kestactl verify' tells by the archives which slot is which, and gives the command that names them.");
     }
     return name;
 }

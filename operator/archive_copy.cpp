@@ -92,10 +92,13 @@ ArchiveCopyPlan plan_archive_copy(const ArchiveCopyRequest &request)
     return {to, source.evidence.sha256, source.evidence.bytes, target.same_bytes(source.evidence)};
 }
 
-KeepReport copy_archive(const ArchiveCopyRequest &request, const std::string &verb, const KeepRule &rule)
+KeepReport copy_archive(const ArchiveCopyRequest &request, const std::string &verb, const KeepRule &given)
 {
     KeepReport report;
     Source source = required_source(request);
+    KeepRule rule = given;
+    rule.only_adds = true;
+    rule.source = source.evidence.sha256;
     const StoragePlace to = place_at(request.to);
     const ArchiveEvidence target = evidence_at(to);
     require_readable_target(target, request.to);
@@ -108,7 +111,7 @@ KeepReport copy_archive(const ArchiveCopyRequest &request, const std::string &ve
         report.add(keep_replaced({{place, Replacing::in_place}}, verb, rule));
     }
     if (is_on_flash(to)) {
-        write_file_whole(path_of(to), source.bytes);
+        with_room_on_flash(report, [&] { write_file_whole(path_of(to), source.bytes); }, rule.source);
     } else {
         write_slot(slot_of(to), source.bytes);
     }

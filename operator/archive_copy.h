@@ -28,7 +28,8 @@ struct ArchiveCopyPlan {
 ArchiveCopyPlan plan_archive_copy(const ArchiveCopyRequest &request);
 
 // Tests the source once more, keeps what the target holds as a generation, writes, and reads back. A place on flash has
-// its old archive or the new one at any moment. Throws Failure.
+// its old archive or the new one at any moment. Generations are dropped for --keep and on a full disk only, and the
+// source never. Throws Failure.
 KeepReport copy_archive(const ArchiveCopyRequest &request, const std::string &verb, const KeepRule &rule);
 
 }  // namespace engine

@@ -1,6 +1,7 @@
 #include "find_archives.h"
 
 #include <array>
+#include <utility>
 
 namespace engine {
 namespace {
@@ -183,12 +184,23 @@ std::string in_force_text(const Pair &pair)
 }
 
 // What an operator can do where no command is safe.
-std::string what_is_left(const Survey &survey, const Pair &pair)
+std::string what_is_left(const Survey &survey, const SlotNames &names, const Pair &pair)
 {
+    if (pair.in_force.unreadable) {
+        return "So no copy is known to be right: check the NV memory and the system backup area, and write nothing to "
+               "either place before.";
+    }
     const bool both = survey.at(pair.flash).good() && survey.at(pair.slot).good();
     if (both) {
         return "Which of the two is right can't be told: compare them ('kestactl copy backup2tmp', 'kestactl copy "
                "cntbackup2tmp'), or save again; what is replaced is kept as a generation.";
+    }
+    for (const auto &[place, other_place] : {std::pair(pair.flash, pair.slot), std::pair(pair.slot, pair.flash)}) {
+        if (survey.at(place).good() && !version_held(survey, names, place)) {
+            return "Whether the whole one is it can't be told: look into it, and look at the other controllers with 'kestactl "
+                   "verify'. If it is: kestactl copy archive " +
+                   address_of(place) + " " + address_of(other_place) + ".";
+        }
     }
     return "No whole copy of what is in force is left here. Look at the other controllers' flash with 'kestactl verify', "
            "or into /opt/kesta_sys/bakup/generations; otherwise make a new one with 'kestactl save'" +
@@ -243,7 +255,7 @@ void decide(SubjectFinding &finding, const Survey &survey, const SlotNames &name
     }
     const auto right = find_right(survey, names, pair);
     if (!right) {
-        finding.text = both + in_force_text(pair) + " " + what_is_left(survey, pair);
+        finding.text = both + in_force_text(pair) + " " + what_is_left(survey, names, pair);
         return;
     }
     finding.right = right->told_as;

@@ -1,5 +1,9 @@
 #include "find_others.h"
 
+#include <kesta/kesta.h>
+
+#include <algorithm>
+
 #include "appliance_state.h"
 #include "find_archives.h"
 #include "generations.h"
@@ -55,6 +59,31 @@ std::string differing_identities()
     return differing;
 }
 
+// "NV memory", "the system backup area", or both.
+std::string unreadable_identities(const Survey &survey)
+{
+    std::string unreadable;
+    for (const Side side : {Side::memory, Side::disk}) {
+        const bool has_one = std::any_of(survey.mirror.items.begin(), survey.mirror.items.end(), [side](const MirroredItem &item) {
+            const int id = item.block->id;
+            const bool of_identity = id == KESTA_BLOCK_WWN || id == KESTA_BLOCK_SERIALNO || id == KESTA_BLOCK_GUID;
+            return of_identity && (side == Side::memory ? item.memory_unreadable : item.disk_unreadable);
+        });
+        if (has_one) {
+            unreadable += (unreadable.empty() ? "" : " and ") + std::string(name_of(side));
+        }
+    }
+    return unreadable;
+}
+
+// The number on flash is all that tells which version its archive is: another number would make it pass for that one.
+bool flash_is_told_by_number_only(const Survey &survey)
+{
+    const ArchiveEvidence &flash = survey.at(StoragePlace::backup_on_flash);
+    return flash.good() && survey.recorded_at(StoragePlace::backup_on_flash).empty() &&
+           !flash.same_bytes(survey.at(StoragePlace::slot0)) && !flash.same_bytes(survey.at(StoragePlace::slot1));
+}
+
 }  // namespace
 
 SubjectFinding find_versions(const Survey &survey, const SlotDecision &slots)
@@ -72,7 +101,15 @@ SubjectFinding find_versions(const Survey &survey, const SlotDecision &slots)
         return finding;
     }
     Mend mend;
-    if (versions.flash.number != versions.current.number) {
+    const bool differs = versions.flash.number != versions.current.number;
+    if (differs && versions.current.number && flash_is_told_by_number_only(survey)) {
+        finding.state = FindingState::differs;
+        finding.mend.reset();
+        finding.text += ". Only the number on flash tells of the archive there: look at it, then set the one that is wrong "
+                        "with 'kestactl version set current' or 'kestactl version set flash'.";
+        return finding;
+    }
+    if (differs) {
         mend.push_back(versions.current.number ? set_version("flash", *versions.current.number)
                                                : set_version("current", *versions.flash.number));
     }
@@ -109,10 +146,17 @@ std::string advice_on_identity(int controller)
     }
 }
 
-SubjectFinding find_identity()
+SubjectFinding find_identity(const Survey &survey)
 {
     const std::string differing = differing_identities();
     SubjectFinding finding{"identity"};
+    if (const std::string unreadable = unreadable_identities(survey); !unreadable.empty()) {
+        finding.state = FindingState::unreadable;
+        finding.mend.reset();
+        finding.text = "Its values can't be read in " + unreadable + ": check the NV memory and the disk of the system "
+                       "backup area.";
+        return finding;
+    }
     finding.text = "all places agree";
     if (!differing.empty()) {
         finding.state = FindingState::differs;

@@ -12,7 +12,7 @@ namespace engine {
 SubjectFinding find_versions(const Survey &survey, const SlotDecision &slots);
 
 // The identity values in all places against the board's.
-SubjectFinding find_identity();
+SubjectFinding find_identity(const Survey &survey);
 
 // Who holds the inner lock or a command lock. Nothing tells a dead holder from a slow one, so none is cleared.
 SubjectFinding find_locks();

@@ -75,7 +75,7 @@ Findings find_all()
     add("backup", [&] { return find_archives(survey, slots, ArchiveRole::backup); });
     add("accepted", [&] { return find_archives(survey, slots, ArchiveRole::accepted); });
     add("versions", [&] { return find_versions(survey, slots); });
-    add("identity", [&] { return find_identity(); });
+    add("identity", [&] { return find_identity(survey); });
     add("locks", [&] { return find_locks(); });
     const bool backup_agrees = !findings.rows[2].counts();
     const bool accepted_agrees = !findings.rows[3].counts();

@@ -67,11 +67,12 @@ std::vector<Generation> entries_in(const GenerationFolder &folder)
 class Keeping {
 public:
     Keeping(const std::string &parent, const IsWhole &is_whole, const GenerationChange &change,
-            const AskVersions &in_force)
+            const AskVersions &in_force, const std::string &spared)
         : folder_(parent, Purpose::changing),
           is_whole_(is_whole),
           change_(change),
           in_force_(in_force),
+          spared_(spared),
           saved_(saved_in(folder_))
     {
         folder_.remove_unfinished();
@@ -115,8 +116,11 @@ public:
     }
 
     bool drop_oldest() { return drop_oldest(report_.kept); }
-    bool drop_oldest(const std::vector<Generation> &spared)
+    bool drop_oldest(std::vector<Generation> spared)
     {
+        if (const auto source = find(spared_); source != all_.end()) {
+            spared.push_back(*source);
+        }
         const Entries dropped = droppable(all_, in_force_(), spared);
         if (dropped.empty()) {
             return false;
@@ -247,6 +251,7 @@ private:
     const IsWhole &is_whole_;
     const GenerationChange &change_;
     const AskVersions &in_force_;
+    const std::string &spared_;  // a checksum
     std::vector<SavedArchive> saved_;
     Entries all_;  // newest first
     KeepReport report_;
@@ -333,9 +338,10 @@ GenerationsCheck GenerationStore::check() const
 }
 
 KeepReport GenerationStore::keep(const std::vector<GenerationSource> &sources, const GenerationChange &change,
-                                 const GenerationLimits &limits, const AskVersions &in_force) const
+                                 const GenerationLimits &limits, const AskVersions &in_force,
+                                 const std::string &spared) const
 {
-    Keeping keeping(parent_, is_whole_, change, in_force);
+    Keeping keeping(parent_, is_whole_, change, in_force, spared);
     for (const GenerationSource &source : sources) {
         keeping.keep(source);
     }
@@ -343,10 +349,10 @@ KeepReport GenerationStore::keep(const std::vector<GenerationSource> &sources, c
     return keeping.finish();
 }
 
-bool GenerationStore::drop_oldest(const AskVersions &in_force, KeepReport &report) const
+bool GenerationStore::drop_oldest(const AskVersions &in_force, KeepReport &report, const std::string &spared) const
 {
     const GenerationChange nobody;
-    Keeping keeping(parent_, is_whole_, nobody, in_force);
+    Keeping keeping(parent_, is_whole_, nobody, in_force, spared);
     const bool dropped = keeping.drop_oldest(report.kept);
     report.add(keeping.finish());
     if (dropped) {

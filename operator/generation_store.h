@@ -76,13 +76,13 @@ public:
     GenerationsCheck check() const;
 
     // Keeps the whole ones of the sources, then drops what is beyond the limits. Throws Failure: one of them could
-    // not be kept, and must not be overwritten.
+    // not be kept, and must not be overwritten. The one with the checksum 'spared' is not dropped.
     KeepReport keep(const std::vector<GenerationSource> &sources, const GenerationChange &change,
-                    const GenerationLimits &limits, const AskVersions &in_force) const;
+                    const GenerationLimits &limits, const AskVersions &in_force, const std::string &spared = {}) const;
 
-    // Drops the oldest one that is not in force, and none of those that the report says were kept. False: there is none.
-    // Throws Failure.
-    bool drop_oldest(const AskVersions &in_force, KeepReport &report) const;
+    // Drops the oldest one that is not in force, and none of those that the report says were kept, nor the one with the
+    // checksum 'spared'. False: there is none. Throws Failure.
+    bool drop_oldest(const AskVersions &in_force, KeepReport &report, const std::string &spared = {}) const;
 
     // Notes what was just made and tested, so that it is known when it is replaced one day. Throws Failure.
     void note_saved(const SavedArchive &archive) const;

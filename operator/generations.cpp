@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <charconv>
 #include <fstream>
+#include <limits>
 
 #include "appliance_state.h"
 #include "archive_evidence.h"
@@ -204,9 +205,12 @@ KeepReport keep_replaced(const std::vector<ReplacedPlace> &places, const std::st
         return report;
     }
     GenerationLimits limits = generation_limits();
+    if (rule.only_adds) {
+        limits = {std::numeric_limits<std::uint64_t>::max(), std::numeric_limits<std::uint64_t>::max()};
+    }
     limits.count = rule.keep.value_or(limits.count);
     try {
-        report.add(store(look).keep(sources, change_now(verb, rule), limits, versions_in_force));
+        report.add(store(look).keep(sources, change_now(verb, rule), limits, versions_in_force, rule.source));
     } catch (const Failure &failure) {
         if (failure.code() != "file-failed" && failure.code() != "foreign-folder") {
             throw;
@@ -218,7 +222,7 @@ KeepReport keep_replaced(const std::vector<ReplacedPlace> &places, const std::st
     return report;
 }
 
-void with_room_on_flash(KeepReport &report, const std::function<void()> &write)
+void with_room_on_flash(KeepReport &report, const std::function<void()> &write, const std::string &source)
 {
     for (;;) {
         try {
@@ -226,7 +230,7 @@ void with_room_on_flash(KeepReport &report, const std::function<void()> &write)
             return;
         } catch (const Failure &failure) {
             if (failure.code() != no_room || generations().empty() ||
-                !store([] {}).drop_oldest(versions_in_force, report)) {
+                !store([] {}).drop_oldest(versions_in_force, report, source)) {
                 throw;
             }
         }

@@ -15,6 +15,9 @@ namespace engine {
 struct KeepRule {
     std::optional<std::uint64_t> keep;  // how many stay, instead of the setting; 0: nothing is kept
     std::string comment;
+    // What mends only adds: nothing is dropped for the number and the bytes of the settings, unless 'keep' says so.
+    bool only_adds = false;
+    std::string source = {};  // the checksum of what takes the place of what is kept: never dropped for it
 
     bool keeps() const { return keep != std::uint64_t{0}; }
 };
@@ -40,8 +43,9 @@ KeepReport keep_replaced(
     const std::vector<ReplacedPlace> &places, const std::string &verb, const KeepRule &rule,
     const std::function<void()> &look = [] {});
 
-// Does what writes to flash. Where the disk is full, the oldest generation is dropped, and it is done again.
-void with_room_on_flash(KeepReport &report, const std::function<void()> &write);
+// Does what writes to flash. Where the disk is full, the oldest generation is dropped, and it is done again; the one with
+// the checksum 'source' stays.
+void with_room_on_flash(KeepReport &report, const std::function<void()> &write, const std::string &source = {});
 
 // The same for what can't be done again: drops the oldest ones until so many bytes are free, or none is left to drop.
 void make_room_on_flash(KeepReport &report, std::uint64_t bytes);

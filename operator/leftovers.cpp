@@ -28,6 +28,18 @@ bool is_elsewhere(const ArchiveEvidence &evidence)
                        [&](StoragePlace place) { return evidence_at(place).same_bytes(evidence); });
 }
 
+// Whole, or beyond the limits of archives, where nothing tells.
+bool may_be_missed(const ArchiveEvidence &evidence)
+{
+    return (evidence.good() || evidence.beyond_limits) && !is_elsewhere(evidence);
+}
+
+KeepRule adding(KeepRule rule)
+{
+    rule.only_adds = true;
+    return rule;
+}
+
 }  // namespace
 
 PlaceFinding Leftover::told() const
@@ -82,11 +94,11 @@ KeepReport keep_leftovers(const std::string &verb, const KeepRule &rule)
 {
     std::vector<ReplacedPlace> whole;
     for (const Leftover &leftover : find_leftover_files()) {
-        if (leftover.evidence.good() && !is_elsewhere(leftover.evidence)) {
+        if (may_be_missed(leftover.evidence)) {
             whole.push_back({leftover.path, Replacing::in_place});
         }
     }
-    return whole.empty() ? KeepReport() : keep_replaced(whole, verb, rule);
+    return whole.empty() ? KeepReport() : keep_replaced(whole, verb, adding(rule));
 }
 
 void clear_leftover(const std::string &path, const std::string &verb)
@@ -96,12 +108,12 @@ void clear_leftover(const std::string &path, const std::string &verb)
     if (evidence.absent()) {
         return;
     }
-    if (evidence.state == CopyState::unreadable) {
+    if (evidence.state == CopyState::unreadable && !evidence.beyond_limits) {
         throw Failure(Exit::platform, "leftover-unreadable", path + " can't be read: " + evidence.reason + ".",
-                      "It stays, since it may be whole: check its disk, or the limits of archives.");
+                      "It stays, since it may be whole: check its disk.");
     }
-    if (evidence.good() && !is_elsewhere(evidence)) {
-        (void)keep_replaced({{path, Replacing::in_place}}, verb, {});
+    if (may_be_missed(evidence)) {
+        (void)keep_replaced({{path, Replacing::in_place}}, verb, adding({}));
     }
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
         fail_file(path, "removed");

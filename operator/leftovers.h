@@ -26,11 +26,11 @@ std::vector<Leftover> find_leftover_files();
 // Throws Failure for a path that is none of those that there may be.
 void require_leftover(const std::string &path);
 
-// For whoever is about to write over them: what is whole, and in none of the four places, is kept as a generation. Throws
-// Failure: it can't be kept.
+// For whoever is about to write over them: what is whole, or beyond the limits of archives, and in none of the four
+// places, is kept as a generation. Throws Failure: it can't be kept.
 KeepReport keep_leftovers(const std::string &verb, const KeepRule &rule);
 
-// Takes one away. A whole archive is kept as a generation before, unless one of the four places has the same. Throws
+// Takes one away. A whole archive, or one beyond the limits, is kept as a generation before, unless one of the four places has the same. Throws
 // Failure: it can't be read or kept, and stays; or the path is none of them.
 void clear_leftover(const std::string &path, const std::string &verb);
 

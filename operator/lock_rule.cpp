@@ -1,5 +1,7 @@
 #include "lock_rule.h"
 
+#include <kesta/kesta.h>
+
 #include <algorithm>
 
 #include "appliance_state.h"
@@ -26,13 +28,23 @@ int in_the_way(const LockState &state, int own, const std::vector<int> &ignored)
     return -1;
 }
 
-// What can't be looked at is in nobody's way: the change itself then says what failed.
-LockState locks_now()
+// Locks that can't be read may be held, by any controller that is minded.
+LockState locks_now(int own, const std::vector<int> &ignored)
 {
     try {
         return read_lock_state();
-    } catch (const Failure &) {
-        return {};
+    } catch (const Failure &failure) {
+        std::string minded;
+        for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
+            if (i != own && std::find(ignored.begin(), ignored.end(), i) == ignored.end()) {
+                minded += " --ignore-lock " + controller_name(i);
+            }
+        }
+        if (minded.empty()) {
+            return {};
+        }
+        throw Failure(failure.exit(), failure.code(), failure.what() + std::string(" Another controller may hold one."),
+                      "Nothing was changed. If nobody is at work there, give" + minded + ". " + failure.hint());
     }
 }
 
@@ -45,7 +57,7 @@ void honour_command_lock(const LockRule &rule)
     for (const std::string &name : rule.ignored) {
         ignored.push_back(parse_controller(name));
     }
-    LockState state = locks_now();
+    LockState state = locks_now(own, ignored);
     int holder = in_the_way(state, own, ignored);
     if (holder < 0) {
         return;
@@ -61,7 +73,7 @@ void honour_command_lock(const LockRule &rule)
         if (const int signal = signals.wait(seconds_between_looks); signal != 0) {
             interrupted(signal);
         }
-        state = locks_now();
+        state = locks_now(own, ignored);
         holder = in_the_way(state, own, ignored);
     }
 }

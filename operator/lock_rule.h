@@ -12,7 +12,8 @@ struct LockRule {
 };
 
 // Returns when no other controller holds the command lock. A lock of this controller is that of a command around
-// this one. Throws Failure: another one's is held after the time is over, or a signal came.
+// this one. Throws Failure: another one's is held after the time is over, or a signal came, or the locks
+// can't be read and not all other controllers' are ignored.
 void honour_command_lock(const LockRule &rule);
 
 }  // namespace engine

@@ -1,11 +1,14 @@
 #include "storage_places.h"
 
+#include <fcntl.h>
 #include <kesta/kesta.h>
+#include <unistd.h>
 
 #include <algorithm>
 
 #include "appliance_state.h"
 #include "archive_places.h"
+#include "beneath.h"
 #include "failure.h"
 #include "generation_folder.h"
 #include "generations.h"
@@ -16,6 +19,7 @@ namespace {
 
 constexpr const char *flash_backup_address = "flash:backup";
 constexpr const char *flash_accept_address = "flash:accept";
+constexpr const char *flash_version_file = "/etc/kesta_sys/version";
 
 // Each area is asked anew in both places: the library stops asking the system backup area after one failure.
 VersionNumber number_of(int area, int controller)
@@ -29,11 +33,21 @@ VersionNumber number_of(int area, int controller)
     return {version > 0 ? std::optional(version) : std::nullopt, false};
 }
 
+bool can_be_read(const char *path)
+{
+    const Descriptor file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    char byte;
+    return file && read(file.get(), &byte, 1) >= 0;
+}
+
 VersionNumber flash_number()
 {
     int version = 0;
     const bool was_read = kestal_read_flash_version_file(&version, KESTA_FLASH_VERSION) == KESTA_OK;
-    return {was_read && version > 0 ? std::optional(version) : std::nullopt, false};
+    if (!was_read) {
+        return {std::nullopt, !can_be_read(flash_version_file)};  // what is no number can be set anew
+    }
+    return {version > 0 ? std::optional(version) : std::nullopt, false};
 }
 
 VersionNumbers read_numbers(int own)

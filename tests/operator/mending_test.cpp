@@ -3,8 +3,10 @@
 #include <gmock/gmock.h>
 #include <limits.h>
 
+#include <filesystem>
 #include <random>
 
+#include "archive_evidence.h"
 #include "archive_places.h"
 #include "mended_appliance.h"
 #include "private_root.h"
@@ -295,6 +297,129 @@ TEST(Mending, ControllerThatDidNotSaveGetsWhatIsInForce)
         EXPECT_EQ(appliance.at(0), MendedAppliance::archive(9));
         EXPECT_TRUE(appliance.whole_archives().contains(MendedAppliance::archive(8))) << "kept";
     }
+}
+
+TEST(Mending, NothingPassesForAnotherVersionByItsNumber)
+{
+    MendedAppliance appliance(0, false);
+    appliance.put(0, MendedAppliance::archive(8));
+    appliance.run({"kestactl", "version", "set", "flash", "8"});
+    appliance.damage(2, Damage::flipped);
+    EXPECT_TRUE(subject(appliance.verify(), "versions").at("mend").is_null());
+    expect_followed(appliance, "only the number on flash tells that it is version 8");
+    EXPECT_NE(appliance.at(2), MendedAppliance::archive(8));
+    EXPECT_TRUE(subject(appliance.verify(), "backup").at("right").is_null());
+}
+
+TEST(Mending, MendingDropsNoGenerationAndNeverItsSource)
+{
+    for (const bool fails : {false, true}) {
+        MendedAppliance appliance;
+        write_file("/etc/kesta/archives.conf", "generations = 1\n");
+        for (const int version : {8, 10, 9}) {
+            appliance.run({"kestactl", "copy", "archive", "flash:backup", "slot:kesta_backup0"});
+            appliance.put(0, MendedAppliance::archive(version));
+        }
+        appliance.put(0, MendedAppliance::archive(10));
+        const std::set<std::string> before = appliance.whole_archives();
+        const Ran kept = appliance.run({"kestactl", "copy", "archive", "flash:backup", "slot:kesta_backup0"});
+        ASSERT_EQ(kept.exit, 0) << kept.text;
+        const std::string sum = engine::evidence_of_bytes(MendedAppliance::archive(9)).sha256;
+        if (fails) {
+            platform().fail_kind("sb_write", 0, 1);
+        }
+        const Ran back = appliance.run({"kestactl", "copy", "archive", "generation:" + sum, "slot:kesta_backup0"});
+        EXPECT_EQ(back.exit, fails ? 4 : 0) << back.text;
+        for (const std::string &archive : before) {
+            EXPECT_TRUE(appliance.whole_archives().contains(archive));
+        }
+    }
+}
+
+TEST(Mending, LeftoverBeyondTheLimitsIsKeptAndTakenAway)
+{
+    MendedAppliance appliance;
+    const std::string large = whole_archive(std::string(20000, 'x'));
+    write_file(engine::unfinished_archive, large);
+    write_file("/etc/kesta/archives.conf", "archive_bytes = 8000\n");
+    ASSERT_FALSE(subject(appliance.verify(), "leftovers").at("mend").is_null());
+    expect_followed(appliance, "a leftover beyond the limits");
+    EXPECT_FALSE(exists(engine::unfinished_archive));
+    write_file("/etc/kesta/archives.conf", "");
+    EXPECT_TRUE(appliance.whole_archives().contains(large)) << "kept, since it may be whole";
+}
+
+TEST(Mending, WhatCanNotBeReadIsNoAgreementAndNoFreeLock)
+{
+    MendedAppliance appliance;
+    appliance.damage(1, Damage::flipped);
+    platform().fail_kind("nv_read");
+    const Ran verified = appliance.verify();
+    EXPECT_EQ(verified.exit, 4);
+    EXPECT_EQ(subject(verified, "identity").at("state"), "unreadable");
+    EXPECT_EQ(subject(verified, "locks").at("state"), "unreadable");
+    EXPECT_THAT(subject(verified, "accepted").at("text").get<std::string>(),
+                testing::Not(testing::HasSubstr("kestactl save"))) << "the slot may have what is in force";
+    const std::vector<std::string> copy{"kestactl", "copy", "archive", "slot:kesta_backup1", "flash:accept"};
+    const Ran refused = appliance.run(copy);
+    EXPECT_EQ(refused.exit, 4);
+    EXPECT_NE(appliance.at(1), MendedAppliance::archive(3)) << "another controller may hold a lock";
+    std::vector<std::string> alone = copy;
+    for (const char *word : {"--ignore-lock", "CNT1", "--ignore-lock", "CNT2", "--ignore-lock", "CNT3"}) {
+        alone.push_back(word);
+    }
+    EXPECT_THAT(refused.text, testing::HasSubstr("--ignore-lock CNT1 --ignore-lock CNT2 --ignore-lock CNT3"));
+    EXPECT_EQ(appliance.run(alone).exit, 0);
+    EXPECT_EQ(appliance.at(1), MendedAppliance::archive(3));
+}
+
+TEST(Mending, WholeOneOfUnknownVersionIsNotSaidToBeAnother)
+{
+    MendedAppliance appliance(1, false);
+    appliance.damage(3, Damage::flipped);
+    const Json row = subject(appliance.verify(), "accepted");
+    EXPECT_TRUE(row.at("mend").is_null());
+    EXPECT_TRUE(row.at("right").is_null());
+    EXPECT_THAT(row.at("text").get<std::string>(),
+                testing::HasSubstr("If it is: kestactl copy archive flash:accept slot:kesta_backup1."));
+    EXPECT_EQ(appliance.run({"kestactl", "copy", "archive", "flash:accept", "slot:kesta_backup1"}).exit, 0);
+    EXPECT_EQ(appliance.verify().exit, 0);
+}
+
+TEST(Mending, FlashOfUnknownVersionIsNotCopiedOverTheSlot)
+{
+    MendedAppliance appliance(1, false);
+    appliance.put(0, MendedAppliance::archive(8));
+    appliance.run({"kestactl", "version", "set", "flash", "0"});
+    const Ran refused = appliance.run({"kestactl", "copy", "cntbackup2backup"});
+    EXPECT_EQ(refused.exit, 1) << refused.text;
+    EXPECT_EQ(appliance.at(2), MendedAppliance::archive(9));
+    EXPECT_EQ(appliance.run({"kestactl", "copy", "cntbackup2backup", "--force"}).exit, 0);
+}
+
+TEST(Mending, SwitchThatLeavesTheDiskOutIsNoSwitch)
+{
+    MendedAppliance appliance;
+    platform().fail_kind("sb_open");
+    EXPECT_EQ(appliance.run({"kestactl", "slot", "switch"}).exit, 4);
+    platform().kind_faults.erase("sb_open");
+    expect_followed(appliance, "half a switch");
+    EXPECT_TRUE(appliance.agrees());
+}
+
+TEST(Mending, VersionFileThatCanNotBeReadIsNotSetAnew)
+{
+    MendedAppliance appliance;
+    std::filesystem::remove("/etc/kesta_sys/version");
+    std::filesystem::create_directory("/etc/kesta_sys/version");
+    const Ran verified = appliance.verify();
+    EXPECT_EQ(verified.exit, 4) << verified.text;
+    EXPECT_EQ(subject(verified, "versions").at("state"), "unreadable");
+    EXPECT_TRUE(subject(verified, "versions").at("mend").is_null());
+    std::filesystem::remove("/etc/kesta_sys/version");
+    write_file("/etc/kesta_sys/version", "garbage");
+    expect_followed(appliance, "a version file that is no number");
+    EXPECT_TRUE(appliance.agrees()) << appliance.verify().text;
 }
 
 TEST(Mending, LiveLockElsewhereIsHonoured)

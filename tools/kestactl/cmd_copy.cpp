@@ -63,7 +63,11 @@ void require_whole_archive(const char *path)
 }
 
 // Whether a slot holds an archive that would be missed.
-bool holds_whole_archive(const std::string &slot) { return evidence_of_slot(slot).good(); }
+bool holds_another_archive(const std::string &slot)
+{
+    const ArchiveEvidence held = evidence_of_slot(slot);
+    return held.good() && !held.same_bytes(evidence_of_file(flash_backup));
+}
 
 // Flash tells its version, and the backup area that of its slot.
 void require_not_older(const std::string &slot)
@@ -72,7 +76,13 @@ void require_not_older(const std::string &slot)
     (void)kestal_read_flash_version_file(&flash, KESTA_FLASH_VERSION);  // then it stays -1
     const int backup =
         kestal_read_version_nolock(KESTA_VER_AREA_BACKUP, learn_own_number(), KESTA_VERSION_BY_MODE);
-    if (flash > 0 && backup > 0 && is_older_version(flash, backup) && holds_whole_archive(slot)) {
+    if (flash <= 0 && backup > 0 && holds_another_archive(slot)) {
+        throw Failure(Exit::no, "unknown-version",
+                      "Which version flash holds is not recorded, and slot " + slot + " holds version " +
+                          std::to_string(backup) + ", whole.",
+                      "See 'kestactl verify' for which is right. To overwrite the slot all the same, give --force.");
+    }
+    if (flash > 0 && backup > 0 && is_older_version(flash, backup) && holds_another_archive(slot)) {
         throw Failure(Exit::no, "older-version",
                       "Flash holds version " + std::to_string(flash) + ", and slot " + slot + " the newer version " +
                           std::to_string(backup) + ", whole.",
@@ -243,7 +253,7 @@ void add_copy(CLI::App &app, Globals &globals, Action &action)
     verb = add_verb(*copy, globals, action, "cntbackup2backup",
                     "Flash directory to the backup slot of the system backup area", options,
                     plan_cntbackup2backup);
-    verb->add_flag("--force", options->force, "Also copy a damaged archive, or overwrite a newer version");
+    verb->add_flag("--force", options->force, "Also copy a damaged archive, or overwrite a newer version or one that can't be told from it");
     add_lock_rule(*verb, globals);
     add_examples(*verb, "  kestactl copy cntbackup2backup --dry-run\n"
                         "  kestactl copy cntbackup2backup");

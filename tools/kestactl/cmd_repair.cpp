@@ -75,8 +75,8 @@ std::string advice(const MirrorState &state)
     }
     return memory ? "Both are valid, and differ: say which one is right with 'kestactl repair --from "
                     "memory' or '--from disk', after a look with --dry-run."
-                  : "Neither is valid: set the names with 'kestactl slot switch --backup " KESTA_SLOT0
-                    " --accept " KESTA_SLOT1 "', then look again.";
+                  : "Neither is valid: 'kestactl verify' tells by the archives which slot is which, and gives the "
+                    "command that names them.";
 }
 
 std::string table_row(const std::string &mark, const std::string &name, std::string memory,
@@ -135,8 +135,8 @@ Winner choose(const MirrorState &state, const RepairOptions &options)
                           describe_side(state, from) + " Nothing is copied from it.",
                           state.valid(other(from))
                               ? "The other place is valid: leave out --from."
-                              : "Set the names with 'kestactl slot switch --backup " KESTA_SLOT0
-                                " --accept " KESTA_SLOT1 "', then look at 'kestactl nv verify'.");
+                              : "'kestactl verify' tells by the archives which slot is which, and gives the command that "
+                                "names them.");
         }
         return {from, "you said so"};
     }
@@ -155,8 +155,7 @@ Winner choose(const MirrorState &state, const RepairOptions &options)
     }
     throw Failure(Exit::no, "none-valid",
                   "Neither NV memory nor the system backup area names a backup and an accept slot.",
-                  "Set the names with 'kestactl slot switch --backup " KESTA_SLOT0
-                  " --accept " KESTA_SLOT1 "', then look at 'kestactl nv verify'.");
+                  "'kestactl verify' tells by the archives which slot is which, and gives the command that names them.");
 }
 
 // What a copy needs has to be readable before anything is overwritten.

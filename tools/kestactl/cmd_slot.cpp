@@ -28,8 +28,8 @@ Result show()
     result.exit = good ? Exit::done : Exit::no;
     result.text = "backup  " + or_nothing(backup) + "\naccept  " + or_nothing(accept) + "\n";
     if (!good) {
-        result.text += "These are not two different slots: set them with 'kestactl slot switch "
-                       "--backup " KESTA_SLOT0 " --accept " KESTA_SLOT1 "'.\n";
+        result.text += "These are not two different slots: 'kestactl verify' tells by the archives which slot is "
+                       "which, and gives the command that names them.\n";
     }
     result.json = {{"backup", backup}, {"accept", accept}, {"valid", good}};
     return result;
@@ -45,8 +45,11 @@ NameField field_of(const std::string &name)
     return field;
 }
 
-void change(const std::string &accept, const std::string &backup, int flag)
+void change(const std::string &accept, const std::string &backup, int flag, bool memory_only)
 {
+    if (!memory_only) {
+        kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);  // a read that failed on the disk would leave it out unsaid
+    }
     NameField accept_field = field_of(accept);
     NameField backup_field = field_of(backup);
     learn_own_number();
@@ -112,10 +115,10 @@ Plan plan_switch(SwitchOptions options)
     plan.json = {{"backup", options.backup}, {"accept", options.accept}};
     plan.steps.push_back({"make " + options.accept + " the accept slot",
                           writes("kesta_sysacpt", KESTA_BLOCK_ACCEPT_NAME),
-                          [options] { change(options.accept, options.backup, KESTA_OFF); }});
+                          [options] { change(options.accept, options.backup, KESTA_OFF, options.memory_only); }});
     plan.steps.push_back({"make " + options.backup + " the backup slot",
                           writes("kesta_sysback", KESTA_BLOCK_BACKUP_NAME),
-                          [options] { change(options.accept, options.backup, KESTA_ON); }});
+                          [options] { change(options.accept, options.backup, KESTA_ON, options.memory_only); }});
     return plan;
 }
 

@@ -41,6 +41,19 @@ const SubjectFinding *next_row(const Findings &findings, const std::vector<Mende
     return nullptr;
 }
 
+// What an operator has to hear of a command that did its work: notes, and generations that had to go.
+std::string remarks_of(const Json &json)
+{
+    std::string text;
+    for (const Json &note : json.value("notes", Json::array())) {
+        text += (text.empty() ? "" : " ") + note.get<std::string>();
+    }
+    for (const Json &dropped : json.value("dropped", Json::array())) {
+        text += (text.empty() ? "" : " ") + ("Dropped generation " + dropped.get<std::string>() + ".");
+    }
+    return text;
+}
+
 }  // namespace
 
 Mended run_mend(const MendCommand &command, const Globals &globals)
@@ -59,7 +72,8 @@ Mended run_mend(const MendCommand &command, const Globals &globals)
         Globals given = line.globals();
         given.lock_rule = globals.lock_rule;
         given.keep_rule.comment = "verify --fix";
-        return {command, line.action()(given).exit, ""};
+        const Result result = line.action()(given);
+        return {command, result.exit, remarks_of(result.json)};
     } catch (const Failure &failure) {
         return {command, failure.exit(), failure.what() + (" " + failure.hint())};
     }

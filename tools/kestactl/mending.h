@@ -9,7 +9,7 @@ namespace kestactl {
 struct Mended {
     MendCommand command;
     Exit exit = Exit::done;
-    std::string why;  // of one that was refused or failed
+    std::string why;  // of one that was refused or failed; else what was dropped or left out on the way
 };
 
 // Runs one command as if it had been given on the command line, under the same lock rule.
