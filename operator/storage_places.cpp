@@ -67,7 +67,9 @@ auto or_nothing(const Read &read) -> decltype(read())
     }
 }
 
-std::vector<int> versions_of(const std::string &sha256)
+}  // namespace
+
+std::vector<int> recorded_versions(const std::string &sha256)
 {
     std::vector<int> found;
     for (const SavedArchive &archive : or_nothing(saved_archives)) {
@@ -82,8 +84,6 @@ std::vector<int> versions_of(const std::string &sha256)
     }
     return found;
 }
-
-}  // namespace
 
 std::string address_of(StoragePlace place)
 {
@@ -139,7 +139,7 @@ Survey survey_places()
         const auto index = static_cast<std::size_t>(place);
         survey.evidence[index] = evidence_at(place);
         if (survey.evidence[index].good()) {
-            survey.recorded[index] = versions_of(survey.evidence[index].sha256);
+            survey.recorded[index] = recorded_versions(survey.evidence[index].sha256);
         }
     }
     survey.mirror = read_mirror();

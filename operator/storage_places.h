@@ -29,6 +29,10 @@ std::string slot_of(StoragePlace place);
 const char *path_of(StoragePlace place);
 StoragePlace slot_place(const std::string &slot);
 
+// The versions that are recorded for these very bytes: by who saved them, or in the catalogue of generations. None where
+// neither knows them, or can't be read.
+std::vector<int> recorded_versions(const std::string &sha256);
+
 ArchiveEvidence evidence_at(StoragePlace place, const std::function<void()> &look = [] {});
 
 // A number of the version areas, or of the flash file. Nothing: it was never set, or nobody has it.

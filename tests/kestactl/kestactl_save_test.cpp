@@ -465,6 +465,21 @@ TEST_F(KestactlSave, CopyingVerbsTestTheirSourceFirst)
     EXPECT_EQ(file_on(0, flash_backup), good);
 }
 
+TEST_F(KestactlSave, OlderVersionIsNotMergedOverTheAcceptedOne)
+{
+    define("");
+    succeed("kestactl save network && cp " + flash_backup + " /opt/old && echo two > /etc/app/one && "
+            "kestactl save network && kestactl accept && cp /opt/old /var/run/kesta_sys/tmp/backup.tar.Z");
+    const std::string newer = slot("kesta_backup1");
+    expect_refusal(ctl(0, "copy merge-file2accept"), 1,
+                   "The merge cache holds version 1, and slot kesta_backup1 the newer accepted version 2, whole");
+    EXPECT_EQ(slot("kesta_backup1"), newer);
+    EXPECT_EQ(ctl(0, "copy merge-file2accept --force").code, 0) << "who means it";
+    // What a merge has made is recorded nowhere, and is what the flow is for.
+    succeed("cd /opt && tar -cjf /var/run/kesta_sys/tmp/backup.tar.Z -C / etc/app/one");
+    EXPECT_EQ(ctl(0, "copy merge-file2accept").code, 0);
+}
+
 TEST_F(KestactlSave, OlderVersionIsNotCopiedOverANewerOne)
 {
     define("");

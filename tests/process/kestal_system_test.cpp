@@ -469,7 +469,15 @@ TEST_F(System, ChildWithoutBlockInheritsTheEnvironment)
 TEST_F(System, KillReapsAChildThatObeys)
 {
     Child child("exec sleep 1000");
+    // Virtual time stands still until the signal has done its work, however busy the machine is.
+    p().before_call = [&child](const std::string &call) {
+        if (call.rfind("usleep", 0) == 0) {
+            siginfo_t ended;
+            ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child.pid), &ended, WEXITED | WNOWAIT), 0);
+        }
+    };
     EXPECT_EQ(prckill(child.pid), 0);
+    p().before_call = nullptr;
     EXPECT_THAT(p().texts(1), ElementsAre("[prcfork] kill(" + std::to_string(child.pid) +
                                           ",SIGTERM) success."));
     child.reaped();

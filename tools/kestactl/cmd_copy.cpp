@@ -2,6 +2,7 @@
 #include <kesta/kesta.h>
 #include <string.h>
 
+#include <algorithm>
 #include <array>
 #include <memory>
 
@@ -11,6 +12,7 @@
 #include "command.h"
 #include "kept_generations.h"
 #include "names.h"
+#include "storage_places.h"
 #include "version_numbers.h"
 
 namespace kestactl {
@@ -91,6 +93,30 @@ void require_not_older(const std::string &slot)
     }
 }
 
+// Of the merge cache nothing tells a version but what is recorded of its bytes: one that a merge has changed has none, and
+// is no older one.
+void require_merged_not_older(const std::string &slot)
+{
+    const ArchiveEvidence merged = evidence_of_file(merge_backup);
+    const std::vector<int> recorded = recorded_versions(merged.sha256);
+    const int accepted =
+        kestal_read_version_nolock(KESTA_VER_AREA_ACCEPT, learn_own_number(), KESTA_VERSION_BY_MODE);
+    const bool older = accepted > 0 && !recorded.empty() &&
+                       std::all_of(recorded.begin(), recorded.end(),
+                                   [&](int version) { return is_older_version(version, accepted); });
+    if (!older) {
+        return;
+    }
+    const ArchiveEvidence held = evidence_of_slot(slot);
+    if (held.good() && !held.same_bytes(merged)) {
+        throw Failure(Exit::no, "older-version",
+                      "The merge cache holds version " + std::to_string(recorded.front()) + ", and slot " + slot +
+                          " the newer accepted version " + std::to_string(accepted) + ", whole.",
+                      "To accept what was saved last, run: kestactl accept. To overwrite the newer one all the same, "
+                      "give --force.");
+    }
+}
+
 Plan plan_backup2tmp(const CopyOptions &options)
 {
     check_group(options.group);
@@ -165,6 +191,9 @@ Plan plan_merge_file2accept(const CopyOptions &options)
         require_whole_archive(merge_backup);
     }
     const std::string slot = options.slot.empty() ? slot_in_force(true) : options.slot;
+    if (!options.force && slot == accept_slot()) {
+        require_merged_not_older(slot);
+    }
     Plan plan;
     plan.shared = true;
     plan.verb = "copy merge-file2accept";
