@@ -4,7 +4,6 @@
 #include <kesta/kesta.h>
 #include <string.h>
 
-#include <algorithm>
 #include <string_view>
 
 #include "failure.h"
@@ -45,9 +44,7 @@ std::string what_memory_did()
     const MirrorState state = read_mirror();
     std::string names;
     for (const MirroredItem &item : state.items) {
-        const bool zero =
-            item.memory && std::all_of(item.memory->begin(), item.memory->end(), [](char byte) { return byte == 0; });
-        if (item.memory && (item.disk ? item.differs() : !zero)) {  // zeros were never written
+        if (item.memory && (item.disk ? item.differs() : !all_zero(*item.memory))) {  // zeros were never written
             names += (names.empty() ? "" : ", ") + item.block->name;
         }
     }

@@ -135,17 +135,9 @@ std::optional<RightOne> find_right(const Survey &survey, const SlotNames &names,
 PlaceFinding told_place(const Survey &survey, const SlotNames &names, const Pair &pair, StoragePlace place)
 {
     const ArchiveEvidence &evidence = survey.at(place);
-    PlaceFinding told;
-    told.place = place_name(pair, place);
-    told.state = evidence.beyond_limits ? CopyState::damaged : evidence.state;
-    told.reason = evidence.reason;
+    PlaceFinding told = told_of(place_name(pair, place), evidence);
     if (evidence.good()) {
         told.version = version_held(survey, names, place);
-    }
-    if (!evidence.sha256.empty()) {
-        told.bytes = evidence.bytes;
-        told.sha256 = evidence.sha256;
-        told.modified = evidence.modified;
     }
     return told;
 }

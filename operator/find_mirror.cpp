@@ -15,11 +15,6 @@ namespace {
 
 using Bytes = std::vector<char>;
 
-bool is_empty(const Bytes &bytes)
-{
-    return std::all_of(bytes.begin(), bytes.end(), [](char byte) { return byte == 0; });
-}
-
 std::optional<Side> side_that(bool memory, bool disk)
 {
     return memory == disk ? std::nullopt : std::optional(memory ? Side::memory : Side::disk);
@@ -68,8 +63,8 @@ std::string lower(std::string text)
 // As this controller's board has it, which runs with it.
 std::optional<Side> right_identity(const MirroredItem &item)
 {
-    if (is_empty(*item.memory) != is_empty(*item.disk)) {
-        return side_that(!is_empty(*item.memory), !is_empty(*item.disk));
+    if (all_zero(*item.memory) != all_zero(*item.disk)) {
+        return side_that(!all_zero(*item.memory), !all_zero(*item.disk));
     }
     const Identity board = read_identity(Place::vpd);
     const int block = item.block->id;

@@ -25,6 +25,20 @@ SubjectFinding told(const char *subject, const std::function<SubjectFinding()> &
 
 }  // namespace
 
+PlaceFinding told_of(const std::string &place, const ArchiveEvidence &evidence)
+{
+    PlaceFinding told;
+    told.place = place;
+    told.state = evidence.beyond_limits ? CopyState::damaged : evidence.state;
+    told.reason = evidence.reason;
+    if (!evidence.sha256.empty()) {
+        told.bytes = evidence.bytes;
+        told.sha256 = evidence.sha256;
+        told.modified = evidence.modified;
+    }
+    return told;
+}
+
 const char *name_of(FindingState state)
 {
     switch (state) {

@@ -3,7 +3,7 @@
 //
 // What no mend does: it never overwrites or removes an archive that was not kept before, never takes a source that is
 // not whole, and never guesses. Following mends ends in agreement, or in a row without a mend whose text says what is
-// left. tests/operator/findings_test.cpp walks the states.
+// left. tests/operator/mending_test.cpp walks the states.
 #pragma once
 
 #include <cstdint>
@@ -37,6 +37,9 @@ struct PlaceFinding {
     std::optional<std::int64_t> modified = std::nullopt;
     std::string reason = {};
 };
+
+// What is told of an archive: beyond the limits of archives it can't pass for whole.
+PlaceFinding told_of(const std::string &place, const ArchiveEvidence &evidence);
 
 // One command with its arguments, as it is run.
 using MendCommand = std::vector<std::string>;

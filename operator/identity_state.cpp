@@ -116,8 +116,7 @@ std::string block_text(const char *name, From from)
 std::string block_guid(From from)
 {
     const std::vector<char> bytes = block_bytes("guid", from);
-    if (bytes.size() < KESTA_GUID_BYTES ||
-        std::all_of(bytes.begin(), bytes.end(), [](char byte) { return byte == 0; })) {
+    if (bytes.size() < KESTA_GUID_BYTES || all_zero(bytes)) {
         return "";
     }
     std::array<char, KESTA_GUID_TEXT_LENGTH + 1> text{};

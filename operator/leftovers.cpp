@@ -42,19 +42,7 @@ KeepRule adding(KeepRule rule)
 
 }  // namespace
 
-PlaceFinding Leftover::told() const
-{
-    PlaceFinding place;
-    place.place = path;
-    place.state = evidence.beyond_limits ? CopyState::damaged : evidence.state;
-    place.reason = evidence.reason;
-    if (!evidence.sha256.empty()) {
-        place.bytes = evidence.bytes;
-        place.sha256 = evidence.sha256;
-        place.modified = evidence.modified;
-    }
-    return place;
-}
+PlaceFinding Leftover::told() const { return told_of(path, evidence); }
 
 void require_leftover(const std::string &path)
 {

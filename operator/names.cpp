@@ -74,6 +74,11 @@ const Block &find_block(const std::string &text)
                   "'kestactl nv list' shows all blocks by name and number.");
 }
 
+bool all_zero(const std::vector<char> &bytes)
+{
+    return std::all_of(bytes.begin(), bytes.end(), [](char byte) { return byte == 0; });
+}
+
 std::string controller_name(int controller) { return "CNT" + std::to_string(controller); }
 
 int parse_controller(const std::string &text)

@@ -34,6 +34,9 @@ const std::vector<Block> &blocks();
 // By name or number. Throws Failure.
 const Block &find_block(const std::string &text);
 
+// Whether nothing was ever written to a field.
+bool all_zero(const std::vector<char> &bytes);
+
 // "CNT2"
 std::string controller_name(int controller);
 

@@ -67,23 +67,35 @@ auto or_nothing(const Read &read) -> decltype(read())
     }
 }
 
+// What is recorded of saved and of kept archives, read once.
+class VersionRecords {
+public:
+    VersionRecords() : saved_(or_nothing(saved_archives)), kept_(or_nothing(generations)) {}
+
+    std::vector<int> of(const std::string &sha256) const
+    {
+        std::vector<int> found;
+        for (const SavedArchive &archive : saved_) {
+            if (archive.sha256 == sha256 && archive.version > 0) {
+                found.push_back(archive.version);
+            }
+        }
+        for (const Generation &generation : kept_) {
+            if (generation.sha256 == sha256 && generation.version_recorded) {
+                found.push_back(generation.version);
+            }
+        }
+        return found;
+    }
+
+private:
+    std::vector<SavedArchive> saved_;
+    std::vector<Generation> kept_;
+};
+
 }  // namespace
 
-std::vector<int> recorded_versions(const std::string &sha256)
-{
-    std::vector<int> found;
-    for (const SavedArchive &archive : or_nothing(saved_archives)) {
-        if (archive.sha256 == sha256 && archive.version > 0) {
-            found.push_back(archive.version);
-        }
-    }
-    for (const Generation &generation : or_nothing(generations)) {
-        if (generation.sha256 == sha256 && generation.version_recorded) {
-            found.push_back(generation.version);
-        }
-    }
-    return found;
-}
+std::vector<int> recorded_versions(const std::string &sha256) { return VersionRecords().of(sha256); }
 
 std::string address_of(StoragePlace place)
 {
@@ -136,10 +148,12 @@ Survey survey_places()
     Survey survey;
     survey.controller = learn_own_number();
     for (const StoragePlace place : storage_places) {
-        const auto index = static_cast<std::size_t>(place);
-        survey.evidence[index] = evidence_at(place);
+        survey.evidence[static_cast<std::size_t>(place)] = evidence_at(place);
+    }
+    const VersionRecords records;  // after the archives: whoever saves one meanwhile has noted it before
+    for (std::size_t index = 0; index < storage_places.size(); ++index) {
         if (survey.evidence[index].good()) {
-            survey.recorded[index] = recorded_versions(survey.evidence[index].sha256);
+            survey.recorded[index] = records.of(survey.evidence[index].sha256);
         }
     }
     survey.mirror = read_mirror();
@@ -149,8 +163,9 @@ Survey survey_places()
 
 std::optional<Generation> kept_archive_of(int version)
 {
+    const std::vector<Generation> kept = or_nothing(generations);
     for (const bool recorded : {true, false}) {
-        for (const Generation &generation : or_nothing(generations)) {
+        for (const Generation &generation : kept) {
             if (version <= 0 || generation.version != version || generation.version_recorded != recorded) {
                 continue;
             }

@@ -2,7 +2,6 @@
 
 #include <string.h>
 
-#include <algorithm>
 #include <cstdint>
 
 #include "appliance_state.h"
@@ -26,11 +25,6 @@ std::int64_t long_at(const std::vector<char> &bytes, std::size_t offset)
 }
 
 }  // namespace
-
-bool all_zero(const std::vector<char> &bytes)
-{
-    return std::all_of(bytes.begin(), bytes.end(), [](char byte) { return byte == 0; });
-}
 
 Json decoded(const Block &block, const std::vector<char> &bytes)
 {

@@ -10,8 +10,6 @@
 
 namespace kestactl {
 
-bool all_zero(const std::vector<char> &bytes);
-
 // Numbers, texts, hexadecimal digits, or the members of a lock.
 Json decoded(const Block &block, const std::vector<char> &bytes);
 
