@@ -28,11 +28,11 @@ install(CODE "
 set(KESTA_PROGRAMDIR ${CMAKE_INSTALL_LIBEXECDIR}/kesta)
 install(TARGETS eeprom env_vpdctl RUNTIME DESTINATION ${KESTA_PROGRAMDIR})
 install(PROGRAMS
-    platform/embedded/env_tarz_assign_distribute.sh platform/embedded/env_tarz_assign_collect.sh
+    platform/support/env_tarz_assign_distribute.sh platform/support/env_tarz_assign_collect.sh
     DESTINATION ${KESTA_PROGRAMDIR})
 install(DIRECTORY include/kesta DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES
-    platform/mc_logapi.h platform/sanfwctl.h platform/sbacc.h platform/vrbapi.h
+    platform/contract/mc_logapi.h platform/contract/sanfwctl.h platform/contract/sbacc.h platform/contract/vrbapi.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kesta/platform)
 install(FILES share/status DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta/platform)
 install(FILES share/define.rng DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta)

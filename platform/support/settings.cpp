@@ -10,7 +10,7 @@
 
 #include "scoped.h"
 
-namespace embedded {
+namespace platform {
 namespace {
 
 constexpr const char *default_file = "/etc/kesta/platform.conf";
@@ -172,7 +172,7 @@ void load()
 
 const Settings &settings()
 {
-    const CancelOff off;
+    const kesta::CancelOff off;
     pthread_once(&loaded, load);
     return current;
 }
@@ -195,4 +195,4 @@ TraceTarget trace_target()
     return strcmp(word, "none") == 0 ? TraceTarget::none : TraceTarget::file;
 }
 
-}  // namespace embedded
+}  // namespace platform

@@ -1,8 +1,8 @@
-// The settings of the embedded platform: one small file, an environment override for each value.
+// The settings of a platform: one small file, an environment override for each value.
 // docs/platform.md lists them.
 #pragma once
 
-namespace embedded {
+namespace platform {
 
 enum class TraceTarget { none, file, standard_error, system_log };
 
@@ -43,4 +43,4 @@ const char *settings_problem();
 // "file", "stderr", "syslog" or "none".
 TraceTarget trace_target();
 
-}  // namespace embedded
+}  // namespace platform
