@@ -159,7 +159,9 @@ void copy_libraries(const fs::path &product, const std::string &platform, const 
         }
     };
     for (const char *folder : {"lib", KESTA_INSTALL_LIBDIR}) {
-        copy_from(product / folder / "kesta" / platform);
+        if (platform != KESTA_PLATFORM) {  // the chosen one lies beside the library
+            copy_from(product / folder / "kesta" / platform);
+        }
     }
     for (const char *folder : {"lib", KESTA_INSTALL_LIBDIR}) {
         copy_from(product / folder);
