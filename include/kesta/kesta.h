@@ -23,6 +23,7 @@
 #include "kesta/process.h"
 #include "kesta/remote_scripts.h"
 #include "kesta/shell_word.h"
+#include "kesta/system_backup_area.h"
 #include "kesta/versions.h"
 
 #endif
