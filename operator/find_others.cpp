@@ -192,7 +192,9 @@ SubjectFinding find_leftovers(bool backup_agrees, bool accepted_agrees)
 {
     SubjectFinding finding{"leftovers"};
     MendCommand clear{"kestactl", "leftovers", "clear"};
+    bool stuck = false;
     for (const Leftover &leftover : find_leftover_files()) {
+        stuck = stuck || !leftover.can_be_cleared();
         finding.places.push_back(leftover.told());
         clear.push_back(leftover.path);
     }
@@ -202,7 +204,6 @@ SubjectFinding find_leftovers(bool backup_agrees, bool accepted_agrees)
         finding.text = std::to_string(finding.places.size()) + " left behind; what is whole and nowhere else is kept as a "
                        "generation before it is taken away.";
     }
-    bool stuck = finding.has_unreadable_place();
     try {
         if (const auto restore = unfinished_restore()) {
             const bool safe = restore->from == "accept" ? accepted_agrees : backup_agrees;

@@ -29,7 +29,7 @@ PlaceFinding told_of(const std::string &place, const ArchiveEvidence &evidence)
 {
     PlaceFinding told;
     told.place = place;
-    told.state = evidence.beyond_limits ? CopyState::damaged : evidence.state;
+    told.state = evidence.state;
     told.reason = evidence.reason;
     if (!evidence.sha256.empty()) {
         told.bytes = evidence.bytes;

@@ -38,7 +38,6 @@ struct PlaceFinding {
     std::string reason = {};
 };
 
-// What is told of an archive: beyond the limits of archives it can't pass for whole.
 PlaceFinding told_of(const std::string &place, const ArchiveEvidence &evidence);
 
 // One command with its arguments, as it is run.

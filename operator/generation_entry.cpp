@@ -85,18 +85,18 @@ std::string saved_text(const std::vector<SavedArchive> &archives)
     return text_of(json);
 }
 
-std::vector<SavedArchive> parse_saved(const std::string &text)
+SavedArchives parse_saved(const std::string &text)
 {
-    std::vector<SavedArchive> archives;
+    SavedArchives saved;
     try {
         const EntryJson all = EntryJson::parse(text);
         for (const EntryJson &json : all.at("archives")) {
-            archives.push_back(saved_from(json));
+            saved.archives.push_back(saved_from(json));
         }
     } catch (const nlohmann::json::exception &) {
-        return archives;
+        saved.whole = false;
     }
-    return archives;
+    return saved;
 }
 
 }  // namespace engine

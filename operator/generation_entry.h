@@ -26,7 +26,11 @@ struct SavedArchive {
 
 std::string saved_text(const std::vector<SavedArchive> &archives);
 
-// What can't be understood is left out: it is known no more.
-std::vector<SavedArchive> parse_saved(const std::string &text);
+struct SavedArchives {
+    std::vector<SavedArchive> archives;
+    bool whole = true;  // false: from somewhere on the text can't be understood, and what stood there is known no more
+};
+
+SavedArchives parse_saved(const std::string &text);
 
 }  // namespace engine

@@ -28,7 +28,7 @@ void note_full(KeepReport &report)
 std::vector<SavedArchive> saved_in(const GenerationFolder &folder)
 {
     const auto text = folder.read(saved_name);
-    return text ? parse_saved(*text) : std::vector<SavedArchive>();
+    return text ? parse_saved(*text).archives : std::vector<SavedArchive>();
 }
 
 const SavedArchive *find_saved(const std::vector<SavedArchive> &saved, const std::string &sum)
@@ -284,6 +284,25 @@ std::optional<GenerationProblem> problem_of(const GenerationFolder &folder, cons
     return std::nullopt;
 }
 
+// What is recorded of saved archives. Without it no version is known by its bytes, and verify can tell less.
+std::optional<GenerationProblem> problem_of_saved(const GenerationFolder &folder)
+{
+    const std::string path = folder.path_of(saved_name);
+    try {
+        const auto text = folder.read(saved_name);
+        if (text && !parse_saved(*text).whole) {
+            return GenerationProblem{GenerationFault::damaged, "", path,
+                                     path + " is damaged: the versions of archives that were saved here are not all known "
+                                            "by their bytes. The next 'kestactl save' writes it anew."};
+        }
+    } catch (const Failure &failure) {
+        return GenerationProblem{GenerationFault::unreadable, "", path,
+                                 std::string(failure.what()) + " So the versions of archives that were saved here are not "
+                                                               "known by their bytes. Check the disk of its folder."};
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 std::string name_of(const Generation &generation)
@@ -323,6 +342,9 @@ GenerationsCheck GenerationStore::check() const
             ++check.good;
             check.bytes += entry.bytes;
         }
+    }
+    if (auto found = problem_of_saved(folder)) {
+        check.problems.push_back(std::move(*found));
     }
     const auto is_listed = [&entries](const std::string &sum) {
         return std::any_of(entries.begin(), entries.end(), [&sum](const Generation &one) { return one.sha256 == sum; });

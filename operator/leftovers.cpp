@@ -96,7 +96,7 @@ void clear_leftover(const std::string &path, const std::string &verb)
     if (evidence.absent()) {
         return;
     }
-    if (evidence.state == CopyState::unreadable && !evidence.beyond_limits) {
+    if (!Leftover{path, evidence}.can_be_cleared()) {
         throw Failure(Exit::platform, "leftover-unreadable", path + " can't be read: " + evidence.reason + ".",
                       "It stays, since it may be whole: check its disk.");
     }

@@ -15,6 +15,8 @@ struct Leftover {
     ArchiveEvidence evidence;
 
     PlaceFinding told() const;
+    // What gives an error stays. What is beyond the limits of archives is kept as it is.
+    bool can_be_cleared() const { return evidence.state != CopyState::unreadable || evidence.beyond_limits; }
 };
 
 // The paths of those that are there, but for the note of an unfinished restore. Throws Failure: it can't be told.

@@ -179,6 +179,26 @@ TEST_F(Generations, CheckNamesEachFault)
                                             std::pair(GenerationFault::no_entry, sum("without entry"))));
 }
 
+TEST_F(Generations, RecordOfSavedArchivesIsCheckedAndWhatIsLeftOfItCounts)
+{
+    store().note_saved({sum("one"), 3, 12, "network", {900, 2, "ann", "save", ""}});
+    store().note_saved({sum("two"), 3, 13, "network", {901, 2, "ann", "save", ""}});
+    EXPECT_THAT(store().check().problems, IsEmpty());
+    const std::string record = (fs::path(entry_of(sum("one"))).parent_path() / "saved.json").string();
+    std::string text = read(record);
+    const auto newest = text.rfind("\"version\"");
+    ASSERT_NE(newest, std::string::npos);
+    text.replace(newest, strlen("\"version\""), "\"verse\"  ");
+    write(record, text);
+    ASSERT_THAT(store().check().problems, SizeIs(1));
+    EXPECT_EQ(store().check().problems[0].fault, GenerationFault::damaged);
+    EXPECT_EQ(store().check().problems[0].path, record);
+    EXPECT_THAT(store().saved(), SizeIs(1));
+    store().note_saved({sum("three"), 5, 14, "network", {902, 2, "ann", "save", ""}});
+    EXPECT_THAT(store().check().problems, IsEmpty());
+    EXPECT_THAT(store().saved(), SizeIs(2));
+}
+
 TEST_F(Generations, EntriesAreMadeAnewFromTheFiles)
 {
     store().note_saved({sum("one"), 3, 12, "network", {900, 2, "ann", "save", ""}});

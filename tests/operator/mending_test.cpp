@@ -8,6 +8,8 @@
 
 #include "archive_evidence.h"
 #include "archive_places.h"
+#include "generation_folder.h"
+#include "generations.h"
 #include "mended_appliance.h"
 #include "private_root.h"
 #include "tar_samples.h"
@@ -349,6 +351,78 @@ TEST(Mending, LeftoverBeyondTheLimitsIsKeptAndTakenAway)
     EXPECT_TRUE(appliance.whole_archives().contains(large)) << "kept, since it may be whole";
 }
 
+// Nobody tested it to its end, so nobody says that it is damaged, and nothing takes its place.
+TEST(Mending, ArchiveBeyondTheLimitsIsUnreadableAndNeverWritten)
+{
+    for (std::size_t place = 0; place < place_names.size(); ++place) {
+        MendedAppliance appliance;
+        appliance.put(place, whole_archive(std::string(20000, 'x')));
+        write_file("/etc/kesta/archives.conf", "archive_bytes = 8000\n");
+        const std::string large = appliance.at(place);
+        const Ran verified = appliance.verify();
+        EXPECT_EQ(verified.exit, 4) << verified.text;
+        const Json row = subject(verified, place % 2 == 0 ? "backup" : "accepted");
+        EXPECT_EQ(row.at("state"), "unreadable");
+        EXPECT_TRUE(row.at("mend").is_null());
+        EXPECT_THAT(row.at("places")[place / 2].at("reason").get<std::string>(), testing::HasSubstr("more than 8000 bytes"));
+        expect_followed(appliance, "beyond the limits");
+        EXPECT_EQ(appliance.at(place), large);
+        write_file("/etc/kesta/archives.conf", "");
+        expect_followed(appliance, "within the limits again");
+        EXPECT_NE(appliance.verify().exit, 4);
+    }
+}
+
+TEST(Mending, MirrorIsMendedBesideAnArchiveThatCanNotBeRead)
+{
+    for (std::size_t place = 0; place < place_names.size(); ++place) {
+        for (const char *item : {"kesta_sysback", "kesta_sysacpt", "kesta_verid", "kesta_verback", "kesta_ver0"}) {
+            for (const bool missing : {true, false}) {
+                MendedAppliance appliance;
+                appliance.damage(place, Damage::unreadable);
+                if (missing) {
+                    platform().sysback.erase(item);
+                } else {
+                    platform().sysback[item] = {std::string("\x07\0\0\0", 4)};
+                }
+                const std::string state = std::string(item) + (missing ? " missing, " : " differs, ") + place_names[place] +
+                                          " can't be read";
+                const Json before = subject(appliance.verify(), "mirror");
+                expect_followed(appliance, state);
+                const Ran after = appliance.verify();
+                EXPECT_EQ(after.exit, 4) << state << after.text;
+                const Json mirror = subject(after, "mirror");
+                EXPECT_NE(before.at("state"), "agree") << state;
+                EXPECT_TRUE(mirror.at("state") == "agree" || mirror.at("mend").is_null()) << state << mirror;
+                EXPECT_EQ(subject(after, place % 2 == 0 ? "backup" : "accepted").at("state"), "unreadable") << state;
+            }
+        }
+    }
+}
+
+TEST(Mending, RecordOfSavedArchivesThatCanNotBeReadIsTold)
+{
+    const std::string record = std::string(engine::flash_folder) + "/generations/saved.json";
+    {
+        MendedAppliance appliance;
+        write_file(record, read_file(record).substr(0, 100));
+        const Ran verified = appliance.verify();
+        EXPECT_EQ(verified.exit, 1) << verified.text;
+        EXPECT_EQ(subject(verified, "generations").at("state"), "damaged");
+        EXPECT_EQ(subject(verified, "generations").at("places")[0].at("place"), record);
+        EXPECT_THAT(subject(verified, "generations").at("text").get<std::string>(), testing::HasSubstr("kestactl save"));
+        write_file("/tmp/noted", MendedAppliance::archive(9));
+        engine::note_saved("/tmp/noted", "app", 9, {});
+        EXPECT_EQ(subject(appliance.verify(), "generations").at("state"), "absent") << "written anew";
+    }
+    MendedAppliance appliance;
+    std::filesystem::remove(record);
+    std::filesystem::create_directory(record);
+    const Ran verified = appliance.verify();
+    EXPECT_EQ(verified.exit, 4) << verified.text;
+    EXPECT_EQ(subject(verified, "generations").at("state"), "unreadable");
+}
+
 TEST(Mending, WhatCanNotBeReadIsNoAgreementAndNoFreeLock)
 {
     MendedAppliance appliance;
@@ -405,6 +479,20 @@ TEST(Mending, SwitchThatLeavesTheDiskOutIsNoSwitch)
     platform().kind_faults.erase("sb_open");
     expect_followed(appliance, "half a switch");
     EXPECT_TRUE(appliance.agrees());
+}
+
+TEST(Mending, NumberThatLeavesTheDiskOutIsTold)
+{
+    MendedAppliance appliance;
+    platform().fail_kind("sb_open");
+    const Ran handed_out = appliance.run({"kestactl", "version", "next"});
+    EXPECT_EQ(handed_out.exit, 4);
+    EXPECT_THAT(handed_out.text, testing::HasSubstr("Number 10 was not written to every place"));
+    platform().kind_faults.erase("sb_open");
+    EXPECT_EQ(subject(appliance.verify(), "mirror").at("right"), "memory");
+    expect_followed(appliance, "half a number");
+    EXPECT_TRUE(appliance.agrees());
+    EXPECT_EQ(appliance.run({"kestactl", "version", "next"}).text, "11\n");
 }
 
 TEST(Mending, VersionFileThatCanNotBeReadIsNotSetAnew)
