@@ -253,7 +253,8 @@ int kestal_execute(const char *command, char **output)
     const int read_result = read_lines(pipe, command, output);
     int status = pipe.close();
     while (ended_by_signal(status) != 0) {
-        // The tag is another function's, and the close is repeated: both are kept.
+        // The tag is another function's: logs are searched for it. The close is repeated until the status is no
+        // signal's: programs count the lines of one command by that.
         FAILURE(COMMAND, status, 1, "[zKTmc_execute_cmd] cmd may fail. cmd=%s status=%x", command,
               static_cast<unsigned>(status));
         status = close_again(status);

@@ -96,7 +96,8 @@ int kestal_backup2tmp(const char *group, int acceptflg, char *name, int mode)
     const int result = acceptflg != 0 ? kesta::read_accept_slot_name(slot)
                                       : kesta::read_backup_slot_name(slot);
     if (result != KESTA_OK) {
-        // Level 5, unlike every other failure: kept.
+        // Level 5, unlike every other failure: an appliance without a slot is in an ordinary state, before its first
+        // backup, and its log shows no error at the usual level.
         TRACE(5, "[backup2tmp] Get Backup area file name ERROR  result=%d", result);
         return KESTA_ERR;
     }

@@ -174,7 +174,7 @@ struct SystemCopy {
 constexpr std::array<SystemCopy, 4> system_copies{{
     {"nodename", true, "/etc/nodename", "/etc/nodename"},
     {"hosts", false, "/etc/inet/hosts", "/etc/inet/hosts"},
-    {"hosts", true, boot_environment, boot_environment},  // said of another file: kept so
+    {"hosts", true, boot_environment, boot_environment},  // "hosts" for this one too: logs are searched for that text
     {"cpguid", false, "/etc/cp_guid", "/etc/cp_guid"},
 }};
 
@@ -303,7 +303,7 @@ int kestal_update_vpdinfo_guid(const char *guid)
         FAILURE(ARGUMENT, 0, 1, "[update_vpdinfo_guid] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
-    // The messages spell their tag otherwise: kept so.
+    // The failures spell their tag "vdpinfo", the first line "vpdinfo": logs are searched for both as they are.
     kesta::UniqueFd file(open_in_tree(guid_path, new_file));
     if (!file) {
         const int error = errno;
@@ -338,7 +338,8 @@ int kestal_update_host_info(const char *wwn_new, const char *wwn_old)
     }
     HostName now{};
     if (!read_nodename(now, ret)) {
-        // In the first call of a process this is the own number, on controller 0 a success: kept so.
+        // In the first call of a process this is the own number: a success on controller 0, a failure to the flows on
+        // the other one. Programs that call the step by itself rely on that result.
         return ret;
     }
     const char *by_wwn = names[static_cast<std::size_t>(g_vpd_cnt_no)].data();

@@ -102,7 +102,8 @@ int kestal_get_wwn_by_eeprom(char *wwn)
     }
     const int ret = kestal_execute_command_by_popen(KESTA_CPINFO_EEPROM_WWN);
     if (ret != KESTA_OK) {
-        // The tag of another function: kept so.
+        // The tag of the function that asks the platform: who looks in logs for failures of cpinfo and eeprom
+        // searches for that one.
         TRACE(1, "[get_cnt_num_from_cpinfo] Failed to get wwn. ret=%d", ret);
     } else {
         copy_cache(g_eeprom_wwn, wwn, KESTA_WWN_LENGTH);

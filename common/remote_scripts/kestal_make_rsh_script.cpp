@@ -174,7 +174,7 @@ void build_tarz(Script &script, int cnt)
     command.form("/usr/bin/rsh -l vndrmnt CNT%d pfexec cp -p %s%s %s%s", cnt, directory, accept,
                  directory, backup);
     script.add_step(command.text(), 2);
-    // The accept archive twice: the backup archive is left to vndrmnt. Kept so.
+    // The accept archive twice: the backup archive is left to vndrmnt, which distributes the next one over it.
     command.form("/usr/bin/rsh -l vndrmnt CNT%d pfexec chown root:root %s%s %s%s", cnt, directory,
                  accept, directory, accept);
     script.add_step(command.text(), 3);

@@ -19,7 +19,7 @@ namespace {
 using BlockAccess = int (*)(int, int, void *, unsigned int);
 
 // How a direction reads and writes, and how the traces call it. The label of the second reading says
-// "SysBack Write": kept so.
+// "SysBack Write": logs of a repair are searched for that text, and tell the direction by it.
 struct RepairRow {
     BlockAccess read;
     BlockAccess write;

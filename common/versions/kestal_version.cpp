@@ -292,7 +292,7 @@ int kestal_compare_version(int cntno, int backup, int numbering)
     int current = not_available;
     if (int rtn = kestal_read_flash_version_file(&current, KESTA_FLASH_VERSION); rtn != KESTA_OK) {
         TRACE(1, "[compare_version] Get Version(CNT(flash) ,%d) ERROR rtn=%d", cntno, rtn);
-        // Releases a lock that was not taken: the own slot is cleared. Kept so.
+        // Releases a lock that was not taken: callers rely on their own slot being clear afterwards, in any case.
         rtn = kestal_reset_mycnt_innerlock_main(cntno, KESTA_OFF);
         if (rtn != KESTA_OK) {
             TRACE(1, "[compare_version] Inner UnLock ERROR rtn=%d", rtn);
