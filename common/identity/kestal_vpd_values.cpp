@@ -4,18 +4,20 @@
 #include <array>
 
 #include "controller_state.h"
+#include "formed_text.h"
 #include "kesta/controller.h"
 #include "kesta/identity.h"
 #include "kesta/process.h"
 #include "kesta/shell_word.h"
+#include "paths.h"
 #include "storage_places.h"
 #include "trace.h"
 #include "vpd_tool.h"
 
 namespace {
 
-constexpr const char *vpd_tool = "/opt/kesta_sys/sbin/env_vpdctl";
-constexpr const char *model_command = "/usr/sbin/eeprom MODEL | cut -d '=' -f2";
+using kesta::vpd_tool;
+constexpr const char *model_command = KESTA_EEPROM_PROGRAM " MODEL | cut -d '=' -f2";
 
 const char *or_null(const char *text) { return text ? text : "NULL"; }
 
@@ -50,7 +52,7 @@ int read_values(Values values)
 {
     TRACE(5, "[kestal_get_vpn_info] START");
     kesta::CommandLine command{};
-    snprintf(command.data(), command.size(), "%s -r 2> /dev/null", vpd_tool);
+    (void)kesta::form(command, "%s -r 2> /dev/null", vpd_tool);
     std::array<char *, values.size() + 1> output{};
     std::size_t wanted = 0;  // a null buffer ends the list
     while (wanted < values.size() && values[wanted].buffer) {

@@ -1,6 +1,7 @@
 #include <array>
 #include <cstdint>
 
+#include "controllers.h"
 #include "inner_lock_section.h"
 #include "kesta/block_access.h"
 #include "kesta/nv_image.h"
@@ -10,6 +11,7 @@
 namespace {
 
 using kesta::InnerLockSection;
+using kesta::is_controller;
 
 // Where the numbers of an area live: one block, or one for each controller.
 struct VersionArea {
@@ -39,8 +41,6 @@ const VersionArea *find_area(int verarea)
     }
     return nullptr;
 }
-
-bool is_controller(int cntno) { return static_cast<unsigned>(cntno) < KESTA_CONTROLLERS; }
 
 // The checks that all operations begin with; the tag is the operation's.
 int check_arguments(const char *tag, int verarea, int cntno)
@@ -117,18 +117,28 @@ int read_missing(int cntno, int &backup, int &numbering)
     return KESTA_OK;
 }
 
-int read_missing_locked(int cntno, int &backup, int &numbering)
+// A section under the inner lock, with the texts that all operations have; the tag is the operation's. False: there was
+// no lock. The result is the body's, or KESTA_ERR where the lock could not be given back.
+template <typename Body>
+bool under_inner_lock(const char *tag, int cntno, int &result, Body body)
 {
     InnerLockSection lock;
     if (const int rtn = lock.acquire(cntno); rtn != KESTA_OK) {
-        TRACE(1, "[compare_version] Inner Lock ERROR rtn=%d", rtn);
-        return KESTA_ERR;
+        TRACE(1, "[%s] Inner Lock ERROR rtn=%d", tag, rtn);
+        return false;
     }
-    int ret = read_missing(cntno, backup, numbering);
+    result = body();
     if (const int rtn = lock.release(); rtn != KESTA_OK) {
-        TRACE(1, "[compare_version] Inner UnLock ERROR rtn=%d", rtn);
-        ret = KESTA_ERR;
+        TRACE(1, "[%s] Inner UnLock ERROR rtn=%d", tag, rtn);
+        result = KESTA_ERR;
     }
+    return true;
+}
+
+int read_missing_locked(int cntno, int &backup, int &numbering)
+{
+    int ret = KESTA_ERR;
+    (void)under_inner_lock("compare_version", cntno, ret, [&] { return read_missing(cntno, backup, numbering); });
     return ret;
 }
 
@@ -228,19 +238,14 @@ int kestal_read_version(int verarea, int cntno, int mode)
     if (const int refused = check_arguments("read_version", verarea, cntno); refused != KESTA_OK) {
         return refused;
     }
-    InnerLockSection lock;
-    if (const int rtn = lock.acquire(cntno); rtn != KESTA_OK) {
-        TRACE(1, "[read_version] Inner Lock ERROR rtn=%d", rtn);
-        return KESTA_ERR;
-    }
-    const int version = kestal_read_version_nolock(verarea, cntno, mode);
-    if (version < 0) {
-        TRACE(1, "[read_version] Get Version ERROR rtn=%d", version);
-    }
-    if (const int rtn = lock.release(); rtn != KESTA_OK) {
-        TRACE(1, "[read_version] Inner UnLock ERROR rtn=%d", rtn);
-        return KESTA_ERR;
-    }
+    int version = KESTA_ERR;
+    (void)under_inner_lock("read_version", cntno, version, [&] {
+        const int rtn = kestal_read_version_nolock(verarea, cntno, mode);
+        if (rtn < 0) {
+            TRACE(1, "[read_version] Get Version ERROR rtn=%d", rtn);
+        }
+        return rtn;
+    });
     if (version < 0) {
         return KESTA_ERR;
     }
@@ -256,19 +261,16 @@ int kestal_set_version(int verarea, int cntno, int value)
         return refused;
     }
     TRACE(5, "[set_version] Set Version Value(%d) value=%d.", verarea, value);
-    InnerLockSection lock;
-    if (const int rtn = lock.acquire(cntno); rtn != KESTA_OK) {
-        TRACE(1, "[set_version] Inner Lock ERROR rtn=%d", rtn);
+    int ret = KESTA_ERR;
+    const bool locked = under_inner_lock("set_version", cntno, ret, [&] {
+        const int rtn = kestal_set_version_nolock(verarea, cntno, value);
+        if (rtn < 0) {
+            TRACE(1, "[set_version] Set Version ERROR rtn=%d", rtn);
+        }
+        return rtn < 0 ? KESTA_ERR : KESTA_OK;
+    });
+    if (!locked) {
         return KESTA_ERR;
-    }
-    int ret = KESTA_OK;
-    if (const int rtn = kestal_set_version_nolock(verarea, cntno, value); rtn < 0) {
-        TRACE(1, "[set_version] Set Version ERROR rtn=%d", rtn);
-        ret = KESTA_ERR;
-    }
-    if (const int rtn = lock.release(); rtn != KESTA_OK) {
-        TRACE(1, "[set_version] Inner UnLock ERROR rtn=%d", rtn);
-        ret = KESTA_ERR;
     }
     TRACE(5, "[set_version] END ret=%d", ret);
     return ret;
