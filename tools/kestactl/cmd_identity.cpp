@@ -13,6 +13,7 @@
 #include "environment_archive.h"
 #include "identity_archive.h"
 #include "identity_state.h"
+#include "mirror.h"
 #include "kept_generations.h"
 #include "names.h"
 #include "trace_capture.h"
@@ -380,6 +381,11 @@ Plan plan_vpd_to_disk()
     plan.shared = true;
     plan.json = {{"from", identity_json(disk)}, {"to", identity_json(board)}};
     if (board != disk) {
+        for (const Block *const block : overlong_mirrors()) {
+            plan.steps.push_back({"write the mirror of " + block->name + " anew without what is behind its value, for it to be read",
+                                  {"system backup area: block " + std::to_string(block->id)},
+                                  [block] { shorten_mirror(*block); }});
+        }
         plan.steps.push_back({"give the board the identity of the NV image",
                               {"the board's VPD"},
                               [disk] { run_vpd_to_disk(disk); }});
