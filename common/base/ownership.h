@@ -1,34 +1,16 @@
-// Small types that own one resource each, and let go of it on every way out: a return, an
-// exception, or the unwinding of a cancelled thread.
-//
-// A destructor that may reach a cancellation point turns cancellation off first: a thread
-// cancelled inside a destructor would end the process.
+// What the library owns besides descriptors (scoped.h): each type lets go of its one resource on every way out.
 #pragma once
 
 #include <pthread.h>
 #include <stdio.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <utility>
 
 #include "fork_safety.h"
 #include "kesta/alloc.h"
-#include "standard_descriptors.h"
+#include "scoped.h"
 
 namespace kesta {
-
-// Cancellation is off for the life of the object, and then as it was before.
-class CancelOff {
-public:
-    CancelOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~CancelOff() { pthread_setcancelstate(before_, nullptr); }
-    CancelOff(const CancelOff &) = delete;
-    CancelOff &operator=(const CancelOff &) = delete;
-
-private:
-    int before_ = PTHREAD_CANCEL_ENABLE;
-};
 
 class MutexGuard {
 public:
@@ -43,46 +25,6 @@ public:
 
 private:
     pthread_mutex_t *mutex_;
-};
-
-class ErrnoKept {
-public:
-    ErrnoKept() : saved_(errno) {}
-    ~ErrnoKept() { errno = saved_; }
-    ErrnoKept(const ErrnoKept &) = delete;
-    ErrnoKept &operator=(const ErrnoKept &) = delete;
-
-private:
-    int saved_;
-};
-
-class UniqueFd {
-public:
-    explicit UniqueFd(int fd = -1) : fd_(above_standard(fd)) {}
-    ~UniqueFd()
-    {
-        ErrnoKept keep;
-        close();
-    }
-    UniqueFd(const UniqueFd &) = delete;
-    UniqueFd &operator=(const UniqueFd &) = delete;
-
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-
-    // Hands the descriptor over.
-    int release() { return std::exchange(fd_, -1); }
-
-    // Closes now. Returns what close() returned; 0 if nothing was open. Never retried.
-    int close()
-    {
-        CancelOff off;
-        int fd = std::exchange(fd_, -1);
-        return fd >= 0 ? ::close(fd) : 0;
-    }
-
-private:
-    int fd_;
 };
 
 class FilePtr {

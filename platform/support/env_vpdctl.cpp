@@ -16,7 +16,7 @@
 
 namespace {
 
-using namespace embedded;
+using namespace platform;
 
 constexpr int exit_failed = 1;
 constexpr int exit_usage = 2;

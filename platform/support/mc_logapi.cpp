@@ -23,7 +23,7 @@
 
 namespace {
 
-using namespace embedded;
+using namespace platform;
 
 constexpr size_t line_size = 2048;
 constexpr int level_unknown = -1;
@@ -153,7 +153,7 @@ bool prepare_trace_file()
 
 void write_to_file(const char *line, size_t length)
 {
-    const Locked locked(mutex);
+    const kesta::Locked locked(mutex);
     if (prepare_trace_file()) {
         (void)!write(trace_fd, line, length);  // a trace that can't be written is lost
     }
@@ -302,7 +302,7 @@ __attribute__((noinline, format(printf, 4, 0))) void write_trace(const char *fil
                     line_size - 1 - used);
     if (target == TraceTarget::system_log) {
         line[used] = '\0';
-        const Locked locked(mutex);  // no fork while the C library has its lock
+        const kesta::Locked locked(mutex);  // no fork while the C library has its lock
         const kesta::StandardDescriptorsTaken taken;  // the connection stays open
         syslog(LOG_USER | syslog_priority(level), "%s", line + text);
         return;
@@ -317,7 +317,7 @@ __attribute__((noinline, format(printf, 4, 0))) void write_trace(const char *fil
 
 __attribute__((noinline)) int load_level()
 {
-    const CancelOff off;
+    const kesta::CancelOff off;
     const int before = errno;
     TraceTarget known_target = trace_target();
     const int level = known_target == TraceTarget::none ? 0 : settings().trace_level;
@@ -338,7 +338,7 @@ PLATFORM_API void MC_OutTrace(const char *file, int line, int level, const char 
     if (level > highest || !format) {
         return;
     }
-    const CancelOff off;
+    const kesta::CancelOff off;
     const int before = errno;
     va_list arguments;
     va_start(arguments, format);

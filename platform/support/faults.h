@@ -1,7 +1,7 @@
 // Faults on demand. Off unless the setting fault_file names a file; docs/platform.md describes it.
 #pragma once
 
-namespace embedded {
+namespace platform {
 
 enum class FaultAction {
     none,
@@ -21,4 +21,4 @@ Fault meet_fault(const char *kind);
 // The same for a call that can only fail: 0, or the negative result it has to return.
 int failure_of(const char *kind);
 
-}  // namespace embedded
+}  // namespace platform

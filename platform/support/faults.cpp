@@ -12,7 +12,7 @@
 #include "scoped.h"
 #include "settings.h"
 
-namespace embedded {
+namespace platform {
 namespace {
 
 constexpr int max_rules = 32;
@@ -120,9 +120,9 @@ unsigned long count_call(const char *kind)
 
 bool find_rule(const char *path, const char *kind, Rule &found)
 {
-    const CancelOff off;
+    const kesta::CancelOff off;
     pthread_once(&fork_handled, handle_fork);
-    const Locked locked(mutex);
+    const kesta::Locked locked(mutex);
     refresh(path);
     if (rule_count == 0) {
         return false;
@@ -143,7 +143,7 @@ bool find_rule(const char *path, const char *kind, Rule &found)
 // it lets the call go on. A thread that waits here can be cancelled.
 void block_at(const char *fifo)
 {
-    const Fd fd(open(fifo, O_RDONLY | O_CLOEXEC));
+    const kesta::UniqueFd fd(open(fifo, O_RDONLY | O_CLOEXEC));
     char byte;
     while (fd && read(fd.get(), &byte, 1) > 0) {
     }
@@ -189,4 +189,4 @@ int failure_of(const char *kind)
     return fault.action == FaultAction::fail ? -fault.value : 0;
 }
 
-}  // namespace embedded
+}  // namespace platform

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-namespace embedded {
+namespace platform {
 
 class NameFile {
 public:
@@ -34,4 +34,4 @@ private:
 bool is_name(const std::string &text);
 bool is_value(const std::string &text);
 
-}  // namespace embedded
+}  // namespace platform

@@ -17,7 +17,7 @@
 
 namespace {
 
-using namespace embedded;
+using namespace platform;
 
 constexpr int failure = -1;
 constexpr uint8_t controllers = 4;
@@ -47,7 +47,7 @@ bool parse_integer(const char *text, long &value)
 
 int read_text(const char *path, char *text, size_t size)
 {
-    const Fd fd(open(path, O_RDONLY | O_CLOEXEC));
+    const kesta::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
     if (!fd) {
         return -errno;
     }
@@ -89,7 +89,7 @@ PLATFORM_API int vrbapi_getint_from_file(const char *path, unsigned char, int lo
     if (const int failed = failure_of("vrb_get"); failed != 0) {
         return fail(error, "read", -failed);
     }
-    const CancelOff off;
+    const kesta::CancelOff off;
     char text[64];
     if (const int result = read_text(path, text, sizeof(text)); result != 0) {
         return fail(error, "read", -result);

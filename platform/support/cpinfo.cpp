@@ -24,7 +24,7 @@ int usage(FILE *out, int code)
 
 int answer(const char *option)
 {
-    const embedded::Settings &known = embedded::settings();
+    const platform::Settings &known = platform::settings();
     if (strcmp(option, "-i") == 0) {
         return printf("%d\n", known.controller_number);
     }
@@ -48,11 +48,11 @@ int main(int argc, char **argv)
     if (argc != 2) {
         return usage(stderr, exit_usage);
     }
-    if (embedded::settings_problem()[0] != '\0') {
-        fprintf(stderr, "cpinfo: %s\n", embedded::settings_problem());
+    if (platform::settings_problem()[0] != '\0') {
+        fprintf(stderr, "cpinfo: %s\n", platform::settings_problem());
         return exit_failed;
     }
-    if (embedded::failure_of("cpinfo") != 0) {
+    if (platform::failure_of("cpinfo") != 0) {
         fputs("cpinfo: failed on demand\n", stderr);
         return exit_failed;
     }

@@ -1,8 +1,8 @@
-// The settings of the embedded platform: one small file, an environment override for each value.
+// The settings of a platform: one small file, an environment override for each value.
 // docs/platform.md lists them.
 #pragma once
 
-namespace embedded {
+namespace platform {
 
 enum class TraceTarget { none, file, standard_error, system_log };
 
@@ -40,7 +40,11 @@ const Settings &settings();
 // The first thing that is wrong with the settings, as one line; empty if nothing is.
 const char *settings_problem();
 
+// A setting that one platform alone has, by its name there: "NAME.KEY", with KESTA_PLATFORM_NAME_KEY before it. Null
+// where it is not set. All others pass it by: the trace log and the commands are the same for every platform.
+const char *platform_setting(const char *key);
+
 // "file", "stderr", "syslog" or "none".
 TraceTarget trace_target();
 
-}  // namespace embedded
+}  // namespace platform

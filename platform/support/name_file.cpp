@@ -12,7 +12,7 @@
 #include "atomic_file.h"
 #include "scoped.h"
 
-namespace embedded {
+namespace platform {
 namespace {
 
 // Held by one writer of a folder's files at a time. It is the folder that is locked: the file itself is
@@ -42,14 +42,14 @@ private:
         return open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     }
 
-    Fd fd_;
+    kesta::UniqueFd fd_;
 };
 
 // The contents of a plain file; nothing else is opened for long, or waited for. 0, or a negative error number.
 int read_plain(const std::string &path, std::string &text)
 {
     constexpr off_t longest = 1 << 20;
-    const Fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    const kesta::UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
     if (!fd || fstat(fd.get(), &status) != 0) {
         return -errno;
@@ -144,4 +144,4 @@ bool is_value(const std::string &text)
                        [](char c) { return isprint(static_cast<unsigned char>(c)) != 0; });
 }
 
-}  // namespace embedded
+}  // namespace platform

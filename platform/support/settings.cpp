@@ -10,7 +10,7 @@
 
 #include "scoped.h"
 
-namespace embedded {
+namespace platform {
 namespace {
 
 constexpr const char *default_file = "/etc/kesta/platform.conf";
@@ -61,6 +61,15 @@ const Row rows[] = {
 #undef NUMBER
 #undef TEXT
 
+// What the file says of settings that one platform alone has.
+struct PlatformSetting {
+    char key[word_size];
+    char value[path_size];
+};
+constexpr unsigned platform_settings_size = 16;
+PlatformSetting platform_settings[platform_settings_size];
+unsigned platform_settings_used = 0;
+
 void note_problem(const char *where, const char *what, const char *key)
 {
     if (problem[0] == '\0') {
@@ -102,6 +111,31 @@ const Row *find_row(const char *key)
     return nullptr;
 }
 
+void keep_platform_setting(const char *path, const char *key, const char *value)
+{
+    if (platform_settings_used == platform_settings_size || strlen(key) >= word_size || strlen(value) >= path_size) {
+        note_problem(path, "value is too long, or one setting too many", key);
+        return;
+    }
+    PlatformSetting &kept = platform_settings[platform_settings_used++];
+    memcpy(kept.key, key, strlen(key) + 1);
+    memcpy(kept.value, value, strlen(value) + 1);
+}
+
+// The variable that overrides a setting.
+struct Variable {
+    char name[word_size + 32];
+
+    explicit Variable(const char *key)
+    {
+        snprintf(name, sizeof(name), "%s%s", variable_prefix, key);
+        for (char *c = name; *c != '\0'; ++c) {
+            *c = *c == '.' ? '_' : static_cast<char>(toupper(static_cast<unsigned char>(*c)));
+        }
+    }
+    const char *value() const { return secure_getenv(name); }
+};
+
 char *trimmed(char *text)
 {
     while (isspace(static_cast<unsigned char>(*text))) {
@@ -127,7 +161,9 @@ void read_line(char *line, const char *path)
     }
     *equals = '\0';
     key = trimmed(key);
-    if (const Row *row = find_row(key)) {
+    if (strchr(key, '.')) {
+        keep_platform_setting(path, key, trimmed(equals + 1));
+    } else if (const Row *row = find_row(key)) {
         set_value(*row, path, trimmed(equals + 1));
     } else {
         note_problem(path, "unknown setting", key);
@@ -150,13 +186,9 @@ void read_file(const char *path)
 void read_environment()
 {
     for (const Row &row : rows) {
-        char name[word_size + 32];
-        snprintf(name, sizeof(name), "%s%s", variable_prefix, row.key);
-        for (char *c = name; *c != '\0'; ++c) {
-            *c = static_cast<char>(toupper(static_cast<unsigned char>(*c)));
-        }
-        if (const char *value = secure_getenv(name)) {
-            set_value(row, name, value);
+        const Variable variable(row.key);
+        if (const char *value = variable.value()) {
+            set_value(row, variable.name, value);
         }
     }
 }
@@ -172,7 +204,7 @@ void load()
 
 const Settings &settings()
 {
-    const CancelOff off;
+    const kesta::CancelOff off;
     pthread_once(&loaded, load);
     return current;
 }
@@ -181,6 +213,21 @@ const char *settings_problem()
 {
     settings();
     return problem;
+}
+
+const char *platform_setting(const char *key)
+{
+    settings();
+    if (const char *value = Variable(key).value()) {
+        return value;
+    }
+    const char *found = nullptr;
+    for (unsigned i = 0; i < platform_settings_used; ++i) {
+        if (strcmp(platform_settings[i].key, key) == 0) {
+            found = platform_settings[i].value;  // the last one counts, as with all settings
+        }
+    }
+    return found;
 }
 
 TraceTarget trace_target()
@@ -195,4 +242,4 @@ TraceTarget trace_target()
     return strcmp(word, "none") == 0 ? TraceTarget::none : TraceTarget::file;
 }
 
-}  // namespace embedded
+}  // namespace platform

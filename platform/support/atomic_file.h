@@ -1,7 +1,7 @@
 // Files that are replaced whole, and survive a power cut once the call has returned.
 #pragma once
 
-namespace embedded {
+namespace platform {
 
 // Puts a finished temporary file in the place of path: flushes it, renames it, flushes the folder.
 // The temporary file is gone afterwards in any case. Returns 0 or a negative errno.
@@ -20,4 +20,4 @@ int flush_folder_of(const char *path);
 // Writes all bytes. Returns 0 or a negative errno.
 int write_all(int fd, const void *data, unsigned long size, long offset);
 
-}  // namespace embedded
+}  // namespace platform

@@ -8,7 +8,7 @@
 
 #include "scoped.h"
 
-namespace embedded {
+namespace platform {
 namespace {
 
 constexpr unsigned folder_size = 1024;
@@ -32,7 +32,7 @@ int flush_folder_of(const char *path)
 {
     char folder[folder_size];
     split_path(path, folder);
-    const Fd fd(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const kesta::UniqueFd fd(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fd) {
         return -errno;
     }
@@ -86,9 +86,9 @@ int publish_file(int fd, const char *temporary, const char *path)
 
 int replace_file(const char *path, const char *text, unsigned length)
 {
-    const CancelOff off;
+    const kesta::CancelOff off;
     char temporary[folder_size];
-    const Fd fd(create_beside(path, temporary, sizeof(temporary)));
+    const kesta::UniqueFd fd(create_beside(path, temporary, sizeof(temporary)));
     if (!fd) {
         return fd.get();
     }
@@ -103,4 +103,4 @@ int replace_file(const char *path, const char *text, unsigned length)
     return publish_file(fd.get(), temporary, path);
 }
 
-}  // namespace embedded
+}  // namespace platform
