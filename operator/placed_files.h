@@ -4,7 +4,7 @@
 #include <set>
 #include <string>
 
-#include "restored_files.h"
+#include "file_changes.h"
 
 namespace engine {
 
