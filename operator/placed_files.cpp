@@ -6,6 +6,7 @@
 
 #include <exception>
 #include <filesystem>
+#include <map>
 
 #include "failure.h"
 #include "whole_file.h"
@@ -96,7 +97,7 @@ void stage_file(const Entry &staged, const RestoredFile &file, const ReadMember 
     struct stat status;
     const bool whole = ftruncate(fd.get(), static_cast<off_t>(member.size)) == 0 &&
                        set_owner(fd, owners.owner_of(member), owners.group_of(member)) && set_mode(fd, member.mode) &&
-                       set_modified(fd, member.modified) && fsync(fd.get()) == 0 &&
+                       set_modified(fd, member.modified) &&
                        fstat(fd.get(), &status) == 0 && fd.close();
     if (!whole) {
         fail_file(path, "written beside the old one");
@@ -119,6 +120,37 @@ Entry stage_entry(const RestoredFile &file, const RestoredFiles &files, const Gr
     (void)remove(staged, staged.name);  // of a run that was cut short; making it tells
     return staged;
 }
+
+// The file systems that were written to: each is flushed once, however many files it got.
+class WrittenFileSystems {
+public:
+    // Before anything is written to this folder: what fails from here on is told when it is flushed.
+    void add(const Entry &entry, const std::string &path)
+    {
+        struct stat status {};
+        if (fstat(entry.folder.get(), &status) != 0) {
+            fail_file(path, "reached");
+        }
+        Descriptor &open = folders_[status.st_dev];
+        if (!open) {
+            open = Descriptor(openat(entry.folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        }
+        if (!open) {
+            fail_file(path, "reached");
+        }
+    }
+    void flush() const
+    {
+        for (const auto &[device, folder] : folders_) {
+            if (syncfs(folder.get()) != 0) {
+                fail_file("The file system of the new files", "flushed to the disk");
+            }
+        }
+    }
+
+private:
+    std::map<dev_t, Descriptor> folders_;
+};
 
 // ------------------------------------------------------------------------------------- the placing
 
@@ -213,6 +245,12 @@ void stage_files(const Archive &archive, const RestoredFiles &files, FileChanges
                  const GroupPlaces &places)
 {
     Owners owners;
+    WrittenFileSystems written;
+    const auto stage = [&](const RestoredFile &file) {
+        Entry staged = stage_entry(file, files, places);
+        written.add(staged, file.path());
+        return staged;
+    };
     FilesByContents replaced;
     for (const RestoredFile &file : files.members) {
         if (file.member.kind == MemberKind::file && changes.replaced.contains(file.path())) {
@@ -221,13 +259,14 @@ void stage_files(const Archive &archive, const RestoredFiles &files, FileChanges
     }
     try {
         for_each_file(archive, replaced, [&](const RestoredFile &file, const ReadMember &read) {
-            stage_file(stage_entry(file, files, places), file, read, changes, owners);
+            stage_file(stage(file), file, read, changes, owners);
         });
         for (const RestoredFile &file : files.members) {
             if (file.member.kind == MemberKind::link && changes.replaced.contains(file.path())) {
-                stage_link(stage_entry(file, files, places), file, owners);
+                stage_link(stage(file), file, owners);
             }
         }
+        written.flush();
     } catch (const std::exception &) {
         remove_staged(changes.replaced, places);
         throw;
