@@ -347,7 +347,7 @@ Plan plan_vpd_to_flash()
     if (board != running) {
         require_file(flash_backup,
                      "The identity goes into the saved environment: put one there first.");
-        check_identity_archive(read_whole_file(flash_backup), flash_backup);
+        check_identity_archive(contents_of_path(flash_backup), flash_backup);
         plan.verb = vpd_to_flash;
         plan.replaces = {{flash_backup, Replacing::by_rename}};
         plan.steps.push_back({"carry the board's identity into the saved environment and the system",
