@@ -12,9 +12,10 @@ namespace {
 
 constexpr std::string_view generation_prefix = "generation:";
 
+// What is copied is what was tested: its contents tell if they are something else by then.
 struct Source {
     ArchiveEvidence evidence;
-    std::string bytes;
+    ArchiveContents contents;
 };
 
 std::string read_generation(const std::string &sum)
@@ -28,11 +29,17 @@ std::string read_generation(const std::string &sum)
 
 Source read_file(const std::string &path)
 {
-    Source source{evidence_of_file(path), ""};
-    if (source.evidence.good()) {
-        source.bytes = read_whole_file(path);
-        source.evidence = evidence_of_bytes(source.bytes);  // what is copied is what was tested
-    }
+    Source source;
+    source.evidence = evidence_of_file(path, &source.contents, [] {});
+    return source;
+}
+
+Source read_source_slot(const std::string &slot)
+{
+    Source source;
+    source.evidence = evidence_of_slot(slot);
+    source.contents =
+        contents_known_as(contents_of_slot(slot, source.evidence.bytes), source.evidence.sha256, "Slot " + slot);
     return source;
 }
 
@@ -45,9 +52,7 @@ Source read_source(const std::string &from)
     if (is_on_flash(place)) {
         return read_file(path_of(place));
     }
-    Source source;
-    source.evidence = evidence_of_slot(slot_of(place), source.bytes);
-    return source;
+    return read_source_slot(slot_of(place));
 }
 
 Source required_source(const ArchiveCopyRequest &request)
@@ -70,8 +75,15 @@ void require_readable_target(const ArchiveEvidence &target, const std::string &t
     }
 }
 
-void write_slot(const std::string &slot, std::string &bytes)
+// The library takes it whole.
+void write_slot(const std::string &slot, const ArchiveContents &contents)
 {
+    std::string bytes;
+    bytes.reserve(contents.size);
+    const NextPiece next = contents.pieces();
+    for (std::string_view piece = next(); !piece.empty(); piece = next()) {
+        bytes += piece;
+    }
     void *data = bytes.data();
     auto size = static_cast<unsigned>(bytes.size());
     if (kestal_backup_rw(slot.c_str(), KESTA_FILE_WRITE, &data, &size) != KESTA_OK) {
@@ -95,7 +107,7 @@ ArchiveCopyPlan plan_archive_copy(const ArchiveCopyRequest &request)
 KeepReport copy_archive(const ArchiveCopyRequest &request, const std::string &verb, const KeepRule &given)
 {
     KeepReport report;
-    Source source = required_source(request);
+    const Source source = required_source(request);
     KeepRule rule = given;
     rule.only_adds = true;
     rule.source = source.evidence.sha256;
@@ -111,9 +123,9 @@ KeepReport copy_archive(const ArchiveCopyRequest &request, const std::string &ve
         report.add(keep_replaced({{place, Replacing::in_place}}, verb, rule));
     }
     if (is_on_flash(to)) {
-        with_room_on_flash(report, [&] { write_file_whole(path_of(to), source.bytes); }, rule.source);
+        with_room_on_flash(report, [&] { write_file_whole(path_of(to), source.contents.pieces()); }, rule.source);
     } else {
-        write_slot(slot_of(to), source.bytes);
+        write_slot(slot_of(to), source.contents);
     }
     if (!evidence_at(to).same_bytes(source.evidence)) {
         throw Failure(Exit::platform, "copy-differs", request.to + " does not hold what was written to it.",

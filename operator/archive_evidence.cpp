@@ -7,7 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
+#include <vector>
 
 #include "archive_members.h"
 #include "beneath.h"
@@ -17,21 +19,13 @@
 namespace engine {
 namespace {
 
-constexpr std::size_t piece_size = 256UL << 10;
-
-using NextPiece = std::function<std::string_view()>;
-
-// The bytes can't be had; not to be mistaken for what the test of an archive throws.
-struct ReadError {
-    std::string reason;
-};
-
 // Hands pieces on, and keeps count of them.
 class Counted {
 public:
-    explicit Counted(NextPiece next) : next_(std::move(next)) {}
+    Counted(NextPiece next, const std::function<void()> &look) : next_(std::move(next)), look_(look) {}
     std::string_view next()
     {
+        look_();
         const std::string_view piece = next_();
         bytes_ += piece.size();
         checksum_.add(piece);
@@ -48,25 +42,17 @@ public:
 
 private:
     NextPiece next_;
+    const std::function<void()> &look_;
     Checksum checksum_;
     std::uint64_t bytes_ = 0;
 };
 
-// Whether all is there. An error of reading is told when libarchive is left: it lets only exceptions of the standard
-// library through.
-void test(Counted &pieces, std::uint64_t size, ArchiveEvidence &evidence, const std::function<void()> &look)
+// Whether all is there.
+void test(Counted &pieces, std::uint64_t size, const ArchiveLimits &limits, ArchiveEvidence &evidence,
+          const std::function<void()> &look)
 {
-    std::optional<ReadError> broken;
-    const auto next = [&]() -> std::string_view {
-        try {
-            return pieces.next();
-        } catch (const ReadError &error) {
-            broken = error;
-            return {};
-        }
-    };
     try {
-        for_each_member(PackedArchive{next, size, "The archive", archive_limits(), look},
+        for_each_member(PackedArchive{[&pieces] { return pieces.next(); }, size, "The archive", limits, look},
                         [](const Member &, const ReadMember &) {});
         evidence.state = CopyState::good;
     } catch (const DamagedArchive &damaged) {
@@ -74,15 +60,12 @@ void test(Counted &pieces, std::uint64_t size, ArchiveEvidence &evidence, const 
         evidence.reason = damaged.reason();
     } catch (const Failure &refused) {
         if (refused.code() != "archive-too-large") {
-            throw;  // the look's, or a setting's
+            throw;  // the look's, a setting's, or one of reading
         }
         evidence.state = CopyState::unreadable;
         evidence.beyond_limits = true;
         evidence.reason = refused.what() + strlen("The archive ");
         evidence.reason.pop_back();  // the sentence's end
-    }
-    if (broken) {
-        throw ReadError(*broken);
     }
 }
 
@@ -94,19 +77,75 @@ ArchiveEvidence unreadable(const std::string &reason)
     return evidence;
 }
 
-ArchiveEvidence examine(const NextPiece &next, std::uint64_t size, const std::function<void()> &look)
+// What the archives of this run were found to be, by their checksums: the same bytes are tested once, however many
+// places hold them. Under other limits they may be something else.
+class TestedArchives {
+public:
+    // Whether a checksum can be worth its while.
+    bool has_one_of(std::uint64_t bytes, const ArchiveLimits &limits)
+    {
+        if (limits != limits_) {
+            known_.clear();
+            limits_ = limits;
+        }
+        return std::any_of(known_.begin(), known_.end(), [&](const auto &one) { return one.bytes == bytes; });
+    }
+    const ArchiveEvidence *find(const std::string &sha256) const
+    {
+        const auto found =
+            std::find_if(known_.begin(), known_.end(), [&](const auto &one) { return one.sha256 == sha256; });
+        return found == known_.end() ? nullptr : &*found;
+    }
+    void add(const ArchiveEvidence &evidence)
+    {
+        constexpr std::size_t most = 32;  // far more than there are places
+        if (known_.size() == most) {
+            known_.erase(known_.begin());
+        }
+        known_.push_back(evidence);
+    }
+
+private:
+    ArchiveLimits limits_;
+    std::vector<ArchiveEvidence> known_;
+};
+
+TestedArchives &tested_archives()
+{
+    static TestedArchives tested;
+    return tested;
+}
+
+ArchiveEvidence read_and_test(const ArchiveContents &contents, const ArchiveLimits &limits,
+                              const std::function<void()> &look)
 {
     ArchiveEvidence evidence;
-    Counted pieces(next);
-    try {
-        test(pieces, size, evidence, look);
-        pieces.read_rest();
-    } catch (const ReadError &error) {
-        return unreadable(error.reason);
-    }
+    Counted pieces(contents.pieces(), look);
+    test(pieces, contents.size, limits, evidence, look);
+    pieces.read_rest();
     evidence.bytes = pieces.bytes();
     evidence.sha256 = pieces.sha256();
+    if (!evidence.beyond_limits) {
+        tested_archives().add(evidence);
+    }
     return evidence;
+}
+
+ArchiveEvidence examine(const ArchiveContents &contents, const std::function<void()> &look)
+{
+    try {
+        const ArchiveLimits limits = archive_limits();
+        if (tested_archives().has_one_of(contents.size, limits)) {
+            Counted pieces(contents.pieces(), look);
+            pieces.read_rest();
+            if (const ArchiveEvidence *known = tested_archives().find(pieces.sha256())) {
+                return *known;
+            }
+        }
+        return read_and_test(contents, limits, look);
+    } catch (const UnreadableContents &error) {
+        return unreadable(error.reason());
+    }
 }
 
 const char *kind_of(mode_t mode)
@@ -135,6 +174,11 @@ const char *name_of(CopyState state)
 
 ArchiveEvidence evidence_of_file(const std::string &path, const std::function<void()> &look)
 {
+    return evidence_of_file(path, nullptr, look);
+}
+
+ArchiveEvidence evidence_of_file(const std::string &path, ArchiveContents *contents, const std::function<void()> &look)
+{
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) {
         return errno == ENOENT ? ArchiveEvidence() : unreadable(strerror(errno));
@@ -142,44 +186,39 @@ ArchiveEvidence evidence_of_file(const std::string &path, const std::function<vo
     if (!S_ISREG(status.st_mode)) {
         return unreadable(kind_of(status.st_mode));
     }
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return unreadable(!file ? strerror(errno) : "it is replaced just now");
     }
-    std::string piece(piece_size, '\0');
-    const auto next = [&]() -> std::string_view {
-        ssize_t count;
-        while ((count = read(file.get(), piece.data(), piece.size())) < 0 && errno == EINTR) {
-        }
-        if (count < 0) {
-            throw ReadError{strerror(errno)};
-        }
-        return {piece.data(), static_cast<std::size_t>(count)};
-    };
-    ArchiveEvidence evidence = examine(next, static_cast<std::uint64_t>(status.st_size), look);
+    const ArchiveContents read = contents_of_file(std::move(file), path);
+    ArchiveEvidence evidence = examine(read, look);
     evidence.modified = status.st_mtim.tv_sec;
+    if (contents) {
+        *contents = contents_known_as(read, evidence.sha256, path);
+    }
     return evidence;
+}
+
+ArchiveEvidence evidence_of(const ArchiveContents &contents, const std::function<void()> &look)
+{
+    return examine(contents, look);
 }
 
 ArchiveEvidence evidence_of_bytes(std::string_view bytes, const std::function<void()> &look)
 {
-    std::string_view rest = bytes;
-    return examine([&rest] { return std::exchange(rest, {}); }, bytes.size(), look);
+    return examine({bytes.size(), [bytes] { return [rest = bytes]() mutable { return std::exchange(rest, {}); }; }}, look);
 }
 
-ArchiveEvidence evidence_of_slot(const std::string &slot, std::string &bytes, const std::function<void()> &look)
+ArchiveEvidence evidence_of_slot(const std::string &slot, ArchiveContents &contents, const std::function<void()> &look)
 {
     const std::uint64_t before = traced_lines();
-    void *data = nullptr;
-    unsigned size = 0;
-    const int result = kestal_backup_rw(slot.c_str(), KESTA_FILE_READ, &data, &size);
-    bytes.clear();
-    if (result == KESTA_OK) {
-        bytes.assign(static_cast<const char *>(data), size);
-    }
-    kestal_free_debug(data, __FILE__, __LINE__, 0);
-    if (result == KESTA_OK) {
-        return evidence_of_bytes(bytes, look);
+    try {
+        contents = read_slot(slot);
+        return examine(contents, look);
+    } catch (const Failure &failure) {
+        if (failure.code() != slot_unreadable) {
+            throw;
+        }
     }
     const std::string opened = "[backup_rw] File Open(R) ERROR f_name=" + slot + " result=";
     if (was_traced(opened + std::to_string(-ENOENT) + " ", before)) {
@@ -191,8 +230,8 @@ ArchiveEvidence evidence_of_slot(const std::string &slot, std::string &bytes, co
 
 ArchiveEvidence evidence_of_slot(const std::string &slot, const std::function<void()> &look)
 {
-    std::string bytes;
-    return evidence_of_slot(slot, bytes, look);
+    ArchiveContents contents;
+    return evidence_of_slot(slot, contents, look);
 }
 
 void require_whole(const ArchiveEvidence &evidence, const std::string &name)

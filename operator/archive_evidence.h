@@ -1,5 +1,6 @@
 // What one copy of an archive is worth: read whole, in pieces, before anybody says which copy is right. This is the
-// one test of wholeness: verify, copy, accept and save ask here, and restore reads members by the same rules.
+// one test of wholeness: verify, copy, accept and save ask here, and restore reads members by the same rules. What was
+// tested once in a run is known by its checksum: each copy of it is read, but not unpacked again.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +8,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "archive_contents.h"
 
 namespace engine {
 
@@ -38,13 +41,18 @@ const char *name_of(CopyState state);
 // beyond the limits is unreadable too: nothing tells whether it is whole. Both look again and again, which may throw.
 ArchiveEvidence evidence_of_file(const std::string &path, const std::function<void()> &look = [] {});
 
-// Of bytes that were read already.
+// The same, and the contents of a good one as they were tested.
+ArchiveEvidence evidence_of_file(const std::string &path, ArchiveContents *contents, const std::function<void()> &look);
+
+// Of contents that can be had already.
+ArchiveEvidence evidence_of(const ArchiveContents &contents, const std::function<void()> &look = [] {});
 ArchiveEvidence evidence_of_bytes(std::string_view bytes, const std::function<void()> &look = [] {});
 
 // Of a slot of the system backup area, or any other file of it: absent only if the platform said that there is no such
-// file. The second gives the bytes that were read as well.
+// file. The second gives what was read as well.
 ArchiveEvidence evidence_of_slot(const std::string &slot, const std::function<void()> &look = [] {});
-ArchiveEvidence evidence_of_slot(const std::string &slot, std::string &bytes, const std::function<void()> &look = [] {});
+ArchiveEvidence evidence_of_slot(const std::string &slot, ArchiveContents &contents,
+                                 const std::function<void()> &look = [] {});
 
 // Throws DamagedArchive or Failure unless it is good; the name is what it is told of as.
 void require_whole(const ArchiveEvidence &evidence, const std::string &name);

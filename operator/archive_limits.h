@@ -13,6 +13,8 @@ struct ArchiveLimits {
 
     // Less than this is never too much for its packed size: a file of zeros packs very well.
     static constexpr std::uint64_t free_of_ratio = std::uint64_t{64} << 20;
+
+    bool operator==(const ArchiveLimits &) const = default;
 };
 
 // The generations that are kept of archives that were replaced, and the room that they may take.

@@ -298,6 +298,23 @@ private:
     Reader reader_;
 };
 
+// False if visit ended it.
+bool visit_members(const PackedArchive &archive, const std::function<bool(const Member &, const ReadMember &)> &visit)
+{
+    MemberReader reader(archive);
+    std::size_t number = 0;
+    while (archive_entry *entry = reader.next()) {
+        const Member member = member_of(entry, ++number);
+        reader.add(member);
+        if (!visit(member, [&reader](const TakePiece &take) { reader.read(take); })) {
+            return false;
+        }
+        reader.skip();
+    }
+    reader.read_rest();
+    return true;
+}
+
 }  // namespace
 
 DamagedArchive::DamagedArchive(const std::string &name, std::string reason)
@@ -311,35 +328,48 @@ DamagedArchive::DamagedArchive(const std::string &name, std::string reason)
 void for_each_member(const Archive &archive,
                      const std::function<void(const Member &, const ReadMember &)> &visit)
 {
-    std::string_view rest = archive.bytes;
-    const auto next = [&rest] { return std::exchange(rest, {}); };
-    for_each_member(PackedArchive{next, archive.bytes.size(), archive.name, archive.limits, archive.look}, visit);
+    const ArchiveContents &contents = archive.contents;
+    for_each_member(PackedArchive{contents.pieces(), contents.size, archive.name, archive.limits, archive.look}, visit);
 }
 
 void for_each_member(const PackedArchive &archive,
                      const std::function<void(const Member &, const ReadMember &)> &visit)
 {
-    MemberReader reader(archive);
-    std::size_t number = 0;
-    while (archive_entry *entry = reader.next()) {
-        const Member member = member_of(entry, ++number);
-        reader.add(member);
-        visit(member, [&reader](const TakePiece &take) { reader.read(take); });
-        reader.skip();
+    (void)visit_members(archive, [&visit](const Member &member, const ReadMember &read) {
+        visit(member, read);
+        return true;
+    });
+}
+
+void for_members_until(const Archive &archive, const std::function<bool(const Member &, const ReadMember &)> &visit)
+{
+    const ArchiveContents &contents = archive.contents;
+    const PackedArchive packed{contents.pieces(), contents.size, archive.name, archive.limits, archive.look};
+    (void)visit_members(packed, visit);
+}
+
+uid_t Owners::owner_of(const Member &member)
+{
+    if (member.owner.empty()) {
+        return member.uid;
     }
-    reader.read_rest();
+    const auto [at, is_new] = owners_.try_emplace(member.owner);
+    if (const passwd *known = is_new ? getpwnam(member.owner.c_str()) : nullptr) {
+        at->second = known->pw_uid;
+    }
+    return at->second.value_or(member.uid);
 }
 
-uid_t owner_of(const Member &member)
+gid_t Owners::group_of(const Member &member)
 {
-    const passwd *known = member.owner.empty() ? nullptr : getpwnam(member.owner.c_str());
-    return known ? known->pw_uid : member.uid;
-}
-
-gid_t group_of(const Member &member)
-{
-    const ::group *known = member.group.empty() ? nullptr : getgrnam(member.group.c_str());
-    return known ? known->gr_gid : member.gid;
+    if (member.group.empty()) {
+        return member.gid;
+    }
+    const auto [at, is_new] = groups_.try_emplace(member.group);
+    if (const ::group *known = is_new ? getgrnam(member.group.c_str()) : nullptr) {
+        at->second = known->gr_gid;
+    }
+    return at->second.value_or(member.gid);
 }
 
 }  // namespace engine

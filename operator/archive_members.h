@@ -1,14 +1,17 @@
-// What is in an archive, read from memory with libarchive: never more of it than the limits allow,
-// and never a file as a whole.
+// What is in an archive, read in pieces with libarchive: never more of it than the limits allow, and never a file as a
+// whole.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "archive_contents.h"
 #include "archive_limits.h"
 #include "failure.h"
 
@@ -31,15 +34,15 @@ struct Member {
 };
 
 struct Archive {
-    std::string bytes;
+    ArchiveContents contents;
     std::string name;  // as it is told of
     ArchiveLimits limits;
     std::function<void()> look = [] {};  // called again and again while it is read; may throw
 };
 
-// The same, packed as it comes: the pieces of its bytes, in order, and an empty one behind the last. It may throw.
+// The same, packed as it comes.
 struct PackedArchive {
-    std::function<std::string_view()> next;
+    NextPiece next;
     std::uint64_t size = 0;
     std::string name;
     ArchiveLimits limits;
@@ -70,8 +73,18 @@ void for_each_member(const Archive &archive,
 void for_each_member(const PackedArchive &archive,
                      const std::function<void(const Member &, const ReadMember &)> &visit);
 
-// The numbers that a member's owner and group have on this system.
-uid_t owner_of(const Member &member);
-gid_t group_of(const Member &member);
+// The same until visit returns false. So only what was visited to its end before may be read.
+void for_members_until(const Archive &archive, const std::function<bool(const Member &, const ReadMember &)> &visit);
+
+// The numbers that the owners and groups of members have on this system, each name asked for once.
+class Owners {
+public:
+    uid_t owner_of(const Member &member);
+    gid_t group_of(const Member &member);
+
+private:
+    std::map<std::string, std::optional<uid_t>> owners_;
+    std::map<std::string, std::optional<gid_t>> groups_;
+};
 
 }  // namespace engine

@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "failure.h"
+#include "file_changes.h"
 #include "group_paths.h"
 #include "restored_files.h"
 #include "saved_files.h"
@@ -145,7 +146,7 @@ private:
 void require_restorable(const KESTA_BACKUP_FILE &definition, const GroupPaths &paths, const std::string &path,
                         const std::function<void()> &look)
 {
-    const Archive archive{read_whole_file(path), "The new archive", archive_limits(), look};
+    const Archive archive{contents_of_path(path), "The new archive", archive_limits(), look};
     const RestoredFiles files = choose_files(archive, definition, paths);
     if (!compare_files(archive, files, GroupPlaces(paths)).none()) {
         throw Failure(Exit::platform, "archive-differs",
@@ -188,23 +189,6 @@ void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path,
         remove_quietly(path);
         throw;
     }
-}
-
-std::string read_slot(const std::string &slot)
-{
-    void *data = nullptr;
-    unsigned size = 0;
-    const int result = kestal_backup_rw(slot.c_str(), KESTA_FILE_READ, &data, &size);
-    std::string bytes;
-    if (result == KESTA_OK) {
-        bytes.assign(static_cast<const char *>(data), size);
-    }
-    kestal_free_debug(data, __FILE__, __LINE__, 0);
-    if (result != KESTA_OK) {
-        throw Failure(Exit::platform, "slot-unreadable", "Slot " + slot + " can't be read.",
-                      "Check the system backup area; --trace 1 shows the failed call.");
-    }
-    return bytes;
 }
 
 }  // namespace engine

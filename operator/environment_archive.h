@@ -21,7 +21,4 @@ std::vector<std::string> collect(const KESTA_BACKUP_FILE &definition);
 void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path,
                   const std::function<void()> &look);
 
-// What a slot of the system backup area holds. Throws Failure if it can't be read.
-std::string read_slot(const std::string &slot);
-
 }  // namespace engine

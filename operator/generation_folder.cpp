@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <memory>
 
-#include "checksum.h"
 #include "whole_file.h"
 
 namespace engine {
@@ -24,7 +23,6 @@ constexpr mode_t folder_mode = 0700;
 constexpr mode_t own_mode = 0600;
 constexpr mode_t permissions = 07777;
 constexpr std::size_t sum_length = 64;
-constexpr std::size_t piece_size = 256UL << 10;
 constexpr int lock_tries = 3000;
 constexpr timespec between_tries{0, 20'000'000};  // a minute in all
 
@@ -85,24 +83,6 @@ bool write_all(int fd, std::string_view bytes)
         throw NoRoom(path);
     }
     fail_file(path, what);
-}
-
-// Calls for each piece of an open file. False, with errno: it can't be read to its end.
-template <typename Take>
-bool read_pieces(const Descriptor &file, const Take &take)
-{
-    std::string piece(piece_size, '\0');
-    for (off_t at = 0;;) {
-        const ssize_t count = pread(file.get(), piece.data(), piece.size(), at);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return count == 0;
-        }
-        take(std::string_view(piece.data(), static_cast<std::size_t>(count)));
-        at += count;
-    }
 }
 
 }  // namespace
@@ -202,43 +182,65 @@ std::optional<struct stat> GenerationFolder::status_of(const std::string &name) 
     return status;
 }
 
+std::optional<ArchiveContents> GenerationFolder::contents(const std::string &name) const
+{
+    Descriptor file = open(name);
+    return file ? std::optional(contents_of_file(std::move(file), path_of(name))) : std::nullopt;
+}
+
 std::optional<std::string> GenerationFolder::read(const std::string &name) const
 {
-    const Descriptor file = open(name);
-    if (!file) {
+    const auto contents = this->contents(name);
+    if (!contents) {
         return std::nullopt;
     }
     std::string bytes;
-    if (!read_pieces(file, [&bytes](std::string_view piece) { bytes += piece; })) {
-        fail_file(path_of(name), "read");
+    const NextPiece next = contents->pieces();
+    for (std::string_view piece = next(); !piece.empty(); piece = next()) {
+        bytes += piece;
     }
     return bytes;
 }
 
 std::optional<std::string> GenerationFolder::checksum_of(const std::string &name) const
 {
-    const Descriptor file = open(name);
-    if (!file) {
-        return std::nullopt;
-    }
-    Checksum checksum;
-    if (!read_pieces(file, [&checksum](std::string_view piece) { checksum.add(piece); })) {
-        fail_file(path_of(name), "read");
-    }
-    return checksum.text();
+    const auto contents = this->contents(name);
+    return contents ? std::optional(engine::checksum_of(*contents)) : std::nullopt;
 }
 
 void GenerationFolder::write(const std::string &name, std::string_view bytes) const
 {
+    write(name, contents_of_bytes(std::string(bytes)));
+}
+
+void GenerationFolder::write(const std::string &name, const ArchiveContents &contents) const
+{
     remove_unfinished();
     Descriptor file(openat(folder_.get(), unfinished_name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                            own_mode));
-    if (!file || !write_all(file.get(), bytes) || fsync(file.get()) != 0 || !file.close() ||
-        renameat(folder_.get(), unfinished_name, folder_.get(), name.c_str()) != 0) {
+    const auto fail = [this, &name] {
         const int error = errno;
         (void)unlinkat(folder_.get(), unfinished_name, 0);  // best effort: the next command takes it away
         errno = error;
         fail_writing(path_of(name), "written");
+    };
+    if (!file) {
+        fail();
+    }
+    try {
+        const NextPiece next = contents.pieces();
+        for (std::string_view piece = next(); !piece.empty(); piece = next()) {
+            if (!write_all(file.get(), piece)) {
+                fail();
+            }
+        }
+    } catch (const std::exception &) {
+        (void)unlinkat(folder_.get(), unfinished_name, 0);
+        throw;
+    }
+    if (fsync(file.get()) != 0 || !file.close() ||
+        renameat(folder_.get(), unfinished_name, folder_.get(), name.c_str()) != 0) {
+        fail();
     }
 }
 
@@ -258,8 +260,8 @@ void GenerationFolder::make_own(const std::string &name) const
         return;
     }
     if (status.st_nlink > 1) {
-        if (const auto bytes = read(name)) {
-            write(name, *bytes);
+        if (const auto shared = contents(name)) {
+            write(name, *shared);
         }
     } else if ((status.st_mode & permissions) != own_mode) {
         (void)fchmod(file.get(), own_mode);  // the folder keeps others away

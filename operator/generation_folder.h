@@ -17,6 +17,7 @@
 #include <string_view>
 #include <vector>
 
+#include "archive_contents.h"
 #include "beneath.h"
 #include "failure.h"
 
@@ -50,11 +51,14 @@ public:
 
     // Nothing: there is no such file. Throw Failure.
     std::optional<struct stat> status_of(const std::string &name) const;
+    std::optional<ArchiveContents> contents(const std::string &name) const;
     std::optional<std::string> read(const std::string &name) const;
     std::optional<std::string> checksum_of(const std::string &name) const;
 
     // The name lasts once the folder is flushed. Throws NoRoom, or Failure.
     void write(const std::string &name, std::string_view bytes) const;
+    // The same of an archive; what throws while it is read leaves nothing.
+    void write(const std::string &name, const ArchiveContents &contents) const;
 
     // Gives an open file of the same file system this name as well, and flushes it. False where that can't be done.
     bool link(const Descriptor &file, const std::string &name) const;

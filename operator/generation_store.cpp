@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "checksum.h"
 #include "generation_retention.h"
 
 namespace engine {
@@ -84,7 +83,7 @@ public:
     {
         const auto known = find(source.sha256);
         const bool is_kept = known != all_.end() && is_intact(*known);
-        if (!is_kept && !find_saved(saved_, source.sha256) && !is_whole_(source.bytes)) {
+        if (!is_kept && !find_saved(saved_, source.sha256) && !is_whole_(source.contents)) {
             report_.notes.push_back(source.place + " holds a damaged archive: it was not kept.");
             return;
         }
@@ -159,14 +158,14 @@ private:
     {
         folder_.remove(archive_name(source.sha256));  // damaged there
         if (!source.file || !folder_.link(source.file, archive_name(source.sha256))) {
-            folder_.write(archive_name(source.sha256), source.bytes);
+            folder_.write(archive_name(source.sha256), contents_known_as(source.contents, source.sha256, source.place));
         }
     }
 
     void describe(Generation &entry, const GenerationSource &source)
     {
         entry.sha256 = source.sha256;
-        entry.bytes = source.bytes.size();
+        entry.bytes = source.contents.size;
         entry.order = next_order();
         entry.kept = change_;
         if (std::find(entry.places.begin(), entry.places.end(), source.place) == entry.places.end()) {
@@ -227,15 +226,13 @@ private:
 
     void adopt(const std::string &sum)
     {
-        const auto bytes = folder_.read(archive_name(sum));
-        Checksum checksum;
-        checksum.add(bytes ? *bytes : "");
-        if (!bytes || checksum.text() != sum || !is_whole_(*bytes)) {
+        const auto contents = folder_.contents(archive_name(sum));
+        if (!contents || checksum_of(*contents) != sum || !is_whole_(*contents)) {
             return;  // the check tells
         }
         Generation entry;
         entry.sha256 = sum;
-        entry.bytes = bytes->size();
+        entry.bytes = contents->size;
         entry.order = 0;  // perhaps it was being dropped
         entry.kept.time = folder_.status_of(archive_name(sum))->st_ctim.tv_sec;
         take_from(entry, find_saved(saved_, sum));

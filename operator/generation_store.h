@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "archive_contents.h"
 #include "archive_limits.h"
 #include "generation.h"
 #include "generation_entry.h"
@@ -17,10 +18,10 @@
 
 namespace engine {
 
-// An archive that is about to be replaced, read whole.
+// An archive that is about to be replaced.
 struct GenerationSource {
     std::string place;
-    std::string bytes;
+    ArchiveContents contents;
     std::string sha256;
     Descriptor file;  // open: it is replaced by a new file of its name, never written, and may be kept as it is
     int version = 0;  // what the place says; 0: nothing
@@ -60,7 +61,7 @@ struct GenerationsCheck {
 };
 
 // False for what is known to be damaged.
-using IsWhole = std::function<bool(std::string_view bytes)>;
+using IsWhole = std::function<bool(const ArchiveContents &contents)>;
 
 class GenerationStore {
 public:

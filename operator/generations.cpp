@@ -17,8 +17,6 @@
 #include "appliance_state.h"
 #include "archive_evidence.h"
 #include "archive_places.h"
-#include "checksum.h"
-#include "environment_archive.h"
 #include "names.h"
 #include "whole_file.h"
 
@@ -48,13 +46,6 @@ std::string user_name()
 GenerationChange change_now(const std::string &verb, const KeepRule &rule)
 {
     return {time(nullptr), learn_own_number(), user_name(), verb, rule.comment};
-}
-
-std::string sum_of(const std::string &bytes)
-{
-    Checksum checksum;
-    checksum.add(bytes);
-    return checksum.text();
 }
 
 [[noreturn]] void refuse_unreadable(const std::string &place, const std::string &reason)
@@ -93,13 +84,15 @@ int version_of_slot(const std::string &slot)
     }
 }
 
-// Nothing: there is none.
+// Nothing: there is none. It is read once for its checksum, and again if it has to be kept: none is held meanwhile.
 std::optional<GenerationSource> slot_source(const std::string &slot)
 {
     GenerationSource source;
     source.place = place_of_slot(slot);
     try {
-        source.bytes = read_slot(slot);
+        const ArchiveContents contents = read_slot(slot);
+        source.sha256 = checksum_of(contents);
+        source.contents = contents_of_slot(slot, contents.size);
     } catch (const Failure &) {
         const ArchiveEvidence evidence = evidence_of_slot(slot);
         if (evidence.absent()) {
@@ -122,29 +115,19 @@ std::optional<GenerationSource> file_source(const ReplacedPlace &place, KeepRepo
         report.notes.push_back(place.place + " is no plain file: it was not kept.");
         return std::nullopt;
     }
-    GenerationSource source;
-    source.place = place.place;
-    source.bytes.resize(static_cast<std::size_t>(status.st_size));
-    std::size_t used = 0;
-    while (file && used < source.bytes.size()) {
-        const ssize_t count = read(file.get(), source.bytes.data() + used, source.bytes.size() - used);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            refuse_unreadable(place.place, strerror(errno));
-        }
-        if (count == 0) {
-            break;
-        }
-        used += static_cast<std::size_t>(count);
-    }
     if (!file) {
         refuse_unreadable(place.place, strerror(errno));
     }
-    source.bytes.resize(used);
+    GenerationSource source;
+    source.place = place.place;
     if (place.how == Replacing::by_rename) {
-        source.file = std::move(file);
+        source.file = Descriptor(fcntl(file.get(), F_DUPFD_CLOEXEC, 3));
+    }
+    try {
+        source.contents = contents_of_file(std::move(file), place.place);
+        source.sha256 = checksum_of(source.contents);
+    } catch (const UnreadableContents &error) {
+        refuse_unreadable(place.place, error.reason());
     }
     source.version = place.place == flash_backup ? flash_version().value_or(0) : 0;
     return source;
@@ -156,14 +139,9 @@ std::vector<GenerationSource> read_sources(const std::vector<ReplacedPlace> &pla
     for (const ReplacedPlace &place : places) {
         const bool is_a_slot = place.place.rfind(slot_prefix, 0) == 0;
         auto source = is_a_slot ? slot_source(place.place.substr(strlen(slot_prefix))) : file_source(place, report);
-        if (!source) {
-            continue;
+        if (source) {
+            sources.push_back(std::move(*source));
         }
-        const auto same = std::find_if(sources.begin(), sources.end(), [&source](const GenerationSource &one) {
-            return one.bytes == source->bytes;
-        });
-        source->sha256 = same == sources.end() ? sum_of(source->bytes) : same->sha256;
-        sources.push_back(std::move(*source));
     }
     return sources;
 }
@@ -171,8 +149,8 @@ std::vector<GenerationSource> read_sources(const std::vector<ReplacedPlace> &pla
 GenerationStore store(const std::function<void()> &look)
 {
     // What is beyond the limits of archives can't be tested, and may be whole.
-    return GenerationStore(flash_folder, [look](std::string_view bytes) {
-        return evidence_of_bytes(bytes, look).state != CopyState::damaged;
+    return GenerationStore(flash_folder, [look](const ArchiveContents &contents) {
+        return evidence_of(contents, look).state != CopyState::damaged;
     });
 }
 
@@ -250,8 +228,8 @@ void make_room_on_flash(KeepReport &report, std::uint64_t bytes)
 void note_saved(const std::string &path, const std::string &group, int version, const KeepRule &rule)
 {
     if (rule.keeps()) {
-        const std::string bytes = read_whole_file(path);
-        store([] {}).note_saved({sum_of(bytes), bytes.size(), version, group, change_now("save", rule)});
+        const ArchiveContents saved = contents_of_path(path);
+        store([] {}).note_saved({checksum_of(saved), saved.size, version, group, change_now("save", rule)});
     }
 }
 

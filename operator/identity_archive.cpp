@@ -41,9 +41,9 @@ std::string fault_of(const Member &member)
 
 }  // namespace
 
-void check_identity_archive(const std::string &bytes, const std::string &name)
+void check_identity_archive(const ArchiveContents &contents, const std::string &name)
 {
-    for_each_member(Archive{bytes, name, archive_limits()}, [&name](const Member &member, const ReadMember &) {
+    for_each_member(Archive{contents, name, archive_limits()}, [&name](const Member &member, const ReadMember &) {
         const std::string fault = fault_of(member);
         if (!fault.empty()) {
             throw Failure(Exit::no, "not-carried",

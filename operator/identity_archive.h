@@ -4,11 +4,13 @@
 
 #include <string>
 
+#include "archive_contents.h"
+
 namespace engine {
 
 // The parts of the controllers are unpacked and changed by root: only folders and plain files are taken from them, and
 // from the whole archive no devices, no names that lead out of it, and no programs with their owner's rights. The name is
 // what the archive is told of as. Throws Failure.
-void check_identity_archive(const std::string &bytes, const std::string &name);
+void check_identity_archive(const ArchiveContents &contents, const std::string &name);
 
 }  // namespace engine

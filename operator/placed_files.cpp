@@ -6,6 +6,7 @@
 
 #include <exception>
 #include <filesystem>
+#include <map>
 
 #include "failure.h"
 #include "whole_file.h"
@@ -37,8 +38,9 @@ const Member *recorded_folder(const std::string &path, const RestoredFiles &file
 
 void make_one_folder(const Entry &entry, const std::string &path, const Member *recorded)
 {
+    Owners owners;
     const Descriptor folder = make_folder(entry);
-    const bool made = folder && (!recorded || set_owner(folder, owner_of(*recorded), group_of(*recorded))) &&
+    const bool made = folder && (!recorded || set_owner(folder, owners.owner_of(*recorded), owners.group_of(*recorded))) &&
                       set_mode(folder, recorded ? recorded->mode : folder_mode);
     if (!made) {
         fail_file("/" + path, "made");
@@ -82,7 +84,8 @@ void write_piece(int fd, std::uint64_t offset, std::string_view piece, const std
     }
 }
 
-void stage_file(const Entry &staged, const RestoredFile &file, const ReadMember &read, FileChanges &changes)
+void stage_file(const Entry &staged, const RestoredFile &file, const ReadMember &read, FileChanges &changes,
+                Owners &owners)
 {
     const Member &member = file.member;
     const std::string path = file.path();
@@ -93,8 +96,8 @@ void stage_file(const Entry &staged, const RestoredFile &file, const ReadMember 
     read([&](std::uint64_t offset, std::string_view piece) { write_piece(fd.get(), offset, piece, path); });
     struct stat status;
     const bool whole = ftruncate(fd.get(), static_cast<off_t>(member.size)) == 0 &&
-                       set_owner(fd, owner_of(member), group_of(member)) && set_mode(fd, member.mode) &&
-                       set_modified(fd, member.modified) && fsync(fd.get()) == 0 &&
+                       set_owner(fd, owners.owner_of(member), owners.group_of(member)) && set_mode(fd, member.mode) &&
+                       set_modified(fd, member.modified) &&
                        fstat(fd.get(), &status) == 0 && fd.close();
     if (!whole) {
         fail_file(path, "written beside the old one");
@@ -102,10 +105,10 @@ void stage_file(const Entry &staged, const RestoredFile &file, const ReadMember 
     changes.known.insert_or_assign(path, FileNumber(status));
 }
 
-void stage_link(const Entry &staged, const RestoredFile &file)
+void stage_link(const Entry &staged, const RestoredFile &file, Owners &owners)
 {
     const Descriptor link = make_link(staged, file.member.target);
-    if (!link || !set_owner(link, owner_of(file.member), group_of(file.member))) {
+    if (!link || !set_owner(link, owners.owner_of(file.member), owners.group_of(file.member))) {
         fail_file(file.path(), "made beside the old one");
     }
 }
@@ -117,6 +120,37 @@ Entry stage_entry(const RestoredFile &file, const RestoredFiles &files, const Gr
     (void)remove(staged, staged.name);  // of a run that was cut short; making it tells
     return staged;
 }
+
+// The file systems that were written to: each is flushed once, however many files it got.
+class WrittenFileSystems {
+public:
+    // Before anything is written to this folder: what fails from here on is told when it is flushed.
+    void add(const Entry &entry, const std::string &path)
+    {
+        struct stat status {};
+        if (fstat(entry.folder.get(), &status) != 0) {
+            fail_file(path, "reached");
+        }
+        Descriptor &open = folders_[status.st_dev];
+        if (!open) {
+            open = Descriptor(openat(entry.folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        }
+        if (!open) {
+            fail_file(path, "reached");
+        }
+    }
+    void flush() const
+    {
+        for (const auto &[device, folder] : folders_) {
+            if (syncfs(folder.get()) != 0) {
+                fail_file("The file system of the new files", "flushed to the disk");
+            }
+        }
+    }
+
+private:
+    std::map<dev_t, Descriptor> folders_;
+};
 
 // ------------------------------------------------------------------------------------- the placing
 
@@ -158,7 +192,7 @@ void place(const RestoredFile &file, const RestoredFiles &files, const FileChang
 }
 
 // What was compared is what is given its owner and mode.
-void adjust(const RestoredFile &file, const FileChanges &changes, const GroupPlaces &places)
+void adjust(const RestoredFile &file, const FileChanges &changes, const GroupPlaces &places, Owners &owners)
 {
     const Member &member = file.member;
     const Entry entry = places.entry(member.path);
@@ -173,7 +207,7 @@ void adjust(const RestoredFile &file, const FileChanges &changes, const GroupPla
     if (!same) {
         fail_changed(file.path());
     }
-    if (!set_owner(thing, owner_of(member), group_of(member)) ||
+    if (!set_owner(thing, owners.owner_of(member), owners.group_of(member)) ||
         (!is_link && !set_mode(thing, member.mode)) ||
         (member.kind == MemberKind::file && !set_modified(thing, member.modified))) {
         fail_file(file.path(), "given its owner and mode");
@@ -210,17 +244,29 @@ void remove_file(const std::string &path, const GroupPlaces &places)
 void stage_files(const Archive &archive, const RestoredFiles &files, FileChanges &changes,
                  const GroupPlaces &places)
 {
+    Owners owners;
+    WrittenFileSystems written;
+    const auto stage = [&](const RestoredFile &file) {
+        Entry staged = stage_entry(file, files, places);
+        written.add(staged, file.path());
+        return staged;
+    };
+    FilesByContents replaced;
+    for (const RestoredFile &file : files.members) {
+        if (file.member.kind == MemberKind::file && changes.replaced.contains(file.path())) {
+            replaced[file.contents] = &file;
+        }
+    }
     try {
-        for_each_file(archive, files, [&](const RestoredFile &file, const ReadMember &read) {
-            if (changes.replaced.contains(file.path())) {
-                stage_file(stage_entry(file, files, places), file, read, changes);
-            }
+        for_each_file(archive, replaced, [&](const RestoredFile &file, const ReadMember &read) {
+            stage_file(stage(file), file, read, changes, owners);
         });
         for (const RestoredFile &file : files.members) {
             if (file.member.kind == MemberKind::link && changes.replaced.contains(file.path())) {
-                stage_link(stage_entry(file, files, places), file);
+                stage_link(stage(file), file, owners);
             }
         }
+        written.flush();
     } catch (const std::exception &) {
         remove_staged(changes.replaced, places);
         throw;
@@ -229,6 +275,7 @@ void stage_files(const Archive &archive, const RestoredFiles &files, FileChanges
 
 void place_files(const RestoredFiles &files, FileChanges &changes, const GroupPlaces &places)
 {
+    Owners owners;
     // Files first: a second name may stand before the one that it is made of.
     for (const bool second_names : {false, true}) {
         for (const RestoredFile &file : files.members) {
@@ -238,7 +285,7 @@ void place_files(const RestoredFiles &files, FileChanges &changes, const GroupPl
             if (changes.replaced.contains(file.path())) {
                 place(file, files, changes, places);
             } else if (changes.adjusted.contains(file.path())) {
-                adjust(file, changes, places);
+                adjust(file, changes, places, owners);
             }
         }
     }

@@ -4,11 +4,12 @@
 #include <set>
 #include <string>
 
-#include "restored_files.h"
+#include "file_changes.h"
 
 namespace engine {
 
-// Puts what is replaced beside the old ones, whole and flushed. Nothing that is in use has changed
+// Puts what is replaced beside the old ones, whole and flushed: each file system once, before the first of them takes its
+// place. Nothing that is in use has changed
 // then. Throws Failure, and leaves nothing behind.
 void stage_files(const Archive &archive, const RestoredFiles &files, FileChanges &changes,
                  const GroupPlaces &places);

@@ -1,27 +1,18 @@
 #include "restored_files.h"
 
-#include <errno.h>
-#include <fcntl.h>
-#include <string.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
 
 #include "failure.h"
 #include "group_definition.h"
-#include "whole_file.h"
 
 namespace engine {
 namespace {
 
-// ------------------------------------------------------------------------------- what is chosen
-
 class Choice {
 public:
-    Choice(const Archive &archive, const GroupPaths &paths) : archive_(archive), paths_(paths) {}
+    Choice(const Archive &archive, const GroupPaths &paths) : archive_(archive), paths_(paths), places_(paths) {}
 
-    void visit(const Member &member)
+    void visit(const Member &member, const ReadMember &read)
     {
         if (member.path == ".") {
             return;  // the root itself
@@ -47,6 +38,9 @@ public:
         if (!paths_.wants(member.path)) {
             ++files_.foreign;
             return;
+        }
+        if (member.kind == MemberKind::file) {
+            files_.compared.compare(member, read, places_);
         }
         const auto [at, is_new] = chosen_.emplace(member.path, files_.members.size());
         if (is_new) {
@@ -144,170 +138,12 @@ private:
 
     const Archive &archive_;
     const GroupPaths &paths_;
+    const GroupPlaces places_;
     RestoredFiles files_;
     std::map<std::string, std::size_t> chosen_;    // where they stand in the list
     std::map<std::string, MemberKind> kinds_;      // of the group's members, and what leads to them
     std::map<std::string, std::size_t> contents_;  // of the group's members, by number
     std::map<std::size_t, std::uint64_t> sizes_;
-};
-
-// ------------------------------------------------------------------------------- what differs
-
-[[noreturn]] void refuse_place(const std::string &path, const std::string &why)
-{
-    throw Failure(Exit::no, "wrong-kind", path + " " + why + ": nothing was changed.",
-                  "Move it away, then run the command again.");
-}
-
-struct Present {
-    Entry entry;
-    bool exists = false;
-    struct stat status {};
-};
-
-Present look_at(const std::string &path, const GroupPlaces &places)
-{
-    Present present;
-    present.entry = places.entry(path);
-    present.exists = present.entry && stat_of(present.entry, present.status);
-    if (present.entry && !present.exists && errno != ENOENT) {
-        fail_file("/" + path, "looked at");
-    }
-    return present;
-}
-
-bool is_folder(const Present &present) { return present.exists && S_ISDIR(present.status.st_mode); }
-
-bool is_zeros(std::string_view text) { return text.find_first_not_of('\0') == std::string_view::npos; }
-
-// Holds a file against pieces of contents, in their order.
-class Comparison {
-public:
-    explicit Comparison(int fd) : fd_(fd) {}
-
-    void take(std::uint64_t offset, std::string_view piece)
-    {
-        skip_to(offset);
-        while (same_ && !piece.empty()) {
-            const std::string_view own = read(piece.size());
-            same_ = !own.empty() && piece.starts_with(own);
-            piece.remove_prefix(same_ ? own.size() : 0);
-        }
-    }
-    bool ends_at(std::uint64_t size)
-    {
-        skip_to(size);
-        return same_ && read(1).empty();
-    }
-
-private:
-    void skip_to(std::uint64_t offset)
-    {
-        while (same_ && at_ < offset) {
-            const std::string_view own = read(offset - at_);
-            same_ = !own.empty() && is_zeros(own);
-        }
-    }
-    std::string_view read(std::uint64_t most)
-    {
-        const std::size_t size = std::min<std::uint64_t>(most, piece_.size());
-        ssize_t got;
-        while ((got = pread(fd_, piece_.data(), size, static_cast<off_t>(at_))) < 0 && errno == EINTR) {
-        }
-        at_ += got > 0 ? static_cast<std::uint64_t>(got) : 0;
-        return {piece_.data(), got > 0 ? static_cast<std::size_t>(got) : 0};
-    }
-
-    int fd_;
-    bool same_ = true;
-    std::uint64_t at_ = 0;
-    std::array<char, 1 << 16> piece_{};
-};
-
-class Changes {
-public:
-    Changes(FileChanges &changes, const GroupPlaces &places) : changes_(changes), places_(places) {}
-
-    void compare_file(const RestoredFile &file, const ReadMember &read)
-    {
-        const Present present = require_place(file);
-        if (!present.exists || !S_ISREG(present.status.st_mode) ||
-            static_cast<std::uint64_t>(present.status.st_size) != file.member.size) {
-            changes_.replaced.insert(file.path());
-            return;
-        }
-        struct stat status;
-        const Descriptor fd = open_plain(present.entry, status);
-        if (!fd) {
-            fail_file(file.path(), "opened");
-        }
-        Comparison comparison(fd.get());
-        read([&comparison](std::uint64_t offset, std::string_view piece) { comparison.take(offset, piece); });
-        if (!comparison.ends_at(file.member.size)) {
-            changes_.replaced.insert(file.path());
-            return;
-        }
-        changes_.known.insert_or_assign(file.path(), FileNumber(status));
-        // Through another name somebody else's file would be given away: it gets a file of its own.
-        const bool same = same_properties(file.member, status);
-        if (!same && status.st_nlink != 1) {
-            changes_.replaced.insert(file.path());
-        } else if (!same) {
-            changes_.adjusted.insert(file.path());
-        }
-    }
-
-    void compare_other(const RestoredFile &file)
-    {
-        const Present present = require_place(file);
-        const Member &member = file.member;
-        const std::string path = file.path();
-        if (!present.exists || !is_same(file, present)) {
-            changes_.replaced.insert(path);
-            return;
-        }
-        changes_.known.insert_or_assign(path, FileNumber(present.status));
-        if (member.kind != MemberKind::hard_link && !same_properties(member, present.status)) {
-            changes_.adjusted.insert(path);
-        }
-    }
-
-private:
-    Present require_place(const RestoredFile &file) const
-    {
-        Present present = look_at(file.member.path, places_);
-        if (present.exists && is_folder(present) != (file.member.kind == MemberKind::folder)) {
-            refuse_place(file.path(), is_folder(present) ? "is a folder here, and no folder in the archive"
-                                                         : "is no folder here, and a folder in the archive");
-        }
-        return present;
-    }
-
-    bool is_same(const RestoredFile &file, const Present &present) const
-    {
-        if (file.member.kind == MemberKind::folder) {
-            return true;
-        }
-        if (file.member.kind == MemberKind::link) {
-            return S_ISLNK(present.status.st_mode) && link_text(present.entry) == file.member.target;
-        }
-        // A second name of a file that is replaced would keep the old one.
-        const std::string first = "/" + file.member.target;
-        const auto known = changes_.known.find(first);
-        return !changes_.replaced.contains(first) && known != changes_.known.end() &&
-               known->second == FileNumber(present.status);
-    }
-
-    static bool same_properties(const Member &member, const struct stat &status)
-    {
-        constexpr mode_t permissions = 07777;
-        return status.st_uid == owner_of(member) && status.st_gid == group_of(member) &&
-               (member.kind == MemberKind::link ||
-                (status.st_mode & permissions) == (member.mode & permissions));
-    }
-
-    FileChanges &changes_;
-    const GroupPlaces &places_;
 };
 
 }  // namespace
@@ -316,7 +152,7 @@ RestoredFiles choose_files(const Archive &archive, const KESTA_BACKUP_FILE &defi
                            const GroupPaths &paths)
 {
     Choice choice(archive, paths);
-    for_each_member(archive, [&choice](const Member &member, const ReadMember &) { choice.visit(member); });
+    for_each_member(archive, [&choice](const Member &member, const ReadMember &read) { choice.visit(member, read); });
     RestoredFiles files = choice.finish();
     for (const std::string &wanted : paths.wanted()) {
         const bool there =
@@ -335,45 +171,21 @@ RestoredFiles choose_files(const Archive &archive, const KESTA_BACKUP_FILE &defi
     return files;
 }
 
-void for_each_file(const Archive &archive, const RestoredFiles &files,
+void for_each_file(const Archive &archive, const FilesByContents &wanted,
                    const std::function<void(const RestoredFile &, const ReadMember &)> &visit)
 {
-    std::map<std::size_t, const RestoredFile *> wanted;
-    for (const RestoredFile &file : files.members) {
-        if (file.member.kind == MemberKind::file) {
-            wanted[file.contents] = &file;
-        }
+    std::size_t left = wanted.size();
+    if (left == 0) {
+        return;
     }
-    for_each_member(archive, [&](const Member &member, const ReadMember &read) {
+    for_members_until(archive, [&](const Member &member, const ReadMember &read) {
         const auto found = wanted.find(member.number);
-        if (found != wanted.end()) {
-            visit(*found->second, read);
+        if (found == wanted.end()) {
+            return true;
         }
+        visit(*found->second, read);
+        return --left > 0;
     });
-}
-
-FileChanges compare_files(const Archive &archive, const RestoredFiles &files, const GroupPlaces &places)
-{
-    FileChanges changes;
-    Changes compared(changes, places);
-    for_each_file(archive, files, [&compared](const RestoredFile &file, const ReadMember &read) {
-        compared.compare_file(file, read);
-    });
-    for (const RestoredFile &file : files.members) {
-        if (file.member.kind != MemberKind::file) {
-            compared.compare_other(file);
-        }
-    }
-    for (const std::string &path : files.removed) {
-        const Present present = look_at(path.substr(1), places);
-        if (is_folder(present)) {
-            refuse_place(path, "is a folder here, and was gone when the environment was saved");
-        }
-        if (present.exists) {
-            changes.removed.insert(path);
-        }
-    }
-    return changes;
 }
 
 }  // namespace engine

@@ -33,16 +33,39 @@ MemberKind kind_of(mode_t mode)
                            : MemberKind::special;
 }
 
-Member member_from(const std::string &path, const struct stat &status)
+// The names of owners and groups, each number asked for once.
+class Names {
+public:
+    const std::string &of_owner(uid_t uid)
+    {
+        const auto [at, is_new] = owners_.try_emplace(uid);
+        if (const passwd *owner = is_new ? getpwuid(uid) : nullptr) {
+            at->second = owner->pw_name;
+        }
+        return at->second;
+    }
+    const std::string &of_group(gid_t gid)
+    {
+        const auto [at, is_new] = groups_.try_emplace(gid);
+        if (const ::group *group = is_new ? getgrgid(gid) : nullptr) {
+            at->second = group->gr_name;
+        }
+        return at->second;
+    }
+
+private:
+    std::map<uid_t, std::string> owners_;
+    std::map<gid_t, std::string> groups_;
+};
+
+Member member_from(const std::string &path, const struct stat &status, Names &names)
 {
-    const passwd *owner = getpwuid(status.st_uid);
-    const ::group *group = getgrgid(status.st_gid);
     Member member;
     member.path = path;
     member.kind = kind_of(status.st_mode);
     member.mode = status.st_mode & permissions;
-    member.owner = owner ? owner->pw_name : "";
-    member.group = group ? group->gr_name : "";
+    member.owner = names.of_owner(status.st_uid);
+    member.group = names.of_group(status.st_gid);
     member.uid = status.st_uid;
     member.gid = status.st_gid;
     member.modified = status.st_mtim;
@@ -126,7 +149,7 @@ private:
             if (!folder || fstat(folder.get(), &status) != 0) {
                 fail_file("/" + way.string(), "looked at");
             }
-            visit_(member_from(way.string(), status), folder);
+            visit_(member_from(way.string(), status, names_), folder);
         }
     }
 
@@ -144,10 +167,10 @@ private:
             if (!opened) {
                 fail_file("/" + path, "opened");
             }
-            visit_opened(opened, member_from(path, status), status);
+            visit_opened(opened, member_from(path, status, names_), status);
             return;
         }
-        Member member = member_from(path, status);
+        Member member = member_from(path, status, names_);
         member.target = link_text(entry).value_or("");
         require_restorable(member);
         visit_(member, Descriptor());
@@ -192,6 +215,7 @@ private:
     const KESTA_BACKUP_FILE &definition_;
     const GroupPaths &paths_;
     GroupPlaces places_;
+    Names names_;
     const VisitSaved &visit_;
     std::set<std::string> visited_;
     std::map<std::pair<dev_t, ino_t>, std::string> first_names_;

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <utility>
 
 #include "beneath.h"
 #include "failure.h"
@@ -47,18 +48,6 @@ void require_plain(const std::string &path)
     if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         refuse_kind(path, status.st_mode);
     }
-}
-
-// Opens a plain file for reading; neither a link nor a FIFO is followed or waited for.
-Descriptor open_plain_path(const std::string &path)
-{
-    require_plain(path);
-    Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {};
-    if (file && fstat(file.get(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        refuse_kind(path, status.st_mode);
-    }
-    return file;
 }
 
 // Makes a file that nobody else has: what an earlier command left there, or somebody planted, goes first.
@@ -131,6 +120,18 @@ void flush(const std::string &path, int flags)
                       : "Check the folder and its space, then run the command again.");
 }
 
+// Neither a link nor a FIFO is followed or waited for.
+Descriptor open_plain_file(const std::string &path)
+{
+    require_plain(path);
+    Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (file && fstat(file.get(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        refuse_kind(path, status.st_mode);
+    }
+    return file;
+}
+
 void flush_file(const std::string &path) { flush(path, 0); }
 
 void flush_folder(const std::string &path)
@@ -153,7 +154,7 @@ void publish_file(const std::string &finished, const std::string &path)
 
 void copy_file_whole(const std::string &from, const std::string &to)
 {
-    const Descriptor source(open_plain_path(from));
+    const Descriptor source(open_plain_file(from));
     if (!source) {
         fail_file(from, "copied to " + to);
     }
@@ -167,7 +168,7 @@ void copy_file_whole(const std::string &from, const std::string &to)
 
 std::string read_whole_file(const std::string &path)
 {
-    const Descriptor file(open_plain_path(path));
+    const Descriptor file(open_plain_file(path));
     struct stat status {};
     if (!file || fstat(file.get(), &status) != 0) {
         fail_file(path, "read");
@@ -194,12 +195,30 @@ std::string read_whole_file(const std::string &path)
     return bytes;
 }
 
-void write_file_whole(const std::string &path, const std::string &text)
+void write_file_whole(const std::string &path, std::string_view text)
+{
+    write_file_whole(path, [&text] { return std::exchange(text, {}); });
+}
+
+void write_file_whole(const std::string &path, const std::function<std::string_view()> &next)
 {
     const std::string aside = beside(path);
     const Descriptor file(create_aside(aside));
-    if (!file || !write_piece(file.get(), text.data(), text.size()) || fsync(file.get()) != 0) {
+    if (!file) {
         fail_aside(aside, path, "written");
+    }
+    try {
+        for (std::string_view piece = next(); !piece.empty(); piece = next()) {
+            if (!write_piece(file.get(), piece.data(), piece.size())) {
+                fail_file(path, "written");
+            }
+        }
+        if (fsync(file.get()) != 0) {
+            fail_file(path, "written");
+        }
+    } catch (const std::exception &) {
+        remove_quietly(aside);
+        throw;
     }
     publish_file(aside, path);
 }

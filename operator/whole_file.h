@@ -3,12 +3,19 @@
 // somebody else may have put it there.
 #pragma once
 
+#include <functional>
 #include <string>
+#include <string_view>
+
+#include "beneath.h"
 
 namespace engine {
 
 // What a failed call did not do to a file, by errno. Throws Failure.
 [[noreturn]] void fail_file(const std::string &path, const std::string &what);
+
+// Opens a plain file for reading; without a descriptor it says why in errno. Throws Failure: it is no plain file.
+Descriptor open_plain_file(const std::string &path);
 
 std::string read_whole_file(const std::string &path);
 
@@ -22,7 +29,9 @@ void publish_file(const std::string &finished, const std::string &path);
 // Put a copy of a file, or a text, in the place of a file: it is written aside, as PATH.new, flushed, and
 // published. For the appliance's own folders. Throw Failure.
 void copy_file_whole(const std::string &from, const std::string &to);
-void write_file_whole(const std::string &path, const std::string &text);
+void write_file_whole(const std::string &path, std::string_view text);
+// The same of pieces, of which an empty one is the last; what throws while they are asked for leaves the file as it was.
+void write_file_whole(const std::string &path, const std::function<std::string_view()> &next);
 
 // A file that an operator named, anywhere: written under a name that nobody could foresee, by its descriptor, and
 // put in its place when it is whole. Nothing is left if it isn't. The functions throw Failure.

@@ -1,5 +1,6 @@
 #include <string.h>
 
+#include "block_map.h"
 #include "controller_state.h"
 #include "inner_lock_section.h"
 #include "kesta/area_files.h"
@@ -16,11 +17,11 @@ using kesta::is_slot_name;
 struct NameAccess {
     int rw_flag;
     int block_id;
-    const char *mirror;  // as the traces call it
     char *name;
     unsigned int length = 0;
 
     bool is_read() const { return rw_flag == KESTA_BLOCK_READ; }
+    const char *mirror() const { return kesta::mirror_name(block_id); }  // as the traces call it
 };
 
 // Sets the length of the transfer. A name that is read may fill its field; a name that is written
@@ -38,7 +39,7 @@ int prepare(NameAccess &access)
         }
         access.length = static_cast<unsigned int>(length + 1);
     }
-    TRACE(5, "[area_file_rw] kestal_non_volatile_rw(%s) len=%d", access.mirror,
+    TRACE(5, "[area_file_rw] kestal_non_volatile_rw(%s) len=%d", access.mirror(),
           static_cast<int>(access.length));
     return KESTA_OK;
 }
@@ -47,7 +48,7 @@ int access_both_places(const NameAccess &access)
 {
     if (kestal_non_volatile_rw_func(access.block_id, access.rw_flag, access.name, access.length,
                                     nullptr) != KESTA_OK) {
-        TRACE(1, "[area_file_rw] FileAccess ERROR (%s) rw_flag=%d", access.mirror, access.rw_flag);
+        TRACE(1, "[area_file_rw] FileAccess ERROR (%s) rw_flag=%d", access.mirror(), access.rw_flag);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -58,12 +59,12 @@ bool memory_has_slot_name(const NameAccess &access)
 {
     if (kestal_non_volatile_rw_memory(access.block_id, access.rw_flag, access.name,
                                       access.length) != KESTA_OK) {
-        TRACE(1, "[area_file_rw] non volatile access ERROR (%s) rw_flag=%d", access.mirror,
+        TRACE(1, "[area_file_rw] non volatile access ERROR (%s) rw_flag=%d", access.mirror(),
               access.rw_flag);
         return false;
     }
     if (!is_slot_name(access.name)) {
-        FAILURE(CONTENT, 0, 1, "[area_file_rw] non volatile data ERROR (%s) a_file=%s", access.mirror,
+        FAILURE(CONTENT, 0, 1, "[area_file_rw] non volatile data ERROR (%s) a_file=%s", access.mirror(),
               AreaName(access.name).c_str());
         return false;
     }
@@ -72,7 +73,7 @@ bool memory_has_slot_name(const NameAccess &access)
 
 int access_accept_name(int rw_flag, char *name)
 {
-    NameAccess access{rw_flag, KESTA_BLOCK_ACCEPT_NAME, "kesta_sysacpt", name};
+    NameAccess access{rw_flag, KESTA_BLOCK_ACCEPT_NAME, name};
     if (const int refused = prepare(access); refused != KESTA_OK) {
         return refused;
     }
@@ -84,7 +85,7 @@ int access_accept_name(int rw_flag, char *name)
 
 int access_backup_name(int rw_flag, char *name)
 {
-    NameAccess access{rw_flag, KESTA_BLOCK_BACKUP_NAME, "kesta_sysback", name};
+    NameAccess access{rw_flag, KESTA_BLOCK_BACKUP_NAME, name};
     if (const int refused = prepare(access); refused != KESTA_OK) {
         return refused;
     }

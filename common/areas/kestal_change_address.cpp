@@ -1,3 +1,4 @@
+#include "block_map.h"
 #include "controller_state.h"
 #include "inner_lock_section.h"
 #include "kesta/area_files.h"
@@ -10,19 +11,20 @@ using kesta::AreaName;
 
 struct NameSwitch {
     int block_id;
-    const char *mirror;  // as the traces call it
     const char *name;
+
+    const char *mirror() const { return kesta::mirror_name(block_id); }  // as the traces call it
 };
 
 int write_name(const NameSwitch &target)
 {
     AreaName value(target.name);
-    TRACE(4, "[change_address] ...%s Write value=(%s)", target.mirror, value.c_str());
+    TRACE(4, "[change_address] ...%s Write value=(%s)", target.mirror(), value.c_str());
     AreaName field;
     field.copy_in(target.name);  // all 32 bytes, what follows the terminator included
     if (kestal_non_volatile_rw_func(target.block_id, KESTA_BLOCK_WRITE, field.data(),
                                     AreaName::width, nullptr) != KESTA_OK) {
-        TRACE(1, "[change_address] %s Write ERROR (ID=%d,value=%s).", target.mirror,
+        TRACE(1, "[change_address] %s Write ERROR (ID=%d,value=%s).", target.mirror(),
               target.block_id, value.c_str());
         return KESTA_ERR;
     }
@@ -35,8 +37,8 @@ int kestal_change_address(char *accept_name, char *backup_name, int flag)
 {
     TRACE(5, "[change_address] START");
     const NameSwitch target = flag == KESTA_OFF
-                                  ? NameSwitch{KESTA_BLOCK_ACCEPT_NAME, "kesta_sysacpt", accept_name}
-                                  : NameSwitch{KESTA_BLOCK_BACKUP_NAME, "kesta_sysback", backup_name};
+                                  ? NameSwitch{KESTA_BLOCK_ACCEPT_NAME, accept_name}
+                                  : NameSwitch{KESTA_BLOCK_BACKUP_NAME, backup_name};
     const bool writes = flag == KESTA_OFF || flag == KESTA_ON;
     if (writes && !target.name) {
         FAILURE(ARGUMENT, 0, 1, "[change_address] Argument Error.");

@@ -1,12 +1,8 @@
-// Where each block lives: its offset in the NV image, and its file in the system backup area.
+// Where each block lives: its offset in the NV image, and its file in the system backup area. Both are views of the
+// table of NV items, in the orders in which other tools list them.
 #pragma once
 
-#include <stddef.h>
-
-#include <array>
-#include <cstdint>
-
-#include "kesta/nv_image.h"
+#include "nv_items.h"
 
 namespace kesta {
 
@@ -20,65 +16,41 @@ struct SysbackRow {
     const char *sysbakname;
 };
 
-inline constexpr int nv_offset(std::size_t field) { return static_cast<int>(field); }
+constexpr bool is_in_memory(const NvItemRow &row) { return row.item.offset >= 0; }
+constexpr BlockRow offset_of(const NvItemRow &row) { return {row.item.block_id, row.item.offset}; }
 
-#define KESTA_FIELD(member) nv_offset(offsetof(KESTA_VOLATILE, member))
+// From the end of the image to its beginning, and then the identity.
+constexpr bool stands_before(const BlockRow &one, const BlockRow &other)
+{
+    const bool one_is_identity = one.block_id >= KESTA_BLOCK_WWN;
+    const bool other_is_identity = other.block_id >= KESTA_BLOCK_WWN;
+    if (one_is_identity != other_is_identity) {
+        return other_is_identity;
+    }
+    return one_is_identity ? one.offset < other.offset : one.offset > other.offset;
+}
 
-// Block 55 has no row on purpose: the reboot version lives in the system backup area only.
-inline constexpr std::array<BlockRow, 35> block_id2offset{{
-    {104, KESTA_FIELD(innerlock[3])},
-    {103, KESTA_FIELD(innerlock[2])},
-    {102, KESTA_FIELD(innerlock[1])},
-    {101, KESTA_FIELD(innerlock[0])},
-    {74, KESTA_FIELD(cnttbl.versioninfo.cnt[3].status)},
-    {64, KESTA_FIELD(cnttbl.versioninfo.cnt[3].version)},
-    {73, KESTA_FIELD(cnttbl.versioninfo.cnt[2].status)},
-    {63, KESTA_FIELD(cnttbl.versioninfo.cnt[2].version)},
-    {72, KESTA_FIELD(cnttbl.versioninfo.cnt[1].status)},
-    {62, KESTA_FIELD(cnttbl.versioninfo.cnt[1].version)},
-    {71, KESTA_FIELD(cnttbl.versioninfo.cnt[0].status)},
-    {61, KESTA_FIELD(cnttbl.versioninfo.cnt[0].version)},
-    {54, KESTA_FIELD(cnttbl.versioninfo.old_backup)},
-    {53, KESTA_FIELD(cnttbl.versioninfo.work_backup)},
-    {52, KESTA_FIELD(cnttbl.versioninfo.last_backup)},
-    {51, KESTA_FIELD(cnttbl.versioninfo.id)},
-    {44, KESTA_FIELD(cnttbl.lockinfo.command[3])},
-    {43, KESTA_FIELD(cnttbl.lockinfo.command[2])},
-    {42, KESTA_FIELD(cnttbl.lockinfo.command[1])},
-    {41, KESTA_FIELD(cnttbl.lockinfo.command[0])},
-    {33, KESTA_FIELD(cnttbl.sysbakinfo.old_backup_filename)},
-    {32, KESTA_FIELD(cnttbl.sysbakinfo.accept_filename)},
-    {31, KESTA_FIELD(cnttbl.sysbakinfo.last_backup_filename)},
-    {21, KESTA_FIELD(cnttbl.groupinfo)},
-    {14, KESTA_FIELD(cnttbl.restoreinfo.result[3])},
-    {13, KESTA_FIELD(cnttbl.restoreinfo.result[2])},
-    {12, KESTA_FIELD(cnttbl.restoreinfo.result[1])},
-    {11, KESTA_FIELD(cnttbl.restoreinfo.result[0])},
-    {4, KESTA_FIELD(cnttbl.restoreinfo.request[3])},
-    {3, KESTA_FIELD(cnttbl.restoreinfo.request[2])},
-    {2, KESTA_FIELD(cnttbl.restoreinfo.request[1])},
-    {1, KESTA_FIELD(cnttbl.restoreinfo.request[0])},
-    {201, KESTA_FIELD(wwn)},
-    {202, KESTA_FIELD(serialno)},
-    {203, KESTA_FIELD(guid)},
-}};
+// The reboot version has no row on purpose: it lives in the system backup area only.
+inline constexpr auto block_id2offset = sorted(view_of_items<is_in_memory, offset_of>(), stands_before);
 
-#undef KESTA_FIELD
+struct MirrorRow {
+    int rank;
+    SysbackRow name;
+};
 
-inline constexpr std::array<SysbackRow, 12> block_id2sysbak_name{{
-    {51, "kesta_verid"},
-    {52, "kesta_verback"},
-    {61, "kesta_ver0"},
-    {62, "kesta_ver1"},
-    {63, "kesta_ver2"},
-    {64, "kesta_ver3"},
-    {31, "kesta_sysback"},
-    {32, "kesta_sysacpt"},
-    {201, "kesta_wwn"},
-    {55, "kesta_reboot"},
-    {202, "kesta_serialno"},
-    {203, "kesta_guid"},
-}};
+constexpr bool is_mirrored(const NvItemRow &row) { return row.item.mirror != nullptr; }
+constexpr MirrorRow mirror_of(const NvItemRow &row) { return {row.mirror_rank, {row.item.block_id, row.item.mirror}}; }
+
+constexpr auto mirror_names()
+{
+    const auto rows = sorted(view_of_items<is_mirrored, mirror_of>(),
+                             [](const MirrorRow &one, const MirrorRow &other) { return one.rank < other.rank; });
+    std::array<SysbackRow, rows.size()> names{};
+    std::transform(rows.begin(), rows.end(), names.begin(), [](const MirrorRow &row) { return row.name; });
+    return names;
+}
+
+inline constexpr auto block_id2sysbak_name = mirror_names();
 
 template <typename Table>
 constexpr auto find_block(const Table &table, int block_id) -> const typename Table::value_type *
@@ -91,30 +63,9 @@ constexpr auto find_block(const Table &table, int block_id) -> const typename Ta
     return nullptr;
 }
 
-template <typename Table>
-constexpr bool unique_ids(const Table &table)
-{
-    for (const auto &row : table) {
-        if (find_block(table, row.block_id) != &row) {
-            return false;
-        }
-    }
-    return true;
-}
+// Of an item that is mirrored.
+constexpr const char *mirror_name(int block_id) { return find_block(block_id2sysbak_name, block_id)->sysbakname; }
 
-constexpr bool all_inside_image()
-{
-    for (const auto &row : block_id2offset) {
-        if (row.offset < nv_offset(offsetof(KESTA_VOLATILE, cnttbl)) ||
-            row.offset >= nv_offset(sizeof(KESTA_VOLATILE))) {
-            return false;
-        }
-    }
-    return true;
-}
-
-static_assert(unique_ids(block_id2offset) && all_inside_image());
-static_assert(unique_ids(block_id2sysbak_name));
 static_assert(find_block(block_id2offset, KESTA_BLOCK_REBOOT_VERSION) == nullptr);
 
 }  // namespace kesta

@@ -3,6 +3,7 @@
 #include <array>
 
 #include "access_mode.h"
+#include "block_map.h"
 #include "controller_state.h"
 #include "kesta/block_access.h"
 #include "kesta/controller.h"
@@ -16,7 +17,7 @@ int s_rwmode = KESTA_RWMODE_BOTH;
 
 namespace {
 
-constexpr const char *probe_file = "kesta_sysback";
+constexpr const char *probe_file = kesta::mirror_name(KESTA_BLOCK_BACKUP_NAME);
 constexpr int reset_requested = 1;
 
 // Normal and InitConf differ in their texts, and in what an empty probe file means after a reset:

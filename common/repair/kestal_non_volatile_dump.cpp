@@ -1,5 +1,6 @@
 #include <errno.h>
 #include <stdarg.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
@@ -25,11 +26,17 @@ struct DumpRegion {
     int offset;
     int size;
 };
-constexpr std::array<DumpRegion, 5> dump_regions{{{"HEADER", 8, 8},
-                                                  {"KESTA_SYNC", 16, 8},
-                                                  {"CNT_COMMON_TBL", 24, 320},
-                                                  {"FILLER", 404, 196},
-                                                  {"INNERLOCK", 600, 64}}};
+constexpr DumpRegion region(const char *name, std::size_t begin, std::size_t end)
+{
+    return {name, static_cast<int>(begin), static_cast<int>(end - begin)};
+}
+constexpr std::array<DumpRegion, 5> dump_regions{{
+    region("HEADER", offsetof(KESTA_VOLATILE, magic), offsetof(KESTA_VOLATILE, sync_flag)),
+    region("KESTA_SYNC", offsetof(KESTA_VOLATILE, sync_flag), offsetof(KESTA_VOLATILE, cnttbl)),
+    region("CNT_COMMON_TBL", offsetof(KESTA_VOLATILE, cnttbl), offsetof(KESTA_VOLATILE, wwn)),
+    region("FILLER", offsetof(KESTA_VOLATILE, filler), offsetof(KESTA_VOLATILE, innerlock)),
+    region("INNERLOCK", offsetof(KESTA_VOLATILE, innerlock), sizeof(KESTA_VOLATILE)),
+}};
 
 constexpr int page_size = 256;
 constexpr std::size_t bytes_a_line = 16;

@@ -5,10 +5,12 @@
 
 #include <array>
 #include <cstdint>
+#include <numeric>
 
 #include "kesta/block_access.h"
 #include "kesta/nv_image.h"
 #include "kesta/system_backup_area.h"
+#include "nv_items.h"
 #include "ownership.h"
 #include "repair_state.h"
 #include "slot_names.h"
@@ -21,21 +23,19 @@ struct RepairItem {
     int volid;
     size_t len;
     const char *log;
+    int rank;
 };
-constexpr std::array<RepairItem, 12> repair_allitem{{
-    {31, 32, "BackupFile"},
-    {32, 32, "AcceptFile"},
-    {51, 4, "Version id"},
-    {52, 4, "Backup Version"},
-    {61, 4, "Version #0"},
-    {62, 4, "Version #1"},
-    {63, 4, "Version #2"},
-    {64, 4, "Version #3"},
-    {55, 4, "Reboot Version"},
-    {201, 16, "WWN"},
-    {202, 16, "SERIALNO"},
-    {203, 20, "GUID"},
-}};
+
+constexpr bool is_repaired(const kesta::NvItemRow &row) { return row.item.mirror != nullptr; }
+constexpr RepairItem repair_of(const kesta::NvItemRow &row)
+{
+    return {row.item.block_id, row.item.mirror_size, row.repair_label, row.repair_rank};
+}
+
+// In the sequence in which they are copied.
+constexpr auto repair_allitem =
+    kesta::sorted(kesta::view_of_items<is_repaired, repair_of>(),
+                  [](const RepairItem &one, const RepairItem &other) { return one.rank < other.rank; });
 constexpr int items = static_cast<int>(repair_allitem.size());
 
 constexpr int max_passes = 1200;
@@ -123,7 +123,13 @@ int copy_in_sequence(int direction)
 }
 
 // What the workers get: it outlives a worker that was given up.
-std::array<int, items> indices{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
+constexpr auto all_indices()
+{
+    std::array<int, items> all{};
+    std::iota(all.begin(), all.end(), 0);
+    return all;
+}
+auto indices = all_indices();
 
 // The twelve copies at once.
 class Workers {

@@ -1,4 +1,3 @@
-#include <array>
 #include <cstdint>
 
 #include "controllers.h"
@@ -6,6 +5,7 @@
 #include "kesta/block_access.h"
 #include "kesta/nv_image.h"
 #include "kesta/versions.h"
+#include "nv_items.h"
 #include "trace.h"
 
 namespace {
@@ -13,30 +13,15 @@ namespace {
 using kesta::InnerLockSection;
 using kesta::is_controller;
 
-// Where the numbers of an area live: one block, or one for each controller.
-struct VersionArea {
-    int verarea;
-    int block_id;  // 0: it depends on the controller
-    int id_type;
-};
-
-constexpr std::array<VersionArea, 6> version_areas{{
-    {KESTA_VER_AREA_NUMBERING, KESTA_BLOCK_NUMBERING_VERSION, 0},
-    {KESTA_VER_AREA_ACCEPT, KESTA_BLOCK_ACCEPT_VERSION, 0},
-    {KESTA_VER_AREA_CURRENT, 0, KESTA_IDTYPE_VERSION},
-    {KESTA_VER_AREA_BACKUP, KESTA_BLOCK_BACKUP_VERSION, 0},
-    {KESTA_VER_AREA_STATUS, 0, KESTA_IDTYPE_STATUS},
-    {KESTA_VER_AREA_REBOOT, KESTA_BLOCK_REBOOT_VERSION, 0},
-}};
-
 constexpr int not_available = -1;
 constexpr int to_be_read = 0;  // compare: a number below this one is read
 
-const VersionArea *find_area(int verarea)
+// The item of an area: the one of all controllers, or the first controller's. Null: there is no such area.
+const KESTA_NV_ITEM *find_area(int verarea)
 {
-    for (const VersionArea &area : version_areas) {
-        if (area.verarea == verarea) {
-            return &area;
+    for (const kesta::NvItemRow &row : kesta::nv_item_rows) {
+        if (verarea != 0 && row.item.version_area == verarea) {
+            return &row.item;
         }
     }
     return nullptr;
@@ -56,7 +41,7 @@ int check_arguments(const char *tag, int verarea, int cntno)
     return KESTA_OK;
 }
 
-int resolve_block(const VersionArea &area, int cntno, int &block_id)
+int resolve_block(const KESTA_NV_ITEM &area, int cntno, int &block_id)
 {
     block_id = area.block_id;
     return area.id_type == 0 ? KESTA_OK : kestal_get_block_id(area.id_type, cntno, &block_id);

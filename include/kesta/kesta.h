@@ -18,6 +18,7 @@
 #include "kesta/local_lock.h"
 #include "kesta/nv_dump.h"
 #include "kesta/nv_image.h"
+#include "kesta/nv_items.h"
 #include "kesta/nv_repair.h"
 #include "kesta/nv_sync.h"
 #include "kesta/process.h"

@@ -135,7 +135,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     }
     const Wanted &wanted = all_wanted[data[0] % std::size(all_wanted)];
-    const Archive archive{packed(data + 1, size - 1), "Slot kesta_backup0", limits, [] {}};
+    const Archive archive{contents_of_bytes(packed(data + 1, size - 1)), "Slot kesta_backup0", limits, [] {}};
     const fuzz::Visit visit;
     fuzz::lay_out_group();
     const fuzz::Picture outside = fuzz::picture_outside();

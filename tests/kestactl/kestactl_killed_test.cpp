@@ -15,7 +15,7 @@ const std::vector<std::string> platform_calls{"nv_read", "nv_write", "nv_write_m
                                               "sb_close"};
 // The system calls that change a file.
 const std::vector<std::string> changing_calls{"write",  "pwrite64", "sendfile", "copy_file_range", "ftruncate",
-                                              "fsync",  "rename",   "unlink",   "mkdir",           "symlink",
+                                              "fsync",  "syncfs",   "rename",   "unlink",   "mkdir",           "symlink",
                                               "link",   "chmod",    "fchmod",   "fchownat",        "utimensat",
                                               "linkat", "renameat", "unlinkat", "mkdirat",         "symlinkat"};
 

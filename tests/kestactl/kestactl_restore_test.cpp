@@ -1,6 +1,9 @@
 // Putting a group's files back by its definition, on a lab.
 #include <pwd.h>
 
+#include <set>
+#include <sstream>
+
 #include "saved_group.h"
 
 using namespace test;
@@ -363,4 +366,93 @@ TEST_F(KestactlRestore, TwoWaysAreNotMixed)
     EXPECT_EQ(ctl(0, "restore network --only /etc/app/one --script update").code, 2);
     EXPECT_EQ(ctl(0, "restore network --on-reboot --switch-only").code, 2);
     EXPECT_EQ(ctl(0, "restore network --from kesta_backup7").code, 2);
+}
+
+// ------------------------------------------------------------------------------------------------- the power fails
+
+namespace {
+
+// One call that changes the disk, as strace shows it: "renameat(5</etc/app>, ".one", 5</etc/app>, "one") = 0".
+struct DiskCall {
+    std::string name;
+    std::vector<std::string> paths;  // of descriptors, in their order
+    std::vector<std::string> texts;  // between quotes
+
+    std::string from() const { return paths.at(0) + "/" + texts.at(0); }
+    std::string to() const { return paths.at(1) + "/" + texts.at(1); }
+    bool is_flush() const { return name == "fsync" || name == "syncfs"; }
+    bool is_placing() const { return name == "renameat" || name == "renameat2"; }
+};
+
+std::vector<DiskCall> disk_calls(const std::string &shown)
+{
+    std::vector<DiskCall> calls;
+    std::istringstream lines(shown);
+    for (std::string line; std::getline(lines, line);) {
+        DiskCall call;
+        call.name = line.substr(0, line.find('('));
+        for (std::size_t at = line.find('('); at < line.size(); ++at) {
+            const char end = line[at] == '<' ? '>' : line[at] == '"' ? '"' : '\0';
+            if (end != '\0') {
+                const std::size_t begin = at + 1;
+                at = line.find(end, begin);
+                (end == '>' ? call.paths : call.texts).push_back(line.substr(begin, at - begin));
+            }
+        }
+        calls.push_back(call);
+    }
+    return calls;
+}
+
+// What a power cut could spoil; empty: nothing. A flush that is left out is taken for not made.
+std::string complaint(const std::vector<DiskCall> &calls, std::size_t left_out)
+{
+    std::set<std::string> unflushed_files;
+    std::set<std::string> unflushed_folders;
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+        const DiskCall &call = calls[i];
+        if (call.name == "pwrite64" || call.name == "ftruncate") {
+            unflushed_files.insert(call.paths.at(0));
+        } else if (call.name == "symlinkat") {
+            unflushed_files.insert(call.paths.at(0) + "/" + call.texts.at(1));
+        } else if (call.name == "syncfs" && i != left_out) {
+            unflushed_files.clear();
+        } else if (call.name == "fsync" && i != left_out) {
+            unflushed_files.erase(call.paths.at(0));
+            unflushed_folders.erase(call.paths.at(0));
+        } else if (call.is_placing()) {
+            if (unflushed_files.contains(call.from())) {
+                return call.to() + " may be empty";
+            }
+            unflushed_folders.insert(call.paths.at(1));
+        }
+    }
+    return unflushed_folders.empty() ? "" : *unflushed_folders.begin() + " may have the old names";
+}
+
+}  // namespace
+
+TEST_F(KestactlRestore, EachFlushIsNeededAndNoMoreAreMade)
+{
+    for (int i = 0; i < 20; ++i) {
+        write_file(host_path(0, "etc/app/more/file" + std::to_string(i)), "contents " + std::to_string(i));
+    }
+    succeed("ln -s one /etc/app/more/link");
+    define("", "<file path=\"/etc/app\"/>");
+    ASSERT_EQ(ctl(0, "save network").code, 0);
+    succeed("find /etc/app -type f -exec sh -c 'echo spoiled > $0' {} \\; && rm /etc/app/more/link");
+    const Ran restored = on(0, "strace -qq -y -o /tmp/calls -e trace=pwrite64,ftruncate,symlinkat,renameat,renameat2,fsync,syncfs "
+                               "kestactl restore network && grep /etc/app /tmp/calls");
+    ASSERT_EQ(restored.code, 0) << restored.err;
+    const std::vector<DiskCall> calls = disk_calls(restored.out.substr(restored.out.find("\npwrite64") + 1));
+    EXPECT_EQ(complaint(calls, calls.size()), "");
+    int flushes = 0;
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+        if (calls[i].is_flush()) {
+            ++flushes;
+            EXPECT_NE(complaint(calls, i), "") << calls[i].name << " of " << calls[i].paths.at(0);
+        }
+    }
+    EXPECT_EQ(flushes, 3) << "one of the file system, and one for each folder";
+    EXPECT_EQ(file_on(0, "/etc/app/one"), "one\n");
 }

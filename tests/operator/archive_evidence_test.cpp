@@ -169,3 +169,53 @@ TEST_F(ArchiveEvidenceTest, WhatIsNotGoodIsRefusedByName)
     EXPECT_THROW(require_whole(unreadable, "It"), Failure);
     EXPECT_THROW(require_whole({}, "It"), Failure);
 }
+
+// What is looked at while it is unpacked is looked at often, and what is only read, once for each piece.
+TEST_F(ArchiveEvidenceTest, TheSameBytesAreUnpackedOnce)
+{
+    int looks = 0;
+    const auto look = [&looks] { ++looks; };
+    const std::string large = test::whole_archive(std::string(1 << 20, 'x') + "counted");
+    const ArchiveEvidence first = evidence_of_bytes(large, look);
+    EXPECT_GT(looks, 10);
+    looks = 0;
+    test::write_file(path, large);
+    const ArchiveEvidence second = evidence_of_file(path, look);
+    EXPECT_LE(looks, 3);
+    EXPECT_TRUE(second.good());
+    EXPECT_TRUE(second.same_bytes(first));
+    EXPECT_TRUE(second.modified.has_value());
+    EXPECT_FALSE(evidence_of_bytes(large).modified.has_value()) << "a place's own time is not another one's";
+}
+
+TEST_F(ArchiveEvidenceTest, OtherBytesOfTheSameSizeAreTested)
+{
+    const std::string whole = test::whole_archive("known");
+    EXPECT_TRUE(evidence_of_bytes(whole).good());
+    expect_state(test::with_flipped_byte(whole), CopyState::damaged,
+                 evidence_of_bytes(test::with_flipped_byte(whole)).reason);
+    EXPECT_TRUE(evidence_of_bytes(whole).good());
+}
+
+TEST_F(ArchiveEvidenceTest, UnderOtherLimitsAnArchiveIsTestedAnew)
+{
+    const std::string whole = test::whole_archive("limited");
+    EXPECT_TRUE(evidence_of_bytes(whole).good());
+    test::write_file(archive_limits_file, "archive_bytes = 100\n");
+    EXPECT_TRUE(evidence_of_bytes(whole).beyond_limits);
+    std::filesystem::remove(archive_limits_file);
+    EXPECT_TRUE(evidence_of_bytes(whole).good());
+}
+
+// Somebody writes to it between its test and its use.
+TEST_F(ArchiveEvidenceTest, WhatIsUsedIsWhatWasTested)
+{
+    test::write_file(path, test::whole_archive("one"));
+    ArchiveContents contents;
+    ASSERT_TRUE(evidence_of_file(path, &contents, [] {}).good());
+    EXPECT_EQ(checksum_of(contents), evidence_of_file(path).sha256);
+    EXPECT_TRUE(same_contents(contents, contents_of_bytes(test::whole_archive("one"))));
+    EXPECT_FALSE(same_contents(contents, contents_of_bytes(test::whole_archive("two"))));
+    test::write_file(path, test::whole_archive("two"));
+    EXPECT_THROW(checksum_of(contents), Failure);
+}

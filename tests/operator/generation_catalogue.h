@@ -38,11 +38,13 @@ protected:
     static engine::GenerationSource source(const std::string &bytes, int version = 0,
                                            const std::string &place = "slot:kesta_backup0")
     {
-        return {place, bytes, sum(bytes), engine::Descriptor(), version};
+        return {place, engine::contents_of_bytes(bytes), sum(bytes), engine::Descriptor(), version};
     }
     engine::GenerationStore store() const
     {
-        return engine::GenerationStore(home.string(), [](std::string_view bytes) { return bytes.rfind("damaged", 0) != 0; });
+        return engine::GenerationStore(home.string(), [](const engine::ArchiveContents &contents) {
+            return contents.pieces()().rfind("damaged", 0) != 0;
+        });
     }
     engine::KeepReport keep(engine::GenerationSource one, engine::GenerationLimits limits = {},
                             engine::VersionsInForce in_force = {0, 0}) const

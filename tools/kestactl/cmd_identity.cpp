@@ -13,6 +13,7 @@
 #include "environment_archive.h"
 #include "identity_archive.h"
 #include "identity_state.h"
+#include "mirror.h"
 #include "kept_generations.h"
 #include "names.h"
 #include "trace_capture.h"
@@ -346,7 +347,7 @@ Plan plan_vpd_to_flash()
     if (board != running) {
         require_file(flash_backup,
                      "The identity goes into the saved environment: put one there first.");
-        check_identity_archive(read_whole_file(flash_backup), flash_backup);
+        check_identity_archive(contents_of_path(flash_backup), flash_backup);
         plan.verb = vpd_to_flash;
         plan.replaces = {{flash_backup, Replacing::by_rename}};
         plan.steps.push_back({"carry the board's identity into the saved environment and the system",
@@ -380,6 +381,11 @@ Plan plan_vpd_to_disk()
     plan.shared = true;
     plan.json = {{"from", identity_json(disk)}, {"to", identity_json(board)}};
     if (board != disk) {
+        for (const Block *const block : overlong_mirrors()) {
+            plan.steps.push_back({"write the mirror of " + block->name + " anew without what is behind its value, for it to be read",
+                                  {"system backup area: block " + std::to_string(block->id)},
+                                  [block] { shorten_mirror(*block); }});
+        }
         plan.steps.push_back({"give the board the identity of the NV image",
                               {"the board's VPD"},
                               [disk] { run_vpd_to_disk(disk); }});

@@ -30,7 +30,7 @@ struct SaveOptions {
 
 void require_same(const std::string &slot, const std::string &path)
 {
-    if (read_slot(slot) != read_whole_file(path)) {
+    if (!same_contents(read_slot(slot), contents_of_path(path))) {
         throw Failure(Exit::platform, "slot-differs",
                       "Slot " + slot + " does not hold what was written to it.",
                       "Check the disk of the system backup area, then run the command again.");
@@ -115,14 +115,17 @@ Plan plan_save(const SaveOptions &options, Work &work)
     plan.long_work = true;
     plan.json = {{"group", options.group}, {"slot", slot}, {"files", files}};
     add_mirror_step(plan, work);
-    add_script_steps(plan, work, scripts_of(options.group, "backup", "pre-script"), options.work.scripts);
+    const std::vector<Script> before = scripts_of(options.group, "backup", "pre-script");
+    add_script_steps(plan, work, before, options.work.scripts);
     plan.kept = std::make_shared<KeepReport>();
     // After the scripts: they may have made the files.
     plan.steps.push_back(guarded(
         work, "archive " + std::to_string(files.size()) + " files, and test the archive",
         {unfinished_archive},
-        [definition, &work, kept = plan.kept] {
-            (void)collect(*definition);  // what it refuses is told before anything is written
+        [definition, &work, kept = plan.kept, changed = !before.empty()] {
+            if (changed) {
+                (void)collect(*definition);  // what it refuses is told before anything is written
+            }
             with_room_on_flash(*kept, [&] {
                 make_archive(*definition, unfinished_archive, [&work] {
                     stop_if_asked(work);

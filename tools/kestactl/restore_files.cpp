@@ -15,7 +15,7 @@
 #include "kept_generations.h"
 #include "names.h"
 #include "placed_files.h"
-#include "restored_files.h"
+#include "file_changes.h"
 #include "unfinished_restore.h"
 #include "whole_file.h"
 
@@ -82,10 +82,10 @@ void take_over_unfinished(const Restore &restore)
 void put_slot_to_flash(const Restore &restore, const Work &work, KeepReport &report)
 {
     const bool is_there = std::filesystem::exists(restore.source.flash);
-    if (!is_there || read_whole_file(restore.source.flash) != restore.archive.bytes) {
+    if (!is_there || !same_contents(contents_of_path(restore.source.flash), restore.archive.contents)) {
         report.add(keep_replaced({{restore.source.flash, Replacing::by_rename}}, "restore", work.keep_rule,
                                  [&work] { stop_if_asked(work); }));
-        with_room_on_flash(report, [&] { write_file_whole(restore.source.flash, restore.archive.bytes); });
+        with_room_on_flash(report, [&] { write_file_whole(restore.source.flash, restore.archive.contents.pieces()); });
     }
 }
 
