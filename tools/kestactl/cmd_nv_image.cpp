@@ -16,7 +16,6 @@
 #include "command.h"
 #include "lock_state.h"
 #include "overview.h"
-#include "trace_capture.h"
 #include "whole_file.h"
 
 namespace kestactl {
@@ -251,11 +250,13 @@ Result flags(const FlagOptions &options, const Globals &globals)
 
 void rewrite_regions()
 {
-    if (kestal_sync_all_nonvolatile(learn_own_number()) != KESTA_OK) {
+    const int own = learn_own_number();
+    kesta_clear_cause();
+    if (kestal_sync_all_nonvolatile(own) != KESTA_OK) {
         fail_call("sync-failed", "NV memory was not rewritten whole.",
                   "Nothing is lost: each transfer is whole. Look at --trace 1, and try again.");
     }
-    if (was_traced("[sync_all_nonvolatile] CALLOC ERROR")) {
+    if (kesta_last_cause()->kind == KESTA_CAUSE_MEMORY) {  // the call tells of it nowhere else
         throw Failure(Exit::platform, "no-memory", "NV memory was not rewritten: no memory.",
                       "Free some memory, and try again.");
     }
