@@ -4,18 +4,14 @@
 #include "controller_state.h"
 #include "inner_lock_section.h"
 #include "kesta/area_files.h"
+#include "slot_names.h"
 #include "text_field.h"
 #include "trace.h"
 
 namespace {
 
 using kesta::AreaName;
-
-bool is_slot_name(const char *name)
-{
-    return strncmp(name, KESTA_SLOT0, sizeof(KESTA_SLOT0)) == 0 ||
-           strncmp(name, KESTA_SLOT1, sizeof(KESTA_SLOT1)) == 0;
-}
+using kesta::is_slot_name;
 
 // One of the two names: its block, its buffer and its length in this access.
 struct NameAccess {

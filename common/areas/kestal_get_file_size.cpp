@@ -44,8 +44,7 @@ int kestal_get_file_size(const char *f_name, unsigned int *ret_size)
     const kesta::FilePtr file(fopen(f_name, "rbe"));
     const long long size = file ? end_position(file.get()) : -1;
     if (size < 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[get_file_size] File open Error f_name =%s errno=%d", f_name, error);
+        SYSTEM_FAILURE(error, 1, "[get_file_size] File open Error f_name =%s errno=%d", f_name, error);
         return KESTA_ERR_ARGUMENT;
     }
     *ret_size = static_cast<unsigned int>(size);

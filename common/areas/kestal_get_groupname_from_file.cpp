@@ -105,8 +105,7 @@ int kestal_get_groupname_from_file(char *names, int *errorcds, const char *file)
     {
         const kesta::FilePtr list(fopen(file, "re"));
         if (!list) {
-            const int error = errno;
-            FAILURE(SYSTEM, error, 1, "[get_allgroupname] File open Error f_name =%s, errno=%d", file, error);
+            SYSTEM_FAILURE(error, 1, "[get_allgroupname] File open Error f_name =%s, errno=%d", file, error);
             return KESTA_ERR;
         }
         result = read_groups(list.get(), file, names, errorcds);

@@ -11,7 +11,7 @@ namespace kesta {
 // How a text that may be missing is shown.
 inline const char *or_null(const char *text) { return text ? text : "(null)"; }
 
-// Forms a text; false if it doesn't fit, and is cut.
+// Forms a text; false if it doesn't fit, and is cut. Texts of fixed parts fit: their result is not looked at.
 template <std::size_t Size, typename... Arguments>
 __attribute__((format(printf, 2, 0))) bool form(std::array<char, Size> &text, const char *format,
                                                 Arguments... arguments)

@@ -1,4 +1,4 @@
-// The folders and files between which saved environments move.
+// The archives that move between the folders, and texts that lead to them.
 #pragma once
 
 #include <stdio.h>
@@ -6,14 +6,11 @@
 
 #include <array>
 
+#include "formed_text.h"
 #include "kesta/shell_word.h"
+#include "paths.h"
 
 namespace kesta {
-
-inline constexpr const char *flash_directory = "/opt/kesta_sys/bakup/";
-inline constexpr const char *tmp_cache = "/tmp/kesta_sys/tmp/";
-inline constexpr const char *merge_cache = "/var/run/kesta_sys/tmp/";
-inline constexpr const char *group_directory = "/etc/kesta_sys/";
 
 inline constexpr const char *backup_archive = "backup.tar.Z";
 inline constexpr const char *accept_archive = "accept.tar.Z";
@@ -29,7 +26,7 @@ using CommandLine = std::array<char, 512>;
 inline Path path_of(const char *directory, const char *file)
 {
     Path path{};
-    snprintf(path.data(), path.size(), "%s%s", directory, file);
+    (void)form(path, "%s%s", directory, file);
     return path;
 }
 

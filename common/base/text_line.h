@@ -58,6 +58,21 @@ inline TextWritten write_and_close_text(UniqueFd &file, const char *text)
     return result;
 }
 
+// The same for one line of a file, formed in a buffer of the tracked allocator. Not made: there was no memory, and nothing
+// was written.
+struct LineWritten {
+    bool made;
+    TextWritten text;
+};
+
+template <typename Value>
+__attribute__((format(printf, 2, 0))) LineWritten write_line(int fd, const char *format, Value value)
+{
+    TextBuffer line;
+    kestal_strcat(line.out(), line.capacity(), format, value);
+    return line.made() ? LineWritten{true, write_text(fd, line.text())} : LineWritten{};
+}
+
 inline constexpr int new_text_file_mode = 0666;
 
 }  // namespace kesta

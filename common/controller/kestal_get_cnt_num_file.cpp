@@ -1,6 +1,7 @@
 #include <array>
 
 #include "kesta/controller.h"
+#include "paths.h"
 #include "trace.h"
 #include "vrbapi.h"
 
@@ -15,8 +16,8 @@ struct NumberFileRow {
 
 // The option number is the row's index.
 constexpr std::array<NumberFileRow, 2> number_files{{
-    {"/etc/mycntno", 1, 0, 3},
-    {"/etc/cntnum", 1, 1, 4},
+    {kesta::own_number_file, 1, 0, 3},
+    {kesta::controller_count_file, 1, 1, 4},
 }};
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "kesta/controller.h"
 #include "kesta/process.h"
 #include "ownership.h"
+#include "paths.h"
 #include "trace.h"
 #include "vrbapi.h"
 
@@ -24,12 +25,12 @@ struct cnt_num_cpinfo_opt_t {
 
 // The option number is the row's index.
 constexpr std::array<cnt_num_cpinfo_opt_t, 6> cnt_num_cpinfo_opt{{
-    {"/usr/sbin/cpinfo -i", 0, 3},
-    {"/usr/sbin/cpinfo -N", 1, 4},
-    {"/usr/sbin/cpinfo -b", 0, 2},
-    {"/usr/sbin/eeprom cp_wwn | cut -d '=' -f2", 0, 0},
-    {"/usr/sbin/cpinfo -i", 0, 3},
-    {"/usr/sbin/eeprom cp_serial_number | cut -d '=' -f2", 0, 0},
+    {KESTA_CPINFO_PROGRAM " -i", 0, 3},
+    {KESTA_CPINFO_PROGRAM " -N", 1, 4},
+    {KESTA_CPINFO_PROGRAM " -b", 0, 2},
+    {KESTA_EEPROM_PROGRAM " cp_wwn | cut -d '=' -f2", 0, 0},
+    {KESTA_CPINFO_PROGRAM " -i", 0, 3},
+    {KESTA_EEPROM_PROGRAM " cp_serial_number | cut -d '=' -f2", 0, 0},
 }};
 
 struct boot_mode_cpinfo_opt_t {
@@ -45,8 +46,6 @@ constexpr std::array<boot_mode_cpinfo_opt_t, 3> boot_mode_cpinfo_opt{{
 
 constexpr int unknown_boot_mode = -1;  // below the range, so the range check refuses it
 
-constexpr const char *own_number_path = "/etc/mycntno";
-constexpr const char *controller_count_path = "/etc/cntnum";
 
 int boot_mode_value(const char *word)
 {
@@ -122,7 +121,7 @@ int own_number(int option)
     const int known = kesta::own_controller();
     int number = known >= 0 ? known : kestal_execute_command_by_popen(option);
     if (option == KESTA_CPINFO_OWN_NUMBER && number >= 0 && kesta::cached(g_my_cnt_no_write) == -1) {
-        number = write_number(own_number_path, number, "cntno");
+        number = write_number(kesta::own_number_file, number, "cntno");
         if (number >= 0) {
             kesta::set_cached(g_my_cnt_no_write, 0);
         }
@@ -135,7 +134,7 @@ int controller_count()
 {
     int count = kestal_execute_command_by_popen(KESTA_CPINFO_CONTROLLER_COUNT);
     if (count > 0) {
-        count = write_number(controller_count_path, count, "cntnum");
+        count = write_number(kesta::controller_count_file, count, "cntnum");
     }
     kesta::set_cached(g_my_cnt_num, count);
     return count;
@@ -253,7 +252,8 @@ int kestal_execute(const char *command, char **output)
     const int read_result = read_lines(pipe, command, output);
     int status = pipe.close();
     while (ended_by_signal(status) != 0) {
-        // The tag is another function's, and the close is repeated: both are kept.
+        // The tag is another function's: logs are searched for it. The close is repeated until the status is no
+        // signal's: programs count the lines of one command by that.
         FAILURE(COMMAND, status, 1, "[zKTmc_execute_cmd] cmd may fail. cmd=%s status=%x", command,
               static_cast<unsigned>(status));
         status = close_again(status);

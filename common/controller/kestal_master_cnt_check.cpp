@@ -1,5 +1,6 @@
 #include <cstdint>
 
+#include "controllers.h"
 #include "kesta/controller.h"
 #include "trace.h"
 #include "vrbapi.h"
@@ -13,7 +14,7 @@ constexpr int is_not_master = 1;
 int kestal_master_cnt_check(int cntno)
 {
     TRACE(5, "[master_cnt_check] START");
-    if (static_cast<unsigned>(cntno) >= KESTA_CONTROLLERS) {
+    if (!kesta::is_controller(cntno)) {
         FAILURE(ARGUMENT, 0, 1, "[master_cnt_check] Argument ERROR(cnt_num=%d)", cntno);
         return KESTA_ERR_ARGUMENT;
     }

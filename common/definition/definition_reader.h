@@ -5,6 +5,7 @@
 
 #include <array>
 
+#include "formed_text.h"
 #include "kesta/backup_definition.h"
 
 namespace kesta {
@@ -28,7 +29,7 @@ template <typename... Names>
 Expression expression_of(const char *format, Names... names)
 {
     Expression expression{};
-    snprintf(expression.data(), expression.size(), format, names...);
+    (void)form(expression, format, names...);
     return expression;
 }
 

@@ -10,6 +10,8 @@
 #include <array>
 #include <optional>
 
+#include "controllers.h"
+#include "formed_text.h"
 #include "kesta/backup_definition.h"
 #include "kesta/process.h"
 #include "kesta/shell_word.h"
@@ -42,7 +44,7 @@ std::optional<int> as_id(const char *text)
 int make_link(const char *link, const char *file)
 {
     LinkCommand command{};
-    snprintf(command.data(), command.size(), "rm %s; ln -s %s %s > /dev/null 2>&1", link, file, link);
+    (void)kesta::form(command, "rm %s; ln -s %s %s > /dev/null 2>&1", link, file, link);
     const int result = kesta_is_shell_word(link) && kesta_is_shell_word(file)
                            ? kestal_exec_cmd_by_system(command.data())
                            : KESTA_ERR;
@@ -114,7 +116,7 @@ int change_file(KESTA_BACKUP_FILE_PATH &file, bool may_be_gone)
 int kestal_change_fileprop(KESTA_BACKUP_FILE *definition, int cntno)
 {
     TRACE(5, "[change_fileprop] START");
-    if (static_cast<unsigned>(cntno) >= KESTA_CONTROLLERS) {
+    if (!kesta::is_controller(cntno)) {
         FAILURE(ARGUMENT, 0, 1, "[change_fileprop] CntNo ERROR");
         return KESTA_ERR_ARGUMENT;
     }
@@ -156,8 +158,7 @@ int kestal_change_owner(char *file, const char *owner)
         errno = 0;
         const struct passwd *user = getpwnam(owner);
         if (!user) {
-            const int error = errno;
-            FAILURE(SYSTEM, error, 1, "[change_owner] getpwnam(%s) ERROR errno=%d", owner, error);
+            SYSTEM_FAILURE(error, 1, "[change_owner] getpwnam(%s) ERROR errno=%d", owner, error);
             return KESTA_ERR_ARGUMENT;
         }
         id = static_cast<int>(user->pw_uid);
@@ -166,9 +167,8 @@ int kestal_change_owner(char *file, const char *owner)
     errno = 0;
     const int rtn = chown(file, static_cast<uid_t>(id), group_unchanged);
     if (rtn != 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[change_owner] chown ERROR file=%s ownername=%s ownerid=%d rtn=%d errno=%d", file,
-              owner, id, rtn, error);
+        SYSTEM_FAILURE(error, 1, "[change_owner] chown ERROR file=%s ownername=%s ownerid=%d rtn=%d errno=%d", file,
+                       owner, id, rtn, error);
         return KESTA_ERR_FILE_PROPERTY;
     }
     TRACE(5, "[change_owner] END");
@@ -195,8 +195,7 @@ int kestal_change_group(char *file, const char *group)
         errno = 0;
         const struct group *entry = getgrnam(group);
         if (!entry) {
-            const int error = errno;
-            FAILURE(SYSTEM, error, 1, "[change_group] getgrnam ERROR group=%s errno=%d", group, error);
+            SYSTEM_FAILURE(error, 1, "[change_group] getgrnam ERROR group=%s errno=%d", group, error);
             return KESTA_ERR_ARGUMENT;
         }
         id = static_cast<int>(entry->gr_gid);
@@ -205,9 +204,8 @@ int kestal_change_group(char *file, const char *group)
     errno = 0;
     const int rtn = chown(file, owner_unchanged, static_cast<gid_t>(id));
     if (rtn != 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[change_group] chown ERROR file=%s group=%s groupid=%d rtn=%d errno=%d", file, group,
-              id, rtn, error);
+        SYSTEM_FAILURE(error, 1, "[change_group] chown ERROR file=%s group=%s groupid=%d rtn=%d errno=%d", file, group,
+                       id, rtn, error);
         return KESTA_ERR_FILE_PROPERTY;
     }
     TRACE(5, "[change_group] END");
@@ -241,8 +239,7 @@ int kestal_change_filemode(char *file, const char *mode)
     errno = 0;
     const int rtn = chmod(file, static_cast<mode_t>(strtol(mode, nullptr, octal)));
     if (rtn != 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[change_filemode] FileMode Change ERROR rtn =%d,errno=%d", rtn, error);
+        SYSTEM_FAILURE(error, 1, "[change_filemode] FileMode Change ERROR rtn =%d,errno=%d", rtn, error);
         return KESTA_ERR_FILE_PROPERTY;
     }
     TRACE(5, "[change_filemode] END");

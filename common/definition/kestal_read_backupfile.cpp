@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "definition_reader.h"
+#include "formed_text.h"
 #include "kesta/backup_definition.h"
 #include "storage_places.h"
 #include "trace.h"
@@ -105,8 +106,7 @@ bool can_be_opened(const char *path)
 {
     const kesta::FilePtr file(fopen(path, "re"));
     if (!file) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[kestal_read_backupfile] BackFile Nothing. errno=%d", error);
+        SYSTEM_FAILURE(error, 1, "[kestal_read_backupfile] BackFile Nothing. errno=%d", error);
     }
     return static_cast<bool>(file);
 }
@@ -243,7 +243,7 @@ int kestal_read_backupfile(const char *group, KESTA_BACKUP_FILE *record)
         return KESTA_ERR_ARGUMENT;
     }
     memset(record, 0, sizeof(*record));
-    snprintf(path.data(), path.size(), "%s%s%s", kesta::group_directory, group, definition_file);
+    (void)kesta::form(path, "%s%s%s", kesta::group_directory, group, definition_file);
     if (!can_be_opened(path.data())) {
         return KESTA_ERR_DEFINITION_FILE;
     }

@@ -52,8 +52,8 @@ int copy_as_integer(const Property &value, char *destination, int buflen)
         return KESTA_ERR;
     }
     if (kestal_isdigit(value.text()) != KESTA_OK) {
-        // It prints what the destination holds, not the value: kept so. The bytes of a number have no
-        // terminator.
+        // It prints what the destination holds, not the value: who reads the log knows the field by its default. The
+        // bytes of a number have no terminator.
         const int length = static_cast<int>(strnlen(destination, static_cast<std::size_t>(buflen)));
         FAILURE(CONTENT, 0, 1, "[xml_get_property] isdigit check ERROR destbuf=%.*s", length, destination);
         return KESTA_ERR;

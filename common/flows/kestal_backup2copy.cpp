@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "formed_text.h"
 #include "kesta/backup_flows.h"
 #include "kesta/block_access.h"
 #include "kesta/controller.h"
@@ -35,9 +36,8 @@ int refuse_copy(int result)
 int cache_to_flash()
 {
     kesta::CommandLine command{};
-    snprintf(command.data(), command.size(), "/usr/bin/cp -p %s%s %s%s > /dev/null 2>&1",
-             kesta::tmp_cache, kesta::backup_archive, kesta::flash_directory,
-             kesta::flash_copy_archive);
+    (void)kesta::form(command, "/usr/bin/cp -p %s%s %s%s > /dev/null 2>&1", kesta::tmp_cache, kesta::backup_archive,
+                      kesta::flash_directory, kesta::flash_copy_archive);
     int result = kestal_exec_cmd_by_system(command.data());
     if (result != 0) {
         return refuse_copy(result);
@@ -47,15 +47,13 @@ int cache_to_flash()
         return refuse_copy(KESTA_ERR);  // it has not reached flash, so nothing may point at it
     }
     if (chmod(copy.data(), kesta::finished_archive_mode) != 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[backup2copy] chmod error(filename:%s) errno=%d", copy.data(), error);
+        SYSTEM_FAILURE(error, 1, "[backup2copy] chmod error(filename:%s) errno=%d", copy.data(), error);
     }
     const kesta::Path backup = kesta::path_of(kesta::flash_directory, kesta::backup_archive);
     result = rename(copy.data(), backup.data());
     if (result != 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[backup2copy] Remove From backup.tar.Z -> backup.tar.Z Error. result=%d, errno=%d",
-              result, error);
+        SYSTEM_FAILURE(error, 1, "[backup2copy] Remove From backup.tar.Z -> backup.tar.Z Error. result=%d, errno=%d",
+                       result, error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -89,8 +87,7 @@ int run_copy_script(const char *group)
     const kesta::Path cached = kesta::path_of(kesta::tmp_cache, kesta::backup_archive);
     TRACE(5, "[backup2copy] Tmp area path. t_name=%s", cached.data());
     kesta::CommandLine command{};
-    snprintf(command.data(), command.size(), "/bin/sh %s%s/%s > /dev/null 2>&1",
-             kesta::group_directory, group, "env_copy_scr.sh");
+    (void)kesta::form(command, "/bin/sh %s%s/%s > /dev/null 2>&1", kesta::group_directory, group, "env_copy_scr.sh");
     TRACE(5, "[backup2copy] Copy Script s_cmd=%s", command.data());
     const int result = kestal_exec_cmd_by_system(command.data());
     if (result != 0) {

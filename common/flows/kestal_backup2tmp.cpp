@@ -3,10 +3,11 @@
 #include <sys/stat.h>
 
 #include "archive_file.h"
+#include "formed_text.h"
 #include "kesta/backup_flows.h"
 #include "kesta/process.h"
 #include "ownership.h"
-#include "slot_name.h"
+#include "slots_in_force.h"
 #include "storage_places.h"
 #include "trace.h"
 
@@ -22,8 +23,7 @@ int write_temporary(const Path &temporary, const void *data, unsigned int size)
     const char *t_name = temporary.data();
     kesta::UniqueFd file(kesta::open_for_overwrite(t_name));
     if (!file) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[backup2tmp]  File Open(write) ERROR  t_name=%s, errno=%d", t_name, error);
+        SYSTEM_FAILURE(error, 1, "[backup2tmp]  File Open(write) ERROR  t_name=%s, errno=%d", t_name, error);
         return KESTA_ERR;
     }
     const kesta::WriteOutcome outcome =
@@ -53,14 +53,12 @@ int publish(const Path &temporary, const Path &destination)
 {
     int ret = KESTA_OK;
     if (rename(temporary.data(), destination.data()) != 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[backup2tmp] move %s -> %s error. errno=%d", temporary.data(),
-              destination.data(), error);
+        SYSTEM_FAILURE(error, 1, "[backup2tmp] move %s -> %s error. errno=%d", temporary.data(), destination.data(),
+                       error);
         ret = KESTA_ERR;
     }
     if (chmod(destination.data(), kesta::finished_archive_mode) != 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[backup2tmp] chmod error(filename:%s) errno=%d", destination.data(), error);
+        SYSTEM_FAILURE(error, 1, "[backup2tmp] chmod error(filename:%s) errno=%d", destination.data(), error);
     }
     return ret;
 }
@@ -68,8 +66,7 @@ int publish(const Path &temporary, const Path &destination)
 int unpack()
 {
     kesta::CommandLine command{};
-    snprintf(command.data(), command.size(),
-             "cd %s; /usr/bin/bunzip2 -c %s%s | /usr/sbin/tar -xf - > /dev/null 2>&1",
+    (void)kesta::form(command, "cd %s; /usr/bin/bunzip2 -c %s%s | /usr/sbin/tar -xf - > /dev/null 2>&1",
              kesta::tmp_cache, kesta::tmp_cache, kesta::backup_archive);
     int ret = KESTA_OK;
     const int result = kestal_exec_cmd_by_system(command.data());
@@ -96,7 +93,8 @@ int kestal_backup2tmp(const char *group, int acceptflg, char *name, int mode)
     const int result = acceptflg != 0 ? kesta::read_accept_slot_name(slot)
                                       : kesta::read_backup_slot_name(slot);
     if (result != KESTA_OK) {
-        // Level 5, unlike every other failure: kept.
+        // Level 5, unlike every other failure: an appliance without a slot is in an ordinary state, before its first
+        // backup, and its log shows no error at the usual level.
         TRACE(5, "[backup2tmp] Get Backup area file name ERROR  result=%d", result);
         return KESTA_ERR;
     }
@@ -106,8 +104,7 @@ int kestal_backup2tmp(const char *group, int acceptflg, char *name, int mode)
     const Path destination = kesta::path_of(
         kesta::tmp_cache, mode == unpack_mode ? kesta::backup_archive : kesta::check_archive);
     Path temporary{};  // named after backup.tar.Z in every mode
-    snprintf(temporary.data(), temporary.size(), "%s%s.tmp", kesta::tmp_cache,
-             kesta::backup_archive);
+    (void)kesta::form(temporary, "%s%s.tmp", kesta::tmp_cache, kesta::backup_archive);
     TRACE(5, "[backup2tmp] Tmp area path. t_name=%s", destination.data());
 
     int ret = slot_to_temporary(slot, temporary);

@@ -1,6 +1,6 @@
 #include "archive_to_slot.h"
 #include "kesta/backup_flows.h"
-#include "slot_name.h"
+#include "slots_in_force.h"
 #include "storage_places.h"
 #include "trace.h"
 

@@ -1,5 +1,6 @@
 #include <stdio.h>
 
+#include "formed_text.h"
 #include "kesta/backup_flows.h"
 #include "kesta/process.h"
 #include "storage_places.h"
@@ -18,8 +19,7 @@ int kestal_cntbackup2tmp(const char *group, int acceptflg)
     const kesta::Path destination = kesta::path_of(kesta::tmp_cache, kesta::backup_archive);
     kesta::CommandLine command{};
     // Plain cp from the search path, unlike the other flows.
-    if (snprintf(command.data(), command.size(), "cp -p %s %s", source.data(),
-                 destination.data()) >= static_cast<int>(command.size())) {
+    if (!kesta::form(command, "cp -p %s %s", source.data(), destination.data())) {
         return KESTA_ERR;
     }
     const int rtn = kestal_exec_cmd_by_system(command.data());

@@ -2,7 +2,8 @@
 
 #include "archive_to_slot.h"
 #include "kesta/backup_flows.h"
-#include "slot_name.h"
+#include "slot_names.h"
+#include "slots_in_force.h"
 #include "storage_places.h"
 #include "trace.h"
 
@@ -37,15 +38,10 @@ void report_step(kesta::ToSlotStep step, const char *file, const char *slot, uns
     }
 }
 
-bool is_slot(const AreaName &name)
-{
-    return strcmp(name.c_str(), KESTA_SLOT0) == 0 || strcmp(name.c_str(), KESTA_SLOT1) == 0;
-}
-
 // The caller's slot, or the accept slot in force, which the caller learns.
 int choose_slot(char *acceptfile, AreaName &slot)
 {
-    if (is_slot(AreaName(acceptfile))) {
+    if (kesta::is_slot_name(AreaName(acceptfile).c_str())) {
         TRACE(4, "[merge_file2accept] acceptfile(arg)=%s", AreaName(acceptfile).c_str());
         slot.copy_in(acceptfile);
         return KESTA_OK;

@@ -4,10 +4,11 @@
 #include <sys/stat.h>
 
 #include "archive_file.h"
+#include "formed_text.h"
 #include "kesta/backup_flows.h"
 #include "kesta/process.h"
 #include "ownership.h"
-#include "slot_name.h"
+#include "slots_in_force.h"
 #include "storage_places.h"
 #include "trace.h"
 
@@ -86,8 +87,7 @@ int write_flash_copy(const char *c_name, const void *data, unsigned int size)
 {
     kesta::UniqueFd file(kesta::open_for_overwrite(c_name));
     if (!file) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[sysback2current]  File Open(write) ERROR c_name=%s, errno=%d", c_name, error);
+        SYSTEM_FAILURE(error, 1, "[sysback2current]  File Open(write) ERROR c_name=%s, errno=%d", c_name, error);
         return KESTA_RESTORE_SWITCH_FAILED;
     }
     const kesta::WriteOutcome outcome =
@@ -98,8 +98,7 @@ int write_flash_copy(const char *c_name, const void *data, unsigned int size)
         return KESTA_RESTORE_SWITCH_FAILED;
     }
     if (chmod(c_name, kesta::finished_archive_mode) != 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[sysback2current] chmod error(filename:%s) errno=%d", c_name, error);
+        SYSTEM_FAILURE(error, 1, "[sysback2current] chmod error(filename:%s) errno=%d", c_name, error);
     }
     return KESTA_OK;
 }
@@ -115,10 +114,9 @@ int slot_to_flash(const AreaName &slot, const void *data, unsigned int size)
     const Path backup = kesta::path_of(kesta::flash_directory, kesta::backup_archive);
     const int result = rename(copy.data(), backup.data());
     if (result != 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[sysback2current] sysvol backup.tar.Z -> backup.tar.Z Copy Error result =%d, "
-              "errno=%d",
-              result, error);
+        SYSTEM_FAILURE(error, 1,
+                       "[sysback2current] sysvol backup.tar.Z -> backup.tar.Z Copy Error result =%d, errno=%d", result,
+                       error);
         return KESTA_RESTORE_SWITCH_FAILED;
     }
     return KESTA_OK;
@@ -127,9 +125,8 @@ int slot_to_flash(const AreaName &slot, const void *data, unsigned int size)
 bool copy_accept_archive()
 {
     kesta::CommandLine command{};
-    snprintf(command.data(), command.size(), "cp -p %s%s %s%s > /dev/null 2>&1",
-             kesta::flash_directory, kesta::accept_archive, kesta::merge_cache,
-             kesta::backup_archive);
+    (void)kesta::form(command, "cp -p %s%s %s%s > /dev/null 2>&1", kesta::flash_directory, kesta::accept_archive,
+                      kesta::merge_cache, kesta::backup_archive);
     TRACE(4, "[sysback2current] FLASHCOPY(%s%s -> %s%s)", kesta::flash_directory,
           kesta::accept_archive, kesta::merge_cache, kesta::backup_archive);
     if (kestal_exec_cmd_by_system(command.data()) != 0) {
@@ -161,9 +158,8 @@ kesta::CommandLine script_command(const Request &request)
     }
     kesta::CommandLine command{};
     if (const char *kind = script_kind(request)) {
-        snprintf(command.data(), command.size(), "/bin/sh %s%s/%s%s%s%s > /dev/null 2>&1",
-                 kesta::group_directory, request.group, "env_restore1_", kind, distribution,
-                 "_scr.sh");
+        (void)kesta::form(command, "/bin/sh %s%s/%s%s%s%s > /dev/null 2>&1", kesta::group_directory, request.group,
+                          "env_restore1_", kind, distribution, "_scr.sh");
     }
     return command;
 }

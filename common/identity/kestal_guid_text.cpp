@@ -85,7 +85,8 @@ int kestal_guid_bin2str(const char *bytes, char *text)
         FAILURE(ARGUMENT, 0, 1, "[kestal_guid_bin2str] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
-    // It prints what the buffer holds before it is written, whatever that is: kept so.
+    // It prints what the buffer holds before it is written, whatever that is: programs whose traces are compared line
+    // by line fill the buffer beforehand.
     TRACE(5, "[kestal_guid_bin2str] START. guid_str=[%s]", GuidText(text).c_str());
     std::array<char, KESTA_GUID_TEXT_LENGTH + 1> formed{};
     char *to = formed.data();

@@ -7,13 +7,14 @@
 
 #include "kesta/identity.h"
 #include "ownership.h"
+#include "paths.h"
 #include "text_line.h"
 #include "trace.h"
 
 namespace {
 
-constexpr const char *wwn_file = "/etc/kesta_sys/wwn";
-constexpr const char *guid_file = "/etc/cp_guid";
+using kesta::guid_file;
+using kesta::wwn_file;
 
 enum class Reading { done, missing, not_opened, empty };
 
@@ -34,14 +35,12 @@ Reading read_first_line(const char *path, std::array<char, Size> &line, int &err
 
 int write_line(int fd, const char *wwn, const char *function)
 {
-    kesta::TextBuffer line;
-    kestal_strcat(line.out(), line.capacity(), "%s\n", wwn);
-    if (!line.made()) {
+    const kesta::LineWritten line = kesta::write_line(fd, "%s\n", wwn);
+    if (!line.made) {
         FAILURE(ARGUMENT, 0, 1, "[%s] Buffer Error.", function);
         return KESTA_ERR;
     }
-    const kesta::TextWritten result = kesta::write_text(fd, line.text());
-    if (!result.complete()) {
+    if (const kesta::TextWritten &result = line.text; !result.complete()) {
         FAILURE(SYSTEM, result.error, 1, "[%s] File Write Error f_name=%s len=%d result=%d errno=%d", function, wwn_file,
               result.length, result.written, result.error);
         return KESTA_ERR;
@@ -93,8 +92,7 @@ int kestal_set_flash_wwn(const char *wwn)
         const kesta::UniqueFd file(
             open(wwn_file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
         if (!file) {
-            const int error = errno;
-            FAILURE(SYSTEM, error, 1, "[%s] Flash wwn File(%s) Open Error. errno=%d", function, wwn_file, error);
+            SYSTEM_FAILURE(error, 1, "[%s] Flash wwn File(%s) Open Error. errno=%d", function, wwn_file, error);
             return KESTA_ERR;
         }
         ret = write_line(file.get(), wwn, function);

@@ -14,7 +14,9 @@
 #include "kesta/process.h"
 #include "kesta/shell_word.h"
 #include "ownership.h"
+#include "paths.h"
 #include "plain_file.h"
+#include "slot_names.h"
 #include "storage_places.h"
 #include "text_field.h"
 #include "text_line.h"
@@ -31,18 +33,18 @@ char g_backup_filename[KESTA_AREA_NAME_SIZE];
 
 namespace {
 
-constexpr const char *tree = "/var/run/kesta_sys/env_restore2";
-constexpr const char *hosts_path = "/var/run/kesta_sys/env_restore2/C/etc/inet/hosts";
-constexpr const char *guid_path = "/var/run/kesta_sys/env_restore2/C/etc/cp_guid";
+constexpr const char *tree = kesta::staging_tree;
+constexpr const char *hosts_path = kesta::staged_hosts_file;
+constexpr const char *guid_path = kesta::staged_guid_file;
 constexpr int new_file = O_WRONLY | O_CREAT | O_TRUNC;
-constexpr const char *boot_environment = "/boot/solaris/bootenv.rc";
-constexpr const char *distribute_script = "/opt/kesta_sys/sbin/env_tarz_assign_distribute.sh";
-constexpr const char *collect_script = "/opt/kesta_sys/sbin/env_tarz_assign_collect.sh";
 constexpr const char *restore_group = "restore2.group";
 
 constexpr int flow_controllers = 2;  // that the flows treat
 constexpr int not_written = 1;
 
+using kesta::boot_environment;
+using kesta::collect_script;
+using kesta::distribute_script;
 using kesta::form;
 using kesta::or_null;
 using kesta::to_disk;
@@ -59,7 +61,7 @@ bool form_host_names(HostNames &names, const char *wwn)
 bool form_eeprom_command(kesta::CommandLine &command, int controller, const char *wwn,
                          const char *serialno)
 {
-    return form(command, "/usr/sbin/eeprom -f %s/%d%s%s%s%s%s", tree, controller, boot_environment,
+    return form(command, KESTA_EEPROM_PROGRAM " -f %s/%d%s%s%s%s%s", tree, controller, boot_environment,
                 wwn ? " cp_wwn=" : "", wwn ? wwn : "", serialno ? " cp_serial_number=" : "",
                 serialno ? serialno : "");
 }
@@ -67,7 +69,7 @@ bool form_eeprom_command(kesta::CommandLine &command, int controller, const char
 kesta::Path nodename_path(int controller)
 {
     kesta::Path path{};
-    form(path, "%s/%d/etc/nodename", tree, controller);
+    form(path, "%s/%d%s", tree, controller, kesta::nodename_file);
     return path;
 }
 
@@ -79,8 +81,7 @@ int open_in_tree(const char *path, int flags)
 
 int not_opened(const char *path)
 {
-    const int error = errno;
-    FAILURE(SYSTEM, error, 1, "[update_host_info] fopen() error path=(%s) errno=%d", path, error);
+    SYSTEM_FAILURE(error, 1, "[update_host_info] fopen() error path=(%s) errno=%d", path, error);
     return not_written;
 }
 
@@ -146,8 +147,7 @@ int rename_hosts(const char *wwn_new)
 {
     std::array<vrb_netconfig_t, 2> records{};
     if (const int ret = vrbgetnetconfig(records.data()); ret != 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[update_host_info] vrbgetnetconfig() error errno=%d", error);
+        SYSTEM_FAILURE(error, 1, "[update_host_info] vrbgetnetconfig() error errno=%d", error);
         return ret;
     }
     HostNames names{};
@@ -172,10 +172,10 @@ struct SystemCopy {
     const char *to;
 };
 constexpr std::array<SystemCopy, 4> system_copies{{
-    {"nodename", true, "/etc/nodename", "/etc/nodename"},
-    {"hosts", false, "/etc/inet/hosts", "/etc/inet/hosts"},
-    {"hosts", true, boot_environment, boot_environment},  // said of another file: kept so
-    {"cpguid", false, "/etc/cp_guid", "/etc/cp_guid"},
+    {"nodename", true, kesta::nodename_file, kesta::nodename_file},
+    {"hosts", false, kesta::hosts_file, kesta::hosts_file},
+    {"hosts", true, boot_environment, boot_environment},  // "hosts" for this one too: logs are searched for that text
+    {"cpguid", false, kesta::guid_file, kesta::guid_file},
 }};
 
 int copy_to_system(const SystemCopy &copy)
@@ -187,9 +187,8 @@ int copy_to_system(const SystemCopy &copy)
          copy.from, copy.to);
     const int rtn = kestal_exec_cmd_by_system(command.data());
     if (rtn != 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[update_vpdinfo_collect_close] %s filecopy error cmd=(%s) rtn=%d errno=%d",
-              copy.what, command.data(), rtn, error);
+        SYSTEM_FAILURE(error, 1, "[update_vpdinfo_collect_close] %s filecopy error cmd=(%s) rtn=%d errno=%d", copy.what,
+                       command.data(), rtn, error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -201,9 +200,8 @@ int collect(int flag)
     form(command, "/bin/sh %s %d > /dev/null 2>&1", collect_script, flag);
     const int rtn = kestal_exec_cmd_by_system(command.data());
     if (rtn != 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[update_vpdinfo_collect_close] backup.tar.Z collect Error. rtn=%d, errno=%d", rtn,
-              error);
+        SYSTEM_FAILURE(error, 1, "[update_vpdinfo_collect_close] backup.tar.Z collect Error. rtn=%d, errno=%d", rtn,
+                       error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -221,22 +219,18 @@ int write_accept_slot()
     set_name(g_backup_filename, "");
     int rtn = kestal_area_file_rw(KESTA_BLOCK_READ, g_accept_filename, nullptr);
     if (rtn != KESTA_OK) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[update_vpdinfo_collect_close] AcceptFileName read Failed. rtn=%d, errno=%d", rtn,
-              error);
+        SYSTEM_FAILURE(error, 1, "[update_vpdinfo_collect_close] AcceptFileName read Failed. rtn=%d, errno=%d", rtn,
+                       error);
         return KESTA_ERR;
     }
-    if (strncmp(g_accept_filename, KESTA_SLOT0, sizeof(g_accept_filename)) == 0) {
-        set_name(g_backup_filename, KESTA_SLOT1);
-    } else {
-        set_name(g_backup_filename, KESTA_SLOT0);
+    if (!kesta::is_slot_name(g_accept_filename)) {
         set_name(g_accept_filename, KESTA_SLOT1);
     }
+    set_name(g_backup_filename, kesta::other_slot(g_accept_filename));
     rtn = kestal_merge_file2accept(g_accept_filename);
     if (rtn != KESTA_OK) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[update_vpdinfo_collect_close] HDD write backup.tar.Z(%s) Failed. rtn=%d, errno=%d",
-              kesta::AreaName(g_accept_filename).c_str(), rtn, error);
+        SYSTEM_FAILURE(error, 1, "[update_vpdinfo_collect_close] HDD write backup.tar.Z(%s) Failed. rtn=%d, errno=%d",
+                       kesta::AreaName(g_accept_filename).c_str(), rtn, error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -256,16 +250,13 @@ int kestal_update_vpdinfo_distribute_open(const char *directory, int flag)
     if (flag == to_disk) {
         if (const int rtn = kestal_backup2tmp(restore_group, KESTA_OFF, nullptr, 1);
             rtn != KESTA_OK) {
-            const int error = errno;
-            FAILURE(SYSTEM, error, 1, "[update_vpdinfo_distribute_open] backup2tmp Error. rtn=%d, errno=%d", rtn,
-                  error);
+            SYSTEM_FAILURE(error, 1, "[update_vpdinfo_distribute_open] backup2tmp Error. rtn=%d, errno=%d", rtn, error);
             return KESTA_ERR;
         }
     }
     if (const int rtn = kestal_exec_cmd_by_system(command.data()); rtn != 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[update_vpdinfo_distribute_open] backup.tar.Z distribute Error. rtn=%d, errno=%d",
-              rtn, error);
+        SYSTEM_FAILURE(error, 1, "[update_vpdinfo_distribute_open] backup.tar.Z distribute Error. rtn=%d, errno=%d",
+                       rtn, error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -285,9 +276,7 @@ int kestal_update_vpdinfo_eeprom(const char *wwn, const char *serialno)
         form_eeprom_command(command, i, wwn, serialno);
         TRACE(3, "[update_vpdinfo_eeprom] Update tmp eeprom (cntno:%d, cmd:%s)", i, command.data());
         if (const int rtn = kestal_exec_cmd_by_system(command.data()); rtn != 0) {
-            const int error = errno;
-            FAILURE(SYSTEM, error, 1, "[update_vpdinfo_eeprom] Update tmp eeprom Failed. rtn=%d, errno=%d", rtn,
-                  error);
+            SYSTEM_FAILURE(error, 1, "[update_vpdinfo_eeprom] Update tmp eeprom Failed. rtn=%d, errno=%d", rtn, error);
             return KESTA_ERR;
         }
     }
@@ -303,11 +292,10 @@ int kestal_update_vpdinfo_guid(const char *guid)
         FAILURE(ARGUMENT, 0, 1, "[update_vpdinfo_guid] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
-    // The messages spell their tag otherwise: kept so.
+    // The failures spell their tag "vdpinfo", the first line "vpdinfo": logs are searched for both as they are.
     kesta::UniqueFd file(open_in_tree(guid_path, new_file));
     if (!file) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[update_vdpinfo_guid] cp_guid open error filename=(%s) errno=%d", guid_path, error);
+        SYSTEM_FAILURE(error, 1, "[update_vdpinfo_guid] cp_guid open error filename=(%s) errno=%d", guid_path, error);
         return KESTA_ERR;
     }
     if (const kesta::TextWritten result = kesta::write_and_close_text(file, line.data());
@@ -338,7 +326,8 @@ int kestal_update_host_info(const char *wwn_new, const char *wwn_old)
     }
     HostName now{};
     if (!read_nodename(now, ret)) {
-        // In the first call of a process this is the own number, on controller 0 a success: kept so.
+        // In the first call of a process this is the own number: a success on controller 0, a failure to the flows on
+        // the other one. Programs that call the step by itself rely on that result.
         return ret;
     }
     const char *by_wwn = names[static_cast<std::size_t>(g_vpd_cnt_no)].data();

@@ -203,9 +203,8 @@ int name_slots()
     for (const Name &name : names) {
         const int sts = kestal_change_address(g_accept_filename, g_backup_filename, name.flag);
         if (sts != KESTA_OK) {
-            const int error = errno;
-            FAILURE(SYSTEM, error, 1, "[kestal_CONT0_to_CONT1] kestal_change_address(%s)(%s) error. sts=%d errno=%d",
-                  name.flag_name, kesta::AreaName(name.slot).c_str(), sts, error);
+            SYSTEM_FAILURE(error, 1, "[kestal_CONT0_to_CONT1] kestal_change_address(%s)(%s) error. sts=%d errno=%d",
+                           name.flag_name, kesta::AreaName(name.slot).c_str(), sts, error);
             return KESTA_ERR;
         }
     }

@@ -4,18 +4,20 @@
 #include <array>
 
 #include "controller_state.h"
+#include "formed_text.h"
 #include "kesta/controller.h"
 #include "kesta/identity.h"
 #include "kesta/process.h"
 #include "kesta/shell_word.h"
+#include "paths.h"
 #include "storage_places.h"
 #include "trace.h"
 #include "vpd_tool.h"
 
 namespace {
 
-constexpr const char *vpd_tool = "/opt/kesta_sys/sbin/env_vpdctl";
-constexpr const char *model_command = "/usr/sbin/eeprom MODEL | cut -d '=' -f2";
+using kesta::vpd_tool;
+constexpr const char *model_command = KESTA_EEPROM_PROGRAM " MODEL | cut -d '=' -f2";
 
 const char *or_null(const char *text) { return text ? text : "NULL"; }
 
@@ -50,7 +52,7 @@ int read_values(Values values)
 {
     TRACE(5, "[kestal_get_vpn_info] START");
     kesta::CommandLine command{};
-    snprintf(command.data(), command.size(), "%s -r 2> /dev/null", vpd_tool);
+    (void)kesta::form(command, "%s -r 2> /dev/null", vpd_tool);
     std::array<char *, values.size() + 1> output{};
     std::size_t wanted = 0;  // a null buffer ends the list
     while (wanted < values.size() && values[wanted].buffer) {
@@ -102,7 +104,8 @@ int kestal_get_wwn_by_eeprom(char *wwn)
     }
     const int ret = kestal_execute_command_by_popen(KESTA_CPINFO_EEPROM_WWN);
     if (ret != KESTA_OK) {
-        // The tag of another function: kept so.
+        // The tag of the function that asks the platform: who looks in logs for failures of cpinfo and eeprom
+        // searches for that one.
         TRACE(1, "[get_cnt_num_from_cpinfo] Failed to get wwn. ret=%d", ret);
     } else {
         copy_cache(g_eeprom_wwn, wwn, KESTA_WWN_LENGTH);

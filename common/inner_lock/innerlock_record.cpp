@@ -4,11 +4,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "paths.h"
 #include "process_clock.h"
 
 namespace {
 
-constexpr const char *record_path = "/var/run/kesta_sys/tmp/.innerlock";
 constexpr clock_t passed_by_after_seconds = 30;
 
 // A place is as long as its count, which it also is the lock of.
@@ -20,7 +20,7 @@ int open_record()
 {
     kesta::CancelOff off;
     kesta::ErrnoKept keep;
-    return open(record_path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+    return open(kesta::innerlock_file, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
 }
 
 // lockf counts from where the descriptor stands.

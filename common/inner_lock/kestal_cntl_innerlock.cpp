@@ -1,3 +1,32 @@
+// The inner lock: whoever changes the NV image is alone in it, on all controllers.
+//
+// NV memory offers whole reads and writes, and no atomic operation. Each controller has a slot of a status and a
+// token.
+//
+// Promised: of controllers, and of processes on one of them, at most one is between a successful
+// kestal_cntl_innerlock and its release; a slot whose owner died is free again after 30 seconds of somebody's
+// waiting; a call ends after 1000 attempts.
+//
+// Steps of an attempt:
+//   1. The record lock keeps the other processes of this controller out (innerlock_record.h). Without it: look only.
+//   2. Look at all four slots. One is set: step 5.
+//   3. Claim: write status and token into the own slot.
+//   4. Look again. Only the own claim is there: the lock is held. Another one came too: withdraw, step 5. The own
+//      slot carries another token: leave it to its new owner.
+//   5. Sweep: a slot whose token has been the same for more than 30 seconds, since this call first saw it, is
+//      cleared. Wait 100 ms and 10 ms for each controller number, so that two that collided don't collide again.
+//
+// What can go wrong, and what then:
+//   - The owner dies: its slot is swept. A sweep that looks at the slot while another one has cleared it, and a third
+//     has claimed it, clears that claim: two sweepers may let two in (the model's "two_sweepers").
+//   - A holder stalls past its 30 seconds and goes on: it is inside beside the next one ("stalled_holder").
+//   - A process is stopped within its attempt: it is passed by, and late() keeps it from writing when it goes on, but
+//     for a stop between late() and the write ("stopped_before_write").
+//
+// models/inner_lock.pml goes through all interleavings of these steps; scripts/check_models.sh lists what is
+// excluded, and shows the shortest run of what is not. The tests: InnerLock (each step and fault), InnerLockProcesses
+// (schedules of processes), Stress.LocksBetweenControllers.
+
 #include <string.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -5,9 +34,11 @@
 #include <array>
 
 #include "controller_state.h"
+#include "controllers.h"
 #include "innerlock_record.h"
 #include "kesta/block_access.h"
 #include "kesta/inner_lock.h"
+#include "observation.h"
 #include "ownership.h"
 #include "process_clock.h"
 #include "trace.h"
@@ -15,6 +46,8 @@
 using kesta::innerlock_mutex;
 
 namespace {
+
+using kesta::is_controller;
 
 using Slots = std::array<KESTA_INNERLOCK_BUF, KESTA_CONTROLLERS>;
 using Observations = std::array<KESTAL_LOCKBUFFER_STRUCT, KESTA_CONTROLLERS>;
@@ -35,8 +68,6 @@ constexpr long token_modulus = 10000;
 constexpr clock_t stale_after_seconds = 30;
 constexpr int stale = 1;
 constexpr int not_stale = 0;
-
-bool is_controller(int cntno) { return static_cast<unsigned>(cntno) < KESTA_CONTROLLERS; }
 
 int write_slot(int block_id, KESTA_INNERLOCK_BUF record)
 {
@@ -319,20 +350,17 @@ int kestal_compare_innerlock_timeout(int cntno, int value, KESTAL_LOCKBUFFER_STR
     }
     KESTAL_LOCKBUFFER_STRUCT &seen = buf[cntno];
     const clock_t now = kesta::process_seconds();
-    if (value == seen.value) {
-        TRACE(5, "[compare_innerlock_timeout] same inner_lock value = %d", value);
-        if (now - seen.clock > stale_after_seconds) {
-            TRACE(3,
-                  "[compare_innerlock_timeout] inner_lock timeout (cntno:%d) (current_clock:%d, "
-                  "clock:%d)",
-                  cntno, static_cast<int>(now), static_cast<int>(seen.clock));
-            return stale;
-        }
+    const kesta::Observed observed = kesta::observe(seen, value, now, stale_after_seconds);
+    if (observed == kesta::Observed::anew) {
+        TRACE(5, "[compare_innerlock_timeout] inner_lock(cnt%d) set value = %d, clock= %d", cntno, seen.value,
+              static_cast<int>(seen.clock));
         return not_stale;
     }
-    seen.value = value;
-    seen.clock = value != 0 ? now : 0;
-    TRACE(5, "[compare_innerlock_timeout] inner_lock(cnt%d) set value = %d, clock= %d", cntno,
-          seen.value, static_cast<int>(seen.clock));
-    return not_stale;
+    TRACE(5, "[compare_innerlock_timeout] same inner_lock value = %d", value);
+    if (observed == kesta::Observed::same) {
+        return not_stale;
+    }
+    TRACE(3, "[compare_innerlock_timeout] inner_lock timeout (cntno:%d) (current_clock:%d, clock:%d)", cntno,
+          static_cast<int>(now), static_cast<int>(seen.clock));
+    return stale;
 }

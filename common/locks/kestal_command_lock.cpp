@@ -1,3 +1,30 @@
+// The command lock: commands on different controllers that must not run beside one another.
+//
+// Each controller has a slot in the NV image: status, sign (the identifier: the second in which the lock was taken)
+// and a time. Every access to the slots is one section of the inner lock; between two sections others come.
+//
+// Promised: a lock of type 1 or 3 is alone on the appliance; locks of type 2 stand beside one another if they were
+// taken at the same moment. Nobody waits in here: who meets another lock gets KESTA_ERR_LOCKED. Processes of one
+// controller are not kept apart: they share its slot (the local lock is for them).
+//
+// Steps:
+//   take     read all slots; any that is taken refuses (type 1: a suspended one too); write the own slot; read all
+//            again; another one that came meanwhile: withdraw, both get KESTA_ERR_LOCKED; store the group's name
+//   suspend  a release that keeps the sign: the status is free, and the identifier reserves the lock against type 1
+//   resume   take with the identifier, which signs don't refuse
+//   convert  a type-1 lock becomes "backup running", with a new time: only while nobody else has one
+//   release  with the identifier that the slot carries; group name, then slot, then what this process has seen of it
+//
+// What can go wrong, and what then:
+//   - The holder dies: its slot stays. A process that asks again and again (kestal_global_command_lock_check), and
+//     has seen the same time for more than 600 seconds, clears it. One that merely takes so long looks dead as well.
+//   - Two controllers clear the slot of one dead holder: the second one may clear the lock that came after it (the
+//     model's "two_sweeps").
+//   - A release that fails between the group's name and the slot leaves the lock, without a name.
+//
+// models/command_lock.pml goes through all interleavings; scripts/check_models.sh lists what is excluded, and shows
+// the shortest run of what is not. The tests: CommandLock (each step and fault), CommandLockProcesses (schedules).
+
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -7,6 +34,7 @@
 #include <cstdint>
 
 #include "controller_state.h"
+#include "controllers.h"
 #include "inner_lock_section.h"
 #include "kesta/area_files.h"
 #include "kesta/block_access.h"
@@ -337,7 +365,7 @@ int kestal_global_command_lock_check(int cnt_num, char *group_name_out, int *loc
 {
     TRACE(5, "[global_command_lock_check] Command lock Timeout chack Start. cnt_num=%d", cnt_num);
     const bool all = cnt_num == all_controllers;
-    if (!all && static_cast<unsigned>(cnt_num) >= KESTA_CONTROLLERS) {
+    if (!all && !kesta::is_controller(cnt_num)) {
         FAILURE(ARGUMENT, 0, 1, "[global_command_lock_check] Parameter Error. cnt_num=%d", cnt_num);
         return KESTA_ERR;
     }

@@ -3,12 +3,15 @@
 #include <array>
 
 #include "controller_state.h"
+#include "controllers.h"
 #include "kesta/command_lock.h"
 #include "kesta/inner_lock.h"
+#include "observation.h"
 #include "ownership.h"
 #include "process_clock.h"
 #include "trace.h"
 
+using kesta::is_controller;
 using kesta::lockbuffer_mutex;
 
 namespace {
@@ -20,30 +23,25 @@ constexpr clock_t stale_after_seconds = 600;
 constexpr int timed_out = 1;
 constexpr int not_timed_out = 0;
 
-bool is_controller(int cnt_num) { return static_cast<unsigned>(cnt_num) < KESTA_CONTROLLERS; }
-
 // The body of the comparison, under the mutex.
 int compare(int cnt_num, int value)
 {
     KESTAL_LOCKBUFFER_STRUCT &seen = g_cntlockinfo[cnt_num];
     TRACE(5, "[compare_cntlock_timeout] value = %d save value = %d", value, seen.value);
     const clock_t now = kesta::process_seconds();
-    if (value == seen.value) {
-        TRACE(5, "[compare_cntlock_timeout] same command_lock value = %d", value);
-        if (now - seen.clock > stale_after_seconds) {
-            TRACE(3,
-                  "[compare_cntlock_timeout] command_lock timeout (cntno:%d) (curclock:%d, "
-                  "clock:%d)",
-                  cnt_num, static_cast<int>(now), static_cast<int>(seen.clock));
-            return timed_out;
-        }
+    const kesta::Observed observed = kesta::observe(seen, value, now, stale_after_seconds);
+    if (observed == kesta::Observed::anew) {
+        TRACE(4, "[compare_cntlock_timeout] command_lock(cnt%d) set value = %d clock = %d", cnt_num, seen.value,
+              static_cast<int>(seen.clock));
         return not_timed_out;
     }
-    seen.value = value;
-    seen.clock = value != 0 ? now : 0;
-    TRACE(4, "[compare_cntlock_timeout] command_lock(cnt%d) set value = %d clock = %d", cnt_num,
-          seen.value, static_cast<int>(seen.clock));
-    return not_timed_out;
+    TRACE(5, "[compare_cntlock_timeout] same command_lock value = %d", value);
+    if (observed == kesta::Observed::same) {
+        return not_timed_out;
+    }
+    TRACE(3, "[compare_cntlock_timeout] command_lock timeout (cntno:%d) (curclock:%d, clock:%d)", cnt_num,
+          static_cast<int>(now), static_cast<int>(seen.clock));
+    return timed_out;
 }
 
 }  // namespace

@@ -50,14 +50,12 @@ int open_local_lock(const kesta::Path &path, const char *name)
 
 int write_line(int fd, const char *lock_identifier, const char *lock_name)
 {
-    kesta::TextBuffer line;
-    kestal_strcat(line.out(), line.capacity(), "%s\n", lock_identifier);
-    if (!line.made()) {
+    const kesta::LineWritten line = kesta::write_line(fd, "%s\n", lock_identifier);
+    if (!line.made) {
         FAILURE(ARGUMENT, 0, 1, "[kestal_create_lock_file] Buffer Error.");
         return KESTA_ERR;
     }
-    const kesta::TextWritten result = kesta::write_text(fd, line.text());
-    if (!result.complete()) {
+    if (const kesta::TextWritten &result = line.text; !result.complete()) {
         FAILURE(SYSTEM, result.error, 1, "[kestal_create_lock_file] File Write Error lock_name=%s len=%d result=%d errno=%d",
               lock_name, result.length, result.written, result.error);
         return KESTA_ERR;
@@ -88,9 +86,7 @@ int kestal_file_command_lock(int *fd, char *name)
     const kesta::Path path = kesta::path_of(kesta::merge_cache, name);
     *fd = open_local_lock(path, name);
     if (*fd < 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[kestal_local_command_lock] File Open Error. f_name=%s errno=%d", path.data(),
-              error);
+        SYSTEM_FAILURE(error, 1, "[kestal_local_command_lock] File Open Error. f_name=%s errno=%d", path.data(), error);
         return KESTA_ERR_LOCAL_LOCK;
     }
     if (chmod(path.data(), shared_lock_mode) != 0) {
@@ -144,9 +140,7 @@ int kestal_create_lock_file(const char *lock_identifier, const char *lock_name)
         const kesta::UniqueFd file(
             open_lock_file(lock_name, O_WRONLY | O_CREAT | O_TRUNC, kesta::new_text_file_mode));
         if (!file) {
-            const int error = errno;
-            FAILURE(SYSTEM, error, 1, "[kestal_create_lock_file] Lock File(%s) Open Error. errno=%d", lock_name,
-                  error);
+            SYSTEM_FAILURE(error, 1, "[kestal_create_lock_file] Lock File(%s) Open Error. errno=%d", lock_name, error);
             return KESTA_ERR;
         }
         ret = write_line(file.get(), lock_identifier, lock_name);

@@ -6,6 +6,7 @@
 #include "large_buffer.h"
 #include "ownership.h"
 #include "sbacc.h"
+#include "slot_names.h"
 #include "trace.h"
 
 namespace {
@@ -53,12 +54,6 @@ private:
     int close_flag_ = 1;
     bool is_open_ = false;
 };
-
-bool is_archive_slot(const char *f_name)
-{
-    return strncmp(f_name, KESTA_SLOT0, sizeof(KESTA_SLOT0)) == 0 ||
-           strncmp(f_name, KESTA_SLOT1, sizeof(KESTA_SLOT1)) == 0;
-}
 
 int read_whole(SbaccHandle &file, const char *f_name, void **data, unsigned int *size)
 {
@@ -133,7 +128,7 @@ int write_whole(SbaccHandle &file, const char *f_name, void *const *data, unsign
         FAILURE(PLATFORM, result, 1, "[backup_rw]  File Write ERROR f_name=%s result=%d ", f_name, result);
         return KESTA_ERR;
     }
-    return is_archive_slot(f_name) ? record_size(file, f_name, size) : KESTA_OK;
+    return kesta::is_slot_name(f_name) ? record_size(file, f_name, size) : KESTA_OK;
 }
 
 }  // namespace

@@ -260,8 +260,7 @@ int send_signal(pid_t pid, int signal_number, const char *name)
     if (kill(pid, signal_number) == 0) {
         return 0;
     }
-    const int error = errno;
-    FAILURE(SYSTEM, error, 1, "[prcfork] kill(%d,%s) failed(%d).", pid, name, error);
+    SYSTEM_FAILURE(error, 1, "[prcfork] kill(%d,%s) failed(%d).", pid, name, error);
     return -1;
 }
 
@@ -275,8 +274,7 @@ int try_reap(pid_t pid, const char *signal_name)
         return 1;
     }
     if (reaped < 0) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[prcfork] waitpid(%d) failed(%d).", pid, error);
+        SYSTEM_FAILURE(error, 1, "[prcfork] waitpid(%d) failed(%d).", pid, error);
         return -1;
     }
     return 0;

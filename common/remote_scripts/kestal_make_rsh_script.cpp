@@ -5,6 +5,7 @@
 
 #include <array>
 
+#include "formed_text.h"
 #include "kesta/process.h"
 #include "kesta/remote_scripts.h"
 #include "kesta/shell_word.h"
@@ -27,8 +28,7 @@ public:
     bool form(const char *format, Values... values)
     {
         text_ = {};
-        const int length = snprintf(text_.data(), text_.size(), format, values...);
-        return length >= 0 && static_cast<std::size_t>(length) < text_.size();
+        return kesta::form(text_, format, values...);
     }
 
     bool add_word(const char *word)
@@ -174,7 +174,7 @@ void build_tarz(Script &script, int cnt)
     command.form("/usr/bin/rsh -l vndrmnt CNT%d pfexec cp -p %s%s %s%s", cnt, directory, accept,
                  directory, backup);
     script.add_step(command.text(), 2);
-    // The accept archive twice: the backup archive is left to vndrmnt. Kept so.
+    // The accept archive twice: the backup archive is left to vndrmnt, which distributes the next one over it.
     command.form("/usr/bin/rsh -l vndrmnt CNT%d pfexec chown root:root %s%s %s%s", cnt, directory,
                  accept, directory, accept);
     script.add_step(command.text(), 3);
@@ -212,9 +212,8 @@ int kestal_make_rsh_samefilename_script(int cnt, char **files, int n)
     {
         const kesta::UniqueFd file(open_script(KESTA_SAMEFILE_SCRIPT));
         if (!file) {
-            const int error = errno;
-            FAILURE(SYSTEM, error, 1, "[make_rsh_samefilename_script] File(%s) Open Failed. errno=%d",
-                  KESTA_SAMEFILE_SCRIPT, error);
+            SYSTEM_FAILURE(error, 1, "[make_rsh_samefilename_script] File(%s) Open Failed. errno=%d",
+                           KESTA_SAMEFILE_SCRIPT, error);
             return KESTA_ERR;
         }
         ret = write_samefile_script(file.get(), list);
@@ -230,9 +229,7 @@ int kestal_make_rsh_tarz_script(int cnt)
     {
         const kesta::UniqueFd file(open_script(KESTA_TARZ_SCRIPT));
         if (!file) {
-            const int error = errno;
-            FAILURE(SYSTEM, error, 1, "[make_rsh_tarz_script] File(%s) Open Failed. errno=%d", KESTA_TARZ_SCRIPT,
-                  error);
+            SYSTEM_FAILURE(error, 1, "[make_rsh_tarz_script] File(%s) Open Failed. errno=%d", KESTA_TARZ_SCRIPT, error);
             return KESTA_ERR;
         }
         ret = write_tarz_script(file.get(), cnt);

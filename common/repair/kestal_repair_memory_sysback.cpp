@@ -13,6 +13,7 @@
 #include "nv_items.h"
 #include "ownership.h"
 #include "repair_state.h"
+#include "slot_names.h"
 #include "text_field.h"
 #include "trace.h"
 
@@ -264,8 +265,7 @@ int kestal_repair_filename_check(char *name, int length)
         return KESTA_ERR;
     }
     TRACE(4, "[repair_filename_check] filename=%s(%d).", name, length);
-    if (strncmp(name, KESTA_SLOT0, compared_length) != 0 &&
-        strncmp(name, KESTA_SLOT1, compared_length) != 0) {
+    if (!kesta::is_slot_name(name)) {
         TRACE(4, "[repair_filename_check] check failed");
         return KESTA_ERR;
     }

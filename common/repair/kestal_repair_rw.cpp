@@ -12,6 +12,7 @@
 #include "kesta/versions.h"
 #include "ownership.h"
 #include "repair_state.h"
+#include "slot_names.h"
 #include "trace.h"
 
 namespace {
@@ -19,7 +20,7 @@ namespace {
 using BlockAccess = int (*)(int, int, void *, unsigned int);
 
 // How a direction reads and writes, and how the traces call it. The label of the second reading says
-// "SysBack Write": kept so.
+// "SysBack Write": logs of a repair are searched for that text, and tell the direction by it.
 struct RepairRow {
     BlockAccess read;
     BlockAccess write;
@@ -151,12 +152,8 @@ private:
 
     bool derive_accept_name(const char *backup_name)
     {
-        const char *other = nullptr;
-        if (strncmp(backup_name, KESTA_SLOT0, sizeof(KESTA_SLOT0)) == 0) {
-            other = KESTA_SLOT1;
-        } else if (strncmp(backup_name, KESTA_SLOT1, sizeof(KESTA_SLOT1)) == 0) {
-            other = KESTA_SLOT0;
-        } else {
+        const char *other = kesta::other_slot(backup_name);
+        if (!other) {
             TRACE(3, "[repair_rw] sysvol read for irrigal data(id=%d)", block_id_);
             return false;
         }

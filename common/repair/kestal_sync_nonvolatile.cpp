@@ -160,7 +160,7 @@ int rewrite_regions(kesta::TrackedBuffer &buffer)
     if (!buffer) {
         const int error = errno;
         FAILURE(MEMORY, error, 1, "[sync_all_nonvolatile] CALLOC ERROR size=%d errno=%d", chunk_size, error);
-        return KESTA_OK;  // reported as success: kept so
+        return KESTA_OK;  // a start goes on: callers take a failure for NV memory that is broken
     }
     for (const SyncRow &row : sync_nonvolatile_tbl) {
         if (const int rtn = rewrite_region(row, buffer.get()); rtn != 0) {

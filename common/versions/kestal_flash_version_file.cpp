@@ -10,6 +10,7 @@
 #include "kesta/process.h"
 #include "kesta/versions.h"
 #include "ownership.h"
+#include "paths.h"
 #include "text_line.h"
 #include "trace.h"
 
@@ -17,12 +18,8 @@ namespace {
 
 // The number of a file is its row; the last two are brought by a restore and only read.
 constexpr std::array<const char *, 6> flash_version_files{
-    "/etc/kesta_sys/version",
-    "/etc/kesta_sys/reboot",
-    "/etc/kesta_sys/cntno",
-    "/etc/kesta_sys/rebootcount",
-    "/tmp/kesta_sys/tmp/env_restore2_rcpdir/master-version",
-    "/tmp/kesta_sys/tmp/env_restore2_rcpdir/master-reboot",
+    kesta::version_file,      kesta::reboot_file,         kesta::cntno_file,
+    kesta::reboot_count_file, kesta::master_version_file, kesta::master_reboot_file,
 };
 constexpr std::size_t writable_files = 4;
 
@@ -51,14 +48,12 @@ void read_word(FILE *file, Word &word)
 
 int write_line(int fd, const char *path, int version)
 {
-    kesta::TextBuffer line;
-    kestal_strcat(line.out(), line.capacity(), "%d\n", version);
-    if (!line.made()) {
+    const kesta::LineWritten line = kesta::write_line(fd, "%d\n", version);
+    if (!line.made) {
         FAILURE(ARGUMENT, 0, 1, "[set_flash_version_file] Buffer ERROR flash_version_file=%s", path);
         return KESTA_ERR;
     }
-    const kesta::TextWritten result = kesta::write_text(fd, line.text());
-    if (!result.complete()) {
+    if (const kesta::TextWritten &result = line.text; !result.complete()) {
         FAILURE(SYSTEM, result.error, 1, "[set_flash_version_file] File Write Error flash_version_file=%s len=%d result=%d "
               "errno=%d",
               path, result.length, result.written, result.error);
@@ -128,9 +123,8 @@ int kestal_set_flash_version_file(int version, int f_type)
         const kesta::UniqueFd file(
             open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
         if (!file) {
-            const int error = errno;
-            FAILURE(SYSTEM, error, 1, "[set_flash_version_file] Flash flash_version_file=%s Open ERROR errno=%d",
-                  path, error);
+            SYSTEM_FAILURE(error, 1, "[set_flash_version_file] Flash flash_version_file=%s Open ERROR errno=%d", path,
+                           error);
             return KESTA_ERR;
         }
         ret = write_line(file.get(), path, version);

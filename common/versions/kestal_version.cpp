@@ -1,5 +1,6 @@
 #include <cstdint>
 
+#include "controllers.h"
 #include "inner_lock_section.h"
 #include "kesta/block_access.h"
 #include "kesta/nv_image.h"
@@ -10,6 +11,7 @@
 namespace {
 
 using kesta::InnerLockSection;
+using kesta::is_controller;
 
 constexpr int not_available = -1;
 constexpr int to_be_read = 0;  // compare: a number below this one is read
@@ -24,8 +26,6 @@ const KESTA_NV_ITEM *find_area(int verarea)
     }
     return nullptr;
 }
-
-bool is_controller(int cntno) { return static_cast<unsigned>(cntno) < KESTA_CONTROLLERS; }
 
 // The checks that all operations begin with; the tag is the operation's.
 int check_arguments(const char *tag, int verarea, int cntno)
@@ -102,18 +102,28 @@ int read_missing(int cntno, int &backup, int &numbering)
     return KESTA_OK;
 }
 
-int read_missing_locked(int cntno, int &backup, int &numbering)
+// A section under the inner lock, with the texts that all operations have; the tag is the operation's. False: there was
+// no lock. The result is the body's, or KESTA_ERR where the lock could not be given back.
+template <typename Body>
+bool under_inner_lock(const char *tag, int cntno, int &result, Body body)
 {
     InnerLockSection lock;
     if (const int rtn = lock.acquire(cntno); rtn != KESTA_OK) {
-        TRACE(1, "[compare_version] Inner Lock ERROR rtn=%d", rtn);
-        return KESTA_ERR;
+        TRACE(1, "[%s] Inner Lock ERROR rtn=%d", tag, rtn);
+        return false;
     }
-    int ret = read_missing(cntno, backup, numbering);
+    result = body();
     if (const int rtn = lock.release(); rtn != KESTA_OK) {
-        TRACE(1, "[compare_version] Inner UnLock ERROR rtn=%d", rtn);
-        ret = KESTA_ERR;
+        TRACE(1, "[%s] Inner UnLock ERROR rtn=%d", tag, rtn);
+        result = KESTA_ERR;
     }
+    return true;
+}
+
+int read_missing_locked(int cntno, int &backup, int &numbering)
+{
+    int ret = KESTA_ERR;
+    (void)under_inner_lock("compare_version", cntno, ret, [&] { return read_missing(cntno, backup, numbering); });
     return ret;
 }
 
@@ -213,19 +223,14 @@ int kestal_read_version(int verarea, int cntno, int mode)
     if (const int refused = check_arguments("read_version", verarea, cntno); refused != KESTA_OK) {
         return refused;
     }
-    InnerLockSection lock;
-    if (const int rtn = lock.acquire(cntno); rtn != KESTA_OK) {
-        TRACE(1, "[read_version] Inner Lock ERROR rtn=%d", rtn);
-        return KESTA_ERR;
-    }
-    const int version = kestal_read_version_nolock(verarea, cntno, mode);
-    if (version < 0) {
-        TRACE(1, "[read_version] Get Version ERROR rtn=%d", version);
-    }
-    if (const int rtn = lock.release(); rtn != KESTA_OK) {
-        TRACE(1, "[read_version] Inner UnLock ERROR rtn=%d", rtn);
-        return KESTA_ERR;
-    }
+    int version = KESTA_ERR;
+    (void)under_inner_lock("read_version", cntno, version, [&] {
+        const int rtn = kestal_read_version_nolock(verarea, cntno, mode);
+        if (rtn < 0) {
+            TRACE(1, "[read_version] Get Version ERROR rtn=%d", rtn);
+        }
+        return rtn;
+    });
     if (version < 0) {
         return KESTA_ERR;
     }
@@ -241,19 +246,16 @@ int kestal_set_version(int verarea, int cntno, int value)
         return refused;
     }
     TRACE(5, "[set_version] Set Version Value(%d) value=%d.", verarea, value);
-    InnerLockSection lock;
-    if (const int rtn = lock.acquire(cntno); rtn != KESTA_OK) {
-        TRACE(1, "[set_version] Inner Lock ERROR rtn=%d", rtn);
+    int ret = KESTA_ERR;
+    const bool locked = under_inner_lock("set_version", cntno, ret, [&] {
+        const int rtn = kestal_set_version_nolock(verarea, cntno, value);
+        if (rtn < 0) {
+            TRACE(1, "[set_version] Set Version ERROR rtn=%d", rtn);
+        }
+        return rtn < 0 ? KESTA_ERR : KESTA_OK;
+    });
+    if (!locked) {
         return KESTA_ERR;
-    }
-    int ret = KESTA_OK;
-    if (const int rtn = kestal_set_version_nolock(verarea, cntno, value); rtn < 0) {
-        TRACE(1, "[set_version] Set Version ERROR rtn=%d", rtn);
-        ret = KESTA_ERR;
-    }
-    if (const int rtn = lock.release(); rtn != KESTA_OK) {
-        TRACE(1, "[set_version] Inner UnLock ERROR rtn=%d", rtn);
-        ret = KESTA_ERR;
     }
     TRACE(5, "[set_version] END ret=%d", ret);
     return ret;
@@ -277,7 +279,7 @@ int kestal_compare_version(int cntno, int backup, int numbering)
     int current = not_available;
     if (int rtn = kestal_read_flash_version_file(&current, KESTA_FLASH_VERSION); rtn != KESTA_OK) {
         TRACE(1, "[compare_version] Get Version(CNT(flash) ,%d) ERROR rtn=%d", cntno, rtn);
-        // Releases a lock that was not taken: the own slot is cleared. Kept so.
+        // Releases a lock that was not taken: callers rely on their own slot being clear afterwards, in any case.
         rtn = kestal_reset_mycnt_innerlock_main(cntno, KESTA_OFF);
         if (rtn != KESTA_OK) {
             TRACE(1, "[compare_version] Inner UnLock ERROR rtn=%d", rtn);

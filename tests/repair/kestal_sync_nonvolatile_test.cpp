@@ -160,7 +160,7 @@ TEST_F(NvSync, SyncFailuresEndIt)
     EXPECT_TRUE(p().traced(1, "[sync_all_nonvolatile] NV(memory) Write ERROR rtn=-5"));
     EXPECT_TRUE(p().traced(4, "[sync_all_nonvolatile] END rtn=-5"));
     p().fail_kind("alloc", 0, 1);
-    EXPECT_EQ(kestal_sync_all_nonvolatile(0), 0) << "reported as success: kept so";
+    EXPECT_EQ(kestal_sync_all_nonvolatile(0), 0) << "a start goes on without it";
     EXPECT_TRUE(p().traced(1, "[sync_all_nonvolatile] CALLOC ERROR size=32768 errno=12"));
     EXPECT_TRUE(inner_lock_is_free());
     p().fail_kind("nv_write", 3, 5);
