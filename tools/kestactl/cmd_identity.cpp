@@ -480,11 +480,11 @@ Result carry(Plan (*make_plan)(), const Globals &globals)
     return result;
 }
 
-void add_carry(CLI::App &identity, Globals &globals, Action &action)
+void add_carry(const Command &identity, Globals &globals, Action &action)
 {
-    CLI::App *carrying =
+    const Command carrying =
         identity.add_subcommand("carry", "Carry the identity from one place to the others");
-    carrying->require_subcommand(1);
+    carrying.require_subcommand();
     struct Flow {
         const char *name;
         const char *what;
@@ -501,53 +501,53 @@ void add_carry(CLI::App &identity, Globals &globals, Action &action)
          plan_cnt0_to_cnt1, true},
     }};
     for (const Flow &flow : flows) {
-        CLI::App *command = carrying->add_subcommand(flow.name, flow.what);
+        const Command command = carrying.add_subcommand(flow.name, flow.what);
         if (flow.replaces_archives) {
-            add_keep_options(*command, globals);
+            add_keep_options(command, globals);
         }
-        add_lock_rule(*command, globals);
-        add_dry_run(*command, globals);
-        command->callback([&action, make_plan = flow.make_plan] {
+        add_lock_rule(command, globals);
+        add_dry_run(command, globals);
+        command.callback([&action, make_plan = flow.make_plan] {
             action = [make_plan](const Globals &given) { return carry(make_plan, given); };
         });
-        add_examples(*command, std::string("  kestactl identity carry ") + flow.name +
-                                   " --dry-run\n  kestactl identity carry " + flow.name);
+        add_examples(command, std::string("  kestactl identity carry ") + flow.name +
+                                          " --dry-run\n  kestactl identity carry " + flow.name);
     }
-    add_examples(*carrying, "  kestactl identity carry vpd-to-flash --dry-run\n"
-                            "  kestactl identity carry cnt0-to-cnt1");
+    add_examples(carrying, "  kestactl identity carry vpd-to-flash --dry-run\n"
+                           "  kestactl identity carry cnt0-to-cnt1");
 }
 
 }  // namespace
 
-void add_identity(CLI::App &app, Globals &globals, Action &action)
+void add_identity(const Command &app, Globals &globals, Action &action)
 {
-    CLI::App *identity =
+    const Command identity =
         app.add_subcommand("identity", "Show, set and carry WWN, serial number and GUID");
-    identity->require_subcommand(1);
-    CLI::App *showing =
-        identity->add_subcommand("show", "Show every place that keeps them, side by side");
-    showing->callback([&action] { action = [](const Globals &) { return show(); }; });
-    add_examples(*showing, "  kestactl identity show\n"
-                           "  kestactl identity show --json");
+    identity.require_subcommand();
+    const Command showing =
+        identity.add_subcommand("show", "Show every place that keeps them, side by side");
+    showing.callback([&action] { action = [](const Globals &) { return show(); }; });
+    add_examples(showing, "  kestactl identity show\n"
+                          "  kestactl identity show --json");
 
     auto options = std::make_shared<SetOptions>();
-    CLI::App *setting = identity->add_subcommand("set", "Set values by hand, in all places or some");
-    setting->add_option("--wwn", options->wwn, "16 characters");
-    setting->add_option("--serialno", options->serialno, "16 characters");
-    setting->add_option("--guid", options->guid, "36 characters, 8-4-4-4-12 hexadecimal digits");
-    setting->add_option("--in", options->places, "Only there: eeprom, vpd, flash or nv; repeatable")
-        ->check(CLI::IsMember({"eeprom", "vpd", "flash", "nv"}))
-        ->option_text("PLACE");
-    add_lock_rule(*setting, globals);
-    add_dry_run(*setting, globals);
-    setting->callback([&action, options] {
+    const Command setting = identity.add_subcommand("set", "Set values by hand, in all places or some");
+    setting.add_option("--wwn", options->wwn, "16 characters");
+    setting.add_option("--serialno", options->serialno, "16 characters");
+    setting.add_option("--guid", options->guid, "36 characters, 8-4-4-4-12 hexadecimal digits");
+    setting.add_option("--in", options->places, "Only there: eeprom, vpd, flash or nv; repeatable")
+        .one_of({"eeprom", "vpd", "flash", "nv"})
+        .option_text("PLACE");
+    add_lock_rule(setting, globals);
+    add_dry_run(setting, globals);
+    setting.callback([&action, options] {
         action = [options](const Globals &given) { return carry_out(plan_set(*options), given); };
     });
-    add_examples(*setting, "  kestactl identity set --wwn 500000E0D0123400 --dry-run\n"
-                           "  kestactl identity set --serialno KESTA00000000042 --in eeprom --in nv");
-    add_carry(*identity, globals, action);
-    add_examples(*identity, "  kestactl identity show\n"
-                            "  kestactl identity carry vpd-to-flash --dry-run");
+    add_examples(setting, "  kestactl identity set --wwn 500000E0D0123400 --dry-run\n"
+                          "  kestactl identity set --serialno KESTA00000000042 --in eeprom --in nv");
+    add_carry(identity, globals, action);
+    add_examples(identity, "  kestactl identity show\n"
+                           "  kestactl identity carry vpd-to-flash --dry-run");
 }
 
 }  // namespace kestactl
