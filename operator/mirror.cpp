@@ -7,8 +7,8 @@
 #include <algorithm>
 
 #include "appliance_state.h"
+#include "cause_words.h"
 #include "failure.h"
-#include "trace_capture.h"
 
 namespace engine {
 namespace {
@@ -45,12 +45,6 @@ Content content_of(int (*read)(int, int, void *, unsigned), int flag, const Bloc
         return std::nullopt;
     }
     return bytes;
-}
-
-// A file that is not there is no failure, and neither is one of another size than its item.
-bool area_failed(std::uint64_t before)
-{
-    return was_traced("[backup_rw] ", before) && !was_traced("result=" + std::to_string(-ENOENT) + " ", before);
 }
 
 bool is_slot_field(const Content &content)
@@ -107,9 +101,9 @@ MirrorState read_mirror()
             item.memory = content_of(kestal_non_volatile_rw_memory, KESTA_BLOCK_READ, *block);
         }
         item.memory_unreadable = item.block->in_memory && !item.memory;
-        const std::uint64_t before = traced_lines();
+        kesta_clear_cause();
         item.disk = content_of(kestal_non_volatile_rw_sysback, KESTA_FILE_READ, *block);
-        item.disk_unreadable = !item.disk && area_failed(before);
+        item.disk_unreadable = !item.disk && area_failed();
         state.items.push_back(item);
     }
     return state;

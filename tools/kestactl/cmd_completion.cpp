@@ -1,4 +1,5 @@
 // kestactl completion: what a shell completes, made from the table of commands and options itself.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <map>
 #include <memory>
@@ -182,18 +183,18 @@ Result completion(const CLI::App &app, const std::string &shell)
 
 }  // namespace
 
-void add_completion(CLI::App &app, Action &action)
+void add_completion(const Command &app, Action &action)
 {
     auto shell = std::make_shared<std::string>();
-    CLI::App *command = app.add_subcommand("completion", "Print what lets a shell complete kestactl");
-    command->add_option("SHELL", *shell, "bash or zsh")
-        ->required()
-        ->check(CLI::IsMember({"bash", "zsh"}));
-    command->callback([&app, &action, shell] {
-        action = [&app, shell](const Globals &) { return completion(app, *shell); };
+    const Command command = app.add_subcommand("completion", "Print what lets a shell complete kestactl");
+    command.add_option("SHELL", *shell, "bash or zsh")
+        .required()
+        .one_of({"bash", "zsh"});
+    command.callback([app, &action, shell] {
+        action = [app, shell](const Globals &) { return completion(app.app(), *shell); };
     });
-    add_examples(*command, "  . <(kestactl completion bash)\n"
-                           "  kestactl completion zsh > ~/.zfunc/_kestactl");
+    add_examples(command, "  . <(kestactl completion bash)\n"
+                          "  kestactl completion zsh > ~/.zfunc/_kestactl");
 }
 
 }  // namespace kestactl

@@ -241,14 +241,13 @@ Plan plan_backup2copy(const CopyOptions &options)
 
 using Planner = Plan (*)(const CopyOptions &);
 
-CLI::App *add_verb(CLI::App &copy, Globals &globals, Action &action, const char *verb,
-                   const char *description, const std::shared_ptr<CopyOptions> &options,
-                   Planner planner)
+Command add_verb(const Command &copy, Globals &globals, Action &action, const char *verb,
+                 const char *description, const std::shared_ptr<CopyOptions> &options, Planner planner)
 {
-    CLI::App *command = copy.add_subcommand(verb, description);
-    add_keep_options(*command, globals);
-    add_dry_run(*command, globals);
-    command->callback([&action, options, planner] {
+    const Command command = copy.add_subcommand(verb, description);
+    add_keep_options(command, globals);
+    add_dry_run(command, globals);
+    command.callback([&action, options, planner] {
         action = [options, planner](const Globals &given) {
             return carry_out(planner(*options), given);
         };
@@ -258,52 +257,52 @@ CLI::App *add_verb(CLI::App &copy, Globals &globals, Action &action, const char 
 
 }  // namespace
 
-void add_copy(CLI::App &app, Globals &globals, Action &action)
+void add_copy(const Command &app, Globals &globals, Action &action)
 {
-    CLI::App *copy = app.add_subcommand("copy", "Move archives between the storage places");
-    copy->require_subcommand(1);
+    const Command copy = app.add_subcommand("copy", "Move archives between the storage places");
+    copy.require_subcommand();
     auto options = std::make_shared<CopyOptions>();
 
-    CLI::App *verb = add_verb(*copy, globals, action, "backup2tmp",
+    Command verb = add_verb(copy, globals, action, "backup2tmp",
                               "System backup area to the tmp cache, unpacked there", options,
                               plan_backup2tmp);
-    verb->add_option("GROUP", options->group, "Group name");
-    verb->add_flag("--accept", options->accept, "Take the accept slot, not the backup slot");
-    verb->add_flag("--check", options->check, "Make check.tar.Z, and don't unpack it");
-    add_examples(*verb, "  kestactl copy backup2tmp\n"
-                        "  kestactl copy backup2tmp --accept --check");
+    verb.add_option("GROUP", options->group, "Group name");
+    verb.add_flag("--accept", options->accept, "Take the accept slot, not the backup slot");
+    verb.add_flag("--check", options->check, "Make check.tar.Z, and don't unpack it");
+    add_examples(verb, "  kestactl copy backup2tmp\n"
+                       "  kestactl copy backup2tmp --accept --check");
 
-    verb = add_verb(*copy, globals, action, "cntbackup2tmp", "Flash directory to the tmp cache",
+    verb = add_verb(copy, globals, action, "cntbackup2tmp", "Flash directory to the tmp cache",
                     options, plan_cntbackup2tmp);
-    verb->add_option("GROUP", options->group, "Group name");
-    verb->add_flag("--accept", options->accept, "Take accept.tar.Z, not backup.tar.Z");
-    add_examples(*verb, "  kestactl copy cntbackup2tmp --accept");
+    verb.add_option("GROUP", options->group, "Group name");
+    verb.add_flag("--accept", options->accept, "Take accept.tar.Z, not backup.tar.Z");
+    add_examples(verb, "  kestactl copy cntbackup2tmp --accept");
 
-    verb = add_verb(*copy, globals, action, "cntbackup2backup",
+    verb = add_verb(copy, globals, action, "cntbackup2backup",
                     "Flash directory to the backup slot of the system backup area", options,
                     plan_cntbackup2backup);
-    verb->add_flag("--force", options->force, "Also copy a damaged archive, or overwrite a newer version or one that can't be told from it");
-    add_lock_rule(*verb, globals);
-    add_examples(*verb, "  kestactl copy cntbackup2backup --dry-run\n"
-                        "  kestactl copy cntbackup2backup");
+    verb.add_flag("--force", options->force, "Also copy a damaged archive, or overwrite a newer version or one that can't be told from it");
+    add_lock_rule(verb, globals);
+    add_examples(verb, "  kestactl copy cntbackup2backup --dry-run\n"
+                       "  kestactl copy cntbackup2backup");
 
-    verb = add_verb(*copy, globals, action, "merge-file2accept",
+    verb = add_verb(copy, globals, action, "merge-file2accept",
                     "Merge cache to the accept slot of the system backup area", options,
                     plan_merge_file2accept);
-    verb->add_option("--slot", options->slot, "Write this slot, not the accept slot in force");
-    verb->add_flag("--force", options->force, "Also copy a damaged archive");
-    add_lock_rule(*verb, globals);
-    add_examples(*verb, "  kestactl copy merge-file2accept --dry-run");
+    verb.add_option("--slot", options->slot, "Write this slot, not the accept slot in force");
+    verb.add_flag("--force", options->force, "Also copy a damaged archive");
+    add_lock_rule(verb, globals);
+    add_examples(verb, "  kestactl copy merge-file2accept --dry-run");
 
-    verb = add_verb(*copy, globals, action, "backup2copy",
+    verb = add_verb(copy, globals, action, "backup2copy",
                     "Run the group's copy script; in InitConf boot mode fill flash first", options,
                     plan_backup2copy);
-    verb->add_option("GROUP", options->group, "Group name")->required();
-    add_examples(*verb, "  kestactl copy backup2copy network --dry-run");
-    add_copy_archive(*copy, globals, action);
-    add_examples(*copy, "  kestactl copy cntbackup2backup\n"
-                        "  kestactl copy backup2tmp --accept --check\n"
-                        "  kestactl copy backup2copy network --dry-run");
+    verb.add_option("GROUP", options->group, "Group name").required();
+    add_examples(verb, "  kestactl copy backup2copy network --dry-run");
+    add_copy_archive(copy, globals, action);
+    add_examples(copy, "  kestactl copy cntbackup2backup\n"
+                       "  kestactl copy backup2tmp --accept --check\n"
+                       "  kestactl copy backup2copy network --dry-run");
 }
 
 }  // namespace kestactl

@@ -46,23 +46,23 @@ Result copy_one_archive(const ArchiveCopyRequest &request, const Globals &global
 
 }  // namespace
 
-void add_copy_archive(CLI::App &copy, Globals &globals, Action &action)
+void add_copy_archive(const Command &copy, Globals &globals, Action &action)
 {
     auto request = std::make_shared<ArchiveCopyRequest>();
-    CLI::App *command = copy.add_subcommand(
+    const Command command = copy.add_subcommand(
         "archive", "A whole archive from one place to another; what is replaced is kept as a generation");
-    command->add_option("FROM", request->from, "flash:backup, flash:accept, slot:NAME or generation:SHA256")->required();
-    command->add_option("TO", request->to, "flash:backup, flash:accept or slot:NAME")->required();
-    command->add_option("--sha256", request->sha256, "Only if FROM holds the archive with this checksum")
-        ->option_text("HEX");
-    add_keep_options(*command, globals);
-    add_lock_rule(*command, globals);
-    add_dry_run(*command, globals);
-    command->callback([&action, request] {
+    command.add_option("FROM", request->from, "flash:backup, flash:accept, slot:NAME or generation:SHA256").required();
+    command.add_option("TO", request->to, "flash:backup, flash:accept or slot:NAME").required();
+    command.add_option("--sha256", request->sha256, "Only if FROM holds the archive with this checksum")
+        .option_text("HEX");
+    add_keep_options(command, globals);
+    add_lock_rule(command, globals);
+    add_dry_run(command, globals);
+    command.callback([&action, request] {
         action = [request](const Globals &given) { return copy_one_archive(*request, given); };
     });
-    add_examples(*command, "  kestactl copy archive slot:kesta_backup0 flash:backup --dry-run\n"
-                           "  kestactl copy archive flash:accept slot:kesta_backup1");
+    add_examples(command, "  kestactl copy archive slot:kesta_backup0 flash:backup --dry-run\n"
+                          "  kestactl copy archive flash:accept slot:kesta_backup1");
 }
 
 }  // namespace kestactl

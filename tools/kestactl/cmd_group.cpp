@@ -188,36 +188,36 @@ Result apply_command(const std::string &group, const Globals &globals)
 
 }  // namespace
 
-void add_group(CLI::App &app, Globals &globals, Action &action)
+void add_group(const Command &app, Globals &globals, Action &action)
 {
-    CLI::App *group = app.add_subcommand("group", "Definitions of backup groups");
-    group->require_subcommand(1);
+    const Command group = app.add_subcommand("group", "Definitions of backup groups");
+    group.require_subcommand();
     auto name = std::make_shared<std::string>();
 
-    CLI::App *command = group->add_subcommand(
+    Command command = group.add_subcommand(
         "check", "Say everything that is wrong with a definition; exit code 1 if it is refused");
-    command->add_option("FILE|GROUP", *name, "A file, or a group with its define.xml in place")
-        ->required();
-    command->callback([&action, name] { action = [name](const Globals &) { return check(*name); }; });
-    add_examples(*command, "  kestactl group check network\n"
-                           "  kestactl group check ./define.xml --json");
+    command.add_option("FILE|GROUP", *name, "A file, or a group with its define.xml in place")
+        .required();
+    command.callback([&action, name] { action = [name](const Globals &) { return check(*name); }; });
+    add_examples(command, "  kestactl group check network\n"
+                          "  kestactl group check ./define.xml --json");
 
-    command = group->add_subcommand("show", "Show a definition");
-    command->add_option("GROUP", *name, "Group name")->required();
-    command->callback([&action, name] { action = [name](const Globals &) { return show(*name); }; });
-    add_examples(*command, "  kestactl group show network");
+    command = group.add_subcommand("show", "Show a definition");
+    command.add_option("GROUP", *name, "Group name").required();
+    command.callback([&action, name] { action = [name](const Globals &) { return show(*name); }; });
+    add_examples(command, "  kestactl group show network");
 
-    command = group->add_subcommand(
+    command = group.add_subcommand(
         "apply", "Put links, owners, groups and modes of the group's files in order");
-    command->add_option("GROUP", *name, "Group name")->required();
-    add_dry_run(*command, globals);
-    command->callback([&action, name] {
+    command.add_option("GROUP", *name, "Group name").required();
+    add_dry_run(command, globals);
+    command.callback([&action, name] {
         action = [name](const Globals &given) { return apply_command(*name, given); };
     });
-    add_examples(*command, "  kestactl group apply network --dry-run");
-    add_examples(*group, "  kestactl group check network\n"
-                         "  kestactl group show network --json\n"
-                         "  kestactl group apply network --dry-run");
+    add_examples(command, "  kestactl group apply network --dry-run");
+    add_examples(group, "  kestactl group check network\n"
+                        "  kestactl group show network --json\n"
+                        "  kestactl group apply network --dry-run");
 }
 
 }  // namespace kestactl

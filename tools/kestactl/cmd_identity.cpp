@@ -16,6 +16,7 @@
 #include "mirror.h"
 #include "kept_generations.h"
 #include "names.h"
+#include "printable.h"
 #include "trace_capture.h"
 #include "whole_file.h"
 
@@ -206,39 +207,14 @@ public:
     ProgressLines &operator=(const ProgressLines &) = delete;
 };
 
-// What the library's own trace says was the step that failed.
-struct StepFailure {
-    const char *trace;
-    const char *message;
-    const char *hint;
-};
-constexpr std::array<StepFailure, 8> step_failures{{
-    {"backup2tmp Error", "the backup slot could not be fetched.",
-     "Is there an archive in it? 'kestactl status --archives' tells; 'kestactl copy "
-     "cntbackup2backup' on controller 0 puts one there."},
-    {"update_vpdinfo_distribute_open error", "the saved environment could not be opened.",
-     "Is there a whole backup.tar.Z in /opt/kesta_sys/bakup? 'kestactl status' tells."},
-    {"update_vpdinfo_eeprom error", "a boot environment could not be set.",
-     "Look at --trace 1 for the command, and run it by hand."},
-    {"update_vpdinfo_guid error", "the GUID file could not be written.",
-     "Is there room in /var/run/kesta_sys?"},
-    {"filecopy error", "the files could not be copied to the running system.",
-     "Does the archive hold this controller's part? Look at --trace 1 for the command."},
-    {"update_host_info() error", "host names could not be written, or the archive not be packed.",
-     "Look at --trace 1 for the failed call: room, and the network configuration."},
-    {"kestal_version_up() error", "there is no backup version that could be raised.",
-     "Set it with 'kestactl version set backup 1', and run the command again."},
-    {"kestal_set_version", "the raised version could not be written.",
-     "Look at 'kestactl nv verify', and run the command again."},
-}};
-
+// A flow runs commands; the one that failed is named, to be run by hand.
 [[noreturn]] void fail_flow()
 {
-    for (const StepFailure &step : step_failures) {
-        if (was_traced(step.trace)) {
-            fail_call("carry-failed",
-                      std::string("The identity was not carried whole: ") + step.message, step.hint);
-        }
+    const KESTA_CAUSE cause = *kesta_last_cause();
+    if (cause.kind == KESTA_CAUSE_COMMAND) {
+        throw Failure(Exit::platform, "carry-failed",
+                      "The identity was not carried whole: " + plain_text(cause.text) + ".",
+                      "Run that command by hand, and see what it says; then run this one again.");
     }
     fail_call("carry-failed", "The identity was not carried whole.",
               "Look at --trace 1 for the failed call, and run the command again.");
@@ -261,8 +237,10 @@ void run_vpd_to_flash(const Identity &running)
     Field17 wwn = field_of<Field17>(*running.wwn);
     Field17 serialno = field_of<Field17>(*running.serialno);
     Field37 guid = field_of<Field37>(*running.guid);
-    if (kestal_vpd_to_flash(wwn.data(), serialno.data(), guid.data()) < 0 ||
-        was_traced("[kestal_vpd_to_flash] kestal_")) {
+    kesta_clear_cause();
+    const int result = kestal_vpd_to_flash(wwn.data(), serialno.data(), guid.data());
+    // Where the tool can't be read or written, the flow calls it nothing to do.
+    if (result < 0 || (result == KESTA_OK && read_identity(Place::vpd) != running)) {
         fail_flow();
     }
 }
@@ -502,11 +480,11 @@ Result carry(Plan (*make_plan)(), const Globals &globals)
     return result;
 }
 
-void add_carry(CLI::App &identity, Globals &globals, Action &action)
+void add_carry(const Command &identity, Globals &globals, Action &action)
 {
-    CLI::App *carrying =
+    const Command carrying =
         identity.add_subcommand("carry", "Carry the identity from one place to the others");
-    carrying->require_subcommand(1);
+    carrying.require_subcommand();
     struct Flow {
         const char *name;
         const char *what;
@@ -523,53 +501,53 @@ void add_carry(CLI::App &identity, Globals &globals, Action &action)
          plan_cnt0_to_cnt1, true},
     }};
     for (const Flow &flow : flows) {
-        CLI::App *command = carrying->add_subcommand(flow.name, flow.what);
+        const Command command = carrying.add_subcommand(flow.name, flow.what);
         if (flow.replaces_archives) {
-            add_keep_options(*command, globals);
+            add_keep_options(command, globals);
         }
-        add_lock_rule(*command, globals);
-        add_dry_run(*command, globals);
-        command->callback([&action, make_plan = flow.make_plan] {
+        add_lock_rule(command, globals);
+        add_dry_run(command, globals);
+        command.callback([&action, make_plan = flow.make_plan] {
             action = [make_plan](const Globals &given) { return carry(make_plan, given); };
         });
-        add_examples(*command, std::string("  kestactl identity carry ") + flow.name +
-                                   " --dry-run\n  kestactl identity carry " + flow.name);
+        add_examples(command, std::string("  kestactl identity carry ") + flow.name +
+                                          " --dry-run\n  kestactl identity carry " + flow.name);
     }
-    add_examples(*carrying, "  kestactl identity carry vpd-to-flash --dry-run\n"
-                            "  kestactl identity carry cnt0-to-cnt1");
+    add_examples(carrying, "  kestactl identity carry vpd-to-flash --dry-run\n"
+                           "  kestactl identity carry cnt0-to-cnt1");
 }
 
 }  // namespace
 
-void add_identity(CLI::App &app, Globals &globals, Action &action)
+void add_identity(const Command &app, Globals &globals, Action &action)
 {
-    CLI::App *identity =
+    const Command identity =
         app.add_subcommand("identity", "Show, set and carry WWN, serial number and GUID");
-    identity->require_subcommand(1);
-    CLI::App *showing =
-        identity->add_subcommand("show", "Show every place that keeps them, side by side");
-    showing->callback([&action] { action = [](const Globals &) { return show(); }; });
-    add_examples(*showing, "  kestactl identity show\n"
-                           "  kestactl identity show --json");
+    identity.require_subcommand();
+    const Command showing =
+        identity.add_subcommand("show", "Show every place that keeps them, side by side");
+    showing.callback([&action] { action = [](const Globals &) { return show(); }; });
+    add_examples(showing, "  kestactl identity show\n"
+                          "  kestactl identity show --json");
 
     auto options = std::make_shared<SetOptions>();
-    CLI::App *setting = identity->add_subcommand("set", "Set values by hand, in all places or some");
-    setting->add_option("--wwn", options->wwn, "16 characters");
-    setting->add_option("--serialno", options->serialno, "16 characters");
-    setting->add_option("--guid", options->guid, "36 characters, 8-4-4-4-12 hexadecimal digits");
-    setting->add_option("--in", options->places, "Only there: eeprom, vpd, flash or nv; repeatable")
-        ->check(CLI::IsMember({"eeprom", "vpd", "flash", "nv"}))
-        ->option_text("PLACE");
-    add_lock_rule(*setting, globals);
-    add_dry_run(*setting, globals);
-    setting->callback([&action, options] {
+    const Command setting = identity.add_subcommand("set", "Set values by hand, in all places or some");
+    setting.add_option("--wwn", options->wwn, "16 characters");
+    setting.add_option("--serialno", options->serialno, "16 characters");
+    setting.add_option("--guid", options->guid, "36 characters, 8-4-4-4-12 hexadecimal digits");
+    setting.add_option("--in", options->places, "Only there: eeprom, vpd, flash or nv; repeatable")
+        .one_of({"eeprom", "vpd", "flash", "nv"})
+        .option_text("PLACE");
+    add_lock_rule(setting, globals);
+    add_dry_run(setting, globals);
+    setting.callback([&action, options] {
         action = [options](const Globals &given) { return carry_out(plan_set(*options), given); };
     });
-    add_examples(*setting, "  kestactl identity set --wwn 500000E0D0123400 --dry-run\n"
-                           "  kestactl identity set --serialno KESTA00000000042 --in eeprom --in nv");
-    add_carry(*identity, globals, action);
-    add_examples(*identity, "  kestactl identity show\n"
-                            "  kestactl identity carry vpd-to-flash --dry-run");
+    add_examples(setting, "  kestactl identity set --wwn 500000E0D0123400 --dry-run\n"
+                          "  kestactl identity set --serialno KESTA00000000042 --in eeprom --in nv");
+    add_carry(identity, globals, action);
+    add_examples(identity, "  kestactl identity show\n"
+                           "  kestactl identity carry vpd-to-flash --dry-run");
 }
 
 }  // namespace kestactl

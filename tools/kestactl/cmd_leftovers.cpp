@@ -41,25 +41,25 @@ Plan plan_clear(const std::vector<std::string> &named)
 
 }  // namespace
 
-void add_leftovers(CLI::App &app, Globals &globals, Action &action)
+void add_leftovers(const Command &app, Globals &globals, Action &action)
 {
-    CLI::App *leftovers = app.add_subcommand("leftovers", "Files that killed commands left behind");
-    leftovers->require_subcommand(1);
+    const Command leftovers = app.add_subcommand("leftovers", "Files that killed commands left behind");
+    leftovers.require_subcommand();
     auto paths = std::make_shared<std::vector<std::string>>();
-    CLI::App *command = leftovers->add_subcommand(
+    const Command command = leftovers.add_subcommand(
         "clear", "Take them away; a whole archive that is nowhere else is kept as a generation first");
-    command->add_option("PATH", *paths, "Only these, as 'kestactl verify' names them");
-    add_lock_rule(*command, globals);
-    add_dry_run(*command, globals);
-    command->callback([&action, paths] {
+    command.add_option("PATH", *paths, "Only these, as 'kestactl verify' names them");
+    add_lock_rule(command, globals);
+    add_dry_run(command, globals);
+    command.callback([&action, paths] {
         action = [paths](const Globals &given) {
             Result result = carry_out(plan_clear(*paths), given);
             result.text = result.json.at("paths").empty() ? "Nothing was left behind.\n" : result.text;
             return result;
         };
     });
-    add_examples(*command, "  kestactl leftovers clear --dry-run");
-    add_examples(*leftovers, "  kestactl leftovers clear --dry-run");
+    add_examples(command, "  kestactl leftovers clear --dry-run");
+    add_examples(leftovers, "  kestactl leftovers clear --dry-run");
 }
 
 }  // namespace kestactl

@@ -414,13 +414,13 @@ Result local_command(const LockOptions &options, const Globals &globals)
     return result;
 }
 
-CLI::App *add_planned(CLI::App &lock, Globals &globals, Action &action, const char *verb,
+Command add_planned(const Command &lock, Globals &globals, Action &action, const char *verb,
                       const char *description, const std::shared_ptr<LockOptions> &options,
                       Plan (*planner)(const LockOptions &))
 {
-    CLI::App *command = lock.add_subcommand(verb, description);
-    add_dry_run(*command, globals);
-    command->callback([&action, options, planner] {
+    Command command = lock.add_subcommand(verb, description);
+    add_dry_run(command, globals);
+    command.callback([&action, options, planner] {
         action = [options, planner](const Globals &given) {
             return carry_out(planner(*options), given);
         };
@@ -428,131 +428,131 @@ CLI::App *add_planned(CLI::App &lock, Globals &globals, Action &action, const ch
     return command;
 }
 
-void add_type(CLI::App &command, const std::shared_ptr<LockOptions> &options)
+void add_type(const Command &command, const std::shared_ptr<LockOptions> &options)
 {
     command.add_option("--type", options->type,
                        "1 exclusive, 2 shared with others of type 2 taken together, 3 exclusive")
-        ->check(CLI::Range(KESTA_LOCK_TYPE1, KESTA_LOCK_TYPE3))
-        ->option_text("1|2|3");
+        .in_range(KESTA_LOCK_TYPE1, KESTA_LOCK_TYPE3)
+        .option_text("1|2|3");
     command.add_option("--group", options->group, "Group to name as the one that is worked on");
 }
 
-void add_wait(CLI::App &command, const std::shared_ptr<LockOptions> &options)
+void add_wait(const Command &command, const std::shared_ptr<LockOptions> &options)
 {
     command.add_option("--wait", options->wait, "Seconds to wait for it; progress goes to stderr")
-        ->check(CLI::Range(0, INT_MAX));
+        .in_range(0, INT_MAX);
 }
 
-void add_take(CLI::App &lock, Globals &globals, Action &action,
+void add_take(const Command &lock, Globals &globals, Action &action,
               const std::shared_ptr<LockOptions> &options)
 {
-    CLI::App *command = lock.add_subcommand(
+    Command command = lock.add_subcommand(
         "take", "Take this controller's command lock and print its identifier; with a command, hold "
                 "it while that runs");
-    add_type(*command, options);
-    add_wait(*command, options);
-    command->add_option("COMMAND", options->command,
+    add_type(command, options);
+    add_wait(command, options);
+    command.add_option("COMMAND", options->command,
                         "Put it behind --. Its exit code becomes kestactl's; the lock is released "
                         "however it ends");
-    add_dry_run(*command, globals);
-    add_examples(*command, "  kestactl lock take --type 1 --group network\n"
-                           "  kestactl lock take --wait 60 -- kestactl copy cntbackup2backup");
-    command->callback([&action, options] {
+    add_dry_run(command, globals);
+    add_examples(command, "  kestactl lock take --type 1 --group network\n"
+                          "  kestactl lock take --wait 60 -- kestactl copy cntbackup2backup");
+    command.callback([&action, options] {
         action = [options](const Globals &given) { return take_command(*options, given); };
     });
 }
 
-void add_local(CLI::App &lock, Globals &globals, Action &action,
+void add_local(const Command &lock, Globals &globals, Action &action,
                const std::shared_ptr<LockOptions> &options)
 {
-    CLI::App *command = lock.add_subcommand(
+    Command command = lock.add_subcommand(
         "local", "Run a command while holding a local lock of this controller; its exit code "
                  "becomes kestactl's");
-    command->add_option("NAME", options->name, "Name of the lock")->required();
-    command->add_option("COMMAND", options->command, "Put it behind --")->required();
-    add_dry_run(*command, globals);
-    add_examples(*command, "  kestactl lock local nightly -- /usr/local/sbin/nightly-backup");
-    command->callback([&action, options] {
+    command.add_option("NAME", options->name, "Name of the lock").required();
+    command.add_option("COMMAND", options->command, "Put it behind --").required();
+    add_dry_run(command, globals);
+    add_examples(command, "  kestactl lock local nightly -- /usr/local/sbin/nightly-backup");
+    command.callback([&action, options] {
         action = [options](const Globals &given) { return local_command(*options, given); };
     });
 }
 
-void add_identifier(CLI::App &command, const std::shared_ptr<LockOptions> &options)
+void add_identifier(const Command &command, const std::shared_ptr<LockOptions> &options)
 {
-    command.add_option("IDENTIFIER", options->identifier, "What 'lock take' printed")->required();
+    command.add_option("IDENTIFIER", options->identifier, "What 'lock take' printed").required();
 }
 
-void add_release(CLI::App &lock, Globals &globals, Action &action,
+void add_release(const Command &lock, Globals &globals, Action &action,
                  const std::shared_ptr<LockOptions> &options)
 {
-    CLI::App *command = add_planned(lock, globals, action, "release", "Release a command lock",
+    Command command = add_planned(lock, globals, action, "release", "Release a command lock",
                                     options, plan_release);
-    CLI::Option *identifier =
-        command->add_option("IDENTIFIER", options->identifier, "What 'lock take' printed");
-    CLI::Option *force = command->add_flag(
+    const Option identifier =
+        command.add_option("IDENTIFIER", options->identifier, "What 'lock take' printed");
+    const Option force = command.add_flag(
         "--force", options->force, "Release whatever is there; for a lock whose holder is dead");
-    force->excludes(identifier);
-    command->add_option("--controller", options->controller, "Whose lock; else this controller's")
-        ->option_text("CNTn");
-    command->callback([&action, options] {
+    force.excludes(identifier);
+    command.add_option("--controller", options->controller, "Whose lock; else this controller's")
+        .option_text("CNTn");
+    command.callback([&action, options] {
         if (options->identifier.empty() && !options->force) {
-            throw CLI::RequiredError("IDENTIFIER or --force");
+            require("IDENTIFIER or --force");
         }
         action = [options](const Globals &given) {
             return carry_out(plan_release(*options), given);
         };
     });
-    add_examples(*command, "  kestactl lock release 1795240000\n"
-                           "  kestactl lock release 1795240000 --controller CNT2");
+    add_examples(command, "  kestactl lock release 1795240000\n"
+                          "  kestactl lock release 1795240000 --controller CNT2");
 }
 
-void add_check_and_wait(CLI::App &lock, Action &action, const std::shared_ptr<LockOptions> &options)
+void add_check_and_wait(const Command &lock, Action &action, const std::shared_ptr<LockOptions> &options)
 {
-    CLI::App *check_command = lock.add_subcommand(
+    const Command check_command = lock.add_subcommand(
         "check", "Show who holds which command lock, without taking any; exit code 1 if one is held");
-    check_command->callback([&action] { action = [](const Globals &) { return check(); }; });
-    add_examples(*check_command, "  kestactl lock check\n"
-                                 "  kestactl --json lock check");
-    CLI::App *wait = lock.add_subcommand(
+    check_command.callback([&action] { action = [](const Globals &) { return check(); }; });
+    add_examples(check_command, "  kestactl lock check\n"
+                                "  kestactl --json lock check");
+    const Command wait = lock.add_subcommand(
         "wait", "Wait until no command lock is held; clears one seen unchanged for 10 minutes");
-    add_wait(*wait, options);
-    wait->callback([&action, options] {
+    add_wait(wait, options);
+    wait.callback([&action, options] {
         action = [options](const Globals &) { return wait_for_free(*options); };
     });
-    add_examples(*wait, "  kestactl lock wait --wait 700");
+    add_examples(wait, "  kestactl lock wait --wait 700");
 }
 
 }  // namespace
 
-void add_lock(CLI::App &app, Globals &globals, Action &action)
+void add_lock(const Command &app, Globals &globals, Action &action)
 {
-    CLI::App *lock =
+    const Command lock =
         app.add_subcommand("lock", "Command locks between controllers, and local locks");
-    lock->require_subcommand(1);
+    lock.require_subcommand();
     auto options = std::make_shared<LockOptions>();
-    add_take(*lock, globals, action, options);
-    add_release(*lock, globals, action, options);
-    CLI::App *command = add_planned(*lock, globals, action, "suspend",
+    add_take(lock, globals, action, options);
+    add_release(lock, globals, action, options);
+    Command command = add_planned(lock, globals, action, "suspend",
                                     "Let others work for a while; the identifier stays reserved",
                                     options, plan_suspend);
-    add_identifier(*command, options);
-    add_examples(*command, "  kestactl lock suspend 1795240000");
-    command = add_planned(*lock, globals, action, "resume", "Take a suspended lock again", options,
+    add_identifier(command, options);
+    add_examples(command, "  kestactl lock suspend 1795240000");
+    command = add_planned(lock, globals, action, "resume", "Take a suspended lock again", options,
                           plan_resume);
-    add_identifier(*command, options);
-    add_type(*command, options);
-    add_examples(*command, "  kestactl lock resume 1795240000");
-    command = add_planned(*lock, globals, action, "convert",
+    add_identifier(command, options);
+    add_type(command, options);
+    add_examples(command, "  kestactl lock resume 1795240000");
+    command = add_planned(lock, globals, action, "convert",
                           "Convert a type-1 lock to a running backup, and renew it", options,
                           plan_convert);
-    add_identifier(*command, options);
-    add_examples(*command, "  kestactl lock convert 1795240000");
-    add_check_and_wait(*lock, action, options);
-    add_local(*lock, globals, action, options);
-    add_examples(*lock, "  kestactl lock check\n"
-                        "  kestactl lock take --wait 60 -- kestactl copy cntbackup2backup\n"
-                        "  kestactl lock release 1795240000 --controller CNT2\n"
-                        "  kestactl lock local nightly -- /usr/local/sbin/nightly-backup");
+    add_identifier(command, options);
+    add_examples(command, "  kestactl lock convert 1795240000");
+    add_check_and_wait(lock, action, options);
+    add_local(lock, globals, action, options);
+    add_examples(lock, "  kestactl lock check\n"
+                       "  kestactl lock take --wait 60 -- kestactl copy cntbackup2backup\n"
+                       "  kestactl lock release 1795240000 --controller CNT2\n"
+                       "  kestactl lock local nightly -- /usr/local/sbin/nightly-backup");
 }
 
 }  // namespace kestactl

@@ -174,46 +174,45 @@ Result list()
 
 }  // namespace
 
-void add_nv(CLI::App &app, Globals &globals, Action &action)
+void add_nv(const Command &app, Globals &globals, Action &action)
 {
-    CLI::App *nv = app.add_subcommand("nv", "Read, write and look after the NV image");
-    nv->require_subcommand(1);
+    const Command nv = app.add_subcommand("nv", "Read, write and look after the NV image");
+    nv.require_subcommand();
 
-    CLI::App *list_command = nv->add_subcommand("list", "Show all blocks by name and number");
-    list_command->callback([&action] { action = [](const Globals &) { return list(); }; });
-    add_examples(*list_command, "  kestactl nv list");
+    const Command list_command = nv.add_subcommand("list", "Show all blocks by name and number");
+    list_command.callback([&action] { action = [](const Globals &) { return list(); }; });
+    add_examples(list_command, "  kestactl nv list");
 
     auto reading = std::make_shared<ReadOptions>();
-    CLI::App *read_command = nv->add_subcommand("read", "Show one block");
-    read_command->add_option("BLOCK", reading->block, "Name or number of the block")->required();
-    read_command->add_option("--from", reading->from, "Where to read: both, memory or sysback")
-        ->transform(CLI::CheckedTransformer(read_places))
-        ->option_text("both|memory|sysback");
-    read_command->callback(
+    const Command read_command = nv.add_subcommand("read", "Show one block");
+    read_command.add_option("BLOCK", reading->block, "Name or number of the block").required();
+    read_command.add_choice("--from", reading->from, read_places, "Where to read: both, memory or sysback")
+        .option_text("both|memory|sysback");
+    read_command.callback(
         [&action, reading] { action = [reading](const Globals &) { return read(*reading); }; });
 
     auto writing = std::make_shared<WriteOptions>();
-    CLI::App *write_command = nv->add_subcommand("write", "Set one block, under the inner lock");
-    write_command->add_option("BLOCK", writing->block, "Name or number of the block")->required();
-    write_command->add_option("VALUE", writing->value, "Number, name or text; bytes as hexadecimal")
-        ->required();
-    write_command->add_flag("--memory-only", writing->memory_only,
+    const Command write_command = nv.add_subcommand("write", "Set one block, under the inner lock");
+    write_command.add_option("BLOCK", writing->block, "Name or number of the block").required();
+    write_command.add_option("VALUE", writing->value, "Number, name or text; bytes as hexadecimal")
+        .required();
+    write_command.add_flag("--memory-only", writing->memory_only,
                             "Write NV memory alone, e.g. while the system backup area is gone");
-    add_lock_rule(*write_command, globals);
-    add_dry_run(*write_command, globals);
-    write_command->callback([&action, writing] {
+    add_lock_rule(write_command, globals);
+    add_dry_run(write_command, globals);
+    write_command.callback([&action, writing] {
         action = [writing](const Globals &given) { return carry_out(plan_write(*writing), given); };
     });
-    add_examples(*write_command, "  kestactl nv write group network\n"
-                                 "  kestactl nv write accept-name kesta_backup1 --memory-only");
-    add_examples(*read_command, "  kestactl nv read accept-name\n"
-                                "  kestactl nv read 31 --from memory --json");
-    add_nv_image(*nv, globals, action);
-    add_nv_verify(*nv, action);
-    add_examples(*nv, "  kestactl nv list\n"
-                      "  kestactl nv read accept-name\n"
-                      "  kestactl nv write group network --dry-run\n"
-                      "  kestactl nv verify");
+    add_examples(write_command, "  kestactl nv write group network\n"
+                                "  kestactl nv write accept-name kesta_backup1 --memory-only");
+    add_examples(read_command, "  kestactl nv read accept-name\n"
+                               "  kestactl nv read 31 --from memory --json");
+    add_nv_image(nv, globals, action);
+    add_nv_verify(nv, action);
+    add_examples(nv, "  kestactl nv list\n"
+                     "  kestactl nv read accept-name\n"
+                     "  kestactl nv write group network --dry-run\n"
+                     "  kestactl nv verify");
 }
 
 }  // namespace kestactl

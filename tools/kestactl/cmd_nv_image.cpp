@@ -16,7 +16,6 @@
 #include "command.h"
 #include "lock_state.h"
 #include "overview.h"
-#include "trace_capture.h"
 #include "whole_file.h"
 
 namespace kestactl {
@@ -251,11 +250,13 @@ Result flags(const FlagOptions &options, const Globals &globals)
 
 void rewrite_regions()
 {
-    if (kestal_sync_all_nonvolatile(learn_own_number()) != KESTA_OK) {
+    const int own = learn_own_number();
+    kesta_clear_cause();
+    if (kestal_sync_all_nonvolatile(own) != KESTA_OK) {
         fail_call("sync-failed", "NV memory was not rewritten whole.",
                   "Nothing is lost: each transfer is whole. Look at --trace 1, and try again.");
     }
-    if (was_traced("[sync_all_nonvolatile] CALLOC ERROR")) {
+    if (kesta_last_cause()->kind == KESTA_CAUSE_MEMORY) {  // the call tells of it nowhere else
         throw Failure(Exit::platform, "no-memory", "NV memory was not rewritten: no memory.",
                       "Free some memory, and try again.");
     }
@@ -419,97 +420,96 @@ Result dump(const DumpOptions &options, const Globals &globals)
 
 // --------------------------------------------------------------------------------- the options
 
-void add_erasing(CLI::App &nv, Globals &globals, Action &action)
+void add_erasing(const Command &nv, Globals &globals, Action &action)
 {
     auto options = std::make_shared<EraseOptions>();
-    CLI::App *init = nv.add_subcommand("init", "Make a new NV image: clear it, and stamp its header");
-    init->add_flag("--yes", options->yes, "Don't ask before something is lost");
-    init->add_flag("--keep-data", options->keep_data, "Stamp the header only");
-    add_lock_rule(*init, globals);
-    add_dry_run(*init, globals);
-    init->callback([&action, options] {
+    const Command init = nv.add_subcommand("init", "Make a new NV image: clear it, and stamp its header");
+    init.add_flag("--yes", options->yes, "Don't ask before something is lost");
+    init.add_flag("--keep-data", options->keep_data, "Stamp the header only");
+    add_lock_rule(init, globals);
+    add_dry_run(init, globals);
+    init.callback([&action, options] {
         action = [options](const Globals &given) { return erase(*options, true, given); };
     });
-    add_examples(*init, "  kestactl nv init --dry-run\n"
-                        "  kestactl nv init --yes");
+    add_examples(init, "  kestactl nv init --dry-run\n"
+                       "  kestactl nv init --yes");
 
-    CLI::App *clear =
+    const Command clear =
         nv.add_subcommand("clear", "Clear the NV image, and keep its header and the flags");
-    clear->add_flag("--yes", options->yes, "Don't ask before something is lost");
-    add_lock_rule(*clear, globals);
-    add_dry_run(*clear, globals);
-    clear->callback([&action, options] {
+    clear.add_flag("--yes", options->yes, "Don't ask before something is lost");
+    add_lock_rule(clear, globals);
+    add_dry_run(clear, globals);
+    clear.callback([&action, options] {
         action = [options](const Globals &given) { return erase(*options, false, given); };
     });
-    add_examples(*clear, "  kestactl nv clear --dry-run\n"
-                         "  kestactl nv clear --yes");
+    add_examples(clear, "  kestactl nv clear --dry-run\n"
+                        "  kestactl nv clear --yes");
 }
 
-void add_flags(CLI::App &nv, Globals &globals, Action &action)
+void add_flags(const Command &nv, Globals &globals, Action &action)
 {
     auto options = std::make_shared<FlagOptions>();
-    CLI::App *command = nv.add_subcommand("flags", "Show or set the synchronisation flags");
-    const CLI::Range one_byte(flag_lowest, flag_highest);
-    command->add_option("--synced", options->synced, "New value of the flag synced")
-        ->check(one_byte)
-        ->option_text("-128..127");
-    command->add_option("--req", options->req, "New value of the flag req")
-        ->check(one_byte)
-        ->option_text("-128..127");
-    add_lock_rule(*command, globals);
-    add_dry_run(*command, globals);
-    command->callback([&action, options] {
+    const Command command = nv.add_subcommand("flags", "Show or set the synchronisation flags");
+    command.add_option("--synced", options->synced, "New value of the flag synced")
+        .in_range(flag_lowest, flag_highest)
+        .option_text("-128..127");
+    command.add_option("--req", options->req, "New value of the flag req")
+        .in_range(flag_lowest, flag_highest)
+        .option_text("-128..127");
+    add_lock_rule(command, globals);
+    add_dry_run(command, globals);
+    command.callback([&action, options] {
         action = [options](const Globals &given) { return flags(*options, given); };
     });
-    add_examples(*command, "  kestactl nv flags\n"
-                           "  kestactl nv flags --synced 1 --req 0");
+    add_examples(command, "  kestactl nv flags\n"
+                          "  kestactl nv flags --synced 1 --req 0");
 }
 
-void add_sync(CLI::App &nv, Globals &globals, Action &action)
+void add_sync(const Command &nv, Globals &globals, Action &action)
 {
-    CLI::App *command = nv.add_subcommand(
+    const Command command = nv.add_subcommand(
         "sync", "Rewrite NV memory as it is, so that the storage firmware passes it on");
-    add_lock_rule(*command, globals);
-    add_dry_run(*command, globals);
-    command->callback(
+    add_lock_rule(command, globals);
+    add_dry_run(command, globals);
+    command.callback(
         [&action] { action = [](const Globals &given) { return carry_out(plan_sync(), given); }; });
-    add_examples(*command, "  kestactl nv sync --dry-run\n"
-                           "  kestactl nv sync");
+    add_examples(command, "  kestactl nv sync --dry-run\n"
+                          "  kestactl nv sync");
 }
 
-void add_dump(CLI::App &nv, Action &action)
+void add_dump(const Command &nv, Action &action)
 {
     auto options = std::make_shared<DumpOptions>();
-    CLI::App *command = nv.add_subcommand("dump", "Show the NV image in hexadecimal, or by its fields");
-    CLI::Option *decoded =
-        command->add_flag("--decoded", options->decoded, "Show every field by its name");
-    command->add_option("--out", options->file, "Write to this file instead")
-        ->option_text("FILE")
-        ->excludes(decoded);
-    CLI::Option *region =
-        command->add_option("--region", options->region, "Dump pages of this region instead")
-            ->check(CLI::Range(0, 255))
-            ->option_text("N")
-            ->excludes(decoded);
-    command->add_option("--offset", options->offset, "Where they begin")
-        ->check(CLI::Range(0, nv_region_size - 1))
-        ->option_text("BYTES")
-        ->needs(region);
-    command->add_option("--size", options->size, "How much of it (256)")
-        ->check(CLI::Range(1, nv_region_size))
-        ->option_text("BYTES")
-        ->needs(region);
-    command->callback([&action, options] {
+    const Command command = nv.add_subcommand("dump", "Show the NV image in hexadecimal, or by its fields");
+    const Option decoded =
+        command.add_flag("--decoded", options->decoded, "Show every field by its name");
+    command.add_option("--out", options->file, "Write to this file instead")
+        .option_text("FILE")
+        .excludes(decoded);
+    const Option region =
+        command.add_option("--region", options->region, "Dump pages of this region instead")
+            .in_range(0, 255)
+            .option_text("N")
+            .excludes(decoded);
+    command.add_option("--offset", options->offset, "Where they begin")
+        .in_range(0, nv_region_size - 1)
+        .option_text("BYTES")
+        .needs(region);
+    command.add_option("--size", options->size, "How much of it (256)")
+        .in_range(1, nv_region_size)
+        .option_text("BYTES")
+        .needs(region);
+    command.callback([&action, options] {
         action = [options](const Globals &given) { return dump(*options, given); };
     });
-    add_examples(*command, "  kestactl nv dump\n"
-                           "  kestactl nv dump --decoded\n"
-                           "  kestactl nv dump --region 2 --offset 600 --size 64");
+    add_examples(command, "  kestactl nv dump\n"
+                          "  kestactl nv dump --decoded\n"
+                          "  kestactl nv dump --region 2 --offset 600 --size 64");
 }
 
 }  // namespace
 
-void add_nv_image(CLI::App &nv, Globals &globals, Action &action)
+void add_nv_image(const Command &nv, Globals &globals, Action &action)
 {
     add_erasing(nv, globals, action);
     add_flags(nv, globals, action);

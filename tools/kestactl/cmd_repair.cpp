@@ -271,33 +271,32 @@ Result repair(const RepairOptions &options, const Globals &globals)
 
 }  // namespace
 
-void add_nv_verify(CLI::App &nv, Action &action)
+void add_nv_verify(const Command &nv, Action &action)
 {
-    CLI::App *command = nv.add_subcommand(
+    const Command command = nv.add_subcommand(
         "verify", "Hold the twelve mirrored items in NV memory and on disk against each other");
-    command->callback([&action] { action = [](const Globals &) { return verify(); }; });
-    add_examples(*command, "  kestactl nv verify\n"
-                           "  kestactl nv verify --json");
+    command.callback([&action] { action = [](const Globals &) { return verify(); }; });
+    add_examples(command, "  kestactl nv verify\n"
+                          "  kestactl nv verify --json");
 }
 
-void add_repair(CLI::App &app, Globals &globals, Action &action)
+void add_repair(const Command &app, Globals &globals, Action &action)
 {
     auto options = std::make_shared<RepairOptions>();
-    CLI::App *command = app.add_subcommand(
+    const Command command = app.add_subcommand(
         "repair", "Copy the mirrored items from the good one of NV memory and disk to the other");
     command
-        ->add_option("--from", options->from,
+        .add_choice("--from", options->from, sides,
                      "The place that is right; needed where both are valid, and differ")
-        ->transform(CLI::CheckedTransformer(sides))
-        ->option_text("memory|disk");
-    add_lock_rule(*command, globals);
-    add_dry_run(*command, globals);
-    command->callback([&action, options] {
+        .option_text("memory|disk");
+    add_lock_rule(command, globals);
+    add_dry_run(command, globals);
+    command.callback([&action, options] {
         action = [options](const Globals &given) { return repair(*options, given); };
     });
-    add_examples(*command, "  kestactl repair --dry-run\n"
-                           "  kestactl repair\n"
-                           "  kestactl repair --from disk");
+    add_examples(command, "  kestactl repair --dry-run\n"
+                          "  kestactl repair\n"
+                          "  kestactl repair --from disk");
 }
 
 }  // namespace kestactl

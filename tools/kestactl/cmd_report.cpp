@@ -302,15 +302,15 @@ Result report(const std::string &file)
 
 }  // namespace
 
-void add_report(CLI::App &app, Action &action)
+void add_report(const Command &app, Action &action)
 {
     auto file = std::make_shared<std::string>();
-    CLI::App *command = app.add_subcommand(
+    const Command command = app.add_subcommand(
         "report", "Write what verify, status, version show and nv dump find to one page for a browser");
-    command->add_option("FILE", *file, "The page, e.g. report.html")->required();
-    command->callback([&action, file] { action = [file](const Globals &) { return report(*file); }; });
-    add_examples(*command, "  kestactl report /tmp/report.html\n"
-                           "  kestactl --json report report.html");
+    command.add_option("FILE", *file, "The page, e.g. report.html").required();
+    command.callback([&action, file] { action = [file](const Globals &) { return report(*file); }; });
+    add_examples(command, "  kestactl report /tmp/report.html\n"
+                          "  kestactl --json report report.html");
 }
 
 }  // namespace kestactl

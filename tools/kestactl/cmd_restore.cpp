@@ -210,7 +210,8 @@ void explain(int result, const Planned &planned)
                   "The restore failed with result " + std::to_string(result) + ".",
                   "Look at --trace 1.");
     }
-    if (was_traced("[sysback2current] FLASHCOPY(cmd:")) {
+    // The flow calls it success, and leaves the script out. Of its commands only this one's failure ends so.
+    if (kesta_last_cause()->kind == KESTA_CAUSE_COMMAND) {
         fail_call("flashcopy-failed",
                   std::string(flash_accept) + " could not be copied to " + merge_backup +
                       ", so the script was not run.",
@@ -227,6 +228,7 @@ void restore(const RestoreOptions &options, const Planned &planned)
         (void)keep_leftovers("restore", {});
         remove_quietly(unfinished_flash_copy);  // the flow writes into what is there, and keeps a longer tail
     }
+    kesta_clear_cause();
     explain(kestal_sysback2current(options.group.c_str(), options.switch_only ? switch_only_flag : 0,
                                    planned.area_flag, static_cast<int>(options.kind()),
                                    options.distribution, name.data(), options.skip_flashcopy),
@@ -273,42 +275,41 @@ Result restore_by(const RestoreOptions &options, RestoreFilesOptions files, cons
 
 }  // namespace
 
-void add_restore(CLI::App &app, Globals &globals, Action &action)
+void add_restore(const Command &app, Globals &globals, Action &action)
 {
     auto options = std::make_shared<RestoreOptions>();
     auto files = std::make_shared<RestoreFilesOptions>();
-    CLI::App *command = app.add_subcommand(
+    const Command command = app.add_subcommand(
         "restore", "Bring a saved environment back to this controller: the files of the group's definition, "
                    "or with --script by one of the group's own scripts");
-    command->add_option("GROUP", options->group, "Group name")->required();
-    command->add_option("--from", options->from, "backup, accept, or a slot by its name");
-    command->add_option("--only", files->only, "Restore this path of the group, or below one, and no more");
-    command->add_flag("--on-reboot", files->on_reboot,
+    command.add_option("GROUP", options->group, "Group name").required();
+    command.add_option("--from", options->from, "backup, accept, or a slot by its name");
+    command.add_option("--only", files->only, "Restore this path of the group, or below one, and no more");
+    command.add_flag("--on-reboot", files->on_reboot,
                       "For the next reboot: re-post-scripts instead of post-scripts, and the reboot version");
-    add_wait_option(*command, files->work);
-    add_script_options(*command, files->work);
-    command->add_option("--script", options->script, "Which of the group's own scripts: update, reboot or none")
-        ->transform(CLI::CheckedTransformer(restore_scripts))
-        ->option_text("update|reboot|none")
-        ->group("The group's own scripts");
-    command->add_option("--distribution", options->distribution,
+    add_wait_option(command, files->work);
+    add_script_options(command, files->work);
+    command.add_choice("--script", options->script, restore_scripts, "Which of the group's own scripts: update, reboot or none")
+        .option_text("update|reboot|none")
+        .group("The group's own scripts");
+    command.add_option("--distribution", options->distribution,
                         "Number that becomes part of the script's name, 0 for none")
-        ->group("The group's own scripts");
-    command->add_flag("--switch-only", options->switch_only, "Bring the slot to flash, no more")
-        ->group("The group's own scripts");
-    command->add_flag("--no-switch", options->no_switch, "Restore what is on flash already")
-        ->group("The group's own scripts");
-    command->add_flag("--skip-flashcopy", options->skip_flashcopy,
+        .group("The group's own scripts");
+    command.add_flag("--switch-only", options->switch_only, "Bring the slot to flash, no more")
+        .group("The group's own scripts");
+    command.add_flag("--no-switch", options->no_switch, "Restore what is on flash already")
+        .group("The group's own scripts");
+    command.add_flag("--skip-flashcopy", options->skip_flashcopy,
                       "Don't copy flash accept.tar.Z to the merge cache before an update script")
-        ->group("The group's own scripts");
-    add_keep_options(*command, globals);
-    add_dry_run(*command, globals);
-    add_examples(*command, "  kestactl restore network --dry-run\n"
-                           "  kestactl restore network --only /etc/hosts\n"
-                           "  kestactl restore network --from accept --on-reboot\n"
-                           "  kestactl restore network --from kesta_backup1 --switch-only\n"
-                           "  kestactl restore network --script update --skip-flashcopy");
-    command->callback([&action, options, files] {
+        .group("The group's own scripts");
+    add_keep_options(command, globals);
+    add_dry_run(command, globals);
+    add_examples(command, "  kestactl restore network --dry-run\n"
+                          "  kestactl restore network --only /etc/hosts\n"
+                          "  kestactl restore network --from accept --on-reboot\n"
+                          "  kestactl restore network --from kesta_backup1 --switch-only\n"
+                          "  kestactl restore network --script update --skip-flashcopy");
+    command.callback([&action, options, files] {
         action = [options, files](const Globals &given) {
             return restore_by(*options, *files, given);
         };

@@ -76,20 +76,20 @@ Result run_command(const RunOptions &options, const Globals &globals)
 
 }  // namespace
 
-void add_run(CLI::App &app, Globals &globals, Action &action)
+void add_run(const Command &app, Globals &globals, Action &action)
 {
     auto options = std::make_shared<RunOptions>();
-    CLI::App *command = app.add_subcommand(
+    const Command command = app.add_subcommand(
         "run", "Run a shell command as the appliance's scripts are run: its own process group, "
                "default signals, no inherited descriptors");
-    command->add_option("COMMAND", options->words, "The command line; put it behind --")->required();
-    command->add_option("--event", options->event, "What KESTA_EVENT tells the command");
-    command->add_option("--platform-status", options->platform_status,
+    command.add_option("COMMAND", options->words, "The command line; put it behind --").required();
+    command.add_option("--event", options->event, "What KESTA_EVENT tells the command");
+    command.add_option("--platform-status", options->platform_status,
                         "What KESTA_VRBGETSTAT tells the command");
-    add_dry_run(*command, globals);
-    add_examples(*command, "  kestactl run -- /etc/kesta_sys/network/env_copy_scr.sh\n"
-                           "  kestactl run --event boot -- 'echo $KESTA_EVENT'");
-    command->callback([&action, options] {
+    add_dry_run(command, globals);
+    add_examples(command, "  kestactl run -- /etc/kesta_sys/network/env_copy_scr.sh\n"
+                          "  kestactl run --event boot -- 'echo $KESTA_EVENT'");
+    command.callback([&action, options] {
         action = [options](const Globals &given) { return run_command(*options, given); };
     });
 }

@@ -251,37 +251,37 @@ Result accept(const SaveOptions &options, const Globals &globals)
 
 }  // namespace
 
-void add_save(CLI::App &app, Globals &globals, Action &action)
+void add_save(const Command &app, Globals &globals, Action &action)
 {
     auto options = std::make_shared<SaveOptions>();
-    CLI::App *command = app.add_subcommand(
+    const Command command = app.add_subcommand(
         "save", "Save a group's files: archive, version, flash copy and backup slot");
-    command->add_option("GROUP", options->group, "Group name")->required();
-    add_wait_option(*command, options->work);
-    add_script_options(*command, options->work);
-    add_keep_options(*command, globals);
-    add_dry_run(*command, globals);
-    command->callback([&action, options] {
+    command.add_option("GROUP", options->group, "Group name").required();
+    add_wait_option(command, options->work);
+    add_script_options(command, options->work);
+    add_keep_options(command, globals);
+    add_dry_run(command, globals);
+    command.callback([&action, options] {
         action = [options](const Globals &given) { return save(*options, given); };
     });
-    add_examples(*command, "  kestactl save network --dry-run\n"
-                           "  kestactl save network --wait 60 --event nightly\n"
-                           "  kestactl save network --comment 'before the new firmware'");
+    add_examples(command, "  kestactl save network --dry-run\n"
+                          "  kestactl save network --wait 60 --event nightly\n"
+                          "  kestactl save network --comment 'before the new firmware'");
 }
 
-void add_accept(CLI::App &app, Globals &globals, Action &action)
+void add_accept(const Command &app, Globals &globals, Action &action)
 {
     auto options = std::make_shared<SaveOptions>();
-    CLI::App *command =
+    const Command command =
         app.add_subcommand("accept", "Make the saved environment on flash the accepted one");
-    add_wait_option(*command, options->work);
-    add_keep_options(*command, globals);
-    add_dry_run(*command, globals);
-    command->callback([&action, options] {
+    add_wait_option(command, options->work);
+    add_keep_options(command, globals);
+    add_dry_run(command, globals);
+    command.callback([&action, options] {
         action = [options](const Globals &given) { return accept(*options, given); };
     });
-    add_examples(*command, "  kestactl accept --dry-run\n"
-                           "  kestactl accept");
+    add_examples(command, "  kestactl accept --dry-run\n"
+                          "  kestactl accept");
 }
 
 }  // namespace kestactl

@@ -95,32 +95,32 @@ Result tarz(const ScriptOptions &options, const Globals &globals)
 
 }  // namespace
 
-void add_script(CLI::App &app, Globals &globals, Action &action)
+void add_script(const Command &app, Globals &globals, Action &action)
 {
-    CLI::App *script =
+    const Command script =
         app.add_subcommand("script", "Write scripts that change files on another controller");
-    script->require_subcommand(1);
+    script.require_subcommand();
     auto options = std::make_shared<ScriptOptions>();
 
-    CLI::App *command = script->add_subcommand(
+    Command command = script.add_subcommand(
         "samefiles", "Files of this controller to the same paths of another");
-    command->add_option("CONTROLLER", options->controller, "CNT0 to CNT3")->required();
-    command->add_option("FILE", options->files, "Absolute paths")->required();
-    add_dry_run(*command, globals);
-    command->callback([&action, options] {
+    command.add_option("CONTROLLER", options->controller, "CNT0 to CNT3").required();
+    command.add_option("FILE", options->files, "Absolute paths").required();
+    add_dry_run(command, globals);
+    command.callback([&action, options] {
         action = [options](const Globals &given) { return samefiles(*options, given); };
     });
-    add_examples(*command, "  kestactl script samefiles CNT1 /etc/hosts /etc/resolv.conf");
+    add_examples(command, "  kestactl script samefiles CNT1 /etc/hosts /etc/resolv.conf");
 
-    command = script->add_subcommand("tarz", "Another controller's accept.tar.Z over its backup.tar.Z");
-    command->add_option("CONTROLLER", options->controller, "CNT0 to CNT3")->required();
-    add_dry_run(*command, globals);
-    command->callback([&action, options] {
+    command = script.add_subcommand("tarz", "Another controller's accept.tar.Z over its backup.tar.Z");
+    command.add_option("CONTROLLER", options->controller, "CNT0 to CNT3").required();
+    add_dry_run(command, globals);
+    command.callback([&action, options] {
         action = [options](const Globals &given) { return tarz(*options, given); };
     });
-    add_examples(*command, "  kestactl script tarz CNT1 --dry-run");
-    add_examples(*script, "  kestactl script samefiles CNT1 /etc/hosts /etc/resolv.conf\n"
-                          "  kestactl script tarz CNT2 --dry-run");
+    add_examples(command, "  kestactl script tarz CNT1 --dry-run");
+    add_examples(script, "  kestactl script samefiles CNT1 /etc/hosts /etc/resolv.conf\n"
+                         "  kestactl script tarz CNT2 --dry-run");
 }
 
 }  // namespace kestactl

@@ -124,33 +124,33 @@ Plan plan_switch(SwitchOptions options)
 
 }  // namespace
 
-void add_slot(CLI::App &app, Globals &globals, Action &action)
+void add_slot(const Command &app, Globals &globals, Action &action)
 {
-    CLI::App *slot = app.add_subcommand("slot", "Show and switch the archive slots in force");
-    slot->require_subcommand(1);
+    const Command slot = app.add_subcommand("slot", "Show and switch the archive slots in force");
+    slot.require_subcommand();
 
-    CLI::App *show_command =
-        slot->add_subcommand("show", "Show which slot is the backup and which the accepted one");
-    show_command->callback([&action] { action = [](const Globals &) { return show(); }; });
-    add_examples(*show_command, "  kestactl slot show");
+    const Command show_command =
+        slot.add_subcommand("show", "Show which slot is the backup and which the accepted one");
+    show_command.callback([&action] { action = [](const Globals &) { return show(); }; });
+    add_examples(show_command, "  kestactl slot show");
 
     auto options = std::make_shared<SwitchOptions>();
-    CLI::App *change_command =
-        slot->add_subcommand("switch", "Let the slots change places, or set them by name");
-    change_command->add_option("--backup", options->backup, "The new backup slot");
-    change_command->add_option("--accept", options->accept, "The new accept slot");
-    change_command->add_flag("--memory-only", options->memory_only,
+    const Command change_command =
+        slot.add_subcommand("switch", "Let the slots change places, or set them by name");
+    change_command.add_option("--backup", options->backup, "The new backup slot");
+    change_command.add_option("--accept", options->accept, "The new accept slot");
+    change_command.add_flag("--memory-only", options->memory_only,
                              "Write NV memory alone, e.g. while the system backup area is gone");
-    add_lock_rule(*change_command, globals);
-    add_dry_run(*change_command, globals);
-    change_command->callback([&action, options] {
+    add_lock_rule(change_command, globals);
+    add_dry_run(change_command, globals);
+    change_command.callback([&action, options] {
         action = [options](const Globals &given) { return carry_out(plan_switch(*options), given); };
     });
     const std::string examples = "  kestactl slot switch --dry-run\n"
                                  "  kestactl slot switch --backup kesta_backup0 --accept "
                                  "kesta_backup1";
-    add_examples(*change_command, examples);
-    add_examples(*slot, "  kestactl slot show\n" + examples);
+    add_examples(change_command, examples);
+    add_examples(slot, "  kestactl slot show\n" + examples);
 }
 
 }  // namespace kestactl

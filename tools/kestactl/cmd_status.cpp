@@ -317,14 +317,14 @@ namespace {
 
 }  // namespace
 
-void add_status(CLI::App &app, const Globals &, Action &action)
+void add_status(const Command &app, const Globals &, Action &action)
 {
     auto archives = std::make_shared<bool>(false);
-    CLI::App *command = app.add_subcommand("status", "Show this controller at a glance");
-    add_examples(*command, "  kestactl status\n"
-                           "  kestactl status --archives --json");
-    command->add_flag("--archives", *archives, "Read every archive and show its checksum");
-    command->callback(
+    const Command command = app.add_subcommand("status", "Show this controller at a glance");
+    add_examples(command, "  kestactl status\n"
+                          "  kestactl status --archives --json");
+    command.add_flag("--archives", *archives, "Read every archive and show its checksum");
+    command.callback(
         [&action, archives] { action = [archives](const Globals &) { return show_status(*archives); }; });
 }
 

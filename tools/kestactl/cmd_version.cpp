@@ -8,10 +8,10 @@
 #include <memory>
 
 #include "appliance_state.h"
+#include "cause_words.h"
 #include "command.h"
 #include "names.h"
 #include "overview.h"
-#include "trace_capture.h"
 #include "version_numbers.h"
 
 namespace kestactl {
@@ -126,10 +126,11 @@ void add_row(Result &result, const std::string &name, const Json &value, const c
 Json read_area(const Area &area, int controller, bool &failed)
 {
     kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);
+    kesta_clear_cause();
     const int version =
         kestal_read_version_nolock(area.area, controller, KESTA_VERSION_BY_MODE);
-    // -1 is also the answer where nobody has the number; then nothing failed at level 1.
-    if (version == KESTA_ERR && was_traced("[read_version_nolock] Volatile Read ERROR")) {
+    // -1 is also the answer where nobody has the number.
+    if (version == KESTA_ERR && failed_but_for_absence()) {
         failed = true;
         return nullptr;
     }
@@ -274,65 +275,65 @@ Result compare(const VersionOptions &options)
     return shown_result;
 }
 
-void add_set(CLI::App &version, Globals &globals, Action &action,
+void add_set(const Command &version, Globals &globals, Action &action,
              const std::shared_ptr<VersionOptions> &options)
 {
-    CLI::App *set = version.add_subcommand("set", "Set the number of an area");
-    set->add_option("AREA", options->area, known_areas())->required();
-    set->add_option("VALUE", options->value, "1 to 2147483647, or 0 for never set")->required();
-    set->add_option("--controller", options->controller,
+    const Command set = version.add_subcommand("set", "Set the number of an area");
+    set.add_option("AREA", options->area, known_areas()).required();
+    set.add_option("VALUE", options->value, "1 to 2147483647, or 0 for never set").required();
+    set.add_option("--controller", options->controller,
                     "Whose, for current and status; else this controller's")
-        ->option_text("CNTn");
-    add_lock_rule(*set, globals);
-    add_dry_run(*set, globals);
-    add_examples(*set, "  kestactl version set backup 41\n"
-                       "  kestactl version set current 41 --controller CNT2\n"
-                       "  kestactl version set flash 41 --dry-run");
-    set->callback([&action, options] {
+        .option_text("CNTn");
+    add_lock_rule(set, globals);
+    add_dry_run(set, globals);
+    add_examples(set, "  kestactl version set backup 41\n"
+                      "  kestactl version set current 41 --controller CNT2\n"
+                      "  kestactl version set flash 41 --dry-run");
+    set.callback([&action, options] {
         action = [options](const Globals &given) { return carry_out(plan_set(*options), given); };
     });
 }
 
-void add_compare(CLI::App &version, Action &action, const std::shared_ptr<VersionOptions> &options)
+void add_compare(const Command &version, Action &action, const std::shared_ptr<VersionOptions> &options)
 {
-    CLI::App *command = version.add_subcommand(
+    const Command command = version.add_subcommand(
         "compare", "Tell which is newer, the backup or what this controller runs with; exit code 1 "
                    "if they differ");
-    command->add_option("--backup", options->backup, "Version of the backup; else it is read")
-        ->check(CLI::Range(0, INT_MAX));
-    command->add_option("--numbering", options->numbering, "Latest number; else it is read")
-        ->check(CLI::Range(0, INT_MAX));
-    command->callback([&action, options] {
+    command.add_option("--backup", options->backup, "Version of the backup; else it is read")
+        .in_range(0, INT_MAX);
+    command.add_option("--numbering", options->numbering, "Latest number; else it is read")
+        .in_range(0, INT_MAX);
+    command.callback([&action, options] {
         action = [options](const Globals &) { return compare(*options); };
     });
-    add_examples(*command, "  kestactl version compare\n"
-                           "  kestactl version compare --backup 41 --numbering 42");
+    add_examples(command, "  kestactl version compare\n"
+                          "  kestactl version compare --backup 41 --numbering 42");
 }
 
 }  // namespace
 
-void add_version(CLI::App &app, Globals &globals, Action &action)
+void add_version(const Command &app, Globals &globals, Action &action)
 {
-    CLI::App *version = app.add_subcommand("version", "Version numbers of saved environments");
-    version->require_subcommand(1);
+    const Command version = app.add_subcommand("version", "Version numbers of saved environments");
+    version.require_subcommand();
     auto options = std::make_shared<VersionOptions>();
-    CLI::App *show_command =
-        version->add_subcommand("show", "Show the numbers of all areas and of the flash files");
-    show_command->callback([&action] { action = [](const Globals &) { return show_versions(); }; });
-    add_examples(*show_command, "  kestactl version show");
-    add_set(*version, globals, action, options);
-    CLI::App *next = version->add_subcommand("next", "Hand out the next number, and print it");
-    add_lock_rule(*next, globals);
-    add_dry_run(*next, globals);
-    add_examples(*next, "  kestactl version next --dry-run\n"
-                        "  kestactl version next");
-    next->callback([&action] {
+    const Command show_command =
+        version.add_subcommand("show", "Show the numbers of all areas and of the flash files");
+    show_command.callback([&action] { action = [](const Globals &) { return show_versions(); }; });
+    add_examples(show_command, "  kestactl version show");
+    add_set(version, globals, action, options);
+    const Command next = version.add_subcommand("next", "Hand out the next number, and print it");
+    add_lock_rule(next, globals);
+    add_dry_run(next, globals);
+    add_examples(next, "  kestactl version next --dry-run\n"
+                       "  kestactl version next");
+    next.callback([&action] {
         action = [](const Globals &given) { return next_command(given); };
     });
-    add_compare(*version, action, options);
-    add_examples(*version, "  kestactl version show\n"
-                           "  kestactl version compare\n"
-                           "  kestactl version next");
+    add_compare(version, action, options);
+    add_examples(version, "  kestactl version show\n"
+                          "  kestactl version compare\n"
+                          "  kestactl version next");
 }
 
 }  // namespace kestactl

@@ -119,7 +119,7 @@ const char *const exit_codes =
     "Exit codes: 0 done, 1 the answer is no or things differ, 2 wrong usage, 3 held by a lock,\n"
     "4 the platform failed, 130 interrupted.";
 
-void add_examples(CLI::App &command, const std::string &examples)
+void add_examples(const Command &command, const std::string &examples)
 {
     command.footer("Examples:\n" + examples + "\n\n" + exit_codes);
 }
@@ -157,18 +157,18 @@ void confirm(const std::string &question, bool yes)
     }
 }
 
-void add_dry_run(CLI::App &command, Globals &globals)
+void add_dry_run(const Command &command, Globals &globals)
 {
     command.add_flag("--dry-run", globals.dry_run, "Show what would be done, and change nothing");
 }
 
-void add_lock_rule(CLI::App &command, Globals &globals)
+void add_lock_rule(const Command &command, Globals &globals)
 {
     command.add_option("--wait", globals.lock_rule.wait, "Seconds to wait for another controller's command lock")
-        ->check(CLI::NonNegativeNumber);
+        .not_negative();
     command.add_option("--ignore-lock", globals.lock_rule.ignored,
                        "Don't mind the command lock of this controller (CNT0 to CNT3)")
-        ->option_text("CNTn");
+        .option_text("CNTn");
 }
 
 }  // namespace kestactl

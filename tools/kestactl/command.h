@@ -1,7 +1,6 @@
 // What all subcommands share: the global options, a plan of steps, and the result.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -11,6 +10,7 @@
 #include "failure.h"
 #include "generations.h"
 #include "lock_rule.h"
+#include "options.h"
 
 namespace kestactl {
 
@@ -68,32 +68,32 @@ Result carry_out(const Plan &plan, const Globals &globals);
 using Action = std::function<Result(const Globals &)>;
 
 // Subcommands register themselves, and set action when they are chosen.
-void add_status(CLI::App &app, const Globals &globals, Action &action);
-void add_nv(CLI::App &app, Globals &globals, Action &action);
-void add_nv_image(CLI::App &nv, Globals &globals, Action &action);
-void add_nv_verify(CLI::App &nv, Action &action);
-void add_repair(CLI::App &app, Globals &globals, Action &action);
-void add_completion(CLI::App &app, Action &action);
-void add_verify(CLI::App &app, Globals &globals, Action &action);
-void add_leftovers(CLI::App &app, Globals &globals, Action &action);
-void add_copy_archive(CLI::App &copy, Globals &globals, Action &action);
-void add_report(CLI::App &app, Action &action);
-void add_save(CLI::App &app, Globals &globals, Action &action);
-void add_accept(CLI::App &app, Globals &globals, Action &action);
-void add_identity(CLI::App &app, Globals &globals, Action &action);
-void add_slot(CLI::App &app, Globals &globals, Action &action);
-void add_copy(CLI::App &app, Globals &globals, Action &action);
-void add_restore(CLI::App &app, Globals &globals, Action &action);
-void add_group(CLI::App &app, Globals &globals, Action &action);
-void add_script(CLI::App &app, Globals &globals, Action &action);
-void add_version(CLI::App &app, Globals &globals, Action &action);
-void add_lock(CLI::App &app, Globals &globals, Action &action);
-void add_run(CLI::App &app, Globals &globals, Action &action);
+void add_status(const Command &app, const Globals &globals, Action &action);
+void add_nv(const Command &app, Globals &globals, Action &action);
+void add_nv_image(const Command &nv, Globals &globals, Action &action);
+void add_nv_verify(const Command &nv, Action &action);
+void add_repair(const Command &app, Globals &globals, Action &action);
+void add_completion(const Command &app, Action &action);
+void add_verify(const Command &app, Globals &globals, Action &action);
+void add_leftovers(const Command &app, Globals &globals, Action &action);
+void add_copy_archive(const Command &copy, Globals &globals, Action &action);
+void add_report(const Command &app, Action &action);
+void add_save(const Command &app, Globals &globals, Action &action);
+void add_accept(const Command &app, Globals &globals, Action &action);
+void add_identity(const Command &app, Globals &globals, Action &action);
+void add_slot(const Command &app, Globals &globals, Action &action);
+void add_copy(const Command &app, Globals &globals, Action &action);
+void add_restore(const Command &app, Globals &globals, Action &action);
+void add_group(const Command &app, Globals &globals, Action &action);
+void add_script(const Command &app, Globals &globals, Action &action);
+void add_version(const Command &app, Globals &globals, Action &action);
+void add_lock(const Command &app, Globals &globals, Action &action);
+void add_run(const Command &app, Globals &globals, Action &action);
 
 // What every help text ends with, and the same behind a command's own examples. A group of commands
 // gets its examples after its commands, which would take them over otherwise.
 extern const char *const exit_codes;
-void add_examples(CLI::App &command, const std::string &examples);
+void add_examples(const Command &command, const std::string &examples);
 
 // The text of JSON that any terminal and any reader can take: beyond ASCII as \u escapes, and what is no UTF-8
 // replaced.
@@ -107,9 +107,9 @@ std::string joined(const std::vector<std::string> &words);
 void confirm(const std::string &question, bool yes);
 
 // Adds --dry-run to a changing command.
-void add_dry_run(CLI::App &command, Globals &globals);
+void add_dry_run(const Command &command, Globals &globals);
 
 // Adds --wait and --ignore-lock to a command whose plan is shared.
-void add_lock_rule(CLI::App &command, Globals &globals);
+void add_lock_rule(const Command &command, Globals &globals);
 
 }  // namespace kestactl

@@ -1,9 +1,12 @@
 #include "command_line.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kestactl
@@ -89,40 +92,71 @@ Result answer_of(const CLI::App &app, const CLI::ParseError &error, int argc, co
     return {Exit::done, text.str(), {{"text", text.str()}}};
 }
 
+struct Verb {
+    std::string_view name;
+    void (*add)(const Command &, Globals &, Action &);
+};
+
+constexpr std::array verbs{
+    Verb{"status", [](const Command &app, Globals &globals, Action &action) { add_status(app, globals, action); }},
+    Verb{"nv", add_nv},
+    Verb{"verify", add_verify},
+    Verb{"report", [](const Command &app, Globals &, Action &action) { add_report(app, action); }},
+    Verb{"save", add_save},
+    Verb{"accept", add_accept},
+    Verb{"slot", add_slot},
+    Verb{"copy", add_copy},
+    Verb{"repair", add_repair},
+    Verb{"leftovers", add_leftovers},
+    Verb{"restore", add_restore},
+    Verb{"group", add_group},
+    Verb{"script", add_script},
+    Verb{"identity", add_identity},
+    Verb{"version", add_version},
+    Verb{"lock", add_lock},
+    Verb{"run", add_run},
+};
+
+// The one verb that is asked for, or --version; nothing: any may be meant, or all are told of.
+std::optional<std::string_view> only_word(int argc, const char *const *argv)
+{
+    int first = 1;
+    while (first < argc && std::string_view(argv[first]) == "--json") {
+        ++first;
+    }
+    if (first >= argc) {
+        return std::nullopt;
+    }
+    const std::string_view word = argv[first];
+    const bool is_verb = std::any_of(verbs.begin(), verbs.end(), [word](const Verb &verb) { return verb.name == word; });
+    const bool is_version = word == "--version" && first + 1 == argc;
+    return is_verb || is_version ? std::optional(word) : std::nullopt;
+}
+
 }  // namespace
 
-CommandLine::CommandLine()
-    : app_(
-          "The saved environments of this controller: what there is, what is in force, and "
-          "moving it between the storage places.",
-          "kestactl")
+CommandLine::CommandLine(int argc, const char *const *argv)
+    : app_(std::make_unique<CLI::App>("The saved environments of this controller: what there is, what is in force, and "
+                                      "moving it between the storage places.",
+                                      "kestactl"))
 {
-    app_.require_subcommand(1);
-    app_.fallthrough();
-    app_.footer(exit_codes);
-    app_.set_version_flag("--version", "kestactl " KESTA_VERSION);
-    app_.add_flag("--json", globals_.json, "Print one JSON text on stdout, errors included");
-    app_.add_option("--trace", globals_.trace_level, "Show trace lines up to this level on stderr")
+    app_->require_subcommand(1);
+    app_->fallthrough();
+    app_->footer(exit_codes);
+    app_->set_version_flag("--version", "kestactl " KESTA_VERSION);
+    app_->add_flag("--json", globals_.json, "Print one JSON text on stdout, errors included");
+    app_->add_option("--trace", globals_.trace_level, "Show trace lines up to this level on stderr")
         ->check(CLI::Range(0, 5));
-    add_status(app_, globals_, action_);
-    add_nv(app_, globals_, action_);
-    add_verify(app_, globals_, action_);
-    add_report(app_, action_);
-    add_save(app_, globals_, action_);
-    add_accept(app_, globals_, action_);
-    add_slot(app_, globals_, action_);
-    add_copy(app_, globals_, action_);
-    add_repair(app_, globals_, action_);
-    add_leftovers(app_, globals_, action_);
-    add_restore(app_, globals_, action_);
-    add_group(app_, globals_, action_);
-    add_script(app_, globals_, action_);
-    add_identity(app_, globals_, action_);
-    add_version(app_, globals_, action_);
-    add_lock(app_, globals_, action_);
-    add_run(app_, globals_, action_);
-    add_completion(app_, action_);
-    add_examples(app_,
+    const auto only = only_word(argc, argv);
+    for (const Verb &verb : verbs) {
+        if (!only || verb.name == *only) {
+            verb.add(Command(app_.get()), globals_, action_);
+        }
+    }
+    if (!only) {
+        add_completion(Command(app_.get()), action_);
+    }
+    add_examples(Command(app_.get()),
                  "  kestactl status --archives\n"
                  "  kestactl slot switch --dry-run\n"
                  "  kestactl copy cntbackup2backup\n"
@@ -130,12 +164,14 @@ CommandLine::CommandLine()
                  "  kestactl nv read accept-name --json");
 }
 
+CommandLine::~CommandLine() = default;
+
 std::optional<Result> CommandLine::parse(int argc, const char *const *argv)
 {
     try {
-        app_.parse(argc, argv);
+        app_->parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        return answer_of(app_, error, argc, argv);
+        return answer_of(*app_, error, argc, argv);
     }
     return std::nullopt;
 }

@@ -1,6 +1,7 @@
 // The whole command line of kestactl: what may be given, and which action that chooses.
 #pragma once
 
+#include <memory>
 #include <optional>
 
 #include "command.h"
@@ -11,7 +12,12 @@ namespace kestactl
 class CommandLine
 {
 public:
-    CommandLine();
+    // For any arguments.
+    CommandLine() : CommandLine(0, nullptr) {}
+    // For these alone, with the commands that they can mean: all of them, unless the first word is one. What is made for
+    // nothing is most of a short command's work.
+    CommandLine(int argc, const char *const *argv);
+    ~CommandLine();
     CommandLine(const CommandLine &) = delete;
     CommandLine &operator=(const CommandLine &) = delete;
 
@@ -23,7 +29,7 @@ public:
     const Action &action() const { return action_; }
 
 private:
-    CLI::App app_;
+    std::unique_ptr<CLI::App> app_;
     Globals globals_;
     Action action_;
 };

@@ -150,20 +150,20 @@ void set_version(int area, int controller, int version)
     }
 }
 
-void add_wait_option(CLI::App &command, WorkOptions &options)
+void add_wait_option(const Command &command, WorkOptions &options)
 {
     command.add_option("--wait", options.wait, "Seconds to wait for the command lock")
-        ->check(CLI::Range(0, INT_MAX));
+        .in_range(0, INT_MAX);
 }
 
-void add_script_options(CLI::App &command, WorkOptions &options)
+void add_script_options(const Command &command, WorkOptions &options)
 {
     command.add_option("--event", options.scripts.event, "KESTA_EVENT of the scripts");
     command.add_option("--platform-status", options.scripts.platform_status,
                        "KESTA_VRBGETSTAT of the scripts");
     command.add_option("--script-timeout", options.scripts.timeout,
                        "Seconds after which a script is stopped (600)")
-        ->check(CLI::Range(1, INT_MAX));
+        .in_range(1, INT_MAX);
 }
 
 }  // namespace kestactl

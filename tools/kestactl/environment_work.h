@@ -28,8 +28,8 @@ struct WorkOptions {
     int wait = 0;  // seconds for the command lock
     ScriptContext scripts;
 };
-void add_wait_option(CLI::App &command, WorkOptions &options);
-void add_script_options(CLI::App &command, WorkOptions &options);
+void add_wait_option(const Command &command, WorkOptions &options);
+void add_script_options(const Command &command, WorkOptions &options);
 
 // Carries out a plan with the local and the command lock held, and lets go of them on every way out. What
 // comes last is done even if a step failed. Throws Failure.

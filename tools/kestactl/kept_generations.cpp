@@ -29,13 +29,13 @@ Json kept_json(const Generation &generation)
 
 }  // namespace
 
-void add_keep_options(CLI::App &command, Globals &globals)
+void add_keep_options(const Command &command, Globals &globals)
 {
     command.add_option("--keep", globals.keep_rule.keep,
                        "Keep this many generations of archives, not the number of the settings; 0: none of what is "
                        "replaced now")
-        ->check(CLI::NonNegativeNumber);
-    command.add_option("--comment", globals.keep_rule.comment, "Why: noted with the generations")->option_text("TEXT");
+        .not_negative();
+    command.add_option("--comment", globals.keep_rule.comment, "Why: noted with the generations").option_text("TEXT");
 }
 
 Step keep_step(const std::vector<ReplacedPlace> &places, const std::string &verb, const KeepRule &rule,

@@ -174,7 +174,7 @@ int main(int argc, char **argv)
     }
 
     tell_interruptions(json, channel);
-    CommandLine line;
+    CommandLine line(argc, argv);
     try {
         if (const auto answer = line.parse(argc, argv)) {
             return report_result(*answer, json, channel);
