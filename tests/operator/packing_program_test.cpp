@@ -34,7 +34,7 @@ protected:
         fs::create_directories("/etc/app");
         std::string text;
         for (int line = 0; text.size() < 3000000; ++line) {
-            text += "line " + std::to_string(line * 7919 % 10007) + "\n";
+            text += "line " + std::to_string(line % 10007 * 7919 % 10007) + "\n";
         }
         test::write_file("/etc/app/one", text);
         test::write_file("/etc/app/two", "small\n");
