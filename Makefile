@@ -42,7 +42,7 @@ check-tsan: deps
 	ctest --preset tsan -j $(TEST_JOBS)
 
 check-tidy: build-asan
-	run-clang-tidy -quiet -p build/asan -j $(JOBS) '/(common|platform/embedded)/.*\.cpp$$' > build/tidy.log 2>&1 \
+	run-clang-tidy -quiet -p build/asan -j $(JOBS) '/(common|platform)/.*\.cpp$$' > build/tidy.log 2>&1 \
 	    || { cat build/tidy.log; exit 1; }
 
 # The models of the locks: what is excluded, and the shortest runs for what is not.

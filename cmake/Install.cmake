@@ -7,32 +7,40 @@ install(TARGETS kesta kesta_static ${KESTA_PLATFORM_LIBRARIES}
     EXPORT kesta-targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(TARGETS kestactl kesta-lab cpinfo kesta-platform-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-# What shells complete, made by the program itself.
-install(CODE "
-    foreach(shell bash zsh)
-        execute_process(COMMAND \"${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/kestactl\" completion \${shell}
-            OUTPUT_FILE \"${PROJECT_BINARY_DIR}/kestactl.\${shell}\" COMMAND_ERROR_IS_FATAL ANY)
-    endforeach()")
-install(FILES ${PROJECT_BINARY_DIR}/kestactl.bash
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kestactl)
-# zsh looks for what packages bring in another folder than for what the machine's owner installs.
-install(CODE "
-    set(zsh_folder \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/zsh/site-functions\")
-    if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
-        set(zsh_folder /usr/share/zsh/vendor-completions)
-    endif()
-    file(INSTALL DESTINATION \"\${zsh_folder}\" TYPE FILE RENAME _kestactl
-        FILES \"${PROJECT_BINARY_DIR}/kestactl.zsh\")")
+install(TARGETS cpinfo RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+if(KESTA_BUILD_LAB)
+    install(TARGETS kesta-lab RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    install(FILES docs/man/kesta-lab.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endif()
+if(KESTA_BUILD_TOOLS)
+    install(TARGETS kestactl kesta-platform-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    install(FILES docs/man/kestactl.1 docs/man/kesta-platform-check.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    # What shells complete, made by the program itself.
+    install(CODE "
+        foreach(shell bash zsh)
+            execute_process(COMMAND \"${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/kestactl\" completion \${shell}
+                OUTPUT_FILE \"${PROJECT_BINARY_DIR}/kestactl.\${shell}\" COMMAND_ERROR_IS_FATAL ANY)
+        endforeach()")
+    install(FILES ${PROJECT_BINARY_DIR}/kestactl.bash
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kestactl)
+    # zsh looks for what packages bring in another folder than for what the machine's owner installs.
+    install(CODE "
+        set(zsh_folder \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/zsh/site-functions\")
+        if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
+            set(zsh_folder /usr/share/zsh/vendor-completions)
+        endif()
+        file(INSTALL DESTINATION \"\${zsh_folder}\" TYPE FILE RENAME _kestactl
+            FILES \"${PROJECT_BINARY_DIR}/kestactl.zsh\")")
+endif()
 # Programs that the library's command lines call, and nobody by hand.
 set(KESTA_PROGRAMDIR ${CMAKE_INSTALL_LIBEXECDIR}/kesta)
 install(TARGETS eeprom env_vpdctl RUNTIME DESTINATION ${KESTA_PROGRAMDIR})
 install(PROGRAMS
-    platform/embedded/env_tarz_assign_distribute.sh platform/embedded/env_tarz_assign_collect.sh
+    platform/support/env_tarz_assign_distribute.sh platform/support/env_tarz_assign_collect.sh
     DESTINATION ${KESTA_PROGRAMDIR})
 install(DIRECTORY include/kesta DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES
-    platform/mc_logapi.h platform/sanfwctl.h platform/sbacc.h platform/vrbapi.h
+    platform/contract/mc_logapi.h platform/contract/sanfwctl.h platform/contract/sbacc.h platform/contract/vrbapi.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kesta/platform)
 install(FILES share/status DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta/platform)
 install(FILES share/define.rng DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta)
@@ -40,9 +48,7 @@ install(DIRECTORY share/example DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta USE_S
 install(FILES share/tmpfiles.d/kesta.conf share/tmpfiles.d/kesta-platform-embedded.conf
     DESTINATION lib/tmpfiles.d)
 install(FILES docs/platform.conf DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(FILES docs/man/kestactl.1 docs/man/kesta-lab.1 docs/man/cpinfo.1
-    docs/man/eeprom.1 docs/man/env_vpdctl.1 docs/man/kesta-platform-check.1
-    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES docs/man/cpinfo.1 docs/man/eeprom.1 docs/man/env_vpdctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 install(FILES docs/man/libkesta.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
 # Each exported function leads to it by its name.

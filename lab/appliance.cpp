@@ -16,6 +16,7 @@
 #include <iterator>
 
 #include "private_namespace.h"
+#include "recipe.h"
 #include "sbin_view.h"
 
 extern char **environ;
@@ -46,23 +47,17 @@ constexpr std::array<OwnFolder, 5> own_folders{{
     {"tmp", "/tmp"},
 }};
 
-// Folders that the library and its callers expect to find.
-constexpr std::array<const char *, 12> product_folders{
-    "etc/kesta_sys",       "etc/kesta",    "opt/kesta_sys/bakup", "opt/kesta_sys/sbin",
-    "tmp/kesta_sys/tmp",   "run/kesta_sys/tmp", "opt/kesta_platform/shared",
-    "opt/kesta_platform/product", "opt/kesta_platform/host-sbin", "opt/kesta_platform/lab",
-    "etc/inet", "boot/solaris"};
+// Folders that the library and its callers expect to find, and those that the lab shows a controller.
+constexpr std::array<const char *, 10> product_folders{
+    "etc/kesta_sys",     "etc/inet",          "opt/kesta_sys/bakup",       "opt/kesta_sys/sbin",
+    "tmp/kesta_sys/tmp", "run/kesta_sys/tmp", "opt/kesta_platform/shared", "opt/kesta_platform/product",
+    "opt/kesta_platform/host-sbin", "opt/kesta_platform/lab"};
 
 // Secrets of the machine that no lab needs.
 constexpr std::array<const char *, 7> secrets{"shadow",   "shadow-",     "gshadow", "gshadow-",
                                               "sudoers.d", "ssl/private", "ssh"};
 
 constexpr std::array<const char *, 3> programs{"kestactl", "kesta-lab", "kesta-platform-check"};
-
-// What every controller finds at /usr/sbin, and at /opt/kesta_sys/sbin besides.
-constexpr std::array<const char *, 2> sbin_programs{"cpinfo", "eeprom"};
-constexpr std::array<const char *, 3> product_programs{
-    "env_vpdctl", "env_tarz_assign_distribute.sh", "env_tarz_assign_collect.sh"};
 
 void write_file(const fs::path &path, const std::string &text)
 {
@@ -123,7 +118,7 @@ fs::path own_program_folder()
 }
 
 // Programs lie in bin; installed, those that nobody calls by name lie elsewhere.
-void copy_program(const fs::path &product, const char *program, const fs::path &to)
+void copy_program(const fs::path &product, const std::string &program, const fs::path &to)
 {
     for (const char *folder : {"bin", KESTA_INSTALL_PROGRAMDIR}) {
         if (fs::exists(product / folder / program)) {
@@ -135,55 +130,75 @@ void copy_program(const fs::path &product, const char *program, const fs::path &
                 ": build the project, or name an installed tree with --product");
 }
 
-void copy_programs(const fs::path &product, const fs::path &to)
+void copy_programs(const fs::path &product, const Recipe &recipe, const fs::path &to)
 {
     fs::create_directories(to);
-    const auto copy_all = [&](const auto &group) {
-        for (const char *program : group) {
-            copy_program(product, program, to);
-        }
-    };
-    copy_all(programs);
-    copy_all(sbin_programs);
-    copy_all(product_programs);
-}
-
-// Libraries beside the programs. None there: they are installed where every program finds them.
-void copy_libraries(const fs::path &product, const fs::path &to)
-{
-    fs::create_directories(to);
-    for (const char *folder : {"lib", KESTA_INSTALL_LIBDIR}) {
-        std::error_code error;
-        for (const fs::directory_entry &entry : fs::directory_iterator(product / folder, error)) {
-            const std::string name = entry.path().filename();
-            if (name.find(".so") != std::string::npos && !fs::exists(to / name)) {
-                fs::copy(entry.path(), to / name, fs::copy_options::copy_symlinks);
-            }
-        }
+    for (const char *program : programs) {
+        copy_program(product, program, to);
+    }
+    for (const std::string &program : recipe.sbin_programs) {
+        copy_program(product, program, to);
+    }
+    for (const std::string &program : recipe.product_programs) {
+        copy_program(product, program, to);
     }
 }
 
-std::string settings_of(int number)
+// Libraries beside the programs, and over them those that the platform has in a folder of its own. None there: they are
+// installed where every program finds them.
+void copy_libraries(const fs::path &product, const std::string &platform, const fs::path &to)
 {
-    const std::string shared = std::string(platform_folder) + "/shared";
-    const int other = number % 2 == 0 ? number + 1 : number - 1;
-    return "# The embedded platform of CNT" + std::to_string(number) + ".\n"
-           "controller_number = " + std::to_string(number) + "\n"
-           "controller_count = " + std::to_string(controllers) + "\n"
-           "boot_mode = normal\n"
-           "master = 0\n"
-           "address_own = 192.168.100." + std::to_string(10 + number) + "\n"
-           "other_number = " + std::to_string(other) + "\n"
-           "address_other = 192.168.100." + std::to_string(10 + other) + "\n"
-           "nv_dir = " + shared + "/nv\n"
-           "sysback_dir = " + shared + "/sysback\n"
-           "status_file = " + shared + "/status\n"
-           "vpd_file = " + platform_folder + "/vpd\n"
-           "trace_file = " + platform_folder + "/trace.log\n"
-           "trace_level = 3\n";
+    fs::create_directories(to);
+    const auto copy_from = [&to](const fs::path &folder) {
+        std::error_code error;
+        for (const fs::directory_entry &entry : fs::directory_iterator(folder, error)) {
+            const std::string name = entry.path().filename();
+            if (name.find(".so") != std::string::npos && !fs::exists(fs::symlink_status(to / name))) {
+                fs::copy(entry.path(), to / name, fs::copy_options::copy_symlinks);
+            }
+        }
+    };
+    for (const char *folder : {"lib", KESTA_INSTALL_LIBDIR}) {
+        if (platform != KESTA_PLATFORM) {  // the chosen one lies beside the library
+            copy_from(product / folder / "kesta" / platform);
+        }
+    }
+    for (const char *folder : {"lib", KESTA_INSTALL_LIBDIR}) {
+        copy_from(product / folder);
+    }
 }
 
-void make_controller(const fs::path &folder, int number)
+fs::path recipe_file(const fs::path &product, const std::string &platform)
+{
+    const fs::path file = product / KESTA_INSTALL_RECIPEDIR / (platform + ".recipe");
+    if (platform.find('/') != platform.npos || !fs::exists(file)) {
+        throw Error("there is no platform " + platform + " with a recipe for the lab, " + file.string() +
+                    ": build or install it, or name another one with --platform");
+    }
+    return file;
+}
+
+std::string address_of(int number) { return "192.168.100." + std::to_string(10 + number); }
+
+Variables variables_of(int number)
+{
+    const int other = number % 2 == 0 ? number + 1 : number - 1;
+    return {{"NUMBER", std::to_string(number)},
+            {"COUNT", std::to_string(controllers)},
+            {"OTHER", std::to_string(other)},
+            {"ADDRESS", address_of(number)},
+            {"OTHER_ADDRESS", address_of(other)},
+            {"PLATFORM", platform_folder},
+            {"SHARED", std::string(platform_folder) + "/shared"}};
+}
+
+void write_recipe_file(const fs::path &below, const RecipeFile &file, const Variables &variables)
+{
+    fs::create_directories((below / file.path).parent_path());
+    write_file(below / file.path, filled_in(file.text, variables));
+}
+
+void make_controller(const fs::path &folder, int number, const Recipe &recipe)
 {
     for (const OwnFolder &own : own_folders) {
         fs::create_directories(folder / own.name);
@@ -196,12 +211,17 @@ void make_controller(const fs::path &folder, int number)
     for (const char *name : product_folders) {
         fs::create_directories(folder / name);
     }
-    for (const char *program : product_programs) {
+    for (const std::string &name : recipe.own_folders) {
+        fs::create_directories(folder / name);
+    }
+    for (const std::string &program : recipe.product_programs) {
         fs::create_symlink(fs::path(platform_folder) / "product/bin" / program,
                            folder / "opt/kesta_sys/sbin" / program);
     }
     fs::permissions(folder / "tmp", fs::perms::all | fs::perms::sticky_bit);
-    write_file(folder / "etc/kesta/platform.conf", settings_of(number));
+    for (const RecipeFile &file : recipe.own_files) {
+        write_recipe_file(folder, file, variables_of(number));
+    }
     append_to(folder / "etc/passwd", maintenance_user);
     append_to(folder / "etc/group", maintenance_group);
     std::error_code ignored;
@@ -209,16 +229,15 @@ void make_controller(const fs::path &folder, int number)
     write_file(folder / "etc/hostname", "cnt" + std::to_string(number) + "\n");
 }
 
-void make_shared(const fs::path &shared)
+void make_shared(const fs::path &shared, const Recipe &recipe)
 {
-    fs::create_directories(shared / "nv");
-    fs::create_directories(shared / "sysback");
-    std::string status = "# Controller and card status bytes, as the firmware would report them.\n";
-    for (int i = 0; i < controllers; ++i) {
-        status += "cont" + std::to_string(i) + " = 0x00\n";
-        status += "card" + std::to_string(i) + " = 0x00\n";
+    fs::create_directories(shared);
+    for (const std::string &name : recipe.shared_folders) {
+        fs::create_directories(shared / name);
     }
-    write_file(shared / "status", status);
+    for (const RecipeFile &file : recipe.shared_files) {
+        write_recipe_file(shared, file, {});
+    }
 }
 
 // A controller that reaches another one sees the lab here.
@@ -337,7 +356,7 @@ Appliance::Appliance(const fs::path &folder) : folder_(fs::absolute(folder))
     }
 }
 
-Appliance Appliance::create(const fs::path &folder, const fs::path &product)
+Appliance Appliance::create(const fs::path &folder, const fs::path &product, const std::string &platform)
 {
     if (fs::exists(folder) && !fs::is_empty(folder)) {
         throw Error(folder.string() + " is not empty: name a new folder");
@@ -346,20 +365,25 @@ Appliance Appliance::create(const fs::path &folder, const fs::path &product)
         throw Error(folder.string() + " belongs to somebody else: name a new folder");
     }
     const fs::path from = product.empty() ? own_program_folder().parent_path() : product;
+    const std::string chosen = platform.empty() ? KESTA_PLATFORM : platform;
+    const fs::path written = recipe_file(from, chosen);
+    const Recipe recipe = read_recipe(written);
     fs::create_directories(folder);
     fs::permissions(folder, fs::perms::owner_all);
-    copy_programs(from, folder / "product/bin");
-    copy_libraries(from, folder / "product/lib");
+    copy_programs(from, recipe, folder / "product/bin");
+    copy_libraries(from, chosen, folder / "product/lib");
+    fs::create_directories(folder / "product" / KESTA_INSTALL_RECIPEDIR);  // for a lab made within this one
+    fs::copy_file(written, folder / "product" / KESTA_INSTALL_RECIPEDIR / written.filename());
     const fs::path seen_programs = fs::path(platform_folder) / "product/bin";
     std::vector<std::pair<std::string, fs::path>> provided;
-    for (const char *program : sbin_programs) {
+    for (const std::string &program : recipe.sbin_programs) {
         provided.emplace_back(program, seen_programs / program);
     }
     make_sbin(folder / "sbin", fs::path(platform_folder) / "host-sbin", provided);
     make_remote_programs(folder);
-    make_shared(folder / "shared");
+    make_shared(folder / "shared", recipe);
     for (int number = 0; number < controllers; ++number) {
-        make_controller(folder / ("cnt" + std::to_string(number)), number);
+        make_controller(folder / ("cnt" + std::to_string(number)), number, recipe);
     }
     write_file(folder / marker_name, marker_text);  // last: an unfinished lab is none
     return Appliance(folder);

@@ -2,9 +2,8 @@
 //
 //   DIR/lab.conf              marks the folder as a lab
 //   DIR/cntN/{etc,opt,tmp,run,boot}   what only controller N sees, at /etc, /opt, /tmp, /run, /boot
-//   DIR/shared/nv             the NV memory that all controllers share
-//   DIR/shared/sysback        the system backup area on the shared disk
-//   DIR/shared/status         controller status bytes of the storage firmware
+//   DIR/shared                what all controllers share, as the platform's recipe says: NV memory, the system backup
+//                             area, the status bytes of the controllers
 //   DIR/product               the programs and libraries under test
 //   DIR/sbin                  /usr/sbin as a controller sees it: with cpinfo, tar and so on
 //   DIR/bin                   what is laid over /usr/bin: rsh and rcp between the controllers
@@ -26,9 +25,10 @@ public:
     // An existing lab. Throws Error if the folder is none.
     explicit Appliance(const std::filesystem::path &folder);
 
-    // Makes a new lab with the programs found beside this one, or under product.
-    static Appliance create(const std::filesystem::path &folder,
-                            const std::filesystem::path &product);
+    // Makes a new lab with the programs found beside this one, or under product, on the platform that is named; else on
+    // the one that this program was built with.
+    static Appliance create(const std::filesystem::path &folder, const std::filesystem::path &product,
+                            const std::string &platform);
 
     // The lab of --dir, of $KESTA_LAB, or of the current folder or one above it.
     static Appliance find(const std::string &option);

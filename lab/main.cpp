@@ -125,6 +125,7 @@ int main(int argc, char **argv)
 
     std::string folder;
     std::string product;
+    std::string platform;
     std::string option;
     std::string controller;
     std::vector<std::string> binds;
@@ -134,6 +135,7 @@ int main(int argc, char **argv)
     create->add_option("DIR", folder, "The folder, new or empty")->required();
     create->add_option("--product", product,
                        "Installed tree whose programs and libraries to use (else this program's)");
+    create->add_option("--platform", platform, "Platform to run on (else " KESTA_PLATFORM ")");
     CLI::App *exec = app.add_subcommand("exec", "Run a command on a controller; its exit code is "
                                                 "kesta-lab's");
     exec->add_option("CONTROLLER", controller, "CNT0 to CNT3")->required();
@@ -161,7 +163,7 @@ int main(int argc, char **argv)
 
     try {
         if (create->parsed()) {
-            const auto made = lab::Appliance::create(folder, product);
+            const auto made = lab::Appliance::create(folder, product, platform);
             std::cout << "Made a lab of four controllers in " << made.folder().string() << "\n";
         } else if (exec->parsed()) {
             run_in(lab::Appliance::find(option), controller, binds, command);

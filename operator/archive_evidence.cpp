@@ -13,8 +13,8 @@
 
 #include "archive_members.h"
 #include "beneath.h"
+#include "cause_words.h"
 #include "checksum.h"
-#include "trace_capture.h"
 
 namespace engine {
 namespace {
@@ -211,7 +211,7 @@ ArchiveEvidence evidence_of_bytes(std::string_view bytes, const std::function<vo
 
 ArchiveEvidence evidence_of_slot(const std::string &slot, ArchiveContents &contents, const std::function<void()> &look)
 {
-    const std::uint64_t before = traced_lines();
+    kesta_clear_cause();
     try {
         contents = read_slot(slot);
         return examine(contents, look);
@@ -220,12 +220,11 @@ ArchiveEvidence evidence_of_slot(const std::string &slot, ArchiveContents &conte
             throw;
         }
     }
-    const std::string opened = "[backup_rw] File Open(R) ERROR f_name=" + slot + " result=";
-    if (was_traced(opened + std::to_string(-ENOENT) + " ", before)) {
+    if (slot_file_is_absent()) {
         return {};
     }
-    return unreadable(was_traced("Close flag=false", before) ? "its last writer did not close it"
-                                                             : "the system backup area gave an error");
+    return unreadable(kesta_last_cause()->kind == KESTA_CAUSE_CONTENT ? "its last writer did not close it"
+                                                                      : "the system backup area gave an error");
 }
 
 ArchiveEvidence evidence_of_slot(const std::string &slot, const std::function<void()> &look)

@@ -26,10 +26,12 @@ int error_of(const KESTA_CAUSE &cause)
     }
 }
 
+bool is_of_the_area(const KESTA_CAUSE &cause) { return std::string_view(cause.function) == "kestal_backup_rw"; }
+
 const char *place_of(const KESTA_CAUSE &cause)
 {
     const std::string_view function = cause.function;
-    if (function == "kestal_backup_rw") {
+    if (is_of_the_area(cause)) {
         return "The system backup area";
     }
     if (function.starts_with("kestal_non_volatile")) {
@@ -79,6 +81,16 @@ CauseWords cause_in_words()
         return {};
     }
 }
+
+bool slot_file_is_absent()
+{
+    const KESTA_CAUSE *cause = kesta_last_cause();
+    return cause->kind == KESTA_CAUSE_PLATFORM && cause->number == -ENOENT && is_of_the_area(*cause);
+}
+
+bool area_failed() { return is_of_the_area(*kesta_last_cause()) && !slot_file_is_absent(); }
+
+bool failed_but_for_absence() { return kesta_last_cause()->kind != KESTA_CAUSE_NONE && !slot_file_is_absent(); }
 
 bool inner_lock_was_held()
 {

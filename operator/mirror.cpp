@@ -5,47 +5,46 @@
 #include <string.h>
 
 #include <algorithm>
-#include <array>
 
-#include "trace_capture.h"
+#include "appliance_state.h"
+#include "cause_words.h"
+#include "failure.h"
 
 namespace engine {
 namespace {
 
-// How many bytes of an item are mirrored. The names are first.
-struct ItemSize {
-    int block;
-    unsigned size;
-};
-constexpr std::array<ItemSize, 12> item_sizes{{
-    {KESTA_BLOCK_BACKUP_NAME, 32},
-    {KESTA_BLOCK_ACCEPT_NAME, 32},
-    {KESTA_BLOCK_NUMBERING_VERSION, 4},
-    {KESTA_BLOCK_BACKUP_VERSION, 4},
-    {KESTA_BLOCK_VERSION_CNT0, 4},
-    {KESTA_BLOCK_VERSION_CNT0 + 1, 4},
-    {KESTA_BLOCK_VERSION_CNT0 + 2, 4},
-    {KESTA_BLOCK_VERSION_CNT0 + 3, 4},
-    {KESTA_BLOCK_REBOOT_VERSION, 4},
-    {KESTA_BLOCK_WWN, 16},
-    {KESTA_BLOCK_SERIALNO, 16},
-    {KESTA_BLOCK_GUID, 20},
-}};
 constexpr std::size_t names = 2;
 
-Content content_of(int (*read)(int, int, void *, unsigned), int flag, const ItemSize &item)
+// By block ID: the slot names are the first.
+std::vector<const Block *> mirrored_blocks()
 {
-    std::vector<char> bytes(item.size, '\0');
-    if (read(item.block, flag, bytes.data(), item.size) != KESTA_OK) {
+    std::vector<const Block *> mirrored;
+    for (const Block &block : blocks()) {
+        if (block.mirrored) {
+            mirrored.push_back(&block);
+        }
+    }
+    return mirrored;
+}
+
+// How much of an item a repair copies. To the disk goes what holds the value: whoever reads a mirror of an identity may
+// have room for no more. A file may have either length.
+std::size_t copied_size(Side from, const MirroredItem &item)
+{
+    const Content &content = item.at(from);
+    const std::size_t value = item.block->written;
+    const bool holds_more = content && std::any_of(content->begin() + static_cast<std::ptrdiff_t>(std::min(value, content->size())),
+                                                   content->end(), [](char byte) { return byte != 0; });
+    return from == Side::memory && !holds_more ? std::min<std::size_t>(value, item.block->mirror_size) : item.block->mirror_size;
+}
+
+Content content_of(int (*read)(int, int, void *, unsigned), int flag, const Block &block)
+{
+    std::vector<char> bytes(block.mirror_size, '\0');
+    if (read(block.id, flag, bytes.data(), block.mirror_size) != KESTA_OK) {
         return std::nullopt;
     }
     return bytes;
-}
-
-// A file that is not there is no failure, and neither is one of another size than its item.
-bool area_failed(std::uint64_t before)
-{
-    return was_traced("[backup_rw] ", before) && !was_traced("result=" + std::to_string(-ENOENT) + " ", before);
 }
 
 bool is_slot_field(const Content &content)
@@ -95,16 +94,16 @@ bool MirrorState::disk_lacks_only() const
 MirrorState read_mirror()
 {
     MirrorState state;
-    for (const ItemSize &row : item_sizes) {
+    for (const Block *const block : mirrored_blocks()) {
         MirroredItem item;
-        item.block = &find_block(std::to_string(row.block));
+        item.block = block;
         if (item.block->in_memory) {
-            item.memory = content_of(kestal_non_volatile_rw_memory, KESTA_BLOCK_READ, row);
+            item.memory = content_of(kestal_non_volatile_rw_memory, KESTA_BLOCK_READ, *block);
         }
         item.memory_unreadable = item.block->in_memory && !item.memory;
-        const std::uint64_t before = traced_lines();
-        item.disk = content_of(kestal_non_volatile_rw_sysback, KESTA_FILE_READ, row);
-        item.disk_unreadable = !item.disk && area_failed(before);
+        kesta_clear_cause();
+        item.disk = content_of(kestal_non_volatile_rw_sysback, KESTA_FILE_READ, *block);
+        item.disk_unreadable = !item.disk && area_failed();
         state.items.push_back(item);
     }
     return state;
@@ -113,11 +112,10 @@ MirrorState read_mirror()
 std::vector<Replacement> replacements(const MirrorState &state, Side from)
 {
     std::vector<Replacement> all;
-    for (std::size_t i = 0; i < state.items.size(); ++i) {
-        const MirroredItem &item = state.items[i];
+    for (const MirroredItem &item : state.items) {
         if (!item.block->in_memory) {
             if (from == Side::memory && !item.disk) {
-                all.push_back({&item, std::vector<char>(item_sizes[i].size, '\0')});
+                all.push_back({&item, std::vector<char>(item.block->mirror_size, '\0')});
             }
         } else if (item.differs()) {
             all.push_back({&item, item.at(from).value_or(std::vector<char>())});
@@ -134,7 +132,7 @@ int copy_items(const MirrorState &state, Side from, std::string &failed)
     if (!changes.empty() && state.valid(to)) {
         const MirroredItem &name = state.items.front();
         failed = name.block->name;
-        const std::size_t size = item_sizes.front().size;
+        const std::size_t size = name.block->mirror_size;
         if (const int result = write_item(to, name.block->id, std::vector<char>(size, '\0'));
             result != KESTA_OK) {
             return result;
@@ -147,10 +145,7 @@ int copy_items(const MirrorState &state, Side from, std::string &failed)
     for (const Replacement &change : changes) {
         failed = change.item->block->name;
         if (const int result =
-                kestal_repair_rw(direction, change.item->block->id,
-                                 item_sizes[static_cast<std::size_t>(change.item -
-                                                                     state.items.data())]
-                                     .size);
+                kestal_repair_rw(direction, change.item->block->id, copied_size(from, *change.item));
             result != KESTA_OK) {
             return result;
         }
@@ -160,19 +155,56 @@ int copy_items(const MirrorState &state, Side from, std::string &failed)
 
 int add_missing_items(const MirrorState &state, std::string &failed)
 {
-    for (std::size_t i = 0; i < state.items.size(); ++i) {
-        const MirroredItem &item = state.items[i];
+    for (const MirroredItem &item : state.items) {
         if (item.disk) {
             continue;
         }
         failed = item.block->name;
         const int result =
-            kestal_repair_rw(KESTA_REPAIR_FROM_MEMORY, item.block->id, item_sizes[i].size);
+            kestal_repair_rw(KESTA_REPAIR_FROM_MEMORY, item.block->id, copied_size(Side::memory, item));
         if (result != KESTA_OK) {
             return result;
         }
     }
     return KESTA_OK;
+}
+
+std::vector<const Block *> overlong_mirrors()
+{
+    std::vector<const Block *> overlong;
+    for (const Block *const block : mirrored_blocks()) {
+        std::vector<char> bytes(block->mirror_size, '\0');
+        const auto reads = [&](unsigned size) {
+            return kestal_non_volatile_rw_sysback(block->id, KESTA_FILE_READ, bytes.data(), size) == KESTA_OK;
+        };
+        if (block->written < block->mirror_size && reads(block->mirror_size) && !reads(block->written)) {
+            overlong.push_back(block);
+        }
+    }
+    return overlong;
+}
+
+void shorten_mirror(const Block &block)
+{
+    under_inner_lock("The mirror of " + block.name + " was not written.", [&block] {
+        std::vector<char> bytes(block.mirror_size, '\0');
+        const bool was_read =
+            kestal_non_volatile_rw_sysback(block.id, KESTA_FILE_READ, bytes.data(), block.mirror_size) == KESTA_OK;
+        const std::vector<char> behind(bytes.begin() + block.written, bytes.end());
+        if (was_read && !all_zero(behind)) {
+            throw Failure(Exit::no, "overlong-mirror",
+                          "The system backup area's " + block.name + " has more than " + std::to_string(block.written) +
+                              " bytes that are not zero.",
+                          "Look at it with 'kestactl nv read " + block.name + " --from sysback', and write it anew with "
+                          "'kestactl identity set'.");
+        }
+        bytes.resize(block.written);
+        if (!was_read || write_item(Side::disk, block.id, bytes) != KESTA_OK) {
+            fail_call("write-failed", "The mirror of " + block.name + " was not written.",
+                      "Look at --trace 1 for the failed call, and check the disk of the system backup area.");
+        }
+        return "The mirror of " + block.name + " was written";
+    });
 }
 
 }  // namespace engine

@@ -10,43 +10,39 @@
 namespace engine {
 namespace {
 
-constexpr unsigned identity_size = 16;
 constexpr std::size_t longest_group = KESTA_GROUP_NAME_SIZE - 1;
 
-void add_per_controller(std::vector<Block> &all, int first, const std::string &name, BlockKind kind,
-                        unsigned size, bool mirrored)
+BlockKind kind_of(const KESTA_NV_ITEM &item)
 {
-    for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
-        all.push_back({first + i, name + "-cnt" + std::to_string(i), kind, size, mirrored, true});
+    switch (item.kind) {
+        case KESTA_NV_KIND_NUMBER:
+            return BlockKind::number;
+        case KESTA_NV_KIND_VERSION:
+            return BlockKind::version;
+        case KESTA_NV_KIND_SLOT_NAME:
+            return BlockKind::slot;
+        case KESTA_NV_KIND_GROUP_NAME:
+            return BlockKind::group;
+        case KESTA_NV_KIND_TEXT:
+            return BlockKind::text;
+        case KESTA_NV_KIND_COMMAND_LOCK:
+            return BlockKind::lock;
+        case KESTA_NV_KIND_INNER_LOCK:
+            return BlockKind::inner_lock;
+        default:
+            return BlockKind::bytes;  // whatever else a newer library has can be shown so
     }
 }
 
 std::vector<Block> make_blocks()
 {
     std::vector<Block> all;
-    add_per_controller(all, KESTA_BLOCK_RESTORE_REQ_CNT0, "restore-request", BlockKind::number, 4,
-                       false);
-    add_per_controller(all, KESTA_BLOCK_RESTORE_RES_CNT0, "restore-result", BlockKind::number, 4,
-                       false);
-    all.push_back({KESTA_BLOCK_GROUP, "group", BlockKind::group, 16, false, true});
-    all.push_back({KESTA_BLOCK_BACKUP_NAME, "backup-name", BlockKind::slot, 32, true, true});
-    all.push_back({KESTA_BLOCK_ACCEPT_NAME, "accept-name", BlockKind::slot, 32, true, true});
-    all.push_back({KESTA_BLOCK_OLD_BACKUP_NAME, "old-backup-name", BlockKind::slot, 32, false, true});
-    add_per_controller(all, KESTA_BLOCK_LOCK_CNT0, "lock", BlockKind::lock, 24, false);
-    all.push_back(
-        {KESTA_BLOCK_NUMBERING_VERSION, "numbering-version", BlockKind::version, 4, true, true});
-    all.push_back({KESTA_BLOCK_BACKUP_VERSION, "backup-version", BlockKind::version, 4, true, true});
-    all.push_back({KESTA_BLOCK_ACCEPT_VERSION, "accept-version", BlockKind::version, 4, false, true});
-    all.push_back(
-        {KESTA_BLOCK_OLD_BACKUP_VERSION, "old-backup-version", BlockKind::version, 4, false, true});
-    all.push_back({KESTA_BLOCK_REBOOT_VERSION, "reboot-version", BlockKind::version, 4, true, false});
-    add_per_controller(all, KESTA_BLOCK_VERSION_CNT0, "version", BlockKind::version, 4, true);
-    add_per_controller(all, KESTA_BLOCK_STATUS_CNT0, "status", BlockKind::number, 4, false);
-    add_per_controller(all, KESTA_BLOCK_INNERLOCK_CNT0, "innerlock", BlockKind::inner_lock, 16,
-                       false);
-    all.push_back({KESTA_BLOCK_WWN, "wwn", BlockKind::text, 20, true, true, identity_size});
-    all.push_back({KESTA_BLOCK_SERIALNO, "serialno", BlockKind::text, 20, true, true, identity_size});
-    all.push_back({KESTA_BLOCK_GUID, "guid", BlockKind::bytes, 20, true, true, identity_size});
+    unsigned count = 0;
+    const KESTA_NV_ITEM *const items = kesta_nv_items(&count);
+    for (const KESTA_NV_ITEM *item = items; item != items + count; ++item) {
+        all.push_back({item->block_id, item->name, kind_of(*item), item->size, item->mirror != nullptr, item->offset >= 0,
+                       item->value_size, item->mirror_size, item->offset});
+    }
     return all;
 }
 

@@ -24,11 +24,13 @@ struct Block {
     unsigned size;  // of the field
     bool mirrored;
     bool in_memory;
-    // What is written, and mirrored: of an identity field 16 bytes of the 20, which is what the flows
-    // that read its mirror have room for.
+    // What is written: of an identity field 16 bytes of the 20, which is what the flows that read its mirror have room for.
     unsigned written = size;
+    unsigned mirror_size = 0;  // what a mirror file may hold of it
+    int offset = -1;           // in the NV image
 };
 
+// All items of the NV image and of its mirror, as the library tells them.
 const std::vector<Block> &blocks();
 
 // By name or number. Throws Failure.

@@ -9,10 +9,10 @@
 #include "appliance_state.h"
 #include "archive_places.h"
 #include "beneath.h"
+#include "cause_words.h"
 #include "failure.h"
 #include "generation_folder.h"
 #include "generations.h"
-#include "trace_capture.h"
 
 namespace engine {
 namespace {
@@ -25,10 +25,10 @@ constexpr const char *flash_version_file = "/etc/kesta_sys/version";
 VersionNumber number_of(int area, int controller)
 {
     kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);
-    const std::uint64_t before = traced_lines();
+    kesta_clear_cause();
     const int version = kestal_read_version_nolock(area, controller, KESTA_VERSION_BY_MODE);
     if (version < 0) {
-        return {std::nullopt, was_traced("[read_version_nolock] Volatile Read ERROR", before)};
+        return {std::nullopt, failed_but_for_absence()};
     }
     return {version > 0 ? std::optional(version) : std::nullopt, false};
 }

@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <stdio.h>
 
-#include <algorithm>
 #include <array>
 #include <deque>
 #include <mutex>
@@ -15,18 +14,10 @@ namespace engine {
 namespace {
 
 constexpr int highest_error_level = 2;
-constexpr int progress_level = 5;
 constexpr std::size_t kept_lines = 256;
 
-struct Line {
-    int level;
-    std::string text;
-    std::uint64_t number = 0;
-};
-
 std::mutex mutex;
-std::uint64_t kept = 0;
-std::deque<Line> lines;  // the last ones; progress is not kept
+std::deque<std::string> errors;  // the last ones
 int shown_level = 0;
 bool to_platform = true;
 std::function<void(const std::string &)> watching;
@@ -56,10 +47,10 @@ void take_trace(const char *file, int line, int level, const char *text)
     if (watching) {
         watching(text);
     }
-    if (level < progress_level) {
-        lines.push_back({level, text, ++kept});
-        if (lines.size() > kept_lines) {
-            lines.pop_front();
+    if (level <= highest_error_level) {
+        errors.emplace_back(text);
+        if (errors.size() > kept_lines) {
+            errors.pop_front();
         }
     }
     if (level <= shown_level) {
@@ -97,27 +88,7 @@ void watch_traces(std::function<void(const std::string &line)> watcher)
 std::vector<std::string> captured_errors()
 {
     const std::lock_guard guard(mutex);
-    std::vector<std::string> errors;
-    for (const Line &line : lines) {
-        if (line.level <= highest_error_level) {
-            errors.push_back(line.text);
-        }
-    }
-    return errors;
-}
-
-std::uint64_t traced_lines()
-{
-    const std::lock_guard guard(mutex);
-    return kept;
-}
-
-bool was_traced(const std::string &text, std::uint64_t behind)
-{
-    const std::lock_guard guard(mutex);
-    return std::any_of(lines.begin(), lines.end(), [&](const Line &line) {
-        return line.number > behind && line.text.find(text) != std::string::npos;
-    });
+    return {errors.begin(), errors.end()};
 }
 
 }  // namespace engine

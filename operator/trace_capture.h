@@ -1,9 +1,8 @@
 // The library's trace lines, as a program sees them that takes MC_OutTrace over from the platform's log: it
 // shows lines on request, keeps those that say why something failed, and hands every line on to the
-// platform's own log.
+// platform's own log. What a line says decides nothing: causes do (kesta/cause.h).
 #pragma once
 
-#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -25,11 +24,5 @@ void watch_traces(std::function<void(const std::string &line)> watcher);
 
 // The lines of levels 1 and 2 so far, oldest first.
 std::vector<std::string> captured_errors();
-
-// How many lines have been kept so far: what was traced before can be left out of account.
-std::uint64_t traced_lines();
-
-// Whether a line with this text was traced, but as progress, behind so many kept lines.
-bool was_traced(const std::string &text, std::uint64_t behind = 0);
 
 }  // namespace engine

@@ -1,10 +1,9 @@
 #!/usr/bin/env python3
 """The reference of the library, made from the comments of its headers.
 
-usage: reference.py man TEMPLATE HEADER...    the manual page, on stdout
-       reference.py filter HEADER             the header as Doxygen reads it, on stdout
+usage: reference.py filter HEADER    the header as Doxygen reads it, on stdout
 
-Fails where a function has no comment.
+Fails where a function has no comment. interface.py makes the manual page.
 """
 import os
 import re
@@ -46,7 +45,7 @@ def pieces(path):
 
 
 def name_of(declaration):
-    found = re.search(r"\b((?:kestal|g)_\w+)\s*(?:\(|;|\[)", " ".join(declaration))
+    found = re.search(r"\b((?:kestal?|g)_\w+)\s*(?:\(|;|\[)", " ".join(declaration))
     return found.group(1) if found else "?"
 
 
@@ -85,6 +84,7 @@ def preformatted(lines):
 
 
 def man(template, headers):
+    """The manual page."""
     page = []
     for header in headers:
         entries = documented(header)
@@ -102,7 +102,7 @@ def man(template, headers):
             page += [".fi", ".RS 4", *preformatted(comment), ".RE"]
     with open(template, encoding="utf-8") as file:
         text = file.read()
-    sys.stdout.write(text.replace('.\\" The functions\n', "\n".join(page) + "\n"))
+    return text.replace('.\\" The functions\n', "\n".join(page) + "\n")
 
 
 # ----------------------------------------------------------------------------------------- Doxygen
@@ -154,9 +154,7 @@ def doxygen(path):
     sys.stdout.write("\n".join(out))
 
 
-if len(sys.argv) > 3 and sys.argv[1] == "man":
-    man(sys.argv[2], sys.argv[3:])
-elif len(sys.argv) == 3 and sys.argv[1] == "filter":
+if __name__ == "__main__":
+    if len(sys.argv) != 3 or sys.argv[1] != "filter":
+        sys.exit(__doc__)
     doxygen(sys.argv[2])
-else:
-    sys.exit(__doc__)

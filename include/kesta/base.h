@@ -60,13 +60,6 @@
 #define KESTA_RESTORE_SCRIPT_FAILED 2
 #define KESTA_RESTORE_READ_FAILED 9
 
-/* Levels of a trace line. */
-#define KESTA_LOG_ERROR 1
-#define KESTA_LOG_WARNING 2
-#define KESTA_LOG_NOTICE 3
-#define KESTA_LOG_DETAIL 4
-#define KESTA_LOG_PROGRESS 5
-
 /* An appliance has four controllers, CNT0 to CNT3. */
 #define KESTA_CONTROLLERS 4
 

@@ -14,14 +14,12 @@
 #define KESTA_BLOCK_ACCESS_H
 
 #include "kesta/base.h"
+#include "kesta/system_backup_area.h"
 
 KESTA_BEGIN_DECLS
 
 #define KESTA_BLOCK_WRITE 1
 #define KESTA_BLOCK_READ 2
-
-#define KESTA_FILE_READ 1
-#define KESTA_FILE_WRITE 2
 
 #define KESTA_RWMODE_BOTH 0
 #define KESTA_RWMODE_MEMORY 2

@@ -18,11 +18,13 @@
 #include "kesta/local_lock.h"
 #include "kesta/nv_dump.h"
 #include "kesta/nv_image.h"
+#include "kesta/nv_items.h"
 #include "kesta/nv_repair.h"
 #include "kesta/nv_sync.h"
 #include "kesta/process.h"
 #include "kesta/remote_scripts.h"
 #include "kesta/shell_word.h"
+#include "kesta/system_backup_area.h"
 #include "kesta/versions.h"
 
 #endif

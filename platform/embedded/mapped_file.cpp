@@ -34,7 +34,7 @@ void MappedFile::detach()
 int MappedFile::attach(const char *path, uint64_t size, bool create)
 {
     detach();
-    Fd fd(open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW | (create ? O_CREAT : 0), 0600));
+    kesta::UniqueFd fd(open(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW | (create ? O_CREAT : 0), 0600));
     if (!fd) {
         return -errno;
     }

@@ -18,6 +18,8 @@
 namespace embedded {
 namespace {
 
+using namespace platform;
+
 // The journal: what is being written, and whether it holds. A transfer whose writer was killed
 // before it held never happened; one that held is finished by whoever comes next.
 struct JournalHeader {

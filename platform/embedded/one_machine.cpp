@@ -11,6 +11,8 @@
 namespace embedded {
 namespace {
 
+using namespace platform;
+
 struct FileSystem {
     uint32_t type;
     const char *name;

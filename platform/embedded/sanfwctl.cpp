@@ -2,10 +2,9 @@
 
 #include <errno.h>
 #include <pthread.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
+#include "controller_status.h"
 #include "faults.h"
 #include "nv_region.h"
 #include "one_machine.h"
@@ -17,9 +16,9 @@
 namespace {
 
 using namespace embedded;
+using namespace platform;
 
 constexpr unsigned max_regions = 16;
-constexpr unsigned controllers = 4;
 
 NvRegion regions[max_regions];
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // one transfer of the process at a time
@@ -49,71 +48,15 @@ template <typename Direction>
 int transfer(Direction direction, unsigned region, const cpfw_nv_access_t &access)
 {
     pthread_once(&fork_handled, handle_fork);
-    const CancelOff off;
+    const kesta::CancelOff off;
     int result;
     {
-        const Locked locked(mutex);
+        const kesta::Locked locked(mutex);
         result = (regions[region].*direction)(region, access.offset, access.buffer, access.length);
     }
     if (result == -EREMOTE) {
         tell_refused("nv_dir", settings().nv_dir);
     }
-    return result;
-}
-
-// Whether the line is "NAME = NUMBER", and the number fits a byte.
-bool parse_status(const char *line, char (&name)[16], uint8_t &value)
-{
-    char text[16];
-    if (sscanf(line, " %15[a-z0-9] = %15s", name, text) != 2) {
-        return false;
-    }
-    char *end = nullptr;
-    const unsigned long number = strtoul(text, &end, 0);
-    value = static_cast<uint8_t>(number);
-    return *end == '\0' && number <= UINT8_MAX;
-}
-
-struct StatusBytes {
-    uint8_t cont[controllers];
-    uint8_t card[controllers];
-};
-
-void store_status(StatusBytes &bytes, const char *name, uint8_t value)
-{
-    for (unsigned i = 0; i < controllers; ++i) {
-        char cont[16];
-        char card[16];
-        snprintf(cont, sizeof(cont), "cont%u", i);
-        snprintf(card, sizeof(card), "card%u", i);
-        if (strcmp(name, cont) == 0) {
-            bytes.cont[i] = value;
-        } else if (strcmp(name, card) == 0) {
-            bytes.card[i] = value;
-        }
-    }
-}
-
-int read_status(StatusBytes &bytes)
-{
-    if (const int failed = failure_of("status"); failed != 0) {
-        return failed;
-    }
-    const CancelOff off;
-    FILE *file = kesta::above_standard(fopen(settings().status_file, "re"));
-    if (!file) {
-        return -errno;
-    }
-    char line[128];
-    while (fgets(line, sizeof(line), file)) {
-        char name[16];
-        uint8_t value;
-        if (parse_status(line, name, value)) {
-            store_status(bytes, name, value);
-        }
-    }
-    const int result = ferror(file) ? -EIO : 0;
-    (void)fclose(file);  // read only
     return result;
 }
 

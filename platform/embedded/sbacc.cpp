@@ -22,6 +22,7 @@
 namespace {
 
 using namespace embedded;
+using namespace platform;
 
 constexpr int max_handles = 64;
 constexpr unsigned name_size = 64;
@@ -74,7 +75,7 @@ bool is_valid_name(const char *name)
 OpenFile *file_of(int handle)
 {
     pthread_once(&fork_handled, handle_fork);
-    const Locked locked(mutex);
+    const kesta::Locked locked(mutex);
     const int index = handle & handle_index_mask;
     if (handle < 0 || index >= max_handles) {
         return nullptr;
@@ -86,14 +87,14 @@ OpenFile *file_of(int handle)
 void release_handle(OpenFile &file)
 {
     pthread_once(&fork_handled, handle_fork);
-    const Locked locked(mutex);
+    const kesta::Locked locked(mutex);
     file.used = false;
 }
 
 int new_handle(const char *name, bool writes, int fd)
 {
     pthread_once(&fork_handled, handle_fork);
-    const Locked locked(mutex);
+    const kesta::Locked locked(mutex);
     for (int i = 0; i < max_handles; ++i) {
         OpenFile &file = files[i];
         if (!file.used) {
@@ -115,7 +116,7 @@ void remove_abandoned(const char *name)
 {
     char prefix[name_size + 8];
     snprintf(prefix, sizeof(prefix), ".%s.tmp.", name);
-    Fd opened(open(settings().sysback_dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    kesta::UniqueFd opened(open(settings().sysback_dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     DIR *folder = opened ? fdopendir(opened.get()) : nullptr;
     if (!folder) {
         return;
@@ -125,7 +126,7 @@ void remove_abandoned(const char *name)
         if (strncmp(entry->d_name, prefix, strlen(prefix)) != 0) {
             continue;
         }
-        const Fd fd(openat(dirfd(folder), entry->d_name, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+        const kesta::UniqueFd fd(openat(dirfd(folder), entry->d_name, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
         if (fd && flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {
             (void)unlinkat(dirfd(folder), entry->d_name, 0);  // best effort: the next one tries again
         }
@@ -137,7 +138,7 @@ int open_to_read(const char *name)
 {
     char path[file_path_size];
     file_path(path, name);
-    Fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    kesta::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (!fd) {
         return -errno;
     }
@@ -301,7 +302,7 @@ PLATFORM_API int sbacc_open(const char *name, const char *mode, int *handle, int
     if (fault.action == FaultAction::fail) {
         return -fault.value;
     }
-    const CancelOff off;
+    const kesta::CancelOff off;
     if (const int refused = check_one_machine(settings().sysback_dir); refused != 0) {
         tell_refused("sysback_dir", settings().sysback_dir);
         return refused;
@@ -331,7 +332,7 @@ PLATFORM_API int sbacc_read(void *buffer, unsigned int size, unsigned int offset
 PLATFORM_API int sbacc_write(const void *buffer, unsigned int size, unsigned int offset, int handle)
 {
     const Fault fault = meet_fault("sb_write");
-    const CancelOff off;
+    const kesta::CancelOff off;
     OpenFile *file = file_of(handle);
     if (!file || !file->writes || !buffer || size > INT_MAX) {
         return -EINVAL;
@@ -356,7 +357,7 @@ PLATFORM_API int sbacc_read_size(int handle)
     if (const int failed = failure_of("sb_size"); failed != 0) {
         return failed;
     }
-    const CancelOff off;
+    const kesta::CancelOff off;
     const OpenFile *file = file_of(handle);
     if (!file || file->writes) {
         return -EINVAL;
@@ -371,7 +372,7 @@ PLATFORM_API int sbacc_write_size(unsigned int size, int handle)
     if (const int failed = failure_of("sb_write_size"); failed != 0) {
         return failed;
     }
-    const CancelOff off;
+    const kesta::CancelOff off;
     const OpenFile *file = file_of(handle);
     if (!file || !file->writes || file->written || size > INT_MAX) {
         return -EINVAL;
@@ -394,7 +395,7 @@ PLATFORM_API int sbacc_write_size(unsigned int size, int handle)
 PLATFORM_API int sbacc_close(int handle)
 {
     const int failed = failure_of("sb_close");
-    const CancelOff off;
+    const kesta::CancelOff off;
     OpenFile *file = file_of(handle);
     if (!file) {
         return -EINVAL;

@@ -14,7 +14,7 @@ describe()
 {
     abidw --headers-dir "$here/../../include" --drop-private-types --exported-interfaces-only \
         --suppressions "$here/libkesta.suppr" --no-comp-dir-path --no-corpus-path --no-show-locs \
-        "$1" | sed "s|path='[^']*/common/|path='common/|" > "$2"
+        "$1" | sed "s|path='[^']*/|path='|" > "$2"
 }
 
 if [ "$1" = --update ]; then

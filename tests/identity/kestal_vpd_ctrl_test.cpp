@@ -259,7 +259,7 @@ TEST_F(VpdFlow, FilesOfTheTreeAreNeverReachedThroughLinks)
     fails("20");
     EXPECT_EQ(run_shell("rmdir /var/run/kesta_sys/elsewhere"), 0) << "nothing was made in it";
     exec("ln -sf " + outside + " " + nodename("0"));
-    EXPECT_EQ(kestal_update_host_info(new_wwn.c_str(), old_wwn.c_str()), 0) << "controller 0's number: kept so";
+    EXPECT_EQ(kestal_update_host_info(new_wwn.c_str(), old_wwn.c_str()), 0) << "controller 0's number, which callers rely on";
     EXPECT_TRUE(last_trace_is(1, "[update_host_info] nodenamefile(" + nodename("0") + ") open failed. ret=0"));
     exec("rm " + nodename("0") + "; mkfifo " + nodename("0"));
     EXPECT_EQ(kestal_update_host_info(new_wwn.c_str(), old_wwn.c_str()), -1) << "without waiting";
@@ -342,7 +342,7 @@ TEST_F(HostInfo, OwnNumberOtherThanZeroOrOneIsReturned)
 TEST_F(HostInfo, UnreadableNameGivesTheNumberOnceAndThenAFailure)
 {
     exec("rm " + nodename("0"));
-    EXPECT_EQ(update(), 0) << "controller 0's number: kept so";
+    EXPECT_EQ(update(), 0) << "controller 0's number, which callers rely on";
     EXPECT_TRUE(last_trace_is(
         1, "[update_host_info] nodenamefile(" + nodename("0") + ") open failed. ret=0"));
     EXPECT_EQ(update(), -1);

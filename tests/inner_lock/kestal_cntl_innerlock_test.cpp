@@ -705,7 +705,7 @@ TEST_F(InnerLock, RecordFileDoesNotFollowALinkAndIsPrivate)
     EXPECT_EQ(mode_of(record_file), 0600u);
 }
 
-TEST_F(InnerLock, EveryFaultLeavesTheMutexFreeAndIsCodedAsDescribed)
+TEST_F(InnerLock, EveryFaultLeavesTheMutexFreeAndHasItsOwnCode)
 {
     sweep_faults(
         [&] { reset(); }, [] { return kestal_cntl_innerlock(0); },

@@ -10,6 +10,8 @@
 #include "archive_places.h"
 #include "generation_folder.h"
 #include "generations.h"
+#include "kesta/kesta.h"
+#include "mirror.h"
 #include "mended_appliance.h"
 #include "private_root.h"
 #include "tar_samples.h"
@@ -234,6 +236,44 @@ TEST(Mending, EachMirroredItemOnEitherSide)
                 return std::string(item) + " " + value + " in memory";
             });
         }
+    }
+}
+
+// What a repair of the library leaves has the whole field, what a repair by hand leaves has the value: both are the same.
+TEST(Mending, GuidOnTheDiskMayHaveEitherLengthAndIsReadByWhoReadsItsValue)
+{
+    const std::string value = "\x01\x23\x45\x67\x89\xab\xcd\xef\x01\x23\x45\x67\x89\xab\xcd\xef";
+    std::array<char, KESTA_GUID_BYTES> guid{};
+    int disk = 1;
+    const auto reads_it = [&] {
+        kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);
+        return kestal_non_volatile_rw_func(KESTA_BLOCK_GUID, KESTA_BLOCK_READ, guid.data(), guid.size(), &disk) == KESTA_OK &&
+               disk == KESTA_OK && std::string(guid.data(), guid.size()) == value;
+    };
+    for (const std::size_t length : {16U, 20U}) {
+        MendedAppliance appliance;
+        std::string field = value + std::string(4, '\0');
+        (void)kestal_non_volatile_rw_memory(KESTA_BLOCK_GUID, KESTA_BLOCK_WRITE, field.data(), KESTA_IDENTITY_SIZE);
+        platform().sysback["kesta_guid"] = {field.substr(0, length)};
+        EXPECT_EQ(subject(appliance.verify(), "mirror").at("state"), "agree") << length;
+        EXPECT_EQ(engine::overlong_mirrors().size(), length == 20 ? 1U : 0U);
+        for (const engine::Block *const block : engine::overlong_mirrors()) {
+            engine::shorten_mirror(*block);
+        }
+        EXPECT_TRUE(reads_it()) << length;
+    }
+    for (const bool missing : {true, false}) {
+        MendedAppliance appliance;
+        std::string field = value + std::string(4, '\0');
+        (void)kestal_non_volatile_rw_memory(KESTA_BLOCK_GUID, KESTA_BLOCK_WRITE, field.data(), KESTA_IDENTITY_SIZE);
+        if (missing) {
+            platform().sysback.erase("kesta_guid");
+        } else {
+            platform().sysback["kesta_guid"] = {std::string(20, '\x07')};
+        }
+        EXPECT_EQ(appliance.run({"kestactl", "repair", "--from", "memory"}).exit, 0);
+        EXPECT_EQ(platform().sysback["kesta_guid"].bytes, value);
+        EXPECT_TRUE(reads_it());
     }
 }
 

@@ -308,7 +308,7 @@ TEST_F(System, FailuresOfTheBlock)
     EXPECT_TRUE(p().traced(1, "[alloc_envblk] blkenvalloc ERROR errno=12"));
     EXPECT_EQ(p().count(" >>>>> args"), 0);
     p().traces.clear();
-    // The second allocation: the copy of the environment stays behind, a leak that is kept.
+    // The second allocation: the copy of the environment stays behind, which leaks it.
     const ExpectedLeak leak;
     char *block = nullptr;
     p().fail_kind("alloc", 1, 1);

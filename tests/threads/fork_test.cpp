@@ -8,29 +8,18 @@
 
 #include "access_mode.h"
 #include "controller_state.h"
+#include "fork_safety.h"
 #include "library_test.h"
 #include "nv_transfer.h"
 #include "tracked_allocation.h"
 
 using namespace test;
 
-namespace kesta {
-extern pthread_mutex_t innerlock_mutex;
-extern pthread_mutex_t lockbuffer_mutex;
-extern pthread_mutex_t system_mutex;
-}
-
-using kesta::innerlock_mutex;
-using kesta::lockbuffer_mutex;
-using kesta::system_mutex;
-
 class Fork : public LibraryTest {};
 
 TEST_F(Fork, ChildFindsNoMutexTaken)
 {
-    for (pthread_mutex_t *mutex :
-         {&memory_mutex, &popen_mutex, &lockbuffer_mutex, &innerlock_mutex, &bootmode_mutex,
-          &nvrw_mutex, &system_mutex}) {
+    for (pthread_mutex_t *mutex : kesta::all_mutexes) {
         std::atomic<int> stage = 0;
         std::thread holder([&] {
             const kesta::MutexGuard guard(*mutex);

@@ -444,7 +444,7 @@ TEST_F(VersionComparison, UnreadableFlashClearsTheOwnSlotThoughNotTaken)
     p().set_int(nv_slot(0), 1);
     EXPECT_EQ(kestal_compare_version(2, 1, 1), -1);
     EXPECT_TRUE(p().traced(1, "[compare_version] Get Version(CNT(flash) ,2) ERROR rtn=-1"));
-    EXPECT_EQ(p().int_at(nv_slot(0)), 0) << "cleared: kept so";
+    EXPECT_EQ(p().int_at(nv_slot(0)), 0) << "clear afterwards in any case";
     EXPECT_THAT(p().calls_of("nv_"), ElementsAre("nv_write 600 16"));
 
     p().fail_kind("nv_write");

@@ -13,8 +13,10 @@
 #include "environment_archive.h"
 #include "identity_archive.h"
 #include "identity_state.h"
+#include "mirror.h"
 #include "kept_generations.h"
 #include "names.h"
+#include "printable.h"
 #include "trace_capture.h"
 #include "whole_file.h"
 
@@ -205,39 +207,14 @@ public:
     ProgressLines &operator=(const ProgressLines &) = delete;
 };
 
-// What the library's own trace says was the step that failed.
-struct StepFailure {
-    const char *trace;
-    const char *message;
-    const char *hint;
-};
-constexpr std::array<StepFailure, 8> step_failures{{
-    {"backup2tmp Error", "the backup slot could not be fetched.",
-     "Is there an archive in it? 'kestactl status --archives' tells; 'kestactl copy "
-     "cntbackup2backup' on controller 0 puts one there."},
-    {"update_vpdinfo_distribute_open error", "the saved environment could not be opened.",
-     "Is there a whole backup.tar.Z in /opt/kesta_sys/bakup? 'kestactl status' tells."},
-    {"update_vpdinfo_eeprom error", "a boot environment could not be set.",
-     "Look at --trace 1 for the command, and run it by hand."},
-    {"update_vpdinfo_guid error", "the GUID file could not be written.",
-     "Is there room in /var/run/kesta_sys?"},
-    {"filecopy error", "the files could not be copied to the running system.",
-     "Does the archive hold this controller's part? Look at --trace 1 for the command."},
-    {"update_host_info() error", "host names could not be written, or the archive not be packed.",
-     "Look at --trace 1 for the failed call: room, and the network configuration."},
-    {"kestal_version_up() error", "there is no backup version that could be raised.",
-     "Set it with 'kestactl version set backup 1', and run the command again."},
-    {"kestal_set_version", "the raised version could not be written.",
-     "Look at 'kestactl nv verify', and run the command again."},
-}};
-
+// A flow runs commands; the one that failed is named, to be run by hand.
 [[noreturn]] void fail_flow()
 {
-    for (const StepFailure &step : step_failures) {
-        if (was_traced(step.trace)) {
-            fail_call("carry-failed",
-                      std::string("The identity was not carried whole: ") + step.message, step.hint);
-        }
+    const KESTA_CAUSE cause = *kesta_last_cause();
+    if (cause.kind == KESTA_CAUSE_COMMAND) {
+        throw Failure(Exit::platform, "carry-failed",
+                      "The identity was not carried whole: " + plain_text(cause.text) + ".",
+                      "Run that command by hand, and see what it says; then run this one again.");
     }
     fail_call("carry-failed", "The identity was not carried whole.",
               "Look at --trace 1 for the failed call, and run the command again.");
@@ -260,8 +237,10 @@ void run_vpd_to_flash(const Identity &running)
     Field17 wwn = field_of<Field17>(*running.wwn);
     Field17 serialno = field_of<Field17>(*running.serialno);
     Field37 guid = field_of<Field37>(*running.guid);
-    if (kestal_vpd_to_flash(wwn.data(), serialno.data(), guid.data()) < 0 ||
-        was_traced("[kestal_vpd_to_flash] kestal_")) {
+    kesta_clear_cause();
+    const int result = kestal_vpd_to_flash(wwn.data(), serialno.data(), guid.data());
+    // Where the tool can't be read or written, the flow calls it nothing to do.
+    if (result < 0 || (result == KESTA_OK && read_identity(Place::vpd) != running)) {
         fail_flow();
     }
 }
@@ -380,6 +359,11 @@ Plan plan_vpd_to_disk()
     plan.shared = true;
     plan.json = {{"from", identity_json(disk)}, {"to", identity_json(board)}};
     if (board != disk) {
+        for (const Block *const block : overlong_mirrors()) {
+            plan.steps.push_back({"write the mirror of " + block->name + " anew without what is behind its value, for it to be read",
+                                  {"system backup area: block " + std::to_string(block->id)},
+                                  [block] { shorten_mirror(*block); }});
+        }
         plan.steps.push_back({"give the board the identity of the NV image",
                               {"the board's VPD"},
                               [disk] { run_vpd_to_disk(disk); }});

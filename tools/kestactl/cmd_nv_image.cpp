@@ -16,7 +16,6 @@
 #include "command.h"
 #include "lock_state.h"
 #include "overview.h"
-#include "trace_capture.h"
 #include "whole_file.h"
 
 namespace kestactl {
@@ -33,64 +32,31 @@ struct Field {
     std::size_t offset;
 };
 
-void add_unnamed(std::vector<Field> &all, std::size_t offset, const char *name, BlockKind kind,
-                 unsigned size)
-{
-    all.push_back({{no_block, name, kind, size, false, true}, offset});
-}
-
-void add_block(std::vector<Field> &all, std::size_t offset, int id)
-{
-    all.push_back({find_block(std::to_string(id)), offset});
-}
-
-void add_controllers(std::vector<Field> &all, std::size_t offset, std::size_t step, int first)
-{
-    for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
-        add_block(all, offset + static_cast<std::size_t>(i) * step, first + i);
-    }
-}
-
-#define KESTA_AT(member) offsetof(KESTA_VOLATILE, member)
+// What has no block: the header, and what is not used.
+#define KESTA_UNNAMED(member, name, kind) \
+    Field{{no_block, name, kind, sizeof(KESTA_VOLATILE::member), false, true}, offsetof(KESTA_VOLATILE, member)}
 
 std::vector<Field> make_fields()
 {
-    std::vector<Field> all;
-    add_unnamed(all, KESTA_AT(alivemond), "alivemond", BlockKind::bytes, 8);
-    add_unnamed(all, KESTA_AT(magic), "magic", BlockKind::text, 4);
-    add_unnamed(all, KESTA_AT(version), "layout-version", BlockKind::number, 4);
-    add_unnamed(all, KESTA_AT(sync_flag.synced), "synced", BlockKind::bytes, 1);
-    add_unnamed(all, KESTA_AT(sync_flag.req), "req", BlockKind::bytes, 1);
-    add_unnamed(all, KESTA_AT(sync_flag.rfu), "rfu", BlockKind::bytes, 6);
-    add_controllers(all, KESTA_AT(cnttbl.restoreinfo.request), 4, KESTA_BLOCK_RESTORE_REQ_CNT0);
-    add_controllers(all, KESTA_AT(cnttbl.restoreinfo.result), 4, KESTA_BLOCK_RESTORE_RES_CNT0);
-    add_block(all, KESTA_AT(cnttbl.groupinfo), KESTA_BLOCK_GROUP);
-    add_block(all, KESTA_AT(cnttbl.sysbakinfo.last_backup_filename), KESTA_BLOCK_BACKUP_NAME);
-    add_block(all, KESTA_AT(cnttbl.sysbakinfo.accept_filename), KESTA_BLOCK_ACCEPT_NAME);
-    add_block(all, KESTA_AT(cnttbl.sysbakinfo.old_backup_filename), KESTA_BLOCK_OLD_BACKUP_NAME);
-    add_unnamed(all, KESTA_AT(cnttbl.sysbakinfo.filler3), "filler3", BlockKind::bytes, 32);
-    add_controllers(all, KESTA_AT(cnttbl.lockinfo.command), sizeof(KESTA_COMMAND_LOCKINFO),
-                    KESTA_BLOCK_LOCK_CNT0);
-    add_block(all, KESTA_AT(cnttbl.versioninfo.id), KESTA_BLOCK_NUMBERING_VERSION);
-    add_block(all, KESTA_AT(cnttbl.versioninfo.last_backup), KESTA_BLOCK_BACKUP_VERSION);
-    add_block(all, KESTA_AT(cnttbl.versioninfo.work_backup), KESTA_BLOCK_ACCEPT_VERSION);
-    add_block(all, KESTA_AT(cnttbl.versioninfo.old_backup), KESTA_BLOCK_OLD_BACKUP_VERSION);
-    add_controllers(all, KESTA_AT(cnttbl.versioninfo.cnt[0].version), sizeof(KESTA_CNT_VERSIONINFO),
-                    KESTA_BLOCK_VERSION_CNT0);
-    add_controllers(all, KESTA_AT(cnttbl.versioninfo.cnt[0].status), sizeof(KESTA_CNT_VERSIONINFO),
-                    KESTA_BLOCK_STATUS_CNT0);
-    add_block(all, KESTA_AT(wwn), KESTA_BLOCK_WWN);
-    add_block(all, KESTA_AT(serialno), KESTA_BLOCK_SERIALNO);
-    add_block(all, KESTA_AT(guid), KESTA_BLOCK_GUID);
-    add_unnamed(all, KESTA_AT(filler), "filler", BlockKind::bytes, 196);
-    add_controllers(all, KESTA_AT(innerlock), sizeof(KESTA_INNERLOCK_BUF),
-                    KESTA_BLOCK_INNERLOCK_CNT0);
+    std::vector<Field> all{KESTA_UNNAMED(alivemond, "alivemond", BlockKind::bytes),
+                           KESTA_UNNAMED(magic, "magic", BlockKind::text),
+                           KESTA_UNNAMED(version, "layout-version", BlockKind::number),
+                           KESTA_UNNAMED(sync_flag.synced, "synced", BlockKind::bytes),
+                           KESTA_UNNAMED(sync_flag.req, "req", BlockKind::bytes),
+                           KESTA_UNNAMED(sync_flag.rfu, "rfu", BlockKind::bytes),
+                           KESTA_UNNAMED(cnttbl.sysbakinfo.filler3, "filler3", BlockKind::bytes),
+                           KESTA_UNNAMED(filler, "filler", BlockKind::bytes)};
+    for (const Block &block : blocks()) {
+        if (block.in_memory) {
+            all.push_back({block, static_cast<std::size_t>(block.offset)});
+        }
+    }
     std::sort(all.begin(), all.end(),
               [](const Field &a, const Field &b) { return a.offset < b.offset; });
     return all;
 }
 
-#undef KESTA_AT
+#undef KESTA_UNNAMED
 
 const std::vector<Field> &fields()
 {
@@ -284,11 +250,13 @@ Result flags(const FlagOptions &options, const Globals &globals)
 
 void rewrite_regions()
 {
-    if (kestal_sync_all_nonvolatile(learn_own_number()) != KESTA_OK) {
+    const int own = learn_own_number();
+    kesta_clear_cause();
+    if (kestal_sync_all_nonvolatile(own) != KESTA_OK) {
         fail_call("sync-failed", "NV memory was not rewritten whole.",
                   "Nothing is lost: each transfer is whole. Look at --trace 1, and try again.");
     }
-    if (was_traced("[sync_all_nonvolatile] CALLOC ERROR")) {
+    if (kesta_last_cause()->kind == KESTA_CAUSE_MEMORY) {  // the call tells of it nowhere else
         throw Failure(Exit::platform, "no-memory", "NV memory was not rewritten: no memory.",
                       "Free some memory, and try again.");
     }

@@ -210,7 +210,8 @@ void explain(int result, const Planned &planned)
                   "The restore failed with result " + std::to_string(result) + ".",
                   "Look at --trace 1.");
     }
-    if (was_traced("[sysback2current] FLASHCOPY(cmd:")) {
+    // The flow calls it success, and leaves the script out. Of its commands only this one's failure ends so.
+    if (kesta_last_cause()->kind == KESTA_CAUSE_COMMAND) {
         fail_call("flashcopy-failed",
                   std::string(flash_accept) + " could not be copied to " + merge_backup +
                       ", so the script was not run.",
@@ -227,6 +228,7 @@ void restore(const RestoreOptions &options, const Planned &planned)
         (void)keep_leftovers("restore", {});
         remove_quietly(unfinished_flash_copy);  // the flow writes into what is there, and keeps a longer tail
     }
+    kesta_clear_cause();
     explain(kestal_sysback2current(options.group.c_str(), options.switch_only ? switch_only_flag : 0,
                                    planned.area_flag, static_cast<int>(options.kind()),
                                    options.distribution, name.data(), options.skip_flashcopy),

@@ -8,10 +8,10 @@
 #include <memory>
 
 #include "appliance_state.h"
+#include "cause_words.h"
 #include "command.h"
 #include "names.h"
 #include "overview.h"
-#include "trace_capture.h"
 #include "version_numbers.h"
 
 namespace kestactl {
@@ -126,10 +126,11 @@ void add_row(Result &result, const std::string &name, const Json &value, const c
 Json read_area(const Area &area, int controller, bool &failed)
 {
     kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);
+    kesta_clear_cause();
     const int version =
         kestal_read_version_nolock(area.area, controller, KESTA_VERSION_BY_MODE);
-    // -1 is also the answer where nobody has the number; then nothing failed at level 1.
-    if (version == KESTA_ERR && was_traced("[read_version_nolock] Volatile Read ERROR")) {
+    // -1 is also the answer where nobody has the number.
+    if (version == KESTA_ERR && failed_but_for_absence()) {
         failed = true;
         return nullptr;
     }

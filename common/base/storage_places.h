@@ -1,0 +1,43 @@
+// The archives that move between the folders, and texts that lead to them.
+#pragma once
+
+#include <stdio.h>
+#include <string.h>
+
+#include <array>
+
+#include "formed_text.h"
+#include "kesta/shell_word.h"
+#include "paths.h"
+
+namespace kesta {
+
+inline constexpr const char *backup_archive = "backup.tar.Z";
+inline constexpr const char *accept_archive = "accept.tar.Z";
+inline constexpr const char *check_archive = "check.tar.Z";
+inline constexpr const char *flash_copy_archive = "tmp.tar.Z";  // only while a copy is under way
+
+inline constexpr int new_archive_mode = 0600;
+inline constexpr int finished_archive_mode = 0644;
+
+using Path = std::array<char, 256>;
+using CommandLine = std::array<char, 512>;
+
+inline Path path_of(const char *directory, const char *file)
+{
+    Path path{};
+    (void)form(path, "%s%s", directory, file);
+    return path;
+}
+
+// A group's name becomes one folder name; a longer one fits no folder, and no command line.
+inline constexpr std::size_t longest_group_folder = 255;
+
+// Whether a group's folder can stand in a command line.
+inline bool is_group_folder(const char *group)
+{
+    return group && strnlen(group, longest_group_folder + 1) <= longest_group_folder &&
+           kesta_is_shell_word(group);
+}
+
+}  // namespace kesta

@@ -1,0 +1,32 @@
+#include <stdio.h>
+
+#include "formed_text.h"
+#include "kesta/backup_flows.h"
+#include "kesta/process.h"
+#include "storage_places.h"
+#include "trace.h"
+
+int kestal_cntbackup2tmp(const char *group, int acceptflg)
+{
+    TRACE(4, "[kestal_cntbackup2tmp] Flash(CNT-Backup) ---> Tmp (group_name=%s,acceptflg=%d)",
+          group ? group : "(null)", acceptflg);
+    if (!group) {
+        FAILURE(ARGUMENT, 0, 1, "[kestal_cntbackup2tmp] Group name Error.");
+        return KESTA_ERR_ARGUMENT;
+    }
+    const kesta::Path source = kesta::path_of(
+        kesta::flash_directory, acceptflg != 0 ? kesta::accept_archive : kesta::backup_archive);
+    const kesta::Path destination = kesta::path_of(kesta::tmp_cache, kesta::backup_archive);
+    kesta::CommandLine command{};
+    // Plain cp from the search path, unlike the other flows.
+    if (!kesta::form(command, "cp -p %s %s", source.data(), destination.data())) {
+        return KESTA_ERR;
+    }
+    const int rtn = kestal_exec_cmd_by_system(command.data());
+    if (rtn != 0) {
+        FAILURE(COMMAND, rtn, 1, "[kestal_cntbackup2tmp] Script(Flash->Tmp) Exe Error rtn=%d", rtn);
+        return KESTA_ERR;
+    }
+    TRACE(5, "[kestal_cntbackup2tmp] End.(%s) rtn=%d", command.data(), rtn);
+    return KESTA_OK;
+}
