@@ -217,7 +217,7 @@ void add(const std::string &name, bool (*flow)(), bool (*raw)(), long megabytes)
 
 int main(int argc, char **argv)
 {
-    for (const long megabytes : {1L, 100L}) {
+    for (const long megabytes : {1L, 100L, 1000L}) {
         add("backup2tmp_check", flow_backup2tmp_check, raw_backup2tmp_check, megabytes);
         add("backup2tmp", flow_backup2tmp, raw_backup2tmp, megabytes);
         add("cntbackup2tmp", flow_cntbackup2tmp, raw_cntbackup2tmp, megabytes);

@@ -19,16 +19,16 @@ const std::string path = "/etc/kesta_sys/bench/define.xml";
 constexpr int files = 64;
 constexpr int links = 8;
 
-// 64 files with 8 links each.
-void write_definition()
+// So many files with so many links each.
+void write_definition(int file_count, int link_count)
 {
     fs::create_directories(fs::path(path).parent_path());
     std::ofstream file(path);
     file << "<?xml version='1.0'?>\n<group id='bench'>\n<setinfo>\n";
-    for (int i = 0; i < files; ++i) {
+    for (int i = 0; i < file_count; ++i) {
         const std::string number = std::to_string(i);
         file << "<file path='/etc/bench/file" << number << "' cntmode='1' rbmode='0'>\n";
-        for (int j = 0; j < links; ++j) {
+        for (int j = 0; j < link_count; ++j) {
             file << "<link path='/etc/bench/link" << number << "." << j << "'/>\n";
         }
         file << "<permission userid='root' groupid='root' mode='644'/>\n</file>\n";
@@ -38,7 +38,7 @@ void write_definition()
 
 void library_read_definition(benchmark::State &state)
 {
-    write_definition();
+    write_definition(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
     kestal_init_xml();
     const auto record = std::make_unique<KESTA_BACKUP_FILE>();
     for (auto _ : state) {
@@ -48,11 +48,11 @@ void library_read_definition(benchmark::State &state)
         }
     }
 }
-BENCHMARK(library_read_definition);
+BENCHMARK(library_read_definition)->Args({files, links})->Args({1, 0});
 
 void raw_parse_definition(benchmark::State &state)
 {
-    write_definition();
+    write_definition(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
     for (auto _ : state) {
         xmlDocPtr doc = xmlParseFile(path.c_str());
         if (!doc) {
@@ -62,7 +62,7 @@ void raw_parse_definition(benchmark::State &state)
         xmlFreeDoc(doc);
     }
 }
-BENCHMARK(raw_parse_definition);
+BENCHMARK(raw_parse_definition)->Args({files, links})->Args({1, 0});
 
 // 64 files with one link each.
 std::unique_ptr<KESTA_BACKUP_FILE> make_files()

@@ -16,12 +16,13 @@ namespace {
                   std::string(archive_limits_file) + ":" + std::to_string(number) + ": '" + line +
                       "' is no limit of archives.",
                   "Lines are 'NAME = NUMBER', with a number from 1; the names are archive_bytes, "
-                  "archive_members, archive_ratio, generations and generation_bytes.");
+                  "archive_members, archive_ratio, generations, generation_bytes and packing_threads.");
 }
 
 struct AllLimits {
     ArchiveLimits archive;
     GenerationLimits generations;
+    std::uint64_t packing_threads = 0;
 };
 
 std::uint64_t *limit_of(AllLimits &limits, const std::string &name)
@@ -31,6 +32,7 @@ std::uint64_t *limit_of(AllLimits &limits, const std::string &name)
            : name == "archive_ratio"    ? &limits.archive.ratio
            : name == "generations"      ? &limits.generations.count
            : name == "generation_bytes" ? &limits.generations.bytes
+           : name == "packing_threads"  ? &limits.packing_threads
                                         : nullptr;
 }
 
@@ -74,5 +76,7 @@ AllLimits read_limits()
 ArchiveLimits archive_limits() { return read_limits().archive; }
 
 GenerationLimits generation_limits() { return read_limits().generations; }
+
+std::uint64_t packing_threads() { return read_limits().packing_threads; }
 
 }  // namespace engine

@@ -23,12 +23,15 @@ struct GenerationLimits {
     std::uint64_t bytes = std::uint64_t{1} << 30;
 };
 
-// Where a controller has other limits: a line of "NAME = NUMBER" for each of archive_bytes,
-// archive_members, archive_ratio, generations and generation_bytes, and comments that begin with "#".
+// Where a controller has other limits: a line of "NAME = NUMBER" for each of archive_bytes, archive_members,
+// archive_ratio, generations, generation_bytes and packing_threads, and comments that begin with "#".
 inline constexpr const char *archive_limits_file = "/etc/kesta/archives.conf";
 
 // The limits of this controller. Throw Failure: a line of the file can't be used.
 ArchiveLimits archive_limits();
 GenerationLimits generation_limits();
+
+// With how many processors an archive is packed. 0: with all; 1: by kestactl alone, without another program.
+std::uint64_t packing_threads();
 
 }  // namespace engine

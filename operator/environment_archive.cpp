@@ -14,6 +14,8 @@
 #include "failure.h"
 #include "file_changes.h"
 #include "group_paths.h"
+#include "held_command.h"
+#include "packing_program.h"
 #include "restored_files.h"
 #include "saved_files.h"
 #include "whole_file.h"
@@ -25,9 +27,13 @@ namespace fs = std::filesystem;
 
 using EntryPtr = std::unique_ptr<archive_entry, decltype(&archive_entry_free)>;
 
+// The other program that packs has not done so.
+struct NotPacked {};
+
 class ArchiveWriter {
 public:
-    ArchiveWriter(const std::string &path, const std::function<void()> &check)
+    // With an empty program it packs itself. Otherwise throws NotPacked as well.
+    ArchiveWriter(const std::string &path, const std::function<void()> &check, const std::string &program)
         : path_(path),
           check_(check),
           limits_(archive_limits()),
@@ -37,9 +43,15 @@ public:
         if (!file_) {
             fail_file(path, "made");
         }
-        archive_write_add_filter_bzip2(writer_.get());
         archive_write_set_format_gnutar(writer_.get());
-        require(archive_write_open_fd(writer_.get(), file_.get()));
+        if (program.empty()) {
+            archive_write_add_filter_bzip2(writer_.get());
+            require(archive_write_open_fd(writer_.get(), file_.get()));
+            return;
+        }
+        packer_ = std::make_unique<PackingProgram>(program, file_.get(), check_);
+        archive_write_set_bytes_in_last_block(writer_.get(), 1);
+        require(archive_write_open(writer_.get(), this, nullptr, give_packer, nullptr));
     }
 
     void add(const Member &member, const Descriptor &contents)
@@ -73,6 +85,9 @@ public:
     void finish()
     {
         require(archive_write_close(writer_.get()));
+        if (packer_ && !packer_->finish()) {
+            throw NotPacked();
+        }
         if (fsync(file_.get()) != 0 || !file_.close()) {
             fail_file(path_, "flushed to the disk");
         }
@@ -117,6 +132,21 @@ private:
             at += size;
         }
     }
+    static la_ssize_t give_packer(::archive *writer, void *self, const void *bytes, std::size_t size)
+    {
+        ArchiveWriter &own = *static_cast<ArchiveWriter *>(self);
+        try {
+            const bool goes_on = !own.not_packed_ && !own.failure_;
+            if (goes_on && own.packer_->take({static_cast<const char *>(bytes), size})) {
+                return static_cast<la_ssize_t>(size);
+            }
+            own.not_packed_ = true;
+        } catch (const std::exception &) {
+            own.failure_ = std::current_exception();  // it must not pass through libarchive
+        }
+        archive_set_error(writer, EPIPE, "stopped");
+        return -1;
+    }
     void require(int result)
     {
         if (result < ARCHIVE_WARN) {
@@ -125,6 +155,12 @@ private:
     }
     [[noreturn]] void fail_writing()
     {
+        if (failure_) {
+            std::rethrow_exception(failure_);
+        }
+        if (not_packed_) {
+            throw NotPacked();
+        }
         const char *why = archive_error_string(writer_.get());
         const int error = archive_errno(writer_.get());
         throw Failure(
@@ -137,6 +173,9 @@ private:
     const std::function<void()> &check_;
     ArchiveLimits limits_;
     Descriptor file_;
+    std::unique_ptr<PackingProgram> packer_;
+    bool not_packed_ = false;
+    std::exception_ptr failure_;
     std::unique_ptr<::archive, decltype(&archive_write_free)> writer_;
     std::array<char, 1 << 16> piece_{};
     std::uint64_t bytes_ = 0;
@@ -154,6 +193,49 @@ void require_restorable(const KESTA_BACKUP_FILE &definition, const GroupPaths &p
                       "A file was changed while it was saved, or the disk fails: run the command "
                       "again.");
     }
+}
+
+std::uint64_t bytes_to_pack(const KESTA_BACKUP_FILE &definition, const GroupPaths &paths)
+{
+    std::uint64_t bytes = 0;
+    for_each_saved(definition, paths,
+                   [&bytes](const Member &member, const Descriptor &) { bytes += member.size; });
+    return bytes;
+}
+
+void make_archive_by(const std::string &program, const KESTA_BACKUP_FILE &definition, const GroupPaths &paths,
+                     const std::string &path, const std::function<void()> &look)
+{
+    remove_quietly(path);  // of a run that was cut short; making it tells
+    try {
+        ArchiveWriter writer(path, look, program);
+        for_each_saved(definition, paths, [&writer](const Member &member, const Descriptor &contents) {
+            writer.add(member, contents);
+        });
+        writer.finish();
+        require_restorable(definition, paths, path, look);
+    } catch (...) {
+        remove_quietly(path);
+        throw;
+    }
+}
+
+// False: it did not pack, or not what it was given.
+bool is_packed_by(const std::string &program, const KESTA_BACKUP_FILE &definition, const GroupPaths &paths,
+                  const std::string &path, const std::function<void()> &look)
+{
+    try {
+        make_archive_by(program, definition, paths, path, look);
+        return true;
+    } catch (const NotPacked &) {
+        look();  // whoever ended it may have asked for this command's end as well
+    } catch (const Failure &failure) {
+        look();
+        if (static_cast<int>(failure.exit()) > ended_by_signal) {
+            throw;
+        }
+    }
+    return false;
 }
 
 }  // namespace
@@ -176,18 +258,16 @@ std::vector<std::string> collect(const KESTA_BACKUP_FILE &definition)
 void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path,
                   const std::function<void()> &look)
 {
+    remove_quietly(path);  // of a run that was cut short
+    make_archive(definition, path, look, packing_program(bytes_to_pack(definition, GroupPaths(definition))));
+}
+
+void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path, const std::function<void()> &look,
+                  const std::string &program)
+{
     const GroupPaths paths(definition);
-    remove_quietly(path);  // of a run that was cut short; making it tells
-    try {
-        ArchiveWriter writer(path, look);
-        for_each_saved(definition, paths, [&writer](const Member &member, const Descriptor &contents) {
-            writer.add(member, contents);
-        });
-        writer.finish();
-        require_restorable(definition, paths, path, look);
-    } catch (const std::exception &) {
-        remove_quietly(path);
-        throw;
+    if (program.empty() || !is_packed_by(program, definition, paths, path, look)) {
+        make_archive_by("", definition, paths, path, look);
     }
 }
 

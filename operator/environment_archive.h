@@ -21,4 +21,8 @@ std::vector<std::string> collect(const KESTA_BACKUP_FILE &definition);
 void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path,
                   const std::function<void()> &look);
 
+// The same, packed by a program that packs as bzip2 does, if that can; what it packed is tested like everything.
+void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path, const std::function<void()> &look,
+                  const std::string &program);
+
 }  // namespace engine

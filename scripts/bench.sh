@@ -1,6 +1,8 @@
 #!/bin/sh
 # Measures, each figure beside its raw cost, and writes the table of ratios to docs/performance.md.
 #   scripts/bench.sh BUILD_FOLDER [REPORT]
+# BENCH_FULL=1 measures large sizes as well: copies of 1 GB, saves of 100 MB in 20,000 files. BENCH_ONLY=commands leaves
+# the library out, and writes what it measures to the screen alone.
 set -eu
 
 build=$(cd "${1:-build/release}" && pwd)
@@ -43,6 +45,12 @@ bench()
 
 kesta-lab create "$memory/lab"
 kesta-lab create "$disk/lab"
+full=${BENCH_FULL:+full}
+if [ "${BENCH_ONLY:-}" = commands ]; then
+    python3 "$scripts/bench_commands.py" "$build" "$memory/lab" "$disk/commands.json" "$full"
+    python3 "$scripts/bench_report.py" /dev/null "$disk/commands.json"
+    exit 0
+fi
 bench "$memory" block_access_bench block_access 1 15
 bench "$memory" inner_lock_bench inner_lock 1 15
 bench "$memory" lock_bench lock 1 15
@@ -55,11 +63,15 @@ measure "$memory" nv_bench slow_repair KESTA_PLATFORM_TRACE_LEVEL=1 KESTA_BENCH_
     "$build/bench/nv_bench" --benchmark_format=json --benchmark_repetitions=3 \
     --benchmark_filter='^slow_'
 # One flow at a time, in alternation with its raw cost: the memory of another flow is not in between.
-for size in 1 100; do
+for size in 1 100 ${full:+1000}; do
     for flow in backup2tmp_check backup2tmp cntbackup2tmp cntbackup2backup merge_file2accept \
         backup2copy sysback2current; do
-        bench "$disk" copy_bench "copy_${flow}_$size" 1 9 "^(flow|raw)_$flow/$size/"
+        repetitions=9
+        [ "$size" -lt 1000 ] || repetitions=3
+        bench "$disk" copy_bench "copy_${flow}_$size" 1 "$repetitions" "^(flow|raw)_$flow/$size/"
     done
 done
+echo "measuring: commands"
+python3 "$scripts/bench_commands.py" "$build" "$memory/lab" "$disk/commands.json" "$full"
 
 python3 "$scripts/bench_report.py" "$report" "$disk"/*.json

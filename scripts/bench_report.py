@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Writes the table of ratios from the results of the benchmarks.
 
-Arguments: the report to write, then the JSON results of the benchmark programs. The medians over
-all repetitions are compared; a row says what was measured, against what, and what we aim at.
+Arguments: the report to write, then the JSON results of the benchmark programs, and of bench_commands.py. The
+medians over all repetitions are compared; a row says what was measured, against what, how far the middle half of the
+repetitions lies apart, how busy the machine was, and what we aim at.
 """
 import json
 import os
@@ -33,11 +34,13 @@ ROWS = [
      "the inner lock and the reading of the file", "times", 1.2),
     ("library_version_memory_first", "raw_version_memory_first", "a version read from NV memory",
      "the inner lock and the transfer", "times", 1.2),
-    ("library_read_definition", "raw_parse_definition",
+    ("library_read_definition/64/8", "raw_parse_definition/64/8",
      "a definition of 64 files with 8 links each read", "xmlParseFile and xmlFreeDoc of it",
      "times", 1.2),
+    ("library_read_definition/1/0", "raw_parse_definition/1/0",
+     "a definition of one file read", "xmlParseFile and xmlFreeDoc of it", "times", None),
     ("library_apply", "raw_apply", "64 files with one link each put in order",
-     "the same commands and calls made bare", "times", 1.05),
+     "the same calls, and `system` of `rm` and `ln`", "times", 1.05),
     ("library_filtered", "raw_empty_call", "a filtered trace",
      "an empty variadic call into a shared object", "ns more", 4),
     ("library_written", "raw_line", "a written trace", "time stamp, snprintf, one write",
@@ -59,13 +62,13 @@ ROWS = [
 ]
 
 FLOWS = [
-    ("backup2tmp_check", "`kestal_backup2tmp`, mode 0", "cp + fsync"),
-    ("backup2tmp", "`kestal_backup2tmp`, mode 1", "cp + fsync, and the unpacking"),
-    ("cntbackup2tmp", "`kestal_cntbackup2tmp`", "cp + fsync"),
-    ("cntbackup2backup", "`kestal_cntbackup2backup`", "cp + fsync"),
-    ("merge_file2accept", "`kestal_merge_file2accept`", "cp + fsync"),
-    ("backup2copy", "`kestal_backup2copy`, InitConf", "cp, the unpacking, cp + fsync, the script"),
-    ("sysback2current", "`kestal_sysback2current`, switch only", "cp + fsync"),
+    ("backup2tmp_check", "`kestal_backup2tmp`, mode 0", "a shell with cp, and fsync"),
+    ("backup2tmp", "`kestal_backup2tmp`, mode 1", "a shell with cp, fsync, and the unpacking"),
+    ("cntbackup2tmp", "`kestal_cntbackup2tmp`", "a shell with cp, and fsync"),
+    ("cntbackup2backup", "`kestal_cntbackup2backup`", "a shell with cp, and fsync"),
+    ("merge_file2accept", "`kestal_merge_file2accept`", "a shell with cp, and fsync"),
+    ("backup2copy", "`kestal_backup2copy`, InitConf", "shells with cp, the unpacking, cp, the script, and fsync"),
+    ("sysback2current", "`kestal_sysback2current`, switch only", "a shell with cp, and fsync"),
 ]
 FLOW_AIM = 1.15
 MEMORY_SPARE_MIB = 16
@@ -80,23 +83,54 @@ def plain(name):
 
 
 def read_results(paths):
-    """Median time in ns and the highest counters of every benchmark."""
-    times, counters = {}, {}
+    """Median time in ns, the spread, the load and the highest counters of every benchmark; and the commands."""
+    times, counters, loads, commands = {}, {}, {}, None
     for path in paths:
         with open(path, encoding="utf-8") as file:
-            for run in json.load(file)["benchmarks"]:
-                if run.get("error_occurred"):
-                    sys.exit(f'{run["name"]}: {run["error_message"]}')
-                if run["run_type"] != "iteration":
-                    continue
-                name = plain(run["name"])
-                time = run["real_time"] * NANOSECONDS[run["time_unit"]]
-                times.setdefault(name, []).append(time)
-                kept = counters.setdefault(name, {})
-                for key in ("peak_MiB", "archive_MiB"):
-                    if key in run:
-                        kept[key] = max(run[key], kept.get(key, 0))
-    return {name: statistics.median(values) for name, values in times.items()}, counters
+            result = json.load(file)
+        if "benchmarks" not in result:
+            commands = result
+            continue
+        load = (result["context"].get("load_avg") or [0])[0]
+        for run in result["benchmarks"]:
+            if run.get("error_occurred"):
+                sys.exit(f'{run["name"]}: {run["error_message"]}')
+            if run["run_type"] != "iteration":
+                continue
+            name = plain(run["name"])
+            time = run["real_time"] * NANOSECONDS[run["time_unit"]]
+            times.setdefault(name, []).append(time)
+            loads[name] = load
+            kept = counters.setdefault(name, {})
+            for key in ("peak_MiB", "archive_MiB"):
+                if key in run:
+                    kept[key] = max(run[key], kept.get(key, 0))
+    return ({name: Measured(values, loads[name]) for name, values in times.items()}, counters, commands)
+
+
+class Measured:
+    """The repetitions of one benchmark."""
+
+    def __init__(self, values, load=0.0, instructions=None):
+        self.median = statistics.median(values)
+        self.spread = spread_of(values)
+        self.load = load
+        self.instructions = instructions
+
+
+def spread_of(values):
+    """How far the middle half lies apart, in parts of the median."""
+    if len(values) < 2 or statistics.median(values) == 0:
+        return 0.0
+    quarters = statistics.quantiles(values, n=4, method="inclusive")
+    return (quarters[2] - quarters[0]) / statistics.median(values)
+
+
+def counted(measured, raw):
+    """Instructions of program and kernel, where the machine counts them."""
+    if measured.instructions is None or raw.instructions is None:
+        return "not counted here"
+    return f"{measured.instructions / 1e6:.3g} M, {raw.instructions / 1e6:.3g} M"
 
 
 def human(time):
@@ -114,15 +148,62 @@ def verdict(value, aim, unit=None):
 
 
 def row(what, against, times, unit, aim):
-    measured, raw = times
+    one, other = times
+    measured, raw = one.median, other.median
     if unit == FASTER:
         value = raw / measured
     else:
         value = measured / raw if unit == "times" else measured - raw
     shown = f"{value:.2f} {unit}" if unit == "times" else f"{value:.1f} {unit}"
     target = "-" if aim is None else f'at {"least" if unit == FASTER else "most"} {aim} {unit}'
-    return (f"| {what} | {against} | {human(measured)} | {human(raw)} | {shown} | {target} | "
-            f"{verdict(value, aim, unit)} |")
+    return (f"| {what} | {against} | {human(measured)} ± {one.spread / 2:.0%} | {human(raw)} ± {other.spread / 2:.0%} | "
+            f"{shown} | {counted(one, other)} | {one.load:.1f} | {target} | {verdict(value, aim, unit)} |")
+
+
+HEAD = ("| measured | against | time | raw time | difference | instructions, raw ones | load | aim | |\n"
+        "| --- | --- | --- | --- | --- | --- | --- | --- | --- |")
+
+# By the beginning of what bench_commands.py calls it.
+COMMAND_AIMS = {"`save`": 1.35, "`accept`": 1.1, "`verify`": 2.1, "`restore` that changes nothing": 1.3}
+
+
+def measured_command(run):
+    """By processor time: what others do meanwhile is not the command's."""
+    instructions = [count for count in run["instructions"] if count is not None]
+    return Measured([seconds * 1e9 for seconds in run["processor_seconds"]], run["load"],
+                    statistics.median(instructions) if instructions else None)
+
+
+def report_commands(commands):
+    yield ""
+    yield "## Commands of kestactl"
+    yield ""
+    yield ("By processor time, of all processes of a command. The aims are of instructions; where these are not counted, time"
+           " stands for them, and unpacking waits for memory more than packing does.")
+    yield ""
+    yield HEAD
+    for part in commands["start"] + commands["commands"]:
+        aim = next((aim for begin, aim in COMMAND_AIMS.items() if part["what"].startswith(begin)), None)
+        yield row(part["what"], part["against"], (measured_command(part["run"]), measured_command(part["raw"])), "times", aim)
+    yield ""
+    yield "| memory at most | archive | peak of the largest process | aim | |"
+    yield "| --- | --- | --- | --- | --- |"
+    for part in commands["memory"]:
+        aim = part["archive"] + MEMORY_SPARE_MIB
+        yield (f'| {part["what"]} | {part["archive"]:.1f} MiB | {part["peak"]:.1f} MiB | at most {aim:.1f} MiB | '
+               f'{verdict(part["peak"], aim)} |')
+    yield ""
+    yield "## Waiting for a lock"
+    yield ""
+    yield ("Each process takes a lock, gives it back, and does something else for a millisecond. `lockf` wakes whoever waits;"
+           " the inner lock can't, since NV memory has nothing to wait on ([locks.md](locks.md#how-fair-it-is)).")
+    yield ""
+    yield "| who | what | turns | of one process | half wait at most | 90 % | 99 % | longest |"
+    yield "| --- | --- | --- | --- | --- | --- | --- | --- |"
+    names = {"inner": "inner lock", "lockf": "`lockf`", "sqlite": "SQLite WAL update, synchronous=off"}
+    for part in commands["contention"]:
+        waits = " | ".join(human(part[key] * 1e6) for key in ("p50", "p90", "p99", "longest"))
+        yield (f'| {part["where"]} | {names[part["kind"]]} | {part["turns"]} | {part["fewest"]} to {part["most"]} | {waits} |')
 
 
 def processor():
@@ -133,27 +214,27 @@ def processor():
     return platform.machine()
 
 
-def report(times, counters):
-    head = ("| measured | against | time | raw time | difference | aim | |\n"
-            "| --- | --- | --- | --- | --- | --- | --- |")
+def report(times, counters, commands):
     yield "# What the library costs"
     yield ""
     yield ("Written by `make bench`: each figure beside the raw cost, measured in the same process,"
            " alternately, as the median of all repetitions. Locks, transfers and traces ran on a"
-           " tmpfs, the copies on a disk.")
+           " tmpfs, the copies on a disk. Behind ± is half of what the middle half of them lies apart.")
     yield ""
     yield f"- Date: {datetime.now(timezone.utc):%Y-%m-%d}"
     yield f"- Machine: {processor()}, {os.cpu_count()} cores, Linux {platform.release()}"
     yield ""
-    yield head
+    yield HEAD
     for name, raw, what, against, unit, aim in ROWS:
         yield row(what, against, (times[name], times[raw]), unit, aim)
     yield ""
     yield "## Copy flows"
     yield ""
-    yield head
-    for size in (1, 100):
+    yield HEAD
+    for size in (1, 100, 1000):
         for name, what, against in FLOWS:
+            if f"flow_{name}/{size}" not in times:
+                continue  # the large ones are measured on demand
             yield row(f"{what}, {size} MB", against,
                       (times[f"flow_{name}/{size}"], times[f"raw_{name}/{size}"]),
                       "times", FLOW_AIM)
@@ -165,10 +246,13 @@ def report(times, counters):
         aim = seen["archive_MiB"] + MEMORY_SPARE_MIB
         yield (f'| {what} | {seen["archive_MiB"]:.1f} MiB | {seen["peak_MiB"]:.1f} MiB | '
                f'at most {aim:.1f} MiB | {verdict(seen["peak_MiB"], aim)} |')
+    if commands:
+        yield from report_commands(commands)
 
 
 def main(target, *paths):
-    lines = list(report(*read_results(paths)))
+    results = read_results(paths)
+    lines = list(report(*results) if results[0] else report_commands(results[2]))
     with open(target, "w", encoding="utf-8") as file:
         file.write("\n".join(lines) + "\n")
     print("\n".join(lines))

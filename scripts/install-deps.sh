@@ -9,7 +9,7 @@ packages="
     libxml2-dev libarchive-dev libcli11-dev nlohmann-json3-dev nettle-dev
     libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
     spin
-    tar bzip2 coreutils findutils util-linux mount procps python3 strace
+    tar bzip2 lbzip2 coreutils findutils util-linux mount procps python3 strace
     xxd bsdextrautils abigail-tools chromium
     doxygen groff-base man-db debhelper dpkg-dev fakeroot lintian gcovr
 "

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "archive_evidence.h"
+#include "archive_limits.h"
 #include "environment_archive.h"
 #include "placed_files.h"
 #include "private_root.h"
@@ -29,6 +30,8 @@ protected:
     {
         test::reset();
         test::clear_appliance_folders();
+        fs::remove(archive_limits_file);
+        fs::remove_all("/etc/app");
         fs::create_directories("/etc/app/more");
         for (const char *name : {"/etc/app/one", "/etc/app/two", "/etc/app/more/three"}) {
             test::write_file(name, std::string(300000, name[9]));

@@ -68,7 +68,7 @@ protected:
         }
         home = name;
         dir = home / "lab";
-        const Ran made = shell(lab() + " create " + dir.string());
+        const Ran made = shell(lab() + " create " + dir.string() + " --product " KESTA_LAB_PRODUCT);
         EXPECT_EQ(made.code, 0) << made.err;
     }
     ~LabTest() override

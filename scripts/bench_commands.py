@@ -1,0 +1,123 @@
+#!/usr/bin/env python3
+"""Measures what whole commands of kestactl cost, beside tar and bzip2, and how long processes wait for locks.
+
+Arguments: the build folder, the folder of a lab, the JSON file to write, and "full" for all of the sizes.
+"""
+import json
+import os
+import random
+import shutil
+import subprocess
+import sys
+
+GROUP = "bench"
+DATA = "opt/bench-data"
+
+
+class Lab:
+    def __init__(self, build, folder):
+        self.build, self.folder = build, folder
+        self.controller = os.path.join(folder, "cnt0")
+
+    def arguments(self, controller, command):
+        return [f"{self.build}/bin/kesta-lab", "--dir", self.folder, "exec", f"CNT{controller}", "--bind", self.build,
+                "--", *command]
+
+    def run(self, *command, controller=0):
+        done = subprocess.run(self.arguments(controller, command), capture_output=True, text=True, check=False)
+        if done.returncode != 0:
+            sys.exit(f"{' '.join(command)}: {done.stdout}{done.stderr}")
+        return done.stdout
+
+    def measure(self, times, command, before=None):
+        program = [f"{self.build}/bench/measured_run", str(times)]
+        return json.loads(self.run(*program, *(["--before", before] if before else []), "--", "sh", "-c",
+                                   f"exec {command} > /dev/null"))
+
+    def define(self):
+        folder = os.path.join(self.controller, "etc/kesta_sys", GROUP)
+        os.makedirs(folder, exist_ok=True)
+        with open(f"{folder}/define.xml", "w", encoding="utf-8") as file:
+            file.write(f'<?xml version="1.0"?>\n<group id="{GROUP}" operation="update" type="files"><setinfo>'
+                       f'<file path="/{DATA}"/></setinfo><script><backup reboot="0"></backup>'
+                       '<restore reboot="0"></restore></script></group>\n')
+
+    def fill(self, megabytes, files, text):
+        root = os.path.join(self.controller, DATA)
+        shutil.rmtree(root, ignore_errors=True)
+        source = random.Random(1)
+        words = ["".join(source.choices("etaoinshrdlcumwfgypbvk", k=source.randint(2, 9))) for _ in range(5000)]
+        size = megabytes * 1000000 // files
+        for number in range(files):
+            folder = f"{root}/{number % 50}"
+            os.makedirs(folder, exist_ok=True)
+            with open(f"{folder}/{number}", "wb") as file:
+                file.write(" ".join(source.choices(words, k=size // 5))[:size].encode() if text
+                           else source.randbytes(size))
+
+
+def start_up(lab):
+    for what, command in (("`kestactl --version`", "kestactl --version"), ("`kestactl nv list`", "kestactl nv list")):
+        yield {"what": what, "against": "`true`: an empty program's start", "run": lab.measure(21, command),
+               "raw": lab.measure(21, "/bin/true")}
+
+
+def commands(lab, megabytes, files):
+    lab.fill(megabytes, files, True)
+    size = f"{megabytes} MB in {files} files"
+    pack = lab.measure(3, f"tar -C / -cjf /tmp/raw.tar.bz2 {DATA}")
+    yield {"what": f"`save`, {size}", "against": "`tar -cjf`, which reads nothing back, keeps nothing and flushes nothing",
+           "run": lab.measure(3, f"kestactl save {GROUP}"), "raw": pack}
+    unpack = lab.measure(3, "bunzip2 -c /tmp/raw.tar.bz2")
+    one = "one `bunzip2 -c`, which writes nothing"
+    yield {"what": "`accept`", "against": one, "run": lab.measure(3, "kestactl accept"), "raw": unpack}
+    with open(os.path.join(lab.controller, DATA, "0/0"), "ab") as file:
+        file.write(b"another one")
+    lab.run("kestactl", "save", GROUP)
+    yield {"what": "`verify` of two archives in four places", "against": one + ", of one archive",
+           "run": lab.measure(3, "kestactl verify"), "raw": unpack}
+    yield {"what": "`restore` that changes nothing", "against": one, "run": lab.measure(3, f"kestactl restore {GROUP}"),
+           "raw": unpack}
+    yield {"what": "`restore`, one file changed", "against": one,
+           "run": lab.measure(3, f"kestactl restore {GROUP}", f"echo spoiled > /{DATA}/7/7"), "raw": unpack}
+    yield {"what": "`restore`, all files new", "against": "`tar -xjf`, which tests nothing first and flushes nothing",
+           "run": lab.measure(3, f"kestactl restore {GROUP}", f"rm -rf /{DATA}"),
+           "raw": lab.measure(3, "tar -C / -xjf /tmp/raw.tar.bz2", f"rm -rf /{DATA}")}
+
+
+def memory(lab, megabytes):
+    lab.fill(megabytes, 20, False)
+    lab.run("kestactl", "save", GROUP)
+    archive = os.path.getsize(os.path.join(lab.controller, "opt/kesta_sys/bakup/backup.tar.Z")) / 2**20
+    for command in (f"save {GROUP}", "accept", "verify", f"restore {GROUP}"):
+        peak = max(lab.measure(1, f"kestactl {command}")["peak_kib"]) / 1024
+        yield {"what": f"`{command.split()[0]}`", "archive": archive, "peak": peak}
+
+
+def contention(lab, seconds):
+    bench = f"{lab.build}/bench/contention_bench"
+    for processes in (2, 16, 64):
+        for kind in ("inner", "lockf", "sqlite"):
+            yield {"where": f"{processes} processes of one controller",
+                   **json.loads(lab.run(bench, kind, str(processes), str(seconds)))}
+    together = [subprocess.Popen(lab.arguments(number, [bench, "inner", "1", str(seconds)]), stdout=subprocess.PIPE, text=True)
+                for number in range(4)]
+    for number, process in enumerate(together):
+        yield {"where": f"four controllers, one process each: CNT{number}", **json.loads(process.communicate()[0])}
+
+
+def main(build, folder, target, full=""):
+    lab = Lab(os.path.abspath(build), folder)
+    lab.define()
+    lab.run("kestactl", "slot", "switch", "--backup", "kesta_backup0", "--accept", "kesta_backup1")
+    is_full = full == "full"
+    result = {"start": list(start_up(lab)),
+              "commands": list(commands(lab, *((100, 20000) if is_full else (20, 2000)))),
+              "memory": list(memory(lab, 200 if is_full else 30)),
+              "contention": list(contention(lab, 8 if is_full else 2))}
+    with open(target, "w", encoding="utf-8") as file:
+        json.dump(result, file)
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])

@@ -1,0 +1,141 @@
+// Archives that another program packs: the same as those of kestactl, whatever that program does.
+#include "packing_program.h"
+
+#include <dirent.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "archive_evidence.h"
+#include "archive_limits.h"
+#include "environment_archive.h"
+#include "private_root.h"
+#include "test_platform.h"
+
+using namespace engine;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char *path = "/opt/kesta_sys/bakup/.save.tar.Z";
+constexpr std::uint64_t many_bytes = std::uint64_t{1} << 30;
+
+class PackingProgramTest : public testing::Test {
+protected:
+    PackingProgramTest()
+    {
+        test::reset();
+        test::clear_appliance_folders();
+        fs::remove(archive_limits_file);
+        fs::remove_all("/etc/app");
+        fs::create_directories("/etc/app");
+        std::string text;
+        for (int line = 0; text.size() < 3000000; ++line) {
+            text += "line " + std::to_string(line % 10007 * 7919 % 10007) + "\n";
+        }
+        test::write_file("/etc/app/one", text);
+        test::write_file("/etc/app/two", "small\n");
+        fs::create_symlink("one", "/etc/app/link");
+        strcpy(definition.groupname, "network");
+        strcpy(definition.setfile[0].pathname, "/etc/app");
+    }
+    static std::string program(const std::string &commands)
+    {
+        test::write_file("/opt/packer", "#!/bin/sh\nPATH=/usr/bin:/bin\n" + commands + "\n");
+        (void)chmod("/opt/packer", 0755);
+        return "/opt/packer";
+    }
+    std::string made_by(const std::string &packer) const
+    {
+        make_archive(definition, path, [] {}, packer);
+        return test::read_file(path);
+    }
+    // What the library's own command line makes of it.
+    static std::string unpacked(const std::string &bytes)
+    {
+        test::write_file("/opt/packed", bytes);
+        EXPECT_EQ(std::system("/usr/bin/bunzip2 -c < /opt/packed > /opt/unpacked"), 0);
+        return test::read_file("/opt/unpacked");
+    }
+    static int open_descriptors()
+    {
+        int count = 0;
+        for ([[maybe_unused]] const auto &entry : fs::directory_iterator("/proc/self/fd")) {
+            ++count;
+        }
+        return count;
+    }
+
+    KESTA_BACKUP_FILE definition{};
+};
+
+}  // namespace
+
+TEST_F(PackingProgramTest, WhatItPacksIsUnpackedBitForBit)
+{
+    const std::string own = made_by("");
+    const std::string other = made_by("/usr/bin/lbzip2");
+    EXPECT_NE(own, other) << "it was not asked";
+    EXPECT_TRUE(evidence_of_bytes(other).good());
+    EXPECT_EQ(unpacked(own), unpacked(other));
+}
+
+TEST_F(PackingProgramTest, WhatItDoesNotPackIsPackedWithoutIt)
+{
+    const std::string own = made_by("");
+    const int descriptors = open_descriptors();
+    for (const char *commands : {"exit 1", "exit 0", "cat > /dev/null", "cat > /dev/null; exit 3", "kill -9 $$",
+                                 "head -c 100000 | bzip2; kill -9 $$", "cat", "bzip2 -c | head -c 20000",
+                                 "bzip2 -c; echo more", "echo lies | bzip2", "head -c 1000000 | bzip2",
+                                 "tr n m | bzip2"}) {
+        EXPECT_EQ(made_by(program(commands)), own) << commands;
+        EXPECT_EQ(open_descriptors(), descriptors) << commands;
+    }
+    EXPECT_EQ(made_by("/opt/absent"), own);
+    EXPECT_EQ(made_by("/opt"), own);
+}
+
+TEST_F(PackingProgramTest, ItTakesNoOptionsFromTheEnvironment)
+{
+    setenv("LBZIP2", "-1 -v", 1);
+    setenv("BZIP2", "--nonsense", 1);
+    const std::string packed = made_by("/usr/bin/lbzip2");
+    unsetenv("LBZIP2");
+    unsetenv("BZIP2");
+    EXPECT_EQ(packed, made_by("/usr/bin/lbzip2"));
+}
+
+// It hangs, and somebody presses Ctrl-C: neither its process nor the half archive stays.
+TEST_F(PackingProgramTest, ALookEndsIt)
+{
+    const std::string hanging = program("echo $$ > /opt/process; exec sleep 1000");
+    const auto look = [] {
+        if (fs::exists("/opt/process") && !test::read_file("/opt/process").empty()) {
+            throw Failure(Exit::interrupted, "interrupted", "Interrupted.", "");
+        }
+    };
+    try {
+        make_archive(definition, path, look, hanging);
+        FAIL() << "it was not interrupted";
+    } catch (const Failure &failure) {
+        EXPECT_EQ(failure.code(), "interrupted");
+    }
+    EXPECT_FALSE(fs::exists(path));
+    const pid_t process = std::stoi(test::read_file("/opt/process"));
+    EXPECT_TRUE(kill(process, 0) != 0 && errno == ESRCH) << "it goes on";
+}
+
+TEST_F(PackingProgramTest, ItIsAskedWhereItIsWorthItAndNotSwitchedOff)
+{
+    test::write_file(archive_limits_file, "packing_threads = 2\n");
+    EXPECT_EQ(packing_program(many_bytes), "/usr/bin/lbzip2");
+    EXPECT_EQ(packing_program(1000), "");
+    test::write_file(archive_limits_file, "packing_threads = 1\n");
+    EXPECT_EQ(packing_program(many_bytes), "");
+    test::write_file(archive_limits_file, "packing_threads = some\n");
+    EXPECT_THROW(packing_program(many_bytes), Failure);
+    fs::remove(archive_limits_file);
+}
