@@ -14,6 +14,8 @@
 namespace engine {
 namespace {
 
+bool memory_only = false;
+
 constexpr int not_asked = 1;  // the library leaves the result alone where it doesn't use the area
 
 int read_through(const Block &block, From from, BlockValue &value)
@@ -96,6 +98,7 @@ void write_block(const Block &block, std::vector<char> bytes)
 {
     const std::string name = "Block " + block.name;
     under_inner_lock(name + " was not written.", [&] {
+        ask_both_places();
         if (kestal_non_volatile_rw_func(block.id, KESTA_BLOCK_WRITE, bytes.data(),
                                         static_cast<unsigned>(bytes.size()), nullptr) != KESTA_OK) {
             fail_call("write-failed", name + " was not written to every place it lives in.",
@@ -150,7 +153,24 @@ void require_writable()
     }
 }
 
-void use_memory_only() { kestal_rw_set_boot_mode(KESTA_RWMODE_MEMORY); }
+void use_both_places()
+{
+    memory_only = false;
+    kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);
+}
+
+void use_memory_only()
+{
+    memory_only = true;
+    kestal_rw_set_boot_mode(KESTA_RWMODE_MEMORY);
+}
+
+void ask_both_places()
+{
+    if (!memory_only) {
+        kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);
+    }
+}
 
 void fail_call(const std::string &code, const std::string &message, const std::string &hint)
 {

@@ -43,8 +43,13 @@ int learn_own_number();
 // Refuses where nothing may be written: in Suspend boot mode. Throws Failure.
 void require_writable();
 
-// From here on the process uses NV memory only.
+// Which places a command uses: both from its beginning, or NV memory only, from here on.
+void use_both_places();
 void use_memory_only();
+
+// To be called before a write: after one failed access to the system backup area the library goes on with NV memory alone,
+// and calls that success. Both places are asked anew, unless the command is for NV memory only.
+void ask_both_places();
 
 // What a failed library call means: held by the inner lock, or a failure of the platform.
 [[noreturn]] void fail_call(const std::string &code, const std::string &message,

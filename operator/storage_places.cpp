@@ -24,7 +24,7 @@ constexpr const char *flash_version_file = "/etc/kesta_sys/version";
 // Each area is asked anew in both places: the library stops asking the system backup area after one failure.
 VersionNumber number_of(int area, int controller)
 {
-    kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);
+    ask_both_places();
     kesta_clear_cause();
     const int version = kestal_read_version_nolock(area, controller, KESTA_VERSION_BY_MODE);
     if (version < 0) {

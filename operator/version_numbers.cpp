@@ -32,20 +32,18 @@ int latest_number(int own)
     return latest;
 }
 
-// Both places are asked anew for the reading and for the writing: after one failure the library would go on with NV
-// memory alone, and call that success.
 int hand_out_version(int own)
 {
     int next = 0;
     under_inner_lock("No number was handed out.", [&] {
-        kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);
+        ask_both_places();
         const int latest =
             kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, own, KESTA_VERSION_BY_MODE);
         if (latest < 0) {
             fail_call("next-failed", "No number was handed out.", "The latest one can't be read: look at --trace 1.");
         }
         next = version_after(latest);
-        kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);
+        ask_both_places();
         if (kestal_set_version_nolock(KESTA_VER_AREA_NUMBERING, own, next) != KESTA_OK) {
             fail_call("next-failed", "Number " + std::to_string(next) + " was not written to every place.",
                       "Look at --trace 1 for the place that failed, and let 'kestactl verify' tell what differs.");

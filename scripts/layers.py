@@ -209,10 +209,11 @@ def read_symbols(source, build, rows, arrows):
             made_of = source_of(source, build, path) if name.endswith(".o") else None
             if made_of and folder_of(rows, made_of):
                 objects[made_of] = symbols_of(path)
-    # A benchmark stands in for calls of the system (it counts them): nobody else is linked with what it defines.
-    defined_in = {symbol: made_of for made_of, (_, defines) in sorted(objects.items()) for symbol in defines
-                  if not made_of.startswith("bench/")}
     contract = contract_names(source)
+    # A benchmark stands in for calls of the system (it counts them), kestactl for the platform's trace log: nobody else
+    # is linked with what they define so.
+    defined_in = {symbol: made_of for made_of, (_, defines) in sorted(objects.items()) for symbol in defines
+                  if not made_of.startswith("bench/") and (made_of.startswith("platform/") or symbol not in contract)}
     for made_of, (wants, _) in sorted(objects.items()):
         for symbol in sorted(wants):
             used = defined_in.get(symbol)

@@ -11,6 +11,7 @@
 
 namespace kesta {
 volatile int tsize = 0;
+void reset_tracked_allocation() { tsize = 0; }
 }
 
 namespace {

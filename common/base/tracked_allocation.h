@@ -5,6 +5,9 @@
 
 namespace kesta {
 extern volatile int tsize;  // tracked user bytes now allocated
+
+// As in a process that has just started.
+void reset_tracked_allocation();
 }
 
 using kesta::tsize;

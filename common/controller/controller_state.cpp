@@ -9,12 +9,9 @@
 
 namespace kesta {
 
-volatile int g_my_cnt_no = -1;
-volatile int g_my_cnt_no_write = -1;
-volatile int g_my_cnt_num = -1;
-volatile int g_my_boot_mode = -1;
-char g_eeprom_wwn[17];
-char g_eeprom_serialno[17];
+constinit ControllerState controller_state;
+
+void reset_controller_state() { controller_state = {}; }
 
 int leading_int(const char *text)
 {

@@ -89,10 +89,10 @@ int interpret_line(const char *text, int option)
     case KESTA_CPINFO_BOOT_MODE:
         return check_range(boot_mode_value(text), option);
     case KESTA_CPINFO_EEPROM_WWN:
-        fill_eeprom_cache(g_eeprom_wwn, text);
+        fill_eeprom_cache(controller_state.eeprom_wwn, text);
         return KESTA_OK;
     default:
-        fill_eeprom_cache(g_eeprom_serialno, text);
+        fill_eeprom_cache(controller_state.eeprom_serialno, text);
         return KESTA_OK;
     }
 }
@@ -120,13 +120,13 @@ int own_number(int option)
 {
     const int known = kesta::own_controller();
     int number = known >= 0 ? known : kestal_execute_command_by_popen(option);
-    if (option == KESTA_CPINFO_OWN_NUMBER && number >= 0 && kesta::cached(g_my_cnt_no_write) == -1) {
+    if (option == KESTA_CPINFO_OWN_NUMBER && number >= 0 && kesta::cached(controller_state.own_number_written) == -1) {
         number = write_number(kesta::own_number_file, number, "cntno");
         if (number >= 0) {
-            kesta::set_cached(g_my_cnt_no_write, 0);
+            kesta::set_cached(controller_state.own_number_written, 0);
         }
     }
-    kesta::set_cached(g_my_cnt_no, number);
+    kesta::set_cached(controller_state.own_number, number);
     return number;
 }
 
@@ -136,7 +136,7 @@ int controller_count()
     if (count > 0) {
         count = write_number(kesta::controller_count_file, count, "cntnum");
     }
-    kesta::set_cached(g_my_cnt_num, count);
+    kesta::set_cached(controller_state.count, count);
     return count;
 }
 
@@ -160,7 +160,7 @@ int boot_mode(int option)
     if (mode == KESTA_BOOT_NORMAL) {
         mode = kestal_execute_command_by_popen(option);
     }
-    kesta::set_cached(g_my_boot_mode, mode);
+    kesta::set_cached(controller_state.boot_mode, mode);
     TRACE(4, "[get_cnt_num_from_cpinfo] exemode=%d", mode);
     return mode;
 }

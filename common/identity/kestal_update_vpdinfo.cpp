@@ -25,10 +25,7 @@
 #include "vrbapi.h"
 
 namespace kesta {
-int g_vpd_cntnum = -1;
-int g_vpd_cnt_no = -1;
-char g_accept_filename[KESTA_AREA_NAME_SIZE];
-char g_backup_filename[KESTA_AREA_NAME_SIZE];
+constinit VpdState vpd_state;
 }
 
 namespace {
@@ -99,9 +96,9 @@ int write_hosts(const std::array<vrb_netconfig_t, 2> &records, const HostNames &
         return not_opened(hosts_path);
     }
     std::array<char, sizeof(HostName) + INET_ADDRSTRLEN + 16> line{};
-    for (int i = 0; i < g_vpd_cntnum; ++i) {
+    for (int i = 0; i < vpd_state.controllers; ++i) {
         std::array<char, INET_ADDRSTRLEN> address{};
-        const vrb_netconfig_t &record = records[i == g_vpd_cnt_no ? 0 : 1];
+        const vrb_netconfig_t &record = records[i == vpd_state.own_number ? 0 : 1];
         inet_ntop(AF_INET, &record.address, address.data(), address.size());
         form(line, "%s CNT%d %s\n", address.data(), i, names[static_cast<std::size_t>(i)].data());
         if (const kesta::TextWritten result = kesta::write_text(file.get(), line.data());
@@ -128,7 +125,7 @@ int write_nodename(int controller, const HostName &name)
 // The first line, at most 256 characters. Returns whether it could be read, and logs if not.
 bool read_nodename(HostName &name, int ret)
 {
-    const kesta::Path path = nodename_path(g_vpd_cnt_no);
+    const kesta::Path path = nodename_path(vpd_state.own_number);
     const kesta::FilePtr file(kesta::stream_of(open_in_tree(path.data(), O_RDONLY)));
     if (!file) {
         TRACE(1, "[update_host_info] nodenamefile(%s) open failed. ret=%d", path.data(), ret);
@@ -155,7 +152,7 @@ int rename_hosts(const char *wwn_new)
     if (const int ret = write_hosts(records, names); ret != KESTA_OK) {
         return ret;
     }
-    for (int i = 0; i < g_vpd_cntnum; ++i) {
+    for (int i = 0; i < vpd_state.controllers; ++i) {
         if (const int ret = write_nodename(i, names[static_cast<std::size_t>(i)]);
             ret != KESTA_OK) {
             return ret;
@@ -181,7 +178,7 @@ constexpr std::array<SystemCopy, 4> system_copies{{
 int copy_to_system(const SystemCopy &copy)
 {
     std::array<char, 16> part{};
-    form(part, "%d", g_vpd_cnt_no);
+    form(part, "%d", vpd_state.own_number);
     kesta::CommandLine command{};
     form(command, "/usr/bin/cp %s/%s%s %s > /dev/null 2>&1", tree, copy.is_own ? part.data() : "C",
          copy.from, copy.to);
@@ -215,22 +212,22 @@ void set_name(char (&field)[KESTA_AREA_NAME_SIZE], const char *name)
 
 int write_accept_slot()
 {
-    set_name(g_accept_filename, "");
-    set_name(g_backup_filename, "");
-    int rtn = kestal_area_file_rw(KESTA_BLOCK_READ, g_accept_filename, nullptr);
+    set_name(vpd_state.accept_name, "");
+    set_name(vpd_state.backup_name, "");
+    int rtn = kestal_area_file_rw(KESTA_BLOCK_READ, vpd_state.accept_name, nullptr);
     if (rtn != KESTA_OK) {
         SYSTEM_FAILURE(error, 1, "[update_vpdinfo_collect_close] AcceptFileName read Failed. rtn=%d, errno=%d", rtn,
                        error);
         return KESTA_ERR;
     }
-    if (!kesta::is_slot_name(g_accept_filename)) {
-        set_name(g_accept_filename, KESTA_SLOT1);
+    if (!kesta::is_slot_name(vpd_state.accept_name)) {
+        set_name(vpd_state.accept_name, KESTA_SLOT1);
     }
-    set_name(g_backup_filename, kesta::other_slot(g_accept_filename));
-    rtn = kestal_merge_file2accept(g_accept_filename);
+    set_name(vpd_state.backup_name, kesta::other_slot(vpd_state.accept_name));
+    rtn = kestal_merge_file2accept(vpd_state.accept_name);
     if (rtn != KESTA_OK) {
         SYSTEM_FAILURE(error, 1, "[update_vpdinfo_collect_close] HDD write backup.tar.Z(%s) Failed. rtn=%d, errno=%d",
-                       kesta::AreaName(g_accept_filename).c_str(), rtn, error);
+                       kesta::AreaName(vpd_state.accept_name).c_str(), rtn, error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -265,14 +262,14 @@ int kestal_update_vpdinfo_distribute_open(const char *directory, int flag)
 int kestal_update_vpdinfo_eeprom(const char *wwn, const char *serialno)
 {
     TRACE(4, "[update_vpdinfo_eeprom] Start. wwnstr=%s, snstr=%s", or_null(wwn), or_null(serialno));
-    g_vpd_cntnum = flow_controllers;
+    vpd_state.controllers = flow_controllers;
     kesta::CommandLine command{};
     if (!kesta_is_shell_word(wwn) || !kesta_is_shell_word(serialno) ||
         !form_eeprom_command(command, 0, wwn, serialno)) {
         FAILURE(ARGUMENT, 0, 1, "[update_vpdinfo_eeprom] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
-    for (int i = 0; i < KESTA_CONTROLLERS && i < g_vpd_cntnum; ++i) {
+    for (int i = 0; i < KESTA_CONTROLLERS && i < vpd_state.controllers; ++i) {
         form_eeprom_command(command, i, wwn, serialno);
         TRACE(3, "[update_vpdinfo_eeprom] Update tmp eeprom (cntno:%d, cmd:%s)", i, command.data());
         if (const int rtn = kestal_exec_cmd_by_system(command.data()); rtn != 0) {
@@ -316,13 +313,13 @@ int kestal_update_host_info(const char *wwn_new, const char *wwn_old)
         return KESTA_ERR_ARGUMENT;
     }
     int ret = KESTA_ERR;
-    if (g_vpd_cnt_no == -1) {
+    if (vpd_state.own_number == -1) {
         ret = kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_OWN_NUMBER);
         if (static_cast<unsigned>(ret) >= flow_controllers) {
             TRACE(1, "[update_host_info] kestal_get_my_cnt_num_cpinfo() Error. ret=%d ", ret);
             return ret;
         }
-        g_vpd_cnt_no = ret;
+        vpd_state.own_number = ret;
     }
     HostName now{};
     if (!read_nodename(now, ret)) {
@@ -330,11 +327,11 @@ int kestal_update_host_info(const char *wwn_new, const char *wwn_old)
         // the other one. Programs that call the step by itself rely on that result.
         return ret;
     }
-    const char *by_wwn = names[static_cast<std::size_t>(g_vpd_cnt_no)].data();
+    const char *by_wwn = names[static_cast<std::size_t>(vpd_state.own_number)].data();
     const bool is_same = strcmp(now.data(), by_wwn) == 0;
     TRACE(3,
           "[update_host_info] it is %s wwn_hostname=[%s] and now_hostname=[%s] g_vpd_cnt_no=[%d]. ",
-          is_same ? "same" : "different", by_wwn, now.data(), g_vpd_cnt_no);
+          is_same ? "same" : "different", by_wwn, now.data(), vpd_state.own_number);
     if (!is_same) {
         return KESTA_OK;  // the administrator has named the controller
     }

@@ -198,10 +198,10 @@ int name_slots()
         const char *flag_name;
         const char *slot;
     };
-    const std::array<Name, 2> names{{{KESTA_OFF, "KESTA_OFF", g_accept_filename},
-                                     {KESTA_ON, "KESTA_ON", g_backup_filename}}};
+    const std::array<Name, 2> names{{{KESTA_OFF, "KESTA_OFF", vpd_state.accept_name},
+                                     {KESTA_ON, "KESTA_ON", vpd_state.backup_name}}};
     for (const Name &name : names) {
-        const int sts = kestal_change_address(g_accept_filename, g_backup_filename, name.flag);
+        const int sts = kestal_change_address(vpd_state.accept_name, vpd_state.backup_name, name.flag);
         if (sts != KESTA_OK) {
             SYSTEM_FAILURE(error, 1, "[kestal_CONT0_to_CONT1] kestal_change_address(%s)(%s) error. sts=%d errno=%d",
                            name.flag_name, kesta::AreaName(name.slot).c_str(), sts, error);

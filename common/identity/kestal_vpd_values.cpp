@@ -108,9 +108,9 @@ int kestal_get_wwn_by_eeprom(char *wwn)
         // searches for that one.
         TRACE(1, "[get_cnt_num_from_cpinfo] Failed to get wwn. ret=%d", ret);
     } else {
-        copy_cache(g_eeprom_wwn, wwn, KESTA_WWN_LENGTH);
+        copy_cache(controller_state.eeprom_wwn, wwn, KESTA_WWN_LENGTH);
     }
-    TRACE(5, "[kestal_get_wwn_by_eeprom] END wwn=[%s] ret=[%d]", g_eeprom_wwn, ret);
+    TRACE(5, "[kestal_get_wwn_by_eeprom] END wwn=[%s] ret=[%d]", controller_state.eeprom_wwn, ret);
     return ret;
 }
 
@@ -125,9 +125,9 @@ int kestal_get_serialno_by_eeprom(char *serialno)
     if (ret != KESTA_OK) {
         TRACE(1, "[kestal_get_serialno_by_eeprom] Failed to get serialnumber. ret=%d", ret);
     } else {
-        copy_cache(g_eeprom_serialno, serialno, KESTA_SERIALNO_LENGTH);
+        copy_cache(controller_state.eeprom_serialno, serialno, KESTA_SERIALNO_LENGTH);
     }
-    TRACE(5, "[kestal_get_serialno_by_eeprom] END serialnumber=[%s] ret=[%d]", g_eeprom_serialno,
+    TRACE(5, "[kestal_get_serialno_by_eeprom] END serialnumber=[%s] ret=[%d]", controller_state.eeprom_serialno,
           ret);
     return ret;
 }

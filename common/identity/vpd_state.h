@@ -12,13 +12,16 @@ using GuidText = TextField<KESTA_GUID_TEXT_LENGTH>;
 inline constexpr int to_flash = 0;  // the identity stays on this controller
 inline constexpr int to_disk = 1;
 
-extern int g_vpd_cntnum;  // controllers that the flows treat; -1 before the first eeprom edit
-extern int g_vpd_cnt_no;  // own number, 0 or 1; -1 until it is known
-extern char g_accept_filename[KESTA_AREA_NAME_SIZE];
-extern char g_backup_filename[KESTA_AREA_NAME_SIZE];
+struct VpdState {
+    int controllers = -1;  // that the flows treat; -1 before the first eeprom edit
+    int own_number = -1;   // 0 or 1; -1 until it is known
+    char accept_name[KESTA_AREA_NAME_SIZE] = {};
+    char backup_name[KESTA_AREA_NAME_SIZE] = {};
+};
+extern VpdState vpd_state;
+
+// As in a process that has just started.
+inline void reset_vpd_state() { vpd_state = {}; }
 }
 
-using kesta::g_vpd_cntnum;
-using kesta::g_vpd_cnt_no;
-using kesta::g_accept_filename;
-using kesta::g_backup_filename;
+using kesta::vpd_state;

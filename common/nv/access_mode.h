@@ -5,6 +5,9 @@
 
 namespace kesta {
 extern int s_rwmode;  // KESTA_RWMODE_*; guarded by bootmode_mutex
+
+// As in a process that has just started.
+void reset_access_mode();
 }
 
 using kesta::s_rwmode;

@@ -13,6 +13,7 @@
 
 namespace kesta {
 int s_rwmode = KESTA_RWMODE_BOTH;
+void reset_access_mode() { s_rwmode = KESTA_RWMODE_BOTH; }
 }
 
 namespace {

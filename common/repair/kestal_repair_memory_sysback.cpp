@@ -275,7 +275,7 @@ int kestal_repair_filename_check(char *name, int length)
 int kestal_repair_memory_sysback(KESTA_REPAIR_SYSVOL_DATA *data, int count)
 {
     TRACE(4, "[repair_memory_sysback] START");
-    g_env_restore2_flag = KESTA_OFF;
+    repair_state.with_supplied_values = KESTA_OFF;
     int mask = 0;
     for (const CheckRow &row : repair_mem_sys) {
         mask |= check_side(row);
@@ -292,9 +292,9 @@ int kestal_repair_memory_from_sysback(KESTA_REPAIR_SYSVOL_DATA *data, int count,
         FAILURE(ARGUMENT, 0, 1, "[repair_memory_from_sysback] Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
-    g_env_restore2_flag = KESTA_ON;
-    g_sysvol_verback = verback;
-    g_sysvol_verid = verid;
+    repair_state.with_supplied_values = KESTA_ON;
+    repair_state.backup_version = verback;
+    repair_state.numbering_version = verid;
     const int rtn = kestal_repair_allitem(KESTA_REPAIR_FROM_SYSBACK, data, count);
     if (rtn != KESTA_OK) {
         TRACE(1, "[repair_memory_from_sysback] Failed to repair Memory.");
@@ -305,11 +305,11 @@ int kestal_repair_memory_from_sysback(KESTA_REPAIR_SYSVOL_DATA *data, int count,
 int kestal_repair_allitem(int direction, KESTA_REPAIR_SYSVOL_DATA *data, int count)
 {
     TRACE(5, "[repair_allitem] START");
-    g_sysvol_dataptr = data;
-    g_sysvol_datarec = count;
-    g_onoff = direction;
+    repair_state.records = data;
+    repair_state.record_count = count;
+    repair_state.direction = direction;
     const int result =
-        g_env_restore2_flag == KESTA_OFF ? copy_in_sequence(direction) : copy_in_threads();
+        repair_state.with_supplied_values == KESTA_OFF ? copy_in_sequence(direction) : copy_in_threads();
     TRACE(4, "[repair_allitem] END");
     return result;
 }
@@ -321,7 +321,7 @@ void *kestal_repair_thread_func(void *index)
         const int item = *static_cast<const int *>(index);
         if (item >= 0 && item < items) {
             const RepairItem &row = repair_allitem[static_cast<std::size_t>(item)];
-            result = kestal_repair_rw(g_onoff, row.volid, row.len);
+            result = kestal_repair_rw(repair_state.direction, row.volid, row.len);
         }
     }
     // A thread's result is a number here: that is the interface.

@@ -70,7 +70,7 @@ private:
     // Whether the value comes from elsewhere than the source side.
     bool supplied()
     {
-        if (g_env_restore2_flag == 0) {
+        if (repair_state.with_supplied_values == 0) {
             return false;
         }
         switch (block_id_) {
@@ -116,12 +116,12 @@ private:
 
     static const KESTA_REPAIR_SYSVOL_DATA *records_end()
     {
-        return g_sysvol_dataptr + (g_sysvol_dataptr ? std::max(g_sysvol_datarec, 0) : 0);
+        return repair_state.records + (repair_state.records ? std::max(repair_state.record_count, 0) : 0);
     }
 
     bool take_record()
     {
-        for (const KESTA_REPAIR_SYSVOL_DATA *record = g_sysvol_dataptr; record != records_end();
+        for (const KESTA_REPAIR_SYSVOL_DATA *record = repair_state.records; record != records_end();
              ++record) {
             if (record->id == block_id_ && record->data) {
                 memcpy(buffer_, record->data, length_);
@@ -134,7 +134,7 @@ private:
     // The accept name itself, or the other slot than the backup name: whichever record comes first.
     bool take_accept_name()
     {
-        for (const KESTA_REPAIR_SYSVOL_DATA *record = g_sysvol_dataptr; record != records_end();
+        for (const KESTA_REPAIR_SYSVOL_DATA *record = repair_state.records; record != records_end();
              ++record) {
             if (!record->data) {
                 continue;
@@ -164,11 +164,11 @@ private:
 
     void hand_out_version() const
     {
-        if (g_env_restore2_flag == 0) {
+        if (repair_state.with_supplied_values == 0) {
             return;
         }
-        char *to = block_id_ == KESTA_BLOCK_BACKUP_VERSION      ? g_sysvol_verback
-                   : block_id_ == KESTA_BLOCK_NUMBERING_VERSION ? g_sysvol_verid
+        char *to = block_id_ == KESTA_BLOCK_BACKUP_VERSION      ? repair_state.backup_version
+                   : block_id_ == KESTA_BLOCK_NUMBERING_VERSION ? repair_state.numbering_version
                                                                 : nullptr;
         if (to) {
             memcpy(to, buffer_, length_);
@@ -184,12 +184,7 @@ private:
 }  // namespace
 
 namespace kesta {
-int g_env_restore2_flag;
-int g_onoff;
-KESTA_REPAIR_SYSVOL_DATA *g_sysvol_dataptr;
-int g_sysvol_datarec;
-char *g_sysvol_verback;
-char *g_sysvol_verid;
+constinit RepairState repair_state;
 }
 
 int kestal_repair_rw(int direction, int block_id, size_t length)

@@ -4,17 +4,20 @@
 #include "kesta/nv_repair.h"
 
 namespace kesta {
-extern int g_env_restore2_flag;  // 1 from a repair with supplied values until the next other one
-extern int g_onoff;              // KESTA_REPAIR_FROM_*
-extern KESTA_REPAIR_SYSVOL_DATA *g_sysvol_dataptr;
-extern int g_sysvol_datarec;
-extern char *g_sysvol_verback;
-extern char *g_sysvol_verid;
-}
 
-using kesta::g_env_restore2_flag;
-using kesta::g_onoff;
-using kesta::g_sysvol_dataptr;
-using kesta::g_sysvol_datarec;
-using kesta::g_sysvol_verback;
-using kesta::g_sysvol_verid;
+struct RepairState {
+    int with_supplied_values = 0;  // 1 from a repair with supplied values until the next other one
+    int direction = 0;             // KESTA_REPAIR_FROM_*
+    KESTA_REPAIR_SYSVOL_DATA *records = nullptr;
+    int record_count = 0;
+    char *backup_version = nullptr;
+    char *numbering_version = nullptr;
+};
+extern RepairState repair_state;
+
+// As in a process that has just started.
+inline void reset_repair_state() { repair_state = {}; }
+
+}  // namespace kesta
+
+using kesta::repair_state;

@@ -104,10 +104,10 @@ TEST_F(CommandByPopen, BootModesAreExactWords)
 TEST_F(CommandByPopen, EepromTextsGoToTheirCachesCutAt16)
 {
     EXPECT_EQ(ask(3, "/usr/sbin/eeprom cp_wwn | cut -d '=' -f2", "50000E10D0001234\n"), 0);
-    EXPECT_STREQ(g_eeprom_wwn, "50000E10D0001234");
+    EXPECT_STREQ(controller_state.eeprom_wwn, "50000E10D0001234");
     EXPECT_EQ(ask(5, "/usr/sbin/eeprom cp_serial_number | cut -d '=' -f2", "0123456789abcdefXYZ\n"),
               0);
-    EXPECT_STREQ(g_eeprom_serialno, "0123456789abcdef");
+    EXPECT_STREQ(controller_state.eeprom_serialno, "0123456789abcdef");
     EXPECT_EQ(p().count("Get My CNT Number"), 0) << "no range check";
 }
 
@@ -127,7 +127,7 @@ class CntNumFromCpinfo : public LibraryTest {
 protected:
     CntNumFromCpinfo()
     {
-        g_my_cnt_no = -1;
+        controller_state.own_number = -1;
         p().commands[own_number] = {"2\n", 0};
         p().commands[count] = {"4\n", 0};
         p().commands[boot_mode] = {"normal\n", 0};
@@ -137,8 +137,8 @@ protected:
 TEST_F(CntNumFromCpinfo, OwnNumberIsAskedAndWrittenOnce)
 {
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(0), 2);
-    EXPECT_EQ(g_my_cnt_no, 2);
-    EXPECT_EQ(g_my_cnt_no_write, 0);
+    EXPECT_EQ(controller_state.own_number, 2);
+    EXPECT_EQ(controller_state.own_number_written, 0);
     EXPECT_EQ(p().integer_files.at("/etc/mycntno"), 2);
     p().calls.clear();
     p().traces.clear();
@@ -151,8 +151,8 @@ TEST_F(CntNumFromCpinfo, OwnNumberIsAskedAndWrittenOnce)
 TEST_F(CntNumFromCpinfo, OwnNumberWithoutFile)
 {
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(4), 2);
-    EXPECT_EQ(g_my_cnt_no, 2);
-    EXPECT_EQ(g_my_cnt_no_write, -1);
+    EXPECT_EQ(controller_state.own_number, 2);
+    EXPECT_EQ(controller_state.own_number_written, -1);
     EXPECT_TRUE(p().integer_files.empty());
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(0), 2) << "known, but the file is still to be written";
     EXPECT_EQ(p().calls_of("popen").size(), 1u);
@@ -164,8 +164,8 @@ TEST_F(CntNumFromCpinfo, FailedWriteIsForgottenAndAskedAgain)
     p().fail_kind("vrb_set", 0, 1);
     p().fault_errno = 28;
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(0), -1);
-    EXPECT_EQ(g_my_cnt_no, -1);
-    EXPECT_EQ(g_my_cnt_no_write, -1);
+    EXPECT_EQ(controller_state.own_number, -1);
+    EXPECT_EQ(controller_state.own_number_written, -1);
     EXPECT_TRUE(
         p().traced(1, "[get_cnt_num_from_cpinfo] Failed to set cntno to file. errno=28"));
     EXPECT_TRUE(p().traced(5, "[get_cnt_num_from_cpinfo] END cnt_num=-1"));
@@ -177,7 +177,7 @@ TEST_F(CntNumFromCpinfo, FailureStaysNegativeAndIsAskedAgain)
 {
     p().commands[own_number] = {"4\n", 0};
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(0), -241);
-    EXPECT_EQ(g_my_cnt_no, -241);
+    EXPECT_EQ(controller_state.own_number, -241);
     EXPECT_TRUE(p().integer_files.empty());
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(4), -241);
     p().commands[own_number] = {"1\n", 0};
@@ -191,11 +191,11 @@ TEST_F(CntNumFromCpinfo, ControllerCountIsAskedAndWrittenEachTime)
     EXPECT_EQ(p().calls_of("popen").size(), 2u);
     EXPECT_THAT(p().calls_of("vrb_set"),
                 ElementsAre("vrb_set /etc/cntnum 4", "vrb_set /etc/cntnum 4"));
-    EXPECT_EQ(g_my_cnt_num, 4);
+    EXPECT_EQ(controller_state.count, 4);
     p().commands[count] = {"0\n", 0};
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(1), -241);
     EXPECT_EQ(p().calls_of("vrb_set").size(), 2u);
-    EXPECT_EQ(g_my_cnt_num, -241);
+    EXPECT_EQ(controller_state.count, -241);
 }
 
 TEST_F(CntNumFromCpinfo, ControllerCountThatCanNotBeWritten)
@@ -204,7 +204,7 @@ TEST_F(CntNumFromCpinfo, ControllerCountThatCanNotBeWritten)
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(1), -1);
     EXPECT_TRUE(
         p().traced(1, "[get_cnt_num_from_cpinfo] Failed to set cntnum to file. errno=5"));
-    EXPECT_EQ(g_my_cnt_num, -1);
+    EXPECT_EQ(controller_state.count, -1);
 }
 
 TEST_F(CntNumFromCpinfo, BootModeIsNotCached)
@@ -212,7 +212,7 @@ TEST_F(CntNumFromCpinfo, BootModeIsNotCached)
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(2), 0);
     p().commands[boot_mode] = {"initconf\n", 0};
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(2), 2);
-    EXPECT_EQ(g_my_boot_mode, 2);
+    EXPECT_EQ(controller_state.boot_mode, 2);
     EXPECT_THAT(p().texts(4), ElementsAre("[get_cnt_num_from_cpinfo] exemode=0",
                                           "[get_cnt_num_from_cpinfo] exemode=2"));
 }
@@ -250,8 +250,8 @@ TEST_F(CntNumFile, ReadsTheFileOfTheOption)
     EXPECT_THAT(p().texts(5),
                 ElementsAre("[kestal_get_cnt_num_file] Get My CNT Number End. cnt_num=3",
                             "[kestal_get_cnt_num_file] Get My CNT Number End. cnt_num=4"));
-    EXPECT_EQ(g_my_cnt_no, 0) << "the caches are not touched";
-    EXPECT_EQ(g_my_cnt_num, -1);
+    EXPECT_EQ(controller_state.own_number, 0) << "the caches are not touched";
+    EXPECT_EQ(controller_state.count, -1);
 }
 
 TEST_F(CntNumFile, FailureNamesThePlatformFunctionEvenWhenItsNameFillsTheField)

@@ -98,8 +98,8 @@ protected:
     // Forgets what the process knows, as a new one does.
     void new_process()
     {
-        g_vpd_cnt_no = -1;
-        g_vpd_cntnum = -1;
+        vpd_state.own_number = -1;
+        vpd_state.controllers = -1;
         p().traces.clear();
         p().system_commands.clear();
         p().calls.clear();
@@ -144,9 +144,9 @@ TEST_F(VpdFlow, WithFlagOneTheBackupIsFetchedFirst)
 
 TEST_F(VpdFlow, BootEnvironmentsOfTwoControllersAreEdited)
 {
-    EXPECT_EQ(g_vpd_cntnum, -1);
+    EXPECT_EQ(vpd_state.controllers, -1);
     EXPECT_EQ(kestal_update_vpdinfo_eeprom(new_wwn.c_str(), new_serialno.c_str()), 0);
-    EXPECT_EQ(g_vpd_cntnum, 2);
+    EXPECT_EQ(vpd_state.controllers, 2);
     EXPECT_THAT(p().system_commands, ElementsAre(eeprom(0, identity(new_wwn, new_serialno)),
                                                  eeprom(1, identity(new_wwn, new_serialno))));
     EXPECT_EQ(p().traces.front().text, "[update_vpdinfo_eeprom] Start. wwnstr=" + new_wwn +
@@ -175,7 +175,7 @@ TEST_F(VpdFlow, FirstFailureEndsTheEditing)
     EXPECT_THAT(p().system_commands, SizeIs(1));
     EXPECT_THAT(p().traces.back().text,
                 testing::StartsWith("[update_vpdinfo_eeprom] Update tmp eeprom Failed. rtn=1, errno="));
-    EXPECT_EQ(g_vpd_cntnum, 2);
+    EXPECT_EQ(vpd_state.controllers, 2);
 }
 
 TEST_F(VpdFlow, TextsThatAShellWouldActOnAreRefused)
@@ -241,7 +241,7 @@ TEST_F(VpdFlow, GuidThatCanNotBeWrittenIsTold)
 TEST_F(VpdFlow, FilesOfTheTreeAreNeverReachedThroughLinks)
 {
     const std::string outside = "/var/run/kesta_sys/outside";
-    g_vpd_cntnum = 2;
+    vpd_state.controllers = 2;
     write_file(outside, "as it was\n");
     const auto fails = [&](const std::string &because) {
         EXPECT_EQ(kestal_update_vpdinfo_guid(new_guid.c_str()), -1);
@@ -270,7 +270,7 @@ TEST_F(VpdFlow, FilesOfTheTreeAreNeverReachedThroughLinks)
 
 class HostInfo : public VpdFlow {
 protected:
-    HostInfo() { g_vpd_cntnum = 2; }
+    HostInfo() { vpd_state.controllers = 2; }
     int update() { return kestal_update_host_info(new_wwn.c_str(), old_wwn.c_str()); }
     void expect_untouched()
     {
@@ -285,7 +285,7 @@ TEST_F(HostInfo, NamesAndTableFollowTheNewWwn)
     EXPECT_EQ(read_file(hosts), "10.0.0.1 CNT0 " + new_wwn + "-0\n10.0.0.2 CNT1 " + new_wwn + "-1\n");
     EXPECT_EQ(read_file(nodename("0")), new_wwn + "-0\n");
     EXPECT_EQ(read_file(nodename("1")), new_wwn + "-1\n");
-    EXPECT_EQ(g_vpd_cnt_no, 0);
+    EXPECT_EQ(vpd_state.own_number, 0);
     EXPECT_EQ(p().traces.front().text,
               "[update_host_info] Start. wwn_new=" + new_wwn + " wwn_old=" + old_wwn);
     EXPECT_TRUE(p().traced(3, "[update_host_info] " + nodename("0") + " hostname = " + old_wwn + "-0"));
@@ -299,8 +299,8 @@ TEST_F(HostInfo, OnControllerOneTheOwnAddressIsTheSecondLine)
 {
     p().commands["/usr/sbin/cpinfo -i"] = {"1\n", 0};
     new_process();
-    g_my_cnt_no = -1;
-    g_vpd_cntnum = 2;
+    controller_state.own_number = -1;
+    vpd_state.controllers = 2;
     EXPECT_EQ(update(), 0);
     EXPECT_EQ(read_file(hosts), "10.0.0.2 CNT0 " + new_wwn + "-0\n10.0.0.1 CNT1 " + new_wwn + "-1\n");
 }
@@ -330,12 +330,12 @@ TEST_F(HostInfo, OwnNumberOtherThanZeroOrOneIsReturned)
     for (const auto &[output, code] : {std::pair("2\n", 2), std::pair("3\n", 3), std::pair("x\n", -241)}) {
         p().commands["/usr/sbin/cpinfo -i"] = {output, 0};
         new_process();
-        g_my_cnt_no = -1;
+        controller_state.own_number = -1;
         const int result = update();
         EXPECT_EQ(result, code);
         EXPECT_TRUE(last_trace_is(1, "[update_host_info] kestal_get_my_cnt_num_cpinfo() Error. ret=" +
                                          std::to_string(code) + " "));
-        EXPECT_EQ(g_vpd_cnt_no, -1);
+        EXPECT_EQ(vpd_state.own_number, -1);
     }
 }
 
@@ -354,7 +354,7 @@ TEST_F(HostInfo, UnreadableNameGivesTheNumberOnceAndThenAFailure)
         1, "[update_host_info] nodenamefile(" + nodename("0") + ") read failed. ret=-1"));
     p().commands["/usr/sbin/cpinfo -i"] = {"1\n", 0};
     new_process();
-    g_my_cnt_no = -1;
+    controller_state.own_number = -1;
     exec("rm " + nodename("1"));
     EXPECT_EQ(update(), 1) << "controller 1's number";
 }
@@ -387,7 +387,7 @@ TEST_F(HostInfo, FailuresOfTheNetworkAndTheFiles)
 
 TEST_F(HostInfo, BeforeTheBootEnvironmentsThereIsNobodyToWriteFor)
 {
-    g_vpd_cntnum = -1;
+    vpd_state.controllers = -1;
     EXPECT_EQ(update(), 0);
     EXPECT_EQ(read_file(hosts), "");
     EXPECT_EQ(read_file(nodename("0")), old_wwn + "-0\n");
@@ -406,7 +406,7 @@ TEST_F(HostInfo, BadArguments)
 
 TEST_F(VpdFlow, ClosingForFlashCopiesToTheSystemFirst)
 {
-    g_vpd_cnt_no = 1;
+    vpd_state.own_number = 1;
     EXPECT_EQ(kestal_update_vpdinfo_collect_close(0), 0);
     const std::string quiet = " > /dev/null 2>&1";
     EXPECT_THAT(
@@ -421,7 +421,7 @@ TEST_F(VpdFlow, ClosingForFlashCopiesToTheSystemFirst)
 
 TEST_F(VpdFlow, ClosingStopsAtItsFirstFailure)
 {
-    g_vpd_cnt_no = 0;
+    vpd_state.own_number = 0;
     const char *names[] = {"nodename", "hosts", "hosts", "cpguid"};
     for (std::size_t step = 0; step < 4; ++step) {
         p().system_commands.clear();
@@ -447,15 +447,15 @@ TEST_F(VpdFlow, ClosingForTheDiskChoosesThePair)
     write_file("/var/run/kesta_sys/tmp/backup.tar.Z", "collected");
     use_slots("kesta_backup0", "kesta_backup1");
     EXPECT_EQ(kestal_update_vpdinfo_collect_close(1), 0);
-    EXPECT_STREQ(g_accept_filename, "kesta_backup1");
-    EXPECT_STREQ(g_backup_filename, "kesta_backup0");
+    EXPECT_STREQ(vpd_state.accept_name, "kesta_backup1");
+    EXPECT_STREQ(vpd_state.backup_name, "kesta_backup0");
     EXPECT_EQ(p().sysback["kesta_backup1"].bytes, "collected");
     EXPECT_THAT(p().system_commands, ElementsAre(collect + "1 > /dev/null 2>&1"));
 
     use_slots("kesta_backup1", "kesta_backup0");
     EXPECT_EQ(kestal_update_vpdinfo_collect_close(1), 0);
-    EXPECT_STREQ(g_accept_filename, "kesta_backup0");
-    EXPECT_STREQ(g_backup_filename, "kesta_backup1");
+    EXPECT_STREQ(vpd_state.accept_name, "kesta_backup0");
+    EXPECT_STREQ(vpd_state.backup_name, "kesta_backup1");
     EXPECT_EQ(p().sysback["kesta_backup0"].bytes, "collected");
 }
 
@@ -470,7 +470,7 @@ TEST_F(VpdFlow, ClosingForTheDiskTellsWhatFailed)
     EXPECT_THAT(p().traces.back().text,
                 testing::StartsWith(
                     "[update_vpdinfo_collect_close] AcceptFileName read Failed. rtn=-1, errno="));
-    EXPECT_STREQ(g_accept_filename, "") << "cleared before";
+    EXPECT_STREQ(vpd_state.accept_name, "") << "cleared before";
 }
 
 TEST_F(VpdFlow, AnyOtherFlagPacksOnly)
@@ -757,7 +757,7 @@ TEST_F(Cont0ToCont1, EqualWwnsLeaveTheHostNames)
 {
     EXPECT_EQ(carry(new_wwn), 1);
     EXPECT_EQ(read_file(hosts), "as it was\n");
-    EXPECT_EQ(g_vpd_cnt_no, -1);
+    EXPECT_EQ(vpd_state.own_number, -1);
     EXPECT_EQ(kestal_read_version(KESTA_VER_AREA_BACKUP, 0, 1), 42);
 }
 

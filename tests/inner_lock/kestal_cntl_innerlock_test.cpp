@@ -106,7 +106,7 @@ TEST_F(InnerLock, BadNumberDoesNotTouchNv)
 
 TEST_F(InnerLock, UnknownOwnNumberFails)
 {
-    g_my_cnt_no = -1;
+    controller_state.own_number = -1;
     EXPECT_EQ(kestal_cntl_innerlock(0), -1);
     EXPECT_TRUE(
         p().traced(1, "[kestal_cntl_innerlock] Get Block ID(ID TYPE=INNERLOCK) Error. rtn=-931"));
@@ -119,7 +119,7 @@ TEST_F(InnerLock, UnknownOwnNumberFails)
 
 TEST_F(InnerLock, ClaimsTheOwnSlotWhateverTheCallerSays)
 {
-    g_my_cnt_no = 3;
+    controller_state.own_number = 3;
     hold(0, 5);
     at_sleep([&](int) { clear(0); });
     EXPECT_EQ(kestal_cntl_innerlock(1), 0);

@@ -138,7 +138,7 @@ TEST_F(NvItems, EveryVersionAreaIsFoundByItsNumber)
             const int controller = one.controller < 0 ? 0 : one.controller;
             EXPECT_EQ(kestal_set_version_nolock(one.version_area, controller, 77), 0) << one.name;
             if (one.offset >= 0) {
-                EXPECT_EQ(p().int_at(one.offset), 77) << one.name;
+                EXPECT_EQ(p().int_at(static_cast<std::size_t>(one.offset)), 77) << one.name;
             }
         }
     }

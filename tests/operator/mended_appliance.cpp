@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "appliance_state.h"
 #include "archive_evidence.h"
 #include "archive_places.h"
 #include "command_line.h"
@@ -177,7 +178,7 @@ std::string MendedAppliance::at(std::size_t place) const
 
 Ran MendedAppliance::run(std::vector<std::string> words) const
 {
-    kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);  // a process of its own begins so
+    engine::use_both_places();  // a process of its own begins so
     kestactl::CommandLine line;
     std::vector<const char *> arguments;
     for (const std::string &word : words) {

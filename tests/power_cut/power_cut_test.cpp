@@ -138,7 +138,7 @@ Recording run(const Scenario &scenario)
 {
     put_disk(folders(), {});
     kestal_rw_set_boot_mode(0);
-    kesta::set_cached(g_my_cnt_no, 0);
+    kesta::set_cached(controller_state.own_number, 0);
     own_version.reset();
     scenario.prepare();
     record(folders());
@@ -226,7 +226,7 @@ std::string repaired(bool memory, bool done, const std::function<int()> &again)
 
 int copy_all(bool to_memory)
 {
-    g_env_restore2_flag = 0;
+    repair_state.with_supplied_values = 0;
     return kestal_repair_allitem(to_memory ? KESTA_REPAIR_FROM_SYSBACK : KESTA_REPAIR_FROM_MEMORY,
                                  nullptr, 0);
 }

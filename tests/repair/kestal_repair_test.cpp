@@ -236,24 +236,24 @@ TEST_F(Repair, NamesAreCheckedOverTheirWholeLength)
 
 class SuppliedRepair : public Repair {
 protected:
-    SuppliedRepair() { g_env_restore2_flag = 1; }
+    SuppliedRepair() { repair_state.with_supplied_values = 1; }
     ~SuppliedRepair() override
     {
-        g_env_restore2_flag = 0;
-        g_sysvol_dataptr = nullptr;
-        g_sysvol_datarec = 0;
-        g_sysvol_verback = nullptr;
-        g_sysvol_verid = nullptr;
+        repair_state.with_supplied_values = 0;
+        repair_state.records = nullptr;
+        repair_state.record_count = 0;
+        repair_state.backup_version = nullptr;
+        repair_state.numbering_version = nullptr;
     }
     // Copies a block of the given length with these records.
     int copy(int block, std::size_t length, std::vector<KESTA_REPAIR_SYSVOL_DATA> records)
     {
         p().calls.clear();
-        g_sysvol_dataptr = records.data();
-        g_sysvol_datarec = static_cast<int>(records.size());
+        repair_state.records = records.data();
+        repair_state.record_count = static_cast<int>(records.size());
         const int result = kestal_repair_rw(1, block, length);
-        g_sysvol_dataptr = nullptr;
-        g_sysvol_datarec = 0;
+        repair_state.records = nullptr;
+        repair_state.record_count = 0;
         return result;
     }
     bool read_the_area() const { return !p().calls_of("sb_read").empty(); }
@@ -327,8 +327,8 @@ TEST_F(SuppliedRepair, VersionsThatAreReadAreHandedBack)
 {
     char verback[5] = "####";
     char verid[5] = "####";
-    g_sysvol_verback = verback;
-    g_sysvol_verid = verid;
+    repair_state.backup_version = verback;
+    repair_state.numbering_version = verid;
     EXPECT_EQ(copy(52, 4, {}), 0);
     EXPECT_STREQ(verback, std::string(4, 'A').c_str());
     EXPECT_STREQ(verid, "####");
@@ -336,7 +336,7 @@ TEST_F(SuppliedRepair, VersionsThatAreReadAreHandedBack)
     EXPECT_STREQ(verid, std::string(4, 'Z').c_str());
     EXPECT_EQ(copy(55, 4, {}), 0);
     EXPECT_TRUE(p().traced(5, "[repair_rw] sysvol read normal.(id=55)"));
-    g_sysvol_verback = nullptr;
+    repair_state.backup_version = nullptr;
     EXPECT_EQ(copy(52, 4, {}), 0);
     EXPECT_EQ(copy(53, 4, {}), -1) << "no mirror";
     EXPECT_TRUE(p().traced(3, "[repair_rw] sysvol read (id=53)"));

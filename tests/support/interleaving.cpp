@@ -70,7 +70,7 @@ void use_folder_of(int controller)
     wall_seconds_of_this_process = 999'500 + 100 * number;
     platform().wall_seconds = wall_seconds_of_this_process + platform().clock_us / 1'000'000;
     use_folder_of(controller);
-    g_my_cnt_no = controller;
+    controller_state.own_number = controller;
     platform().before_call = [](const std::string &call) {
         if (call.rfind("nv_", 0) == 0 || call.rfind("usleep", 0) == 0) {
             announce(call);

@@ -59,19 +59,14 @@ void reset(int own_number)
 {
     current = std::make_unique<Platform>();
     handles.clear();
-    g_my_cnt_no = own_number;
-    g_my_cnt_no_write = -1;
-    g_my_cnt_num = -1;
-    g_my_boot_mode = -1;
-    memset(g_eeprom_wwn, 0, sizeof(g_eeprom_wwn));
-    memset(g_eeprom_serialno, 0, sizeof(g_eeprom_serialno));
-    s_rwmode = 0;
-    tsize = 0;
+    kesta::reset_controller_state();
+    controller_state.own_number = own_number;
+    kesta::reset_access_mode();
+    kesta::reset_tracked_allocation();
+    kesta::reset_repair_state();
+    kesta::reset_vpd_state();
     kestal_allreset_lockinfo();
-    g_version_file_sync = 1;
-    g_env_restore2_flag = 0;
-    g_vpd_cntnum = -1;
-    g_vpd_cnt_no = -1;
+    kestal_set_version_file_sync();
     unsetenv("KESTA_NOHDD_STATUS");
     unsetenv("KESTA_CPMODE_STATUS");
 }

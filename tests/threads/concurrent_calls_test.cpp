@@ -108,7 +108,7 @@ TEST_F(ConcurrentCalls, TrackedTotalIsExact)
 
 TEST_F(ConcurrentCalls, CachedNumberIsAskedForByAllAtOnce)
 {
-    g_my_cnt_no = -1;
+    controller_state.own_number = -1;
     p().commands["/usr/sbin/cpinfo -i"] = {"3\n", 0};
     in_threads([&](int) { EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(0), 3); });
     EXPECT_EQ(p().open_pipes, 0);

@@ -396,6 +396,7 @@ void record_version()
 {
     const int number = learn_own_number();
     const int version = kestal_read_version(KESTA_VER_AREA_BACKUP, number, 1);
+    ask_both_places();
     if (version < 1 || kestal_set_version(KESTA_VER_AREA_CURRENT, number, version) != KESTA_OK ||
         kestal_set_flash_version_file(version, KESTA_FLASH_VERSION) != KESTA_OK) {
         fail_call("version-failed", "This controller's version could not be recorded.",

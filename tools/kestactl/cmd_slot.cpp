@@ -45,11 +45,9 @@ NameField field_of(const std::string &name)
     return field;
 }
 
-void change(const std::string &accept, const std::string &backup, int flag, bool memory_only)
+void change(const std::string &accept, const std::string &backup, int flag)
 {
-    if (!memory_only) {
-        kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);  // a read that failed on the disk would leave it out unsaid
-    }
+    ask_both_places();
     NameField accept_field = field_of(accept);
     NameField backup_field = field_of(backup);
     learn_own_number();
@@ -115,10 +113,10 @@ Plan plan_switch(SwitchOptions options)
     plan.json = {{"backup", options.backup}, {"accept", options.accept}};
     plan.steps.push_back({"make " + options.accept + " the accept slot",
                           writes("kesta_sysacpt", KESTA_BLOCK_ACCEPT_NAME),
-                          [options] { change(options.accept, options.backup, KESTA_OFF, options.memory_only); }});
+                          [options] { change(options.accept, options.backup, KESTA_OFF); }});
     plan.steps.push_back({"make " + options.backup + " the backup slot",
                           writes("kesta_sysback", KESTA_BLOCK_BACKUP_NAME),
-                          [options] { change(options.accept, options.backup, KESTA_ON, options.memory_only); }});
+                          [options] { change(options.accept, options.backup, KESTA_ON); }});
     return plan;
 }
 

@@ -125,7 +125,7 @@ void add_row(Result &result, const std::string &name, const Json &value, const c
 // places: the library stops asking the system backup area after one failure.
 Json read_area(const Area &area, int controller, bool &failed)
 {
-    kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);
+    ask_both_places();
     kesta_clear_cause();
     const int version =
         kestal_read_version_nolock(area.area, controller, KESTA_VERSION_BY_MODE);
@@ -185,6 +185,7 @@ int controller_of(const VersionOptions &options, const Area &area)
 
 void set_area(const Area &area, int controller, int value)
 {
+    ask_both_places();
     if (kestal_set_version(area.area, controller, value) != KESTA_OK) {
         fail_call("set-failed",
                   std::string("The number of ") + area.name + " was not set in every place.",

@@ -7,6 +7,7 @@
 #include <iostream>
 #include <optional>
 
+#include "appliance_state.h"
 #include "kept_generations.h"
 #include "printable.h"
 
@@ -60,6 +61,7 @@ void tell_progress(const Plan &plan, std::size_t step, const char *event, const 
 void take_step(const Step &step, const Plan &plan)
 {
     try {
+        ask_both_places();
         step.act();
     } catch (const Failure &failure) {
         if (plan.kept && !plan.kept->notes.empty()) {

@@ -17,12 +17,16 @@ namespace kestactl {
 using namespace engine;
 using Json = nlohmann::ordered_json;
 
+struct Result;
+
 struct Globals {
     bool json = false;
     int trace_level = 0;
     bool dry_run = false;
     LockRule lock_rule;
     KeepRule keep_rule;
+    // Runs another command line: its words, whose locks it ignores, and why it is run. Throws Failure.
+    Result (*run_words)(const std::vector<std::string> &words, const LockRule &lock_rule, const std::string &comment) = nullptr;
 };
 
 // What a command found or did: for people, and for programs.

@@ -133,6 +133,24 @@ std::optional<std::string_view> only_word(int argc, const char *const *argv)
     return is_verb || is_version ? std::optional(word) : std::nullopt;
 }
 
+// One command as if it had been given on the command line, but for whose locks it ignores and what it says of why.
+Result run_words(const std::vector<std::string> &words, const LockRule &lock_rule, const std::string &comment)
+{
+    std::vector<const char *> given;
+    for (const std::string &word : words) {
+        given.push_back(word.c_str());
+    }
+    given.push_back(nullptr);
+    CommandLine line;
+    if (line.parse(static_cast<int>(words.size()), given.data())) {
+        throw Failure(Exit::usage, "usage", "It is no command.", "See 'kestactl --help'.");
+    }
+    Globals globals = line.globals();
+    globals.lock_rule = lock_rule;
+    globals.keep_rule.comment = comment;
+    return line.action()(globals);
+}
+
 }  // namespace
 
 CommandLine::CommandLine(int argc, const char *const *argv)
@@ -140,6 +158,7 @@ CommandLine::CommandLine(int argc, const char *const *argv)
                                       "moving it between the storage places.",
                                       "kestactl"))
 {
+    globals_.run_words = run_words;
     app_->require_subcommand(1);
     app_->fallthrough();
     app_->footer(exit_codes);

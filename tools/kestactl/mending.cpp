@@ -1,10 +1,8 @@
 #include "mending.h"
 
-#include <kesta/kesta.h>
-
 #include <algorithm>
 
-#include "command_line.h"
+#include "appliance_state.h"
 
 namespace kestactl {
 namespace {
@@ -58,21 +56,9 @@ std::string remarks_of(const Json &json)
 
 Mended run_mend(const MendCommand &command, const Globals &globals)
 {
-    std::vector<const char *> words;
-    for (const std::string &word : command) {
-        words.push_back(word.c_str());
-    }
-    words.push_back(nullptr);
-    kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);  // as a new command would begin
-    CommandLine line;
+    use_both_places();  // as a new command would begin
     try {
-        if (line.parse(static_cast<int>(command.size()), words.data())) {
-            return {command, Exit::usage, "It is no command."};
-        }
-        Globals given = line.globals();
-        given.lock_rule = globals.lock_rule;
-        given.keep_rule.comment = "verify --fix";
-        const Result result = line.action()(given);
+        const Result result = globals.run_words(command, globals.lock_rule, "verify --fix");
         return {command, result.exit, remarks_of(result.json)};
     } catch (const Failure &failure) {
         return {command, failure.exit(), failure.what() + (" " + failure.hint())};
