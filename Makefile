@@ -22,7 +22,7 @@ demo: build
 
 # Every test: as shipped, under the address, undefined behaviour and thread sanitizers, and the
 # static checks of the library, its platforms and the lab.
-test: check-release check-asan check-tsan check-tidy check-models check-fuzz
+test: check-format check-release check-asan check-tsan check-tidy check-models check-fuzz
 	@echo "All tests passed."
 
 check-release: build

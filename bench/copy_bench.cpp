@@ -60,10 +60,7 @@ bool flush(const std::string &path)
     return flushed;
 }
 
-bool copied(const std::string &from, const std::string &to)
-{
-    return run("cp -p " + from + " " + to) && flush(to);
-}
+bool copied(const std::string &from, const std::string &to) { return run("cp -p " + from + " " + to) && flush(to); }
 
 bool unpacked()
 {
@@ -80,8 +77,7 @@ void make_archive(const std::string &path, long megabytes)
     std::mt19937_64 random(1);
     std::string block(mega, '\0');
     for (long i = 0; i < megabytes; ++i) {
-        for (std::size_t at = 0; at + sizeof(std::uint64_t) <= block.size();
-             at += sizeof(std::uint64_t)) {
+        for (std::size_t at = 0; at + sizeof(std::uint64_t) <= block.size(); at += sizeof(std::uint64_t)) {
             const std::uint64_t bits = random();
             block.replace(at, sizeof(bits), reinterpret_cast<const char *>(&bits), sizeof(bits));
         }
@@ -102,8 +98,7 @@ void prepare(long megabytes)
     }
     make_archive(flash + "backup.tar.Z", megabytes);
     for (const std::string &place : {cache, merge}) {
-        fs::copy_file(flash + "backup.tar.Z", place + "backup.tar.Z",
-                      fs::copy_options::overwrite_existing);
+        fs::copy_file(flash + "backup.tar.Z", place + "backup.tar.Z", fs::copy_options::overwrite_existing);
     }
     fs::create_directories(fs::path(copy_script).parent_path());
     std::ofstream(copy_script) << "exit 0\n";
@@ -153,20 +148,13 @@ void measure(benchmark::State &state, const Step &step)
         }
     }
     state.counters["peak_MiB"] = peak_mebibytes();
-    state.counters["archive_MiB"] =
-        static_cast<double>(fs::file_size(flash + "backup.tar.Z")) / (1 << 20);
+    state.counters["archive_MiB"] = static_cast<double>(fs::file_size(flash + "backup.tar.Z")) / (1 << 20);
 }
 
-bool flow_backup2tmp_check()
-{
-    return kestal_backup2tmp(group.c_str(), no_accept, nullptr, check_only) == KESTA_OK;
-}
+bool flow_backup2tmp_check() { return kestal_backup2tmp(group.c_str(), no_accept, nullptr, check_only) == KESTA_OK; }
 bool raw_backup2tmp_check() { return copied(slots() + "/" + KESTA_SLOT0, cache + "raw.tar.Z"); }
 
-bool flow_backup2tmp()
-{
-    return kestal_backup2tmp(group.c_str(), no_accept, nullptr, unpack) == KESTA_OK;
-}
+bool flow_backup2tmp() { return kestal_backup2tmp(group.c_str(), no_accept, nullptr, unpack) == KESTA_OK; }
 bool raw_backup2tmp() { return raw_backup2tmp_check() && unpacked(); }
 
 bool flow_cntbackup2tmp() { return kestal_cntbackup2tmp(group.c_str(), no_accept) == KESTA_OK; }
@@ -197,17 +185,16 @@ bool raw_backup2copy()
 
 bool flow_sysback2current()
 {
-    return kestal_sysback2current(group.c_str(), switch_only, backup_slot, 0, 0, nullptr, 0) ==
-           KESTA_OK;
+    return kestal_sysback2current(group.c_str(), switch_only, backup_slot, 0, 0, nullptr, 0) == KESTA_OK;
 }
 bool raw_sysback2current() { return copied(slots() + "/" + KESTA_SLOT0, flash + "raw.tar.Z"); }
 
 void add(const std::string &name, bool (*flow)(), bool (*raw)(), long megabytes)
 {
     for (const auto &[prefix, step] : {std::pair{"flow_", flow}, std::pair{"raw_", raw}}) {
-        auto *added = benchmark::RegisterBenchmark(
-            (prefix + name).c_str(),
-            [step = Step(step)](benchmark::State &state) { measure(state, step); });
+        auto *added =
+            benchmark::RegisterBenchmark((prefix + name).c_str(),
+                                         [step = Step(step)](benchmark::State &state) { measure(state, step); });
         added->Arg(megabytes)->Unit(benchmark::kMillisecond)->UseRealTime();
         added->Iterations(megabytes > 10 ? 1 : 10);
     }

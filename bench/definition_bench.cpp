@@ -99,8 +99,8 @@ bool apply_bare(const KESTA_BACKUP_FILE_PATH &file)
 {
     struct stat status;
     char command[1024];
-    snprintf(command, sizeof(command), "rm %s; ln -s %s %s > /dev/null 2>&1", file.linkpath[0],
-             file.pathname, file.linkpath[0]);
+    snprintf(command, sizeof(command), "rm %s; ln -s %s %s > /dev/null 2>&1", file.linkpath[0], file.pathname,
+             file.linkpath[0]);
     return stat(file.pathname, &status) == 0 && system(command) == 0 &&
            chown(file.pathname, 0, static_cast<gid_t>(-1)) == 0 &&
            chown(file.pathname, static_cast<uid_t>(-1), 0) == 0 && chmod(file.pathname, 0644) == 0;

@@ -64,11 +64,12 @@ void raw_database_update(benchmark::State &state)
     sqlite3 *database = nullptr;
     sqlite3_stmt *update = nullptr;
     if (sqlite3_open(database_path, &database) != SQLITE_OK ||
-        !execute(database, "PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF;"
-                           "CREATE TABLE IF NOT EXISTS slot (id INTEGER PRIMARY KEY, token INT);"
-                           "INSERT OR REPLACE INTO slot VALUES (0, 0)") ||
-        sqlite3_prepare_v2(database, "UPDATE slot SET token = token + 1 WHERE id = 0", -1, &update,
-                           nullptr) != SQLITE_OK) {
+        !execute(database,
+                 "PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF;"
+                 "CREATE TABLE IF NOT EXISTS slot (id INTEGER PRIMARY KEY, token INT);"
+                 "INSERT OR REPLACE INTO slot VALUES (0, 0)") ||
+        sqlite3_prepare_v2(database, "UPDATE slot SET token = token + 1 WHERE id = 0", -1, &update, nullptr) !=
+            SQLITE_OK) {
         state.SkipWithError("the database can't be had: run this on a controller of a lab");
     }
     for (auto _ : state) {

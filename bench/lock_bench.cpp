@@ -44,8 +44,7 @@ bool transfer(bool writes, std::uint64_t offset, std::uint64_t length)
     static std::array<unsigned char, 128> bytes{};
     cpfw_nv_region_t region = KESTA_NV_IMAGE_REGION;
     cpfw_nv_access_t access{bytes.data(), offset, length};
-    return (writes ? zKTsanfwctl_write_nv(-1, &region, &access, 1)
-                   : zKTsanfwctl_read_nv(-1, &region, &access, 1)) == 0;
+    return (writes ? zKTsanfwctl_write_nv(-1, &region, &access, 1) : zKTsanfwctl_read_nv(-1, &region, &access, 1)) == 0;
 }
 
 // One section of the inner lock around an access.
@@ -64,20 +63,15 @@ struct Transfer {
 };
 
 // Taking: look, claim, look again. Releasing: look, clear the group name, clear the slot.
-const std::array<Transfer, 6> lock_transfers{{{false, 200, 96},
-                                              {true, 200, 24},
-                                              {false, 200, 96},
-                                              {false, 200, 24},
-                                              {true, 56, 16},
-                                              {true, 200, 24}}};
+const std::array<Transfer, 6> lock_transfers{
+    {{false, 200, 96}, {true, 200, 24}, {false, 200, 96}, {false, 200, 24}, {true, 56, 16}, {true, 200, 24}}};
 
 void library_command_lock(benchmark::State &state)
 {
     measure(state, [] {
         char identifier[KESTA_LOCK_IDENTIFIER_SIZE];
         const int own = own_controller();
-        return kestal_global_command_lock_func(own, KESTA_LOCK_TYPE1, identifier, nullptr, 0,
-                                               nullptr) == KESTA_OK &&
+        return kestal_global_command_lock_func(own, KESTA_LOCK_TYPE1, identifier, nullptr, 0, nullptr) == KESTA_OK &&
                kestal_global_command_unlock_func(own, identifier, 0) == KESTA_OK;
     });
 }
@@ -119,10 +113,8 @@ BENCHMARK(raw_lockf_pair);
 
 void library_version_by_mode(benchmark::State &state)
 {
-    measure(state, [] {
-        return kestal_read_version(KESTA_VER_AREA_BACKUP, own_controller(),
-                                   KESTA_VERSION_BY_MODE) == 1;
-    });
+    measure(state,
+            [] { return kestal_read_version(KESTA_VER_AREA_BACKUP, own_controller(), KESTA_VERSION_BY_MODE) == 1; });
 }
 BENCHMARK(library_version_by_mode);
 
@@ -149,8 +141,7 @@ BENCHMARK(raw_version_by_mode);
 void library_version_memory_first(benchmark::State &state)
 {
     measure(state, [] {
-        return kestal_read_version(KESTA_VER_AREA_BACKUP, own_controller(),
-                                   KESTA_VERSION_MEMORY_FIRST) == 1;
+        return kestal_read_version(KESTA_VER_AREA_BACKUP, own_controller(), KESTA_VERSION_MEMORY_FIRST) == 1;
     });
 }
 BENCHMARK(library_version_memory_first);

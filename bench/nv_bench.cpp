@@ -183,11 +183,11 @@ int main(int argc, char **argv)
     std::string rules = "/tmp/kesta-bench-faults-XXXXXX";
     if (getenv("KESTA_BENCH_SLOW_AREA")) {
         const int fd = mkstemp(rules.data());
-        const std::string text = "sb_open 1 on delay 50\nsb_size 1 on delay 50\n"
-                                 "sb_read 1 on delay 50\nsb_write 1 on delay 50\n"
-                                 "sb_close 1 on delay 50\n";
-        if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-            close(fd) != 0) {
+        const std::string text =
+            "sb_open 1 on delay 50\nsb_size 1 on delay 50\n"
+            "sb_read 1 on delay 50\nsb_write 1 on delay 50\n"
+            "sb_close 1 on delay 50\n";
+        if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()) || close(fd) != 0) {
             perror(rules.c_str());
             return 1;
         }

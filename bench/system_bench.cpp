@@ -32,8 +32,7 @@ char *const arguments[] = {shell, option, command, nullptr};
 void touch_memory()
 {
     static void *const memory = [] {
-        void *mapped = mmap(nullptr, touched, PROT_READ | PROT_WRITE,
-                            MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        void *mapped = mmap(nullptr, touched, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (mapped == MAP_FAILED) {
             abort();
         }
@@ -68,8 +67,7 @@ void raw_posix_spawn(benchmark::State &state)
     touch_memory();
     for (auto _ : state) {
         pid_t child;
-        if (posix_spawn(&child, shell, nullptr, nullptr, arguments, environ) != 0 ||
-            !reaped(child)) {
+        if (posix_spawn(&child, shell, nullptr, nullptr, arguments, environ) != 0 || !reaped(child)) {
             state.SkipWithError("the command failed");
             break;
         }

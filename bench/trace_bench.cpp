@@ -52,11 +52,11 @@ void raw_line(benchmark::State &state)
         char line[2048];
         clock_gettime(CLOCK_REALTIME, &now);
         gmtime_r(&now.tv_sec, &utc);
-        const int length = snprintf(
-            line, sizeof(line),
-            "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ %d %d %d %s:%d [bench] value=%d name=%s\n",
-            utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-            now.tv_nsec / 1000, pid, thread, written_level, "trace_bench.cpp", __LINE__, 1, "kesta");
+        const int length =
+            snprintf(line, sizeof(line),
+                     "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ %d %d %d %s:%d [bench] value=%d name=%s\n",
+                     utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+                     now.tv_nsec / 1000, pid, thread, written_level, "trace_bench.cpp", __LINE__, 1, "kesta");
         if (write(fd, line, static_cast<size_t>(length)) != length) {
             state.SkipWithError("the line was not written");
             break;

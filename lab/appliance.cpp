@@ -46,13 +46,19 @@ constexpr std::array<OwnFolder, 5> own_folders{{
 }};
 
 // Folders that the library and its callers expect to find, and those that the lab shows a controller.
-constexpr std::array<const char *, 10> product_folders{
-    "etc/kesta_sys",     "etc/inet",          "opt/kesta_sys/bakup",       "opt/kesta_sys/sbin",
-    "tmp/kesta_sys/tmp", "run/kesta_sys/tmp", "opt/kesta_platform/shared", "opt/kesta_platform/product",
-    "opt/kesta_platform/host-sbin", "opt/kesta_platform/lab"};
+constexpr std::array<const char *, 10> product_folders{"etc/kesta_sys",
+                                                       "etc/inet",
+                                                       "opt/kesta_sys/bakup",
+                                                       "opt/kesta_sys/sbin",
+                                                       "tmp/kesta_sys/tmp",
+                                                       "run/kesta_sys/tmp",
+                                                       "opt/kesta_platform/shared",
+                                                       "opt/kesta_platform/product",
+                                                       "opt/kesta_platform/host-sbin",
+                                                       "opt/kesta_platform/lab"};
 
 // Secrets of the machine that no lab needs.
-constexpr std::array<const char *, 7> secrets{"shadow",   "shadow-",     "gshadow", "gshadow-",
+constexpr std::array<const char *, 7> secrets{"shadow",    "shadow-",     "gshadow", "gshadow-",
                                               "sudoers.d", "ssl/private", "ssh"};
 
 constexpr std::array<const char *, 3> programs{"kestactl", "kesta-lab", "kesta-platform-check"};
@@ -95,8 +101,7 @@ void run_quietly(const std::vector<std::string> &command)
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     pid_t pid;
-    const int error =
-        posix_spawnp(&pid, arguments[0], &actions, nullptr, arguments.data(), environ);
+    const int error = posix_spawnp(&pid, arguments[0], &actions, nullptr, arguments.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
         throw Error("can't run " + command[0] + ": " + strerror(error));
@@ -254,12 +259,13 @@ void make_remote_programs(const fs::path &folder)
                                   fs::perms::others_read | fs::perms::others_exec);
     };
     // They stay while their command runs: a script waits for them by name.
-    program(folder / "bin/rsh", "#!/bin/sh\n"
-                                "# rsh -l USER CNTn COMMAND: runs it on another controller.\n"
-                                "[ \"$1\" != -l ] || shift 2\n"
-                                "controller=$1\nshift\n"
-                                "kesta-lab exec \"$controller\" -- /bin/sh -c \"$*\"\n"
-                                "exit $?\n");
+    program(folder / "bin/rsh",
+            "#!/bin/sh\n"
+            "# rsh -l USER CNTn COMMAND: runs it on another controller.\n"
+            "[ \"$1\" != -l ] || shift 2\n"
+            "controller=$1\nshift\n"
+            "kesta-lab exec \"$controller\" -- /bin/sh -c \"$*\"\n"
+            "exit $?\n");
     program(folder / "bin/rcp",
             "#!/bin/sh\n"
             "# rcp -p FILE USER@CNTn:FILE: to another controller, with mode and time.\n"
@@ -269,14 +275,16 @@ void make_remote_programs(const fs::path &folder)
             "    'cat > \"$1\" && chmod \"$2\" \"$1\" && touch -d \"$3\" \"$1\"' - \\\n"
             "    \"${2#*:}\" \"$(stat -c %a \"$1\")\" \"$(stat -c %y \"$1\")\" < \"$1\"\n"
             "exit $?\n");
-    program(folder / "product/bin/pfexec", "#!/bin/sh\n"
-                                           "# pfexec COMMAND: a lab has one user.\n"
-                                           "exec \"$@\"\n");
-    program(folder / "product/bin/su", "#!/bin/sh\n"
-                                       "# su USER -c COMMAND: a lab has one user.\n"
-                                       "[ \"$2\" = -c ] || exec /usr/bin/su \"$@\"\n"
-                                       "/bin/sh -c \"$3\"\n"
-                                       "exit $?\n");
+    program(folder / "product/bin/pfexec",
+            "#!/bin/sh\n"
+            "# pfexec COMMAND: a lab has one user.\n"
+            "exec \"$@\"\n");
+    program(folder / "product/bin/su",
+            "#!/bin/sh\n"
+            "# su USER -c COMMAND: a lab has one user.\n"
+            "[ \"$2\" = -c ] || exec /usr/bin/su \"$@\"\n"
+            "/bin/sh -c \"$3\"\n"
+            "exit $?\n");
 }
 
 void set_host_name(const fs::path &controller)
@@ -304,7 +312,9 @@ bool started_in(const fs::path &process, const std::string &marker)
 // Waits until the process is gone, without polling it; false after the time.
 bool await_end(int pidfd, int milliseconds)
 {
-    struct pollfd watch {pidfd, POLLIN, 0};
+    struct pollfd watch {
+        pidfd, POLLIN, 0
+    };
     return poll(&watch, 1, milliseconds) > 0;
 }
 
@@ -406,10 +416,7 @@ Appliance Appliance::find(const std::string &option)
     }
 }
 
-fs::path Appliance::controller_folder(int number) const
-{
-    return folder_ / ("cnt" + std::to_string(number));
-}
+fs::path Appliance::controller_folder(int number) const { return folder_ / ("cnt" + std::to_string(number)); }
 
 void Appliance::enter(int number, const std::vector<std::string> &extra_binds) const
 {
@@ -424,8 +431,7 @@ void Appliance::enter(int number, const std::vector<std::string> &extra_binds) c
     bind_all({{folder_ / "shared", platform / "shared"},
               {folder_ / "product", platform / "product"},
               {folder_, platform / "lab"},
-              {inside ? fs::path(platform_folder) / "host-sbin" : "/usr/sbin",
-               platform / "host-sbin"}});
+              {inside ? fs::path(platform_folder) / "host-sbin" : "/usr/sbin", platform / "host-sbin"}});
     if (!inside) {
         lay_over((folder_ / "bin").string(), "/usr/bin");
     }
@@ -446,9 +452,9 @@ void Appliance::enter(int number, const std::vector<std::string> &extra_binds) c
     }
     setenv(lab_variable, lab_inside().c_str(), 1);
     setenv(controller_variable, ("CNT" + std::to_string(number)).c_str(), 1);
-    setenv("PATH", (std::string(platform_folder) +
-                    "/product/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin")
-                       .c_str(),
+    setenv("PATH",
+           (std::string(platform_folder) + "/product/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin")
+               .c_str(),
            1);
     return_to_folder(here);
 }

@@ -1,6 +1,6 @@
 // kesta-lab: an appliance of four controllers on one machine.
-#include <signal.h>
 #include <errno.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -49,8 +49,7 @@ void print_status(const lab::Appliance &appliance)
     for (int number = 0; number < lab::controllers; ++number) {
         const auto flash = appliance.controller_folder(number) / "opt/kesta_sys/bakup";
         std::printf("%-10s  %-9s  %-18s  %s\n", ("CNT" + std::to_string(number)).c_str(),
-                    setting_of(appliance, number, "boot_mode").c_str(),
-                    size_of(flash / "backup.tar.Z").c_str(),
+                    setting_of(appliance, number, "boot_mode").c_str(), size_of(flash / "backup.tar.Z").c_str(),
                     size_of(flash / "accept.tar.Z").c_str());
     }
     std::fflush(stdout);
@@ -70,8 +69,7 @@ void print_status(const lab::Appliance &appliance)
 
 // Doesn't return: the program takes this process over, and its exit code is ours.
 [[noreturn]] void run_in(const lab::Appliance &appliance, const std::string &controller,
-                         const std::vector<std::string> &binds,
-                         const std::vector<std::string> &command)
+                         const std::vector<std::string> &binds, const std::vector<std::string> &command)
 {
     appliance.enter(lab::controller_number(controller), binds);
     std::vector<char *> arguments;
@@ -114,16 +112,18 @@ int main(int argc, char **argv)  // NOLINT(bugprone-exception-escape)
     (void)signal(SIGCHLD, SIG_DFL);  // ignored by a parent, it would hide how commands end
     std::vector<std::string> command = split_command(argc, argv);
 
-    CLI::App app{"An appliance of four controllers on one machine, each in namespaces of its own "
-                 "with its own /etc, /opt, /tmp, /var/run and /boot. They share NV memory and the "
-                 "system backup area. Nothing is written outside the lab's folder.",
-                 "kesta-lab"};
+    CLI::App app{
+        "An appliance of four controllers on one machine, each in namespaces of its own "
+        "with its own /etc, /opt, /tmp, /var/run and /boot. They share NV memory and the "
+        "system backup area. Nothing is written outside the lab's folder.",
+        "kesta-lab"};
     app.require_subcommand(1);
     app.set_version_flag("--version", "kesta-lab " KESTA_VERSION);
-    app.footer("Example:\n"
-               "  kesta-lab create /tmp/appliance\n"
-               "  kesta-lab --dir /tmp/appliance exec CNT0 -- kestactl status\n"
-               "  kesta-lab destroy /tmp/appliance");
+    app.footer(
+        "Example:\n"
+        "  kesta-lab create /tmp/appliance\n"
+        "  kesta-lab --dir /tmp/appliance exec CNT0 -- kestactl status\n"
+        "  kesta-lab destroy /tmp/appliance");
 
     std::string folder;
     std::string product;
@@ -138,13 +138,15 @@ int main(int argc, char **argv)  // NOLINT(bugprone-exception-escape)
     create->add_option("--product", product,
                        "Installed tree whose programs and libraries to use (else this program's)");
     create->add_option("--platform", platform, "Platform to run on (else " KESTA_PLATFORM ")");
-    CLI::App *exec = app.add_subcommand("exec", "Run a command on a controller; its exit code is "
-                                                "kesta-lab's");
+    CLI::App *exec = app.add_subcommand("exec",
+                                        "Run a command on a controller; its exit code is "
+                                        "kesta-lab's");
     exec->add_option("CONTROLLER", controller, "CNT0 to CNT3")->required();
     exec->add_option("--bind", binds, "Folder of the machine to keep visible at its own path");
-    exec->footer("The command stands behind --.\n\nExamples:\n"
-                 "  kesta-lab exec CNT1 -- kestactl status\n"
-                 "  kesta-lab exec CNT0 --bind /srv/build -- /srv/build/program");
+    exec->footer(
+        "The command stands behind --.\n\nExamples:\n"
+        "  kesta-lab exec CNT1 -- kestactl status\n"
+        "  kesta-lab exec CNT0 --bind /srv/build -- /srv/build/program");
     CLI::App *shell = app.add_subcommand("shell", "Start a shell on a controller");
     shell->add_option("CONTROLLER", controller, "CNT0 to CNT3")->required();
     shell->add_option("--bind", binds, "Folder of the machine to keep visible at its own path");

@@ -10,10 +10,7 @@
 namespace lab {
 namespace {
 
-[[noreturn]] void fail(const std::string &what, int error)
-{
-    throw Error(what + ": " + strerror(error));
-}
+[[noreturn]] void fail(const std::string &what, int error) { throw Error(what + ": " + strerror(error)); }
 
 void write_text(const char *path, const std::string &text)
 {
@@ -35,8 +32,7 @@ void enter_user_namespace()
     const uid_t uid = geteuid();
     const gid_t gid = getegid();
     if (unshare(CLONE_NEWUSER) != 0) {
-        throw Error(std::string("this needs root, or a kernel that allows user namespaces (") +
-                    strerror(errno) +
+        throw Error(std::string("this needs root, or a kernel that allows user namespaces (") + strerror(errno) +
                     "): run it with sudo, or set user.max_user_namespaces and "
                     "kernel.unprivileged_userns_clone with sysctl");
     }
@@ -48,8 +44,7 @@ void enter_user_namespace()
 // A bind mount that is attached nowhere yet: it keeps the tree under source at hand.
 int detached_copy(const std::string &source)
 {
-    const int fd = open_tree(AT_FDCWD, source.c_str(),
-                             OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE);
+    const int fd = open_tree(AT_FDCWD, source.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE);
     if (fd < 0) {
         fail("can't take " + source, errno);
     }
@@ -91,8 +86,7 @@ void bind_all(const std::vector<Bind> &binds)
         trees.push_back(detached_copy(bind.source));
     }
     for (std::size_t i = 0; i < binds.size(); ++i) {
-        if (move_mount(trees[i], "", AT_FDCWD, binds[i].target.c_str(), MOVE_MOUNT_F_EMPTY_PATH) !=
-            0) {
+        if (move_mount(trees[i], "", AT_FDCWD, binds[i].target.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0) {
             fail("can't bind " + binds[i].source + " onto " + binds[i].target, errno);
         }
         (void)close(trees[i]);

@@ -26,8 +26,8 @@ int open_for_overwrite(const char *path)
     UniqueFd file(open(path, overwrite_flags, new_archive_mode));
     const bool planted = file ? !is_plain_file(file.get()) : errno == ELOOP || errno == ENXIO;
     if (planted) {
-        (void)file.close();   // nothing was written to it
-        (void)unlink(path);   // if it stays, the next line says so
+        (void)file.close();  // nothing was written to it
+        (void)unlink(path);  // if it stays, the next line says so
         return open(path, overwrite_flags | O_EXCL, new_archive_mode);
     }
     return file.release();

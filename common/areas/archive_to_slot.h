@@ -16,8 +16,7 @@ enum class ToSlotStep {
 };
 
 // What a flow says about one step; size and error are those of the step.
-using ReportStep = void (*)(ToSlotStep step, const char *file, const char *slot, unsigned int size,
-                            int error);
+using ReportStep = void (*)(ToSlotStep step, const char *file, const char *slot, unsigned int size, int error);
 
 // Returns 0 or KESTA_ERR, with the failed step reported. A short read is not detected: a file that
 // shrinks meanwhile is filled up with zeros.

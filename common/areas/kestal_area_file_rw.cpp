@@ -39,15 +39,13 @@ int prepare(NameAccess &access)
         }
         access.length = static_cast<unsigned int>(length + 1);
     }
-    TRACE(5, "[area_file_rw] kestal_non_volatile_rw(%s) len=%d", access.mirror(),
-          static_cast<int>(access.length));
+    TRACE(5, "[area_file_rw] kestal_non_volatile_rw(%s) len=%d", access.mirror(), static_cast<int>(access.length));
     return KESTA_OK;
 }
 
 int access_both_places(const NameAccess &access)
 {
-    if (kestal_non_volatile_rw_func(access.block_id, access.rw_flag, access.name, access.length,
-                                    nullptr) != KESTA_OK) {
+    if (kestal_non_volatile_rw_func(access.block_id, access.rw_flag, access.name, access.length, nullptr) != KESTA_OK) {
         TRACE(1, "[area_file_rw] FileAccess ERROR (%s) rw_flag=%d", access.mirror(), access.rw_flag);
         return KESTA_ERR;
     }
@@ -57,15 +55,13 @@ int access_both_places(const NameAccess &access)
 // The accept name is taken from NV memory if it is one of the two slots.
 bool memory_has_slot_name(const NameAccess &access)
 {
-    if (kestal_non_volatile_rw_memory(access.block_id, access.rw_flag, access.name,
-                                      access.length) != KESTA_OK) {
-        TRACE(1, "[area_file_rw] non volatile access ERROR (%s) rw_flag=%d", access.mirror(),
-              access.rw_flag);
+    if (kestal_non_volatile_rw_memory(access.block_id, access.rw_flag, access.name, access.length) != KESTA_OK) {
+        TRACE(1, "[area_file_rw] non volatile access ERROR (%s) rw_flag=%d", access.mirror(), access.rw_flag);
         return false;
     }
     if (!is_slot_name(access.name)) {
         FAILURE(CONTENT, 0, 1, "[area_file_rw] non volatile data ERROR (%s) a_file=%s", access.mirror(),
-              AreaName(access.name).c_str());
+                AreaName(access.name).c_str());
         return false;
     }
     return true;

@@ -22,10 +22,9 @@ int write_name(const NameSwitch &target)
     TRACE(4, "[change_address] ...%s Write value=(%s)", target.mirror(), value.c_str());
     AreaName field;
     field.copy_in(target.name);  // all 32 bytes, what follows the terminator included
-    if (kestal_non_volatile_rw_func(target.block_id, KESTA_BLOCK_WRITE, field.data(),
-                                    AreaName::width, nullptr) != KESTA_OK) {
-        TRACE(1, "[change_address] %s Write ERROR (ID=%d,value=%s).", target.mirror(),
-              target.block_id, value.c_str());
+    if (kestal_non_volatile_rw_func(target.block_id, KESTA_BLOCK_WRITE, field.data(), AreaName::width, nullptr) !=
+        KESTA_OK) {
+        TRACE(1, "[change_address] %s Write ERROR (ID=%d,value=%s).", target.mirror(), target.block_id, value.c_str());
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -36,9 +35,8 @@ int write_name(const NameSwitch &target)
 int kestal_change_address(char *accept_name, char *backup_name, int flag)
 {
     TRACE(5, "[change_address] START");
-    const NameSwitch target = flag == KESTA_OFF
-                                  ? NameSwitch{KESTA_BLOCK_ACCEPT_NAME, accept_name}
-                                  : NameSwitch{KESTA_BLOCK_BACKUP_NAME, backup_name};
+    const NameSwitch target = flag == KESTA_OFF ? NameSwitch{KESTA_BLOCK_ACCEPT_NAME, accept_name}
+                                                : NameSwitch{KESTA_BLOCK_BACKUP_NAME, backup_name};
     const bool writes = flag == KESTA_OFF || flag == KESTA_ON;
     if (writes && !target.name) {
         FAILURE(ARGUMENT, 0, 1, "[change_address] Argument Error.");
@@ -51,8 +49,8 @@ int kestal_change_address(char *accept_name, char *backup_name, int flag)
     }
     int ret = writes ? write_name(target) : KESTA_OK;
     if (ret == KESTA_OK) {
-        TRACE(3, "[change_address] ===> New Backup=(%s) New Accept=(%s)",
-              AreaName(backup_name).c_str(), AreaName(accept_name).c_str());
+        TRACE(3, "[change_address] ===> New Backup=(%s) New Accept=(%s)", AreaName(backup_name).c_str(),
+              AreaName(accept_name).c_str());
     }
     if (const int rtn = lock.release(); rtn != KESTA_OK) {
         TRACE(1, "[change_address] InnerLock Unlock Failed.(rtn=%d)", rtn);

@@ -39,12 +39,12 @@ bool split_line(char *line, Group &group)
     }
     if (strlen(group.code) > code_digits) {
         FAILURE(CONTENT, 0, 1, "[get_allgroupname] Group errorcd size ERROR g_name=%s g_errorcd=%s", group.name,
-              group.code);
+                group.code);
         return false;
     }
     if (kestal_isdigit(group.code) != KESTA_OK) {
         FAILURE(CONTENT, 0, 1, "[get_allgroupname] Group errorcd isdigit check ERROR g_name=%s g_errorcd=%s",
-              group.name, group.code);
+                group.name, group.code);
         return false;
     }
     return true;
@@ -63,8 +63,8 @@ bool store_group(const Group &group, int count, char *names, int *errorcds)
     memcpy(entry, group.name, strnlen(group.name, KESTA_GROUP_NAME_SIZE));
     errorcds[index] = kesta::leading_int(group.code);
     if (errorcds[index] > highest_code) {
-        FAILURE(CONTENT, 0, 1, "[get_allgroupname] Group error cd range check ERROR g_name=%s g_errorcd=%s",
-              group.name, group.code);
+        FAILURE(CONTENT, 0, 1, "[get_allgroupname] Group error cd range check ERROR g_name=%s g_errorcd=%s", group.name,
+                group.code);
         return false;
     }
     return true;

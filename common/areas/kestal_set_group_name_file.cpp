@@ -32,8 +32,8 @@ int access_group_name(const Direction &direction, char *group_name)
         return KESTA_ERR;
     }
     int ret = KESTA_OK;
-    if (kestal_non_volatile_rw_func(KESTA_BLOCK_GROUP, direction.rw_flag, group_name,
-                                    KESTA_GROUP_NAME_SIZE, nullptr) != KESTA_OK) {
+    if (kestal_non_volatile_rw_func(KESTA_BLOCK_GROUP, direction.rw_flag, group_name, KESTA_GROUP_NAME_SIZE, nullptr) !=
+        KESTA_OK) {
         TRACE(1, "[%s] FileAccess Failed(block_id=%d).", tag, KESTA_BLOCK_GROUP);
         ret = KESTA_ERR;
     }
@@ -49,7 +49,4 @@ int access_group_name(const Direction &direction, char *group_name)
 
 int kestal_set_group_name_file(char *group_name) { return access_group_name(set_name, group_name); }
 
-int kestal_read_group_name_file(char *group_name)
-{
-    return access_group_name(read_name, group_name);
-}
+int kestal_read_group_name_file(char *group_name) { return access_group_name(read_name, group_name); }

@@ -10,7 +10,7 @@ pthread_mutex_t bootmode_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t nvrw_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t innerlock_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t lockbuffer_mutex = PTHREAD_MUTEX_INITIALIZER;
-}
+}  // namespace kesta
 
 namespace {
 

@@ -22,8 +22,9 @@ extern pthread_mutex_t nvrw_mutex;        // every NV memory transfer of the pro
 extern pthread_mutex_t innerlock_mutex;   // one attempt at the inner lock at a time
 extern pthread_mutex_t lockbuffer_mutex;  // what was seen of the locks of other controllers
 
-inline constexpr std::array<pthread_mutex_t *, 7> all_mutexes{
-    &memory_mutex, &system_mutex, &popen_mutex, &bootmode_mutex, &nvrw_mutex, &innerlock_mutex, &lockbuffer_mutex};
+inline constexpr std::array<pthread_mutex_t *, 7> all_mutexes{&memory_mutex,    &system_mutex, &popen_mutex,
+                                                              &bootmode_mutex,  &nvrw_mutex,   &innerlock_mutex,
+                                                              &lockbuffer_mutex};
 
 // Cheap after the first time; called by whoever locks one of them.
 void free_mutexes_in_children();

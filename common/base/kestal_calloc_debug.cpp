@@ -12,7 +12,7 @@
 namespace kesta {
 volatile int tsize = 0;
 void reset_tracked_allocation() { tsize = 0; }
-}
+}  // namespace kesta
 
 namespace {
 
@@ -88,8 +88,8 @@ void *kestal_calloc_debug(int count, int size, const char *file, int line, int d
         return nullptr;
     }
     const BlockOwner owner = stamp(block, bytes, bytes, file, line);
-    TRACE(4, "***** CALLOC(ALLOC_SIZE =%d TOTAL_SIZE =%d THREADNO =%u FILE =%s LINE =%d)",
-          owner.size, owner.total, owner.thread_no, owner.file, owner.line);
+    TRACE(4, "***** CALLOC(ALLOC_SIZE =%d TOTAL_SIZE =%d THREADNO =%u FILE =%s LINE =%d)", owner.size, owner.total,
+          owner.thread_no, owner.file, owner.line);
     return user_area(block);
 }
 
@@ -112,14 +112,13 @@ void *kestal_realloc_debug(char *ptr, int size, const char *file, int line, int 
     if (!block) {
         return nullptr;
     }
-    const BlockOwner owner =
-        stamp(block, bytes, bytes - static_cast<std::uint32_t>(before.size), file, line);
+    const BlockOwner owner = stamp(block, bytes, bytes - static_cast<std::uint32_t>(before.size), file, line);
     // Two blanks before TOTAL_SIZE in this line only: log readers match it.
     TRACE(4,
           "***** REALLOC(ALLOC_SIZE =%d  TOTAL_SIZE =%d THREADNO =%u FILE =%s LINE =%d"
           "(PRESIZE = %d THREADNO =%u FILE =%s LINE =%d))",
-          owner.size, owner.total, owner.thread_no, owner.file, owner.line, before.size,
-          before.thread_no, before.file, before.line);
+          owner.size, owner.total, owner.thread_no, owner.file, owner.line, before.size, before.thread_no, before.file,
+          before.line);
     return user_area(block);
 }
 
@@ -141,8 +140,7 @@ void kestal_free_debug(void *ptr, const char *file, int line, int debug)
     TRACE(4,
           "***** FREE(FREE_SIZE =%d TOTAL_SIZE =%d THREADNO =%u FILE =%s LINE =%d "
           "(THREADNO =%u FILE =%s LINE =%d))",
-          owner.size, total, current_thread_no(), freeing_file, line, owner.thread_no, owner.file,
-          owner.line);
+          owner.size, total, current_thread_no(), freeing_file, line, owner.thread_no, owner.file, owner.line);
     // The poison starts at the header and is as long as the user area: kept, memory readers of
     // core files rely on this extent. The barrier keeps the compiler from dropping it.
     memset(block, 0xFF, bytes);

@@ -20,8 +20,8 @@ inline void prefer_huge_pages(void *buffer, std::size_t size)
     }
     const int before = errno;
     // Advice only: without huge pages the buffer works as well.
-    (void)madvise(static_cast<char *>(buffer) + before_first,
-                  (size - before_first) / huge_page * huge_page, MADV_HUGEPAGE);
+    (void)madvise(static_cast<char *>(buffer) + before_first, (size - before_first) / huge_page * huge_page,
+                  MADV_HUGEPAGE);
     errno = before;
 }
 

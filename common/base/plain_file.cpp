@@ -100,8 +100,7 @@ int open_plain_below(const char *folder, const char *path, int flags, mode_t mod
     if (!at) {
         return -1;
     }
-    const int fd =
-        above_standard(openat(at.get(), part.c_str(), (flags & ~O_TRUNC) | file_flags, mode));
+    const int fd = above_standard(openat(at.get(), part.c_str(), (flags & ~O_TRUNC) | file_flags, mode));
     if (fd < 0) {
         return -1;
     }

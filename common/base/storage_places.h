@@ -36,8 +36,7 @@ inline constexpr std::size_t longest_group_folder = 255;
 // Whether a group's folder can stand in a command line.
 inline bool is_group_folder(const char *group)
 {
-    return group && strnlen(group, longest_group_folder + 1) <= longest_group_folder &&
-           kesta_is_shell_word(group);
+    return group && strnlen(group, longest_group_folder + 1) <= longest_group_folder && kesta_is_shell_word(group);
 }
 
 }  // namespace kesta

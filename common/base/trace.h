@@ -10,13 +10,13 @@
 
 // The same line where a failure is met, which becomes the thread's last cause: FAILURE(SYSTEM, errno, 1, "..."). The
 // arguments are evaluated twice.
-#define FAILURE(kind, number, level, ...)                                                                    \
+#define FAILURE(kind, number, level, ...) \
     (kesta::note_cause(KESTA_CAUSE_##kind, (number), __FILE__, __VA_ARGS__), TRACE((level), __VA_ARGS__))
 
 // A failure that errno tells of: taken first, under the name that the arguments call it by, since a trace may change it.
 // SYSTEM_FAILURE(error, 1, "... errno=%d", error)
-#define SYSTEM_FAILURE(name, level, ...)                                                                               \
-    do {                                                                                                               \
-        const int name = errno;                                                                                        \
-        FAILURE(SYSTEM, name, level, __VA_ARGS__);                                                                     \
+#define SYSTEM_FAILURE(name, level, ...)           \
+    do {                                           \
+        const int name = errno;                    \
+        FAILURE(SYSTEM, name, level, __VA_ARGS__); \
     } while (false)

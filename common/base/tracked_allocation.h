@@ -8,7 +8,7 @@ extern volatile int tsize;  // tracked user bytes now allocated
 
 // As in a process that has just started.
 void reset_tracked_allocation();
-}
+}  // namespace kesta
 
-using kesta::tsize;
 using kesta::memory_mutex;
+using kesta::tsize;

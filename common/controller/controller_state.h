@@ -22,10 +22,7 @@ void reset_controller_state();
 // The cached numbers have no lock: a race only repeats a question. The accesses are atomic so that
 // the race is not one in the language's sense.
 inline int cached(const volatile int &value) { return __atomic_load_n(&value, __ATOMIC_RELAXED); }
-inline void set_cached(volatile int &cache, int value)
-{
-    __atomic_store_n(&cache, value, __ATOMIC_RELAXED);
-}
+inline void set_cached(volatile int &cache, int value) { __atomic_store_n(&cache, value, __ATOMIC_RELAXED); }
 
 inline int own_controller() { return cached(controller_state.own_number); }
 

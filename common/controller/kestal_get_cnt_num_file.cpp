@@ -30,11 +30,11 @@ int kestal_get_cnt_num_file(int option)
     const NumberFileRow &row = number_files[static_cast<unsigned>(option)];
     int value = -1;
     _VRBAPIERRINFO error{};
-    const int rtn =
-        vrbapi_getint_from_file(row.path, row.flag, row.min, row.max, &value, &error);
+    const int rtn = vrbapi_getint_from_file(row.path, row.flag, row.min, row.max, &value, &error);
     if (rtn != 0) {
-        FAILURE(SYSTEM, error.s_errno, 1, "vrb_getint_from_file[%d] failed. ret=(%d) path=(%s) func_name=(%.16s) errno=%d",
-              option, rtn, row.path, error.func_name, error.s_errno);
+        FAILURE(SYSTEM, error.s_errno, 1,
+                "vrb_getint_from_file[%d] failed. ret=(%d) path=(%s) func_name=(%.16s) errno=%d", option, rtn, row.path,
+                error.func_name, error.s_errno);
         value = KESTA_ERR;
     }
     TRACE(5, "[kestal_get_cnt_num_file] Get My CNT Number End. cnt_num=%d", value);

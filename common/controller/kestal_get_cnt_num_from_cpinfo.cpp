@@ -46,7 +46,6 @@ constexpr std::array<boot_mode_cpinfo_opt_t, 3> boot_mode_cpinfo_opt{{
 
 constexpr int unknown_boot_mode = -1;  // below the range, so the range check refuses it
 
-
 int boot_mode_value(const char *word)
 {
     for (const boot_mode_cpinfo_opt_t &row : boot_mode_cpinfo_opt) {
@@ -68,7 +67,7 @@ int check_range(int value, int option)
     const cnt_num_cpinfo_opt_t &row = cnt_num_cpinfo_opt[static_cast<unsigned>(option)];
     if (value < row.min || value > row.max) {
         FAILURE(CONTENT, 0, 1, "[kestal_execute_command_by_popen] Get My CNT Number ERROR cnt_num=%d num_flag=%d",
-              value, option);
+                value, option);
         return KESTA_ERR_CPINFO;
     }
     TRACE(5, "[kestal_execute_command_by_popen] Get My CNT Number End. cnt_num=%d", value);
@@ -102,7 +101,7 @@ void report_close(int status)
 {
     if (((static_cast<unsigned>(status) >> 8 | static_cast<unsigned>(status)) & 0xffU) != 0) {
         FAILURE(COMMAND, status, 1, "[kestal_execute_command_by_popen] pclose error. status=0x%x",
-              static_cast<unsigned>(status));
+                static_cast<unsigned>(status));
     }
 }
 
@@ -112,7 +111,8 @@ int write_number(const char *path, int value, const char *what)
     if (vrbapi_setint_to_file(path, value, &error) == 0) {
         return value;
     }
-    FAILURE(SYSTEM, error.s_errno, 1, "[get_cnt_num_from_cpinfo] Failed to set %s to file. errno=%d", what, error.s_errno);
+    FAILURE(SYSTEM, error.s_errno, 1, "[get_cnt_num_from_cpinfo] Failed to set %s to file. errno=%d", what,
+            error.s_errno);
     return KESTA_ERR;
 }
 
@@ -180,17 +180,11 @@ int read_lines(PipePtr &pipe, const char *command, char **output)
 }
 
 constexpr unsigned ended_by_signal(int status) { return static_cast<unsigned>(status) & 0xffU; }
-constexpr int exit_code(int status)
-{
-    return static_cast<int>(static_cast<unsigned>(status) >> 8 & 0xffU);
-}
+constexpr int exit_code(int status) { return static_cast<int>(static_cast<unsigned>(status) >> 8 & 0xffU); }
 
 // The status of closing a pipe again that has been closed: its exit code, and no signal. The
 // stream itself is gone.
-constexpr int close_again(int status)
-{
-    return static_cast<int>(static_cast<unsigned>(status) & 0xff00U);
-}
+constexpr int close_again(int status) { return static_cast<int>(static_cast<unsigned>(status) & 0xff00U); }
 
 }  // namespace
 
@@ -255,7 +249,7 @@ int kestal_execute(const char *command, char **output)
         // The tag is another function's: logs are searched for it. The close is repeated until the status is no
         // signal's: programs count the lines of one command by that.
         FAILURE(COMMAND, status, 1, "[zKTmc_execute_cmd] cmd may fail. cmd=%s status=%x", command,
-              static_cast<unsigned>(status));
+                static_cast<unsigned>(status));
         status = close_again(status);
     }
     return exit_code(status) != 0 ? exit_code(status) : read_result;

@@ -23,9 +23,10 @@ int kestal_master_cnt_check(int cntno)
     int extra = 0;  // the platform fills it; nobody here needs it
     const int result = vrbgetsanfwinfo(VRB_SANFWINFO_MASTER, &master, &error, &extra);
     if (result != 0) {
-        FAILURE(PLATFORM, result, 1, "[master_cnt_check] Get Master CNT Number ERROR result=[%d] func_name=[%.16s] "
-              "s_errno=[%d]",
-              result, error.func_name, error.s_errno);
+        FAILURE(PLATFORM, result, 1,
+                "[master_cnt_check] Get Master CNT Number ERROR result=[%d] func_name=[%.16s] "
+                "s_errno=[%d]",
+                result, error.func_name, error.s_errno);
         return KESTA_ERR;
     }
     const int ret = cntno == master ? is_master : is_not_master;

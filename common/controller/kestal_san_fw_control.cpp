@@ -31,8 +31,7 @@ int report(int log_flag, int cntno, const StatusBytes *bytes)
 {
     const int status = bytes ? status_of(*bytes) : no_status;
     if (status != no_status && log_flag == log_status) {
-        TRACE(3, "[san_fw_get_cntstatus] CNT[%d] cnt_status=%d hd_status=%d", cntno, status,
-              bytes->card);
+        TRACE(3, "[san_fw_get_cntstatus] CNT[%d] cnt_status=%d hd_status=%d", cntno, status, bytes->card);
     }
     TRACE(5, "[san_fw_get_cntstatus] END status=%d", status);
     return status;

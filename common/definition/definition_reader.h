@@ -42,8 +42,7 @@ int read_text(xmlNodePtr node, const char *name, char (&field)[Size])
 
 inline int read_integer(xmlNodePtr node, const char *name, int32_t &field)
 {
-    return kestal_xml_get_property(&node, name, reinterpret_cast<char *>(&field), sizeof(field),
-                                   copy_integer);
+    return kestal_xml_get_property(&node, name, reinterpret_cast<char *>(&field), sizeof(field), copy_integer);
 }
 
 }  // namespace kesta

@@ -45,9 +45,8 @@ int make_link(const char *link, const char *file)
 {
     LinkCommand command{};
     (void)kesta::form(command, "rm %s; ln -s %s %s > /dev/null 2>&1", link, file, link);
-    const int result = kesta_is_shell_word(link) && kesta_is_shell_word(file)
-                           ? kestal_exec_cmd_by_system(command.data())
-                           : KESTA_ERR;
+    const int result =
+        kesta_is_shell_word(link) && kesta_is_shell_word(file) ? kestal_exec_cmd_by_system(command.data()) : KESTA_ERR;
     if (result != KESTA_OK) {
         FAILURE(COMMAND, result, 1, "[change_fileprop] command(%s) ERROR result=%d", command.data(), result);
         return KESTA_ERR;
@@ -83,12 +82,10 @@ int change_properties(KESTA_BACKUP_FILE_PATH &file)
             continue;
         }
         if (property.change(file.pathname, property.value) != KESTA_OK) {
-            TRACE(1, "[change_fileprop] Set %s ERROR file=%s owner=%s", property.title,
-                  file.pathname, property.value);
+            TRACE(1, "[change_fileprop] Set %s ERROR file=%s owner=%s", property.title, file.pathname, property.value);
             return KESTA_ERR;
         }
-        TRACE(5, "[change_fileprop] Set %s OK file=%s owner=%s", property.title, file.pathname,
-              property.value);
+        TRACE(5, "[change_fileprop] Set %s OK file=%s owner=%s", property.title, file.pathname, property.value);
     }
     return KESTA_OK;
 }

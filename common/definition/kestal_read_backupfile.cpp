@@ -48,10 +48,7 @@ private:
 };
 
 // libxml2 takes "-" for its standard input, and an address for something to fetch.
-bool names_local_file(const char *file)
-{
-    return strcmp(file, "-") != 0 && !strstr(file, "://");
-}
+bool names_local_file(const char *file) { return strcmp(file, "-") != 0 && !strstr(file, "://"); }
 
 xmlDocPtr parse(const char *file)
 {
@@ -125,8 +122,7 @@ int kestal_term_xml(void)
     return KESTA_OK;
 }
 
-int kestal_start_xml_parse(char *file, KESTA_BACKUP_FILE *record, xmlDocPtr *doc,
-                           xmlXPathContextPtr *context)
+int kestal_start_xml_parse(char *file, KESTA_BACKUP_FILE *record, xmlDocPtr *doc, xmlXPathContextPtr *context)
 {
     if (!file || !record) {
         FAILURE(ARGUMENT, 0, 1, "[start_xml_parse] Backup File Struct ERROR");

@@ -109,8 +109,7 @@ int kestal_xml_get_setinfo(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BA
     const kesta::CancelOff off;
     const kesta::QuietXml quiet;
     {
-        const kesta::Expression path =
-            kesta::expression_of("/%s/%s", kesta::group_element, kesta::setinfo_element);
+        const kesta::Expression path = kesta::expression_of("/%s/%s", kesta::group_element, kesta::setinfo_element);
         const kesta::XPathObject found(path.data(), *context);
         if (!found) {
             FAILURE(CONTENT, 0, 1, "[xml_get_setinfo] xmlXPathEvalExpression(%s) ERROR", path.data());
@@ -137,8 +136,8 @@ int kestal_xml_get_file(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACKU
     }
     const kesta::CancelOff off;
     const kesta::QuietXml quiet;
-    const kesta::Expression path = kesta::expression_of(
-        "/%s/%s/%s", kesta::group_element, kesta::setinfo_element, kesta::file_element);
+    const kesta::Expression path =
+        kesta::expression_of("/%s/%s/%s", kesta::group_element, kesta::setinfo_element, kesta::file_element);
     const kesta::XPathObject found(path.data(), *context);
     if (!found) {
         FAILURE(CONTENT, 0, 1, "[xml_get_file] xmlXPathEvalExpression(%s) ERROR", path.data());

@@ -19,10 +19,7 @@ constexpr int integer_size = sizeof(std::int32_t);
 // The value of an attribute.
 class Property {
 public:
-    Property(xmlNodePtr node, const char *name)
-        : value_(xmlGetProp(node, reinterpret_cast<const xmlChar *>(name)))
-    {
-    }
+    Property(xmlNodePtr node, const char *name) : value_(xmlGetProp(node, reinterpret_cast<const xmlChar *>(name))) {}
     ~Property()
     {
         if (value_) {
@@ -40,10 +37,7 @@ private:
 };
 
 // The usual decimal conversion, without an overflow check.
-std::int32_t to_integer(const char *digits)
-{
-    return static_cast<std::int32_t>(strtol(digits, nullptr, 10));
-}
+std::int32_t to_integer(const char *digits) { return static_cast<std::int32_t>(strtol(digits, nullptr, 10)); }
 
 int copy_as_integer(const Property &value, char *destination, int buflen)
 {
@@ -68,8 +62,7 @@ int copy_as_text(const Property &value, char *destination, int buflen)
 {
     const std::size_t length = strlen(value.text()) + 1;
     if (length > static_cast<std::size_t>(buflen)) {
-        FAILURE(CONTENT, 0, 1, "[xml_get_property] Len Error(nodelen=%d buflen=%d).", static_cast<int>(length),
-              buflen);
+        FAILURE(CONTENT, 0, 1, "[xml_get_property] Len Error(nodelen=%d buflen=%d).", static_cast<int>(length), buflen);
         return KESTA_ERR;
     }
     memcpy(destination, value.text(), length);
@@ -79,8 +72,7 @@ int copy_as_text(const Property &value, char *destination, int buflen)
 
 }  // namespace
 
-int kestal_xml_get_property(xmlNodePtr *node, const char *name, char *destination, int buflen,
-                            int copytype)
+int kestal_xml_get_property(xmlNodePtr *node, const char *name, char *destination, int buflen, int copytype)
 {
     if (!node || !*node || !name || !destination) {
         FAILURE(ARGUMENT, 0, 1, "[xml_get_property] Null Argument.");

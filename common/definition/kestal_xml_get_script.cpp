@@ -27,18 +27,16 @@ struct Kind {
     const char *title;           // in "... Max." and "... ERROR"
     const char *wildcard_title;  // in the text about wild-cards
     char (Slot::*path)[KESTA_DEFINITION_SCRIPT_SIZE];
-    std::int32_t Slot::*order;           // receives the order
-    std::int32_t Slot::*order_if_absent; // is set to 0 where there is no order
+    std::int32_t Slot::*order;            // receives the order
+    std::int32_t Slot::*order_if_absent;  // is set to 0 where there is no order
 };
 
 // The order of a pre-script goes to the order of the post-script: kept so, programs rely on it.
 constexpr std::array<Kind, 3> kinds{{
-    {"pre-script", "Pre-Script", "pre-script", &Slot::pre_script, &Slot::post_order,
-     &Slot::pre_order},
-    {"post-script", "Post-Script", "post-script", &Slot::post_script, &Slot::post_order,
-     &Slot::post_order},
-    {"re-post-script", "Re-Post-Script", "Re-Post-script", &Slot::re_post_script,
-     &Slot::re_post_order, &Slot::re_post_order},
+    {"pre-script", "Pre-Script", "pre-script", &Slot::pre_script, &Slot::post_order, &Slot::pre_order},
+    {"post-script", "Post-Script", "post-script", &Slot::post_script, &Slot::post_order, &Slot::post_order},
+    {"re-post-script", "Re-Post-Script", "Re-Post-script", &Slot::re_post_script, &Slot::re_post_order,
+     &Slot::re_post_order},
 }};
 
 int read_path(xmlNodePtr node, const Kind &kind, Slot &slot)
@@ -57,7 +55,7 @@ int read_path(xmlNodePtr node, const Kind &kind, Slot &slot)
     }
     if (found != KESTA_OFF) {
         FAILURE(CONTENT, 0, 1, "[xml_get_com_in_script] Error:The wild-card is included in the %s path.",
-              kind.wildcard_title);
+                kind.wildcard_title);
         return KESTA_ERR_DEFINITION;
     }
     return KESTA_OK;
@@ -88,8 +86,7 @@ int read_scripts(xmlNodePtr element, const Side &side)
             if (!kesta::is_element(child, kinds[i].element)) {
                 continue;
             }
-            if (const int rtn = read_script(child, kinds[i], counts[i], side.slots);
-                rtn != KESTA_OK) {
+            if (const int rtn = read_script(child, kinds[i], counts[i], side.slots); rtn != KESTA_OK) {
                 return rtn;
             }
         }
@@ -99,15 +96,14 @@ int read_scripts(xmlNodePtr element, const Side &side)
 
 int read_side(const Side &side, xmlXPathContextPtr context)
 {
-    const kesta::Expression path = kesta::expression_of("/%s/%s/%s", kesta::group_element,
-                                                        kesta::script_element, side.element);
+    const kesta::Expression path =
+        kesta::expression_of("/%s/%s/%s", kesta::group_element, kesta::script_element, side.element);
     TRACE(5, "[xml_get_com_in_script] path = %s", path.data());
     errno = 0;
     const kesta::XPathObject found(path.data(), context);
     if (!found) {
         const int error = errno;
-        TRACE(5, "[xml_get_com_in_script] xmlXPathEvalExpression(%s) Nothing. errno=%d",
-              path.data(), error);
+        TRACE(5, "[xml_get_com_in_script] xmlXPathEvalExpression(%s) Nothing. errno=%d", path.data(), error);
         return KESTA_OK;
     }
     if (found.count() > 1) {
@@ -127,8 +123,7 @@ int read_side(const Side &side, xmlXPathContextPtr context)
 // Returns how many script elements there are, or -911.
 int count_script_elements(xmlXPathContextPtr context, int &count)
 {
-    const kesta::Expression path =
-        kesta::expression_of("/%s/%s", kesta::group_element, kesta::script_element);
+    const kesta::Expression path = kesta::expression_of("/%s/%s", kesta::group_element, kesta::script_element);
     const kesta::XPathObject found(path.data(), context);
     if (!found) {
         FAILURE(CONTENT, 0, 1, "[xml_get_script] xmlXPathEvalExpression(%s) ERROR", path.data());
@@ -174,8 +169,7 @@ int kestal_xml_get_script(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BAC
     return KESTA_OK;
 }
 
-int kestal_xml_get_com_in_script(int nodekind, xmlDocPtr *doc, xmlXPathContextPtr *context,
-                                 KESTA_BACKUP_FILE *record)
+int kestal_xml_get_com_in_script(int nodekind, xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACKUP_FILE *record)
 {
     if (!kesta::usable(doc, context, record)) {
         FAILURE(ARGUMENT, 0, 1, "Argument ERROR");
@@ -186,11 +180,9 @@ int kestal_xml_get_com_in_script(int nodekind, xmlDocPtr *doc, xmlXPathContextPt
     KESTA_BACKUP_FILE_SCRIPT &script = record->script;
     switch (nodekind) {
     case backup_side:
-        return read_side({kesta::backup_element, script.back_script, &script.back_reboot},
-                         *context);
+        return read_side({kesta::backup_element, script.back_script, &script.back_reboot}, *context);
     case restore_side:
-        return read_side({kesta::restore_element, script.restore_script, &script.restore_reboot},
-                         *context);
+        return read_side({kesta::restore_element, script.restore_script, &script.restore_reboot}, *context);
     default:
         FAILURE(ARGUMENT, 0, 1, "[xml_get_com_in_script] NodeKind Argument ERROR nodekind=%d", nodekind);
         return KESTA_ERR_ARGUMENT;

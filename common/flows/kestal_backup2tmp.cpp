@@ -26,11 +26,10 @@ int write_temporary(const Path &temporary, const void *data, unsigned int size)
         SYSTEM_FAILURE(error, 1, "[backup2tmp]  File Open(write) ERROR  t_name=%s, errno=%d", t_name, error);
         return KESTA_ERR;
     }
-    const kesta::WriteOutcome outcome =
-        kesta::write_and_close(file, data, size, kesta::Flush::leave_to_system);
+    const kesta::WriteOutcome outcome = kesta::write_and_close(file, data, size, kesta::Flush::leave_to_system);
     if (!outcome.complete) {
         FAILURE(SYSTEM, outcome.error, 1, "[backup2tmp]  Write ERROR  t_name=%s buf_size=%d result=%d errno=%d", t_name,
-              static_cast<int>(size), static_cast<int>(outcome.written), outcome.error);
+                static_cast<int>(size), static_cast<int>(outcome.written), outcome.error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -67,13 +66,13 @@ int unpack()
 {
     kesta::CommandLine command{};
     (void)kesta::form(command, "cd %s; /usr/bin/bunzip2 -c %s%s | /usr/sbin/tar -xf - > /dev/null 2>&1",
-             kesta::tmp_cache, kesta::tmp_cache, kesta::backup_archive);
+                      kesta::tmp_cache, kesta::tmp_cache, kesta::backup_archive);
     int ret = KESTA_OK;
     const int result = kestal_exec_cmd_by_system(command.data());
     const int error = errno;
     if (result != 0) {
-        FAILURE(SYSTEM, error, 1, "[backup2tmp] %sbackup.*.tar update error. result = %d errno=%d",
-              kesta::tmp_cache, result, error);
+        FAILURE(SYSTEM, error, 1, "[backup2tmp] %sbackup.*.tar update error. result = %d errno=%d", kesta::tmp_cache,
+                result, error);
         ret = KESTA_ERR;
     }
     TRACE(3, "[backup2tmp] tmp-cache update (%s)", command.data());
@@ -90,8 +89,7 @@ int kestal_backup2tmp(const char *group, int acceptflg, char *name, int mode)
         return KESTA_ERR_ARGUMENT;
     }
     AreaName slot;
-    const int result = acceptflg != 0 ? kesta::read_accept_slot_name(slot)
-                                      : kesta::read_backup_slot_name(slot);
+    const int result = acceptflg != 0 ? kesta::read_accept_slot_name(slot) : kesta::read_backup_slot_name(slot);
     if (result != KESTA_OK) {
         // Level 5, unlike every other failure: an appliance without a slot is in an ordinary state, before its first
         // backup, and its log shows no error at the usual level.
@@ -101,8 +99,8 @@ int kestal_backup2tmp(const char *group, int acceptflg, char *name, int mode)
     if (name) {
         slot.copy_out(name);
     }
-    const Path destination = kesta::path_of(
-        kesta::tmp_cache, mode == unpack_mode ? kesta::backup_archive : kesta::check_archive);
+    const Path destination =
+        kesta::path_of(kesta::tmp_cache, mode == unpack_mode ? kesta::backup_archive : kesta::check_archive);
     Path temporary{};  // named after backup.tar.Z in every mode
     (void)kesta::form(temporary, "%s%s.tmp", kesta::tmp_cache, kesta::backup_archive);
     TRACE(5, "[backup2tmp] Tmp area path. t_name=%s", destination.data());

@@ -6,8 +6,7 @@
 
 namespace {
 
-void report_step(kesta::ToSlotStep step, const char *file, const char *slot, unsigned int size,
-                 int error)
+void report_step(kesta::ToSlotStep step, const char *file, const char *slot, unsigned int size, int error)
 {
     switch (step) {
     case kesta::ToSlotStep::measure:
@@ -21,7 +20,7 @@ void report_step(kesta::ToSlotStep step, const char *file, const char *slot, uns
         break;
     case kesta::ToSlotStep::read:
         FAILURE(SYSTEM, error, 1, "[cntbackup2backup]  Read ERROR c_name=%s f_size=%d errno=%d", file,
-              static_cast<int>(size), error);
+                static_cast<int>(size), error);
         break;
     case kesta::ToSlotStep::announce:
         TRACE(4, "[cntbackup2backup]  CNT_BACKUP ---> BACKUP from_file=%s to_file=%s", file, slot);

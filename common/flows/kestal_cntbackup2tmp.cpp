@@ -8,14 +8,14 @@
 
 int kestal_cntbackup2tmp(const char *group, int acceptflg)
 {
-    TRACE(4, "[kestal_cntbackup2tmp] Flash(CNT-Backup) ---> Tmp (group_name=%s,acceptflg=%d)",
-          group ? group : "(null)", acceptflg);
+    TRACE(4, "[kestal_cntbackup2tmp] Flash(CNT-Backup) ---> Tmp (group_name=%s,acceptflg=%d)", group ? group : "(null)",
+          acceptflg);
     if (!group) {
         FAILURE(ARGUMENT, 0, 1, "[kestal_cntbackup2tmp] Group name Error.");
         return KESTA_ERR_ARGUMENT;
     }
-    const kesta::Path source = kesta::path_of(
-        kesta::flash_directory, acceptflg != 0 ? kesta::accept_archive : kesta::backup_archive);
+    const kesta::Path source =
+        kesta::path_of(kesta::flash_directory, acceptflg != 0 ? kesta::accept_archive : kesta::backup_archive);
     const kesta::Path destination = kesta::path_of(kesta::tmp_cache, kesta::backup_archive);
     kesta::CommandLine command{};
     // Plain cp from the search path, unlike the other flows.

@@ -11,23 +11,21 @@ namespace {
 
 using kesta::AreaName;
 
-void report_step(kesta::ToSlotStep step, const char *file, const char *slot, unsigned int size,
-                 int error)
+void report_step(kesta::ToSlotStep step, const char *file, const char *slot, unsigned int size, int error)
 {
     switch (step) {
     case kesta::ToSlotStep::measure:
         TRACE(1, "[merge_file2accept]  Get File size ERROR t_name=%s", file);
         break;
     case kesta::ToSlotStep::allocate:
-        FAILURE(MEMORY, error, 1, "[merge_file2accept] MALLOC ERROR size=%d errno=%d", static_cast<int>(size),
-              error);
+        FAILURE(MEMORY, error, 1, "[merge_file2accept] MALLOC ERROR size=%d errno=%d", static_cast<int>(size), error);
         break;
     case kesta::ToSlotStep::open:
         FAILURE(SYSTEM, error, 1, "[merge_file2accept]  File Open(Read) ERROR t_name=%s errno=%d", file, error);
         break;
     case kesta::ToSlotStep::read:
         FAILURE(SYSTEM, error, 1, "[merge_file2accept]  Read ERROR t_name=%s f_size=%d errno=%d", file,
-              static_cast<int>(size), error);
+                static_cast<int>(size), error);
         break;
     case kesta::ToSlotStep::announce:
         TRACE(4, "[merge_file2accept] Tmp(%s) ---> SYSBACK(accept:%s)", file, slot);

@@ -90,11 +90,11 @@ int write_flash_copy(const char *c_name, const void *data, unsigned int size)
         SYSTEM_FAILURE(error, 1, "[sysback2current]  File Open(write) ERROR c_name=%s, errno=%d", c_name, error);
         return KESTA_RESTORE_SWITCH_FAILED;
     }
-    const kesta::WriteOutcome outcome =
-        kesta::write_and_close(file, data, size, kesta::Flush::to_disk);
+    const kesta::WriteOutcome outcome = kesta::write_and_close(file, data, size, kesta::Flush::to_disk);
     if (!outcome.complete) {
-        FAILURE(SYSTEM, outcome.error, 1, "[sysback2current]  File Write ERROR c_name=%s buf_size=%d result=%d errno=%d",
-              c_name, static_cast<int>(size), static_cast<int>(outcome.written), outcome.error);
+        FAILURE(SYSTEM, outcome.error, 1,
+                "[sysback2current]  File Write ERROR c_name=%s buf_size=%d result=%d errno=%d", c_name,
+                static_cast<int>(size), static_cast<int>(outcome.written), outcome.error);
         return KESTA_RESTORE_SWITCH_FAILED;
     }
     if (chmod(c_name, kesta::finished_archive_mode) != 0) {
@@ -127,8 +127,8 @@ bool copy_accept_archive()
     kesta::CommandLine command{};
     (void)kesta::form(command, "cp -p %s%s %s%s > /dev/null 2>&1", kesta::flash_directory, kesta::accept_archive,
                       kesta::merge_cache, kesta::backup_archive);
-    TRACE(4, "[sysback2current] FLASHCOPY(%s%s -> %s%s)", kesta::flash_directory,
-          kesta::accept_archive, kesta::merge_cache, kesta::backup_archive);
+    TRACE(4, "[sysback2current] FLASHCOPY(%s%s -> %s%s)", kesta::flash_directory, kesta::accept_archive,
+          kesta::merge_cache, kesta::backup_archive);
     if (kestal_exec_cmd_by_system(command.data()) != 0) {
         TRACE(4, "[sysback2current] FLASHCOPY(cmd:%s) Execute Error.", command.data());
         return false;
@@ -166,8 +166,8 @@ kesta::CommandLine script_command(const Request &request)
 
 int current_stage(const Request &request, const AreaName &slot)
 {
-    TRACE(5, "[sysback2current] Current(area_flag:%d, distribution:%d, rbflg:%d)",
-          request.area_flag, request.distribution, request.rbflg);
+    TRACE(5, "[sysback2current] Current(area_flag:%d, distribution:%d, rbflg:%d)", request.area_flag,
+          request.distribution, request.rbflg);
     if (request.rbflg == update_script && request.flash_copy && !copy_accept_archive()) {
         return KESTA_OK;  // silent on purpose: there is no accepted environment to update from
     }
@@ -175,9 +175,10 @@ int current_stage(const Request &request, const AreaName &slot)
     TRACE(4, "[sysback2current] SYSBACK(%s) ---> CURRENT(cmd:%s)", slot.c_str(), command.data());
     const int result = kestal_exec_cmd_by_system(command.data());
     if (result != 0) {
-        FAILURE(COMMAND, result, 1, "[sysback2current] Script(Copy From System backup area to current Start) Exe Error "
-              "result =%d",
-              result);
+        FAILURE(COMMAND, result, 1,
+                "[sysback2current] Script(Copy From System backup area to current Start) Exe Error "
+                "result =%d",
+                result);
         return KESTA_RESTORE_SCRIPT_FAILED;
     }
     TRACE(4,
@@ -194,8 +195,8 @@ bool has_switch_stage(int area_flag)
 
 }  // namespace
 
-int kestal_sysback2current(const char *group, int switch_only, int area_flag, int rbflg,
-                           int distribution, char *fileptr, int skip_flashcopy)
+int kestal_sysback2current(const char *group, int switch_only, int area_flag, int rbflg, int distribution,
+                           char *fileptr, int skip_flashcopy)
 {
     TRACE(5, "[sysback2current] START(area_flag:%d)", area_flag);
     if (!kesta::is_group_folder(group)) {

@@ -21,17 +21,14 @@ constexpr bool is_separator_place(int position)
     return position == 8 || position == 13 || position == 18 || position == 23;
 }
 
-constexpr bool has_separator_before(int byte)
-{
-    return byte == 4 || byte == 6 || byte == 8 || byte == 10;
-}
+constexpr bool has_separator_before(int byte) { return byte == 4 || byte == 6 || byte == 8 || byte == 10; }
 
 int check_text(const char *text)
 {
     const std::size_t length = strlen(text);
     if (length != KESTA_GUID_TEXT_LENGTH) {
         FAILURE(CONTENT, 0, 1, "[kestal_guid_str2bin] guid_str length error. guid_str_len=%d",
-              static_cast<int>(length));
+                static_cast<int>(length));
         return KESTA_ERR;
     }
     for (int i = 0; i < KESTA_GUID_TEXT_LENGTH; ++i) {

@@ -41,8 +41,8 @@ int write_line(int fd, const char *wwn, const char *function)
         return KESTA_ERR;
     }
     if (const kesta::TextWritten &result = line.text; !result.complete()) {
-        FAILURE(SYSTEM, result.error, 1, "[%s] File Write Error f_name=%s len=%d result=%d errno=%d", function, wwn_file,
-              result.length, result.written, result.error);
+        FAILURE(SYSTEM, result.error, 1, "[%s] File Write Error f_name=%s len=%d result=%d errno=%d", function,
+                wwn_file, result.length, result.written, result.error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -89,8 +89,7 @@ int kestal_set_flash_wwn(const char *wwn)
     }
     int ret;
     {
-        const kesta::UniqueFd file(
-            open(wwn_file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
+        const kesta::UniqueFd file(open(wwn_file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
         if (!file) {
             SYSTEM_FAILURE(error, 1, "[%s] Flash wwn File(%s) Open Error. errno=%d", function, wwn_file, error);
             return KESTA_ERR;
@@ -117,11 +116,11 @@ int kestal_read_flash_guid(char *guid)
         return KESTA_OK;
     case Reading::not_opened:
         FAILURE(SYSTEM, error, 1, "[kestal_read_flash_guid] Flash guid File(%s) Open Error. errno=%d", guid_file,
-              error);
+                error);
         return KESTA_ERR;
     case Reading::empty:
         FAILURE(SYSTEM, error, 1, "[kestal_read_flash_guid] Flash guid File(%s) Read Error. errno=%d", guid_file,
-              error);
+                error);
         return KESTA_ERR;
     case Reading::done:
         break;

@@ -55,12 +55,10 @@ bool form_host_names(HostNames &names, const char *wwn)
     return form(names[0], "%s-%d", wwn, 0) && form(names[1], "%s-%d", wwn, 1);
 }
 
-bool form_eeprom_command(kesta::CommandLine &command, int controller, const char *wwn,
-                         const char *serialno)
+bool form_eeprom_command(kesta::CommandLine &command, int controller, const char *wwn, const char *serialno)
 {
     return form(command, KESTA_EEPROM_PROGRAM " -f %s/%d%s%s%s%s%s", tree, controller, boot_environment,
-                wwn ? " cp_wwn=" : "", wwn ? wwn : "", serialno ? " cp_serial_number=" : "",
-                serialno ? serialno : "");
+                wwn ? " cp_wwn=" : "", wwn ? wwn : "", serialno ? " cp_serial_number=" : "", serialno ? serialno : "");
 }
 
 kesta::Path nodename_path(int controller)
@@ -101,8 +99,7 @@ int write_hosts(const std::array<vrb_netconfig_t, 2> &records, const HostNames &
         const vrb_netconfig_t &record = records[i == vpd_state.own_number ? 0 : 1];
         inet_ntop(AF_INET, &record.address, address.data(), address.size());
         form(line, "%s CNT%d %s\n", address.data(), i, names[static_cast<std::size_t>(i)].data());
-        if (const kesta::TextWritten result = kesta::write_text(file.get(), line.data());
-            !result.complete()) {
+        if (const kesta::TextWritten result = kesta::write_text(file.get(), line.data()); !result.complete()) {
             return not_whole(hosts_path, line.data(), result.error);
         }
     }
@@ -153,8 +150,7 @@ int rename_hosts(const char *wwn_new)
         return ret;
     }
     for (int i = 0; i < vpd_state.controllers; ++i) {
-        if (const int ret = write_nodename(i, names[static_cast<std::size_t>(i)]);
-            ret != KESTA_OK) {
+        if (const int ret = write_nodename(i, names[static_cast<std::size_t>(i)]); ret != KESTA_OK) {
             return ret;
         }
     }
@@ -180,8 +176,7 @@ int copy_to_system(const SystemCopy &copy)
     std::array<char, 16> part{};
     form(part, "%d", vpd_state.own_number);
     kesta::CommandLine command{};
-    form(command, "/usr/bin/cp %s/%s%s %s > /dev/null 2>&1", tree, copy.is_own ? part.data() : "C",
-         copy.from, copy.to);
+    form(command, "/usr/bin/cp %s/%s%s %s > /dev/null 2>&1", tree, copy.is_own ? part.data() : "C", copy.from, copy.to);
     const int rtn = kestal_exec_cmd_by_system(command.data());
     if (rtn != 0) {
         SYSTEM_FAILURE(error, 1, "[update_vpdinfo_collect_close] %s filecopy error cmd=(%s) rtn=%d errno=%d", copy.what,
@@ -245,8 +240,7 @@ int kestal_update_vpdinfo_distribute_open(const char *directory, int flag)
         return KESTA_ERR_ARGUMENT;
     }
     if (flag == to_disk) {
-        if (const int rtn = kestal_backup2tmp(restore_group, KESTA_OFF, nullptr, 1);
-            rtn != KESTA_OK) {
+        if (const int rtn = kestal_backup2tmp(restore_group, KESTA_OFF, nullptr, 1); rtn != KESTA_OK) {
             SYSTEM_FAILURE(error, 1, "[update_vpdinfo_distribute_open] backup2tmp Error. rtn=%d, errno=%d", rtn, error);
             return KESTA_ERR;
         }
@@ -295,9 +289,9 @@ int kestal_update_vpdinfo_guid(const char *guid)
         SYSTEM_FAILURE(error, 1, "[update_vdpinfo_guid] cp_guid open error filename=(%s) errno=%d", guid_path, error);
         return KESTA_ERR;
     }
-    if (const kesta::TextWritten result = kesta::write_and_close_text(file, line.data());
-        !result.complete()) {
-        FAILURE(SYSTEM, result.error, 1, "[update_vdpinfo_guid] fputs() error path=(%s) errno=%d", guid_path, result.error);
+    if (const kesta::TextWritten result = kesta::write_and_close_text(file, line.data()); !result.complete()) {
+        FAILURE(SYSTEM, result.error, 1, "[update_vdpinfo_guid] fputs() error path=(%s) errno=%d", guid_path,
+                result.error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -307,8 +301,7 @@ int kestal_update_host_info(const char *wwn_new, const char *wwn_old)
 {
     TRACE(5, "[update_host_info] Start. wwn_new=%s wwn_old=%s", or_null(wwn_new), or_null(wwn_old));
     HostNames names{};
-    if (!wwn_new || !wwn_old || !form_host_names(names, wwn_new) ||
-        !form_host_names(names, wwn_old)) {
+    if (!wwn_new || !wwn_old || !form_host_names(names, wwn_new) || !form_host_names(names, wwn_old)) {
         FAILURE(ARGUMENT, 0, 1, "[update_host_info] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
@@ -329,8 +322,7 @@ int kestal_update_host_info(const char *wwn_new, const char *wwn_old)
     }
     const char *by_wwn = names[static_cast<std::size_t>(vpd_state.own_number)].data();
     const bool is_same = strcmp(now.data(), by_wwn) == 0;
-    TRACE(3,
-          "[update_host_info] it is %s wwn_hostname=[%s] and now_hostname=[%s] g_vpd_cnt_no=[%d]. ",
+    TRACE(3, "[update_host_info] it is %s wwn_hostname=[%s] and now_hostname=[%s] g_vpd_cnt_no=[%d]. ",
           is_same ? "same" : "different", by_wwn, now.data(), vpd_state.own_number);
     if (!is_same) {
         return KESTA_OK;  // the administrator has named the controller

@@ -34,8 +34,7 @@ struct ToolIdentity {
 
     bool is_valid() const
     {
-        return strlen(wwn.data()) == KESTA_WWN_LENGTH &&
-               strlen(serialno.data()) == KESTA_SERIALNO_LENGTH &&
+        return strlen(wwn.data()) == KESTA_WWN_LENGTH && strlen(serialno.data()) == KESTA_SERIALNO_LENGTH &&
                strlen(guid.data()) == KESTA_GUID_TEXT_LENGTH;
     }
 };
@@ -51,10 +50,7 @@ struct GivenIdentity {
                strncmp(serialno.c_str(), tool.serialno.data(), KESTA_SERIALNO_LENGTH) == 0 &&
                strncmp(guid.c_str(), tool.guid.data(), KESTA_GUID_TEXT_LENGTH) == 0;
     }
-    int write_to_tool() const
-    {
-        return kestal_set_vpn_info(wwn.c_str(), serialno.c_str(), guid.c_str());
-    }
+    int write_to_tool() const { return kestal_set_vpn_info(wwn.c_str(), serialno.c_str(), guid.c_str()); }
 };
 
 void log_lengths(const ToolIdentity &vpd, const char *flow, const char *source)
@@ -62,8 +58,8 @@ void log_lengths(const ToolIdentity &vpd, const char *flow, const char *source)
     TRACE(3,
           "[%s] vpd info length failed. so set vpdinfo from %s. len_wwn=%d len_serialno=%d "
           "len_guid=%d",
-          flow, source, static_cast<int>(strlen(vpd.wwn.data())),
-          static_cast<int>(strlen(vpd.serialno.data())), static_cast<int>(strlen(vpd.guid.data())));
+          flow, source, static_cast<int>(strlen(vpd.wwn.data())), static_cast<int>(strlen(vpd.serialno.data())),
+          static_cast<int>(strlen(vpd.guid.data())));
 }
 
 // Each step of a flow that fails is logged, under a name that is not always its own.
@@ -81,8 +77,7 @@ int carry_to_flash(const ToolIdentity &vpd, const char *own_wwn)
     constexpr const char *flow = "vpd_to_flash";
     if (failed(kestal_update_vpdinfo_distribute_open(kesta::flash_directory, 0), flow,
                "update_vpdinfo_distribute_open") ||
-        failed(kestal_update_vpdinfo_eeprom(vpd.wwn.data(), vpd.serialno.data()), flow,
-               "update_vpdinfo_eeprom") ||
+        failed(kestal_update_vpdinfo_eeprom(vpd.wwn.data(), vpd.serialno.data()), flow, "update_vpdinfo_eeprom") ||
         failed(kestal_update_vpdinfo_guid(vpd.guid.data()), flow, "update_vpdinfo_guid") ||
         failed(kestal_update_host_info(vpd.wwn.data(), own_wwn), flow, "update_host_info()") ||
         failed(kestal_update_vpdinfo_collect_close(to_flash), flow, "update_host_info()")) {
@@ -110,8 +105,7 @@ bool take_from_disk(int block_id, const char *name, const char *given, char *val
         memcpy(value, given, strnlen(given, KESTA_GUID_BYTES));
         return true;
     }
-    const int sts = kestal_non_volatile_rw_func(block_id, KESTA_BLOCK_READ, value, KESTA_GUID_BYTES,
-                                                nullptr);
+    const int sts = kestal_non_volatile_rw_func(block_id, KESTA_BLOCK_READ, value, KESTA_GUID_BYTES, nullptr);
     if (sts != KESTA_OK) {
         TRACE(1, "[kestal_vpd_to_hdd] kestal_non_volatile_rw() Read HDD %s error. sts=%d", name, sts);
     }
@@ -145,12 +139,9 @@ void tool_from_disk(const ToolIdentity &vpd, const GivenIdentity &disk)
     }
 }
 
-void hdd_flow(ToolIdentity &vpd, GivenIdentity &disk, const char *wwn, const char *serialno,
-              const char *guid)
+void hdd_flow(ToolIdentity &vpd, GivenIdentity &disk, const char *wwn, const char *serialno, const char *guid)
 {
-    if (const int sts =
-            kesta::read_vpd_tool(vpd.wwn.data(), vpd.serialno.data(), vpd.guid.data());
-        sts != KESTA_OK) {
+    if (const int sts = kesta::read_vpd_tool(vpd.wwn.data(), vpd.serialno.data(), vpd.guid.data()); sts != KESTA_OK) {
         TRACE(1, "[kestal_vpd_to_hdd] kestal_get_vpn_info() error. sts=%d", sts);
         return;
     }
@@ -179,12 +170,12 @@ int raise_versions()
         int area;
         const char *name;
     };
-    constexpr std::array<Area, 2> areas{{{KESTA_VER_AREA_BACKUP, "KESTA_VER_AREA_BACKUP"},
-                                         {KESTA_VER_AREA_REBOOT, "KESTA_VER_AREA_REBOOT"}}};
+    constexpr std::array<Area, 2> areas{
+        {{KESTA_VER_AREA_BACKUP, "KESTA_VER_AREA_BACKUP"}, {KESTA_VER_AREA_REBOOT, "KESTA_VER_AREA_REBOOT"}}};
     for (const Area &area : areas) {
         if (const int sts = kestal_set_version(area.area, own, up_version); sts != KESTA_OK) {
-            TRACE(1, "[kestal_CONT0_to_CONT1] kestal_set_version(%s) error. sts=%d up_version=%d",
-                  area.name, sts, up_version);
+            TRACE(1, "[kestal_CONT0_to_CONT1] kestal_set_version(%s) error. sts=%d up_version=%d", area.name, sts,
+                  up_version);
             return KESTA_ERR;
         }
     }
@@ -198,8 +189,8 @@ int name_slots()
         const char *flag_name;
         const char *slot;
     };
-    const std::array<Name, 2> names{{{KESTA_OFF, "KESTA_OFF", vpd_state.accept_name},
-                                     {KESTA_ON, "KESTA_ON", vpd_state.backup_name}}};
+    const std::array<Name, 2> names{
+        {{KESTA_OFF, "KESTA_OFF", vpd_state.accept_name}, {KESTA_ON, "KESTA_ON", vpd_state.backup_name}}};
     for (const Name &name : names) {
         const int sts = kestal_change_address(vpd_state.accept_name, vpd_state.backup_name, name.flag);
         if (sts != KESTA_OK) {
@@ -218,10 +209,8 @@ int carry_to_own(const char *cnt0_wwn, const char *own_wwn, const char *hdd0_ser
     constexpr const char *flow = "kestal_CONT0_to_CONT1";
     if (failed(kestal_update_vpdinfo_distribute_open(kesta::merge_cache, to_disk), flow,
                "update_vpdinfo_distribute_open") ||
-        failed(kestal_update_vpdinfo_eeprom(cnt0_wwn, hdd0_serialno), flow,
-               "update_vpdinfo_eeprom") ||
-        (!same(cnt0_wwn, own_wwn) &&
-         failed(kestal_update_host_info(cnt0_wwn, own_wwn), flow, "update_host_info()")) ||
+        failed(kestal_update_vpdinfo_eeprom(cnt0_wwn, hdd0_serialno), flow, "update_vpdinfo_eeprom") ||
+        (!same(cnt0_wwn, own_wwn) && failed(kestal_update_host_info(cnt0_wwn, own_wwn), flow, "update_host_info()")) ||
         failed(kestal_update_vpdinfo_collect_close(to_disk), flow, "update_host_info()")) {
         return KESTA_ERR;
     }
@@ -239,9 +228,7 @@ int kestal_vpd_to_flash(char *wwn, char *serialno, char *guid)
     }
     ToolIdentity vpd;
     int ret = KESTA_OK;
-    if (const int sts =
-            kesta::read_vpd_tool(vpd.wwn.data(), vpd.serialno.data(), vpd.guid.data());
-        sts != KESTA_OK) {
+    if (const int sts = kesta::read_vpd_tool(vpd.wwn.data(), vpd.serialno.data(), vpd.guid.data()); sts != KESTA_OK) {
         TRACE(1, "[kestal_vpd_to_flash] kestal_get_vpn_info() error. sts=%d", sts);
     } else {
         ret = flash_from_tool(vpd, {IdentityText(wwn), IdentityText(serialno), GuidText(guid)});
@@ -268,8 +255,8 @@ int kestal_vpd_to_hdd(const char *wwn, const char *serialno, const char *guid)
     TRACE(3,
           "[kestal_vpd_to_hdd] END vpd_wwn=[%s] vpd_serialno=[%s] vpd_guid=[%s] hdd_wwn=[%s] "
           "hdd_serialno=[%s] hdd_guid=[%s]ret=[%d]",
-          vpd.wwn.data(), vpd.serialno.data(), vpd.guid.data(), disk.wwn.c_str(),
-          disk.serialno.c_str(), disk.guid.c_str(), KESTA_OK);
+          vpd.wwn.data(), vpd.serialno.data(), vpd.guid.data(), disk.wwn.c_str(), disk.serialno.c_str(),
+          disk.guid.c_str(), KESTA_OK);
     return KESTA_OK;
 }
 

@@ -66,10 +66,11 @@ int read_values(Values values)
     if (ret != KESTA_OK) {
         TRACE(1, "[kestal_get_vpn_info] kestal_execute(%s) error. ret=%d", command.data(), ret);
     }
-    const auto shown = [&values](std::size_t i) { return static_cast<int>(values[i].length); };
-    TRACE(3, "[kestal_get_vpn_info] END p_wwn=[%.*s] p_serialno=[%.*s] p_guid=[%.*s] ret=[%d]",
-          shown(0), or_null(values[0].buffer), shown(1), or_null(values[1].buffer), shown(2),
-          or_null(values[2].buffer), ret);
+    const auto shown = [&values](std::size_t i) {
+        return static_cast<int>(values[i].length);
+    };
+    TRACE(3, "[kestal_get_vpn_info] END p_wwn=[%.*s] p_serialno=[%.*s] p_guid=[%.*s] ret=[%d]", shown(0),
+          or_null(values[0].buffer), shown(1), or_null(values[1].buffer), shown(2), or_null(values[2].buffer), ret);
     return ret;
 }
 
@@ -80,13 +81,11 @@ bool append_option(kesta::CommandLine &command, const char *option, const char *
         return true;
     }
     const std::size_t used = strlen(command.data());
-    const int length =
-        snprintf(command.data() + used, command.size() - used, "%s%s", option, text);
+    const int length = snprintf(command.data() + used, command.size() - used, "%s%s", option, text);
     return length >= 0 && static_cast<std::size_t>(length) < command.size() - used;
 }
 
-bool form_write_command(kesta::CommandLine &command, const char *wwn, const char *serialno,
-                        const char *guid)
+bool form_write_command(kesta::CommandLine &command, const char *wwn, const char *serialno, const char *guid)
 {
     return append_option(command, "", vpd_tool) && append_option(command, " -w ", wwn) &&
            append_option(command, " -s ", serialno) && append_option(command, " -g ", guid) &&
@@ -127,8 +126,7 @@ int kestal_get_serialno_by_eeprom(char *serialno)
     } else {
         copy_cache(controller_state.eeprom_serialno, serialno, KESTA_SERIALNO_LENGTH);
     }
-    TRACE(5, "[kestal_get_serialno_by_eeprom] END serialnumber=[%s] ret=[%d]", controller_state.eeprom_serialno,
-          ret);
+    TRACE(5, "[kestal_get_serialno_by_eeprom] END serialnumber=[%s] ret=[%d]", controller_state.eeprom_serialno, ret);
     return ret;
 }
 
@@ -152,9 +150,7 @@ int kesta::read_vpd_tool(char *wwn, char *serialno, char *guid)
 
 int kestal_get_vpn_info(char *wwn, char *serialno, char *guid)
 {
-    return read_values({{{wwn, KESTA_WWN_LENGTH},
-                         {serialno, KESTA_SERIALNO_LENGTH},
-                         {guid, KESTA_GUID_TEXT_LENGTH}}});
+    return read_values({{{wwn, KESTA_WWN_LENGTH}, {serialno, KESTA_SERIALNO_LENGTH}, {guid, KESTA_GUID_TEXT_LENGTH}}});
 }
 
 int kestal_set_vpn_info(const char *wwn, const char *serialno, const char *guid)
@@ -174,7 +170,7 @@ int kestal_set_vpn_info(const char *wwn, const char *serialno, const char *guid)
     if (ret != KESTA_OK) {
         TRACE(1, "[kestal_set_vpn_info] kestal_execute(%s) error. ret=%d", command.data(), ret);
     }
-    TRACE(3, "[kestal_set_vpn_info] END p_wwn=[%s] p_serialno=[%s] p_guid=[%s] ret=[%d]",
-          or_null(wwn), or_null(serialno), or_null(guid), ret);
+    TRACE(3, "[kestal_set_vpn_info] END p_wwn=[%s] p_serialno=[%s] p_guid=[%s] ret=[%d]", or_null(wwn),
+          or_null(serialno), or_null(guid), ret);
     return ret;
 }

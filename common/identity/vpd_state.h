@@ -22,6 +22,6 @@ extern VpdState vpd_state;
 
 // As in a process that has just started.
 inline void reset_vpd_state() { vpd_state = {}; }
-}
+}  // namespace kesta
 
 using kesta::vpd_state;

@@ -74,10 +74,7 @@ void InnerlockRecord::leave()
     }
 }
 
-bool InnerlockRecord::late() const
-{
-    return process_seconds() - entered_at_ > passed_by_after_seconds;
-}
+bool InnerlockRecord::late() const { return process_seconds() - entered_at_ > passed_by_after_seconds; }
 
 // Takes the first place that is not to be passed by. Returns it, or the number of places if there
 // is none to be had: the caller is alone then if nobody is in its way.
@@ -109,8 +106,7 @@ void InnerlockRecord::count_attempt(std::size_t place)
 {
     const std::int64_t count = count_of(file_.get(), place) + 1;
     // Where it can't be written others go by how long the place has been held.
-    [[maybe_unused]] const ssize_t written =
-        pwrite(file_.get(), &count, sizeof(count), offset_of(place));
+    [[maybe_unused]] const ssize_t written = pwrite(file_.get(), &count, sizeof(count), offset_of(place));
 }
 
 // Whether somebody else is in the place who may not be passed by.

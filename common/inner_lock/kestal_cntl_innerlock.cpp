@@ -71,16 +71,14 @@ constexpr int not_stale = 0;
 
 int write_slot(int block_id, KESTA_INNERLOCK_BUF record)
 {
-    return kestal_non_volatile_rw_func(block_id, KESTA_BLOCK_WRITE, &record, sizeof(record),
-                                       nullptr);
+    return kestal_non_volatile_rw_func(block_id, KESTA_BLOCK_WRITE, &record, sizeof(record), nullptr);
 }
 
 // One call of kestal_cntl_innerlock.
 class Acquisition {
 public:
     Acquisition(int cntno, int own_block)
-        : own_block_(own_block),
-          back_off_(back_off_us + back_off_step_us * static_cast<unsigned>(cntno))
+        : own_block_(own_block), back_off_(back_off_us + back_off_step_us * static_cast<unsigned>(cntno))
     {
         claim_.status = slot_held;
         make_token();
@@ -150,8 +148,7 @@ private:
     // Failed: the acquisition is over, with the result.
     Looked look(int &result)
     {
-        const int rtn =
-            kestal_lockcheck_innerlock(kesta::own_controller(), slots_.data(), nullptr, nullptr);
+        const int rtn = kestal_lockcheck_innerlock(kesta::own_controller(), slots_.data(), nullptr, nullptr);
         if (rtn == KESTA_OK || rtn == KESTA_ERR_INNERLOCK_LOCKED) {
             return rtn == KESTA_OK ? Looked::free : Looked::locked;
         }
@@ -184,8 +181,7 @@ private:
     bool confirm(int &result)
     {
         int rtnstatus = 0;
-        int rtn =
-            kestal_lockcheck_innerlock(kesta::own_controller(), slots_.data(), &claim_, &rtnstatus);
+        int rtn = kestal_lockcheck_innerlock(kesta::own_controller(), slots_.data(), &claim_, &rtnstatus);
         if (record_->late()) {
             return false;  // the claim may have been cleared, and another one made and given back
         }
@@ -194,8 +190,7 @@ private:
             result = KESTA_OK;
             return true;
         }
-        TRACE(3, "[kestal_cntl_innerlock] InnerLock Control Check Error.(rtn=%d, rtnstatus=%d)",
-              rtn, rtnstatus);
+        TRACE(3, "[kestal_cntl_innerlock] InnerLock Control Check Error.(rtn=%d, rtnstatus=%d)", rtn, rtnstatus);
         if (rtn != KESTA_ERR_INNERLOCK_LOCKED || rtnstatus == own_slot_taken_over) {
             return false;  // the own slot is left to its new owner
         }
@@ -235,8 +230,7 @@ private:
         for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
             const KESTA_INNERLOCK_BUF &slot = slots_[static_cast<unsigned>(i)];
             if (slot.status == slot_free ||
-                kestal_compare_innerlock_timeout(i, static_cast<int>(slot.timeout),
-                                                 observations_.data()) != stale ||
+                kestal_compare_innerlock_timeout(i, static_cast<int>(slot.timeout), observations_.data()) != stale ||
                 !entered || record_->late()) {
                 continue;
             }
@@ -294,8 +288,7 @@ int kestal_reset_mycnt_innerlock_main(int cntno, int flag)
     int block_id = 0;
     int rtn = kestal_get_block_id(KESTA_IDTYPE_INNERLOCK, slot, &block_id);
     if (rtn != KESTA_OK) {
-        TRACE(1, "[kestal_reset_mycnt_innerlock] Get Block ID(ID TYPE=INNERLOCK) Error. rtn=%d",
-              rtn);
+        TRACE(1, "[kestal_reset_mycnt_innerlock] Get Block ID(ID TYPE=INNERLOCK) Error. rtn=%d", rtn);
         return KESTA_ERR;
     }
     rtn = write_slot(block_id, KESTA_INNERLOCK_BUF{});
@@ -315,8 +308,8 @@ int kestal_lockcheck_innerlock(int cntno, void *slots_out, KESTA_INNERLOCK_BUF *
         return KESTA_ERR_ARGUMENT;
     }
     Slots slots{};
-    const int rtn = kestal_non_volatile_rw_func(KESTA_BLOCK_INNERLOCK_CNT0, KESTA_BLOCK_READ,
-                                                slots.data(), sizeof(slots), nullptr);
+    const int rtn =
+        kestal_non_volatile_rw_func(KESTA_BLOCK_INNERLOCK_CNT0, KESTA_BLOCK_READ, slots.data(), sizeof(slots), nullptr);
     if (rtn != KESTA_OK) {
         TRACE(1, "[lockcheck_innerlock] InnerLock Look Read Error.rtn=%d", rtn);
         return KESTA_ERR_INNERLOCK_READ;

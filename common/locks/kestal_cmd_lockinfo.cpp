@@ -8,8 +8,7 @@ namespace {
 
 bool is_lock_block(int block_id)
 {
-    return block_id >= KESTA_BLOCK_LOCK_CNT0 &&
-           block_id < KESTA_BLOCK_LOCK_CNT0 + KESTA_CONTROLLERS;
+    return block_id >= KESTA_BLOCK_LOCK_CNT0 && block_id < KESTA_BLOCK_LOCK_CNT0 + KESTA_CONTROLLERS;
 }
 
 // The two directions share their steps. Their texts differ by a word, and in how a result stands in them.

@@ -92,10 +92,7 @@ int low_bits(std::int64_t value) { return static_cast<int>(static_cast<std::uint
 
 std::int64_t identifier_value(const char *identifier) { return strtoll(identifier, nullptr, 10); }
 
-KESTA_COMMAND_LOCKINFO &slot_of(Slots &slots, int cnt_num)
-{
-    return slots[static_cast<std::size_t>(cnt_num)];
-}
+KESTA_COMMAND_LOCKINFO &slot_of(Slots &slots, int cnt_num) { return slots[static_cast<std::size_t>(cnt_num)]; }
 
 int read_all_slots(Slots &slots, int cnt_num)
 {
@@ -112,10 +109,7 @@ int write_slot(int block_id, KESTA_COMMAND_LOCKINFO record, int cnt_num)
 class Locking {
 public:
     Locking(int cnt_num, char *lock_identifier, bool relock, int *locked_cnt)
-        : cnt_num_(cnt_num),
-          identifier_(lock_identifier),
-          relock_(relock),
-          locked_cnt_(locked_cnt)
+        : cnt_num_(cnt_num), identifier_(lock_identifier), relock_(relock), locked_cnt_(locked_cnt)
     {
     }
 
@@ -123,8 +117,7 @@ public:
     {
         int rtn = kestal_get_block_id(KESTA_IDTYPE_LOCK, cnt_num_, &block_id_);
         if (rtn != KESTA_OK) {
-            TRACE(1, "[kestal_global_command_lock] Get Block ID(ID TYPE=LOCK) Error. result=%d",
-                  rtn);
+            TRACE(1, "[kestal_global_command_lock] Get Block ID(ID TYPE=LOCK) Error. result=%d", rtn);
             return KESTA_ERR;
         }
         if (read_slots() != KESTA_OK) {
@@ -177,16 +170,18 @@ private:
         for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
             const KESTA_COMMAND_LOCKINFO &slot = slot_of(slots_, i);
             if (slot.status != KESTA_LOCK_STATUS_FREE) {
-                FAILURE(LOCKED, 0, 1, "[kestal_global_command_lock] Lock Error. Already locked Command lock. "
-                      "CNT=%d lockstatus=%d",
-                      i, slot.status);
+                FAILURE(LOCKED, 0, 1,
+                        "[kestal_global_command_lock] Lock Error. Already locked Command lock. "
+                        "CNT=%d lockstatus=%d",
+                        i, slot.status);
                 met(i);
                 return false;
             }
             if (heeds_signs && slot.sign != 0) {
-                FAILURE(LOCKED, 0, 1, "[kestal_global_command_lock] Sign Error. Already locked Command lock. CNT=%d "
-                      "sign=%d",
-                      i, low_bits(slot.sign));
+                FAILURE(LOCKED, 0, 1,
+                        "[kestal_global_command_lock] Sign Error. Already locked Command lock. CNT=%d "
+                        "sign=%d",
+                        i, low_bits(slot.sign));
                 met(i);
                 return false;
             }
@@ -214,18 +209,19 @@ private:
     {
         for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
             const int status = slot_of(slots_, i).status;
-            if (i == cnt_num_ || status == KESTA_LOCK_STATUS_FREE ||
-                status == type.coexists_with) {
+            if (i == cnt_num_ || status == KESTA_LOCK_STATUS_FREE || status == type.coexists_with) {
                 continue;
             }
             if (status == KESTA_LOCK_STATUS_TYPE1) {
-                FAILURE(LOCKED, 0, 1, "[kestal_global_command_lock] Lock Error. After locked Command lock. CNT=%d "
-                      "lockstatus=%d",
-                      i, status);
+                FAILURE(LOCKED, 0, 1,
+                        "[kestal_global_command_lock] Lock Error. After locked Command lock. CNT=%d "
+                        "lockstatus=%d",
+                        i, status);
             } else {
-                FAILURE(LOCKED, 0, 1, "[kestal_global_command_lock] Lock Error. Other locked Command lock. CNT=%d "
-                      "lockstatus=%d",
-                      i, status);
+                FAILURE(LOCKED, 0, 1,
+                        "[kestal_global_command_lock] Lock Error. Other locked Command lock. CNT=%d "
+                        "lockstatus=%d",
+                        i, status);
             }
             met(i);
             return true;
@@ -248,9 +244,7 @@ private:
             kesta::GroupName field(group_name);
             const int rtn = kestal_set_group_name_file(field.data());
             if (rtn != KESTA_OK) {
-                TRACE(1,
-                      "[kestal_global_command_lock] Set Request Group name(%s) ERROR result=%d",
-                      group_name, rtn);
+                TRACE(1, "[kestal_global_command_lock] Set Request Group name(%s) ERROR result=%d", group_name, rtn);
                 return KESTA_ERR;
             }
         }
@@ -266,16 +260,12 @@ private:
     Slots slots_{};
 };
 
-bool is_taken(const KESTA_COMMAND_LOCKINFO &slot)
-{
-    return slot.status != KESTA_LOCK_STATUS_FREE || slot.sign != 0;
-}
+bool is_taken(const KESTA_COMMAND_LOCKINFO &slot) { return slot.status != KESTA_LOCK_STATUS_FREE || slot.sign != 0; }
 
 int clear_timed_out(int controller, int timeout)
 {
-    TRACE(4,
-          "[kestal_global_command_lock_check] Command lock Timeout OCCUR. cnt_num=%d timeout=%d",
-          controller, timeout);
+    TRACE(4, "[kestal_global_command_lock_check] Command lock Timeout OCCUR. cnt_num=%d timeout=%d", controller,
+          timeout);
     const int rtn = kestal_global_command_unlock_func(controller, nullptr, full_release);
     if (rtn != KESTA_OK) {
         TRACE(1, "[global_command_lock_check] Unlock Error. CNT(%d) result=%d", controller, rtn);
@@ -321,14 +311,15 @@ int release_record(KESTA_COMMAND_LOCKINFO &record, const char *lock_identifier, 
     if (lock_identifier) {
         if (kestal_isdigit(lock_identifier) != KESTA_OK) {
             FAILURE(CONTENT, 0, 1, "[kestal_global_command_unlock] isdigit check Error. lock_identifier=%s",
-                  lock_identifier);
+                    lock_identifier);
             return KESTA_ERR;
         }
         const int shown = low_bits(identifier_value(lock_identifier));
         if (shown != low_bits(record.sign)) {
-            FAILURE(LOCKED, 0, 2, "[kestal_global_command_unlock] Lock_identifier unmatch. (volatile:%d, "
-                  "request:%d)",
-                  low_bits(record.sign), shown);
+            FAILURE(LOCKED, 0, 2,
+                    "[kestal_global_command_unlock] Lock_identifier unmatch. (volatile:%d, "
+                    "request:%d)",
+                    low_bits(record.sign), shown);
             return KESTA_ERR_LOCK_IDENTIFIER;
         }
     }
@@ -341,19 +332,17 @@ int clear_group_name()
     std::array<char, KESTA_GROUP_NAME_SIZE> no_name{};
     const int rtn = kestal_set_group_name_file(no_name.data());
     if (rtn != KESTA_OK) {
-        TRACE(1, "[kestal_global_command_unlock] Reset Request Group name(%s) ERROR result=%d",
-              no_name.data(), rtn);
+        TRACE(1, "[kestal_global_command_unlock] Reset Request Group name(%s) ERROR result=%d", no_name.data(), rtn);
     }
     return rtn;
 }
 
 }  // namespace
 
-int kestal_global_command_lock_func(int cnt_num, int lock_type, char *lock_identifier,
-                                    char *group_name, int relock, int *locked_cnt)
+int kestal_global_command_lock_func(int cnt_num, int lock_type, char *lock_identifier, char *group_name, int relock,
+                                    int *locked_cnt)
 {
-    TRACE(5, "[kestal_global_command_lock] Global command lock Start. cnt_num=%d lock_type=%d",
-          cnt_num, lock_type);
+    TRACE(5, "[kestal_global_command_lock] Global command lock Start. cnt_num=%d lock_type=%d", cnt_num, lock_type);
     if (!lock_identifier) {
         FAILURE(ARGUMENT, 0, 1, "[kestal_global_command_lock] Argument Error.(lock_identifier=NULL)");
         return KESTA_ERR_ARGUMENT;
@@ -372,12 +361,10 @@ int kestal_global_command_lock_check(int cnt_num, char *group_name_out, int *loc
     Slots slots{};
     const int rtn = read_all_slots(slots, kesta::own_controller());
     if (rtn != KESTA_OK) {
-        TRACE(1, "[global_command_lock_check] Read Lock info of CNT(%d) Error. result=%d", cnt_num,
-              rtn);
+        TRACE(1, "[global_command_lock_check] Read Lock info of CNT(%d) Error. result=%d", cnt_num, rtn);
         return KESTA_ERR;
     }
-    return sweep(slots, all ? 0 : cnt_num, all ? KESTA_CONTROLLERS - 1 : cnt_num, group_name_out,
-                 locked_cnt);
+    return sweep(slots, all ? 0 : cnt_num, all ? KESTA_CONTROLLERS - 1 : cnt_num, group_name_out, locked_cnt);
 }
 
 int kestal_global_command_unlock_func(int cnt_num, const char *lock_identifier, int keep)
@@ -414,8 +401,8 @@ int kestal_global_command_unlock_func(int cnt_num, const char *lock_identifier, 
     }
     rtn = kestal_reset_cntlock_timeout(cnt_num);
     if (rtn != KESTA_OK) {
-        TRACE(1, "[kestal_global_command_unlock] Write Lockinfo Error. cnt_num=%d sign=%d result=%d",
-              cnt_num, low_bits(record.sign), rtn);
+        TRACE(1, "[kestal_global_command_unlock] Write Lockinfo Error. cnt_num=%d sign=%d result=%d", cnt_num,
+              low_bits(record.sign), rtn);
     }
     TRACE(5, "[kestal_global_command_unlock] Global command unlock End.");
     return KESTA_OK;
@@ -428,8 +415,7 @@ int check_convertible(Slots &slots, int own, const char *lock_identifier)
 {
     const KESTA_COMMAND_LOCKINFO &slot = slot_of(slots, own);
     if (low_bits(slot.sign) != low_bits(identifier_value(lock_identifier))) {
-        FAILURE(LOCKED, 0, 1, "[kestal_backup_lock] Lock_identifier unmatch. lock_identifier=%s",
-              lock_identifier);
+        FAILURE(LOCKED, 0, 1, "[kestal_backup_lock] Lock_identifier unmatch. lock_identifier=%s", lock_identifier);
         return KESTA_ERR_LOCK_IDENTIFIER;
     }
     if (slot.status != KESTA_LOCK_STATUS_TYPE1) {

@@ -56,8 +56,9 @@ int write_line(int fd, const char *lock_identifier, const char *lock_name)
         return KESTA_ERR;
     }
     if (const kesta::TextWritten &result = line.text; !result.complete()) {
-        FAILURE(SYSTEM, result.error, 1, "[kestal_create_lock_file] File Write Error lock_name=%s len=%d result=%d errno=%d",
-              lock_name, result.length, result.written, result.error);
+        FAILURE(SYSTEM, result.error, 1,
+                "[kestal_create_lock_file] File Write Error lock_name=%s len=%d result=%d errno=%d", lock_name,
+                result.length, result.written, result.error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -137,8 +138,7 @@ int kestal_create_lock_file(const char *lock_identifier, const char *lock_name)
     }
     int ret;
     {
-        const kesta::UniqueFd file(
-            open_lock_file(lock_name, O_WRONLY | O_CREAT | O_TRUNC, kesta::new_text_file_mode));
+        const kesta::UniqueFd file(open_lock_file(lock_name, O_WRONLY | O_CREAT | O_TRUNC, kesta::new_text_file_mode));
         if (!file) {
             SYSTEM_FAILURE(error, 1, "[kestal_create_lock_file] Lock File(%s) Open Error. errno=%d", lock_name, error);
             return KESTA_ERR;

@@ -8,7 +8,7 @@ extern int s_rwmode;  // KESTA_RWMODE_*; guarded by bootmode_mutex
 
 // As in a process that has just started.
 void reset_access_mode();
-}
+}  // namespace kesta
 
-using kesta::s_rwmode;
 using kesta::bootmode_mutex;
+using kesta::s_rwmode;

@@ -71,15 +71,13 @@ int access_memory(const Call &call)
 int memory_only(const Call &call)
 {
     const int memory = access_memory(call);
-    return memory == KESTA_OK ? KESTA_OK
-                              : memory_failed(call, KESTA_OK, memory, KESTA_RWMODE_MEMORY);
+    return memory == KESTA_OK ? KESTA_OK : memory_failed(call, KESTA_OK, memory, KESTA_RWMODE_MEMORY);
 }
 
 int both_places(const Call &call, int *sysback_result)
 {
     const int flag = call.is_write() ? KESTA_FILE_WRITE : KESTA_FILE_READ;
-    const int sysback =
-        kestal_non_volatile_rw_sysback(call.block_id, flag, call.data, call.size);
+    const int sysback = kestal_non_volatile_rw_sysback(call.block_id, flag, call.data, call.size);
     if (sysback_result) {
         *sysback_result = sysback;
     }
@@ -104,8 +102,7 @@ int both_places(const Call &call, int *sysback_result)
 
 }  // namespace
 
-int kestal_non_volatile_rw_func(int block_id, int rw_flag, void *data, unsigned int size,
-                                int *sysback_result)
+int kestal_non_volatile_rw_func(int block_id, int rw_flag, void *data, unsigned int size, int *sysback_result)
 {
     const Call call{block_id, rw_flag, data, size};
     const bool mirrored = kesta::find_block(kesta::block_id2sysbak_name, block_id) != nullptr;

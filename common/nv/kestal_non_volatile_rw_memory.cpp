@@ -38,10 +38,10 @@ void report_attempt(int attempt, int block_id, int rw_flag, int result)
 {
     if (rw_flag == KESTA_BLOCK_WRITE) {
         FAILURE(PLATFORM, result, 1, "[non_volatile_rw_memory] [%d/%d] NV(memory) Write ERROR block_id=%d result=%d",
-              attempt, kesta::nv_attempts, block_id, result);
+                attempt, kesta::nv_attempts, block_id, result);
     } else {
         FAILURE(PLATFORM, result, 1, "[non_volatile_rw_memory] [%d/%d] NV(memory) Read ERROR block_id=%d result=%d",
-              attempt, kesta::nv_attempts, block_id, result);
+                attempt, kesta::nv_attempts, block_id, result);
     }
 }
 
@@ -63,8 +63,8 @@ bool transfer(const kesta::BlockRow &row, int rw_flag, void *data, unsigned int 
 
 int kestal_non_volatile_rw_memory(int block_id, int rw_flag, void *data, unsigned int size)
 {
-    TRACE(5, "[non_volatile_rw_memory] NV(memory) R/W START block_id=%d rw_flag=%d d_size=%d",
-          block_id, rw_flag, static_cast<int>(size));
+    TRACE(5, "[non_volatile_rw_memory] NV(memory) R/W START block_id=%d rw_flag=%d d_size=%d", block_id, rw_flag,
+          static_cast<int>(size));
     if (const int refused = check_arguments(rw_flag, data, size); refused != KESTA_OK) {
         return refused;
     }

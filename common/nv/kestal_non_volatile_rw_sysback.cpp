@@ -37,7 +37,7 @@ int read_item(const SysbackName &name, int flag, void *data, unsigned int size)
         FAILURE(CONTENT, 0, 1, "[non_volatile_rw_sysback] NV(sysback) R/W Size ERROR f_name=%s", name.c_str());
         return KESTA_ERR;
     }
-    if (data) {  // always: only a read gets here, and a null one was refused
+    if (data) {                                   // always: only a read gets here, and a null one was refused
         memcpy(data, stored.get(), stored_size);  // what is beyond keeps its old contents
     }
     return KESTA_OK;
@@ -47,8 +47,8 @@ int read_item(const SysbackName &name, int flag, void *data, unsigned int size)
 
 int kestal_non_volatile_rw_sysback(int block_id, int rw_flag, void *data, unsigned int size)
 {
-    TRACE(5, "[non_volatile_rw_sysback] NV(sysback) R/W START block_id=%d rw_flag=%d d_size=%d",
-          block_id, rw_flag, static_cast<int>(size));
+    TRACE(5, "[non_volatile_rw_sysback] NV(sysback) R/W START block_id=%d rw_flag=%d d_size=%d", block_id, rw_flag,
+          static_cast<int>(size));
     const kesta::SysbackRow *row = kesta::find_block(kesta::block_id2sysbak_name, block_id);
     if (!row) {
         return KESTA_NO_SYSBACK_NAME;
@@ -61,8 +61,8 @@ int kestal_non_volatile_rw_sysback(int block_id, int rw_flag, void *data, unsign
     }
     const SysbackName name(row->sysbakname);
     TRACE(3, "[non_volatile_rw_sysback] NV(sysback) R/W execute f_name=%s", name.c_str());
-    const int result = rw_flag == KESTA_FILE_WRITE ? write_item(name, data, size)
-                                                   : read_item(name, rw_flag, data, size);
+    const int result =
+        rw_flag == KESTA_FILE_WRITE ? write_item(name, data, size) : read_item(name, rw_flag, data, size);
     if (result != KESTA_OK) {
         return result;
     }

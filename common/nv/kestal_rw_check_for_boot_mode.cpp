@@ -14,7 +14,7 @@
 namespace kesta {
 int s_rwmode = KESTA_RWMODE_BOTH;
 void reset_access_mode() { s_rwmode = KESTA_RWMODE_BOTH; }
-}
+}  // namespace kesta
 
 namespace {
 
@@ -78,12 +78,10 @@ int probe_disk(const BootModeRow &row, kesta::TrackedBuffer &buffer)
     }
     const int size = static_cast<int>(stored);
     if (disk_is_good(row, size)) {
-        TRACE(3, "[rw_check_for_execute_mode] BootMode = %s HDD:OK NV:OK(readsize=%d)", row.name,
-              size);
+        TRACE(3, "[rw_check_for_execute_mode] BootMode = %s HDD:OK NV:OK(readsize=%d)", row.name, size);
         return KESTA_RWMODE_BOTH;
     }
-    TRACE(3, "[rw_check_for_execute_mode] BootMode = %s HDD:NG NV:OK(readsize=%d)", row.name,
-          size);
+    TRACE(3, "[rw_check_for_execute_mode] BootMode = %s HDD:NG NV:OK(readsize=%d)", row.name, size);
     return KESTA_RWMODE_MEMORY;
 }
 

@@ -52,8 +52,8 @@ constexpr NvItemRow with_value_size(NvItemRow row, unsigned int value_size)
     return row;
 }
 
-constexpr NvItemRow mirrored(NvItemRow row, const char *file, unsigned int repaired_size, int mirror_rank, int repair_rank,
-                             const char *repair_label)
+constexpr NvItemRow mirrored(NvItemRow row, const char *file, unsigned int repaired_size, int mirror_rank,
+                             int repair_rank, const char *repair_label)
 {
     row.item.mirror = file;
     row.item.mirror_size = repaired_size;
@@ -63,30 +63,34 @@ constexpr NvItemRow mirrored(NvItemRow row, const char *file, unsigned int repai
     return row;
 }
 
-#define KESTA_FIELD(member)                                     \
-    NvField{static_cast<int>(offsetof(KESTA_VOLATILE, member)), \
-            static_cast<unsigned int>(sizeof(std::declval<KESTA_VOLATILE>().member))}
+// clang-format off: it takes the braces for those of a function.
+#define KESTA_FIELD(member)                                                          \
+    NvField                                                                          \
+    {                                                                                \
+        static_cast<int>(offsetof(KESTA_VOLATILE, member)),                          \
+            static_cast<unsigned int>(sizeof(std::declval<KESTA_VOLATILE>().member)) \
+    }
+// clang-format on
 #define KESTA_EACH_CONTROLLER(item) item(0), item(1), item(2), item(3)
-#define KESTA_RESTORE_REQUEST(n)                                                                 \
-    item_of(n, KESTA_BLOCK_RESTORE_REQ_CNT0, "restore-request-cnt" #n, KESTA_NV_KIND_NUMBER,     \
+#define KESTA_RESTORE_REQUEST(n)                                                             \
+    item_of(n, KESTA_BLOCK_RESTORE_REQ_CNT0, "restore-request-cnt" #n, KESTA_NV_KIND_NUMBER, \
             KESTA_FIELD(cnttbl.restoreinfo.request[n]), KESTA_IDTYPE_RESTORE_REQ)
-#define KESTA_RESTORE_RESULT(n)                                                                  \
-    item_of(n, KESTA_BLOCK_RESTORE_RES_CNT0, "restore-result-cnt" #n, KESTA_NV_KIND_NUMBER,      \
+#define KESTA_RESTORE_RESULT(n)                                                             \
+    item_of(n, KESTA_BLOCK_RESTORE_RES_CNT0, "restore-result-cnt" #n, KESTA_NV_KIND_NUMBER, \
             KESTA_FIELD(cnttbl.restoreinfo.result[n]), KESTA_IDTYPE_RESTORE_RES)
-#define KESTA_COMMAND_LOCK(n)                                                                    \
-    item_of(n, KESTA_BLOCK_LOCK_CNT0, "lock-cnt" #n, KESTA_NV_KIND_COMMAND_LOCK,                 \
+#define KESTA_COMMAND_LOCK(n)                                                    \
+    item_of(n, KESTA_BLOCK_LOCK_CNT0, "lock-cnt" #n, KESTA_NV_KIND_COMMAND_LOCK, \
             KESTA_FIELD(cnttbl.lockinfo.command[n]), KESTA_IDTYPE_LOCK)
-#define KESTA_VERSION(n)                                                                         \
-    mirrored(item_of(n, KESTA_BLOCK_VERSION_CNT0, "version-cnt" #n, KESTA_NV_KIND_VERSION,       \
-                     KESTA_FIELD(cnttbl.versioninfo.cnt[n].version), KESTA_IDTYPE_VERSION,       \
-                     KESTA_VER_AREA_CURRENT),                                                    \
+#define KESTA_VERSION(n)                                                                                            \
+    mirrored(item_of(n, KESTA_BLOCK_VERSION_CNT0, "version-cnt" #n, KESTA_NV_KIND_VERSION,                          \
+                     KESTA_FIELD(cnttbl.versioninfo.cnt[n].version), KESTA_IDTYPE_VERSION, KESTA_VER_AREA_CURRENT), \
              "kesta_ver" #n, sizeof(std::int32_t), 3 + (n), 5 + (n), "Version #" #n)
-#define KESTA_STATUS(n)                                                                          \
-    item_of(n, KESTA_BLOCK_STATUS_CNT0, "status-cnt" #n, KESTA_NV_KIND_NUMBER,                   \
+#define KESTA_STATUS(n)                                                        \
+    item_of(n, KESTA_BLOCK_STATUS_CNT0, "status-cnt" #n, KESTA_NV_KIND_NUMBER, \
             KESTA_FIELD(cnttbl.versioninfo.cnt[n].status), KESTA_IDTYPE_STATUS, KESTA_VER_AREA_STATUS)
-#define KESTA_INNER_LOCK(n)                                                                      \
-    item_of(n, KESTA_BLOCK_INNERLOCK_CNT0, "innerlock-cnt" #n, KESTA_NV_KIND_INNER_LOCK,         \
-            KESTA_FIELD(innerlock[n]), KESTA_IDTYPE_INNERLOCK)
+#define KESTA_INNER_LOCK(n)                                                                                         \
+    item_of(n, KESTA_BLOCK_INNERLOCK_CNT0, "innerlock-cnt" #n, KESTA_NV_KIND_INNER_LOCK, KESTA_FIELD(innerlock[n]), \
+            KESTA_IDTYPE_INNERLOCK)
 
 // By ascending block ID.
 inline constexpr std::array nv_item_rows{

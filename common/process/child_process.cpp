@@ -54,15 +54,9 @@ struct ChildStart {
     std::uint64_t parent_mask;  // as the kernel takes it
 };
 
-CHILD_CODE long raw_call(long number, long a, long b, long c, long d)
-{
-    return syscall(number, a, b, c, d);
-}
+CHILD_CODE long raw_call(long number, long a, long b, long c, long d) { return syscall(number, a, b, c, d); }
 
-CHILD_CODE long address_of(const void *pointer)
-{
-    return static_cast<long>(reinterpret_cast<std::intptr_t>(pointer));
-}
+CHILD_CODE long address_of(const void *pointer) { return static_cast<long>(reinterpret_cast<std::intptr_t>(pointer)); }
 
 CHILD_CODE int descriptor_number(const char *name)
 {
@@ -171,8 +165,7 @@ CHILD_CODE int run_child(void *argument)
     reset_signals(start->parent_mask);
     raw_call(SYS_setpgid, 0, 0, 0, 0);
     const char *const arguments[] = {"/bin/sh", "-c", start->command, nullptr};
-    raw_call(SYS_execve, address_of(arguments[0]), address_of(arguments),
-             address_of(start->environment), 0);
+    raw_call(SYS_execve, address_of(arguments[0]), address_of(arguments), address_of(start->environment), 0);
     // _exit: the exit handlers and the stream buffers are the parent's.
     raw_call(SYS_exit_group, exec_failed, 0, 0, 0);
     return exec_failed;
@@ -181,8 +174,7 @@ CHILD_CODE int run_child(void *argument)
 class ChildStack {
 public:
     ChildStack()
-        : base_(mmap(nullptr, child_stack_size, PROT_READ | PROT_WRITE,
-                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0))
+        : base_(mmap(nullptr, child_stack_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0))
     {
     }
     ~ChildStack()
@@ -290,9 +282,9 @@ char *kesta::blkenvalloc(void)
     }
     // An empty environment is a single NUL; it gets a second byte, so that it reads as a block.
     const int size = static_cast<int>(sum + 1);
-    char *block = static_cast<char *>(kestal_malloc_debug(
-        size < static_cast<int>(sizeof(empty_block)) ? static_cast<int>(sizeof(empty_block)) : size,
-        __FILE__, __LINE__, 0));
+    char *block = static_cast<char *>(
+        kestal_malloc_debug(size < static_cast<int>(sizeof(empty_block)) ? static_cast<int>(sizeof(empty_block)) : size,
+                            __FILE__, __LINE__, 0));
     if (!block) {
         const int error = errno;
         FAILURE(MEMORY, 0, 1, "[blkenvalloc] MALLOC(%d) failed(%d).", size, error);
@@ -311,10 +303,7 @@ char *kesta::blkenvalloc(void)
 
 void kesta::blkenvfree(char *block) { kestal_free_debug(block, __FILE__, __LINE__, 0); }
 
-int kesta::blksize(const char *block)
-{
-    return static_cast<int>(block_end(block) + sizeof(empty_block));
-}
+int kesta::blksize(const char *block) { return static_cast<int>(block_end(block) + sizeof(empty_block)); }
 
 void kesta::blkcpy(char *destination, const char *source)
 {
@@ -339,10 +328,7 @@ int kesta::blkstrnum(const char *block)
     return count;
 }
 
-char *kesta::blkstrhead(char *block)
-{
-    return memcmp(block, empty_block, sizeof(empty_block)) == 0 ? nullptr : block;
-}
+char *kesta::blkstrhead(char *block) { return memcmp(block, empty_block, sizeof(empty_block)) == 0 ? nullptr : block; }
 
 char *kesta::blkstrnext(char *string)
 {
@@ -354,8 +340,7 @@ CHILD_CODE void kesta::fdclose(void)
 {
     char path[1024];
     descriptor_folder(path);
-    const long folder = raw_call(SYS_openat, AT_FDCWD, address_of(path),
-                                 O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+    const long folder = raw_call(SYS_openat, AT_FDCWD, address_of(path), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
     if (folder < 0) {
         return;  // there is no other way of finding descriptors
     }

@@ -15,8 +15,8 @@ namespace {
 constexpr const char *own_path = "/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr const char *shell_function = "BASH_FUNC_";
 constexpr std::array<const char *, 13> steering_variables{
-    "TAR_OPTIONS", "TAPE",      "BZIP",     "BZIP2",      "POSIXLY_CORRECT", "ENV",        "BASH_ENV",
-    "SHELLOPTS",   "BASHOPTS",  "PS4",      "IFS",        "CDPATH",          "GLOBIGNORE",
+    "TAR_OPTIONS", "TAPE",     "BZIP", "BZIP2", "POSIXLY_CORRECT", "ENV",        "BASH_ENV",
+    "SHELLOPTS",   "BASHOPTS", "PS4",  "IFS",   "CDPATH",          "GLOBIGNORE",
 };
 
 pthread_once_t settled = PTHREAD_ONCE_INIT;
@@ -57,6 +57,6 @@ void settle()
 
 void kesta::settle_command_environment()
 {
-    const CancelOff off;  // half of it would stay undone for good
+    const CancelOff off;                   // half of it would stay undone for good
     (void)pthread_once(&settled, settle);  // fails for no once_t only
 }

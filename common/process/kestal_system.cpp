@@ -21,7 +21,6 @@ namespace {
 constexpr unsigned poll_us = 100000;
 constexpr std::size_t variable_size = 64;  // name, "=" and value are cut at 63 characters
 
-
 class EnvironmentBlock {
 public:
     EnvironmentBlock() = default;
@@ -43,10 +42,9 @@ int allocate_block(char **block, const char *event_variable, const char *status_
         FAILURE(SYSTEM, errno, 1, "[alloc_envblk] blkenvalloc ERROR errno=%d", errno);
         return KESTA_ERR;
     }
-    const std::size_t size = strlen(event_variable) + 1 + strlen(status_variable) + 1 +
-                             static_cast<std::size_t>(blksize(copy));
-    *block = static_cast<char *>(
-        kestal_malloc_debug(static_cast<int>(size), __FILE__, __LINE__, 0));
+    const std::size_t size =
+        strlen(event_variable) + 1 + strlen(status_variable) + 1 + static_cast<std::size_t>(blksize(copy));
+    *block = static_cast<char *>(kestal_malloc_debug(static_cast<int>(size), __FILE__, __LINE__, 0));
     if (!*block) {
         // The copy is not released here, which leaks it: who follows allocations in the log finds no line of FREE
         // between the two failures, and takes one for a second error.
@@ -89,15 +87,13 @@ int kestal_alloc_envblk(char **block, const char *event, const char *platform_st
     char event_variable[variable_size];
     char status_variable[variable_size];
     snprintf(event_variable, sizeof(event_variable), "KESTA_EVENT=%s", kesta::or_null(event));
-    snprintf(status_variable, sizeof(status_variable), "KESTA_VRBGETSTAT=%s",
-             kesta::or_null(platform_status));
+    snprintf(status_variable, sizeof(status_variable), "KESTA_VRBGETSTAT=%s", kesta::or_null(platform_status));
     return allocate_block(block, event_variable, status_variable);
 }
 
 void kestal_free_envblk(char *block) { kestal_free_debug(block, __FILE__, __LINE__, 0); }
 
-int kestal_system(const char *command, const char *event, const char *platform_status,
-                  int *wait_status)
+int kestal_system(const char *command, const char *event, const char *platform_status, int *wait_status)
 {
     if (!command || !wait_status) {
         FAILURE(ARGUMENT, 0, 1, "[system] Argument ERROR");

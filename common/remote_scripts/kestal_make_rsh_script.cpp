@@ -69,8 +69,7 @@ public:
         kestal_strcat(text, capacity, "PID=`pgrep -f \"%s\"`\n", pattern.data());
         kestal_strcat(text, capacity, "if [ ! \"$PID\" ]; then\n\tbreak\nfi\n");
         kestal_strcat(text, capacity, "if [ $ii -gt %d ]; then\n", last_poll);
-        kestal_strcat(text, capacity, "\tkill -9 $PID\n\texit %d\nfi\nsleep 0.1\ndone\n",
-                      exit_code);
+        kestal_strcat(text, capacity, "\tkill -9 $PID\n\texit %d\nfi\nsleep 0.1\ndone\n", exit_code);
     }
 
     void end() { kestal_strcat(text_.out(), text_.capacity(), "exit 0\n"); }
@@ -107,8 +106,7 @@ bool add_copy_steps(Script &script, const FileList &list)
 {
     for (int i = 0; i <= list.n; ++i) {
         StepCommand command;
-        if (!command.form("/usr/bin/rcp -p %s vndrmnt@CNT%d:%s", list.files[i], list.cnt,
-                          list.files[i])) {
+        if (!command.form("/usr/bin/rcp -p %s vndrmnt@CNT%d:%s", list.files[i], list.cnt, list.files[i])) {
             return false;
         }
         // These codes run on without regard to the fixed ones behind them.
@@ -120,10 +118,8 @@ bool add_copy_steps(Script &script, const FileList &list)
 bool build(Script &script, const FileList &list)
 {
     const bool fits = add_list_step(script, list, "touch", 1) &&
-                      add_list_step(script, list, "chown vndrmnt:vndrmnt", 2) &&
-                      add_copy_steps(script, list) &&
-                      add_list_step(script, list, "chown root:root", 6) &&
-                      add_list_step(script, list, "chmod 644", 7);
+                      add_list_step(script, list, "chown vndrmnt:vndrmnt", 2) && add_copy_steps(script, list) &&
+                      add_list_step(script, list, "chown root:root", 6) && add_list_step(script, list, "chmod 644", 7);
     script.end();
     return fits;
 }
@@ -155,8 +151,9 @@ int write_samefile_script(int fd, const FileList &list)
     }
     const kesta::TextWritten result = kesta::write_text(fd, script.text());
     if (!result.complete() || !script.made()) {
-        FAILURE(SYSTEM, result.error, 1, "[make_rsh_samefilename_script] File Write Error filename=%s len=%d result=%d errno=%d",
-              KESTA_SAMEFILE_SCRIPT, result.length, result.written, result.error);
+        FAILURE(SYSTEM, result.error, 1,
+                "[make_rsh_samefilename_script] File Write Error filename=%s len=%d result=%d errno=%d",
+                KESTA_SAMEFILE_SCRIPT, result.length, result.written, result.error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -168,15 +165,14 @@ void build_tarz(Script &script, int cnt)
     const char *accept = kesta::accept_archive;
     const char *backup = kesta::backup_archive;
     StepCommand command;
-    command.form("/usr/bin/rsh -l vndrmnt CNT%d pfexec chown vndrmnt:vndrmnt %s%s %s%s", cnt,
-                 directory, accept, directory, backup);
-    script.add_step(command.text(), 1);
-    command.form("/usr/bin/rsh -l vndrmnt CNT%d pfexec cp -p %s%s %s%s", cnt, directory, accept,
+    command.form("/usr/bin/rsh -l vndrmnt CNT%d pfexec chown vndrmnt:vndrmnt %s%s %s%s", cnt, directory, accept,
                  directory, backup);
+    script.add_step(command.text(), 1);
+    command.form("/usr/bin/rsh -l vndrmnt CNT%d pfexec cp -p %s%s %s%s", cnt, directory, accept, directory, backup);
     script.add_step(command.text(), 2);
     // The accept archive twice: the backup archive is left to vndrmnt, which distributes the next one over it.
-    command.form("/usr/bin/rsh -l vndrmnt CNT%d pfexec chown root:root %s%s %s%s", cnt, directory,
-                 accept, directory, accept);
+    command.form("/usr/bin/rsh -l vndrmnt CNT%d pfexec chown root:root %s%s %s%s", cnt, directory, accept, directory,
+                 accept);
     script.add_step(command.text(), 3);
     script.end();
 }
@@ -191,8 +187,9 @@ int write_tarz_script(int fd, int cnt)
     }
     const kesta::TextWritten result = kesta::write_text(fd, script.text());
     if (!result.complete()) {
-        FAILURE(SYSTEM, result.error, 1, "[make_rsh_tarz_script] File Write Error filename=%s len=%d result=%d errno=%d",
-              KESTA_TARZ_SCRIPT, result.length, result.written, result.error);
+        FAILURE(SYSTEM, result.error, 1,
+                "[make_rsh_tarz_script] File Write Error filename=%s len=%d result=%d errno=%d", KESTA_TARZ_SCRIPT,
+                result.length, result.written, result.error);
         return KESTA_ERR;
     }
     return KESTA_OK;

@@ -67,8 +67,7 @@ constexpr ByteTable byte_table;
 inline void form_bytes(char *line, const unsigned char *bytes, std::size_t count)
 {
     for (std::size_t i = 0; i < count; ++i) {
-        const std::size_t column =
-            first_group_column + i / bytes_a_group * group_width + i % bytes_a_group * 2;
+        const std::size_t column = first_group_column + i / bytes_a_group * group_width + i % bytes_a_group * 2;
         memcpy(line + column, byte_table.digits[bytes[i]].data(), 2);
         line[text_column + i] = byte_table.shown[bytes[i]];
     }
@@ -167,16 +166,14 @@ int end_output(Output &output, const char *tag, int result)
 
 int dump_region(const DumpRegion &region, const Output &output)
 {
-    const kesta::TrackedBuffer buffer(
-        kestal_calloc_debug(1, region.size, __FILE__, __LINE__, 0));
+    const kesta::TrackedBuffer buffer(kestal_calloc_debug(1, region.size, __FILE__, __LINE__, 0));
     if (!buffer) {
         const int error = errno;
         FAILURE(MEMORY, error, 1, "[kestal_non_volatile_dumpout] CALLOC error. size=%d errno=%d", region.size, error);
         return KESTA_ERR;
     }
     TRACE(5, "[kestal_non_volatile_dumpout] read nv memory. (%s)", region.name);
-    if (kestal_non_volatile_r_memory(KESTA_NV_IMAGE_REGION, buffer.get(), region.offset,
-                                     region.size) != KESTA_OK) {
+    if (kestal_non_volatile_r_memory(KESTA_NV_IMAGE_REGION, buffer.get(), region.offset, region.size) != KESTA_OK) {
         TRACE(1, "[kestal_non_volatile_dumpout] kestal_non_volatile_r_memory error.");
         return KESTA_ERR;
     }
@@ -190,8 +187,8 @@ int dump_pages(int region, int offset, int pages, const Output &output)
 {
     for (int i = 0; i < pages; ++i) {
         std::array<char, page_size> page{};
-        if (kestal_non_volatile_r_memory(static_cast<cpfw_nv_region_t>(region), page.data(),
-                                         offset + page_size * i, page_size) != KESTA_OK) {
+        if (kestal_non_volatile_r_memory(static_cast<cpfw_nv_region_t>(region), page.data(), offset + page_size * i,
+                                         page_size) != KESTA_OK) {
             TRACE(1, "[kestal_non_volatile_dumpout] kestal_non_volatile_r_memory error.");
             return KESTA_ERR;
         }
@@ -214,17 +211,15 @@ int kestal_non_volatile_r_memory(cpfw_nv_region_t region, void *buffer, int offs
         FAILURE(ARGUMENT, 0, 1, "[kestal_non_volatile_r_memory_debug] Data Size is INVALID(Size=0)");
         return KESTA_ERR_ARGUMENT;
     }
-    cpfw_nv_access_t access{buffer, static_cast<std::uint64_t>(offset),
-                            static_cast<std::uint64_t>(size)};
+    cpfw_nv_access_t access{buffer, static_cast<std::uint64_t>(offset), static_cast<std::uint64_t>(size)};
     for (int attempt = 0; attempt < kesta::nv_attempts; ++attempt) {
-        const int result =
-            zKTsanfwctl_read_nv(kesta::nv_handle, &region, &access, kesta::nv_access_count);
+        const int result = zKTsanfwctl_read_nv(kesta::nv_handle, &region, &access, kesta::nv_access_count);
         if (result == 0) {
             TRACE(5, "[kestal_non_volatile_r_memory_debug] END ");
             return KESTA_OK;
         }
         FAILURE(PLATFORM, result, 1, "[kestal_non_volatile_r_memory_debug] [%d/%d] NV(memory) Read ERROR result=%d",
-              attempt, kesta::nv_attempts, result);
+                attempt, kesta::nv_attempts, result);
         usleep(kesta::nv_retry_us);
     }
     TRACE(1, "[kestal_non_volatile_r_memory_debug] NV(memory) ACCESS ERROR ");
@@ -286,7 +281,7 @@ int kestal_non_volatile_dumpout_assign(char *file, int region, int offset, int s
     if (!output.usable()) {
         const int error = errno;
         FAILURE(SYSTEM, error, 1, "[kestal_non_volatile_dumpout_assign] fopen error. errno=%d filename=%s", error,
-              file);
+                file);
         return KESTA_ERR;
     }
     output.time_of_output();

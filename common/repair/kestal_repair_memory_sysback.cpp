@@ -59,14 +59,10 @@ struct CheckRow {
     const char *name;
 };
 constexpr std::array<CheckRow, 4> repair_mem_sys{{
-    {kestal_non_volatile_rw_memory, KESTA_BLOCK_BACKUP_NAME, KESTA_BLOCK_READ, memory_bad,
-     "NonVolatile", "Backup"},
-    {kestal_non_volatile_rw_memory, KESTA_BLOCK_ACCEPT_NAME, KESTA_BLOCK_READ, memory_bad,
-     "NonVolatile", "Accept"},
-    {kestal_non_volatile_rw_sysback, KESTA_BLOCK_BACKUP_NAME, KESTA_FILE_READ, sysback_bad,
-     "SystemBackup", "Backup"},
-    {kestal_non_volatile_rw_sysback, KESTA_BLOCK_ACCEPT_NAME, KESTA_FILE_READ, sysback_bad,
-     "SystemBackup", "Accept"},
+    {kestal_non_volatile_rw_memory, KESTA_BLOCK_BACKUP_NAME, KESTA_BLOCK_READ, memory_bad, "NonVolatile", "Backup"},
+    {kestal_non_volatile_rw_memory, KESTA_BLOCK_ACCEPT_NAME, KESTA_BLOCK_READ, memory_bad, "NonVolatile", "Accept"},
+    {kestal_non_volatile_rw_sysback, KESTA_BLOCK_BACKUP_NAME, KESTA_FILE_READ, sysback_bad, "SystemBackup", "Backup"},
+    {kestal_non_volatile_rw_sysback, KESTA_BLOCK_ACCEPT_NAME, KESTA_FILE_READ, sysback_bad, "SystemBackup", "Accept"},
 }};
 
 constexpr const char *entry_name = "kestal_repair_memory_sysback";
@@ -100,11 +96,9 @@ int repair_bad_side(int mask, KESTA_REPAIR_SYSVOL_DATA *data, int count)
     }
     const bool to_memory = mask == memory_bad;
     const int rtn =
-        kestal_repair_allitem(to_memory ? KESTA_REPAIR_FROM_SYSBACK : KESTA_REPAIR_FROM_MEMORY,
-                              data, count);
+        kestal_repair_allitem(to_memory ? KESTA_REPAIR_FROM_SYSBACK : KESTA_REPAIR_FROM_MEMORY, data, count);
     if (rtn != KESTA_OK) {
-        TRACE(1, "[%s] Repair Failed(%s).", entry_name,
-              to_memory ? "Sysback->Memory" : "Memory->Sysback");
+        TRACE(1, "[%s] Repair Failed(%s).", entry_name, to_memory ? "Sysback->Memory" : "Memory->Sysback");
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -182,8 +176,7 @@ private:
                 return;
             }
             if (pass % report_period == 0) {
-                TRACE(4, "[repair_allitem] Thread(%d)[%d/%d] don't Finish. Wait...", unfinished,
-                      pass, max_passes);
+                TRACE(4, "[repair_allitem] Thread(%d)[%d/%d] don't Finish. Wait...", unfinished, pass, max_passes);
             }
             usleep(pass_us);
         }
@@ -285,8 +278,7 @@ int kestal_repair_memory_sysback(KESTA_REPAIR_SYSVOL_DATA *data, int count)
     return result;
 }
 
-int kestal_repair_memory_from_sysback(KESTA_REPAIR_SYSVOL_DATA *data, int count, char *verback,
-                                      char *verid)
+int kestal_repair_memory_from_sysback(KESTA_REPAIR_SYSVOL_DATA *data, int count, char *verback, char *verid)
 {
     if (!verback || !verid) {
         FAILURE(ARGUMENT, 0, 1, "[repair_memory_from_sysback] Argument ERROR");
@@ -308,8 +300,7 @@ int kestal_repair_allitem(int direction, KESTA_REPAIR_SYSVOL_DATA *data, int cou
     repair_state.records = data;
     repair_state.record_count = count;
     repair_state.direction = direction;
-    const int result =
-        repair_state.with_supplied_values == KESTA_OFF ? copy_in_sequence(direction) : copy_in_threads();
+    const int result = repair_state.with_supplied_values == KESTA_OFF ? copy_in_sequence(direction) : copy_in_threads();
     TRACE(4, "[repair_allitem] END");
     return result;
 }

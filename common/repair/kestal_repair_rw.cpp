@@ -30,10 +30,10 @@ struct RepairRow {
     const char *log_to;
 };
 constexpr std::array<RepairRow, 2> repair_rw{{
-    {kestal_non_volatile_rw_memory, kestal_non_volatile_rw_sysback, KESTA_BLOCK_READ,
-     KESTA_FILE_WRITE, "Memory Read", "SysBack Write"},
-    {kestal_non_volatile_rw_sysback, kestal_non_volatile_rw_memory, KESTA_FILE_READ,
-     KESTA_BLOCK_WRITE, "SysBack Write", "Memory Write"},
+    {kestal_non_volatile_rw_memory, kestal_non_volatile_rw_sysback, KESTA_BLOCK_READ, KESTA_FILE_WRITE, "Memory Read",
+     "SysBack Write"},
+    {kestal_non_volatile_rw_sysback, kestal_non_volatile_rw_memory, KESTA_FILE_READ, KESTA_BLOCK_WRITE, "SysBack Write",
+     "Memory Write"},
 }};
 
 // One copy of a block.
@@ -47,8 +47,7 @@ public:
     int run()
     {
         if (!supplied()) {
-            if (const int rtn = row_.read(block_id_, row_.rw_flag_read, buffer_, size());
-                rtn != KESTA_OK) {
+            if (const int rtn = row_.read(block_id_, row_.rw_flag_read, buffer_, size()); rtn != KESTA_OK) {
                 TRACE(1, "[repair_rw] %s ERROR rtn=%d", row_.log_from, rtn);
                 return KESTA_ERR;
             }
@@ -56,8 +55,7 @@ public:
             pthread_testcancel();
             hand_out_version();
         }
-        if (const int rtn = row_.write(block_id_, row_.rw_flag_write, buffer_, size());
-            rtn != KESTA_OK) {
+        if (const int rtn = row_.write(block_id_, row_.rw_flag_write, buffer_, size()); rtn != KESTA_OK) {
             TRACE(1, "[repair_rw] %s ERROR rtn=%d", row_.log_to, rtn);
             return KESTA_ERR;
         }
@@ -121,8 +119,7 @@ private:
 
     bool take_record()
     {
-        for (const KESTA_REPAIR_SYSVOL_DATA *record = repair_state.records; record != records_end();
-             ++record) {
+        for (const KESTA_REPAIR_SYSVOL_DATA *record = repair_state.records; record != records_end(); ++record) {
             if (record->id == block_id_ && record->data) {
                 memcpy(buffer_, record->data, length_);
                 return true;
@@ -134,8 +131,7 @@ private:
     // The accept name itself, or the other slot than the backup name: whichever record comes first.
     bool take_accept_name()
     {
-        for (const KESTA_REPAIR_SYSVOL_DATA *record = repair_state.records; record != records_end();
-             ++record) {
+        for (const KESTA_REPAIR_SYSVOL_DATA *record = repair_state.records; record != records_end(); ++record) {
             if (!record->data) {
                 continue;
             }
@@ -194,16 +190,14 @@ int kestal_repair_rw(int direction, int block_id, size_t length)
         FAILURE(ARGUMENT, 0, 1, "[repair_rw] Argument ERROR");
         return KESTA_ERR_ARGUMENT;
     }
-    const kesta::TrackedBuffer buffer(
-        kestal_calloc_debug(1, static_cast<int>(length), __FILE__, __LINE__, 0));
+    const kesta::TrackedBuffer buffer(kestal_calloc_debug(1, static_cast<int>(length), __FILE__, __LINE__, 0));
     if (!buffer) {
         const int error = errno;
         FAILURE(MEMORY, error, 1, "[repair_rw] MALLOC error. errno=%d", error);
         return KESTA_ERR;
     }
-    const int rtn = Copy(repair_rw[static_cast<std::size_t>(direction)], block_id, length,
-                         static_cast<char *>(buffer.get()))
-                        .run();
+    const int rtn =
+        Copy(repair_rw[static_cast<std::size_t>(direction)], block_id, length, static_cast<char *>(buffer.get())).run();
     TRACE(5, "[repair_rw] END rtn=%d", rtn);
     return rtn;
 }

@@ -148,8 +148,8 @@ int rewrite_region(const SyncRow &row, void *buffer)
         remaining -= chunk_size;
         offset += chunk_size;
     }
-    TRACE(3, "[sync_all_nonvolatile] Sync Data: region=%d data_size=0x%x counter=%d.",
-          static_cast<int>(row.region), static_cast<unsigned>(row.data_size), counter);
+    TRACE(3, "[sync_all_nonvolatile] Sync Data: region=%d data_size=0x%x counter=%d.", static_cast<int>(row.region),
+          static_cast<unsigned>(row.data_size), counter);
     return KESTA_OK;
 }
 
@@ -196,11 +196,9 @@ void kestal_flag_of_sync_nonvolatile_dbglog(int rw, int *synced, int *req, KESTA
         return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(pointer));
     };
     TRACE(5, "[flag_of_sync_nonvolatile] kesta_volatile->sync_flag.synced=%d req=%d",
-          sign_extended(image->sync_flag.synced),
-          sign_extended(image->sync_flag.req));
-    TRACE(5, "[flag_of_sync_nonvolatile] rw=0x%x synced_flg=0x%x(%d) req_flg=0x%x(%d)",
-          static_cast<unsigned>(rw), address(synced), synced ? *synced : no_value, address(req),
-          req ? *req : no_value);
+          sign_extended(image->sync_flag.synced), sign_extended(image->sync_flag.req));
+    TRACE(5, "[flag_of_sync_nonvolatile] rw=0x%x synced_flg=0x%x(%d) req_flg=0x%x(%d)", static_cast<unsigned>(rw),
+          address(synced), synced ? *synced : no_value, address(req), req ? *req : no_value);
 }
 
 int kestal_set_magic_to_nv_header(void)

@@ -31,10 +31,7 @@ using Word = std::array<char, 11>;
 
 const char *path_of(int f_type) { return flash_version_files[static_cast<std::size_t>(f_type)]; }
 
-bool is_below(int f_type, std::size_t end)
-{
-    return f_type >= 0 && static_cast<std::size_t>(f_type) < end;
-}
+bool is_below(int f_type, std::size_t end) { return f_type >= 0 && static_cast<std::size_t>(f_type) < end; }
 
 // The usual decimal conversion of at most 10 digits, without an overflow check.
 int to_version(const char *digits) { return static_cast<int>(strtol(digits, nullptr, 10)); }
@@ -54,9 +51,10 @@ int write_line(int fd, const char *path, int version)
         return KESTA_ERR;
     }
     if (const kesta::TextWritten &result = line.text; !result.complete()) {
-        FAILURE(SYSTEM, result.error, 1, "[set_flash_version_file] File Write Error flash_version_file=%s len=%d result=%d "
-              "errno=%d",
-              path, result.length, result.written, result.error);
+        FAILURE(SYSTEM, result.error, 1,
+                "[set_flash_version_file] File Write Error flash_version_file=%s len=%d result=%d "
+                "errno=%d",
+                path, result.length, result.written, result.error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -84,20 +82,19 @@ int kestal_read_flash_version_file(int *version, int f_type)
         const int error = errno;
         if (!file && error == ENOENT) {
             *version = no_version;
-            TRACE(4, "[read_flash_version_file] flash_version_file=%s not exist -> version=-1",
-                  path);
+            TRACE(4, "[read_flash_version_file] flash_version_file=%s not exist -> version=-1", path);
             return KESTA_OK;
         }
         if (!file) {
             FAILURE(SYSTEM, error, 1, "[read_flash_version_file] flash_version_file=%s Open ERROR errno=%d", path,
-                  error);
+                    error);
             return KESTA_ERR;
         }
         read_word(file.get(), word);
     }
     if (strcmp(word.data(), no_version_text) != 0 && kestal_isdigit(word.data()) != KESTA_OK) {
-        FAILURE(CONTENT, 0, 1, "[read_flash_version_file] isdigit check ERROR flash_version_file=%s read_buf=%s",
-              path, word.data());
+        FAILURE(CONTENT, 0, 1, "[read_flash_version_file] isdigit check ERROR flash_version_file=%s read_buf=%s", path,
+                word.data());
         return KESTA_ERR;
     }
     *version = to_version(word.data());
@@ -120,8 +117,7 @@ int kestal_set_flash_version_file(int version, int f_type)
     const char *path = path_of(f_type);
     int ret;
     {
-        const kesta::UniqueFd file(
-            open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
+        const kesta::UniqueFd file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
         if (!file) {
             SYSTEM_FAILURE(error, 1, "[set_flash_version_file] Flash flash_version_file=%s Open ERROR errno=%d", path,
                            error);
@@ -134,12 +130,6 @@ int kestal_set_flash_version_file(int version, int f_type)
     return ret;
 }
 
-void kestal_set_version_file_sync(void)
-{
-    __atomic_store_n(&g_version_file_sync, KESTA_ON, __ATOMIC_RELAXED);
-}
+void kestal_set_version_file_sync(void) { __atomic_store_n(&g_version_file_sync, KESTA_ON, __ATOMIC_RELAXED); }
 
-void kestal_reset_version_file_sync(void)
-{
-    __atomic_store_n(&g_version_file_sync, KESTA_OFF, __ATOMIC_RELAXED);
-}
+void kestal_reset_version_file_sync(void) { __atomic_store_n(&g_version_file_sync, KESTA_OFF, __ATOMIC_RELAXED); }

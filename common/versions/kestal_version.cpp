@@ -49,8 +49,7 @@ int resolve_block(const KESTA_NV_ITEM &area, int cntno, int &block_id)
 
 bool memory_has_version(int block_id, std::int32_t &version)
 {
-    const int rtn =
-        kestal_non_volatile_rw_memory(block_id, KESTA_BLOCK_READ, &version, sizeof(version));
+    const int rtn = kestal_non_volatile_rw_memory(block_id, KESTA_BLOCK_READ, &version, sizeof(version));
     if (rtn == KESTA_OK && version >= 0) {
         return true;
     }
@@ -92,8 +91,7 @@ int read_missing(int cntno, int &backup, int &numbering)
         }
     }
     if (numbering < to_be_read) {
-        numbering =
-            kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, cntno, KESTA_VERSION_BY_MODE);
+        numbering = kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, cntno, KESTA_VERSION_BY_MODE);
         if (numbering < 0) {
             TRACE(1, "[compare_version] Get Version(NUMBERING) ERROR rtn=%d", numbering);
             return KESTA_ERR;
@@ -135,13 +133,11 @@ int decide(int current, int backup, int numbering)
         return KESTA_VERSION_SAME;
     }
     if (backup == numbering) {
-        TRACE(3, "[compare_version] Same Numbering=Back Version. rtn=%d",
-              KESTA_VERSION_BACKUP_NEWER);
+        TRACE(3, "[compare_version] Same Numbering=Back Version. rtn=%d", KESTA_VERSION_BACKUP_NEWER);
         return KESTA_VERSION_BACKUP_NEWER;
     }
     if (current == numbering) {
-        TRACE(3, "[compare_version] Same Numbering=Current Version. rtn=%d",
-              KESTA_VERSION_CURRENT_NEWER);
+        TRACE(3, "[compare_version] Same Numbering=Current Version. rtn=%d", KESTA_VERSION_CURRENT_NEWER);
         return KESTA_VERSION_CURRENT_NEWER;
     }
     TRACE(3, "[compare_version] Back notequal Current Version.");
@@ -168,8 +164,7 @@ int decide(int current, int backup, int numbering)
 int kestal_read_version_nolock(int verarea, int cntno, int mode)
 {
     TRACE(5, "[read_version_nolock] START");
-    if (const int refused = check_arguments("read_version_nolock", verarea, cntno);
-        refused != KESTA_OK) {
+    if (const int refused = check_arguments("read_version_nolock", verarea, cntno); refused != KESTA_OK) {
         return refused;
     }
     int block_id = 0;
@@ -180,8 +175,7 @@ int kestal_read_version_nolock(int verarea, int cntno, int mode)
     TRACE(5, "[read_version_nolock] Get block_id = %d", block_id);
     std::int32_t version = not_available;
     if (mode == KESTA_VERSION_BY_MODE || !memory_has_version(block_id, version)) {
-        const int rtn = kestal_non_volatile_rw_func(block_id, KESTA_BLOCK_READ, &version,
-                                                    sizeof(version), nullptr);
+        const int rtn = kestal_non_volatile_rw_func(block_id, KESTA_BLOCK_READ, &version, sizeof(version), nullptr);
         if (rtn != KESTA_OK) {
             TRACE(1, "[read_version_nolock] Volatile Read ERROR rtn=%d", rtn);
             return KESTA_ERR;
@@ -194,8 +188,7 @@ int kestal_read_version_nolock(int verarea, int cntno, int mode)
 int kestal_set_version_nolock(int verarea, int cntno, int value)
 {
     TRACE(5, "[set_version_nolock] START");
-    if (const int refused = check_arguments("set_version_nolock", verarea, cntno);
-        refused != KESTA_OK) {
+    if (const int refused = check_arguments("set_version_nolock", verarea, cntno); refused != KESTA_OK) {
         return refused;
     }
     int block_id = 0;
@@ -205,8 +198,7 @@ int kestal_set_version_nolock(int verarea, int cntno, int value)
     }
     TRACE(5, "[set_version_nolock] Get block_id = %d", block_id);
     std::int32_t version = value;
-    const int rtn = kestal_non_volatile_rw_func(block_id, KESTA_BLOCK_WRITE, &version,
-                                                sizeof(version), nullptr);
+    const int rtn = kestal_non_volatile_rw_func(block_id, KESTA_BLOCK_WRITE, &version, sizeof(version), nullptr);
     if (rtn != KESTA_OK) {
         // "Read" stands in this text of a failed write; kept, since logs are searched for it.
         TRACE(1, "[set_version_nolock] Volatile Read ERROR rtn=%d", rtn);
@@ -263,8 +255,7 @@ int kestal_set_version(int verarea, int cntno, int value)
 
 int kestal_distance_version(int from, int to)
 {
-    const std::uint32_t difference =
-        static_cast<std::uint32_t>(to) - static_cast<std::uint32_t>(from);
+    const std::uint32_t difference = static_cast<std::uint32_t>(to) - static_cast<std::uint32_t>(from);
     const bool wrapped = static_cast<std::int32_t>(difference) < 0;
     return static_cast<std::int32_t>(wrapped ? difference - 1 : difference);
 }
@@ -289,7 +280,6 @@ int kestal_compare_version(int cntno, int backup, int numbering)
     if (read_missing_locked(cntno, backup, numbering) != KESTA_OK) {
         return KESTA_ERR;
     }
-    TRACE(3, "[compare_version] VERSION :flash=%d backup=%d numbering=%d ", current, backup,
-          numbering);
+    TRACE(3, "[compare_version] VERSION :flash=%d backup=%d numbering=%d ", current, backup, numbering);
     return decide(current, backup, numbering);
 }

@@ -34,9 +34,9 @@ typedef xmlXPathContext *xmlXPathContextPtr;
 typedef struct {
     char pathname[KESTA_DEFINITION_PATH_SIZE]; /* absolute path; empty: the list ends before it */
     char linkpath[KESTA_DEFINITION_LINKS][KESTA_DEFINITION_PATH_SIZE]; /* links that point to it */
-    char owner[32];    /* user name or number; empty: leave it */
-    char group[32];    /* group name or number; empty: leave it */
-    char filemode[8];  /* digits; empty: leave it */
+    char owner[32];                                                    /* user name or number; empty: leave it */
+    char group[32];                                                    /* group name or number; empty: leave it */
+    char filemode[8];                                                  /* digits; empty: leave it */
     char filler[24];
     int32_t cntmode;
     int32_t rbmode;
@@ -94,24 +94,19 @@ KESTA_API int kestal_read_backupfile(const char *group, KESTA_BACKUP_FILE *recor
  */
 KESTA_API int kestal_start_xml_parse(char *file, KESTA_BACKUP_FILE *record, xmlDocPtr *doc,
                                      xmlXPathContextPtr *context);
-KESTA_API int kestal_execute_xml_parse(xmlDocPtr *doc, xmlXPathContextPtr *context,
-                                       KESTA_BACKUP_FILE *record);
+KESTA_API int kestal_execute_xml_parse(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACKUP_FILE *record);
 KESTA_API int kestal_end_xml_parse(xmlDocPtr *doc, xmlXPathContextPtr *context);
 
 /*
  * Parts of execute: the root element, the one setinfo, its files, the scripts, and the scripts of one
  * side (nodekind 1 backup, 2 restore). They return 0, KESTA_ERR_DEFINITION or KESTA_ERR_ARGUMENT.
  */
-KESTA_API int kestal_xml_get_group(xmlDocPtr *doc, xmlXPathContextPtr *context,
-                                   KESTA_BACKUP_FILE *record);
-KESTA_API int kestal_xml_get_setinfo(xmlDocPtr *doc, xmlXPathContextPtr *context,
-                                     KESTA_BACKUP_FILE *record);
-KESTA_API int kestal_xml_get_file(xmlDocPtr *doc, xmlXPathContextPtr *context,
-                                  KESTA_BACKUP_FILE *record);
-KESTA_API int kestal_xml_get_script(xmlDocPtr *doc, xmlXPathContextPtr *context,
-                                    KESTA_BACKUP_FILE *record);
-KESTA_API int kestal_xml_get_com_in_script(int nodekind, xmlDocPtr *doc,
-                                           xmlXPathContextPtr *context, KESTA_BACKUP_FILE *record);
+KESTA_API int kestal_xml_get_group(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACKUP_FILE *record);
+KESTA_API int kestal_xml_get_setinfo(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACKUP_FILE *record);
+KESTA_API int kestal_xml_get_file(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACKUP_FILE *record);
+KESTA_API int kestal_xml_get_script(xmlDocPtr *doc, xmlXPathContextPtr *context, KESTA_BACKUP_FILE *record);
+KESTA_API int kestal_xml_get_com_in_script(int nodekind, xmlDocPtr *doc, xmlXPathContextPtr *context,
+                                           KESTA_BACKUP_FILE *record);
 
 /*
  * Reads one attribute.
@@ -122,8 +117,7 @@ KESTA_API int kestal_xml_get_com_in_script(int nodekind, xmlDocPtr *doc,
  * Returns 0; KESTA_ERR_DEFINITION (there is none); KESTA_ERR (too long, or no number; the destination
  * is as it was); KESTA_ERR_ARGUMENT.
  */
-KESTA_API int kestal_xml_get_property(xmlNodePtr *node, const char *name, char *destination,
-                                      int buflen, int copytype);
+KESTA_API int kestal_xml_get_property(xmlNodePtr *node, const char *name, char *destination, int buflen, int copytype);
 
 /* Sets *check_result to 1 if the text contains "*", else 0. Returns 0 or KESTA_ERR_ARGUMENT (null). */
 KESTA_API int kestal_check_wildcard(int *check_result, const char *check_string);

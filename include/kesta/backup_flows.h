@@ -73,8 +73,8 @@ KESTA_API int kestal_backup2copy(const char *group);
  * Returns 0 (also when that copy failed and the script was not run); KESTA_ERR_ARGUMENT;
  * KESTA_RESTORE_SWITCH_FAILED (1), KESTA_RESTORE_READ_FAILED (9), KESTA_RESTORE_SCRIPT_FAILED (2).
  */
-KESTA_API int kestal_sysback2current(const char *group, int switch_only, int area_flag, int rbflg,
-                                     int distribution, char *fileptr, int skip_flashcopy);
+KESTA_API int kestal_sysback2current(const char *group, int switch_only, int area_flag, int rbflg, int distribution,
+                                     char *fileptr, int skip_flashcopy);
 
 KESTA_END_DECLS
 

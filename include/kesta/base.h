@@ -8,8 +8,7 @@
 
 #if defined(__GNUC__)
 #define KESTA_API __attribute__((visibility("default")))
-#define KESTA_PRINTF(format_index, first_index)                                                    \
-    __attribute__((format(printf, format_index, first_index)))
+#define KESTA_PRINTF(format_index, first_index) __attribute__((format(printf, format_index, first_index)))
 #else
 #define KESTA_API
 #define KESTA_PRINTF(format_index, first_index)
@@ -25,8 +24,8 @@
 
 /* Results common to all functions. */
 #define KESTA_OK 0
-#define KESTA_ERR (-1)             /* general failure */
-#define KESTA_ERR_ARGUMENT (-931)  /* null pointer, value outside its table, name too long */
+#define KESTA_ERR (-1)            /* general failure */
+#define KESTA_ERR_ARGUMENT (-931) /* null pointer, value outside its table, name too long */
 
 /* Inner lock. */
 #define KESTA_ERR_INNERLOCK_READ (-171)   /* NV read failed while checking */

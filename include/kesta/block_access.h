@@ -47,8 +47,7 @@ KESTA_API int kestal_non_volatile_rw_func(int block_id, int rw_flag, void *data,
  * Returns 0, KESTA_ERR after five failures, KESTA_ERR_ARGUMENT for a null buffer, a size of 0 or
  * another flag. A block that has no place in NV memory gives 0 without a transfer.
  */
-KESTA_API int kestal_non_volatile_rw_memory(int block_id, int rw_flag, void *data,
-                                            unsigned int size);
+KESTA_API int kestal_non_volatile_rw_memory(int block_id, int rw_flag, void *data, unsigned int size);
 
 /*
  * The same in the system backup area alone.
@@ -59,8 +58,7 @@ KESTA_API int kestal_non_volatile_rw_memory(int block_id, int rw_flag, void *dat
  * be read into, or KESTA_NO_SYSBACK_NAME for a block without a mirror file. A stored item shorter than size
  * fills only its own length; a longer one is an error.
  */
-KESTA_API int kestal_non_volatile_rw_sysback(int block_id, int rw_flag, void *data,
-                                             unsigned int size);
+KESTA_API int kestal_non_volatile_rw_sysback(int block_id, int rw_flag, void *data, unsigned int size);
 
 /*
  * Settles the access mode from the boot mode and from the state of the system backup area.

@@ -40,8 +40,8 @@ KESTA_BEGIN_DECLS
  * Returns 0; KESTA_ERR_LOCKED (the own slot is free then); KESTA_ERR_ARGUMENT (no identifier buffer,
  * another type); KESTA_ERR. A failure after the slot was written leaves the lock: release it.
  */
-KESTA_API int kestal_global_command_lock_func(int cnt_num, int lock_type, char *lock_identifier,
-                                              char *group_name, int relock, int *locked_cnt);
+KESTA_API int kestal_global_command_lock_func(int cnt_num, int lock_type, char *lock_identifier, char *group_name,
+                                              int relock, int *locked_cnt);
 
 /*
  * Looks for a lock, suspended ones included, and clears those that this process has seen unchanged

@@ -9,9 +9,9 @@
 KESTA_BEGIN_DECLS
 
 /* What to ask for. */
-#define KESTA_CPINFO_OWN_NUMBER 0         /* 0..3, cached, written to /etc/mycntno */
-#define KESTA_CPINFO_CONTROLLER_COUNT 1   /* 1..4, written to /etc/cntnum */
-#define KESTA_CPINFO_BOOT_MODE 2          /* KESTA_BOOT_* */
+#define KESTA_CPINFO_OWN_NUMBER 0       /* 0..3, cached, written to /etc/mycntno */
+#define KESTA_CPINFO_CONTROLLER_COUNT 1 /* 1..4, written to /etc/cntnum */
+#define KESTA_CPINFO_BOOT_MODE 2        /* KESTA_BOOT_* */
 #define KESTA_CPINFO_EEPROM_WWN 3
 #define KESTA_CPINFO_OWN_NUMBER_NO_FILE 4 /* as 0, but nothing is written */
 #define KESTA_CPINFO_EEPROM_SERIALNO 5

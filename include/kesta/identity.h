@@ -132,8 +132,8 @@ KESTA_API int kestal_vpd_to_hdd(const char *wwn, const char *serialno, const cha
  *
  * Returns 1 (changed), 0 (nothing to do), KESTA_ERR, KESTA_ERR_ARGUMENT (null).
  */
-KESTA_API int kestal_CONT0_to_CONT1(const char *cnt0_wwn, const char *own_wwn,
-                                    const char *hdd0_serialno, const char *hdd1_serialno);
+KESTA_API int kestal_CONT0_to_CONT1(const char *cnt0_wwn, const char *own_wwn, const char *hdd0_serialno,
+                                    const char *hdd1_serialno);
 
 KESTA_END_DECLS
 

@@ -62,8 +62,7 @@ KESTA_API int kestal_reset_mycnt_innerlock_main(int cntno, int flag);
  *
  * Returns 0 free, KESTA_ERR_INNERLOCK_LOCKED, KESTA_ERR_INNERLOCK_READ or KESTA_ERR_ARGUMENT.
  */
-KESTA_API int kestal_lockcheck_innerlock(int cntno, void *slots_out, KESTA_INNERLOCK_BUF *own,
-                                         int *rtnstatus);
+KESTA_API int kestal_lockcheck_innerlock(int cntno, void *slots_out, KESTA_INNERLOCK_BUF *own, int *rtnstatus);
 
 /*
  * Records a token seen in a slot and tells whether it has been there for more than 30 seconds.
@@ -74,8 +73,7 @@ KESTA_API int kestal_lockcheck_innerlock(int cntno, void *slots_out, KESTA_INNER
  *
  * Returns 1 stale, 0 not, KESTA_ERR_ARGUMENT for a null array or a slot outside 0..3.
  */
-KESTA_API int kestal_compare_innerlock_timeout(int cntno, int value,
-                                               KESTAL_LOCKBUFFER_STRUCT *buf);
+KESTA_API int kestal_compare_innerlock_timeout(int cntno, int value, KESTAL_LOCKBUFFER_STRUCT *buf);
 
 KESTA_END_DECLS
 

@@ -96,24 +96,24 @@ typedef struct {
  * Block IDs. A block names one field of the image; twelve of them are mirrored, one file each,
  * in the system backup area.
  */
-#define KESTA_BLOCK_RESTORE_REQ_CNT0 1 /* .. 4 */
+#define KESTA_BLOCK_RESTORE_REQ_CNT0 1  /* .. 4 */
 #define KESTA_BLOCK_RESTORE_RES_CNT0 11 /* .. 14 */
 #define KESTA_BLOCK_GROUP 21
 #define KESTA_BLOCK_BACKUP_NAME 31 /* mirrored */
 #define KESTA_BLOCK_ACCEPT_NAME 32 /* mirrored */
 #define KESTA_BLOCK_OLD_BACKUP_NAME 33
-#define KESTA_BLOCK_LOCK_CNT0 41 /* .. 44 */
+#define KESTA_BLOCK_LOCK_CNT0 41         /* .. 44 */
 #define KESTA_BLOCK_NUMBERING_VERSION 51 /* mirrored */
-#define KESTA_BLOCK_BACKUP_VERSION 52 /* mirrored */
+#define KESTA_BLOCK_BACKUP_VERSION 52    /* mirrored */
 #define KESTA_BLOCK_ACCEPT_VERSION 53
 #define KESTA_BLOCK_OLD_BACKUP_VERSION 54
-#define KESTA_BLOCK_REBOOT_VERSION 55 /* in the system backup area only: no place in NV memory */
-#define KESTA_BLOCK_VERSION_CNT0 61 /* .. 64, mirrored */
-#define KESTA_BLOCK_STATUS_CNT0 71 /* .. 74 */
+#define KESTA_BLOCK_REBOOT_VERSION 55  /* in the system backup area only: no place in NV memory */
+#define KESTA_BLOCK_VERSION_CNT0 61    /* .. 64, mirrored */
+#define KESTA_BLOCK_STATUS_CNT0 71     /* .. 74 */
 #define KESTA_BLOCK_INNERLOCK_CNT0 101 /* .. 104 */
-#define KESTA_BLOCK_WWN 201 /* mirrored */
-#define KESTA_BLOCK_SERIALNO 202 /* mirrored */
-#define KESTA_BLOCK_GUID 203 /* mirrored */
+#define KESTA_BLOCK_WWN 201            /* mirrored */
+#define KESTA_BLOCK_SERIALNO 202       /* mirrored */
+#define KESTA_BLOCK_GUID 203           /* mirrored */
 
 /* Items of which every controller has one of its own. */
 #define KESTA_IDTYPE_RESTORE_REQ 1

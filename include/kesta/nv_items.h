@@ -29,12 +29,12 @@ KESTA_BEGIN_DECLS
 
 typedef struct {
     int block_id;
-    const char *name; /* in the words of operators: "backup-name", "version-cnt2" */
-    int kind;         /* KESTA_NV_KIND_* */
-    int id_type;      /* KESTA_IDTYPE_* where every controller has one of its own, else 0 */
-    int controller;   /* whose it is, 0..3; -1: all controllers share it */
-    int version_area; /* KESTA_VER_AREA_* of a version or status, else 0 */
-    int offset;       /* bytes from the start of the NV image; -1: it has no place in NV memory */
+    const char *name;         /* in the words of operators: "backup-name", "version-cnt2" */
+    int kind;                 /* KESTA_NV_KIND_* */
+    int id_type;              /* KESTA_IDTYPE_* where every controller has one of its own, else 0 */
+    int controller;           /* whose it is, 0..3; -1: all controllers share it */
+    int version_area;         /* KESTA_VER_AREA_* of a version or status, else 0 */
+    int offset;               /* bytes from the start of the NV image; -1: it has no place in NV memory */
     unsigned int size;        /* bytes of its field */
     unsigned int value_size;  /* bytes from the field's start that hold the value; the others stay 0 */
     const char *mirror;       /* its file in the system backup area; a null pointer: it is not mirrored */

@@ -39,8 +39,7 @@ KESTA_API int kestal_repair_memory_sysback(KESTA_REPAIR_SYSVOL_DATA *data, int c
  *
  * Returns 0, KESTA_ERR, or KESTA_ERR_ARGUMENT for a null verback or verid. The records must stay until then.
  */
-KESTA_API int kestal_repair_memory_from_sysback(KESTA_REPAIR_SYSVOL_DATA *data, int count,
-                                                char *verback, char *verid);
+KESTA_API int kestal_repair_memory_from_sysback(KESTA_REPAIR_SYSVOL_DATA *data, int count, char *verback, char *verid);
 
 /*
  * The copies by themselves: one after the other, or in threads after kestal_repair_memory_from_sysback.

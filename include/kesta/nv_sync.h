@@ -28,8 +28,7 @@ KESTA_BEGIN_DECLS
 KESTA_API int kestal_flag_of_sync_nonvolatile(int rw, int *synced, int *req, int cntno);
 
 /* Logs the flags of an image and of a call, at level 5; nothing without an image. */
-KESTA_API void kestal_flag_of_sync_nonvolatile_dbglog(int rw, int *synced, int *req,
-                                                      KESTA_VOLATILE *image);
+KESTA_API void kestal_flag_of_sync_nonvolatile_dbglog(int rw, int *synced, int *req, KESTA_VOLATILE *image);
 
 /*
  * For making an image before others use it; both take no lock. set_magic writes the first 16 bytes of the

@@ -22,8 +22,7 @@ KESTA_BEGIN_DECLS
  * Returns 0 once the child is reaped, KESTA_ERR_ARGUMENT for a null command or status, KESTA_ERR
  * otherwise (among others with more than 511 environment strings). Logged at level 1.
  */
-KESTA_API int kestal_system(const char *command, const char *event, const char *platform_status,
-                            int *wait_status);
+KESTA_API int kestal_system(const char *command, const char *event, const char *platform_status, int *wait_status);
 
 /*
  * Runs a command with system(), one at a time in the process. Returns its exit code (0..255),
@@ -60,8 +59,7 @@ KESTA_API int kestal_isdigit(const char *text);
  * buffer    null at first; freed by the caller with kestal_free_debug
  * capacity  0 at first; -1 after a failure: the text is gone and further appends do nothing
  */
-KESTA_API void kestal_strcat(char **buffer, int *capacity, const char *format, ...)
-    KESTA_PRINTF(3, 4);
+KESTA_API void kestal_strcat(char **buffer, int *capacity, const char *format, ...) KESTA_PRINTF(3, 4);
 
 KESTA_END_DECLS
 

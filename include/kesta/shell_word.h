@@ -23,8 +23,9 @@ KESTA_BEGIN_DECLS
  */
 static inline int kesta_is_shell_word(const char *text)
 {
-    static const char plain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
-                                "._:+-=/@,%^#~";
+    static const char plain[] =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
+        "._:+-=/@,%^#~";
     const char *at;
     if (!text) {
         return 1;

@@ -15,8 +15,7 @@ extern "C" {
  *
  * Never fails its caller and leaves errno as it was.
  */
-__attribute__((format(printf, 4, 5))) void MC_OutTrace(const char *file, int line, int level,
-                                                       const char *format, ...);
+__attribute__((format(printf, 4, 5))) void MC_OutTrace(const char *file, int line, int level, const char *format, ...);
 
 /* Returns the part of a source path that is worth printing, its file name: a pointer into path. */
 const char *MC_FilePathDel(const char *path);

@@ -23,8 +23,7 @@ typedef struct {
  * them.
  */
 int zKTsanfwctl_read_nv(int handle, cpfw_nv_region_t *region, cpfw_nv_access_t *access, int count);
-int zKTsanfwctl_write_nv(int handle, cpfw_nv_region_t *region, cpfw_nv_access_t *access,
-                         int count);
+int zKTsanfwctl_write_nv(int handle, cpfw_nv_region_t *region, cpfw_nv_access_t *access, int count);
 
 typedef struct {
     uint8_t cont0_sts, cont1_sts; /* controller status: the high four bits are the state */

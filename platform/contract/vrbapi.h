@@ -20,8 +20,8 @@ typedef struct {
  * filled. flag is 1: a number below lowest or above highest is a failure, as is a file without a number.
  */
 int vrbapi_setint_to_file(const char *path, int value, _VRBAPIERRINFO *error);
-int vrbapi_getint_from_file(const char *path, unsigned char flag, int lowest, int highest,
-                            int *value, _VRBAPIERRINFO *error);
+int vrbapi_getint_from_file(const char *path, unsigned char flag, int lowest, int highest, int *value,
+                            _VRBAPIERRINFO *error);
 
 #define VRB_SANFWINFO_MASTER 1
 

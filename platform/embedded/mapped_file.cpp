@@ -71,8 +71,8 @@ void MappedFile::look_like(const MappedFile &other) const
     struct stat status;
     if (fstat(other.fd_, &status) == 0) {
         // Best effort: a process that may not do so has files of its own user and mode already.
-        [[maybe_unused]] const bool done = fchown(fd_, status.st_uid, status.st_gid) == 0 &&
-                                           fchmod(fd_, status.st_mode & 0777) == 0;
+        [[maybe_unused]] const bool done =
+            fchown(fd_, status.st_uid, status.st_gid) == 0 && fchmod(fd_, status.st_mode & 0777) == 0;
     }
 }
 

@@ -32,7 +32,7 @@ struct JournalHeader {
 
 constexpr uint32_t journal_empty = 0;
 constexpr uint32_t journal_holds = 0x4A4E4C31;  // "1LNJ"
-constexpr uint64_t payload_offset = 4096;  // a page of its own: the header is flushed by itself
+constexpr uint64_t payload_offset = 4096;       // a page of its own: the header is flushed by itself
 constexpr uint64_t journal_size = payload_offset + nv_region_size;
 
 constexpr int64_t longest_wait_ms = 1000;
@@ -66,10 +66,7 @@ int flush(unsigned char *bytes, uint64_t size)
     return msync(bytes, size, MS_SYNC) == 0 ? 0 : -errno;
 }
 
-JournalHeader *header_of(const MappedFile &journal)
-{
-    return reinterpret_cast<JournalHeader *>(journal.bytes());
-}
+JournalHeader *header_of(const MappedFile &journal) { return reinterpret_cast<JournalHeader *>(journal.bytes()); }
 
 // The mark and what it is set against are one order for all processes: whoever finishes a transfer
 // without seeing the mark has finished before it was set.
@@ -85,15 +82,9 @@ bool is_closed(const MappedFile &journal)
     return __atomic_load_n(&header_of(journal)->closed, __ATOMIC_SEQ_CST) != 0;
 }
 
-uint64_t steps_of(const MappedFile &journal)
-{
-    return __atomic_load_n(&header_of(journal)->steps, __ATOMIC_SEQ_CST);
-}
+uint64_t steps_of(const MappedFile &journal) { return __atomic_load_n(&header_of(journal)->steps, __ATOMIC_SEQ_CST); }
 
-void move_step(const MappedFile &journal)
-{
-    __atomic_fetch_add(&header_of(journal)->steps, 1, __ATOMIC_SEQ_CST);
-}
+void move_step(const MappedFile &journal) { __atomic_fetch_add(&header_of(journal)->steps, 1, __ATOMIC_SEQ_CST); }
 
 // The image has what the journal held.
 void end_transfer(const MappedFile &journal)
@@ -220,7 +211,9 @@ int NvRegion::lock(unsigned number, bool create, short type)
         if (now_ms() >= deadline) {
             return -ETIMEDOUT;
         }
-        const struct timespec pause{0, nap};
+        const struct timespec pause {
+            0, nap
+        };
         nanosleep(&pause, nullptr);
     }
 }
@@ -309,8 +302,7 @@ int NvRegion::make_files(const Paths &paths, MappedFile &journal)
     if (result == 0) {
         result = flush(journal.bytes(), journal_size);
     }
-    if (result == 0 && (rename(paths.new_image, paths.image) != 0 ||
-                        rename(paths.new_journal, paths.journal) != 0)) {
+    if (result == 0 && (rename(paths.new_image, paths.image) != 0 || rename(paths.new_journal, paths.journal) != 0)) {
         result = -errno;
     }
     if (result == 0 && survives_power_cuts()) {

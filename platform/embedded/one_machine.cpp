@@ -21,11 +21,10 @@ struct FileSystem {
 // Of linux/magic.h, and of those who keep theirs elsewhere. GFS2 and OCFS2 can be used by one machine alone as well;
 // their type doesn't say so: the setting is for that.
 constexpr FileSystem shared_ones[] = {
-    {0x00006969, "nfs"},  {0x0000517B, "smb"},  {0xFF534D42, "cifs"},   {0xFE534D42, "smb2"},
-    {0x0000564C, "ncp"},    {0x73757245, "coda"}, {0x5346414F, "afs"},    {0x6B414653, "kafs"},
-    {0x00C36400, "ceph"},   {0x01161970, "gfs2"}, {0x7461636F, "ocfs2"},  {0x0BD00BD0, "lustre"},
-    {0x47504653, "gpfs"},   {0x19830326, "beegfs"}, {0xAAD7AAEA, "panfs"}, {0x20030528, "pvfs2"},
-    {0x61636673, "acfs"},
+    {0x00006969, "nfs"},   {0x0000517B, "smb"},    {0xFF534D42, "cifs"}, {0xFE534D42, "smb2"},   {0x0000564C, "ncp"},
+    {0x73757245, "coda"},  {0x5346414F, "afs"},    {0x6B414653, "kafs"}, {0x00C36400, "ceph"},   {0x01161970, "gfs2"},
+    {0x7461636F, "ocfs2"}, {0x0BD00BD0, "lustre"}, {0x47504653, "gpfs"}, {0x19830326, "beegfs"}, {0xAAD7AAEA, "panfs"},
+    {0x20030528, "pvfs2"}, {0x61636673, "acfs"},
 };
 
 // The name of the shared file system that a folder is on, or null.

@@ -62,8 +62,7 @@ int transfer(Direction direction, unsigned region, const cpfw_nv_access_t &acces
 
 }  // namespace
 
-PLATFORM_API int zKTsanfwctl_read_nv(int, cpfw_nv_region_t *region, cpfw_nv_access_t *access,
-                                     int count)
+PLATFORM_API int zKTsanfwctl_read_nv(int, cpfw_nv_region_t *region, cpfw_nv_access_t *access, int count)
 {
     if (const int refused = check(region, access, count); refused != 0) {
         return refused;
@@ -74,8 +73,7 @@ PLATFORM_API int zKTsanfwctl_read_nv(int, cpfw_nv_region_t *region, cpfw_nv_acce
     return transfer(&NvRegion::read, *region, *access);
 }
 
-PLATFORM_API int zKTsanfwctl_write_nv(int, cpfw_nv_region_t *region, cpfw_nv_access_t *access,
-                                      int count)
+PLATFORM_API int zKTsanfwctl_write_nv(int, cpfw_nv_region_t *region, cpfw_nv_access_t *access, int count)
 {
     if (const int refused = check(region, access, count); refused != 0) {
         return refused;

@@ -35,10 +35,10 @@ constexpr int handle_generations = 0x3fffff;
 struct OpenFile {
     bool used;
     bool writes;
-    bool written;   // there is a temporary file
-    int broken;     // errno of a write that failed: nothing is published
+    bool written;  // there is a temporary file
+    int broken;    // errno of a write that failed: nothing is published
     int generation;
-    int fd;         // the file as it was at opening, or the temporary file
+    int fd;  // the file as it was at opening, or the temporary file
     char name[name_size];
     char temporary[file_path_size];
 };
@@ -66,8 +66,7 @@ void size_path(char (&path)[file_path_size], const char *name)
 
 bool is_valid_name(const char *name)
 {
-    return name && name[0] != '\0' && name[0] != '.' && !strchr(name, '/') &&
-           strlen(name) < name_size;
+    return name && name[0] != '\0' && name[0] != '.' && !strchr(name, '/') && strlen(name) < name_size;
 }
 
 // The open file of a handle, or null for a number that is no open handle. A handle belongs to one
@@ -266,8 +265,7 @@ int read_all(int fd, char *to, Transfer transfer)
 {
     unsigned long done = 0;
     while (done < transfer.size) {
-        const ssize_t bytes =
-            pread(fd, to + done, transfer.size - done, transfer.offset + static_cast<long>(done));
+        const ssize_t bytes = pread(fd, to + done, transfer.size - done, transfer.offset + static_cast<long>(done));
         if (bytes < 0 && errno == EINTR) {
             continue;
         }
@@ -285,17 +283,14 @@ int read_all(int fd, char *to, Transfer transfer)
 unsigned limited(unsigned size, const Fault &fault)
 {
     const bool is_short = fault.action == FaultAction::short_count && fault.value >= 0;
-    return is_short && static_cast<unsigned>(fault.value) < size
-               ? static_cast<unsigned>(fault.value)
-               : size;
+    return is_short && static_cast<unsigned>(fault.value) < size ? static_cast<unsigned>(fault.value) : size;
 }
 
 }  // namespace
 
 PLATFORM_API int sbacc_open(const char *name, const char *mode, int *handle, int *close_flag)
 {
-    if (!is_valid_name(name) || !mode || !handle || !close_flag ||
-        (strcmp(mode, "r") != 0 && strcmp(mode, "w") != 0)) {
+    if (!is_valid_name(name) || !mode || !handle || !close_flag || (strcmp(mode, "r") != 0 && strcmp(mode, "w") != 0)) {
         return -EINVAL;
     }
     const Fault fault = meet_fault("sb_open");

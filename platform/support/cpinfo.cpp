@@ -14,11 +14,12 @@ constexpr int exit_usage = 2;
 
 int usage(FILE *out, int code)
 {
-    fputs("usage: cpinfo -i | -N | -b\n"
-          "  -i  print the own controller number\n"
-          "  -N  print the number of controllers\n"
-          "  -b  print the boot mode: normal, suspend or initconf\n",
-          out);
+    fputs(
+        "usage: cpinfo -i | -N | -b\n"
+        "  -i  print the own controller number\n"
+        "  -N  print the number of controllers\n"
+        "  -b  print the boot mode: normal, suspend or initconf\n",
+        out);
     return code;
 }
 

@@ -20,12 +20,13 @@ constexpr int exit_usage = 2;
 
 int usage(FILE *out, int code)
 {
-    fputs("usage: eeprom [-f FILE] [NAME | NAME=VALUE]...\n"
-          "  NAME        print NAME=VALUE\n"
-          "  NAME=VALUE  set it\n"
-          "  -f FILE     another file than the controller's own boot environment\n"
-          "Without names all values are printed.\n",
-          out);
+    fputs(
+        "usage: eeprom [-f FILE] [NAME | NAME=VALUE]...\n"
+        "  NAME        print NAME=VALUE\n"
+        "  NAME=VALUE  set it\n"
+        "  -f FILE     another file than the controller's own boot environment\n"
+        "Without names all values are printed.\n",
+        out);
     return code;
 }
 

@@ -24,10 +24,11 @@ constexpr std::array<const char *, 3> names{"wwn", "serialno", "guid"};
 
 int usage(FILE *out, int code)
 {
-    fputs("usage: env_vpdctl -r | [-w WWN] [-s SERIAL_NUMBER] [-g GUID]\n"
-          "  -r  print WWN, serial number and GUID, a line each\n"
-          "  -w, -s, -g  set them\n",
-          out);
+    fputs(
+        "usage: env_vpdctl -r | [-w WWN] [-s SERIAL_NUMBER] [-g GUID]\n"
+        "  -r  print WWN, serial number and GUID, a line each\n"
+        "  -w, -s, -g  set them\n",
+        out);
     return code;
 }
 

@@ -66,8 +66,7 @@ bool parse_rule(const char *line, Rule &rule)
 {
     char when[8] = "";
     rule.value[0] = '\0';
-    const int fields = sscanf(line, "%31s %lu %7s %15s %255s", rule.kind, &rule.nth, when,
-                              rule.action, rule.value);
+    const int fields = sscanf(line, "%31s %lu %7s %15s %255s", rule.kind, &rule.nth, when, rule.action, rule.value);
     rule.from_then_on = strcmp(when, "on") == 0;
     return fields >= 4 && rule.kind[0] != '#';
 }
@@ -130,8 +129,7 @@ bool find_rule(const char *path, const char *kind, Rule &found)
     const unsigned long call = count_call(kind);
     for (int i = 0; i < rule_count; ++i) {
         const Rule &rule = rules[i];
-        if (strcmp(rule.kind, kind) == 0 &&
-            (call == rule.nth || (rule.from_then_on && call > rule.nth))) {
+        if (strcmp(rule.kind, kind) == 0 && (call == rule.nth || (rule.from_then_on && call > rule.nth))) {
             found = rule;
             return true;
         }

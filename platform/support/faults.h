@@ -5,9 +5,9 @@ namespace platform {
 
 enum class FaultAction {
     none,
-    fail,        // the call fails with -value and does nothing
-    short_count, // the transfer ends after value bytes
-    close_flag,  // the file counts as not closed properly
+    fail,         // the call fails with -value and does nothing
+    short_count,  // the transfer ends after value bytes
+    close_flag,   // the file counts as not closed properly
 };
 
 struct Fault {

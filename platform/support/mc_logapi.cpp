@@ -28,18 +28,18 @@ using namespace platform;
 constexpr size_t line_size = 2048;
 constexpr int level_unknown = -1;
 
-int highest_level = level_unknown;  // lines above it are dropped
-TraceTarget target;                 // known when the level is
+int highest_level = level_unknown;                  // lines above it are dropped
+TraceTarget target;                                 // known when the level is
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the trace file below
 pthread_once_t fork_handled = PTHREAD_ONCE_INIT;
 
 int trace_fd = -1;
-struct stat trace_file;    // of trace_fd when it was opened
-unsigned lines_since_look; // lines since the name was last compared with the file
+struct stat trace_file;     // of trace_fd when it was opened
+unsigned lines_since_look;  // lines since the name was last compared with the file
 
 // Asked once, and again in a child: the calls cost as much as the rest of a line's formatting.
-pid_t process_number;               // 0: not asked yet
-thread_local pid_t thread_number;   // of the process below
+pid_t process_number;              // 0: not asked yet
+thread_local pid_t thread_number;  // of the process below
 thread_local pid_t thread_process;
 
 void lock_for_fork() { pthread_mutex_lock(&mutex); }
@@ -72,18 +72,15 @@ pid_t own_thread(pid_t process)
 }
 
 // Whether two results of stat mean the same file.
-bool same_file(const struct stat &a, const struct stat &b)
-{
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
+bool same_file(const struct stat &a, const struct stat &b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
 
 // A plain file or a device; somebody may have put a link or a FIFO there, to be written through or waited for.
 void open_trace_file()
 {
     constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     trace_fd = kesta::above_standard(open(settings().trace_file, flags, 0640));
-    if (trace_fd >= 0 && (fstat(trace_fd, &trace_file) != 0 ||
-                          (!S_ISREG(trace_file.st_mode) && !S_ISCHR(trace_file.st_mode)))) {
+    if (trace_fd >= 0 &&
+        (fstat(trace_fd, &trace_file) != 0 || (!S_ISREG(trace_file.st_mode) && !S_ISCHR(trace_file.st_mode)))) {
         (void)close(trace_fd);
         trace_fd = -1;
     }
@@ -171,7 +168,8 @@ void write_to_stderr(const char *line, size_t length)
     pthread_sigmask(SIG_BLOCK, &pipe_signal, &before);
     const ssize_t written = write(STDERR_FILENO, line, length);
     if (written < 0 && errno == EPIPE && !sigismember(&pending, SIGPIPE)) {
-        const struct timespec at_once {};
+        const struct timespec at_once {
+        };
         (void)sigtimedwait(&pipe_signal, nullptr, &at_once);
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
@@ -202,10 +200,7 @@ char *put_padded(char *to, unsigned value, int digits)
     return to + digits;
 }
 
-char *put_number(char *to, int value)
-{
-    return std::to_chars(to, to + 11, value).ptr;
-}
+char *put_number(char *to, int value) { return std::to_chars(to, to + 11, value).ptr; }
 
 // A day of the calendar, from the days since 1970 (which are not before).
 void split_day(long days, int &year, int &month, int &day)
@@ -289,20 +284,18 @@ size_t finish_line(char *line, size_t text, size_t length)
     return length + 1;
 }
 
-__attribute__((noinline, format(printf, 4, 0))) void write_trace(const char *file, int line_number,
-                                                                 int level, const char *format,
-                                                                 va_list arguments)
+__attribute__((noinline, format(printf, 4, 0))) void write_trace(const char *file, int line_number, int level,
+                                                                 const char *format, va_list arguments)
 {
     char line[line_size];
     size_t used = put_head(line, file, line_number, level);
     const size_t text = used;
     // The caller has started the list; the analyzer loses sight of that.
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
-    used += bounded(vsnprintf(line + used, line_size - 1 - used, format, arguments),
-                    line_size - 1 - used);
+    used += bounded(vsnprintf(line + used, line_size - 1 - used, format, arguments), line_size - 1 - used);
     if (target == TraceTarget::system_log) {
         line[used] = '\0';
-        const kesta::Locked locked(mutex);  // no fork while the C library has its lock
+        const kesta::Locked locked(mutex);            // no fork while the C library has its lock
         const kesta::StandardDescriptorsTaken taken;  // the connection stays open
         syslog(LOG_USER | syslog_priority(level), "%s", line + text);
         return;

@@ -94,8 +94,8 @@ int NameFile::read()
 
 std::optional<std::string> NameFile::value(const std::string &name) const
 {
-    const auto found = std::find_if(values_.begin(), values_.end(),
-                                    [&](const auto &entry) { return entry.first == name; });
+    const auto found =
+        std::find_if(values_.begin(), values_.end(), [&](const auto &entry) { return entry.first == name; });
     return found == values_.end() ? std::nullopt : std::optional(found->second);
 }
 
@@ -110,9 +110,8 @@ int NameFile::update(const std::vector<std::pair<std::string, std::string>> &cha
     }
     const auto before = values_;
     for (const auto &change : changes) {
-        const auto found = std::find_if(values_.begin(), values_.end(), [&](const auto &entry) {
-            return entry.first == change.first;
-        });
+        const auto found = std::find_if(values_.begin(), values_.end(),
+                                        [&](const auto &entry) { return entry.first == change.first; });
         if (found == values_.end()) {
             values_.push_back(change);
         } else {
@@ -140,8 +139,7 @@ bool is_name(const std::string &text)
 
 bool is_value(const std::string &text)
 {
-    return std::all_of(text.begin(), text.end(),
-                       [](char c) { return isprint(static_cast<unsigned char>(c)) != 0; });
+    return std::all_of(text.begin(), text.end(), [](char c) { return isprint(static_cast<unsigned char>(c)) != 0; });
 }
 
 }  // namespace platform

@@ -31,8 +31,14 @@ struct Row {
     unsigned text_size;
 };
 
-#define NUMBER(name, lowest, highest) {#name, &current.name, lowest, highest, nullptr, 0}
-#define TEXT(name) {#name, nullptr, 0, 0, current.name, sizeof(current.name)}
+#define NUMBER(name, lowest, highest)                     \
+    {                                                     \
+#name, &current.name, lowest, highest, nullptr, 0 \
+    }
+#define TEXT(name)                                               \
+    {                                                            \
+#name, nullptr, 0, 0, current.name, sizeof(current.name) \
+    }
 
 const Row rows[] = {
     NUMBER(controller_number, 0, 3),
@@ -82,8 +88,7 @@ void set_number(const Row &row, const char *where, const char *value)
     char *end = nullptr;
     errno = 0;
     const long number = strtol(value, &end, 10);
-    if (*value == '\0' || *end != '\0' || errno != 0 || number < row.lowest ||
-        number > row.highest) {
+    if (*value == '\0' || *end != '\0' || errno != 0 || number < row.lowest || number > row.highest) {
         note_problem(where, "not a usable number", row.key);
         return;
     }

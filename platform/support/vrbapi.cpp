@@ -59,10 +59,7 @@ int read_text(const char *path, char *text, size_t size)
     return 0;
 }
 
-bool parse_address(const char *text, struct in_addr &address)
-{
-    return inet_pton(AF_INET, text, &address) == 1;
-}
+bool parse_address(const char *text, struct in_addr &address) { return inet_pton(AF_INET, text, &address) == 1; }
 
 }  // namespace
 
@@ -80,8 +77,8 @@ PLATFORM_API int vrbapi_setint_to_file(const char *path, int value, _VRBAPIERRIN
     return result == 0 ? 0 : fail(error, "write", -result);
 }
 
-PLATFORM_API int vrbapi_getint_from_file(const char *path, unsigned char, int lowest, int highest,
-                                         int *value, _VRBAPIERRINFO *error)
+PLATFORM_API int vrbapi_getint_from_file(const char *path, unsigned char, int lowest, int highest, int *value,
+                                         _VRBAPIERRINFO *error)
 {
     if (!path || !value) {
         return fail(error, "getint", EINVAL);
@@ -134,8 +131,7 @@ PLATFORM_API int vrbgetnetconfig(vrb_netconfig_t records[2])
     }
     const Settings &known = settings();
     vrb_netconfig_t found[2] = {{known.controller_number, {}}, {known.other_number, {}}};
-    if (!parse_address(known.address_own, found[0].address) ||
-        !parse_address(known.address_other, found[1].address)) {
+    if (!parse_address(known.address_own, found[0].address) || !parse_address(known.address_other, found[1].address)) {
         return fail(nullptr, "", EINVAL);
     }
     memcpy(records, found, sizeof(found));

@@ -7,13 +7,10 @@
 #include "clause.h"
 #include "sbacc.h"
 
-namespace platform_check
-{
-namespace
-{
+namespace platform_check {
+namespace {
 
-constexpr const char *scratch =
-    "kesta_platform_check";  // a file of the system backup area; it stays
+constexpr const char *scratch = "kesta_platform_check";  // a file of the system backup area; it stays
 // The longest names that the library has, which differ in the last character only.
 constexpr const char *long_name_0 = "kesta_platform_check_long_name0";
 constexpr const char *long_name_1 = "kesta_platform_check_long_name1";
@@ -21,8 +18,7 @@ static_assert(std::string_view(long_name_0).size() == 31);
 constexpr std::size_t mirrored_size = 32;
 constexpr std::size_t archive_size = std::size_t{3} << 20U;
 
-class Opened
-{
+class Opened {
 public:
     explicit Opened(const char *mode, const char *name = scratch)
         : result_(sbacc_open(name, mode, &handle_, &close_flag_))
@@ -73,9 +69,7 @@ std::string read_opened(const Opened &file)
 {
     const int size = file.result() == 0 ? sbacc_read_size(file.handle()) : -1;
     std::string bytes(size > 0 ? static_cast<std::size_t>(size) : 0, '?');
-    const int got =
-        size < 0 ? -1
-                 : sbacc_read(bytes.data(), static_cast<unsigned>(bytes.size()), 0, file.handle());
+    const int got = size < 0 ? -1 : sbacc_read(bytes.data(), static_cast<unsigned>(bytes.size()), 0, file.handle());
     return size < 0 || got != size ? "(refused)" : bytes;
 }
 
@@ -124,8 +118,7 @@ Outcome tells_what_it_read()
         if (got < 0 || static_cast<std::size_t>(got) > size) {
             return "a read of " + std::to_string(size) + " bytes returns " + std::to_string(got);
         }
-        if (read.compare(0, static_cast<std::size_t>(got), bytes, 0,
-                         static_cast<std::size_t>(got)) != 0) {
+        if (read.compare(0, static_cast<std::size_t>(got), bytes, 0, static_cast<std::size_t>(got)) != 0) {
             return "a read says " + std::to_string(got) + " bytes that are not the file's";
         }
     }
@@ -134,8 +127,7 @@ Outcome tells_what_it_read()
 
 Outcome keeps_large_files()
 {
-    for (const std::size_t size :
-         {std::size_t{200} << 10U, std::size_t{300} << 10U, archive_size}) {
+    for (const std::size_t size : {std::size_t{200} << 10U, std::size_t{300} << 10U, archive_size}) {
         const std::string bytes = bytes_of(size, 1);
         if (!write_area(bytes)) {
             return "a file of " + std::to_string(size) + " bytes can't be written in one call";
@@ -163,9 +155,7 @@ Outcome opening_keeps_contents()
     if (file.close() != 0) {
         return "a file that was opened for writing, and not written, can't be closed";
     }
-    return read_area() == bytes
-               ? ""
-               : "a file that was opened for writing, and not written, is not what it was";
+    return read_area() == bytes ? "" : "a file that was opened for writing, and not written, is not what it was";
 }
 
 // An archive slot is written, closed, and opened once more for its size.
@@ -177,8 +167,7 @@ Outcome records_sizes()
             return "a file can't be written";
         }
         Opened file("w");
-        const int result =
-            file.result() == 0 ? sbacc_write_size(static_cast<unsigned>(size), file.handle()) : -1;
+        const int result = file.result() == 0 ? sbacc_write_size(static_cast<unsigned>(size), file.handle()) : -1;
         if (result < 0) {
             return "the size of a file that was written, closed and opened again can't be recorded";
         }
@@ -276,9 +265,8 @@ Outcome replaces_files_whole()
         },
         [&]() -> Outcome {
             const std::string seen = read_area();
-            return seen == longer || seen == shorter
-                       ? ""
-                       : "a reader saw a file that was neither the old nor the new one";
+            return seen == longer || seen == shorter ? ""
+                                                     : "a reader saw a file that was neither the old nor the new one";
         });
 }
 
@@ -289,8 +277,7 @@ Outcome reads_parts()
     }
     const Opened file("r");
     std::array<char, 16> bytes{};
-    if (sbacc_read(bytes.data(), 4, 3, file.handle()) != 4 ||
-        memcmp(bytes.data(), "3456", 4) != 0) {
+    if (sbacc_read(bytes.data(), 4, 3, file.handle()) != 4 || memcmp(bytes.data(), "3456", 4) != 0) {
         return "4 bytes at offset 3 are not what stands there";
     }
     return sbacc_read(bytes.data(), 8, 6, file.handle()) == 4
@@ -301,14 +288,11 @@ Outcome reads_parts()
 Outcome writes_parts()
 {
     Opened file("w");
-    if (sbacc_write("0123", 4, 0, file.handle()) != 4 ||
-        sbacc_write("4567", 4, 4, file.handle()) != 4 ||
+    if (sbacc_write("0123", 4, 0, file.handle()) != 4 || sbacc_write("4567", 4, 4, file.handle()) != 4 ||
         sbacc_write("ab", 2, 2, file.handle()) != 2 || file.close() != 0) {
         return "a part of a file can't be written";
     }
-    return read_area() == "01ab4567"
-               ? ""
-               : "parts do not stand at the offsets that they were written to";
+    return read_area() == "01ab4567" ? "" : "parts do not stand at the offsets that they were written to";
 }
 
 Outcome results_are_signed()
@@ -356,17 +340,13 @@ Clauses backup_area_clauses()
         {library, "a size of 0 is a size", keeps_empty_files},
         {library, "a read says no more than it has read", tells_what_it_read},
         {library, "archives are written whole and read whole, in one call", keeps_large_files},
-        {library, "opening to write keeps what is there until it is written",
-         opening_keeps_contents},
-        {library, "a size can be recorded in a second opening, and the contents stay",
-         records_sizes},
+        {library, "opening to write keeps what is there until it is written", opening_keeps_contents},
+        {library, "a size can be recorded in a second opening, and the contents stay", records_sizes},
         {library, "a file that is not there is refused", refuses_what_is_not_there},
         {library, "names of 31 characters are told apart", tells_names_apart},
         {library, "the close flag tells of a proper close", tells_of_proper_closing},
-        {library, "a file is seen when it is closed, and not before",
-         shows_a_file_when_it_is_closed},
-        {library, "a writer that dies leaves the old contents, or a close flag of 0",
-         survives_a_writer_that_dies},
+        {library, "a file is seen when it is closed, and not before", shows_a_file_when_it_is_closed},
+        {library, "a writer that dies leaves the old contents, or a close flag of 0", survives_a_writer_that_dies},
         {library, "a file is replaced whole", replaces_files_whole},
         {library, "parts of a file can be read", reads_parts},
         {library, "parts of a file can be written, each at its offset", writes_parts},

@@ -9,10 +9,8 @@
 #include <array>
 #include <thread>
 
-namespace platform_check
-{
-namespace
-{
+namespace platform_check {
+namespace {
 
 constexpr unsigned longest_check_s = 60;
 
@@ -31,10 +29,9 @@ Outcome told_by(int status, const std::string &text)
     if (WIFEXITED(status)) {
         return WEXITSTATUS(status) == 0 ? "" : text;
     }
-    return WTERMSIG(status) == SIGALRM
-               ? "it hangs"
-               : "the process is ended by signal " + std::to_string(WTERMSIG(status)) + " (" +
-                     strsignal(WTERMSIG(status)) + ")";
+    return WTERMSIG(status) == SIGALRM ? "it hangs"
+                                       : "the process is ended by signal " + std::to_string(WTERMSIG(status)) + " (" +
+                                             strsignal(WTERMSIG(status)) + ")";
 }
 
 }  // namespace
@@ -57,8 +54,7 @@ Outcome in_own_process(const std::function<Outcome()> &check)
     const std::string text = text_of(ends[0]);
     (void)close(ends[0]);
     int status = 0;
-    return child > 0 && waitpid(child, &status, 0) == child ? told_by(status, text)
-                                                            : "no process can be started";
+    return child > 0 && waitpid(child, &status, 0) == child ? told_by(status, text) : "no process can be started";
 }
 
 bool in_process(const std::function<bool()> &body)
@@ -92,8 +88,7 @@ Outcome in_threads(int count, const std::function<Outcome(int)> &body)
     return "";
 }
 
-Outcome while_another_writes(const std::function<void()> &writes,
-                             const std::function<Outcome()> &look)
+Outcome while_another_writes(const std::function<void()> &writes, const std::function<Outcome()> &look)
 {
     const pid_t writer = fork();
     if (writer == 0) {

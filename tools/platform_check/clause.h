@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace platform_check
-{
+namespace platform_check {
 
 // What is wrong, or nothing.
 using Outcome = std::string;
@@ -50,7 +49,6 @@ Outcome in_threads(int count, const std::function<Outcome(int)> &body);
 
 // Runs writes in a process of its own, and looks again and again meanwhile. What look complained
 // of.
-Outcome while_another_writes(const std::function<void()> &writes,
-                             const std::function<Outcome()> &look);
+Outcome while_another_writes(const std::function<void()> &writes, const std::function<Outcome()> &look);
 
 }  // namespace platform_check

@@ -8,10 +8,8 @@
 #include "clause.h"
 #include "vrbapi.h"
 
-namespace platform_check
-{
-namespace
-{
+namespace platform_check {
+namespace {
 
 constexpr const char *integer_file = "/etc/kesta_sys/.platform_check";
 constexpr unsigned char range_flag = 1;
@@ -144,8 +142,7 @@ Clauses cluster_clauses()
         {library, "failures are told, and fill the error record", failures_are_told},
         {library, "an integer is replaced whole", integers_are_replaced_whole},
         {library, "the master is a controller's number", master_is_told},
-        {library, "the network configuration has two controllers, each with its address",
-         network_is_told},
+        {library, "the network configuration has two controllers, each with its address", network_is_told},
     };
 }
 

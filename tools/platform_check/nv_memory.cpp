@@ -6,11 +6,9 @@
 
 #include "clause.h"
 
-namespace platform_check
-{
+namespace platform_check {
 
-int transfer(bool writes, cpfw_nv_region_t region, std::uint64_t offset, void *bytes,
-             std::uint64_t size)
+int transfer(bool writes, cpfw_nv_region_t region, std::uint64_t offset, void *bytes, std::uint64_t size)
 {
     cpfw_nv_access_t access{bytes, offset, size};
     return writes ? zKTsanfwctl_write_nv(no_handle, &region, &access, 1)
@@ -28,8 +26,7 @@ std::string read_nv(std::uint64_t offset, std::size_t size, cpfw_nv_region_t reg
     return transfer(false, region, offset, bytes.data(), size) == 0 ? bytes : refused_bytes;
 }
 
-namespace
-{
+namespace {
 
 Outcome keeps_what_is_written()
 {
@@ -37,8 +34,8 @@ Outcome keeps_what_is_written()
         for (const cpfw_nv_region_t region : {image_region, other_region}) {
             const std::string bytes(size, static_cast<char>('a' + size % 26));
             if (write_nv(0, bytes, region) != 0) {
-                return "a write of " + std::to_string(size) + " bytes to region " +
-                       std::to_string(region) + " is refused";
+                return "a write of " + std::to_string(size) + " bytes to region " + std::to_string(region) +
+                       " is refused";
             }
             if (read_nv(0, size, region) != bytes) {
                 return std::to_string(size) + " bytes of region " + std::to_string(region) +
@@ -61,13 +58,10 @@ Outcome regions_are_apart()
 
 Outcome writes_touch_nothing_else()
 {
-    if (write_nv(96, std::string(64, '.')) != 0 || write_nv(104, "12345678") != 0 ||
-        write_nv(115, "odd") != 0) {
+    if (write_nv(96, std::string(64, '.')) != 0 || write_nv(104, "12345678") != 0 || write_nv(115, "odd") != 0) {
         return "a write is refused";
     }
-    return read_nv(96, 64) == "........12345678...odd" + std::string(42, '.')
-               ? ""
-               : "bytes beside it changed";
+    return read_nv(96, 64) == "........12345678...odd" + std::string(42, '.') ? "" : "bytes beside it changed";
 }
 
 Outcome reads_fill_nothing_else()
@@ -127,9 +121,7 @@ Outcome transfers_are_whole()
         },
         []() -> Outcome {
             const std::string seen = read_nv(600, size);
-            return seen == std::string(size, seen[0])
-                       ? ""
-                       : "half of one transfer was seen beside half of another";
+            return seen == std::string(size, seen[0]) ? "" : "half of one transfer was seen beside half of another";
         });
 }
 
@@ -178,9 +170,7 @@ Outcome ask_status(Statuses &statuses, int before)
     if (zKTsanfwctl_get_status(0, &statuses.two) != 0) {
         return "zKTsanfwctl_get_status is refused for kind 0";
     }
-    return zKTsanfwctl_get_status_ex(1, &statuses.four) == 0
-               ? ""
-               : "zKTsanfwctl_get_status_ex is refused for kind 1";
+    return zKTsanfwctl_get_status_ex(1, &statuses.four) == 0 ? "" : "zKTsanfwctl_get_status_ex is refused for kind 1";
 }
 
 Outcome status_is_told()
@@ -206,10 +196,10 @@ Outcome statuses_agree()
     if (Outcome outcome = ask_status(told, 0); !outcome.empty()) {
         return outcome;
     }
-    const std::array<std::uint8_t, 4> plain{told.two.cont0_sts, told.two.cont1_sts,
-                                            told.two.card0_sts, told.two.card1_sts};
-    const std::array<std::uint8_t, 4> extended{told.four.cont_sts[0], told.four.cont_sts[1],
-                                               told.four.card_sts[0], told.four.card_sts[1]};
+    const std::array<std::uint8_t, 4> plain{told.two.cont0_sts, told.two.cont1_sts, told.two.card0_sts,
+                                            told.two.card1_sts};
+    const std::array<std::uint8_t, 4> extended{told.four.cont_sts[0], told.four.cont_sts[1], told.four.card_sts[0],
+                                               told.four.card_sts[1]};
     return plain == extended ? "" : "the two forms differ about controller 0 or 1";
 }
 
@@ -219,17 +209,14 @@ Clauses nv_clauses()
 {
     constexpr const char *library = "libsanfwctl";
     return {
-        {library, "what is written is read back, in all sizes, in regions 0 and 2",
-         keeps_what_is_written},
+        {library, "what is written is read back, in all sizes, in regions 0 and 2", keeps_what_is_written},
         {library, "each region has contents of its own", regions_are_apart},
         {library, "a write touches nothing beside it", writes_touch_nothing_else},
-        {library, "a read fills what was asked for, and nothing beside it",
-         reads_fill_nothing_else},
+        {library, "a read fills what was asked for, and nothing beside it", reads_fill_nothing_else},
         {library, "a transfer leaves its records as they are", records_are_left_alone},
         {library, "all processes share the regions", is_shared},
         {library, "a transfer is seen whole or not at all", transfers_are_whole},
-        {library, "a transfer beyond the end is refused, and does nothing",
-         refuses_what_is_out_of_range},
+        {library, "a transfer beyond the end is refused, and does nothing", refuses_what_is_out_of_range},
         {library, "threads may transfer at once", serves_threads},
         {library, "the controller status is told, each byte of it", status_is_told},
         {library, "both forms of the controller status agree", statuses_agree},

@@ -9,16 +9,14 @@
 #include "nv_memory.h"
 #include "standard_descriptors.h"
 
-namespace
-{
+namespace {
 
 using namespace platform_check;
 
 Clauses all_clauses()
 {
     Clauses all;
-    for (const auto &of :
-         {nv_clauses, backup_area_clauses, cluster_clauses, trace_clauses, process_clauses}) {
+    for (const auto &of : {nv_clauses, backup_area_clauses, cluster_clauses, trace_clauses, process_clauses}) {
         for (const Clause &clause : of()) {
             all.push_back(clause);
         }
@@ -27,18 +25,13 @@ Clauses all_clauses()
 }
 
 // Regions 0 and 2 as they were.
-class KeptRegions
-{
+class KeptRegions {
 public:
-    KeptRegions()
-        : image_(read_nv(0, region_size, image_region)),
-          other_(read_nv(0, region_size, other_region))
-    {
-    }
+    KeptRegions() : image_(read_nv(0, region_size, image_region)), other_(read_nv(0, region_size, other_region)) {}
     bool put_back() const
     {
-        return image_.size() == region_size && other_.size() == region_size &&
-               write_nv(0, image_, image_region) == 0 && write_nv(0, other_, other_region) == 0;
+        return image_.size() == region_size && other_.size() == region_size && write_nv(0, image_, image_region) == 0 &&
+               write_nv(0, other_, other_region) == 0;
     }
 
 private:
@@ -54,8 +47,8 @@ int check_all()
     for (const Clause &clause : all) {
         const Outcome outcome = in_own_process(clause.check);
         failed += outcome.empty() ? 0 : 1;
-        std::cout << (outcome.empty() ? "ok    " : "FAIL  ") << clause.library << ": "
-                  << clause.what << (outcome.empty() ? "" : " -- " + outcome) << std::endl;
+        std::cout << (outcome.empty() ? "ok    " : "FAIL  ") << clause.library << ": " << clause.what
+                  << (outcome.empty() ? "" : " -- " + outcome) << std::endl;
     }
     if (!kept.put_back()) {
         std::cout << "FAIL  NV memory could not be put back as it was" << std::endl;
@@ -72,8 +65,7 @@ int main(int argc, char **argv)  // NOLINT(bugprone-exception-escape)
 {
     kesta::open_standard_descriptors();
     remember_inherited_descriptors();
-    CLI::App app{"Holds the platform's four libraries against what libkesta relies on.",
-                 "kesta-platform-check"};
+    CLI::App app{"Holds the platform's four libraries against what libkesta relies on.", "kesta-platform-check"};
     app.set_version_flag("--version", "kesta-platform-check " KESTA_VERSION);
     bool run = false;
     std::string trace_log;

@@ -13,10 +13,8 @@
 #include "sbacc.h"
 #include "vrbapi.h"
 
-namespace platform_check
-{
-namespace
-{
+namespace platform_check {
+namespace {
 
 constexpr const char *scratch = "kesta_platform_check";
 constexpr const char *scratch_of_children = "kesta_platform_child";  // two writers of one file may meet
@@ -88,8 +86,7 @@ Outcome standard_descriptors_stay_free()
     Outcome outcome;
     for (int fd = 0; fd < standard; ++fd) {
         if (fcntl(fd, F_GETFD) >= 0) {
-            outcome =
-                "descriptor " + std::to_string(fd) + " is taken where the program has it closed";
+            outcome = "descriptor " + std::to_string(fd) + " is taken where the program has it closed";
         }
     }
     (void)sbacc_close(handle);
@@ -149,8 +146,7 @@ Clauses process_clauses()
 {
     constexpr const char *library = "all";
     return {
-        {library, "descriptors are closed in commands that are run",
-         descriptors_are_closed_on_exec},
+        {library, "descriptors are closed in commands that are run", descriptors_are_closed_on_exec},
         {library, "descriptors 0, 1 and 2 are left to the program", standard_descriptors_stay_free},
         {library, "children made beside threads go on", children_go_on},
         {library, "a cancelled thread leaves nothing locked", cancelled_threads_leave_nothing_held},

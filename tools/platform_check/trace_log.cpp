@@ -12,10 +12,8 @@
 #include "clause.h"
 #include "mc_logapi.h"
 
-namespace platform_check
-{
-namespace
-{
+namespace platform_check {
+namespace {
 
 constexpr const char *source = "platform_check.cpp";
 constexpr std::size_t longest_kept = 1024;
@@ -30,8 +28,7 @@ Outcome keeps_errno()
 {
     for (int level = 1; level <= 5; ++level) {
         errno = 4711;
-        MC_OutTrace(source, __LINE__, level, "[platform_check] level %d %s", level,
-                    std::string(5000, 'x').c_str());
+        MC_OutTrace(source, __LINE__, level, "[platform_check] level %d %s", level, std::string(5000, 'x').c_str());
         if (errno != 4711) {
             return "MC_OutTrace has changed errno at level " + std::to_string(level);
         }
@@ -69,8 +66,7 @@ std::string contents_of_open_files()
 {
     std::string all;
     for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        struct stat status {
-        };
+        struct stat status {};
         if (stat(entry.path().c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
             all += contents_of(entry.path());
         }
@@ -85,8 +81,8 @@ std::string logged(const std::string &text)
     if (caught < 0 || dup2(caught, STDERR_FILENO) < 0) {
         return "";
     }
-    MC_OutTrace("../common/platform_check.cpp", 4711, 1, "[%s] %d %s", "platform_check",
-                static_cast<int>(getpid()), text.c_str());
+    MC_OutTrace("../common/platform_check.cpp", 4711, 1, "[%s] %d %s", "platform_check", static_cast<int>(getpid()),
+                text.c_str());
     return trace_log().empty() ? contents_of_open_files() : contents_of(trace_log());
 }
 
@@ -98,18 +94,15 @@ Outcome keeps_text()
     const std::string log = logged(text);
     const std::size_t line = log.rfind("[platform_check] " + pid);
     if (line == std::string::npos) {
-        return log.find("platform_check") == std::string::npos
-                   ? "no log has it (name the log's file with --trace-log)"
-                   : "the text of a trace is not in the log";
+        return log.find("platform_check") == std::string::npos ? "no log has it (name the log's file with --trace-log)"
+                                                               : "the text of a trace is not in the log";
     }
-    if (log.compare(line, text.size() + pid.size() + 18, "[platform_check] " + pid + " " + text) !=
-        0) {
+    if (log.compare(line, text.size() + pid.size() + 18, "[platform_check] " + pid + " " + text) != 0) {
         return "less than " + std::to_string(longest_kept) + " characters of a trace are kept";
     }
     const std::size_t begin = log.rfind('\n', line);
     const std::string head = log.substr(begin == std::string::npos ? 0 : begin, line - begin);
-    return head.find("platform_check.cpp") != std::string::npos &&
-                   head.find("4711") != std::string::npos
+    return head.find("platform_check.cpp") != std::string::npos && head.find("4711") != std::string::npos
                ? ""
                : "file and line of a trace are not in the log";
 }
@@ -144,8 +137,7 @@ Clauses trace_clauses()
     return {
         {library, "a trace leaves errno as it was", keeps_errno},
         {library, "a trace of any length is borne", bears_long_text},
-        {library, "the log has the text of a trace, 1024 characters of it, its file and line",
-         keeps_text},
+        {library, "the log has the text of a trace, 1024 characters of it, its file and line", keeps_text},
         {library, "a source path is stripped to its file, within the same text", strips_paths},
         {library, "threads may trace at once", serves_threads},
     };
