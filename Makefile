@@ -1,7 +1,7 @@
 # The commands of the README. Each one installs what it needs first (scripts/install-deps.sh).
 
 .DEFAULT_GOAL := build
-.PHONY: build build-asan demo test bench stress check-release check-asan check-tsan check-tidy check-models check-fuzz fuzz coverage docs packages install deps clean
+.PHONY: build build-asan demo test bench stress check-release check-asan check-tsan check-tidy check-format check-models check-fuzz fuzz coverage docs packages install deps clean
 
 JOBS ?= $(shell nproc)
 # Tests wait for one another's processes more than they compute.
@@ -21,7 +21,7 @@ demo: build
 	@scripts/demo.sh build/release
 
 # Every test: as shipped, under the address, undefined behaviour and thread sanitizers, and the
-# static checks of the library.
+# static checks of the library, its platforms and the lab.
 test: check-release check-asan check-tsan check-tidy check-models check-fuzz
 	@echo "All tests passed."
 
@@ -42,8 +42,12 @@ check-tsan: deps
 	ctest --preset tsan -j $(TEST_JOBS)
 
 check-tidy: build-asan
-	run-clang-tidy -quiet -p build/asan -j $(JOBS) '/(common|platform)/.*\.cpp$$' > build/tidy.log 2>&1 \
+	run-clang-tidy -quiet -p build/asan -j $(JOBS) '^$(CURDIR)/(common|platform|lab|tools/platform_check)/.*\.cpp$$' > build/tidy.log 2>&1 \
 	    || { cat build/tidy.log; exit 1; }
+
+# The look of the sources.
+check-format: deps
+	scripts/format.sh --check
 
 # The models of the locks: what is excluded, and the shortest runs for what is not.
 check-models: deps

@@ -19,8 +19,6 @@
 #include "recipe.h"
 #include "sbin_view.h"
 
-extern char **environ;
-
 namespace lab {
 namespace {
 
@@ -88,6 +86,7 @@ void append_to(const fs::path &path, const std::string &text)
 void run_quietly(const std::vector<std::string> &command)
 {
     std::vector<char *> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string &word : command) {
         arguments.push_back(const_cast<char *>(word.c_str()));
     }
@@ -170,7 +169,7 @@ void copy_libraries(const fs::path &product, const std::string &platform, const 
 
 fs::path recipe_file(const fs::path &product, const std::string &platform)
 {
-    const fs::path file = product / KESTA_INSTALL_RECIPEDIR / (platform + ".recipe");
+    fs::path file = product / KESTA_INSTALL_RECIPEDIR / (platform + ".recipe");
     if (platform.find('/') != platform.npos || !fs::exists(file)) {
         throw Error("there is no platform " + platform + " with a recipe for the lab, " + file.string() +
                     ": build or install it, or name another one with --platform");

@@ -75,6 +75,7 @@ void print_status(const lab::Appliance &appliance)
 {
     appliance.enter(lab::controller_number(controller), binds);
     std::vector<char *> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string &word : command) {
         arguments.push_back(const_cast<char *>(word.c_str()));
     }
@@ -106,7 +107,8 @@ std::vector<std::string> split_command(int &argc, char **argv)
 
 }  // namespace
 
-int main(int argc, char **argv)
+// Without memory for its options it ends, as by any other signal.
+int main(int argc, char **argv)  // NOLINT(bugprone-exception-escape)
 {
     kesta::open_standard_descriptors();
     (void)signal(SIGCHLD, SIG_DFL);  // ignored by a parent, it would hide how commands end

@@ -5,7 +5,7 @@ set -eu
 
 packages="
     ca-certificates build-essential make cmake ninja-build pkg-config
-    g++ gcc clang clang-tidy libclang-rt-14-dev binutils
+    g++ gcc clang clang-tidy clang-format libclang-rt-14-dev binutils
     libxml2-dev libarchive-dev libcli11-dev nlohmann-json3-dev nettle-dev
     libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
     spin

@@ -80,7 +80,7 @@ constexpr NvItemRow mirrored(NvItemRow row, const char *file, unsigned int repai
     mirrored(item_of(n, KESTA_BLOCK_VERSION_CNT0, "version-cnt" #n, KESTA_NV_KIND_VERSION,       \
                      KESTA_FIELD(cnttbl.versioninfo.cnt[n].version), KESTA_IDTYPE_VERSION,       \
                      KESTA_VER_AREA_CURRENT),                                                    \
-             "kesta_ver" #n, sizeof(std::int32_t), 3 + n, 5 + n, "Version #" #n)
+             "kesta_ver" #n, sizeof(std::int32_t), 3 + (n), 5 + (n), "Version #" #n)
 #define KESTA_STATUS(n)                                                                          \
     item_of(n, KESTA_BLOCK_STATUS_CNT0, "status-cnt" #n, KESTA_NV_KIND_NUMBER,                   \
             KESTA_FIELD(cnttbl.versioninfo.cnt[n].status), KESTA_IDTYPE_STATUS, KESTA_VER_AREA_STATUS)

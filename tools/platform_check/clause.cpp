@@ -77,6 +77,7 @@ Outcome in_threads(int count, const std::function<Outcome(int)> &body)
 {
     std::vector<Outcome> outcomes(static_cast<std::size_t>(count));
     std::vector<std::thread> threads;
+    threads.reserve(outcomes.size());
     for (int i = 0; i < count; ++i) {
         threads.emplace_back([&, i] { outcomes[static_cast<std::size_t>(i)] = body(i); });
     }

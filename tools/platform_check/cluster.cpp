@@ -78,8 +78,7 @@ Outcome failures_are_told()
     int read = -1;
     _VRBAPIERRINFO error{};
     const int got = vrbapi_getint_from_file(integer_file, range_flag, 0, 3, &read, &error);
-    if (const Outcome outcome = told("reading a file that does not exist", got, error);
-        !outcome.empty()) {
+    if (Outcome outcome = told("reading a file that does not exist", got, error); !outcome.empty()) {
         return outcome;
     }
     error = {};

@@ -203,7 +203,7 @@ Outcome status_is_told()
 Outcome statuses_agree()
 {
     Statuses told{};
-    if (const Outcome outcome = ask_status(told, 0); !outcome.empty()) {
+    if (Outcome outcome = ask_status(told, 0); !outcome.empty()) {
         return outcome;
     }
     const std::array<std::uint8_t, 4> plain{told.two.cont0_sts, told.two.cont1_sts,

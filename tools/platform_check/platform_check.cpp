@@ -67,7 +67,8 @@ int check_all()
 
 }  // namespace
 
-int main(int argc, char **argv)
+// Without memory for its options it ends, as by any other signal.
+int main(int argc, char **argv)  // NOLINT(bugprone-exception-escape)
 {
     kesta::open_standard_descriptors();
     remember_inherited_descriptors();
