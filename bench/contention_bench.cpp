@@ -42,14 +42,17 @@ Turn inner_lock()
 {
     const int own = kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_OWN_NUMBER);
     return [own] {
-        return kestal_cntl_innerlock(own) == KESTA_OK && kestal_reset_mycnt_innerlock_main(own, clear_own_slot) == KESTA_OK;
+        return kestal_cntl_innerlock(own) == KESTA_OK &&
+               kestal_reset_mycnt_innerlock_main(own, clear_own_slot) == KESTA_OK;
     };
 }
 
 Turn file_lock()
 {
     const int file = open(file_path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    return [file] { return lockf(file, F_LOCK, 0) == 0 && lockf(file, F_ULOCK, 0) == 0; };
+    return [file] {
+        return lockf(file, F_LOCK, 0) == 0 && lockf(file, F_ULOCK, 0) == 0;
+    };
 }
 
 Turn database()
@@ -58,13 +61,16 @@ Turn database()
     sqlite3_stmt *update = nullptr;
     const bool ready =
         sqlite3_open(database_path, &opened) == SQLITE_OK && sqlite3_busy_timeout(opened, 60000) == SQLITE_OK &&
-        sqlite3_exec(opened, "PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF;", nullptr, nullptr, nullptr) == SQLITE_OK &&
+        sqlite3_exec(opened, "PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF;", nullptr, nullptr, nullptr) ==
+            SQLITE_OK &&
         sqlite3_exec(opened,
                      "CREATE TABLE IF NOT EXISTS slot (id INTEGER PRIMARY KEY, token INT);"
                      "INSERT OR REPLACE INTO slot VALUES (0, 0)",
                      nullptr, nullptr, nullptr) == SQLITE_OK &&
         sqlite3_prepare_v2(opened, "UPDATE slot SET token = token + 1 WHERE id = 0", -1, &update, nullptr) == SQLITE_OK;
-    return [ready, update] { return ready && sqlite3_step(update) == SQLITE_DONE && sqlite3_reset(update) == SQLITE_OK; };
+    return [ready, update] {
+        return ready && sqlite3_step(update) == SQLITE_DONE && sqlite3_reset(update) == SQLITE_OK;
+    };
 }
 
 int work(const Turn &turn, Turns::Process &process, std::chrono::seconds seconds)
@@ -93,7 +99,10 @@ int main(int argc, char **argv)
     const int count = argc == 4 ? atoi(argv[2]) : 0;
     const std::chrono::seconds seconds(argc == 4 ? atoi(argv[3]) : 0);
     const std::string kind = argc == 4 ? argv[1] : "";
-    Turn (*const make)() = kind == "inner" ? inner_lock : kind == "lockf" ? file_lock : kind == "sqlite" ? database : nullptr;
+    Turn (*const make)() = kind == "inner"    ? inner_lock
+                           : kind == "lockf"  ? file_lock
+                           : kind == "sqlite" ? database
+                                              : nullptr;
     if (!make || count < 1 || seconds.count() < 1) {
         return usage();
     }
@@ -130,9 +139,12 @@ int main(int argc, char **argv)
     }
     std::sort(waits.begin(), waits.end());
     std::sort(each.begin(), each.end());
-    const auto at = [&waits](double part) { return waits[static_cast<std::size_t>(part * static_cast<double>(waits.size() - 1))]; };
-    printf("{\"kind\": \"%s\", \"processes\": %d, \"turns\": %zu, \"fewest\": %zu, \"most\": %zu, "
-           "\"p50\": %.4f, \"p90\": %.4f, \"p99\": %.4f, \"longest\": %.4f}\n",
-           kind.c_str(), count, waits.size(), each.front(), each.back(), at(0.5), at(0.9), at(0.99), waits.back());
+    const auto at = [&waits](double part) {
+        return waits[static_cast<std::size_t>(part * static_cast<double>(waits.size() - 1))];
+    };
+    printf(
+        "{\"kind\": \"%s\", \"processes\": %d, \"turns\": %zu, \"fewest\": %zu, \"most\": %zu, "
+        "\"p50\": %.4f, \"p90\": %.4f, \"p99\": %.4f, \"longest\": %.4f}\n",
+        kind.c_str(), count, waits.size(), each.front(), each.back(), at(0.5), at(0.9), at(0.99), waits.back());
     return 0;
 }

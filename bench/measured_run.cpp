@@ -44,7 +44,10 @@ int count_instructions(pid_t child)
     return static_cast<int>(syscall(SYS_perf_event_open, &what, child, -1, -1, PERF_FLAG_FD_CLOEXEC));
 }
 
-double seconds_of(const timeval &time) { return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6; }
+double seconds_of(const timeval &time)
+{
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+}
 
 Run run(char *const *command)
 {
