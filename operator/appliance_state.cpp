@@ -32,8 +32,7 @@ int read_through(const Block &block, From from, BlockValue &value)
         break;
     }
     int sysback = not_asked;
-    const int result =
-        kestal_non_volatile_rw_func(block.id, KESTA_BLOCK_READ, data, block.size, &sysback);
+    const int result = kestal_non_volatile_rw_func(block.id, KESTA_BLOCK_READ, data, block.size, &sysback);
     value.place = sysback == KESTA_OK ? "system backup area" : "NV memory";
     return result;
 }
@@ -41,13 +40,11 @@ int read_through(const Block &block, From from, BlockValue &value)
 void check_place(const Block &block, From from)
 {
     if (from == From::sysback && !block.mirrored) {
-        throw Failure(Exit::usage, "not-mirrored",
-                      "Block " + block.name + " has no file in the system backup area.",
+        throw Failure(Exit::usage, "not-mirrored", "Block " + block.name + " has no file in the system backup area.",
                       "Read it from NV memory: leave out --from sysback.");
     }
     if (from == From::memory && !block.in_memory) {
-        throw Failure(Exit::usage, "not-in-memory",
-                      "Block " + block.name + " has no place in NV memory.",
+        throw Failure(Exit::usage, "not-in-memory", "Block " + block.name + " has no place in NV memory.",
                       "It lives in the system backup area only: leave out --from memory.");
     }
 }
@@ -64,9 +61,9 @@ BlockValue read_block(const Block &block, From from)
     if (result != KESTA_OK || nowhere) {
         fail_call("read-failed",
                   "Block " + block.name + " could not be read from " +
-                          (from == From::both ? "any place" : "the " + value.place) + ".",
-                      "Look at the traces (--trace 1) for the failed call, and check the disk and "
-                      "the storage firmware.");
+                      (from == From::both ? "any place" : "the " + value.place) + ".",
+                  "Look at the traces (--trace 1) for the failed call, and check the disk and "
+                  "the storage firmware.");
     }
     return value;
 }
@@ -99,8 +96,8 @@ void write_block(const Block &block, std::vector<char> bytes)
     const std::string name = "Block " + block.name;
     under_inner_lock(name + " was not written.", [&] {
         ask_both_places();
-        if (kestal_non_volatile_rw_func(block.id, KESTA_BLOCK_WRITE, bytes.data(),
-                                        static_cast<unsigned>(bytes.size()), nullptr) != KESTA_OK) {
+        if (kestal_non_volatile_rw_func(block.id, KESTA_BLOCK_WRITE, bytes.data(), static_cast<unsigned>(bytes.size()),
+                                        nullptr) != KESTA_OK) {
             fail_call("write-failed", name + " was not written to every place it lives in.",
                       "Look at --trace 1 for the place that failed. If the system backup area is "
                       "gone, --memory-only writes NV memory alone.");
@@ -109,10 +106,7 @@ void write_block(const Block &block, std::vector<char> bytes)
     });
 }
 
-std::string field_text(const std::vector<char> &bytes)
-{
-    return {bytes.data(), strnlen(bytes.data(), bytes.size())};
-}
+std::string field_text(const std::vector<char> &bytes) { return {bytes.data(), strnlen(bytes.data(), bytes.size())}; }
 
 std::string accept_slot()
 {
@@ -122,18 +116,14 @@ std::string accept_slot()
     return is_slot(in_memory) ? in_memory : plain_text(field_text(read_block(block, From::both).bytes));
 }
 
-std::string backup_slot()
-{
-    return plain_text(field_text(read_block(find_block("backup-name"), From::both).bytes));
-}
+std::string backup_slot() { return plain_text(field_text(read_block(find_block("backup-name"), From::both).bytes)); }
 
 int learn_own_number()
 {
     const int number = kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_OWN_NUMBER_NO_FILE);
     if (number < 0) {
-        fail_call("own-number-unknown",
-                  "This controller's own number could not be had from /usr/sbin/cpinfo -i.",
-                      "Run that command by hand: it must print 0, 1, 2 or 3.");
+        fail_call("own-number-unknown", "This controller's own number could not be had from /usr/sbin/cpinfo -i.",
+                  "Run that command by hand: it must print 0, 1, 2 or 3.");
     }
     return number;
 }
@@ -142,9 +132,8 @@ void require_writable()
 {
     const int mode = kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_BOOT_MODE);
     if (mode < 0) {
-        fail_call("boot-mode-unknown",
-                  "The boot mode could not be had from /usr/sbin/cpinfo -b.",
-                      "Run that command by hand: it must print normal, suspend or initconf.");
+        fail_call("boot-mode-unknown", "The boot mode could not be had from /usr/sbin/cpinfo -b.",
+                  "Run that command by hand: it must print normal, suspend or initconf.");
     }
     if (mode == KESTA_BOOT_SUSPEND) {
         throw Failure(Exit::no, "suspended",
@@ -191,9 +180,9 @@ void fail_call(const std::string &code, const std::string &message, const std::s
 std::string require_slot(const std::string &name, const std::string &which)
 {
     if (!is_slot(name)) {
-        throw Failure(Exit::no, "no-slot-name",
-                      "No " + which + " slot is in force: the stored name is '" + name + "'.",
-                      "'kestactl verify' tells by the archives which slot is which, and gives the command that names them.");
+        throw Failure(
+            Exit::no, "no-slot-name", "No " + which + " slot is in force: the stored name is '" + name + "'.",
+            "'kestactl verify' tells by the archives which slot is which, and gives the command that names them.");
     }
     return name;
 }

@@ -52,8 +52,7 @@ void use_memory_only();
 void ask_both_places();
 
 // What a failed library call means: held by the inner lock, or a failure of the platform.
-[[noreturn]] void fail_call(const std::string &code, const std::string &message,
-                            const std::string &hint);
+[[noreturn]] void fail_call(const std::string &code, const std::string &message, const std::string &hint);
 
 // The slot name, or a Failure that says how to set one.
 std::string require_slot(const std::string &name, const std::string &which);

@@ -65,7 +65,11 @@ struct SlotBytes {
 template <typename Held>
 ArchiveContents contents_of_held(const std::shared_ptr<Held> &held, std::string_view bytes)
 {
-    return {bytes.size(), [held, bytes] { return [held, rest = bytes]() mutable { return std::exchange(rest, {}); }; }};
+    return {bytes.size(), [held, bytes] {
+                return [held, rest = bytes]() mutable {
+                    return std::exchange(rest, {});
+                };
+            }};
 }
 
 }  // namespace
@@ -83,7 +87,9 @@ ArchiveContents contents_of_file(Descriptor file, const std::string &path)
     if (!open->file || fstat(open->file.get(), &status) != 0) {
         fail_reading(path);
     }
-    return {static_cast<std::uint64_t>(status.st_size), [open] { return open->pieces(open); }};
+    return {static_cast<std::uint64_t>(status.st_size), [open] {
+                return open->pieces(open);
+            }};
 }
 
 ArchiveContents contents_of_path(const std::string &path) { return contents_of_file(open_plain_file(path), path); }
@@ -100,7 +106,9 @@ ArchiveContents read_slot(const std::string &slot)
 
 ArchiveContents contents_of_slot(const std::string &slot, std::uint64_t size)
 {
-    return {size, [slot] { return read_slot(slot).pieces(); }};
+    return {size, [slot] {
+                return read_slot(slot).pieces();
+            }};
 }
 
 ArchiveContents contents_known_as(const ArchiveContents &contents, const std::string &sha256, const std::string &name)

@@ -30,7 +30,11 @@ private:
 struct ArchiveContents {
     std::uint64_t size = 0;
     // From the beginning, as often as it is asked for; one reader at a time.
-    std::function<NextPiece()> pieces = [] { return [] { return std::string_view(); }; };
+    std::function<NextPiece()> pieces = [] {
+        return [] {
+            return std::string_view();
+        };
+    };
 };
 
 ArchiveContents contents_of_bytes(std::string bytes);

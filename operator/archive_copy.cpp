@@ -60,7 +60,8 @@ Source required_source(const ArchiveCopyRequest &request)
     Source source = read_source(request.from);
     require_whole(source.evidence, "The archive of " + request.from);
     if (!request.sha256.empty() && source.evidence.sha256 != request.sha256) {
-        throw Failure(Exit::no, "changed-meanwhile", request.from + " holds another archive than the one that was named.",
+        throw Failure(Exit::no, "changed-meanwhile",
+                      request.from + " holds another archive than the one that was named.",
                       "Nothing was changed. Look at 'kestactl verify' again.");
     }
     return source;
@@ -70,7 +71,8 @@ Source required_source(const ArchiveCopyRequest &request)
 void require_readable_target(const ArchiveEvidence &target, const std::string &to)
 {
     if (target.state == CopyState::unreadable) {
-        throw Failure(Exit::platform, "target-unreadable", to + " can't be read, and is not overwritten: " + target.reason + ".",
+        throw Failure(Exit::platform, "target-unreadable",
+                      to + " can't be read, and is not overwritten: " + target.reason + ".",
                       "Check its disk, or the limits of archives: what it holds may be whole.");
     }
 }
@@ -87,9 +89,10 @@ void write_slot(const std::string &slot, const ArchiveContents &contents)
     void *data = bytes.data();
     auto size = static_cast<unsigned>(bytes.size());
     if (kestal_backup_rw(slot.c_str(), KESTA_FILE_WRITE, &data, &size) != KESTA_OK) {
-        fail_call("slot-failed", "The archive was not stored in slot " + slot + ".",
-                  "What the slot held is kept as a generation. Look at --trace 1 and at the system backup area, then run the "
-                  "command again.");
+        fail_call(
+            "slot-failed", "The archive was not stored in slot " + slot + ".",
+            "What the slot held is kept as a generation. Look at --trace 1 and at the system backup area, then run the "
+            "command again.");
     }
 }
 
@@ -123,7 +126,8 @@ KeepReport copy_archive(const ArchiveCopyRequest &request, const std::string &ve
         report.add(keep_replaced({{place, Replacing::in_place}}, verb, rule));
     }
     if (is_on_flash(to)) {
-        with_room_on_flash(report, [&] { write_file_whole(path_of(to), source.contents.pieces()); }, rule.source);
+        with_room_on_flash(
+            report, [&] { write_file_whole(path_of(to), source.contents.pieces()); }, rule.source);
     } else {
         write_slot(slot_of(to), source.contents);
     }

@@ -161,14 +161,14 @@ const char *kind_of(mode_t mode)
 const char *name_of(CopyState state)
 {
     switch (state) {
-        case CopyState::good:
-            return "good";
-        case CopyState::damaged:
-            return "damaged";
-        case CopyState::absent:
-            return "absent";
-        default:
-            return "unreadable";
+    case CopyState::good:
+        return "good";
+    case CopyState::damaged:
+        return "damaged";
+    case CopyState::absent:
+        return "absent";
+    default:
+        return "unreadable";
     }
 }
 
@@ -206,7 +206,13 @@ ArchiveEvidence evidence_of(const ArchiveContents &contents, const std::function
 
 ArchiveEvidence evidence_of_bytes(std::string_view bytes, const std::function<void()> &look)
 {
-    return examine({bytes.size(), [bytes] { return [rest = bytes]() mutable { return std::exchange(rest, {}); }; }}, look);
+    return examine({bytes.size(),
+                    [bytes] {
+                        return [rest = bytes]() mutable {
+                            return std::exchange(rest, {});
+                        };
+                    }},
+                   look);
 }
 
 ArchiveEvidence evidence_of_slot(const std::string &slot, ArchiveContents &contents, const std::function<void()> &look)

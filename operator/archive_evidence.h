@@ -39,20 +39,24 @@ const char *name_of(CopyState state);
 
 // Of a file: a missing one is absent; anything that is no plain file, or gives an error, is unreadable. An archive
 // beyond the limits is unreadable too: nothing tells whether it is whole. Both look again and again, which may throw.
-ArchiveEvidence evidence_of_file(const std::string &path, const std::function<void()> &look = [] {});
+ArchiveEvidence evidence_of_file(
+    const std::string &path, const std::function<void()> &look = [] {});
 
 // The same, and the contents of a good one as they were tested.
 ArchiveEvidence evidence_of_file(const std::string &path, ArchiveContents *contents, const std::function<void()> &look);
 
 // Of contents that can be had already.
-ArchiveEvidence evidence_of(const ArchiveContents &contents, const std::function<void()> &look = [] {});
-ArchiveEvidence evidence_of_bytes(std::string_view bytes, const std::function<void()> &look = [] {});
+ArchiveEvidence evidence_of(
+    const ArchiveContents &contents, const std::function<void()> &look = [] {});
+ArchiveEvidence evidence_of_bytes(
+    std::string_view bytes, const std::function<void()> &look = [] {});
 
 // Of a slot of the system backup area, or any other file of it: absent only if the platform said that there is no such
 // file. The second gives what was read as well.
-ArchiveEvidence evidence_of_slot(const std::string &slot, const std::function<void()> &look = [] {});
-ArchiveEvidence evidence_of_slot(const std::string &slot, ArchiveContents &contents,
-                                 const std::function<void()> &look = [] {});
+ArchiveEvidence evidence_of_slot(
+    const std::string &slot, const std::function<void()> &look = [] {});
+ArchiveEvidence evidence_of_slot(
+    const std::string &slot, ArchiveContents &contents, const std::function<void()> &look = [] {});
 
 // Throws DamagedArchive or Failure unless it is good; the name is what it is told of as.
 void require_whole(const ArchiveEvidence &evidence, const std::string &name);

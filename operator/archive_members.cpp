@@ -60,14 +60,14 @@ MemberKind kind_of(archive_entry *entry)
         return MemberKind::hard_link;
     }
     switch (archive_entry_filetype(entry)) {
-        case AE_IFREG:
-            return MemberKind::file;
-        case AE_IFDIR:
-            return MemberKind::folder;
-        case AE_IFLNK:
-            return MemberKind::link;
-        default:
-            return MemberKind::special;
+    case AE_IFREG:
+        return MemberKind::file;
+    case AE_IFDIR:
+        return MemberKind::folder;
+    case AE_IFLNK:
+        return MemberKind::link;
+    default:
+        return MemberKind::special;
     }
 }
 
@@ -95,8 +95,7 @@ Member member_of(archive_entry *entry, std::size_t number)
 // functions of libarchive: it is kept until they have returned.
 class Unpacking {
 public:
-    explicit Unpacking(const PackedArchive &archive)
-        : archive_(archive), reader_(archive_read_new(), archive_read_free)
+    explicit Unpacking(const PackedArchive &archive) : archive_(archive), reader_(archive_read_new(), archive_read_free)
     {
         archive_read_support_filter_bzip2(reader_.get());
         archive_read_support_format_raw(reader_.get());
@@ -110,8 +109,7 @@ public:
         if (!opened) {
             fail_damaged(archive.name, reader_.get());
         }
-        if (archive_filter_count(reader_.get()) != 2 ||
-            archive_filter_code(reader_.get(), 0) != ARCHIVE_FILTER_BZIP2) {
+        if (archive_filter_count(reader_.get()) != 2 || archive_filter_code(reader_.get(), 0) != ARCHIVE_FILTER_BZIP2) {
             fail_damaged(archive.name, "it is not what bzip2 makes");
         }
     }
@@ -165,8 +163,7 @@ public:
         }
         check(told_);
         if (++members_ > archive_.limits.members) {
-            refuse("holds more than " + std::to_string(archive_.limits.members) + " members",
-                   "archive_members");
+            refuse("holds more than " + std::to_string(archive_.limits.members) + " members", "archive_members");
         }
     }
 
@@ -198,8 +195,7 @@ private:
             refuse("holds more than " + std::to_string(limits.bytes) + " bytes", "archive_bytes");
         }
         if (bytes > ArchiveLimits::free_of_ratio && bytes / limits.ratio > archive_.size) {
-            refuse("holds more than " + std::to_string(limits.ratio) + " times its own size",
-                   "archive_ratio");
+            refuse("holds more than " + std::to_string(limits.ratio) + " times its own size", "archive_ratio");
         }
     }
     [[noreturn]] void refuse(const std::string &what, const std::string &setting) const
@@ -325,15 +321,13 @@ DamagedArchive::DamagedArchive(const std::string &name, std::string reason)
 {
 }
 
-void for_each_member(const Archive &archive,
-                     const std::function<void(const Member &, const ReadMember &)> &visit)
+void for_each_member(const Archive &archive, const std::function<void(const Member &, const ReadMember &)> &visit)
 {
     const ArchiveContents &contents = archive.contents;
     for_each_member(PackedArchive{contents.pieces(), contents.size, archive.name, archive.limits, archive.look}, visit);
 }
 
-void for_each_member(const PackedArchive &archive,
-                     const std::function<void(const Member &, const ReadMember &)> &visit)
+void for_each_member(const PackedArchive &archive, const std::function<void(const Member &, const ReadMember &)> &visit)
 {
     (void)visit_members(archive, [&visit](const Member &member, const ReadMember &read) {
         visit(member, read);

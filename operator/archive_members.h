@@ -37,7 +37,8 @@ struct Archive {
     ArchiveContents contents;
     std::string name;  // as it is told of
     ArchiveLimits limits;
-    std::function<void()> look = [] {};  // called again and again while it is read; may throw
+    std::function<void()> look = [] {
+    };  // called again and again while it is read; may throw
 };
 
 // The same, packed as it comes.
@@ -46,7 +47,8 @@ struct PackedArchive {
     std::uint64_t size = 0;
     std::string name;
     ArchiveLimits limits;
-    std::function<void()> look = [] {};
+    std::function<void()> look = [] {
+    };
 };
 
 // An archive that isn't whole, and why in a few words: "cut short", "bytes behind its end".
@@ -68,8 +70,7 @@ using ReadMember = std::function<void(const TakePiece &)>;
 // Visits every member, in order, and reads the archive to its end. It is whole if what bzip2 packed can be unpacked
 // to its end, holds all members and the mark behind the last one, and nothing else follows: not in what was packed,
 // and not behind it, be it zeros. Throws DamagedArchive, or Failure: it holds more than the limits allow.
-void for_each_member(const Archive &archive,
-                     const std::function<void(const Member &, const ReadMember &)> &visit);
+void for_each_member(const Archive &archive, const std::function<void(const Member &, const ReadMember &)> &visit);
 void for_each_member(const PackedArchive &archive,
                      const std::function<void(const Member &, const ReadMember &)> &visit);
 

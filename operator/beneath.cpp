@@ -82,8 +82,8 @@ std::optional<std::string> trusted_link(const Entry &entry)
     struct stat folder;
     struct stat link;
     const bool trusted = fstat(entry.folder.get(), &folder) == 0 && belongs_to_root(folder) &&
-                         (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0 && stat_of(entry, link) &&
-                         S_ISLNK(link.st_mode) && belongs_to_root(link);
+                         (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0 && stat_of(entry, link) && S_ISLNK(link.st_mode) &&
+                         belongs_to_root(link);
     return trusted ? link_text(entry) : std::nullopt;
 }
 
@@ -315,20 +315,14 @@ bool take_place(const Entry &entry, const std::string &from)
     return renameat(entry.folder.get(), from.c_str(), entry.folder.get(), entry.name.c_str()) == 0;
 }
 
-bool remove(const Entry &entry, const std::string &name)
-{
-    return unlinkat(entry.folder.get(), name.c_str(), 0) == 0;
-}
+bool remove(const Entry &entry, const std::string &name) { return unlinkat(entry.folder.get(), name.c_str(), 0) == 0; }
 
 bool set_owner(const Descriptor &thing, uid_t owner, gid_t group)
 {
     return fchownat(thing.get(), "", owner, group, AT_EMPTY_PATH) == 0;
 }
 
-bool set_mode(const Descriptor &thing, mode_t mode)
-{
-    return fchmod(thing.get(), mode & permission_bits) == 0;
-}
+bool set_mode(const Descriptor &thing, mode_t mode) { return fchmod(thing.get(), mode & permission_bits) == 0; }
 
 bool set_modified(const Descriptor &thing, const timespec &time)
 {

@@ -70,8 +70,10 @@ CauseWords cause_in_words()
     case EPERM:
         return {place + " can't be used by this user (" + strerror(error) + ").", "Run the command as root."};
     case EREMOTE:
-        return {place + " was refused: other machines may share its file system, and this platform is for one "
-                        "machine (" + strerror(error) + ").",
+        return {place +
+                    " was refused: other machines may share its file system, and this platform is for one "
+                    "machine (" +
+                    strerror(error) + ").",
                 "Keep it on a file system of this machine alone; the trace log names the folder and the setting."};
     case EROFS:
     case EIO:

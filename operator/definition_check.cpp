@@ -84,8 +84,9 @@ private:
 
     static std::optional<std::string> attribute(xmlNodePtr node, const char *name)
     {
-        const std::unique_ptr<xmlChar, void (*)(void *)> value(
-            xmlGetProp(node, reinterpret_cast<const xmlChar *>(name)), xmlFree);
+        const std::unique_ptr<xmlChar, void (*)(void *)> value(xmlGetProp(node,
+                                                                          reinterpret_cast<const xmlChar *>(name)),
+                                                               xmlFree);
         return value ? std::optional<std::string>(text_of(value.get())) : std::nullopt;
     }
 
@@ -115,22 +116,21 @@ private:
         for (xmlAttrPtr attribute = node->properties; attribute; attribute = attribute->next) {
             const std::string name = text_of(attribute->name);
             if (std::find(known.begin(), known.end(), name) == known.end()) {
-                note(node, "attribute " + name + " of " + quoted(text_of(node->name)) +
-                               " is ignored");
+                note(node, "attribute " + name + " of " + quoted(text_of(node->name)) + " is ignored");
             }
         }
     }
 
-    void check_count(xmlNodePtr node, const Children &children, const std::string &name,
-                     std::size_t least, std::size_t most)
+    void check_count(xmlNodePtr node, const Children &children, const std::string &name, std::size_t least,
+                     std::size_t most)
     {
         const std::vector<xmlNodePtr> &found = children.at(name);
         if (found.size() < least) {
             error(node, quoted(text_of(node->name)) + " needs " + quoted(name));
         }
         if (found.size() > most) {
-            error(found[most], "there are " + std::to_string(found.size()) + " " + quoted(name) +
-                                   ", at most " + std::to_string(most) + " are allowed");
+            error(found[most], "there are " + std::to_string(found.size()) + " " + quoted(name) + ", at most " +
+                                   std::to_string(most) + " are allowed");
         }
     }
 
@@ -143,8 +143,8 @@ private:
             return;
         }
         if (path->size() > longest) {
-            error(node, "the path of " + element + " has " + length(*path) +
-                            " characters, at most " + std::to_string(longest) + " are allowed");
+            error(node, "the path of " + element + " has " + length(*path) + " characters, at most " +
+                            std::to_string(longest) + " are allowed");
         }
         if (!may_have_wildcard && path->find('*') != std::string::npos) {
             error(node, "the path of " + element + " must not contain *");
@@ -154,8 +154,7 @@ private:
     void check_integer(xmlNodePtr node, const char *name)
     {
         const std::optional<std::string> value = attribute(node, name);
-        if (value && (value->empty() ||
-                      value->find_first_not_of("0123456789") != std::string::npos)) {
+        if (value && (value->empty() || value->find_first_not_of("0123456789") != std::string::npos)) {
             note(node, std::string(name) + "=\"" + *value + "\" is no number, and counts as 0");
         }
     }
@@ -218,16 +217,17 @@ private:
             const std::string name = property.name;
             const std::optional<std::string> value = attribute(permission, property.name);
             if (value && value->size() > property.limit) {
-                note(permission, name + " has more than " + std::to_string(property.limit) +
-                                     " characters, and is ignored");
+                note(permission,
+                     name + " has more than " + std::to_string(property.limit) + " characters, and is ignored");
             } else if (value && !value->empty() && !property.fault_of(*value).empty()) {
                 add(permission, property.anywhere, name + "=\"" + *value + "\" " + property.fault_of(*value));
             }
             usable += value && value->size() <= property.limit;
         }
         if (usable == 0) {
-            error(permission, "<permission> needs a userid (at most 31 characters), a groupid (31) or "
-                              "a mode (7)");
+            error(permission,
+                  "<permission> needs a userid (at most 31 characters), a groupid (31) or "
+                  "a mode (7)");
         }
         check_attributes(permission, {"userid", "groupid", "mode"});
     }
@@ -275,16 +275,14 @@ void keep_error(void *context, xmlErrorPtr error)
 {
     auto *result = static_cast<CheckedDefinition *>(context);
     const bool is_error = error->level >= XML_ERR_ERROR;
-    result->findings.push_back(
-        {error->line, is_error, one_line(error->message ? error->message : "no XML")});
+    result->findings.push_back({error->line, is_error, one_line(error->message ? error->message : "no XML")});
 }
 
 }  // namespace
 
 bool CheckedDefinition::accepted() const
 {
-    return std::none_of(findings.begin(), findings.end(),
-                        [](const Finding &finding) { return finding.error; });
+    return std::none_of(findings.begin(), findings.end(), [](const Finding &finding) { return finding.error; });
 }
 
 CheckedDefinition check_definition(const std::string &path)
@@ -292,8 +290,8 @@ CheckedDefinition check_definition(const std::string &path)
     require_moderate_definition(path);
     CheckedDefinition result;
     xmlSetStructuredErrorFunc(&result, keep_error);
-    const std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)> doc(
-        xmlReadFile(path.c_str(), nullptr, XML_PARSE_NONET), xmlFreeDoc);
+    const std::unique_ptr<xmlDoc, void (*)(xmlDocPtr)> doc(xmlReadFile(path.c_str(), nullptr, XML_PARSE_NONET),
+                                                           xmlFreeDoc);
     xmlSetStructuredErrorFunc(nullptr, nullptr);
     const xmlNodePtr root = doc ? xmlDocGetRootElement(doc.get()) : nullptr;
     if (root) {

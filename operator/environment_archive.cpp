@@ -124,8 +124,7 @@ private:
             if (got == 0) {
                 return;
             }
-            const std::size_t size =
-                std::min<std::uint64_t>(static_cast<std::uint64_t>(got), member.size - at);
+            const std::size_t size = std::min<std::uint64_t>(static_cast<std::uint64_t>(got), member.size - at);
             if (archive_write_data(writer_.get(), piece_.data(), size) < 0) {
                 fail_writing();
             }
@@ -163,10 +162,9 @@ private:
         }
         const char *why = archive_error_string(writer_.get());
         const int error = archive_errno(writer_.get());
-        throw Failure(
-            Exit::platform, error == ENOSPC || error == EDQUOT ? no_room : "archive-failed",
-            std::string("The archive could not be made: ") + (why ? why : "it can't be written") + ".",
-            "Check the space of " + fs::path(path_).parent_path().string() + ".");
+        throw Failure(Exit::platform, error == ENOSPC || error == EDQUOT ? no_room : "archive-failed",
+                      std::string("The archive could not be made: ") + (why ? why : "it can't be written") + ".",
+                      "Check the space of " + fs::path(path_).parent_path().string() + ".");
     }
 
     const std::string &path_;
@@ -198,8 +196,7 @@ void require_restorable(const KESTA_BACKUP_FILE &definition, const GroupPaths &p
 std::uint64_t bytes_to_pack(const KESTA_BACKUP_FILE &definition, const GroupPaths &paths)
 {
     std::uint64_t bytes = 0;
-    for_each_saved(definition, paths,
-                   [&bytes](const Member &member, const Descriptor &) { bytes += member.size; });
+    for_each_saved(definition, paths, [&bytes](const Member &member, const Descriptor &) { bytes += member.size; });
     return bytes;
 }
 
@@ -209,9 +206,8 @@ void make_archive_by(const std::string &program, const KESTA_BACKUP_FILE &defini
     remove_quietly(path);  // of a run that was cut short; making it tells
     try {
         ArchiveWriter writer(path, look, program);
-        for_each_saved(definition, paths, [&writer](const Member &member, const Descriptor &contents) {
-            writer.add(member, contents);
-        });
+        for_each_saved(definition, paths,
+                       [&writer](const Member &member, const Descriptor &contents) { writer.add(member, contents); });
         writer.finish();
         require_restorable(definition, paths, path, look);
     } catch (...) {
@@ -255,8 +251,7 @@ std::vector<std::string> collect(const KESTA_BACKUP_FILE &definition)
     return files;
 }
 
-void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path,
-                  const std::function<void()> &look)
+void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path, const std::function<void()> &look)
 {
     remove_quietly(path);  // of a run that was cut short
     make_archive(definition, path, look, packing_program(bytes_to_pack(definition, GroupPaths(definition))));

@@ -18,8 +18,7 @@ std::vector<std::string> collect(const KESTA_BACKUP_FILE &definition);
 // Makes the archive, and holds every file in it against the system again, as a restore would: what
 // it would not take is not saved. The file is on the disk then. Looks again and again, which may
 // throw. Throws Failure; no half archive stays behind.
-void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path,
-                  const std::function<void()> &look);
+void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path, const std::function<void()> &look);
 
 // The same, packed by a program that packs as bzip2 does, if that can; what it packed is tested like everything.
 void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path, const std::function<void()> &look,

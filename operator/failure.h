@@ -8,10 +8,10 @@ namespace engine {
 
 enum class Exit : int {
     done = 0,
-    no = 1,        // the answer is no, or things differ
-    usage = 2,     // wrong usage
-    locked = 3,    // held by a lock
-    platform = 4,  // the platform failed
+    no = 1,             // the answer is no, or things differ
+    usage = 2,          // wrong usage
+    locked = 3,         // held by a lock
+    platform = 4,       // the platform failed
     interrupted = 130,  // by Ctrl-C
 };
 

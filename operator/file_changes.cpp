@@ -128,8 +128,7 @@ private:
     {
         constexpr mode_t permissions = 07777;
         return status.st_uid == owners_.owner_of(member) && status.st_gid == owners_.group_of(member) &&
-               (member.kind == MemberKind::link ||
-                (status.st_mode & permissions) == (member.mode & permissions));
+               (member.kind == MemberKind::link || (status.st_mode & permissions) == (member.mode & permissions));
     }
 
     FileChanges &changes_;
@@ -151,9 +150,8 @@ FileChanges compare_files(const Archive &archive, const RestoredFiles &files, co
             unknown[file.contents] = &file;
         }
     }
-    for_each_file(archive, unknown, [&compared](const RestoredFile &file, const ReadMember &read) {
-        compared.compare_file(file, read);
-    });
+    for_each_file(archive, unknown,
+                  [&compared](const RestoredFile &file, const ReadMember &read) { compared.compare_file(file, read); });
     for (const RestoredFile &file : files.members) {
         if (file.member.kind != MemberKind::file) {
             compared.compare_other(file);

@@ -91,8 +91,7 @@ void check_names(const std::string &path, const Entry &entry, const struct stat 
                                 (folder.st_uid == 0 || folder.st_uid == geteuid()) &&
                                 (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0;
     if (S_ISREG(file.st_mode) && file.st_nlink > 1 && !private_folder) {
-        throw Failure(Exit::no, "wrong-kind",
-                      path + " has more than one name, and others can write to its folder.",
+        throw Failure(Exit::no, "wrong-kind", path + " has more than one name, and others can write to its folder.",
                       "It may be another file's second name. Copy it, and put the copy in its place.");
     }
 }
@@ -182,8 +181,7 @@ unsigned require_id(const KESTA_BACKUP_FILE_PATH &file, const char *text, bool i
 {
     const std::optional<unsigned> id = wanted_id(text, is_user);
     if (!id) {
-        fail_apply(file.pathname,
-                   std::string("is to belong to ") + text + ", and there is nobody of that name",
+        fail_apply(file.pathname, std::string("is to belong to ") + text + ", and there is nobody of that name",
                    "Mend its entry, and apply again.");
     }
     return *id;
@@ -194,8 +192,8 @@ unsigned require_id(const KESTA_BACKUP_FILE_PATH &file, const char *text, bool i
 std::span<const KESTA_BACKUP_FILE_PATH> files_of(const KESTA_BACKUP_FILE &definition)
 {
     const std::span<const KESTA_BACKUP_FILE_PATH> all(definition.setfile);
-    const auto end = std::find_if(
-        all.begin(), all.end(), [](const KESTA_BACKUP_FILE_PATH &file) { return file.pathname[0] == '\0'; });
+    const auto end = std::find_if(all.begin(), all.end(),
+                                  [](const KESTA_BACKUP_FILE_PATH &file) { return file.pathname[0] == '\0'; });
     return all.first(static_cast<std::size_t>(end - all.begin()));
 }
 

@@ -157,14 +157,14 @@ std::string in_words(const PlaceFinding &place)
 {
     const std::string where = where_of(place);
     switch (place.state) {
-        case CopyState::good:
-            return shown_version(place.version) + ", whole, " + where;
-        case CopyState::damaged:
-            return "damaged " + where + " (" + place.reason + ")";
-        case CopyState::absent:
-            return "none " + where;
-        default:
-            return "not to be read " + where + " (" + place.reason + ")";
+    case CopyState::good:
+        return shown_version(place.version) + ", whole, " + where;
+    case CopyState::damaged:
+        return "damaged " + where + " (" + place.reason + ")";
+    case CopyState::absent:
+        return "none " + where;
+    default:
+        return "not to be read " + where + " (" + place.reason + ")";
     }
 }
 
@@ -237,12 +237,13 @@ void decide(SubjectFinding &finding, const Survey &survey, const SlotNames &name
 {
     finding.state = state_of(finding);
     const std::string both = in_words(finding.places[0]) + "; " + in_words(finding.places[1]) + ". ";
-    const bool untouchable = survey.at(pair.flash).state == CopyState::unreadable ||
-                             survey.at(pair.slot).state == CopyState::unreadable;
+    const bool untouchable =
+        survey.at(pair.flash).state == CopyState::unreadable || survey.at(pair.slot).state == CopyState::unreadable;
     finding.mend.reset();
     if (untouchable) {
-        finding.text = both + "What can't be read may be whole: check its disk, or the limits of archives, and write "
-                              "nothing to it before.";
+        finding.text = both +
+                       "What can't be read may be whole: check its disk, or the limits of archives, and write "
+                       "nothing to it before.";
         return;
     }
     const auto right = find_right(survey, names, pair);
@@ -278,7 +279,8 @@ std::optional<int> version_held(const Survey &survey, const SlotNames &names, St
     if (!survey.at(place).good()) {
         return std::nullopt;
     }
-    const bool is_accepted = place == StoragePlace::accept_on_flash || (!is_on_flash(place) && slot_of(place) == names.accept);
+    const bool is_accepted =
+        place == StoragePlace::accept_on_flash || (!is_on_flash(place) && slot_of(place) == names.accept);
     const Pair pair = pair_of(survey, names, is_accepted ? ArchiveRole::accepted : ArchiveRole::backup);
     if (const auto recorded = recorded_version(survey, place, pair.in_force)) {
         return recorded;
@@ -302,7 +304,8 @@ SubjectFinding find_archives(const Survey &survey, const SlotDecision &slots, Ar
     }
     if (is_agreed(survey, pair)) {
         finding.right = finding.places[1].place;
-        finding.text = shown_version(finding.places[1].version) + ", the same on flash and " + where_of(finding.places[1]);
+        finding.text =
+            shown_version(finding.places[1].version) + ", the same on flash and " + where_of(finding.places[1]);
     } else if (survey.at(pair.flash).absent() && survey.at(pair.slot).absent() && !pair.in_force.number &&
                !pair.in_force.unreadable) {
         finding.state = FindingState::absent;

@@ -83,8 +83,7 @@ std::optional<Side> right_name(const SlotDecision &slots, const MirroredItem &it
     if (!slots.right) {
         return std::nullopt;
     }
-    const std::string &name =
-        item.block->id == KESTA_BLOCK_BACKUP_NAME ? slots.right->backup : slots.right->accept;
+    const std::string &name = item.block->id == KESTA_BLOCK_BACKUP_NAME ? slots.right->backup : slots.right->accept;
     const bool memory = field_text(*item.memory) == name;
     const bool disk = field_text(*item.disk) == name;
     return memory && disk ? Side::memory : side_that(memory, disk);  // behind the name anything may stand
@@ -99,12 +98,12 @@ std::optional<Side> right_side(const Survey &survey, const SlotDecision &slots, 
         return side_that(item.memory.has_value(), item.disk.has_value());
     }
     switch (item.block->kind) {
-        case BlockKind::slot:
-            return right_name(slots, item);
-        case BlockKind::version:
-            return right_version(survey, slots, item);
-        default:
-            return right_identity(item);
+    case BlockKind::slot:
+        return right_name(slots, item);
+    case BlockKind::version:
+        return right_version(survey, slots, item);
+    default:
+        return right_identity(item);
     }
 }
 
@@ -116,17 +115,17 @@ std::optional<std::string> argument_of(const MirroredItem &item, Side side)
     }
     const Bytes &bytes = *item.at(side);
     switch (item.block->kind) {
-        case BlockKind::version:
-            return number_in(bytes) < 0 ? std::nullopt : std::optional(std::to_string(number_in(bytes)));
-        case BlockKind::bytes:
-            return hex({bytes.begin(), bytes.begin() + item.block->written});
-        default: {
-            const std::string text = field_text(bytes);
-            const bool printable = std::all_of(text.begin(), text.end(),
-                                               [](unsigned char c) { return c > ' ' && c < 0x7f; });
-            const bool fits = item.block->kind != BlockKind::slot || is_slot(text);
-            return printable && fits && !text.empty() && text[0] != '-' ? std::optional(text) : std::nullopt;
-        }
+    case BlockKind::version:
+        return number_in(bytes) < 0 ? std::nullopt : std::optional(std::to_string(number_in(bytes)));
+    case BlockKind::bytes:
+        return hex({bytes.begin(), bytes.begin() + item.block->written});
+    default: {
+        const std::string text = field_text(bytes);
+        const bool printable =
+            std::all_of(text.begin(), text.end(), [](unsigned char c) { return c > ' ' && c < 0x7f; });
+        const bool fits = item.block->kind != BlockKind::slot || is_slot(text);
+        return printable && fits && !text.empty() && text[0] != '-' ? std::optional(text) : std::nullopt;
+    }
     }
 }
 
@@ -184,7 +183,9 @@ Mend one_by_one(const SlotDecision &slots, const std::vector<Decided> &items)
 PlaceFinding place_of(const Survey &survey, Side side)
 {
     const std::vector<MirroredItem> &items = survey.mirror.items;
-    const auto counted = [&items](auto matches) { return std::count_if(items.begin(), items.end(), matches); };
+    const auto counted = [&items](auto matches) {
+        return std::count_if(items.begin(), items.end(), matches);
+    };
     const auto unreadable = counted([side](const MirroredItem &item) {
         return side == Side::memory ? item.memory_unreadable : item.disk_unreadable;
     });
@@ -225,8 +226,9 @@ void decide(SubjectFinding &finding, const Survey &survey, const SlotDecision &s
         finding.text += " Each side is right in some of them.";
         return;
     }
-    finding.text += " Which side is right can't be told: look at 'kestactl nv verify', then 'kestactl repair --from memory' "
-                    "or '--from disk'.";
+    finding.text +=
+        " Which side is right can't be told: look at 'kestactl nv verify', then 'kestactl repair --from memory' "
+        "or '--from disk'.";
 }
 
 }  // namespace

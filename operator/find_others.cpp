@@ -52,7 +52,8 @@ std::string differing_identities()
     std::string differing;
     for (const PlaceName &place : identity_places) {
         const Identity other = read_identity(place.place);
-        if (differs(other.wwn, board.wwn) || differs(other.serialno, board.serialno) || differs(other.guid, board.guid)) {
+        if (differs(other.wwn, board.wwn) || differs(other.serialno, board.serialno) ||
+            differs(other.guid, board.guid)) {
             differing += (differing.empty() ? "" : ", ") + std::string(place.title);
         }
     }
@@ -64,11 +65,12 @@ std::string unreadable_identities(const Survey &survey)
 {
     std::string unreadable;
     for (const Side side : {Side::memory, Side::disk}) {
-        const bool has_one = std::any_of(survey.mirror.items.begin(), survey.mirror.items.end(), [side](const MirroredItem &item) {
-            const int id = item.block->id;
-            const bool of_identity = id == KESTA_BLOCK_WWN || id == KESTA_BLOCK_SERIALNO || id == KESTA_BLOCK_GUID;
-            return of_identity && (side == Side::memory ? item.memory_unreadable : item.disk_unreadable);
-        });
+        const bool has_one =
+            std::any_of(survey.mirror.items.begin(), survey.mirror.items.end(), [side](const MirroredItem &item) {
+                const int id = item.block->id;
+                const bool of_identity = id == KESTA_BLOCK_WWN || id == KESTA_BLOCK_SERIALNO || id == KESTA_BLOCK_GUID;
+                return of_identity && (side == Side::memory ? item.memory_unreadable : item.disk_unreadable);
+            });
         if (has_one) {
             unreadable += (unreadable.empty() ? "" : " and ") + std::string(name_of(side));
         }
@@ -105,8 +107,9 @@ SubjectFinding find_versions(const Survey &survey, const SlotDecision &slots)
     if (differs && versions.current.number && flash_is_told_by_number_only(survey)) {
         finding.state = FindingState::differs;
         finding.mend.reset();
-        finding.text += ". Only the number on flash tells of the archive there: look at it, then set the one that is wrong "
-                        "with 'kestactl version set current' or 'kestactl version set flash'.";
+        finding.text +=
+            ". Only the number on flash tells of the archive there: look at it, then set the one that is wrong "
+            "with 'kestactl version set current' or 'kestactl version set flash'.";
         return finding;
     }
     if (differs) {
@@ -125,8 +128,9 @@ SubjectFinding find_versions(const Survey &survey, const SlotDecision &slots)
     } else if (runs_another) {
         finding.state = FindingState::differs;
         finding.mend.reset();
-        finding.text += ". It runs with neither of the two: bring one to it with 'kestactl restore', or 'kestactl save' what "
-                        "it runs with.";
+        finding.text +=
+            ". It runs with neither of the two: bring one to it with 'kestactl restore', or 'kestactl save' what "
+            "it runs with.";
     }
     return finding;
 }
@@ -136,13 +140,13 @@ std::string advice_on_identity(int controller)
 {
     const std::string disk = "'kestactl identity carry vpd-to-disk'";
     switch (controller) {
-        case 0:
-            return "if the board is right, 'kestactl identity carry vpd-to-flash', if the disk is, " + disk + ".";
-        case 1:
-            return "to follow CNT0, whose identity the disk has, 'kestactl identity carry cnt0-to-cnt1' and then " + disk +
-                   "; only if this board is right for both, 'kestactl identity carry vpd-to-flash'.";
-        default:
-            return "if the disk is right, " + disk + "; 'kestactl identity set' sets what is of this controller alone.";
+    case 0:
+        return "if the board is right, 'kestactl identity carry vpd-to-flash', if the disk is, " + disk + ".";
+    case 1:
+        return "to follow CNT0, whose identity the disk has, 'kestactl identity carry cnt0-to-cnt1' and then " + disk +
+               "; only if this board is right for both, 'kestactl identity carry vpd-to-flash'.";
+    default:
+        return "if the disk is right, " + disk + "; 'kestactl identity set' sets what is of this controller alone.";
     }
 }
 
@@ -153,7 +157,8 @@ SubjectFinding find_identity(const Survey &survey)
     if (const std::string unreadable = unreadable_identities(survey); !unreadable.empty()) {
         finding.state = FindingState::unreadable;
         finding.mend.reset();
-        finding.text = "Its values can't be read in " + unreadable + ": check the NV memory and the disk of the system "
+        finding.text = "Its values can't be read in " + unreadable +
+                       ": check the NV memory and the disk of the system "
                        "backup area.";
         return finding;
     }
@@ -172,13 +177,14 @@ SubjectFinding find_locks()
     SubjectFinding finding{"locks"};
     std::string held;
     if (const std::string holders = inner_lock_text(); !holders.empty()) {
-        held = "The inner lock is held by " + holders + ": the next command waits for it, and clears a dead one after 30 "
+        held = "The inner lock is held by " + holders +
+               ": the next command waits for it, and clears a dead one after 30 "
                "seconds.";
     }
     const LockState state = read_lock_state();
     for (const CommandLock &lock : state.held) {
-        held += (held.empty() ? "" : " ") + describe(lock, state.group) + ". Wait for it, or clear it if its command is dead: " +
-                clearing_command(lock) + ".";
+        held += (held.empty() ? "" : " ") + describe(lock, state.group) +
+                ". Wait for it, or clear it if its command is dead: " + clearing_command(lock) + ".";
     }
     finding.text = held.empty() ? "free" : held;
     if (!held.empty()) {
@@ -201,7 +207,8 @@ SubjectFinding find_leftovers(bool backup_agrees, bool accepted_agrees)
     Mend mend;
     if (!finding.places.empty()) {
         mend.push_back(clear);
-        finding.text = std::to_string(finding.places.size()) + " left behind; what is whole and nowhere else is kept as a "
+        finding.text = std::to_string(finding.places.size()) +
+                       " left behind; what is whole and nowhere else is kept as a "
                        "generation before it is taken away.";
     }
     try {
@@ -248,8 +255,8 @@ SubjectFinding find_generations()
         return finding;
     }
     finding.state = check.good == 0 ? FindingState::absent : FindingState::agree;
-    finding.text = check.good == 0 ? "none kept"
-                                   : std::to_string(check.good) + " kept, " + std::to_string(check.bytes) + " bytes";
+    finding.text =
+        check.good == 0 ? "none kept" : std::to_string(check.good) + " kept, " + std::to_string(check.bytes) + " bytes";
     return finding;
 }
 

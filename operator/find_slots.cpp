@@ -98,7 +98,7 @@ PlaceFinding place_of(const char *name, const SlotNames &names, bool unreadable,
 {
     PlaceFinding place;
     place.place = name;
-    place.state = unreadable        ? CopyState::unreadable
+    place.state = unreadable      ? CopyState::unreadable
                   : names.valid() ? CopyState::good
                   : absent        ? CopyState::absent
                                   : CopyState::damaged;
@@ -143,13 +143,13 @@ SubjectFinding find_slots(const Survey &survey, const SlotDecision &decision)
 {
     const MirrorState &mirror = survey.mirror;
     SubjectFinding finding{"slots"};
-    finding.places = {
-        place_of("memory", decision.memory, mirror.items[0].memory_unreadable || mirror.items[1].memory_unreadable,
-                 false),
-        place_of("disk", decision.disk, mirror.items[0].disk_unreadable || mirror.items[1].disk_unreadable,
-                 !mirror.items[0].disk && !mirror.items[1].disk)};
-    const std::string both = "NV memory says " + finding.places[0].reason + ", the system backup area " +
-                             finding.places[1].reason;
+    finding.places = {place_of("memory", decision.memory,
+                               mirror.items[0].memory_unreadable || mirror.items[1].memory_unreadable, false),
+                      place_of("disk", decision.disk,
+                               mirror.items[0].disk_unreadable || mirror.items[1].disk_unreadable,
+                               !mirror.items[0].disk && !mirror.items[1].disk)};
+    const std::string both =
+        "NV memory says " + finding.places[0].reason + ", the system backup area " + finding.places[1].reason;
     if (decision.unreadable) {
         finding.state = FindingState::unreadable;
         finding.mend.reset();

@@ -22,7 +22,7 @@ struct SlotDecision {
     SlotNames memory;  // as each side has them
     SlotNames disk;
     bool unreadable = false;
-    bool agree = false;             // both sides name the same two slots, and nothing speaks against them
+    bool agree = false;              // both sides name the same two slots, and nothing speaks against them
     std::optional<SlotNames> right;  // what they should be; nothing: it can't be told
     std::string why;
 

@@ -18,8 +18,9 @@ SubjectFinding told(const char *subject, const std::function<SubjectFinding()> &
     try {
         return find();
     } catch (const Failure &failure) {
-        return {subject, FindingState::unreadable, {}, std::nullopt, std::nullopt,
-                failure.what() + (" " + failure.hint())};
+        return {subject,      FindingState::unreadable,
+                {},           std::nullopt,
+                std::nullopt, failure.what() + (" " + failure.hint())};
     }
 }
 
@@ -42,18 +43,18 @@ PlaceFinding told_of(const std::string &place, const ArchiveEvidence &evidence)
 const char *name_of(FindingState state)
 {
     switch (state) {
-        case FindingState::agree:
-            return "agree";
-        case FindingState::differs:
-            return "differs";
-        case FindingState::damaged:
-            return "damaged";
-        case FindingState::absent:
-            return "absent";
-        case FindingState::unreadable:
-            return "unreadable";
-        default:
-            return "unfinished";
+    case FindingState::agree:
+        return "agree";
+    case FindingState::differs:
+        return "differs";
+    case FindingState::damaged:
+        return "damaged";
+    case FindingState::absent:
+        return "absent";
+    case FindingState::unreadable:
+        return "unreadable";
+    default:
+        return "unfinished";
     }
 }
 
@@ -65,7 +66,8 @@ bool SubjectFinding::has_unreadable_place() const
 
 int Findings::count() const
 {
-    return static_cast<int>(std::count_if(rows.begin(), rows.end(), [](const SubjectFinding &row) { return row.counts(); }));
+    return static_cast<int>(
+        std::count_if(rows.begin(), rows.end(), [](const SubjectFinding &row) { return row.counts(); }));
 }
 
 Exit Findings::exit() const

@@ -54,7 +54,8 @@ void require_own(const Descriptor &folder, const std::string &path)
         fail_file(path, "looked at");
     }
     if (status.st_uid != geteuid()) {
-        throw Failure(Exit::platform, "foreign-folder", path + " belongs to user " + std::to_string(status.st_uid) + ".",
+        throw Failure(Exit::platform, "foreign-folder",
+                      path + " belongs to user " + std::to_string(status.st_uid) + ".",
                       "Generations are kept in a folder of root's only: move it away, and run the command again.");
     }
     if ((status.st_mode & permissions) != folder_mode && fchmod(folder.get(), folder_mode) != 0) {
@@ -94,8 +95,7 @@ NoRoom::NoRoom(const std::string &path)
 {
 }
 
-GenerationFolder::GenerationFolder(const std::string &parent, Purpose purpose)
-    : path_(parent + "/" + generations_name)
+GenerationFolder::GenerationFolder(const std::string &parent, Purpose purpose) : path_(parent + "/" + generations_name)
 {
     const bool changing = purpose == Purpose::changing;
     const Beneath root;
@@ -111,8 +111,7 @@ GenerationFolder::GenerationFolder(const std::string &parent, Purpose purpose)
         fail_writing(path_, "made");
     }
     if (above) {
-        folder_ = Descriptor(
-            openat(above.get(), generations_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        folder_ = Descriptor(openat(above.get(), generations_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!folder_ && (changing || errno != ENOENT)) {
             fail_file(path_, "opened");
         }
@@ -216,8 +215,8 @@ void GenerationFolder::write(const std::string &name, std::string_view bytes) co
 void GenerationFolder::write(const std::string &name, const ArchiveContents &contents) const
 {
     remove_unfinished();
-    Descriptor file(openat(folder_.get(), unfinished_name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                           own_mode));
+    Descriptor file(
+        openat(folder_.get(), unfinished_name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, own_mode));
     const auto fail = [this, &name] {
         const int error = errno;
         (void)unlinkat(folder_.get(), unfinished_name, 0);  // best effort: the next command takes it away

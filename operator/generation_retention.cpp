@@ -19,16 +19,15 @@ std::vector<Generation> droppable(std::vector<Generation> all, const VersionsInF
         last = std::max(last, generation.order);
     }
     std::erase_if(all, [&](const Generation &generation) {
-        const bool of_version = generation.version > 0 && (generation.version == *in_force.accepted ||
-                                                           generation.version == *in_force.running);
+        const bool of_version = generation.version > 0 &&
+                                (generation.version == *in_force.accepted || generation.version == *in_force.running);
         return of_version || generation.order == last_of_group[generation.group] ||
                std::any_of(spared.begin(), spared.end(),
                            [&](const Generation &one) { return one.sha256 == generation.sha256; });
     });
-    std::sort(all.begin(), all.end(),
-              [](const Generation &one, const Generation &other) {
-                  return std::pair(one.order, one.kept.time) < std::pair(other.order, other.kept.time);
-              });
+    std::sort(all.begin(), all.end(), [](const Generation &one, const Generation &other) {
+        return std::pair(one.order, one.kept.time) < std::pair(other.order, other.kept.time);
+    });
     return all;
 }
 

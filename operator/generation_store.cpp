@@ -289,13 +289,15 @@ std::optional<GenerationProblem> problem_of_saved(const GenerationFolder &folder
         const auto text = folder.read(saved_name);
         if (text && !parse_saved(*text).whole) {
             return GenerationProblem{GenerationFault::damaged, "", path,
-                                     path + " is damaged: the versions of archives that were saved here are not all known "
-                                            "by their bytes. The next 'kestactl save' writes it anew."};
+                                     path +
+                                         " is damaged: the versions of archives that were saved here are not all known "
+                                         "by their bytes. The next 'kestactl save' writes it anew."};
         }
     } catch (const Failure &failure) {
         return GenerationProblem{GenerationFault::unreadable, "", path,
-                                 std::string(failure.what()) + " So the versions of archives that were saved here are not "
-                                                               "known by their bytes. Check the disk of its folder."};
+                                 std::string(failure.what()) +
+                                     " So the versions of archives that were saved here are not "
+                                     "known by their bytes. Check the disk of its folder."};
     }
     return std::nullopt;
 }

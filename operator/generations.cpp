@@ -50,9 +50,10 @@ GenerationChange change_now(const std::string &verb, const KeepRule &rule)
 
 [[noreturn]] void refuse_unreadable(const std::string &place, const std::string &reason)
 {
-    throw Failure(Exit::platform, "not-kept", place + " can't be read, and so not be kept: " + reason + ".",
-                  "Nothing was overwritten: what it holds may be whole. Check its disk, or give --keep 0 to keep nothing "
-                  "of what is overwritten.");
+    throw Failure(
+        Exit::platform, "not-kept", place + " can't be read, and so not be kept: " + reason + ".",
+        "Nothing was overwritten: what it holds may be whole. Check its disk, or give --keep 0 to keep nothing "
+        "of what is overwritten.");
 }
 
 std::optional<int> flash_version()
@@ -158,8 +159,8 @@ GenerationStore store(const std::function<void()> &look)
 
 void check_comment(const std::string &comment)
 {
-    const bool printable = std::all_of(comment.begin(), comment.end(),
-                                       [](unsigned char c) { return c >= ' ' && c != 0x7f; });
+    const bool printable =
+        std::all_of(comment.begin(), comment.end(), [](unsigned char c) { return c >= ' ' && c != 0x7f; });
     if (!printable || comment.size() > longest_comment) {
         throw Failure(Exit::usage, "bad-comment",
                       printable ? "The comment is longer than " + std::to_string(longest_comment) + " bytes."
@@ -194,7 +195,8 @@ KeepReport keep_replaced(const std::vector<ReplacedPlace> &places, const std::st
             throw;
         }
         throw Failure(failure.exit(), "not-kept",
-                      std::string(failure.what()) + " So what would be replaced can't be kept, and nothing was changed.",
+                      std::string(failure.what()) +
+                          " So what would be replaced can't be kept, and nothing was changed.",
                       failure.hint() + " To keep nothing of what is replaced, give --keep 0.");
     }
     return report;
@@ -233,10 +235,19 @@ void note_saved(const std::string &path, const std::string &group, int version, 
     }
 }
 
-std::vector<SavedArchive> saved_archives() { return store([] {}).saved(); }
+std::vector<SavedArchive> saved_archives()
+{
+    return store([] {}).saved();
+}
 
-std::vector<Generation> generations() { return store([] {}).all(); }
+std::vector<Generation> generations()
+{
+    return store([] {}).all();
+}
 
-GenerationsCheck check_generations() { return store([] {}).check(); }
+GenerationsCheck check_generations()
+{
+    return store([] {}).check();
+}
 
 }  // namespace engine

@@ -15,10 +15,7 @@
 namespace engine {
 namespace {
 
-const xmlChar *text_of(const std::string &text)
-{
-    return reinterpret_cast<const xmlChar *>(text.c_str());
-}
+const xmlChar *text_of(const std::string &text) { return reinterpret_cast<const xmlChar *>(text.c_str()); }
 
 std::string attribute(xmlNode *node, const char *name)
 {
@@ -30,10 +27,7 @@ std::string attribute(xmlNode *node, const char *name)
 
 }  // namespace
 
-std::string definition_of(const std::string &group)
-{
-    return "/etc/kesta_sys/" + group + "/define.xml";
-}
+std::string definition_of(const std::string &group) { return "/etc/kesta_sys/" + group + "/define.xml"; }
 
 Definition read_definition(const std::string &group)
 {
@@ -44,8 +38,7 @@ Definition read_definition(const std::string &group)
     auto definition = std::make_unique<KESTA_BACKUP_FILE>();
     const int result = kestal_read_backupfile(group.c_str(), definition.get());
     if (result == KESTA_ERR_DEFINITION_GROUP) {
-        throw Failure(Exit::no, "other-group",
-                      path + " is the definition of group '" + definition->groupname + "'.",
+        throw Failure(Exit::no, "other-group", path + " is the definition of group '" + definition->groupname + "'.",
                       "Its id must be " + group + ", like the folder that it is in.");
     }
     if (result != KESTA_OK) {
@@ -55,19 +48,15 @@ Definition read_definition(const std::string &group)
     return definition;
 }
 
-bool may_be_gone(const KESTA_BACKUP_FILE &definition)
-{
-    return strcmp(definition.operation, "addremove") == 0;
-}
+bool may_be_gone(const KESTA_BACKUP_FILE &definition) { return strcmp(definition.operation, "addremove") == 0; }
 
-std::vector<Script> scripts_of(const std::string &group, const std::string &side,
-                               const std::string &kind)
+std::vector<Script> scripts_of(const std::string &group, const std::string &side, const std::string &kind)
 {
-    const std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> document(
-        xmlReadFile(definition_of(group).c_str(), nullptr, XML_PARSE_NONET | XML_PARSE_NOERROR),
-        xmlFreeDoc);
-    const std::unique_ptr<xmlXPathContext, decltype(&xmlXPathFreeContext)> context(
-        xmlXPathNewContext(document.get()), xmlXPathFreeContext);
+    const std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> document(xmlReadFile(definition_of(group).c_str(), nullptr,
+                                                                              XML_PARSE_NONET | XML_PARSE_NOERROR),
+                                                                  xmlFreeDoc);
+    const std::unique_ptr<xmlXPathContext, decltype(&xmlXPathFreeContext)> context(xmlXPathNewContext(document.get()),
+                                                                                   xmlXPathFreeContext);
     const std::string path = "/group/script/" + side + "/" + kind;
     const std::unique_ptr<xmlXPathObject, decltype(&xmlXPathFreeObject)> found(
         context ? xmlXPathEvalExpression(text_of(path), context.get()) : nullptr, xmlXPathFreeObject);

@@ -29,7 +29,6 @@ struct Script {
 // The scripts of a side ("backup", "restore") and kind ("pre-script", "post-script", "re-post-script"), in
 // the order of their numbers; those of one number as they stand in the file. From the file itself: the
 // library's record has one number for two kinds. Throws Failure.
-std::vector<Script> scripts_of(const std::string &group, const std::string &side,
-                               const std::string &kind);
+std::vector<Script> scripts_of(const std::string &group, const std::string &side, const std::string &kind);
 
 }  // namespace engine

@@ -27,9 +27,8 @@ bool is_staged_name(const std::string &name) { return name.starts_with('.') && n
 bool has_long_name(const std::string &path)
 {
     const fs::path parts = path;
-    return path.size() >= PATH_MAX || std::any_of(parts.begin(), parts.end(), [](const fs::path &part) {
-               return part.native().size() > NAME_MAX;
-           });
+    return path.size() >= PATH_MAX || std::any_of(parts.begin(), parts.end(),
+                                                  [](const fs::path &part) { return part.native().size() > NAME_MAX; });
 }
 
 bool climbs(const fs::path &path) { return std::find(path.begin(), path.end(), "..") != path.end(); }
@@ -49,10 +48,7 @@ bool climbs_first(const fs::path &target)
 }
 
 // Programs that run with their owner's or group's rights.
-bool gives_rights(mode_t mode)
-{
-    return (mode & S_ISUID) != 0 || ((mode & S_ISGID) != 0 && (mode & S_IXGRP) != 0);
-}
+bool gives_rights(mode_t mode) { return (mode & S_ISUID) != 0 || ((mode & S_ISGID) != 0 && (mode & S_IXGRP) != 0); }
 
 // The same for the same text, everywhere.
 std::string fingerprint(const std::string &text)
@@ -87,8 +83,8 @@ bool is_within(const std::string &path, const std::string &folder)
 std::string fault_of_path(const std::string &text)
 {
     const fs::path path = text;
-    const bool plain = path.is_absolute() && path.lexically_normal() == path && path.has_relative_path() &&
-                       path.has_filename();
+    const bool plain =
+        path.is_absolute() && path.lexically_normal() == path && path.has_relative_path() && path.has_filename();
     return plain ? "" : "can't be archived: it is not absolute, or has '..', '.' or a slash at the end";
 }
 
@@ -149,8 +145,7 @@ bool GroupPaths::leads_to_wanted(const std::string &path) const
 std::string GroupPaths::fault_of_link(const Member &member) const
 {
     if (member.kind == MemberKind::link &&
-        (!climbs_first(member.target) || member.target.size() >= PATH_MAX ||
-         !contains(destination_of(member)))) {
+        (!climbs_first(member.target) || member.target.size() >= PATH_MAX || !contains(destination_of(member)))) {
         return "leads out of the group, to '" + member.target + "'";
     }
     return "";
@@ -207,8 +202,8 @@ Entry GroupPlaces::entry(const std::string &path) const
     if (!entry && errno != ENOENT) {
         const std::string obstacle = root_.obstacle(place);
         throw Failure(Exit::no, "wrong-kind",
-                      (obstacle.empty() ? "The way to /" + path : obstacle) +
-                          " is no folder of root's, and /" + path + " is below it.",
+                      (obstacle.empty() ? "The way to /" + path : obstacle) + " is no folder of root's, and /" + path +
+                          " is below it.",
                       "Links are followed to a group's paths only where root alone can have made them, and "
                       "not below them. Move it away, or name the real path in the definition.");
     }

@@ -25,8 +25,7 @@ pid_t start(const std::vector<std::string> &command, const sigset_t &mask)
     posix_spawnattr_setsigmask(&attributes, &mask);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
     pid_t child = -1;
-    const int error =
-        posix_spawnp(&child, arguments[0], nullptr, &attributes, arguments.data(), environ);
+    const int error = posix_spawnp(&child, arguments[0], nullptr, &attributes, arguments.data(), environ);
     posix_spawnattr_destroy(&attributes);
     if (error != 0) {
         throw Failure(Exit::usage, "not-started",
@@ -55,8 +54,7 @@ bool has_ended(pid_t child, CommandEnd &end)
 // held. A fault of the program's own ends it all the same.
 bool ends_the_program(int number)
 {
-    for (const int harmless : {SIGKILL, SIGSTOP, SIGCHLD, SIGCONT, SIGTSTP, SIGTTIN, SIGTTOU, SIGURG,
-                               SIGWINCH}) {
+    for (const int harmless : {SIGKILL, SIGSTOP, SIGCHLD, SIGCONT, SIGTSTP, SIGTTIN, SIGTTOU, SIGURG, SIGWINCH}) {
         if (number == harmless) {
             return false;
         }
@@ -91,7 +89,9 @@ HeldSignals::~HeldSignals() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
 
 int HeldSignals::wait(int seconds) const
 {
-    const struct timespec limit {seconds, 0};
+    const struct timespec limit {
+        seconds, 0
+    };
     const int number = sigtimedwait(&ending_, nullptr, &limit);
     return number > 0 ? number : 0;
 }

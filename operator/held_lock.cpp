@@ -55,8 +55,8 @@ int try_to_take(const LockRequest &request, int own, char *identifier, int &met)
 {
     const OneTaker alone;
     std::string group = request.group;
-    return kestal_global_command_lock_func(own, request.type, identifier,
-                                           group.empty() ? nullptr : group.data(), new_lock, &met);
+    return kestal_global_command_lock_func(own, request.type, identifier, group.empty() ? nullptr : group.data(),
+                                           new_lock, &met);
 }
 
 }  // namespace
@@ -106,18 +106,16 @@ std::string take_command_lock(const LockRequest &request, int own, const HeldSig
 [[noreturn]] void interrupted(int signal)
 {
     throw Failure(static_cast<Exit>(ended_by_signal + signal), "interrupted",
-                  std::string("Interrupted (") + strsignal(signal) + ") before the lock was had.",
-                  "Nothing is held.");
+                  std::string("Interrupted (") + strsignal(signal) + ") before the lock was had.", "Nothing is held.");
 }
 
 void release_command_lock(int controller, const std::string &identifier)
 {
-    const int result =
-        kestal_global_command_unlock_func(controller, identifier.c_str(), release_fully);
+    const int result = kestal_global_command_unlock_func(controller, identifier.c_str(), release_fully);
     if (result == KESTA_ERR_LOCK_IDENTIFIER) {
         throw Failure(Exit::no, "other-identifier",
-                      "The lock of " + controller_name(controller) + " carries another identifier than " +
-                          identifier + "; it was left alone.",
+                      "The lock of " + controller_name(controller) + " carries another identifier than " + identifier +
+                          "; it was left alone.",
                       "Somebody cleared the lock and took one: see 'kestactl lock check'.");
     }
     if (result != KESTA_OK) {
@@ -145,8 +143,7 @@ HeldCommandLock::~HeldCommandLock()
 void HeldCommandLock::require_ours() const
 {
     for (const CommandLock &lock : read_lock_state().held) {
-        if (lock.controller == controller_ && !lock.suspended() &&
-            std::to_string(lock.identifier) == identifier_) {
+        if (lock.controller == controller_ && !lock.suspended() && std::to_string(lock.identifier) == identifier_) {
             return;
         }
     }
@@ -166,8 +163,8 @@ void HeldCommandLock::release()
 // The process that holds the record lock, as "process 12 (backup)"; empty if nobody or unknown.
 std::string local_holder(const std::string &name)
 {
-    const int fd = open((std::string(local_lock_folder) + name).c_str(),
-                        O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    const int fd =
+        open((std::string(local_lock_folder) + name).c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     struct flock lock {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
@@ -179,14 +176,12 @@ std::string local_holder(const std::string &name)
     std::ifstream file("/proc/" + std::to_string(lock.l_pid) + "/comm");
     std::string program;
     std::getline(file, program);
-    return "process " + std::to_string(lock.l_pid) +
-           (program.empty() ? std::string() : " (" + program + ")");
+    return "process " + std::to_string(lock.l_pid) + (program.empty() ? std::string() : " (" + program + ")");
 }
 
 [[noreturn]] void refuse_local(const std::string &name, const std::string &holder)
 {
-    throw Failure(Exit::locked, "locked",
-                  "The local lock " + name + " can't be had: " + holder + " holds it.",
+    throw Failure(Exit::locked, "locked", "The local lock " + name + " can't be had: " + holder + " holds it.",
                   "It is free as soon as that process ends.");
 }
 

@@ -40,8 +40,8 @@ std::string began(pid_t process)
 
 void note_holder(int controller, const char *identifier)
 {
-    const std::string text = std::to_string(controller) + " " + identifier + " " + std::to_string(getpid()) + " " +
-                             began(getpid()) + "\n";
+    const std::string text =
+        std::to_string(controller) + " " + identifier + " " + std::to_string(getpid()) + " " + began(getpid()) + "\n";
     (void)unlink(note_path().c_str());  // a link is no place to write to
     const int fd = open(note_path().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd >= 0) {
@@ -65,8 +65,7 @@ pid_t gone_holder(const CommandLock &lock)
     long long identifier = 0;
     int process = 0;
     std::array<char, 32> start{};
-    if (length <= 0 ||
-        sscanf(text.data(), "%d %lld %d %31s", &controller, &identifier, &process, start.data()) != 4 ||
+    if (length <= 0 || sscanf(text.data(), "%d %lld %d %31s", &controller, &identifier, &process, start.data()) != 4 ||
         controller != lock.controller || identifier != lock.identifier || process <= 0) {
         return 0;
     }

@@ -15,10 +15,7 @@ bool is_of_a_part(const std::string &path)
            (path.size() == 1 || path[1] == '/');
 }
 
-bool leads_out(const std::string &path)
-{
-    return ("/" + path + "/").find("/../") != std::string::npos;
-}
+bool leads_out(const std::string &path) { return ("/" + path + "/").find("/../") != std::string::npos; }
 
 // What follows the member's name in a sentence; empty: nothing is wrong with it.
 std::string fault_of(const Member &member)

@@ -124,15 +124,11 @@ std::string block_guid(From from)
     return text_of(text);
 }
 
-Identity from_image(From from)
-{
-    return {block_text("wwn", from), block_text("serialno", from), block_guid(from)};
-}
+Identity from_image(From from) { return {block_text("wwn", from), block_text("serialno", from), block_guid(from)}; }
 
 void check_sixteen(const std::string &text, const std::string &what)
 {
-    if (text.size() != KESTA_WWN_LENGTH || kesta_is_shell_word(text.c_str()) == 0 ||
-        text[0] == '-') {
+    if (text.size() != KESTA_WWN_LENGTH || kesta_is_shell_word(text.c_str()) == 0 || text[0] == '-') {
         throw Failure(Exit::usage, "bad-identity", "'" + text + "' is no " + what + ".",
                       "It has exactly 16 letters, digits or characters of . _ : + - = / @ , % ^ # ~, and "
                       "begins with none of - # ~.");
@@ -211,8 +207,7 @@ void set_vpd(const Identity &identity)
     const auto text = [](const std::optional<std::string> &value) {
         return value ? value->c_str() : nullptr;
     };
-    if (kestal_set_vpn_info(text(identity.wwn), text(identity.serialno), text(identity.guid)) !=
-        KESTA_OK) {
+    if (kestal_set_vpn_info(text(identity.wwn), text(identity.serialno), text(identity.guid)) != KESTA_OK) {
         throw Failure(Exit::platform, "vpd-failed", "The VPD tool did not take the identity.", look);
     }
 }
@@ -243,10 +238,7 @@ void set_image(const Identity &identity)
     }
 }
 
-std::string host_name_by(const std::string &wwn, int controller)
-{
-    return wwn + "-" + std::to_string(controller);
-}
+std::string host_name_by(const std::string &wwn, int controller) { return wwn + "-" + std::to_string(controller); }
 
 std::string first_line(const std::string &path)
 {

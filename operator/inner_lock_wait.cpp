@@ -52,8 +52,7 @@ void tell()
 void watch_inner_lock(const char *file, int level)
 {
     if (asking || level != attempt_level || !file ||
-        std::string_view(file).find("kestal_cntl_innerlock") == std::string_view::npos ||
-        isatty(STDERR_FILENO) == 0) {
+        std::string_view(file).find("kestal_cntl_innerlock") == std::string_view::npos || isatty(STDERR_FILENO) == 0) {
         return;
     }
     {

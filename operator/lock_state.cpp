@@ -53,8 +53,7 @@ LockState read_lock_state()
 
 std::string describe(const CommandLock &lock, const std::string &group)
 {
-    std::string text = controller_name(lock.controller) + " holds " + kind(lock) +
-                       " since " + utc(lock.identifier);
+    std::string text = controller_name(lock.controller) + " holds " + kind(lock) + " since " + utc(lock.identifier);
     if (!group.empty()) {
         text += " for group " + group;
     }
@@ -93,8 +92,8 @@ std::string clearing_command(const CommandLock &lock)
 std::string inner_lock_text()
 {
     std::array<KESTA_INNERLOCK_BUF, KESTA_CONTROLLERS> slots{};
-    if (kestal_non_volatile_rw_memory(KESTA_BLOCK_INNERLOCK_CNT0, KESTA_BLOCK_READ, slots.data(),
-                                      sizeof(slots)) != KESTA_OK) {
+    if (kestal_non_volatile_rw_memory(KESTA_BLOCK_INNERLOCK_CNT0, KESTA_BLOCK_READ, slots.data(), sizeof(slots)) !=
+        KESTA_OK) {
         return "";
     }
     std::string text;
@@ -118,8 +117,7 @@ void refuse_locked(const std::string &message, const LockState &state, int contr
                               clearing_command(lock));
         }
     }
-    throw Failure(Exit::locked, "locked",
-                  message + ": " + controller_name(controller) + " was taking a lock too.",
+    throw Failure(Exit::locked, "locked", message + ": " + controller_name(controller) + " was taking a lock too.",
                   "Try again, or wait with --wait SECONDS.");
 }
 

@@ -13,9 +13,9 @@ namespace engine {
 // One command lock, as its slot in the NV image tells it.
 struct CommandLock {
     int controller;
-    int status;               // KESTA_LOCK_STATUS_*
-    std::int64_t identifier;  // the second in which it was first taken
-    std::int64_t fresh_until; // identifier + 600, or later if it was renewed
+    int status;                // KESTA_LOCK_STATUS_*
+    std::int64_t identifier;   // the second in which it was first taken
+    std::int64_t fresh_until;  // identifier + 600, or later if it was renewed
 
     bool suspended() const { return status == KESTA_LOCK_STATUS_FREE; }
 

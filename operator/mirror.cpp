@@ -33,9 +33,11 @@ std::size_t copied_size(Side from, const MirroredItem &item)
 {
     const Content &content = item.at(from);
     const std::size_t value = item.block->written;
-    const bool holds_more = content && std::any_of(content->begin() + static_cast<std::ptrdiff_t>(std::min(value, content->size())),
-                                                   content->end(), [](char byte) { return byte != 0; });
-    return from == Side::memory && !holds_more ? std::min<std::size_t>(value, item.block->mirror_size) : item.block->mirror_size;
+    const bool holds_more =
+        content && std::any_of(content->begin() + static_cast<std::ptrdiff_t>(std::min(value, content->size())),
+                               content->end(), [](char byte) { return byte != 0; });
+    return from == Side::memory && !holds_more ? std::min<std::size_t>(value, item.block->mirror_size)
+                                               : item.block->mirror_size;
 }
 
 Content content_of(int (*read)(int, int, void *, unsigned), int flag, const Block &block)
@@ -55,22 +57,15 @@ bool is_slot_field(const Content &content)
 int write_item(Side to, int block, std::vector<char> bytes)
 {
     const unsigned size = static_cast<unsigned>(bytes.size());
-    return to == Side::memory
-               ? kestal_non_volatile_rw_memory(block, KESTA_BLOCK_WRITE, bytes.data(), size)
-               : kestal_non_volatile_rw_sysback(block, KESTA_FILE_WRITE, bytes.data(), size);
+    return to == Side::memory ? kestal_non_volatile_rw_memory(block, KESTA_BLOCK_WRITE, bytes.data(), size)
+                              : kestal_non_volatile_rw_sysback(block, KESTA_FILE_WRITE, bytes.data(), size);
 }
 
 }  // namespace
 
-const char *name_of(Side side)
-{
-    return side == Side::memory ? "NV memory" : "the system backup area";
-}
+const char *name_of(Side side) { return side == Side::memory ? "NV memory" : "the system backup area"; }
 
-bool MirroredItem::differs() const
-{
-    return block->in_memory ? !memory || !disk || *memory != *disk : !disk;
-}
+bool MirroredItem::differs() const { return block->in_memory ? !memory || !disk || *memory != *disk : !disk; }
 
 bool MirrorState::valid(Side side) const
 {
@@ -80,15 +75,13 @@ bool MirrorState::valid(Side side) const
 
 bool MirrorState::differ() const
 {
-    return std::any_of(items.begin(), items.end(),
-                       [](const MirroredItem &item) { return item.differs(); });
+    return std::any_of(items.begin(), items.end(), [](const MirroredItem &item) { return item.differs(); });
 }
 
 bool MirrorState::disk_lacks_only() const
 {
-    return std::all_of(items.begin(), items.end(), [](const MirroredItem &item) {
-        return !item.differs() || !item.disk;
-    });
+    return std::all_of(items.begin(), items.end(),
+                       [](const MirroredItem &item) { return !item.differs() || !item.disk; });
 }
 
 MirrorState read_mirror()
@@ -133,8 +126,7 @@ int copy_items(const MirrorState &state, Side from, std::string &failed)
         const MirroredItem &name = state.items.front();
         failed = name.block->name;
         const std::size_t size = name.block->mirror_size;
-        if (const int result = write_item(to, name.block->id, std::vector<char>(size, '\0'));
-            result != KESTA_OK) {
+        if (const int result = write_item(to, name.block->id, std::vector<char>(size, '\0')); result != KESTA_OK) {
             return result;
         }
         if (!name.differs()) {
@@ -144,8 +136,7 @@ int copy_items(const MirrorState &state, Side from, std::string &failed)
     std::reverse(changes.begin(), changes.end());  // the names last
     for (const Replacement &change : changes) {
         failed = change.item->block->name;
-        if (const int result =
-                kestal_repair_rw(direction, change.item->block->id, copied_size(from, *change.item));
+        if (const int result = kestal_repair_rw(direction, change.item->block->id, copied_size(from, *change.item));
             result != KESTA_OK) {
             return result;
         }
@@ -160,8 +151,7 @@ int add_missing_items(const MirrorState &state, std::string &failed)
             continue;
         }
         failed = item.block->name;
-        const int result =
-            kestal_repair_rw(KESTA_REPAIR_FROM_MEMORY, item.block->id, copied_size(Side::memory, item));
+        const int result = kestal_repair_rw(KESTA_REPAIR_FROM_MEMORY, item.block->id, copied_size(Side::memory, item));
         if (result != KESTA_OK) {
             return result;
         }
@@ -195,8 +185,9 @@ void shorten_mirror(const Block &block)
             throw Failure(Exit::no, "overlong-mirror",
                           "The system backup area's " + block.name + " has more than " + std::to_string(block.written) +
                               " bytes that are not zero.",
-                          "Look at it with 'kestactl nv read " + block.name + " --from sysback', and write it anew with "
-                          "'kestactl identity set'.");
+                          "Look at it with 'kestactl nv read " + block.name +
+                              " --from sysback', and write it anew with "
+                              "'kestactl identity set'.");
         }
         bytes.resize(block.written);
         if (!was_read || write_item(Side::disk, block.id, bytes) != KESTA_OK) {

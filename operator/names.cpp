@@ -15,22 +15,22 @@ constexpr std::size_t longest_group = KESTA_GROUP_NAME_SIZE - 1;
 BlockKind kind_of(const KESTA_NV_ITEM &item)
 {
     switch (item.kind) {
-        case KESTA_NV_KIND_NUMBER:
-            return BlockKind::number;
-        case KESTA_NV_KIND_VERSION:
-            return BlockKind::version;
-        case KESTA_NV_KIND_SLOT_NAME:
-            return BlockKind::slot;
-        case KESTA_NV_KIND_GROUP_NAME:
-            return BlockKind::group;
-        case KESTA_NV_KIND_TEXT:
-            return BlockKind::text;
-        case KESTA_NV_KIND_COMMAND_LOCK:
-            return BlockKind::lock;
-        case KESTA_NV_KIND_INNER_LOCK:
-            return BlockKind::inner_lock;
-        default:
-            return BlockKind::bytes;  // whatever else a newer library has can be shown so
+    case KESTA_NV_KIND_NUMBER:
+        return BlockKind::number;
+    case KESTA_NV_KIND_VERSION:
+        return BlockKind::version;
+    case KESTA_NV_KIND_SLOT_NAME:
+        return BlockKind::slot;
+    case KESTA_NV_KIND_GROUP_NAME:
+        return BlockKind::group;
+    case KESTA_NV_KIND_TEXT:
+        return BlockKind::text;
+    case KESTA_NV_KIND_COMMAND_LOCK:
+        return BlockKind::lock;
+    case KESTA_NV_KIND_INNER_LOCK:
+        return BlockKind::inner_lock;
+    default:
+        return BlockKind::bytes;  // whatever else a newer library has can be shown so
     }
 }
 
@@ -40,8 +40,8 @@ std::vector<Block> make_blocks()
     unsigned count = 0;
     const KESTA_NV_ITEM *const items = kesta_nv_items(&count);
     for (const KESTA_NV_ITEM *item = items; item != items + count; ++item) {
-        all.push_back({item->block_id, item->name, kind_of(*item), item->size, item->mirror != nullptr, item->offset >= 0,
-                       item->value_size, item->mirror_size, item->offset});
+        all.push_back({item->block_id, item->name, kind_of(*item), item->size, item->mirror != nullptr,
+                       item->offset >= 0, item->value_size, item->mirror_size, item->offset});
     }
     return all;
 }
@@ -89,8 +89,8 @@ int parse_controller(const std::string &text)
 
 void check_group(const std::string &name)
 {
-    const bool good = !name.empty() && name.size() <= longest_group && name[0] != '.' &&
-                      name[0] != '-' && std::all_of(name.begin(), name.end(), is_group_character);
+    const bool good = !name.empty() && name.size() <= longest_group && name[0] != '.' && name[0] != '-' &&
+                      std::all_of(name.begin(), name.end(), is_group_character);
     if (!good) {
         throw Failure(Exit::usage, "bad-group", "'" + name + "' can't be the name of a group.",
                       "A group name has 1 to 15 letters, digits, '.', '_' or '-', and begins with "

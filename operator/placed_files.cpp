@@ -40,7 +40,8 @@ void make_one_folder(const Entry &entry, const std::string &path, const Member *
 {
     Owners owners;
     const Descriptor folder = make_folder(entry);
-    const bool made = folder && (!recorded || set_owner(folder, owners.owner_of(*recorded), owners.group_of(*recorded))) &&
+    const bool made = folder &&
+                      (!recorded || set_owner(folder, owners.owner_of(*recorded), owners.group_of(*recorded))) &&
                       set_mode(folder, recorded ? recorded->mode : folder_mode);
     if (!made) {
         fail_file("/" + path, "made");
@@ -97,8 +98,7 @@ void stage_file(const Entry &staged, const RestoredFile &file, const ReadMember 
     struct stat status;
     const bool whole = ftruncate(fd.get(), static_cast<off_t>(member.size)) == 0 &&
                        set_owner(fd, owners.owner_of(member), owners.group_of(member)) && set_mode(fd, member.mode) &&
-                       set_modified(fd, member.modified) &&
-                       fstat(fd.get(), &status) == 0 && fd.close();
+                       set_modified(fd, member.modified) && fstat(fd.get(), &status) == 0 && fd.close();
     if (!whole) {
         fail_file(path, "written beside the old one");
     }
@@ -170,8 +170,7 @@ void stage_second_name(const Entry &staged, const RestoredFile &file, const File
     }
 }
 
-void place(const RestoredFile &file, const RestoredFiles &files, const FileChanges &changes,
-           const GroupPlaces &places)
+void place(const RestoredFile &file, const RestoredFiles &files, const FileChanges &changes, const GroupPlaces &places)
 {
     const Entry entry = make_way(file.member.path, files, places);
     if (file.member.kind == MemberKind::folder) {
@@ -198,9 +197,7 @@ void adjust(const RestoredFile &file, const FileChanges &changes, const GroupPla
     const Entry entry = places.entry(member.path);
     const bool is_link = member.kind == MemberKind::link;
     struct stat status;
-    const Descriptor thing = !entry    ? Descriptor()
-                             : is_link ? open_itself(entry, status)
-                                       : open_plain(entry, status);
+    const Descriptor thing = !entry ? Descriptor() : is_link ? open_itself(entry, status) : open_plain(entry, status);
     const auto known = changes.known.find(file.path());
     const bool same = thing && known != changes.known.end() && known->second == FileNumber(status) &&
                       (member.kind != MemberKind::file || status.st_nlink == 1);
@@ -241,8 +238,7 @@ void remove_file(const std::string &path, const GroupPlaces &places)
 
 }  // namespace
 
-void stage_files(const Archive &archive, const RestoredFiles &files, FileChanges &changes,
-                 const GroupPlaces &places)
+void stage_files(const Archive &archive, const RestoredFiles &files, FileChanges &changes, const GroupPlaces &places)
 {
     Owners owners;
     WrittenFileSystems written;

@@ -31,7 +31,9 @@ constexpr std::array<Form, 4> forms{{
 
 Character decode(std::string_view text)
 {
-    const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const auto byte = [text](std::size_t i) {
+        return static_cast<unsigned char>(text[i]);
+    };
     for (const Form &form : forms) {
         if ((byte(0) & form.mask) != form.lead) {
             continue;
@@ -54,7 +56,9 @@ Character decode(std::string_view text)
 
 bool acts_on_a_terminal(std::uint32_t code)
 {
-    const auto between = [code](std::uint32_t first, std::uint32_t last) { return code >= first && code <= last; };
+    const auto between = [code](std::uint32_t first, std::uint32_t last) {
+        return code >= first && code <= last;
+    };
     return (code < 0x20 && code != '\n' && code != '\t') || between(0x7f, 0x9f) || between(0x200e, 0x200f) ||
            between(0x2028, 0x202e) || between(0x2066, 0x2069);
 }

@@ -95,8 +95,7 @@ private:
             return member.number;
         }
         const auto kind = kinds_.find(member.target);
-        if (kind == kinds_.end() ||
-            (kind->second != MemberKind::file && kind->second != MemberKind::hard_link)) {
+        if (kind == kinds_.end() || (kind->second != MemberKind::file && kind->second != MemberKind::hard_link)) {
             refuse("holds '" + member.path + "' as another name of '" + member.target +
                    "', which is no file of the group that came before");
         }
@@ -148,19 +147,17 @@ private:
 
 }  // namespace
 
-RestoredFiles choose_files(const Archive &archive, const KESTA_BACKUP_FILE &definition,
-                           const GroupPaths &paths)
+RestoredFiles choose_files(const Archive &archive, const KESTA_BACKUP_FILE &definition, const GroupPaths &paths)
 {
     Choice choice(archive, paths);
     for_each_member(archive, [&choice](const Member &member, const ReadMember &read) { choice.visit(member, read); });
     RestoredFiles files = choice.finish();
     for (const std::string &wanted : paths.wanted()) {
-        const bool there =
-            std::any_of(files.members.begin(), files.members.end(),
-                        [&wanted](const RestoredFile &file) { return is_within(file.member.path, wanted); });
+        const bool there = std::any_of(files.members.begin(), files.members.end(), [&wanted](const RestoredFile &file) {
+            return is_within(file.member.path, wanted);
+        });
         if (!there && !may_be_gone(definition)) {
-            throw Failure(Exit::no, "not-in-archive",
-                          archive.name + " has no /" + wanted + ": nothing was changed.",
+            throw Failure(Exit::no, "not-in-archive", archive.name + " has no /" + wanted + ": nothing was changed.",
                           "The definition is newer than the archive. Restore other paths with --only, or "
                           "save the group again.");
         }

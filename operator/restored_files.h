@@ -36,8 +36,7 @@ struct RestoredFiles {
 // Throws Failure: the archive is damaged or too large, lacks a path (where the group's operation
 // does not allow that), or holds what must not be unpacked: names with "..", absolute ones, members
 // below one that is no folder, links that lead out of the paths, devices.
-RestoredFiles choose_files(const Archive &archive, const KESTA_BACKUP_FILE &definition,
-                           const GroupPaths &paths);
+RestoredFiles choose_files(const Archive &archive, const KESTA_BACKUP_FILE &definition, const GroupPaths &paths);
 
 // By the numbers of the members whose contents they get.
 using FilesByContents = std::map<std::size_t, const RestoredFile *>;

@@ -144,8 +144,7 @@ private:
                 continue;
             }
             struct stat status;
-            const Descriptor folder =
-                places_.root().open(places_.root().settled(way.string()), O_RDONLY | O_DIRECTORY);
+            const Descriptor folder = places_.root().open(places_.root().settled(way.string()), O_RDONLY | O_DIRECTORY);
             if (!folder || fstat(folder.get(), &status) != 0) {
                 fail_file("/" + way.string(), "looked at");
             }
@@ -179,8 +178,7 @@ private:
     void visit_opened(const Descriptor &opened, Member member, const struct stat &status)
     {
         if (member.kind == MemberKind::file && status.st_nlink > 1) {
-            const auto [first, is_new] =
-                first_names_.emplace(std::pair(status.st_dev, status.st_ino), member.path);
+            const auto [first, is_new] = first_names_.emplace(std::pair(status.st_dev, status.st_ino), member.path);
             if (!is_new) {
                 member.kind = MemberKind::hard_link;
                 member.target = first->second;

@@ -30,10 +30,8 @@ class Environment {
 public:
     explicit Environment(const ScriptContext &context)
     {
-        if (kestal_alloc_envblk(&block_, context.event.c_str(), context.platform_status.c_str()) !=
-            KESTA_OK) {
-            throw Failure(Exit::platform, "not-started",
-                          "The environment for the scripts could not be made.",
+        if (kestal_alloc_envblk(&block_, context.event.c_str(), context.platform_status.c_str()) != KESTA_OK) {
+            throw Failure(Exit::platform, "not-started", "The environment for the scripts could not be made.",
                           "Is the environment very large? Look at --trace 1.");
         }
         for (char *at = block_; *at != '\0'; at += strlen(at) + 1) {
@@ -98,11 +96,9 @@ pid_t start(const std::string &command, Environment &environment, const Errors &
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &all);
     posix_spawnattr_setpgroup(&attributes, 0);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
-                                              POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
     pid_t child = -1;
-    const int error = posix_spawn(&child, shell.c_str(), &actions, &attributes, arguments,
-                                  environment.list());
+    const int error = posix_spawn(&child, shell.c_str(), &actions, &attributes, arguments, environment.list());
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
@@ -115,10 +111,7 @@ pid_t start(const std::string &command, Environment &environment, const Errors &
 
 // A script that runs, and how its end is waited for.
 struct Running {
-    explicit Running(pid_t started)
-        : child(started), pidfd(static_cast<int>(syscall(SYS_pidfd_open, started, 0)))
-    {
-    }
+    explicit Running(pid_t started) : child(started), pidfd(static_cast<int>(syscall(SYS_pidfd_open, started, 0))) {}
     ~Running()
     {
         if (pidfd >= 0) {
@@ -136,15 +129,16 @@ bool has_ended(pid_t child)
 {
     siginfo_t ended{};
     // It stays to be reaped.
-    return waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) != 0 ||
-           ended.si_pid == child;
+    return waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) != 0 || ended.si_pid == child;
 }
 
 // Waits for the end of a script, at most so long. Whether it has ended.
 bool await(const Running &script, int milliseconds)
 {
     if (script.pidfd >= 0) {
-        struct pollfd watch {script.pidfd, POLLIN, 0};
+        struct pollfd watch {
+            script.pidfd, POLLIN, 0
+        };
         return poll(&watch, 1, milliseconds) > 0;
     }
     const Clock::time_point limit = Clock::now() + std::chrono::milliseconds(milliseconds);
@@ -166,8 +160,8 @@ void stop(const Running &script)
 }
 
 // Whether the script has to be stopped: too long, or this program is asked to end.
-bool must_stop(const ScriptContext &context, Clock::time_point begun, const HeldSignals &signals,
-               const Running &script, bool &timed_out)
+bool must_stop(const ScriptContext &context, Clock::time_point begun, const HeldSignals &signals, const Running &script,
+               bool &timed_out)
 {
     while (!await(script, look_ms)) {
         if (Clock::now() - begun >= std::chrono::seconds(context.timeout)) {
@@ -183,8 +177,7 @@ bool must_stop(const ScriptContext &context, Clock::time_point begun, const Held
 
 }  // namespace
 
-ScriptEnd run_script(const std::string &command, const ScriptContext &context,
-                     const HeldSignals &signals)
+ScriptEnd run_script(const std::string &command, const ScriptContext &context, const HeldSignals &signals)
 {
     Environment environment(context);
     const Errors errors;

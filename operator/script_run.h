@@ -30,8 +30,7 @@ struct ScriptEnd {
 // to scripts. What it prints goes to stderr. A script that hangs is stopped with its group: by SIGTERM,
 // two seconds later by SIGKILL; so is one that runs when a signal comes. Throws Failure if it can't be
 // started.
-ScriptEnd run_script(const std::string &command, const ScriptContext &context,
-                     const HeldSignals &signals);
+ScriptEnd run_script(const std::string &command, const ScriptContext &context, const HeldSignals &signals);
 
 // One line: "exit code 3 after 0.2 s: what it said last"
 std::string describe(const ScriptEnd &end);

@@ -101,7 +101,7 @@ std::string address_of(StoragePlace place)
 {
     return place == StoragePlace::backup_on_flash   ? flash_backup_address
            : place == StoragePlace::accept_on_flash ? flash_accept_address
-                                                 : place_of_slot(slot_of(place));
+                                                    : place_of_slot(slot_of(place));
 }
 
 StoragePlace place_at(const std::string &address)
@@ -122,10 +122,7 @@ bool is_on_flash(StoragePlace place)
 
 std::string slot_of(StoragePlace place) { return place == StoragePlace::slot0 ? KESTA_SLOT0 : KESTA_SLOT1; }
 
-const char *path_of(StoragePlace place)
-{
-    return place == StoragePlace::backup_on_flash ? flash_backup : flash_accept;
-}
+const char *path_of(StoragePlace place) { return place == StoragePlace::backup_on_flash ? flash_backup : flash_accept; }
 
 StoragePlace slot_place(const std::string &slot)
 {

@@ -15,8 +15,9 @@ namespace engine {
 
 enum class StoragePlace { backup_on_flash, accept_on_flash, slot0, slot1 };
 
-inline constexpr std::array<StoragePlace, 4> storage_places{StoragePlace::backup_on_flash, StoragePlace::accept_on_flash,
-                                                            StoragePlace::slot0, StoragePlace::slot1};
+inline constexpr std::array<StoragePlace, 4> storage_places{StoragePlace::backup_on_flash,
+                                                            StoragePlace::accept_on_flash, StoragePlace::slot0,
+                                                            StoragePlace::slot1};
 
 // "flash:backup", "flash:accept", "slot:kesta_backup0", "slot:kesta_backup1"
 std::string address_of(StoragePlace place);
@@ -33,7 +34,8 @@ StoragePlace slot_place(const std::string &slot);
 // neither knows them, or can't be read.
 std::vector<int> recorded_versions(const std::string &sha256);
 
-ArchiveEvidence evidence_at(StoragePlace place, const std::function<void()> &look = [] {});
+ArchiveEvidence evidence_at(
+    StoragePlace place, const std::function<void()> &look = [] {});
 
 // A number of the version areas, or of the flash file. Nothing: it was never set, or nobody has it.
 struct VersionNumber {

@@ -39,12 +39,10 @@ std::optional<UnfinishedRestore> unfinished_restore()
     }
     try {
         const Json json = Json::parse(read_whole_file(unfinished_restore_note));
-        return UnfinishedRestore{json.at("group"), json.at("from"), json.at("only"),
-                                 json.at("on_reboot"),
+        return UnfinishedRestore{json.at("group"), json.at("from"), json.at("only"), json.at("on_reboot"),
                                  json.at("replaced").get<std::set<std::string>>()};
     } catch (const nlohmann::json::exception &) {
-        throw Failure(Exit::platform, "bad-note",
-                      std::string(unfinished_restore_note) + " can't be understood.",
+        throw Failure(Exit::platform, "bad-note", std::string(unfinished_restore_note) + " can't be understood.",
                       "A restore was not completed. Remove the file, and restore the group again.");
     }
 }
@@ -71,8 +69,9 @@ void require_no_unfinished_restore()
 {
     if (const auto unfinished = unfinished_restore()) {
         throw Failure(Exit::no, "restore-unfinished",
-                      "A restore of " + unfinished->group + " is unfinished: its files may be partly new, "
-                                                            "partly old.",
+                      "A restore of " + unfinished->group +
+                          " is unfinished: its files may be partly new, "
+                          "partly old.",
                       "Complete it first: " + unfinished->command());
     }
 }

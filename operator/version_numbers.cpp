@@ -24,8 +24,7 @@ bool is_older_version(int version, int than)
 
 int latest_number(int own)
 {
-    const int latest =
-        kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, own, KESTA_VERSION_BY_MODE);
+    const int latest = kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, own, KESTA_VERSION_BY_MODE);
     if (latest < 0) {
         fail_call("read-failed", "The latest number can't be read.", "Look at --trace 1.");
     }
@@ -37,8 +36,7 @@ int hand_out_version(int own)
     int next = 0;
     under_inner_lock("No number was handed out.", [&] {
         ask_both_places();
-        const int latest =
-            kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, own, KESTA_VERSION_BY_MODE);
+        const int latest = kestal_read_version_nolock(KESTA_VER_AREA_NUMBERING, own, KESTA_VERSION_BY_MODE);
         if (latest < 0) {
             fail_call("next-failed", "No number was handed out.", "The latest one can't be read: look at --trace 1.");
         }

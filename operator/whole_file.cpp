@@ -32,11 +32,11 @@ std::string folder_of(const std::string &path)
 
 [[noreturn]] void refuse_kind(const std::string &path, mode_t mode)
 {
-    const char *kind = S_ISLNK(mode)                        ? "a symbolic link"
-                       : S_ISDIR(mode)                      ? "a folder"
-                       : S_ISFIFO(mode)                     ? "a FIFO"
+    const char *kind = S_ISLNK(mode)                    ? "a symbolic link"
+                       : S_ISDIR(mode)                  ? "a folder"
+                       : S_ISFIFO(mode)                 ? "a FIFO"
                        : S_ISCHR(mode) || S_ISBLK(mode) ? "a device"
-                                                            : "a socket";
+                                                        : "a socket";
     throw Failure(Exit::no, "not-a-file", path + " is " + kind + ", and only plain files are read or replaced.",
                   "Name another file, or see who put that there and take it away.");
 }
@@ -114,10 +114,9 @@ void flush(const std::string &path, int flags)
     const int error = errno;
     throw Failure(Exit::platform, error == ENOSPC || error == EDQUOT ? no_room : "file-failed",
                   path + " could not be " + what + ": " + strerror(error) + ".",
-                  error == EACCES || error == EPERM ? "Run the command as root."
-                  : error == ENOSPC || error == EDQUOT
-                      ? "Make room there, then run the command again."
-                      : "Check the folder and its space, then run the command again.");
+                  error == EACCES || error == EPERM    ? "Run the command as root."
+                  : error == ENOSPC || error == EDQUOT ? "Make room there, then run the command again."
+                                                       : "Check the folder and its space, then run the command again.");
 }
 
 // Neither a link nor a FIFO is followed or waited for.

@@ -5,8 +5,8 @@
 set -eu
 cd "$(dirname "$0")/.."
 
-# Held to it so far. The engine, kestactl and the tests are still to be laid out.
-folders="common include lab platform bench tools/platform_check"
+# All of it.
+folders="common include lab platform bench tools operator tests"
 
 case ${1:-} in
 --check | --write) ;;

@@ -19,8 +19,7 @@ TEST_F(AreaFile, ValidAcceptNameInMemoryTakesOneRead)
     EXPECT_THAT(p().calls_of("nv_read 104"), ElementsAre("nv_read 104 32"));
     EXPECT_TRUE(p().calls_of("sb_").empty());
     EXPECT_EQ(p().traces.front().text, "[area_file_rw] START");
-    EXPECT_EQ(p().traces.back(),
-              (Trace{5, "[area_file_rw] END ret=0", "../common/kestal_area_file_rw.cpp"}));
+    EXPECT_EQ(p().traces.back(), (Trace{5, "[area_file_rw] END ret=0", "../common/kestal_area_file_rw.cpp"}));
     EXPECT_TRUE(p().traced(5, "[area_file_rw] kestal_non_volatile_rw(kesta_sysacpt) len=32"));
 }
 
@@ -32,8 +31,7 @@ TEST_F(AreaFile, OtherAcceptNameInMemoryIsReadAgainFromTheArea)
         p().calls.clear();
         EXPECT_EQ(kestal_area_file_rw(2, accept, nullptr), 0);
         EXPECT_STREQ(accept, "kesta_backup1");
-        EXPECT_TRUE(p().traced(
-            1, "[area_file_rw] non volatile data ERROR (kesta_sysacpt) a_file=" + stale));
+        EXPECT_TRUE(p().traced(1, "[area_file_rw] non volatile data ERROR (kesta_sysacpt) a_file=" + stale));
         EXPECT_THAT(p().calls_of("sb_open"), ElementsAre("sb_open kesta_sysacpt r"));
     }
 }
@@ -46,8 +44,7 @@ TEST_F(AreaFile, FullNameWithoutTerminatorIsPrintedWhole)
     char exact[32];
     EXPECT_EQ(kestal_area_file_rw(2, exact, nullptr), 0);
     EXPECT_EQ(std::string(exact, 32), full);
-    EXPECT_TRUE(
-        p().traced(1, "[area_file_rw] non volatile data ERROR (kesta_sysacpt) a_file=" + full));
+    EXPECT_TRUE(p().traced(1, "[area_file_rw] non volatile data ERROR (kesta_sysacpt) a_file=" + full));
 }
 
 TEST_F(AreaFile, FailedMemoryReadIsReadAgainFromTheArea)
@@ -126,9 +123,8 @@ TEST_F(AreaFile, ArgumentsAreCheckedBeforeTheLock)
     EXPECT_EQ(kestal_area_file_rw(1, nullptr, nullptr), -931);
     EXPECT_EQ(kestal_area_file_rw(0, accept, backup), -931);
     EXPECT_EQ(kestal_area_file_rw(3, accept, backup), -931);
-    EXPECT_THAT(p().texts(1),
-                ElementsAre("[area_file_rw] Argument ERROR", "[area_file_rw] Argument(rw_flag) ERROR",
-                            "[area_file_rw] Argument(rw_flag) ERROR"));
+    EXPECT_THAT(p().texts(1), ElementsAre("[area_file_rw] Argument ERROR", "[area_file_rw] Argument(rw_flag) ERROR",
+                                          "[area_file_rw] Argument(rw_flag) ERROR"));
     EXPECT_TRUE(p().calls.empty());
 }
 
@@ -166,11 +162,9 @@ TEST_F(ChangeAddress, SwitchIsTwoCalls)
     EXPECT_EQ(kestal_change_address(accept, backup, 1), 0);
     EXPECT_EQ(p().text_at(nv_backup_name, 32), "kesta_backup1");
     EXPECT_EQ(p().sysback.at("kesta_sysback").bytes.size(), 32u);
-    EXPECT_THAT(p().texts(4),
-                testing::IsSupersetOf({"[change_address] ...kesta_sysacpt Write value=(kesta_backup0)",
-                                       "[change_address] ...kesta_sysback Write value=(kesta_backup1)"}));
-    EXPECT_EQ(p().count("[change_address] ===> New Backup=(kesta_backup1) New Accept=(kesta_backup0)"),
-              2);
+    EXPECT_THAT(p().texts(4), testing::IsSupersetOf({"[change_address] ...kesta_sysacpt Write value=(kesta_backup0)",
+                                                     "[change_address] ...kesta_sysback Write value=(kesta_backup1)"}));
+    EXPECT_EQ(p().count("[change_address] ===> New Backup=(kesta_backup1) New Accept=(kesta_backup0)"), 2);
     EXPECT_TRUE(inner_lock_is_free());
 }
 
@@ -180,8 +174,7 @@ TEST_F(ChangeAddress, OtherFlagLocksAndUnlocksOnly)
     EXPECT_EQ(p().text_at(nv_accept_name, 32), "kesta_backup1");
     EXPECT_TRUE(p().calls_of("sb_").empty());
     EXPECT_EQ(p().calls_of("nv_write").size(), 2u) << "the claim and its release";
-    EXPECT_EQ(p().texts(3).back(),
-              "[change_address] ===> New Backup=(kesta_backup1) New Accept=(kesta_backup0)");
+    EXPECT_EQ(p().texts(3).back(), "[change_address] ===> New Backup=(kesta_backup1) New Accept=(kesta_backup0)");
     EXPECT_EQ(kestal_change_address(nullptr, nullptr, 2), 0);
     EXPECT_EQ(p().texts(3).back(), "[change_address] ===> New Backup=((null)) New Accept=((null))");
 }
@@ -204,8 +197,7 @@ TEST_F(ChangeAddress, FailuresOfLockWriteAndUnlock)
     p().kind_faults.clear();
     p().fail_kind("sb_open");
     EXPECT_EQ(kestal_change_address(accept, backup, 1), -1);
-    EXPECT_TRUE(
-        p().traced(1, "[change_address] kesta_sysback Write ERROR (ID=31,value=kesta_backup1)."));
+    EXPECT_TRUE(p().traced(1, "[change_address] kesta_sysback Write ERROR (ID=31,value=kesta_backup1)."));
     EXPECT_TRUE(inner_lock_is_free());
     p().kind_faults.clear();
     p().fail_kind("nv_write", 2, 5);
@@ -233,8 +225,8 @@ TEST_F(GroupNameField, NullIsRefused)
 {
     EXPECT_EQ(kestal_set_group_name_file(nullptr), -931);
     EXPECT_EQ(kestal_read_group_name_file(nullptr), -931);
-    EXPECT_THAT(p().texts(1), ElementsAre("[set_group_name_file] Argument ERROR",
-                                          "[read_group_name_file] Argument ERROR"));
+    EXPECT_THAT(p().texts(1),
+                ElementsAre("[set_group_name_file] Argument ERROR", "[read_group_name_file] Argument ERROR"));
 }
 
 TEST_F(GroupNameField, FailuresOfLockAccessAndUnlock)
@@ -273,11 +265,10 @@ TEST_F(FileSize, RefusesWhatIsNoFile)
     EXPECT_EQ(kestal_get_file_size("/opt/kesta_sys/f", &size), -931);
     EXPECT_EQ(kestal_get_file_size("/opt/kesta_sys", &size), -931) << "a folder";
     EXPECT_EQ(size, 77u);
-    EXPECT_THAT(p().texts(1),
-                ElementsAre("[get_file_size] Argument ERROR(f_name=NULL)",
-                            "[get_file_size] Argument ERROR(ret_size=NULL)",
-                            "[get_file_size] File open Error f_name =/opt/kesta_sys/f errno=2",
-                            "[get_file_size] File open Error f_name =/opt/kesta_sys errno=21"));
+    EXPECT_THAT(p().texts(1), ElementsAre("[get_file_size] Argument ERROR(f_name=NULL)",
+                                          "[get_file_size] Argument ERROR(ret_size=NULL)",
+                                          "[get_file_size] File open Error f_name =/opt/kesta_sys/f errno=2",
+                                          "[get_file_size] File open Error f_name =/opt/kesta_sys errno=21"));
 }
 
 TEST_F(FileSize, SizeThatThirtyTwoBitsCanNotSayIsRefused)
@@ -353,8 +344,7 @@ TEST_F(GroupList, EntriesBeforeABadLineAreStored)
     EXPECT_EQ(parse("good,5\nbad,65\n"), -1);
     EXPECT_STREQ(names, "good");
     EXPECT_EQ(codes[1], 65) << "stored before it is refused";
-    EXPECT_TRUE(p().traced(
-        1, "[get_allgroupname] Group error cd range check ERROR g_name=bad g_errorcd=65"));
+    EXPECT_TRUE(p().traced(1, "[get_allgroupname] Group error cd range check ERROR g_name=bad g_errorcd=65"));
 }
 
 TEST_F(GroupList, BadLines)
@@ -388,8 +378,7 @@ TEST_F(GroupList, ArgumentsAndFilesThatCanNotBeRead)
     EXPECT_EQ(kestal_get_groupname_from_file(names, codes, nullptr), -931);
     EXPECT_EQ(p().count("[get_allgroupname] Argument ERROR"), 3);
     EXPECT_EQ(kestal_get_groupname_from_file(names, codes, "/etc/kesta_sys/none"), -1);
-    EXPECT_TRUE(p().traced(
-        1, "[get_allgroupname] File open Error f_name =/etc/kesta_sys/none, errno=2"));
+    EXPECT_TRUE(p().traced(1, "[get_allgroupname] File open Error f_name =/etc/kesta_sys/none, errno=2"));
     EXPECT_EQ(kestal_get_groupname_from_file(names, codes, "/etc/kesta_sys"), -1);
     EXPECT_TRUE(p().traced(1, "[get_allgroupname] fgets() ERROR f_name=/etc/kesta_sys"));
 }

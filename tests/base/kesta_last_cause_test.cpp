@@ -21,8 +21,14 @@ struct Operation {
 std::vector<Operation> operations()
 {
     return {
-        {"set_version", [] { return kestal_set_version(KESTA_VER_AREA_BACKUP, 1, 4); }},
-        {"read_version", [] { return kestal_read_version(KESTA_VER_AREA_BACKUP, 1, 1) < 0 ? -1 : 0; }},
+        {"set_version",
+         [] {
+             return kestal_set_version(KESTA_VER_AREA_BACKUP, 1, 4);
+         }},
+        {"read_version",
+         [] {
+             return kestal_read_version(KESTA_VER_AREA_BACKUP, 1, 1) < 0 ? -1 : 0;
+         }},
         {"innerlock",
          [] {
              const int result = kestal_cntl_innerlock(0);
@@ -35,8 +41,14 @@ std::vector<Operation> operations()
              unsigned size = sizeof(bytes);
              return kestal_backup_rw("kesta_verback", KESTA_FILE_WRITE, &data, &size);
          }},
-        {"set_flash_version_file", [] { return kestal_set_flash_version_file(4, KESTA_FLASH_VERSION); }},
-        {"cntbackup2backup", [] { return kestal_cntbackup2backup(); }},
+        {"set_flash_version_file",
+         [] {
+             return kestal_set_flash_version_file(4, KESTA_FLASH_VERSION);
+         }},
+        {"cntbackup2backup",
+         [] {
+             return kestal_cntbackup2backup();
+         }},
     };
 }
 

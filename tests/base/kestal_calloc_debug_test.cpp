@@ -17,14 +17,12 @@ class TrackedAllocation : public LibraryTest {
 protected:
     static char *make(int count, int size)
     {
-        return static_cast<char *>(
-            __real_kestal_calloc_debug(count, size, "../common/some_long_name.cpp", 12, 1));
+        return static_cast<char *>(__real_kestal_calloc_debug(count, size, "../common/some_long_name.cpp", 12, 1));
     }
     static void drop(void *ptr) { kestal_free_debug(ptr, "../x.cpp", 34, 1); }
     static bool is_zero(const char *ptr, int size)
     {
-        return std::string(ptr, static_cast<std::size_t>(size)) ==
-               std::string(static_cast<std::size_t>(size), '\0');
+        return std::string(ptr, static_cast<std::size_t>(size)) == std::string(static_cast<std::size_t>(size), '\0');
     }
 };
 
@@ -52,13 +50,11 @@ TEST_F(TrackedAllocation, CallocAndFreeAreCountedAndLogged)
     drop(ptr);
     EXPECT_EQ(tsize, 0);
     const std::string no = std::to_string(thread);
-    EXPECT_EQ(p().texts(4),
-              (std::vector<std::string>{
-                  "***** CALLOC(ALLOC_SIZE =30 TOTAL_SIZE =30 THREADNO =" + no +
-                      " FILE =common/some_lon LINE =12)",
-                  "***** FREE(FREE_SIZE =30 TOTAL_SIZE =0 THREADNO =" + no +
-                      " FILE =x.cpp LINE =34 (THREADNO =" + no +
-                      " FILE =common/some_lon LINE =12))"}));
+    EXPECT_EQ(p().texts(4), (std::vector<std::string>{"***** CALLOC(ALLOC_SIZE =30 TOTAL_SIZE =30 THREADNO =" + no +
+                                                          " FILE =common/some_lon LINE =12)",
+                                                      "***** FREE(FREE_SIZE =30 TOTAL_SIZE =0 THREADNO =" + no +
+                                                          " FILE =x.cpp LINE =34 (THREADNO =" + no +
+                                                          " FILE =common/some_lon LINE =12))"}));
 }
 
 TEST_F(TrackedAllocation, ReallocChangesTheTotalByTheDifference)

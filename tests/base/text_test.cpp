@@ -27,8 +27,7 @@ TEST_F(IsDigit, NullAndEmptyHaveTextsOfTheirOwn)
 {
     EXPECT_EQ(kestal_isdigit(nullptr), -1);
     EXPECT_EQ(kestal_isdigit(""), -1);
-    EXPECT_EQ(p().texts(1), (std::vector<std::string>{"[isdigit] buffer is NULL",
-                                                      "[isdigit] string length  0."}));
+    EXPECT_EQ(p().texts(1), (std::vector<std::string>{"[isdigit] buffer is NULL", "[isdigit] string length  0."}));
 }
 
 class Strcat : public LibraryTest {
@@ -194,8 +193,9 @@ TEST_F(Execute, CloseThatFailsEndsAsExitCode255)
 {
     p().fail_kind("pclose");
     EXPECT_EQ(execute("printf 'one\\ntwo\\n'"), 255);
-    EXPECT_TRUE(p().traced(1, "[zKTmc_execute_cmd] cmd may fail. cmd=printf 'one\\ntwo\\n' "
-                              "status=ffffffff"));
+    EXPECT_TRUE(p().traced(1,
+                           "[zKTmc_execute_cmd] cmd may fail. cmd=printf 'one\\ntwo\\n' "
+                           "status=ffffffff"));
 }
 
 TEST_F(Execute, NullPointersAreRefused)

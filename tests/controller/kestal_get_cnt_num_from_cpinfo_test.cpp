@@ -30,9 +30,8 @@ protected:
 TEST_F(CommandByPopen, FirstLineIsTheAnswer)
 {
     EXPECT_EQ(ask(0, own_number, "2\n"), 2);
-    EXPECT_THAT(p().texts(5),
-                ElementsAre(tag + "START", "[isdigit] START", "[isdigit] END",
-                            tag + "Get My CNT Number End. cnt_num=2"));
+    EXPECT_THAT(p().texts(5), ElementsAre(tag + "START", "[isdigit] START", "[isdigit] END",
+                                          tag + "Get My CNT Number End. cnt_num=2"));
     EXPECT_EQ(ask(0, own_number, "2"), 2);
     EXPECT_EQ(ask(4, own_number, "3\nnoise\n"), 3);
     EXPECT_EQ(ask(1, count, "4\n"), 4);
@@ -96,8 +95,7 @@ TEST_F(CommandByPopen, BootModesAreExactWords)
     EXPECT_EQ(ask(2, boot_mode, "initconf"), 2);
     for (const std::string word : {"Normal", "normal ", "norma", "normally", ""}) {
         EXPECT_EQ(ask(2, boot_mode, word + "\n"), -241) << word;
-        EXPECT_THAT(p().texts(1),
-                    ElementsAre(tag + "Get My CNT Number ERROR cnt_num=-1 num_flag=2"));
+        EXPECT_THAT(p().texts(1), ElementsAre(tag + "Get My CNT Number ERROR cnt_num=-1 num_flag=2"));
     }
 }
 
@@ -105,16 +103,12 @@ TEST_F(CommandByPopen, EepromTextsGoToTheirCachesCutAt16)
 {
     EXPECT_EQ(ask(3, "/usr/sbin/eeprom cp_wwn | cut -d '=' -f2", "50000E10D0001234\n"), 0);
     EXPECT_STREQ(controller_state.eeprom_wwn, "50000E10D0001234");
-    EXPECT_EQ(ask(5, "/usr/sbin/eeprom cp_serial_number | cut -d '=' -f2", "0123456789abcdefXYZ\n"),
-              0);
+    EXPECT_EQ(ask(5, "/usr/sbin/eeprom cp_serial_number | cut -d '=' -f2", "0123456789abcdefXYZ\n"), 0);
     EXPECT_STREQ(controller_state.eeprom_serialno, "0123456789abcdef");
     EXPECT_EQ(p().count("Get My CNT Number"), 0) << "no range check";
 }
 
-TEST_F(CommandByPopen, LongLineIsReadTo63Characters)
-{
-    EXPECT_EQ(ask(0, own_number, std::string(63, '0') + "9\n"), 0);
-}
+TEST_F(CommandByPopen, LongLineIsReadTo63Characters) { EXPECT_EQ(ask(0, own_number, std::string(63, '0') + "9\n"), 0); }
 
 TEST_F(CommandByPopen, UnknownOptionRunsNothing)
 {
@@ -144,8 +138,8 @@ TEST_F(CntNumFromCpinfo, OwnNumberIsAskedAndWrittenOnce)
     p().traces.clear();
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(0), 2);
     EXPECT_THAT(p().calls, IsEmpty());
-    EXPECT_THAT(p().texts(5), ElementsAre("[get_cnt_num_from_cpinfo] START",
-                                          "[get_cnt_num_from_cpinfo] END cnt_num=2"));
+    EXPECT_THAT(p().texts(5),
+                ElementsAre("[get_cnt_num_from_cpinfo] START", "[get_cnt_num_from_cpinfo] END cnt_num=2"));
 }
 
 TEST_F(CntNumFromCpinfo, OwnNumberWithoutFile)
@@ -166,8 +160,7 @@ TEST_F(CntNumFromCpinfo, FailedWriteIsForgottenAndAskedAgain)
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(0), -1);
     EXPECT_EQ(controller_state.own_number, -1);
     EXPECT_EQ(controller_state.own_number_written, -1);
-    EXPECT_TRUE(
-        p().traced(1, "[get_cnt_num_from_cpinfo] Failed to set cntno to file. errno=28"));
+    EXPECT_TRUE(p().traced(1, "[get_cnt_num_from_cpinfo] Failed to set cntno to file. errno=28"));
     EXPECT_TRUE(p().traced(5, "[get_cnt_num_from_cpinfo] END cnt_num=-1"));
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(0), 2);
     EXPECT_EQ(p().calls_of("popen").size(), 2u);
@@ -189,8 +182,7 @@ TEST_F(CntNumFromCpinfo, ControllerCountIsAskedAndWrittenEachTime)
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(1), 4);
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(1), 4);
     EXPECT_EQ(p().calls_of("popen").size(), 2u);
-    EXPECT_THAT(p().calls_of("vrb_set"),
-                ElementsAre("vrb_set /etc/cntnum 4", "vrb_set /etc/cntnum 4"));
+    EXPECT_THAT(p().calls_of("vrb_set"), ElementsAre("vrb_set /etc/cntnum 4", "vrb_set /etc/cntnum 4"));
     EXPECT_EQ(controller_state.count, 4);
     p().commands[count] = {"0\n", 0};
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(1), -241);
@@ -202,8 +194,7 @@ TEST_F(CntNumFromCpinfo, ControllerCountThatCanNotBeWritten)
 {
     p().fail_kind("vrb_set");
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(1), -1);
-    EXPECT_TRUE(
-        p().traced(1, "[get_cnt_num_from_cpinfo] Failed to set cntnum to file. errno=5"));
+    EXPECT_TRUE(p().traced(1, "[get_cnt_num_from_cpinfo] Failed to set cntnum to file. errno=5"));
     EXPECT_EQ(controller_state.count, -1);
 }
 
@@ -213,8 +204,8 @@ TEST_F(CntNumFromCpinfo, BootModeIsNotCached)
     p().commands[boot_mode] = {"initconf\n", 0};
     EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(2), 2);
     EXPECT_EQ(controller_state.boot_mode, 2);
-    EXPECT_THAT(p().texts(4), ElementsAre("[get_cnt_num_from_cpinfo] exemode=0",
-                                          "[get_cnt_num_from_cpinfo] exemode=2"));
+    EXPECT_THAT(p().texts(4),
+                ElementsAre("[get_cnt_num_from_cpinfo] exemode=0", "[get_cnt_num_from_cpinfo] exemode=2"));
 }
 
 TEST_F(CntNumFromCpinfo, EnvironmentForcesSuspendAndInitConfOnly)
@@ -225,9 +216,8 @@ TEST_F(CntNumFromCpinfo, EnvironmentForcesSuspendAndInitConfOnly)
         const int mode = atoi(forced);
         EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(2), mode);
         EXPECT_THAT(p().calls, IsEmpty());
-        EXPECT_THAT(p().texts(4),
-                    ElementsAre("[get_cnt_num_from_cpinfo] exemode(env)=" + std::to_string(mode),
-                                "[get_cnt_num_from_cpinfo] exemode=" + std::to_string(mode)));
+        EXPECT_THAT(p().texts(4), ElementsAre("[get_cnt_num_from_cpinfo] exemode(env)=" + std::to_string(mode),
+                                              "[get_cnt_num_from_cpinfo] exemode=" + std::to_string(mode)));
     }
     for (const char *other : {"0", "3", "", "x", "-1", "4294967297"}) {
         p().traces.clear();
@@ -235,8 +225,8 @@ TEST_F(CntNumFromCpinfo, EnvironmentForcesSuspendAndInitConfOnly)
         setenv("KESTA_CPMODE_STATUS", other, 1);
         EXPECT_EQ(kestal_get_cnt_num_from_cpinfo(2), 0) << other;
         EXPECT_EQ(p().calls_of("popen").size(), 1u);
-        EXPECT_THAT(p().texts(4), ElementsAre("[get_cnt_num_from_cpinfo] exemode(env)=0",
-                                              "[get_cnt_num_from_cpinfo] exemode=0"));
+        EXPECT_THAT(p().texts(4),
+                    ElementsAre("[get_cnt_num_from_cpinfo] exemode(env)=0", "[get_cnt_num_from_cpinfo] exemode=0"));
     }
 }
 
@@ -247,9 +237,8 @@ TEST_F(CntNumFile, ReadsTheFileOfTheOption)
     p().integer_files = {{"/etc/mycntno", 3}, {"/etc/cntnum", 4}};
     EXPECT_EQ(kestal_get_cnt_num_file(0), 3);
     EXPECT_EQ(kestal_get_cnt_num_file(1), 4);
-    EXPECT_THAT(p().texts(5),
-                ElementsAre("[kestal_get_cnt_num_file] Get My CNT Number End. cnt_num=3",
-                            "[kestal_get_cnt_num_file] Get My CNT Number End. cnt_num=4"));
+    EXPECT_THAT(p().texts(5), ElementsAre("[kestal_get_cnt_num_file] Get My CNT Number End. cnt_num=3",
+                                          "[kestal_get_cnt_num_file] Get My CNT Number End. cnt_num=4"));
     EXPECT_EQ(controller_state.own_number, 0) << "the caches are not touched";
     EXPECT_EQ(controller_state.count, -1);
 }
@@ -258,11 +247,9 @@ TEST_F(CntNumFile, FailureNamesThePlatformFunctionEvenWhenItsNameFillsTheField)
 {
     p().fault_errno = 2;
     EXPECT_EQ(kestal_get_cnt_num_file(1), -1);
-    EXPECT_THAT(p().texts(1),
-                ElementsAre("vrb_getint_from_file[1] failed. ret=(-2) path=(/etc/cntnum) "
-                            "func_name=(sixteen_letters!) errno=2"));
-    EXPECT_THAT(p().texts(5),
-                ElementsAre("[kestal_get_cnt_num_file] Get My CNT Number End. cnt_num=-1"));
+    EXPECT_THAT(p().texts(1), ElementsAre("vrb_getint_from_file[1] failed. ret=(-2) path=(/etc/cntnum) "
+                                          "func_name=(sixteen_letters!) errno=2"));
+    EXPECT_THAT(p().texts(5), ElementsAre("[kestal_get_cnt_num_file] Get My CNT Number End. cnt_num=-1"));
 }
 
 TEST_F(CntNumFile, OtherOptionsFailAtOnce)

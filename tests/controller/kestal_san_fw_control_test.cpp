@@ -12,10 +12,9 @@ TEST_F(MasterCheck, TellsTheMasterFromTheOthers)
     EXPECT_EQ(kestal_master_cnt_check(2), 0);
     EXPECT_EQ(kestal_master_cnt_check(0), 1);
     EXPECT_EQ(kestal_master_cnt_check(3), 1);
-    EXPECT_THAT(p().texts(5),
-                ElementsAre("[master_cnt_check] START", "[master_cnt_check] END ret=0",
-                            "[master_cnt_check] START", "[master_cnt_check] END ret=1",
-                            "[master_cnt_check] START", "[master_cnt_check] END ret=1"));
+    EXPECT_THAT(p().texts(5), ElementsAre("[master_cnt_check] START", "[master_cnt_check] END ret=0",
+                                          "[master_cnt_check] START", "[master_cnt_check] END ret=1",
+                                          "[master_cnt_check] START", "[master_cnt_check] END ret=1"));
 }
 
 TEST_F(MasterCheck, UnknownMasterMatchesNobody)
@@ -39,9 +38,8 @@ TEST_F(MasterCheck, PlatformFailure)
 {
     p().fail_kind("vrb_info");
     EXPECT_EQ(kestal_master_cnt_check(1), -1);
-    EXPECT_THAT(p().texts(1),
-                ElementsAre("[master_cnt_check] Get Master CNT Number ERROR result=[-3] "
-                            "func_name=[ask] s_errno=[5]"));
+    EXPECT_THAT(p().texts(1), ElementsAre("[master_cnt_check] Get Master CNT Number ERROR result=[-3] "
+                                          "func_name=[ask] s_errno=[5]"));
 }
 
 class CntStatus : public LibraryTest {
@@ -58,7 +56,7 @@ TEST_F(CntStatus, HighBitsAreTheStatusAndTheCardRefinesOne)
     const struct {
         std::uint8_t cont, card;
         int status;
-    } cases[] = {{0x13, 4, 4}, {0x13, 3, 1}, {0x13, 2, 2}, {0x13, 0, 1}, {0x20, 4, 2},
+    } cases[] = {{0x13, 4, 4}, {0x13, 3, 1}, {0x13, 2, 2},  {0x13, 0, 1},   {0x20, 4, 2},
                  {0x20, 3, 2}, {0x05, 4, 0}, {0xf0, 2, 15}, {0x10, 0xff, 1}};
     for (const auto &c : cases) {
         set(1, c.cont, c.card);
@@ -71,10 +69,8 @@ TEST_F(CntStatus, DetailLineNeedsAStatusAndTheFlag)
 {
     set(0, 0x13, 4);
     kestal_san_fw_get_cntstatus(1, 0);
-    EXPECT_THAT(p().texts(3),
-                ElementsAre("[san_fw_get_cntstatus] CNT[0] cnt_status=4 hd_status=4"));
-    EXPECT_THAT(p().texts(5), ElementsAre("[san_fw_get_cntstatus] START",
-                                          "[san_fw_get_cntstatus] END status=4"));
+    EXPECT_THAT(p().texts(3), ElementsAre("[san_fw_get_cntstatus] CNT[0] cnt_status=4 hd_status=4"));
+    EXPECT_THAT(p().texts(5), ElementsAre("[san_fw_get_cntstatus] START", "[san_fw_get_cntstatus] END status=4"));
     p().traces.clear();
     kestal_san_fw_get_cntstatus(0, 0);
     kestal_san_fw_get_cntstatus(2, 0);

@@ -82,8 +82,7 @@ TEST_F(FileProperties, LinksOwnerGroupAndModeInThisOrder)
         }
     }
     EXPECT_THAT(told, ElementsAre("START", "command(" + l1 + ") OK result=0", testing::_,
-                                  "Set Owner OK file=" + a + " owner=daemon",
-                                  "Set Group OK file=" + a + " owner=12",
+                                  "Set Owner OK file=" + a + " owner=daemon", "Set Group OK file=" + a + " owner=12",
                                   "Set FileMode OK file=" + a + " owner=0640", "END"));
 }
 
@@ -108,18 +107,16 @@ TEST_F(FileProperties, LinkCommandThatFailsEndsTheWalk)
 
 TEST_F(FileProperties, NoCommandIsMadeOfBlanksOrShellCharacters)
 {
-    for (const char *bad : {"/tmp/a b", "/tmp/$HOME", "/tmp/a;b", "/tmp/`x`", "/tmp/a'b", "/tmp/a\"b",
-                            "/tmp/a*", "/tmp/a&b", "/tmp/a|b", "/tmp/a>b", "/tmp/a\\b", "/tmp/(a)",
-                            "/tmp/a\nb", "#a", "~/a", "/tmp/{a}", "/tmp/a!b", "/tmp/[a]",
-                            "/tmp/a?b", "/tmp/a\tb"}) {
+    for (const char *bad : {"/tmp/a b", "/tmp/$HOME", "/tmp/a;b", "/tmp/`x`",  "/tmp/a'b", "/tmp/a\"b", "/tmp/a*",
+                            "/tmp/a&b", "/tmp/a|b",   "/tmp/a>b", "/tmp/a\\b", "/tmp/(a)", "/tmp/a\nb", "#a",
+                            "~/a",      "/tmp/{a}",   "/tmp/a!b", "/tmp/[a]",  "/tmp/a?b", "/tmp/a\tb"}) {
         p().traces.clear();
         p().system_commands.clear();
         strcpy(definition->setfile[0].linkpath[0], bad);
         EXPECT_EQ(apply(), -1) << bad;
         EXPECT_THAT(p().system_commands, IsEmpty()) << bad;
-        EXPECT_THAT(p().texts(1),
-                    ElementsAre("[change_fileprop] command(rm " + std::string(bad) + "; ln -s " + a +
-                                " " + bad + " > /dev/null 2>&1) ERROR result=-1"));
+        EXPECT_THAT(p().texts(1), ElementsAre("[change_fileprop] command(rm " + std::string(bad) + "; ln -s " + a +
+                                              " " + bad + " > /dev/null 2>&1) ERROR result=-1"));
     }
     for (const char *good : {"/tmp/a#b", "/tmp/~a", "/tmp/a,b%c^d", "/tmp/\xc3\xa4"}) {
         strcpy(definition->setfile[0].linkpath[0], good);
@@ -146,14 +143,12 @@ TEST_F(FileProperties, MissingFileEndsTheWalkUnlessTheGroupAddsAndRemoves)
         p().traces.clear();
         EXPECT_EQ(apply(), -1);
         EXPECT_TRUE(p().traced(5, "[change_fileprop] stat ERROR file=" + folder + "gone"));
-        EXPECT_TRUE(
-            p().traced(1, "[change_fileprop] (" + folder + "gone) is not found ---> FAILED"));
+        EXPECT_TRUE(p().traced(1, "[change_fileprop] (" + folder + "gone) is not found ---> FAILED"));
         EXPECT_NE(mode_of(folder + "b"), 0600u);
     }
     strcpy(definition->operation, "addremove");
     EXPECT_EQ(apply(), 0);
-    EXPECT_TRUE(
-        p().traced(5, "[change_fileprop] (" + folder + "gone) is a delete file ---> CONTINUE"));
+    EXPECT_TRUE(p().traced(5, "[change_fileprop] (" + folder + "gone) is a delete file ---> CONTINUE"));
     EXPECT_EQ(mode_of(folder + "b"), 0600u);
 }
 
@@ -185,12 +180,11 @@ TEST_F(FileProperties, FirstFailureEndsTheWalk)
     };
     KESTA_BACKUP_FILE_PATH &file = definition->setfile[0];
     for (const Case &c : {Case{file.owner, "nobody-of-that-name", "Owner"},
-                          Case{file.group, "nobody-of-that-name", "Group"},
-                          Case{file.filemode, "778", "FileMode"}}) {
+                          Case{file.group, "nobody-of-that-name", "Group"}, Case{file.filemode, "778", "FileMode"}}) {
         strcpy(c.field, c.value);
         EXPECT_EQ(apply(), -1);
-        EXPECT_TRUE(p().traced(1, std::string("[change_fileprop] Set ") + c.title +
-                                      " ERROR file=" + a + " owner=" + c.value));
+        EXPECT_TRUE(
+            p().traced(1, std::string("[change_fileprop] Set ") + c.title + " ERROR file=" + a + " owner=" + c.value));
         c.field[0] = '\0';
     }
 }
@@ -199,8 +193,8 @@ TEST_F(FileProperties, ArgumentsAreChecked)
 {
     for (const int controller : {4, -1}) {
         EXPECT_EQ(apply(controller), -931);
-        EXPECT_EQ(p().traces.back(), (Trace{1, "[change_fileprop] CntNo ERROR",
-                                            "../common/kestal_change_fileprop.cpp"}));
+        EXPECT_EQ(p().traces.back(),
+                  (Trace{1, "[change_fileprop] CntNo ERROR", "../common/kestal_change_fileprop.cpp"}));
     }
     EXPECT_EQ(kestal_change_fileprop(nullptr, 0), -931);
     EXPECT_EQ(p().traces.back().text, "[change_fileprop] BackupFile ERROR");
@@ -235,12 +229,12 @@ TEST_F(FileProperties, OwnersByNumberAndName)
     EXPECT_EQ(kestal_change_owner(a.data(), "daemon"), 0);
     EXPECT_THAT(p().texts(5),
                 ElementsAre("[change_owner] START", "[change_owner] file=" + a + " ownername=daemon",
-                            "[change_owner] ...chown file=" + a + " ownername=daemon ownerid=1",
-                            "[change_owner] END"));
+                            "[change_owner] ...chown file=" + a + " ownername=daemon ownerid=1", "[change_owner] END"));
     char gone[] = "/none/x";
     EXPECT_EQ(kestal_change_owner(gone, "5"), -213);
-    EXPECT_TRUE(p().traced(1, "[change_owner] chown ERROR file=/none/x ownername=5 ownerid=5 rtn=-1 "
-                              "errno=2"));
+    EXPECT_TRUE(p().traced(1,
+                           "[change_owner] chown ERROR file=/none/x ownername=5 ownerid=5 rtn=-1 "
+                           "errno=2"));
 }
 
 TEST_F(FileProperties, GroupsByNumberAndName)
@@ -251,17 +245,14 @@ TEST_F(FileProperties, GroupsByNumberAndName)
     EXPECT_THAT(p().texts(5),
                 ElementsAre("[change_group] START", "[change_group] file=" + a + " groupname=daemon",
                             "[change_group] ...getgrnam file=" + a + " group=daemon",
-                            "[change_group] ...chown file=" + a + " group=daemon groupid=1",
-                            "[change_group] END"));
+                            "[change_group] ...chown file=" + a + " group=daemon groupid=1", "[change_group] END"));
     EXPECT_EQ(kestal_change_group(a.data(), "0"), 0);
     EXPECT_EQ(status_of(a).st_gid, 0u);
     EXPECT_EQ(kestal_change_group(a.data(), "none-such"), -931);
-    EXPECT_THAT(p().texts(1),
-                ElementsAre(testing::StartsWith("[change_group] getgrnam ERROR group=none-such errno=")));
+    EXPECT_THAT(p().texts(1), ElementsAre(testing::StartsWith("[change_group] getgrnam ERROR group=none-such errno=")));
     char gone[] = "/none/x";
     EXPECT_EQ(kestal_change_group(gone, "5"), -213);
-    EXPECT_TRUE(
-        p().traced(1, "[change_group] chown ERROR file=/none/x group=5 groupid=5 rtn=-1 errno=2"));
+    EXPECT_TRUE(p().traced(1, "[change_group] chown ERROR file=/none/x group=5 groupid=5 rtn=-1 errno=2"));
 }
 
 TEST_F(FileProperties, OwnersFollowLinks)
@@ -274,9 +265,8 @@ TEST_F(FileProperties, OwnersFollowLinks)
 
 TEST_F(FileProperties, ModesAreReadTwice)
 {
-    const std::pair<const char *, unsigned> cases[] = {
-        {"644", 0644}, {"0755", 0755}, {"777", 0777}, {"1", 01},
-        {"688", 06},   {"0644", 0644}, {"700", 0700}, {"97", 0}};
+    const std::pair<const char *, unsigned> cases[] = {{"644", 0644}, {"0755", 0755}, {"777", 0777}, {"1", 01},
+                                                       {"688", 06},   {"0644", 0644}, {"700", 0700}, {"97", 0}};
     for (const auto &[text, mode] : cases) {
         EXPECT_EQ(kestal_change_filemode(a.data(), text), 0) << text;
         EXPECT_EQ(mode_of(a), mode) << text;
@@ -285,13 +275,11 @@ TEST_F(FileProperties, ModesAreReadTwice)
     EXPECT_TRUE(p().traced(5, "[change_filemode] FilePath=" + a + ", FileMode=688"));
     for (const char *text : {"0", "778", "1000", "000"}) {
         EXPECT_EQ(kestal_change_filemode(a.data(), text), -931) << text;
-        EXPECT_TRUE(p().traced(1, "[change_filemode] FileMode ERROR modeidint=" +
-                                      std::to_string(atoi(text))));
+        EXPECT_TRUE(p().traced(1, "[change_filemode] FileMode ERROR modeidint=" + std::to_string(atoi(text))));
     }
     for (const char *text : {"", "rw", "-1", "64 4", "6x4"}) {
         EXPECT_EQ(kestal_change_filemode(a.data(), text), -1) << text;
-        EXPECT_TRUE(p().traced(
-            1, std::string("[change_filemode] isdigit check ERROR filemode=") + text));
+        EXPECT_TRUE(p().traced(1, std::string("[change_filemode] isdigit check ERROR filemode=") + text));
     }
     char gone[] = "/none/x";
     EXPECT_EQ(kestal_change_filemode(gone, "644"), -213);

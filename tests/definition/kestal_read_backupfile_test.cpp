@@ -121,8 +121,7 @@ TEST_F(Definition, EverythingIsReadIntoItsPlace)
     EXPECT_EQ(script.restore_reboot, 9);
     EXPECT_STREQ(script.restore_script[0].post_script, "/s/post");
     EXPECT_EQ(script.restore_script[0].post_order, 7);
-    EXPECT_EQ(p().traces.back(), (Trace{5, "BackUp Ini File Access Succeed.",
-                                        "../common/kestal_read_backupfile.cpp"}));
+    EXPECT_EQ(p().traces.back(), (Trace{5, "BackUp Ini File Access Succeed.", "../common/kestal_read_backupfile.cpp"}));
     EXPECT_THAT(p().texts(1), IsEmpty());
     for (const char byte : record->filler) {
         EXPECT_EQ(byte, 0);
@@ -162,8 +161,7 @@ TEST_F(Definition, WhatIsNoXmlIsRefusedWithoutAWordOnStderr)
     testing::internal::CaptureStderr();
     for (const std::string text : {"", "no xml", "<group id='network'>", "<a/><b/>"}) {
         EXPECT_EQ(read(text), -211) << text;
-        EXPECT_THAT(p().texts(1), ElementsAre("[start_xml_parse] xmlParseFile ERROR",
-                                              "XML Parse Not Start.rtn=-211"));
+        EXPECT_THAT(p().texts(1), ElementsAre("[start_xml_parse] xmlParseFile ERROR", "XML Parse Not Start.rtn=-211"));
     }
     run_shell("rm " + definition_path + " && mkdir " + definition_path);
     EXPECT_EQ(kestal_read_backupfile("network", record.get()), -211);
@@ -173,8 +171,7 @@ TEST_F(Definition, WhatIsNoXmlIsRefusedWithoutAWordOnStderr)
 TEST_F(Definition, AnotherGroupIsRefusedAfterAFullReading)
 {
     EXPECT_EQ(read(root(setinfo(), "id='other'")), -914);
-    EXPECT_THAT(p().texts(1),
-                ElementsAre("[kestal_read_backupfile] GroupName Irrigal(network,other)."));
+    EXPECT_THAT(p().texts(1), ElementsAre("[kestal_read_backupfile] GroupName Irrigal(network,other)."));
     EXPECT_STREQ(entry(0).pathname, "/etc/hosts");
     EXPECT_EQ(read(root(setinfo(), "id='Network'")), -914) << "case counts";
     EXPECT_EQ(read(root(setinfo(), "id=''")), -914);
@@ -187,8 +184,7 @@ TEST_F(Definition, AnotherGroupIsRefusedAfterAFullReading)
 
 TEST_F(Definition, RootMustBeOneGroupWithAnId)
 {
-    expect_refused("<groups id='network'>" + setinfo() + "</groups>",
-                   "[xml_get_group] NodeNum ERROR nodenum=0");
+    expect_refused("<groups id='network'>" + setinfo() + "</groups>", "[xml_get_group] NodeNum ERROR nodenum=0");
     expect_refused("<x:group xmlns:x='urn:x' id='network'>" + setinfo() + "</x:group>",
                    "[xml_get_group] NodeNum ERROR nodenum=0");
     expect_refused(root(setinfo(), ""), "[xml_get_group] GetNode(id) ERROR rtn=-911");
@@ -204,9 +200,7 @@ TEST_F(Definition, OperationAndTypeAreOptionalAndCutToNothing)
     EXPECT_EQ(read(root(setinfo(), "id='network' operation='" + fits + "' type='" + fits + "'")), 0);
     EXPECT_EQ(record->operation, fits);
     EXPECT_EQ(record->type, fits);
-    EXPECT_EQ(read(root(setinfo(),
-                        "id='network' operation='" + fits + "o' type='" + fits + "t'")),
-              0);
+    EXPECT_EQ(read(root(setinfo(), "id='network' operation='" + fits + "o' type='" + fits + "t'")), 0);
     EXPECT_STREQ(record->operation, "");
     EXPECT_STREQ(record->type, "");
     EXPECT_TRUE(p().traced(5, "GetNode(operation) Nothing. rtn=-1"));
@@ -245,8 +239,7 @@ TEST_F(Definition, UpToSixtyFourFiles)
             EXPECT_STREQ(entry(count).pathname, "");
         }
     }
-    expect_refused(root(setinfo(repeated(65, "<file path='/f'/>"))),
-                   "[xml_get_file] GetNode(Path) FileMax.");
+    expect_refused(root(setinfo(repeated(65, "<file path='/f'/>"))), "[xml_get_file] GetNode(Path) FileMax.");
     EXPECT_STREQ(record->script.back_script[0].pre_script, "") << "nothing behind the 64th slot";
 }
 
@@ -256,8 +249,7 @@ TEST_F(Definition, PathIsRequiredAndLimited)
     const std::string longest(255, 'p');
     EXPECT_EQ(read(root(file("", "path='" + longest + "'"))), 0);
     EXPECT_EQ(entry(0).pathname, longest);
-    expect_refused(root(file("", "path='" + longest + "p'")),
-                   "[xml_get_property] Len Error(nodelen=257 buflen=256).");
+    expect_refused(root(file("", "path='" + longest + "p'")), "[xml_get_property] Len Error(nodelen=257 buflen=256).");
     // Bytes count, not characters.
     EXPECT_EQ(read(root(file("", "path='" + repeated(127, "\xc3\xa9") + "'"))), 0);
     EXPECT_EQ(read(root(file("", "path='" + repeated(128, "\xc3\xa9") + "'"))), -211);
@@ -267,12 +259,11 @@ TEST_F(Definition, PathIsRequiredAndLimited)
 
 TEST_F(Definition, FlagsAreDigitsOrZero)
 {
-    const std::pair<const char *, int> cases[] = {{"7", 7},    {"007", 7}, {"", 0},
-                                                  {"-1", 0},   {"+1", 0},  {"1 ", 0},
-                                                  {"0x10", 0}, {"2147483647", 2147483647}};
+    const std::pair<const char *, int> cases[] = {{"7", 7},  {"007", 7}, {"", 0},     {"-1", 0},
+                                                  {"+1", 0}, {"1 ", 0},  {"0x10", 0}, {"2147483647", 2147483647}};
     for (const auto &[text, value] : cases) {
-        const std::string flags = std::string("path='/f' cntmode='") + text + "' rbmode='" + text +
-                                  "' distribution='" + text + "' diffreboot='" + text + "'";
+        const std::string flags = std::string("path='/f' cntmode='") + text + "' rbmode='" + text + "' distribution='" +
+                                  text + "' diffreboot='" + text + "'";
         EXPECT_EQ(read(root(file("", flags))), 0);
         EXPECT_EQ(entry(0).cntmode, value) << text;
         EXPECT_EQ(entry(0).rbmode, value) << text;
@@ -287,8 +278,7 @@ TEST_F(Definition, UpToEightLinks)
         EXPECT_EQ(read(root(file(repeated(count, "<link path='/l'/>")))), 0);
         EXPECT_STREQ(entry(0).linkpath[count - 1], "/l");
     }
-    expect_refused(root(file(repeated(9, "<link path='/l'/>"))),
-                   "[xml_get_file] GetNode(Path) LinkMax.");
+    expect_refused(root(file(repeated(9, "<link path='/l'/>"))), "[xml_get_file] GetNode(Path) LinkMax.");
     EXPECT_STREQ(entry(0).owner, "") << "nothing behind the 8th slot";
 }
 
@@ -310,24 +300,18 @@ TEST_F(Definition, OnePermissionWithAtLeastOneAttribute)
     EXPECT_EQ(read(root(file("<permission mode='644'/>"))), 0);
     EXPECT_TRUE(p().traced(5, "[xml_get_file] There is <permission>."));
     expect_refused(root(file("<permission/>")), "[xml_get_file] Permission Option ERROR");
-    expect_refused(root(file(repeated(2, "<permission mode='644'/>"))),
-                   "[xml_get_file] GetNode(Path) PermissionMax.");
+    expect_refused(root(file(repeated(2, "<permission mode='644'/>"))), "[xml_get_file] GetNode(Path) PermissionMax.");
     const std::string owner(31, 'o');
     const std::string mode(7, '1');
-    EXPECT_EQ(read(root(file("<permission userid='" + owner + "' groupid='" + owner + "' mode='" +
-                             mode + "'/>"))),
-              0);
+    EXPECT_EQ(read(root(file("<permission userid='" + owner + "' groupid='" + owner + "' mode='" + mode + "'/>"))), 0);
     EXPECT_EQ(entry(0).owner, owner);
     EXPECT_EQ(entry(0).group, owner);
     EXPECT_EQ(entry(0).filemode, mode);
-    EXPECT_EQ(read(root(file("<permission userid='root' groupid='" + owner + "g' mode='" + mode +
-                             "1'/>"))),
-              0)
+    EXPECT_EQ(read(root(file("<permission userid='root' groupid='" + owner + "g' mode='" + mode + "1'/>"))), 0)
         << "what is too long counts as missing";
     EXPECT_STREQ(entry(0).group, "");
     EXPECT_STREQ(entry(0).filemode, "");
-    EXPECT_EQ(read(root(file("<permission userid='" + owner + "o' groupid='" + owner +
-                             "g' mode='" + mode + "1'/>"))),
+    EXPECT_EQ(read(root(file("<permission userid='" + owner + "o' groupid='" + owner + "g' mode='" + mode + "1'/>"))),
               -211);
     EXPECT_EQ(read(root(file("<permission mode=''/>"))), 0) << "an empty one is there";
 }
@@ -346,38 +330,35 @@ TEST_F(Definition, ScriptsAreOptional)
     EXPECT_EQ(read(root(setinfo() + "<script><restore reboot='x'/></script>")), 0);
     EXPECT_TRUE(p().traced(5, "[xml_get_com_in_script] GetNode(back_reboot) Nothing. rtn=-1"))
         << "the same text on both sides";
-    expect_refused(root(setinfo() + "<script/><script/>"),
-                   "[xml_get_script] NodeNum ERROR nodenum=2");
+    expect_refused(root(setinfo() + "<script/><script/>"), "[xml_get_script] NodeNum ERROR nodenum=2");
     EXPECT_THAT(p().texts(1), testing::Contains("[execute_xml_parse] Get <script> ERRORrtn=-911"));
     for (const std::string side : {"backup", "restore"}) {
         expect_refused(root(setinfo() + "<script><" + side + "/><" + side + "/></script>"),
                        "[xml_get_com_in_script] NodeNum ERROR nodenum=2");
-        EXPECT_THAT(p().texts(1), testing::Contains("[xml_get_script] kestal_xml_get_" + side +
-                                                    " ERROR rtn=-911"));
+        EXPECT_THAT(p().texts(1), testing::Contains("[xml_get_script] kestal_xml_get_" + side + " ERROR rtn=-911"));
     }
 }
 
 TEST_F(Definition, UpToFourScriptsOfAKindOnASide)
 {
-    const std::pair<const char *, const char *> kinds[] = {
-        {"pre-script", "Pre-Script"}, {"post-script", "Post-Script"},
-        {"re-post-script", "Re-Post-Script"}};
+    const std::pair<const char *, const char *> kinds[] = {{"pre-script", "Pre-Script"},
+                                                           {"post-script", "Post-Script"},
+                                                           {"re-post-script", "Re-Post-Script"}};
     for (const auto &[element, title] : kinds) {
         for (const std::string side : {"backup", "restore"}) {
             const auto with = [&, e = element](int count) {
                 return root(setinfo() + "<script><" + side + ">" +
-                            repeated(count, std::string("<") + e + " path='/s'/>") + "</" + side +
-                            "></script>");
+                            repeated(count, std::string("<") + e + " path='/s'/>") + "</" + side + "></script>");
             };
             EXPECT_EQ(read(with(3)), 0);
             EXPECT_EQ(read(with(4)), 0);
-            expect_refused(with(5), std::string("[xml_get_com_in_script] GetNode(Path) ") + title +
-                                        " Max. rtn=0");
+            expect_refused(with(5), std::string("[xml_get_com_in_script] GetNode(Path) ") + title + " Max. rtn=0");
         }
     }
     EXPECT_EQ(read(root(setinfo() + "<script><backup>" +
-                        repeated(4, "<pre-script path='/a'/><post-script path='/b'/>"
-                                    "<re-post-script path='/c'/>") +
+                        repeated(4,
+                                 "<pre-script path='/a'/><post-script path='/b'/>"
+                                 "<re-post-script path='/c'/>") +
                         "</backup></script>")),
               0)
         << "each kind is counted by itself";
@@ -387,23 +368,20 @@ TEST_F(Definition, UpToFourScriptsOfAKindOnASide)
 TEST_F(Definition, ScriptHasAPathWithoutWildcard)
 {
     const std::string longest(511, 's');
-    const std::tuple<const char *, const char *, const char *> kinds[] = {
-        {"pre-script", "Pre-Script", "pre-script"},
-        {"post-script", "Post-Script", "post-script"},
-        {"re-post-script", "Re-Post-Script", "Re-Post-script"}};
+    const std::tuple<const char *, const char *, const char *> kinds[] = {{"pre-script", "Pre-Script", "pre-script"},
+                                                                          {"post-script", "Post-Script", "post-script"},
+                                                                          {"re-post-script", "Re-Post-Script",
+                                                                           "Re-Post-script"}};
     for (const auto &[element, title, wildcard] : kinds) {
         const auto with = [e = element](const std::string &attributes) {
-            return root(setinfo() + "<script><restore><" + e + " " + attributes +
-                        "/></restore></script>");
+            return root(setinfo() + "<script><restore><" + e + " " + attributes + "/></restore></script>");
         };
-        expect_refused(with(""), std::string("[xml_get_com_in_script] GetNode(Path) ") + title +
-                                     " ERROR rtn=-911");
+        expect_refused(with(""), std::string("[xml_get_com_in_script] GetNode(Path) ") + title + " ERROR rtn=-911");
         EXPECT_EQ(read(with("path='" + longest + "'")), 0);
-        expect_refused(with("path='" + longest + "s'"),
-                       "[xml_get_property] Len Error(nodelen=513 buflen=512).");
+        expect_refused(with("path='" + longest + "s'"), "[xml_get_property] Len Error(nodelen=513 buflen=512).");
         expect_refused(with("path='/s*'"),
-                       std::string("[xml_get_com_in_script] Error:The wild-card is included in the ") +
-                           wildcard + " path.");
+                       std::string("[xml_get_com_in_script] Error:The wild-card is included in the ") + wildcard +
+                           " path.");
     }
 }
 
@@ -470,8 +448,11 @@ TEST_F(DefinitionParts, ArgumentsAreChecked)
     EXPECT_EQ(p().traces.back().text, "[start_xml_parse] Backup File Struct ERROR");
     EXPECT_EQ(kestal_start_xml_parse(path, record.get(), nullptr, &other_context), -931);
     using Part = int (*)(xmlDocPtr *, xmlXPathContextPtr *, KESTA_BACKUP_FILE *);
-    const Part parts[] = {kestal_execute_xml_parse, kestal_xml_get_group, kestal_xml_get_setinfo,
-                          kestal_xml_get_file, kestal_xml_get_script,
+    const Part parts[] = {kestal_execute_xml_parse,
+                          kestal_xml_get_group,
+                          kestal_xml_get_setinfo,
+                          kestal_xml_get_file,
+                          kestal_xml_get_script,
                           [](xmlDocPtr *d, xmlXPathContextPtr *c, KESTA_BACKUP_FILE *r) {
                               return kestal_xml_get_com_in_script(1, d, c, r);
                           }};
@@ -488,8 +469,7 @@ TEST_F(DefinitionParts, ArgumentsAreChecked)
     for (const int kind : {0, 3, -1}) {
         EXPECT_EQ(kestal_xml_get_com_in_script(kind, &doc, &context, record.get()), -931);
         EXPECT_EQ(p().traces.back().text,
-                  "[xml_get_com_in_script] NodeKind Argument ERROR nodekind=" +
-                      std::to_string(kind));
+                  "[xml_get_com_in_script] NodeKind Argument ERROR nodekind=" + std::to_string(kind));
     }
 }
 
@@ -561,7 +541,8 @@ TEST_F(Definition, NothingIsFetchedForIt)
     const std::string external =
         "<?xml version='1.0'?><!DOCTYPE group SYSTEM '/tmp/external.dtd' ["
         "<!ENTITY secret SYSTEM '/tmp/secret.ent'><!ENTITY % more SYSTEM '/tmp/external.dtd'> %more;"
-        "]><group id='network'><x>&secret;</x>" + setinfo() + "</group>";
+        "]><group id='network'><x>&secret;</x>" +
+        setinfo() + "</group>";
     // Also where the program asks for entities in its own documents.
     for (const int program_asks : {0, 1}) {
         xmlSubstituteEntitiesDefault(program_asks);
@@ -630,10 +611,7 @@ long failing;
 constexpr size_t evaluation_stack = 10 * sizeof(void *);
 
 bool fails_now() { return ++allocations == failing; }
-void *failing_malloc(size_t size)
-{
-    return size != evaluation_stack && fails_now() ? nullptr : malloc(size);
-}
+void *failing_malloc(size_t size) { return size != evaluation_stack && fails_now() ? nullptr : malloc(size); }
 void *failing_realloc(void *memory, size_t size) { return fails_now() ? nullptr : realloc(memory, size); }
 char *failing_strdup(const char *text) { return fails_now() ? nullptr : strdup(text); }
 
@@ -643,9 +621,8 @@ char *failing_strdup(const char *text) { return fails_now() ? nullptr : strdup(t
 // it has handed out is.
 TEST_F(Definition, MemoryThatRunsOutInTheXmlLibraryIsAFailureAndNothingStaysOpen)
 {
-    const std::string xml =
-        root(setinfo("<file path='/a'><link path='/l'/><permission mode='1'/></file>") +
-             "<script><backup><pre-script path='/s' order='1'/></backup></script>");
+    const std::string xml = root(setinfo("<file path='/a'><link path='/l'/><permission mode='1'/></file>") +
+                                 "<script><backup><pre-script path='/s' order='1'/></backup></script>");
     ASSERT_EQ(read(xml), 0);
     xmlFreeFunc free_before;
     xmlMallocFunc malloc_before;

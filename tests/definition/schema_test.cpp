@@ -56,10 +56,7 @@ int read_by_library(const fs::path &file)
 }
 
 // Files whose names begin so are refused for what a schema can't say.
-bool is_beyond_schema(const fs::path &file)
-{
-    return file.filename().string().rfind("beyond-the-schema-", 0) == 0;
-}
+bool is_beyond_schema(const fs::path &file) { return file.filename().string().rfind("beyond-the-schema-", 0) == 0; }
 
 }  // namespace
 
@@ -75,14 +72,10 @@ TEST_F(DefinitionSchema, AgreesWithTheReaderOverTheCorpus)
         for (const auto &entry : fs::directory_iterator(folder)) {
             ++files;
             EXPECT_EQ(read_by_library(entry.path()) == 0, accepted) << entry.path();
-            EXPECT_EQ(schema.accepts(entry.path()), accepted || is_beyond_schema(entry.path()))
-                << entry.path();
+            EXPECT_EQ(schema.accepts(entry.path()), accepted || is_beyond_schema(entry.path())) << entry.path();
         }
     }
     EXPECT_GT(files, 60);
 }
 
-TEST_F(DefinitionSchema, ExampleGroupIsAccepted)
-{
-    EXPECT_TRUE(Schema().accepts(KESTA_EXAMPLE "/define.xml"));
-}
+TEST_F(DefinitionSchema, ExampleGroupIsAccepted) { EXPECT_TRUE(Schema().accepts(KESTA_EXAMPLE "/define.xml")); }

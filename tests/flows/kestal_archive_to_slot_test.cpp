@@ -30,20 +30,17 @@ TEST_F(CntBackup2Tmp, CopiesOneOfTheTwoFlashArchives)
 {
     EXPECT_EQ(kestal_cntbackup2tmp("group", 0), 0);
     EXPECT_EQ(read_file("/tmp/kesta_sys/tmp/backup.tar.Z"), "flash backup");
-    EXPECT_THAT(p().traces.front(),
-                (Trace{4,
-                       "[kestal_cntbackup2tmp] Flash(CNT-Backup) ---> Tmp "
-                       "(group_name=group,acceptflg=0)",
-                       "../common/kestal_cntbackup2tmp.cpp"}));
+    EXPECT_THAT(p().traces.front(), (Trace{4,
+                                           "[kestal_cntbackup2tmp] Flash(CNT-Backup) ---> Tmp "
+                                           "(group_name=group,acceptflg=0)",
+                                           "../common/kestal_cntbackup2tmp.cpp"}));
     EXPECT_EQ(kestal_cntbackup2tmp("group", 7), 0);
     EXPECT_EQ(read_file("/tmp/kesta_sys/tmp/backup.tar.Z"), "flash accept");
-    EXPECT_THAT(p().system_commands,
-                ElementsAre("cp -p /opt/kesta_sys/bakup/backup.tar.Z "
-                            "/tmp/kesta_sys/tmp/backup.tar.Z",
-                            "cp -p /opt/kesta_sys/bakup/accept.tar.Z "
-                            "/tmp/kesta_sys/tmp/backup.tar.Z"));
-    EXPECT_TRUE(p().traced(5, "[kestal_cntbackup2tmp] End.(" + p().system_commands[1] +
-                                  ") rtn=0"));
+    EXPECT_THAT(p().system_commands, ElementsAre("cp -p /opt/kesta_sys/bakup/backup.tar.Z "
+                                                 "/tmp/kesta_sys/tmp/backup.tar.Z",
+                                                 "cp -p /opt/kesta_sys/bakup/accept.tar.Z "
+                                                 "/tmp/kesta_sys/tmp/backup.tar.Z"));
+    EXPECT_TRUE(p().traced(5, "[kestal_cntbackup2tmp] End.(" + p().system_commands[1] + ") rtn=0"));
 }
 
 TEST_F(CntBackup2Tmp, FailuresOfTheCopy)
@@ -80,10 +77,9 @@ TEST_F(CntBackup2Backup, FlashArchiveGoesToTheBackupSlot)
     EXPECT_EQ(p().sysback.at("kesta_backup0").bytes, "saved environment");
     EXPECT_EQ(p().sysback.at("kesta_backup0").recorded_size, 17);
     EXPECT_FALSE(p().sysback.contains("kesta_backup1"));
-    EXPECT_TRUE(p().traced(4, "[cntbackup2backup]  CNT_BACKUP ---> BACKUP from_file=" +
-                                  flash_backup + " to_file=kesta_backup0"));
-    EXPECT_TRUE(
-        p().traced(5, "[cntbackup2backup] CNT backup area path. c_name=" + flash_backup));
+    EXPECT_TRUE(p().traced(4, "[cntbackup2backup]  CNT_BACKUP ---> BACKUP from_file=" + flash_backup +
+                                  " to_file=kesta_backup0"));
+    EXPECT_TRUE(p().traced(5, "[cntbackup2backup] CNT backup area path. c_name=" + flash_backup));
     EXPECT_EQ(p().traces.back().text, "[cntbackup2backup] END ret=0");
 }
 
@@ -100,18 +96,15 @@ TEST_F(CntBackup2Backup, UnknownSlotName)
     p().sysback.erase("kesta_sysback");
     p().fail_kind("nv_read", 2, 5);
     EXPECT_EQ(kestal_cntbackup2backup(), -1);
-    EXPECT_TRUE(
-        p().traced(1, "[cntbackup2backup] Get Backup area file name ERROR result=-1"));
+    EXPECT_TRUE(p().traced(1, "[cntbackup2backup] Get Backup area file name ERROR result=-1"));
 }
 
 TEST_F(CntBackup2Backup, MissingArchive)
 {
     std::filesystem::remove(flash_backup);
     EXPECT_EQ(kestal_cntbackup2backup(), -1);
-    EXPECT_TRUE(p().traced(1, "[get_file_size] File open Error f_name =" + flash_backup +
-                                  " errno=2"));
-    EXPECT_TRUE(
-        p().traced(1, "[cntbackup2backup]  Get File size ERROR c_name=" + flash_backup));
+    EXPECT_TRUE(p().traced(1, "[get_file_size] File open Error f_name =" + flash_backup + " errno=2"));
+    EXPECT_TRUE(p().traced(1, "[cntbackup2backup]  Get File size ERROR c_name=" + flash_backup));
     EXPECT_FALSE(p().sysback.contains("kesta_backup0"));
 }
 
@@ -132,13 +125,11 @@ TEST_F(CntBackup2Backup, EachStepThatFails)
     p().fault_errno = 13;
     p().fail_kind("open", 0, 1);
     EXPECT_EQ(kestal_cntbackup2backup(), -1);
-    EXPECT_TRUE(p().traced(1, "[cntbackup2backup]  File Open(Read) ERROR c_name=" + flash_backup +
-                                  ", errno=13"));
+    EXPECT_TRUE(p().traced(1, "[cntbackup2backup]  File Open(Read) ERROR c_name=" + flash_backup + ", errno=13"));
     p().fault_errno = 5;
     p().fail_kind("read", 0, 1);
     EXPECT_EQ(kestal_cntbackup2backup(), -1);
-    EXPECT_TRUE(p().traced(1, "[cntbackup2backup]  Read ERROR c_name=" + flash_backup +
-                                  " f_size=17 errno=5"));
+    EXPECT_TRUE(p().traced(1, "[cntbackup2backup]  Read ERROR c_name=" + flash_backup + " f_size=17 errno=5"));
     p().fail_kind("sb_write", 0, 1);
     EXPECT_EQ(kestal_cntbackup2backup(), -1);
     EXPECT_TRUE(p().traced(1, "[cntbackup2backup]  Write Backup area ERROR f_name=kesta_backup0"));
@@ -201,8 +192,7 @@ TEST_F(MergeFile2Accept, GivenSlotIsUsedWithoutLookup)
     EXPECT_THAT(p().calls_of("nv_"), IsEmpty());
     EXPECT_EQ(p().sysback.at("kesta_backup0").bytes, "merged");
     EXPECT_THAT(p().texts(4), Contains("[merge_file2accept] acceptfile(arg)=kesta_backup0"));
-    EXPECT_TRUE(
-        p().traced(4, "[merge_file2accept] Tmp(" + merge_backup + ") ---> SYSBACK(accept:kesta_backup0)"));
+    EXPECT_TRUE(p().traced(4, "[merge_file2accept] Tmp(" + merge_backup + ") ---> SYSBACK(accept:kesta_backup0)"));
 }
 
 TEST_F(MergeFile2Accept, AnyOtherTextIsReplacedByTheAcceptSlot)
@@ -258,15 +248,12 @@ TEST_F(MergeFile2Accept, EachStepThatFails)
     EXPECT_TRUE(p().traced(1, "[merge_file2accept] MALLOC ERROR size=6 errno=12"));
     p().fail_kind("open", 0, 1);
     EXPECT_EQ(kestal_merge_file2accept(slot), -1);
-    EXPECT_TRUE(p().traced(1, "[merge_file2accept]  File Open(Read) ERROR t_name=" +
-                                  merge_backup + " errno=5"));
+    EXPECT_TRUE(p().traced(1, "[merge_file2accept]  File Open(Read) ERROR t_name=" + merge_backup + " errno=5"));
     p().fail_kind("read", 0, 1);
     EXPECT_EQ(kestal_merge_file2accept(slot), -1);
-    EXPECT_TRUE(p().traced(1, "[merge_file2accept]  Read ERROR t_name=" + merge_backup +
-                                  " f_size=6 errno=5"));
+    EXPECT_TRUE(p().traced(1, "[merge_file2accept]  Read ERROR t_name=" + merge_backup + " f_size=6 errno=5"));
     p().fail_kind("sb_open", 0, 1);
     EXPECT_EQ(kestal_merge_file2accept(slot), -1);
-    EXPECT_TRUE(
-        p().traced(1, "[merge_file2accept]  Write Accept area ERROR f_name=kesta_backup1 "));
+    EXPECT_TRUE(p().traced(1, "[merge_file2accept]  Write Accept area ERROR f_name=kesta_backup1 "));
     EXPECT_EQ(p().count("[merge_file2accept] END ret=-1"), 5);
 }

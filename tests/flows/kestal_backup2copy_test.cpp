@@ -116,8 +116,7 @@ TEST_F(Backup2Copy, FailedFlashCopySkipsTheScript)
 {
     std::filesystem::remove_all("/opt/kesta_sys/bakup");
     EXPECT_EQ(kestal_backup2copy("default"), -1);
-    EXPECT_TRUE(
-        p().traced(1, "[backup2copy] sysvol backup.tar.Z -> backup.tar.Z Copy Error result =1"));
+    EXPECT_TRUE(p().traced(1, "[backup2copy] sysvol backup.tar.Z -> backup.tar.Z Copy Error result =1"));
     EXPECT_FALSE(script_ran());
     EXPECT_TRUE(p().traced(5, "[backup2copy] END ret=-1"));
 }
@@ -156,9 +155,7 @@ TEST_F(Backup2Copy, FailedChmodIsOnlyLogged)
 {
     p().fail_kind("chmod");
     EXPECT_EQ(kestal_backup2copy("default"), 0);
-    EXPECT_EQ(p().count("[backup2copy] chmod error(filename:" + std::string(flash_copy) +
-                        ") errno=5"),
-              1);
+    EXPECT_EQ(p().count("[backup2copy] chmod error(filename:" + std::string(flash_copy) + ") errno=5"), 1);
 }
 
 TEST_F(Backup2Copy, CopyThatCanNotBeOpenedForFlushingIsRenamedAllTheSame)
@@ -184,8 +181,7 @@ TEST_F(Backup2Copy, GroupNameIsChecked)
 {
     EXPECT_EQ(kestal_backup2copy(nullptr), -931);
     EXPECT_EQ(kestal_backup2copy(std::string(300, 'g').c_str()), -931) << "fits no folder";
-    EXPECT_THAT(p().texts(1), ElementsAre("[backup2copy] Group name ERROR",
-                                          "[backup2copy] Group name ERROR"));
+    EXPECT_THAT(p().texts(1), ElementsAre("[backup2copy] Group name ERROR", "[backup2copy] Group name ERROR"));
     EXPECT_THAT(p().system_commands, IsEmpty());
 }
 

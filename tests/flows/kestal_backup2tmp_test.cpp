@@ -50,11 +50,9 @@ TEST_F(Backup2Tmp, BackupSlotIsCachedAndUnpacked)
     EXPECT_FALSE(exists(checked));
     EXPECT_THAT(p().system_commands, ElementsAre(unpack_command));
     EXPECT_THAT(p().texts(4), Contains("[backup2tmp] BACKUP(kesta_backup0) ---> TMP"));
-    EXPECT_THAT(p().texts(3), Contains("[backup2tmp] tmp-cache update (" +
-                                       std::string(unpack_command) + ")"));
+    EXPECT_THAT(p().texts(3), Contains("[backup2tmp] tmp-cache update (" + std::string(unpack_command) + ")"));
     EXPECT_EQ(p().traces.front().text, "[backup2tmp] START");
-    EXPECT_EQ(p().traces.back(),
-              (Trace{5, "[backup2tmp] END ret=0", "../common/kestal_backup2tmp.cpp"}));
+    EXPECT_EQ(p().traces.back(), (Trace{5, "[backup2tmp] END ret=0", "../common/kestal_backup2tmp.cpp"}));
     EXPECT_TRUE(p().traced(5, "[backup2tmp] Tmp area path. t_name=" + std::string(cached)));
 }
 
@@ -132,10 +130,8 @@ TEST_F(Backup2Tmp, DamagedArchiveIsReportedAfterAll)
 TEST_F(Backup2Tmp, NullGroupIsRefused)
 {
     EXPECT_EQ(kestal_backup2tmp(nullptr, 0, name, 1), -931);
-    EXPECT_THAT(p().traces,
-                ElementsAre(Trace{5, "[backup2tmp] START", "../common/kestal_backup2tmp.cpp"},
-                            Trace{1, "[backup2tmp] Group name ERROR",
-                                  "../common/kestal_backup2tmp.cpp"}));
+    EXPECT_THAT(p().traces, ElementsAre(Trace{5, "[backup2tmp] START", "../common/kestal_backup2tmp.cpp"},
+                                        Trace{1, "[backup2tmp] Group name ERROR", "../common/kestal_backup2tmp.cpp"}));
     EXPECT_THAT(p().calls, IsEmpty());
 }
 
@@ -165,11 +161,8 @@ TEST_F(Backup2Tmp, UnreadableSlotWithoutTemporaryFileFailsTheRenameToo)
 {
     p().sysback.erase("kesta_backup0");
     EXPECT_EQ(kestal_backup2tmp("group", 0, nullptr, 0), -1);
-    EXPECT_TRUE(p().traced(1, "[backup2tmp] move " + std::string(temporary) + " -> " + checked +
-                                  " error. errno=2"));
-    EXPECT_EQ(p().count("[backup2tmp] chmod error(filename:" + std::string(checked) +
-                        ") errno=2"),
-              1);
+    EXPECT_TRUE(p().traced(1, "[backup2tmp] move " + std::string(temporary) + " -> " + checked + " error. errno=2"));
+    EXPECT_EQ(p().count("[backup2tmp] chmod error(filename:" + std::string(checked) + ") errno=2"), 1);
     EXPECT_TRUE(p().traced(5, "[backup2tmp] END ret=-1"));
 }
 
@@ -196,16 +189,14 @@ TEST_F(Backup2Tmp, MissingCacheFolder)
 {
     std::filesystem::remove_all("/tmp/kesta_sys");
     EXPECT_EQ(kestal_backup2tmp("group", 0, nullptr, 1), -1);
-    EXPECT_TRUE(p().traced(1, "[backup2tmp]  File Open(write) ERROR  t_name=" +
-                                  std::string(temporary) + ", errno=2"));
+    EXPECT_TRUE(p().traced(1, "[backup2tmp]  File Open(write) ERROR  t_name=" + std::string(temporary) + ", errno=2"));
 }
 
 TEST_F(Backup2Tmp, FolderWhereTheTemporaryFileShouldBe)
 {
     std::filesystem::create_directories(temporary);
     EXPECT_EQ(kestal_backup2tmp("group", 0, nullptr, 0), -1);
-    EXPECT_TRUE(p().traced(1, "[backup2tmp]  File Open(write) ERROR  t_name=" +
-                                  std::string(temporary) + ", errno=21"));
+    EXPECT_TRUE(p().traced(1, "[backup2tmp]  File Open(write) ERROR  t_name=" + std::string(temporary) + ", errno=21"));
     EXPECT_TRUE(std::filesystem::is_directory(checked)) << "moved all the same";
 }
 
@@ -234,8 +225,7 @@ TEST_F(Backup2Tmp, ReadOnlyCache)
 {
     ASSERT_EQ(mount_small("/tmp/kesta_sys/tmp", 64 * 1024, true), 0);
     EXPECT_EQ(kestal_backup2tmp("group", 0, nullptr, 0), -1);
-    EXPECT_TRUE(p().traced(1, "[backup2tmp]  File Open(write) ERROR  t_name=" +
-                                  std::string(temporary) + ", errno=30"));
+    EXPECT_TRUE(p().traced(1, "[backup2tmp]  File Open(write) ERROR  t_name=" + std::string(temporary) + ", errno=30"));
     unmount("/tmp/kesta_sys/tmp");
 }
 
@@ -244,8 +234,7 @@ TEST_F(Backup2Tmp, FailedChmodIsOnlyLogged)
     p().fail_kind("chmod");
     p().fault_errno = 1;
     EXPECT_EQ(kestal_backup2tmp("group", 0, nullptr, 1), 0);
-    EXPECT_EQ(p().count("[backup2tmp] chmod error(filename:" + std::string(cached) + ") errno=1"),
-              1);
+    EXPECT_EQ(p().count("[backup2tmp] chmod error(filename:" + std::string(cached) + ") errno=1"), 1);
 }
 
 TEST_F(Backup2Tmp, ShortReadFreesTheBufferHandedBack)

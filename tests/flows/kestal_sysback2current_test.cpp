@@ -37,8 +37,7 @@ struct Restore {
 
     int run() const
     {
-        return kestal_sysback2current(group, switch_only, area_flag, rbflg, distribution, fileptr,
-                                      skip_flashcopy);
+        return kestal_sysback2current(group, switch_only, area_flag, rbflg, distribution, fileptr, skip_flashcopy);
     }
 };
 
@@ -69,16 +68,12 @@ TEST_F(Sysback2Current, ScriptNames)
     const struct {
         int area_flag, rbflg, distribution;
         const char *kind;
-    } cases[] = {{0, 1, 0, "udbk"}, {0, 2, 0, "rbbk"}, {1, 1, 0, "udbk"},  {1, 2, 0, "rbbk"},
-                 {2, 1, 0, "udbk"}, {2, 2, 0, "rbbk"}, {3, 1, 0, "udap"},  {3, 2, 0, "rbap"},
+    } cases[] = {{0, 1, 0, "udbk"},  {0, 2, 0, "rbbk"},    {1, 1, 0, "udbk"},   {1, 2, 0, "rbbk"},
+                 {2, 1, 0, "udbk"},  {2, 2, 0, "rbbk"},    {3, 1, 0, "udap"},   {3, 2, 0, "rbap"},
                  {2, 1, 3, "udbk3"}, {3, 2, 12, "rbap12"}, {2, 1, -1, "udbk-1"}};
     for (const auto &c : cases) {
         p().system_commands.clear();
-        EXPECT_EQ((Restore{.area_flag = c.area_flag,
-                           .rbflg = c.rbflg,
-                           .distribution = c.distribution})
-                      .run(),
-                  0)
+        EXPECT_EQ((Restore{.area_flag = c.area_flag, .rbflg = c.rbflg, .distribution = c.distribution}).run(), 0)
             << c.kind;
         EXPECT_EQ(p().system_commands.back(), script(c.kind));
         EXPECT_EQ(p().system_commands.size(), c.rbflg == 1 ? 2u : 1u) << "the copy before an update";
@@ -93,15 +88,12 @@ TEST_F(Sysback2Current, AcceptSlotIsSwitchedToFlashAndABackupSideScriptRuns)
     EXPECT_FALSE(exists(flash_copy));
     EXPECT_EQ(ran(), "udbk\n");
     EXPECT_EQ(read_file(merged), "accepted");
-    EXPECT_THAT(p().texts(4),
-                Contains(tag + "SYSBACK(kesta_backup1) ---> CNT_BACKUP(" + flash_copy + ")"));
-    EXPECT_TRUE(p().traced(4, tag +
-                                  "FLASHCOPY(/opt/kesta_sys/bakup/accept.tar.Z -> "
-                                  "/var/run/kesta_sys/tmp/backup.tar.Z)"));
+    EXPECT_THAT(p().texts(4), Contains(tag + "SYSBACK(kesta_backup1) ---> CNT_BACKUP(" + flash_copy + ")"));
+    EXPECT_TRUE(p().traced(4, tag + "FLASHCOPY(/opt/kesta_sys/bakup/accept.tar.Z -> "
+                                    "/var/run/kesta_sys/tmp/backup.tar.Z)"));
     EXPECT_TRUE(p().traced(4, tag + "SYSBACK(kesta_backup1) ---> CURRENT(cmd:" + script("udbk") + ")"));
-    EXPECT_TRUE(p().traced(4, tag +
-                                  "Script(Copy From System backup area to current Start) Exe "
-                                  "Success. result=0"));
+    EXPECT_TRUE(p().traced(4, tag + "Script(Copy From System backup area to current Start) Exe "
+                                    "Success. result=0"));
     const std::vector<std::string> progress = p().texts(5);
     EXPECT_THAT(progress, Contains(tag + "START(area_flag:0)"));
     EXPECT_THAT(progress, Contains(tag + "SWITCH(area_flag:0)"));
@@ -166,8 +158,8 @@ TEST_F(Sysback2Current, OtherAreaFlagsNeedAName)
         for (const int area_flag : {7, 4, -1}) {
             p().traces.clear();
             EXPECT_EQ((Restore{.area_flag = area_flag, .fileptr = fileptr}).run(), -931);
-            EXPECT_THAT(p().texts(1), ElementsAre(tag + "Argument ERROR(area_flag=" +
-                                                  std::to_string(area_flag) + ")."));
+            EXPECT_THAT(p().texts(1),
+                        ElementsAre(tag + "Argument ERROR(area_flag=" + std::to_string(area_flag) + ")."));
             EXPECT_EQ(p().count("END ret"), 0);
         }
     }
@@ -225,9 +217,8 @@ TEST_F(Sysback2Current, FailingScript)
 {
     write_file(std::string(folder) + "env_restore1_udbk_scr.sh", "exit 5\n");
     EXPECT_EQ((Restore{.area_flag = 0}).run(), 2);
-    EXPECT_TRUE(p().traced(1, tag +
-                                  "Script(Copy From System backup area to current Start) Exe "
-                                  "Error result =5"));
+    EXPECT_TRUE(p().traced(1, tag + "Script(Copy From System backup area to current Start) Exe "
+                                    "Error result =5"));
     EXPECT_TRUE(p().traced(5, tag + "END ret=2"));
     std::filesystem::remove(std::string(folder) + "env_restore1_udbk_scr.sh");
     EXPECT_EQ((Restore{}).run(), 2);
@@ -271,14 +262,12 @@ TEST_F(Sysback2Current, EachStepOfTheSwitchThatFailsRunsNoScript)
     EXPECT_TRUE(p().traced(1, tag + " File Open(write) ERROR c_name=" + flash_copy + ", errno=28"));
     p().fail_kind("write", 0, 1);
     EXPECT_EQ((Restore{.area_flag = 0}).run(), 1);
-    EXPECT_TRUE(p().traced(1, tag + " File Write ERROR c_name=" + flash_copy +
-                                  " buf_size=11 result=-1 errno=28"));
+    EXPECT_TRUE(p().traced(1, tag + " File Write ERROR c_name=" + flash_copy + " buf_size=11 result=-1 errno=28"));
     p().fail_kind("fsync", 0, 1);
     EXPECT_EQ((Restore{.area_flag = 0}).run(), 1) << "the bytes did not reach flash";
     p().fail_kind("rename", 0, 1);
     EXPECT_EQ((Restore{.area_flag = 0}).run(), 1);
-    EXPECT_TRUE(p().traced(
-        1, tag + "sysvol backup.tar.Z -> backup.tar.Z Copy Error result =-1, errno=28"));
+    EXPECT_TRUE(p().traced(1, tag + "sysvol backup.tar.Z -> backup.tar.Z Copy Error result =-1, errno=28"));
     EXPECT_EQ(p().count(tag + "END ret=1"), 4);
     EXPECT_THAT(p().system_commands, IsEmpty());
     EXPECT_EQ(read_file(flash_backup), "former");

@@ -9,8 +9,7 @@
 
 using fuzz::require;
 
-namespace
-{
+namespace {
 
 std::vector<std::string> split(const uint8_t *data, size_t size)
 {

@@ -14,8 +14,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                              {KESTA_CPINFO_BOOT_MODE, 0, 2}};
     for (const auto &[option, lowest, highest] : limits) {
         const int value = kestal_execute_command_by_popen(option);
-        require(value == KESTA_ERR_CPINFO || (value >= lowest && value <= highest),
-                "a number out of range");
+        require(value == KESTA_ERR_CPINFO || (value >= lowest && value <= highest), "a number out of range");
     }
     char lines[3][64] = {};
     char *output[] = {lines[0], lines[1], lines[2], nullptr};

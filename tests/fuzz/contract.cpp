@@ -5,10 +5,8 @@
 
 #include <algorithm>
 
-namespace fuzz
-{
-namespace
-{
+namespace fuzz {
+namespace {
 
 // Takes one character off; -1: no UTF-8, or not its shortest form.
 long take_character(std::string_view &text)
@@ -26,8 +24,7 @@ long take_character(std::string_view &text)
     if (length == 0 || length > text.size()) {
         return -1;
     }
-    long code =
-        length == 1 ? static_cast<long>(first) : static_cast<long>(first & (0x7fU >> length));
+    long code = length == 1 ? static_cast<long>(first) : static_cast<long>(first & (0x7fU >> length));
     for (std::size_t i = 1; i < length; ++i) {
         if (byte(i) < 0x80 || byte(i) > 0xbf) {
             return -1;
@@ -57,8 +54,8 @@ bool is_printable(std::string_view text)
     while (!text.empty()) {
         const long code = take_character(text);
         const bool plain = code == '\n' || code == '\t' || (code >= ' ' && code < 0x7f) ||
-                           (code >= 0xa0 && code != 0x200e && code != 0x200f &&
-                            (code < 0x2028 || code > 0x202e) && (code < 0x2066 || code > 0x2069));
+                           (code >= 0xa0 && code != 0x200e && code != 0x200f && (code < 0x2028 || code > 0x202e) &&
+                            (code < 0x2066 || code > 0x2069));
         if (!plain) {
             return false;
         }
@@ -76,8 +73,7 @@ void require_printable(std::string_view text)
 
 void require_json(std::string_view text)
 {
-    require(std::all_of(text.begin(), text.end(),
-                        [](char c) { return c == '\n' || (c >= ' ' && c < 0x7f); }),
+    require(std::all_of(text.begin(), text.end(), [](char c) { return c == '\n' || (c >= ' ' && c < 0x7f); }),
             "a JSON text that is not in ASCII");
 }
 

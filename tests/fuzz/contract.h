@@ -7,8 +7,7 @@
 
 #include <string_view>
 
-namespace fuzz
-{
+namespace fuzz {
 
 // What has to be undone before the process ends, so that its input can be kept.
 extern void (*before_end)();

@@ -10,10 +10,8 @@
 
 #include "contract.h"
 
-namespace fuzz
-{
-namespace
-{
+namespace fuzz {
+namespace {
 
 using Writer = std::unique_ptr<::archive, decltype(&archive_write_free)>;
 
@@ -74,13 +72,11 @@ void add_member(::archive *writer, const std::string &line)
     std::vector<std::string> parts = split(line, '\t');
     parts.resize(std::max<std::size_t>(parts.size(), 5));
     const char kind = parts[0].empty() ? 'f' : parts[0][0];
-    const std::unique_ptr<archive_entry, decltype(&archive_entry_free)> entry(archive_entry_new(),
-                                                                              archive_entry_free);
+    const std::unique_ptr<archive_entry, decltype(&archive_entry_free)> entry(archive_entry_new(), archive_entry_free);
     archive_entry_copy_pathname(entry.get(), parts[1].c_str());
     set_kind(entry.get(), kind, parts[4]);
     archive_entry_set_perm(entry.get(), static_cast<unsigned>(octal(parts[2])) & 07777U);
-    archive_entry_set_uid(
-        entry.get(), static_cast<la_int64_t>(strtoul(parts[3].c_str(), nullptr, 10) & 0xffffU));
+    archive_entry_set_uid(entry.get(), static_cast<la_int64_t>(strtoul(parts[3].c_str(), nullptr, 10) & 0xffffU));
     archive_entry_set_mtime(entry.get(), 1000000000, 0);
     // What the format can't hold is left out.
     if (archive_write_header(writer, entry.get()) == ARCHIVE_OK && kind == 'f') {
@@ -110,8 +106,7 @@ std::string tar_of_lines(const std::string &lines)
     const Writer writer(archive_write_new(), archive_write_free);
     archive_write_set_format_pax_restricted(writer.get());
     archive_write_set_bytes_per_block(writer.get(), block);
-    require(archive_write_open(writer.get(), &tar, nullptr, append, nullptr) == ARCHIVE_OK,
-            "no tar can be made");
+    require(archive_write_open(writer.get(), &tar, nullptr, append, nullptr) == ARCHIVE_OK, "no tar can be made");
     for (const std::string &line : split(lines, '\n')) {
         add_member(writer.get(), line);
     }
@@ -127,13 +122,11 @@ std::string packed(const std::string &tar)
     archive_write_add_filter_bzip2(writer.get());
     archive_write_set_filter_option(writer.get(), "bzip2", "compression-level", "1");
     archive_write_set_bytes_per_block(writer.get(), 0);
-    const std::unique_ptr<archive_entry, decltype(&archive_entry_free)> entry(archive_entry_new(),
-                                                                              archive_entry_free);
+    const std::unique_ptr<archive_entry, decltype(&archive_entry_free)> entry(archive_entry_new(), archive_entry_free);
     archive_entry_set_filetype(entry.get(), AE_IFREG);
     require(archive_write_open(writer.get(), &bytes, nullptr, append, nullptr) == ARCHIVE_OK &&
                 archive_write_header(writer.get(), entry.get()) == ARCHIVE_OK &&
-                archive_write_data(writer.get(), tar.data(), tar.size()) ==
-                    static_cast<la_ssize_t>(tar.size()) &&
+                archive_write_data(writer.get(), tar.data(), tar.size()) == static_cast<la_ssize_t>(tar.size()) &&
                 archive_write_close(writer.get()) == ARCHIVE_OK,
             "nothing can be packed");
     return bytes;

@@ -3,8 +3,7 @@
 
 #include <string>
 
-namespace fuzz
-{
+namespace fuzz {
 
 // The same tar, in which the checksum of each header is right: without that, hardly any change of
 // one would get past the first look at it.

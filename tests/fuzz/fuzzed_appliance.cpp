@@ -15,10 +15,8 @@
 #include "scratch_root.h"
 #include "test_platform.h"
 
-namespace fuzz
-{
-namespace
-{
+namespace fuzz {
+namespace {
 
 namespace fs = std::filesystem;
 
@@ -75,17 +73,17 @@ void put(const Place &place, const std::string &bytes)
 {
     test::Platform &platform = test::platform();
     switch (place.kind) {
-        case Kind::area:
-            platform.sysback[place.name] = {bytes};
-            break;
-        case Kind::file:
-            std::ofstream(place.name, std::ios::binary) << bytes;
-            break;
-        case Kind::command:
-            platform.commands[place.name] = {bytes, 0};
-            break;
-        case Kind::platform:
-            set_platform(bytes);
+    case Kind::area:
+        platform.sysback[place.name] = {bytes};
+        break;
+    case Kind::file:
+        std::ofstream(place.name, std::ios::binary) << bytes;
+        break;
+    case Kind::command:
+        platform.commands[place.name] = {bytes, 0};
+        break;
+    case Kind::platform:
+        set_platform(bytes);
     }
 }
 
@@ -111,11 +109,11 @@ void clear()
 void prepare_appliance()
 {
     GTEST_FLAG_SET(throw_on_failure, true);  // what the platform expects of its callers
-    test::platform().run_system = true;  // until the first input: libFuzzer runs itself to merge corpora
+    test::platform().run_system = true;      // until the first input: libFuzzer runs itself to merge corpora
     make_scratch_root(Proc::lent);
     const Visit visit;
-    for (const char *folder : {"/etc/kesta_sys", "/opt/kesta_sys/bakup", "/tmp/kesta_sys/tmp",
-                               "/var/run/kesta_sys/tmp", "/dev"}) {
+    for (const char *folder :
+         {"/etc/kesta_sys", "/opt/kesta_sys/bakup", "/tmp/kesta_sys/tmp", "/var/run/kesta_sys/tmp", "/dev"}) {
         fs::create_directories(folder);
     }
     std::ofstream("/dev/null") << "";

@@ -5,8 +5,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-namespace fuzz
-{
+namespace fuzz {
 
 // Once.
 void prepare_appliance();

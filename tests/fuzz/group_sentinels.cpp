@@ -11,15 +11,13 @@
 
 #include "contract.h"
 
-namespace fuzz
-{
-namespace
-{
+namespace fuzz {
+namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::array<const char *, 5> of_the_group{"/etc/app", "/etc/single", "/etc/links/single",
-                                                   "/moved/data/file", "/var/new"};
+constexpr std::array<const char *, 5> of_the_group{"/etc/app", "/etc/single", "/etc/links/single", "/moved/data/file",
+                                                   "/var/new"};
 constexpr timespec long_ago{1000000000, 0};
 
 void write_file(const char *path, const std::string &text, mode_t mode = 0644)
@@ -49,19 +47,17 @@ std::string contents(const char *path)
 
 Found look_at(const std::string &path)
 {
-    struct stat status {
-    };
+    struct stat status {};
     require(lstat(path.c_str(), &status) == 0, "something vanished");
     const bool is_folder = S_ISDIR(status.st_mode);
     const bool runs_for_others =
-        (status.st_mode & S_ISUID) != 0 ||
-        ((status.st_mode & S_ISGID) != 0 && (status.st_mode & S_IXGRP) != 0);
+        (status.st_mode & S_ISUID) != 0 || ((status.st_mode & S_ISGID) != 0 && (status.st_mode & S_IXGRP) != 0);
     require(is_folder || !runs_for_others, "a program with its owner's or group's rights");
-    std::string what = std::to_string(status.st_mode) + " " + std::to_string(status.st_uid) + " " +
-                       std::to_string(status.st_gid);
+    std::string what =
+        std::to_string(status.st_mode) + " " + std::to_string(status.st_uid) + " " + std::to_string(status.st_gid);
     if (S_ISREG(status.st_mode)) {
-        what += " " + std::to_string(status.st_mtim.tv_sec) + " " + std::to_string(status.st_size) +
-                " " + contents(path.c_str());
+        what += " " + std::to_string(status.st_mtim.tv_sec) + " " + std::to_string(status.st_size) + " " +
+                contents(path.c_str());
     } else if (S_ISLNK(status.st_mode)) {
         what += " -> " + fs::read_symlink(path).string();
     }
@@ -93,8 +89,7 @@ void add_below(Picture &picture, const std::string &folder, bool of_group)
 // and second names that lead out.
 void lay_out_sentinels()
 {
-    for (const char *folder :
-         {"/etc", "/etc/application", "/etc/links", "/moved", "/moved/data", "/var", "/outside"}) {
+    for (const char *folder : {"/etc", "/etc/application", "/etc/links", "/moved", "/moved/data", "/var", "/outside"}) {
         make_folder(folder);
     }
     write_file("/etc/passwd", "root:x:0:0::/:/bin/sh\nuser:x:1000:1000::/:/bin/sh\n");
@@ -124,11 +119,9 @@ void lay_out_group()
     write_file("/moved/data/file", "data\n");
     make_link("/outside", "/etc/app/users/way");
     make_link("/outside/file", "/etc/app/users/file");
-    require(lchown("/etc/app/users/way", 1000, 1000) == 0 || geteuid() != 0,
-            "a link can't be given away");
+    require(lchown("/etc/app/users/way", 1000, 1000) == 0 || geteuid() != 0, "a link can't be given away");
     require(link("/outside/twin", "/etc/app/twin") == 0, "a second name can't be made");
-    for (const char *path :
-         {"/etc/app/one", "/etc/app/more/two", "/etc/single", "/moved/data/file"}) {
+    for (const char *path : {"/etc/app/one", "/etc/app/more/two", "/etc/single", "/moved/data/file"}) {
         const std::array<timespec, 2> times{long_ago, long_ago};
         require(utimensat(AT_FDCWD, path, times.data(), 0) == 0, "a file can't be given its time");
     }
@@ -145,8 +138,7 @@ Picture picture_inside()
 {
     Picture picture;
     for (const char *path : of_the_group) {
-        struct stat status {
-        };
+        struct stat status {};
         if (lstat(path, &status) != 0) {
             continue;
         }

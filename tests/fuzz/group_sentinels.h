@@ -4,8 +4,7 @@
 #include <map>
 #include <string>
 
-namespace fuzz
-{
+namespace fuzz {
 
 // Once: what must stay as it is. Files beside the group's, folders whose names begin like theirs,
 // links and second names that lead out.

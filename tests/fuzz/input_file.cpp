@@ -8,8 +8,7 @@
 
 #include <string>
 
-namespace
-{
+namespace {
 
 std::string path;
 int input_fd = -1;
@@ -19,8 +18,7 @@ FILE *open_input(const char *mode);
 }  // namespace
 
 // The platform's trace log: the text is put together, and dropped.
-extern "C" __attribute__((format(printf, 4, 5))) void MC_OutTrace(const char *, int, int,
-                                                                  const char *format, ...)
+extern "C" __attribute__((format(printf, 4, 5))) void MC_OutTrace(const char *, int, int, const char *format, ...)
 {
     static char text[1 << 16];
     va_list arguments;
@@ -43,15 +41,13 @@ extern "C" int __wrap_pclose(FILE *stream)
     return 0;
 }
 
-namespace
-{
+namespace {
 
 FILE *open_input(const char *mode) { return __real_fopen(path.c_str(), mode); }
 
 }  // namespace
 
-namespace fuzz
-{
+namespace fuzz {
 
 char *use_input(const uint8_t *data, size_t size)
 {
@@ -59,8 +55,7 @@ char *use_input(const uint8_t *data, size_t size)
         input_fd = memfd_create("input", MFD_CLOEXEC);
         path = "/proc/self/fd/" + std::to_string(input_fd);
     }
-    require(ftruncate(input_fd, 0) == 0 &&
-                pwrite(input_fd, data, size, 0) == static_cast<ssize_t>(size),
+    require(ftruncate(input_fd, 0) == 0 && pwrite(input_fd, data, size, 0) == static_cast<ssize_t>(size),
             "the input can't be stored");
     return path.data();
 }

@@ -16,19 +16,17 @@
 
 using fuzz::require;
 
-namespace
-{
+namespace {
 
 constexpr const char *page_file = "/tmp/report.html";
 
-constexpr std::array<std::string_view, 22> own_tags{
-    "html", "head", "meta",    "title",   "style",   "body",  "h1", "h2",
-    "p",    "div",  "section", "br",      "code",    "table", "tr", "th",
-    "td",   "i",    "span",    "details", "summary", "strong"};
-constexpr std::array<std::string_view, 9> own_attributes{
-    "lang", "charset", "name", "content", "scope", "class", "role", "aria-label", "title"};
-constexpr std::array<std::string_view, 6> own_entities{"&amp;",  "&lt;",    "&gt;",
-                                                       "&quot;", "&ndash;", "&#9888;"};
+constexpr std::array<std::string_view, 22> own_tags{"html", "head",    "meta",    "title", "style",   "body",
+                                                    "h1",   "h2",      "p",       "div",   "section", "br",
+                                                    "code", "table",   "tr",      "th",    "td",      "i",
+                                                    "span", "details", "summary", "strong"};
+constexpr std::array<std::string_view, 9> own_attributes{"lang",  "charset", "name",       "content", "scope",
+                                                         "class", "role",    "aria-label", "title"};
+constexpr std::array<std::string_view, 6> own_entities{"&amp;", "&lt;", "&gt;", "&quot;", "&ndash;", "&#9888;"};
 
 template <typename Words>
 bool is_one_of(const Words &words, std::string_view word)
@@ -43,8 +41,7 @@ bool is_one_of(const Words &words, std::string_view word)
 
 void require_entities(std::string_view text)
 {
-    for (std::size_t at = text.find('&'); at != std::string_view::npos;
-         at = text.find('&', at + 1)) {
+    for (std::size_t at = text.find('&'); at != std::string_view::npos; at = text.find('&', at + 1)) {
         const std::string_view entity = text.substr(at, text.find(';', at) - at + 1);
         require(is_one_of(own_entities, entity), "an ampersand of the data");
     }
@@ -55,8 +52,7 @@ void require_attributes(std::string_view text)
 {
     while (!text.empty()) {
         const std::size_t equals = text.find('=');
-        require(text[0] == ' ' && equals != std::string_view::npos &&
-                    text.substr(equals, 2) == "=\"" &&
+        require(text[0] == ' ' && equals != std::string_view::npos && text.substr(equals, 2) == "=\"" &&
                     is_one_of(own_attributes, text.substr(1, equals - 1)),
                 "an attribute of the data");
         const std::size_t end = text.find('"', equals + 2);

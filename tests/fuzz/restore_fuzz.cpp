@@ -21,8 +21,7 @@
 
 using fuzz::require;
 
-namespace
-{
+namespace {
 
 using namespace kestactl;
 
@@ -33,11 +32,7 @@ struct Wanted {
     const char *only;
 };
 constexpr Wanted all_wanted[] = {
-    {false, ""},
-    {true, ""},
-    {false, "/etc/app/more"},
-    {true, "/etc/single"},
-    {true, "/var/new/deep/file"},
+    {false, ""},        {true, ""}, {false, "/etc/app/more"}, {true, "/etc/single"}, {true, "/var/new/deep/file"},
     {true, "/etc/app"},
 };
 
@@ -110,8 +105,7 @@ void require_same(const fuzz::Picture &before, const fuzz::Picture &after, const
 {
     for (const auto &[path, now] : after) {
         const auto found = before.find(path);
-        if (found == before.end() || found->second.what != now.what ||
-            found->second.names < now.names) {
+        if (found == before.end() || found->second.what != now.what || found->second.names < now.names) {
             fprintf(stderr, "%s is now %s\n", path.c_str(), now.what.c_str());
             fuzz::broken(what);
         }
@@ -135,7 +129,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     }
     const Wanted &wanted = all_wanted[data[0] % std::size(all_wanted)];
-    const Archive archive{contents_of_bytes(packed(data + 1, size - 1)), "Slot kesta_backup0", limits, [] {}};
+    const Archive archive{contents_of_bytes(packed(data + 1, size - 1)), "Slot kesta_backup0", limits, [] {
+                          }};
     const fuzz::Visit visit;
     fuzz::lay_out_group();
     const fuzz::Picture outside = fuzz::picture_outside();

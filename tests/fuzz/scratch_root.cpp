@@ -11,10 +11,8 @@
 #include "contract.h"
 #include "private_namespace.h"
 
-namespace fuzz
-{
-namespace
-{
+namespace fuzz {
+namespace {
 
 constexpr const char *place = "/mnt";
 
@@ -45,12 +43,10 @@ void make_scratch_root(Proc proc)
     before_end = leave;
     outer_folder = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
     outer_root = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
-    require(outer_root >= 0 && outer_folder >= 0 &&
-                mount("tmpfs", place, "tmpfs", 0, "mode=0755,size=64m") == 0,
+    require(outer_root >= 0 && outer_folder >= 0 && mount("tmpfs", place, "tmpfs", 0, "mode=0755,size=64m") == 0,
             "a root in memory can't be mounted");
     if (proc == Proc::lent) {
-        require(mkdir("/mnt/proc", 0755) == 0 &&
-                    mount("/proc", "/mnt/proc", nullptr, MS_BIND | MS_REC, nullptr) == 0,
+        require(mkdir("/mnt/proc", 0755) == 0 && mount("/proc", "/mnt/proc", nullptr, MS_BIND | MS_REC, nullptr) == 0,
                 "/proc can't be lent");
     }
 }

@@ -2,8 +2,7 @@
 // while a Visit lives.
 #pragma once
 
-namespace fuzz
-{
+namespace fuzz {
 
 // Once, before anything else. Ends the process with a message where the machine doesn't allow it.
 enum class Proc { none, lent };
@@ -11,8 +10,7 @@ void make_scratch_root(Proc proc = Proc::none);
 
 // Inside, "/" is the root of the small system, and the current folder. A process that ends inside
 // leaves it first, so that its input can be kept.
-class Visit
-{
+class Visit {
 public:
     Visit();
     ~Visit();

@@ -13,8 +13,7 @@
 
 using fuzz::require;
 
-namespace
-{
+namespace {
 
 using Words = std::vector<const char *>;
 

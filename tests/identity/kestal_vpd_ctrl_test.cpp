@@ -30,13 +30,11 @@ const std::string distribute =
     "/bin/sh /opt/kesta_sys/sbin/env_tarz_assign_distribute.sh /opt/kesta_sys/bakup/ > /dev/null 2>&1";
 const std::string distribute_merged =
     "/bin/sh /opt/kesta_sys/sbin/env_tarz_assign_distribute.sh /var/run/kesta_sys/tmp/ > /dev/null 2>&1";
-const std::string collect =
-    "/bin/sh /opt/kesta_sys/sbin/env_tarz_assign_collect.sh ";
+const std::string collect = "/bin/sh /opt/kesta_sys/sbin/env_tarz_assign_collect.sh ";
 
 std::string eeprom(int controller, const std::string &assignments)
 {
-    return "/usr/sbin/eeprom -f " + tree + "/" + std::to_string(controller) +
-           "/boot/solaris/bootenv.rc" + assignments;
+    return "/usr/sbin/eeprom -f " + tree + "/" + std::to_string(controller) + "/boot/solaris/bootenv.rc" + assignments;
 }
 
 std::string identity(const std::string &wwn, const std::string &serialno)
@@ -68,14 +66,11 @@ protected:
         p().commands[read_tool] = {wwn + "\n" + serialno + "\n" + guid + "\n", 0};
     }
     // The VPD tool's write command, as the library forms it.
-    static std::string write_tool(const std::string &wwn, const std::string &serialno,
-                                  const std::string &guid)
+    static std::string write_tool(const std::string &wwn, const std::string &serialno, const std::string &guid)
     {
-        return "/opt/kesta_sys/sbin/env_vpdctl -w " + wwn + " -s " + serialno + " -g " + guid +
-               " > /dev/null 2>&1";
+        return "/opt/kesta_sys/sbin/env_vpdctl -w " + wwn + " -s " + serialno + " -g " + guid + " > /dev/null 2>&1";
     }
-    bool tool_was_written(const std::string &wwn, const std::string &serialno,
-                          const std::string &guid) const
+    bool tool_was_written(const std::string &wwn, const std::string &serialno, const std::string &guid) const
     {
         for (const std::string &call : p().calls_of("popen")) {
             if (call == "popen " + write_tool(wwn, serialno, guid)) {
@@ -112,14 +107,12 @@ TEST_F(VpdFlow, TreeIsOpenedFromAFolder)
 {
     EXPECT_EQ(kestal_update_vpdinfo_distribute_open("/opt/kesta_sys/bakup/", 0), 0);
     EXPECT_THAT(p().system_commands, ElementsAre(distribute));
-    EXPECT_EQ(p().traces.front().text,
-              "[update_vpdinfo_distribute_open] Start. path=/opt/kesta_sys/bakup/, flag=0");
+    EXPECT_EQ(p().traces.front().text, "[update_vpdinfo_distribute_open] Start. path=/opt/kesta_sys/bakup/, flag=0");
     EXPECT_THAT(p().calls_of("sb_open"), IsEmpty());
     fail_command(0);
     EXPECT_EQ(kestal_update_vpdinfo_distribute_open("/opt/kesta_sys/bakup/", 0), -1);
     EXPECT_THAT(p().traces.back().text,
-                testing::StartsWith(
-                    "[update_vpdinfo_distribute_open] backup.tar.Z distribute Error. rtn=3, errno="));
+                testing::StartsWith("[update_vpdinfo_distribute_open] backup.tar.Z distribute Error. rtn=3, errno="));
 }
 
 TEST_F(VpdFlow, WithFlagOneTheBackupIsFetchedFirst)
@@ -147,10 +140,9 @@ TEST_F(VpdFlow, BootEnvironmentsOfTwoControllersAreEdited)
     EXPECT_EQ(vpd_state.controllers, -1);
     EXPECT_EQ(kestal_update_vpdinfo_eeprom(new_wwn.c_str(), new_serialno.c_str()), 0);
     EXPECT_EQ(vpd_state.controllers, 2);
-    EXPECT_THAT(p().system_commands, ElementsAre(eeprom(0, identity(new_wwn, new_serialno)),
-                                                 eeprom(1, identity(new_wwn, new_serialno))));
-    EXPECT_EQ(p().traces.front().text, "[update_vpdinfo_eeprom] Start. wwnstr=" + new_wwn +
-                                           ", snstr=" + new_serialno);
+    EXPECT_THAT(p().system_commands,
+                ElementsAre(eeprom(0, identity(new_wwn, new_serialno)), eeprom(1, identity(new_wwn, new_serialno))));
+    EXPECT_EQ(p().traces.front().text, "[update_vpdinfo_eeprom] Start. wwnstr=" + new_wwn + ", snstr=" + new_serialno);
     EXPECT_TRUE(p().traced(3, "[update_vpdinfo_eeprom] Update tmp eeprom (cntno:1, cmd:" +
                                   eeprom(1, identity(new_wwn, new_serialno)) + ")"));
     EXPECT_TRUE(last_trace_is(3, "[update_vpdinfo_eeprom] Update tmp eeprom Success."));
@@ -164,8 +156,7 @@ TEST_F(VpdFlow, TextsThatAreNotGivenAreLeftOut)
     EXPECT_THAT(p().system_commands,
                 ElementsAre(eeprom(0, " cp_wwn=" + new_wwn), eeprom(1, " cp_wwn=" + new_wwn),
                             eeprom(0, " cp_serial_number=" + new_serialno),
-                            eeprom(1, " cp_serial_number=" + new_serialno), eeprom(0, ""),
-                            eeprom(1, "")));
+                            eeprom(1, " cp_serial_number=" + new_serialno), eeprom(0, ""), eeprom(1, "")));
 }
 
 TEST_F(VpdFlow, FirstFailureEndsTheEditing)
@@ -180,8 +171,8 @@ TEST_F(VpdFlow, FirstFailureEndsTheEditing)
 
 TEST_F(VpdFlow, TextsThatAShellWouldActOnAreRefused)
 {
-    for (const char *text : {"a b", "a;b", "$(x)", "`x`", "a'b", "a\"b", "a\nb", "a|b", "a&b", "a>b",
-                             "a*b", "a\\b", "#b", "a!b", "~", "~b", "(a)", "{a,b}", "[a]"}) {
+    for (const char *text : {"a b", "a;b", "$(x)", "`x`", "a'b", "a\"b", "a\nb", "a|b", "a&b", "a>b", "a*b", "a\\b",
+                             "#b", "a!b", "~", "~b", "(a)", "{a,b}", "[a]"}) {
         EXPECT_EQ(kestal_update_vpdinfo_eeprom(text, nullptr), -931) << text;
         EXPECT_EQ(kestal_update_vpdinfo_eeprom(nullptr, text), -931) << text;
         EXPECT_EQ(kestal_update_vpdinfo_distribute_open(text, 1), -931) << text;
@@ -228,14 +219,11 @@ TEST_F(VpdFlow, GuidThatCanNotBeWrittenIsTold)
         p().fail_kind(call, 0, 1);
         p().fault_errno = ENOSPC;
         EXPECT_EQ(kestal_update_vpdinfo_guid(new_guid.c_str()), -1) << call;
-        EXPECT_TRUE(last_trace_is(1, "[update_vdpinfo_guid] fputs() error path=(" + guid_file +
-                                         ") errno=28"))
-            << call;
+        EXPECT_TRUE(last_trace_is(1, "[update_vdpinfo_guid] fputs() error path=(" + guid_file + ") errno=28")) << call;
     }
     exec("rm -rf " + tree + "/C");
     EXPECT_EQ(kestal_update_vpdinfo_guid(new_guid.c_str()), -1);
-    EXPECT_TRUE(last_trace_is(
-        1, "[update_vdpinfo_guid] cp_guid open error filename=(" + guid_file + ") errno=2"));
+    EXPECT_TRUE(last_trace_is(1, "[update_vdpinfo_guid] cp_guid open error filename=(" + guid_file + ") errno=2"));
 }
 
 TEST_F(VpdFlow, FilesOfTheTreeAreNeverReachedThroughLinks)
@@ -245,8 +233,8 @@ TEST_F(VpdFlow, FilesOfTheTreeAreNeverReachedThroughLinks)
     write_file(outside, "as it was\n");
     const auto fails = [&](const std::string &because) {
         EXPECT_EQ(kestal_update_vpdinfo_guid(new_guid.c_str()), -1);
-        EXPECT_TRUE(last_trace_is(1, "[update_vdpinfo_guid] cp_guid open error filename=(" + guid_file +
-                                         ") errno=" + because));
+        EXPECT_TRUE(
+            last_trace_is(1, "[update_vdpinfo_guid] cp_guid open error filename=(" + guid_file + ") errno=" + because));
         EXPECT_EQ(read_file(outside), "as it was\n");
     };
     exec("ln -sf " + outside + " " + guid_file);
@@ -255,11 +243,13 @@ TEST_F(VpdFlow, FilesOfTheTreeAreNeverReachedThroughLinks)
     fails("31");
     exec("rm " + guid_file + "; mkfifo " + guid_file);
     fails("6");
-    exec("rm -r " + tree + "/C/etc; mkdir /var/run/kesta_sys/elsewhere; ln -s /var/run/kesta_sys/elsewhere " + tree + "/C/etc");
+    exec("rm -r " + tree + "/C/etc; mkdir /var/run/kesta_sys/elsewhere; ln -s /var/run/kesta_sys/elsewhere " + tree +
+         "/C/etc");
     fails("20");
     EXPECT_EQ(run_shell("rmdir /var/run/kesta_sys/elsewhere"), 0) << "nothing was made in it";
     exec("ln -sf " + outside + " " + nodename("0"));
-    EXPECT_EQ(kestal_update_host_info(new_wwn.c_str(), old_wwn.c_str()), 0) << "controller 0's number, which callers rely on";
+    EXPECT_EQ(kestal_update_host_info(new_wwn.c_str(), old_wwn.c_str()), 0)
+        << "controller 0's number, which callers rely on";
     EXPECT_TRUE(last_trace_is(1, "[update_host_info] nodenamefile(" + nodename("0") + ") open failed. ret=0"));
     exec("rm " + nodename("0") + "; mkfifo " + nodename("0"));
     EXPECT_EQ(kestal_update_host_info(new_wwn.c_str(), old_wwn.c_str()), -1) << "without waiting";
@@ -286,13 +276,11 @@ TEST_F(HostInfo, NamesAndTableFollowTheNewWwn)
     EXPECT_EQ(read_file(nodename("0")), new_wwn + "-0\n");
     EXPECT_EQ(read_file(nodename("1")), new_wwn + "-1\n");
     EXPECT_EQ(vpd_state.own_number, 0);
-    EXPECT_EQ(p().traces.front().text,
-              "[update_host_info] Start. wwn_new=" + new_wwn + " wwn_old=" + old_wwn);
+    EXPECT_EQ(p().traces.front().text, "[update_host_info] Start. wwn_new=" + new_wwn + " wwn_old=" + old_wwn);
     EXPECT_TRUE(p().traced(3, "[update_host_info] " + nodename("0") + " hostname = " + old_wwn + "-0"));
-    EXPECT_TRUE(p().traced(3, "[update_host_info] it is same wwn_hostname=[" + old_wwn +
-                                  "-0] and now_hostname=[" + old_wwn + "-0] g_vpd_cnt_no=[0]. "));
-    EXPECT_TRUE(last_trace_is(3, "[update_host_info] END wwn_new=[" + new_wwn + "] wwn_old=[" +
-                                     old_wwn + "] ret=[0]"));
+    EXPECT_TRUE(p().traced(3, "[update_host_info] it is same wwn_hostname=[" + old_wwn + "-0] and now_hostname=[" +
+                                  old_wwn + "-0] g_vpd_cnt_no=[0]. "));
+    EXPECT_TRUE(last_trace_is(3, "[update_host_info] END wwn_new=[" + new_wwn + "] wwn_old=[" + old_wwn + "] ret=[0]"));
 }
 
 TEST_F(HostInfo, OnControllerOneTheOwnAddressIsTheSecondLine)
@@ -321,8 +309,7 @@ TEST_F(HostInfo, LongNamesAreCutAt256Characters)
 {
     write_file(nodename("0"), std::string(300, 'n'));
     EXPECT_EQ(update(), 0);
-    EXPECT_TRUE(p().traced(3, "[update_host_info] " + nodename("0") +
-                                  " hostname = " + std::string(256, 'n')));
+    EXPECT_TRUE(p().traced(3, "[update_host_info] " + nodename("0") + " hostname = " + std::string(256, 'n')));
 }
 
 TEST_F(HostInfo, OwnNumberOtherThanZeroOrOneIsReturned)
@@ -343,15 +330,12 @@ TEST_F(HostInfo, UnreadableNameGivesTheNumberOnceAndThenAFailure)
 {
     exec("rm " + nodename("0"));
     EXPECT_EQ(update(), 0) << "controller 0's number, which callers rely on";
-    EXPECT_TRUE(last_trace_is(
-        1, "[update_host_info] nodenamefile(" + nodename("0") + ") open failed. ret=0"));
+    EXPECT_TRUE(last_trace_is(1, "[update_host_info] nodenamefile(" + nodename("0") + ") open failed. ret=0"));
     EXPECT_EQ(update(), -1);
-    EXPECT_TRUE(last_trace_is(
-        1, "[update_host_info] nodenamefile(" + nodename("0") + ") open failed. ret=-1"));
+    EXPECT_TRUE(last_trace_is(1, "[update_host_info] nodenamefile(" + nodename("0") + ") open failed. ret=-1"));
     write_file(nodename("0"), "");
     EXPECT_EQ(update(), -1);
-    EXPECT_TRUE(last_trace_is(
-        1, "[update_host_info] nodenamefile(" + nodename("0") + ") read failed. ret=-1"));
+    EXPECT_TRUE(last_trace_is(1, "[update_host_info] nodenamefile(" + nodename("0") + ") read failed. ret=-1"));
     p().commands["/usr/sbin/cpinfo -i"] = {"1\n", 0};
     new_process();
     controller_state.own_number = -1;
@@ -368,17 +352,16 @@ TEST_F(HostInfo, FailuresOfTheNetworkAndTheFiles)
 
     p().fail_kind("write", 0, 1);
     EXPECT_EQ(update(), 1);
-    EXPECT_TRUE(last_trace_is(1, "[update_host_info] fputs() error path=(" + hosts +
-                                     ") str=(10.0.0.1 CNT0 " + new_wwn + "-0\n)errno=5"));
+    EXPECT_TRUE(last_trace_is(1, "[update_host_info] fputs() error path=(" + hosts + ") str=(10.0.0.1 CNT0 " + new_wwn +
+                                     "-0\n)errno=5"));
     p().fail_kind("write", 2, 1);
     EXPECT_EQ(update(), 1);
-    EXPECT_TRUE(last_trace_is(1, "[update_host_info] fputs() error path=(" + nodename("0") +
-                                     ") str=(" + new_wwn + "-0\n)errno=5"));
+    EXPECT_TRUE(last_trace_is(1, "[update_host_info] fputs() error path=(" + nodename("0") + ") str=(" + new_wwn +
+                                     "-0\n)errno=5"));
     write_file(nodename("0"), old_wwn + "-0\n");
     exec("rm -r " + tree + "/1");
     EXPECT_EQ(update(), 1);
-    EXPECT_TRUE(last_trace_is(
-        1, "[update_host_info] fopen() error path=(" + nodename("1") + ") errno=2"));
+    EXPECT_TRUE(last_trace_is(1, "[update_host_info] fopen() error path=(" + nodename("1") + ") errno=2"));
     write_file(nodename("0"), old_wwn + "-0\n");
     exec("rm -r " + tree + "/C");
     EXPECT_EQ(update(), 1);
@@ -409,13 +392,11 @@ TEST_F(VpdFlow, ClosingForFlashCopiesToTheSystemFirst)
     vpd_state.own_number = 1;
     EXPECT_EQ(kestal_update_vpdinfo_collect_close(0), 0);
     const std::string quiet = " > /dev/null 2>&1";
-    EXPECT_THAT(
-        p().system_commands,
-        ElementsAre("/usr/bin/cp " + nodename("1") + " /etc/nodename" + quiet,
-                    "/usr/bin/cp " + hosts + " /etc/inet/hosts" + quiet,
-                    "/usr/bin/cp " + tree +
-                        "/1/boot/solaris/bootenv.rc /boot/solaris/bootenv.rc" + quiet,
-                    "/usr/bin/cp " + guid_file + " /etc/cp_guid" + quiet, collect + "0" + quiet));
+    EXPECT_THAT(p().system_commands,
+                ElementsAre("/usr/bin/cp " + nodename("1") + " /etc/nodename" + quiet,
+                            "/usr/bin/cp " + hosts + " /etc/inet/hosts" + quiet,
+                            "/usr/bin/cp " + tree + "/1/boot/solaris/bootenv.rc /boot/solaris/bootenv.rc" + quiet,
+                            "/usr/bin/cp " + guid_file + " /etc/cp_guid" + quiet, collect + "0" + quiet));
     EXPECT_EQ(p().traces.front().text, "[update_vpdinfo_collect_close] Start. flag=0");
 }
 
@@ -430,15 +411,13 @@ TEST_F(VpdFlow, ClosingStopsAtItsFirstFailure)
         EXPECT_THAT(p().system_commands, SizeIs(step + 1));
         EXPECT_THAT(p().traces.back().text,
                     testing::StartsWith(std::string("[update_vpdinfo_collect_close] ") + names[step] +
-                                        " filecopy error cmd=(" + p().system_commands.back() +
-                                        ") rtn=2 errno="));
+                                        " filecopy error cmd=(" + p().system_commands.back() + ") rtn=2 errno="));
     }
     for (const int flag : {0, 1, 7}) {
         fail_command(flag == 0 ? 4 : 0);
         EXPECT_EQ(kestal_update_vpdinfo_collect_close(flag), -1);
         EXPECT_THAT(p().traces.back().text,
-                    testing::StartsWith(
-                        "[update_vpdinfo_collect_close] backup.tar.Z collect Error. rtn=3, errno="));
+                    testing::StartsWith("[update_vpdinfo_collect_close] backup.tar.Z collect Error. rtn=3, errno="));
     }
 }
 
@@ -462,14 +441,12 @@ TEST_F(VpdFlow, ClosingForTheDiskChoosesThePair)
 TEST_F(VpdFlow, ClosingForTheDiskTellsWhatFailed)
 {
     EXPECT_EQ(kestal_update_vpdinfo_collect_close(1), -1);
-    EXPECT_THAT(p().traces.back().text,
-                testing::StartsWith("[update_vpdinfo_collect_close] HDD write "
-                                    "backup.tar.Z(kesta_backup1) Failed. rtn=-1, errno="));
+    EXPECT_THAT(p().traces.back().text, testing::StartsWith("[update_vpdinfo_collect_close] HDD write "
+                                                            "backup.tar.Z(kesta_backup1) Failed. rtn=-1, errno="));
     p().fail_kind("nv_read", 0, 5);
     EXPECT_EQ(kestal_update_vpdinfo_collect_close(1), -1);
     EXPECT_THAT(p().traces.back().text,
-                testing::StartsWith(
-                    "[update_vpdinfo_collect_close] AcceptFileName read Failed. rtn=-1, errno="));
+                testing::StartsWith("[update_vpdinfo_collect_close] AcceptFileName read Failed. rtn=-1, errno="));
     EXPECT_STREQ(vpd_state.accept_name, "") << "cleared before";
 }
 
@@ -477,8 +454,7 @@ TEST_F(VpdFlow, AnyOtherFlagPacksOnly)
 {
     EXPECT_EQ(kestal_update_vpdinfo_collect_close(7), 0);
     EXPECT_EQ(kestal_update_vpdinfo_collect_close(-1), 0);
-    EXPECT_THAT(p().system_commands, ElementsAre(collect + "7 > /dev/null 2>&1",
-                                                 collect + "-1 > /dev/null 2>&1"));
+    EXPECT_THAT(p().system_commands, ElementsAre(collect + "7 > /dev/null 2>&1", collect + "-1 > /dev/null 2>&1"));
     EXPECT_THAT(p().calls_of("sb_open"), IsEmpty());
 }
 
@@ -487,8 +463,7 @@ TEST_F(VpdFlow, AnyOtherFlagPacksOnly)
 class VpdToFlash : public VpdFlow {
 protected:
     VpdToFlash() { give(old_wwn, old_serialno, old_guid); }
-    void give(const std::string &wwn_text, const std::string &serialno_text,
-              const std::string &guid_text)
+    void give(const std::string &wwn_text, const std::string &serialno_text, const std::string &guid_text)
     {
         wwn = wwn_text + "#";
         serialno = serialno_text + "#";
@@ -515,10 +490,9 @@ TEST_F(VpdToFlash, ChangedIdentityIsCarried)
     EXPECT_EQ(serialno, new_serialno + "#");
     EXPECT_EQ(guid, new_guid + "#");
     EXPECT_EQ(p().traces.front().text, "[kestal_vpd_to_flash] START");
-    EXPECT_TRUE(last_trace_is(
-        3, "[kestal_vpd_to_flash] END vpd_wwn=[" + new_wwn + "] vpd_serialno=[" + new_serialno +
-               "] vpd_guid=[" + new_guid + "] cnt_wwn=[" + new_wwn + "] cnt_serialno=[" +
-               new_serialno + "] cnt_guid=[" + new_guid + "] ret=[1] "));
+    EXPECT_TRUE(last_trace_is(3, "[kestal_vpd_to_flash] END vpd_wwn=[" + new_wwn + "] vpd_serialno=[" + new_serialno +
+                                     "] vpd_guid=[" + new_guid + "] cnt_wwn=[" + new_wwn + "] cnt_serialno=[" +
+                                     new_serialno + "] cnt_guid=[" + new_guid + "] ret=[1] "));
 }
 
 TEST_F(VpdToFlash, EqualIdentityNeedsNothing)
@@ -534,19 +508,20 @@ TEST_F(VpdToFlash, ToolWithoutAnIdentityGetsTheGivenOne)
     struct Case {
         std::string wwn, serialno, guid, lengths;
     };
-    const Case cases[] = {
-        {new_wwn.substr(1), new_serialno, new_guid, "len_wwn=15 len_serialno=16 len_guid=36"},
-        {new_wwn + "0", new_serialno, new_guid, "len_wwn=17 len_serialno=16 len_guid=36"},
-        {new_wwn, "", new_guid, "len_wwn=16 len_serialno=0 len_guid=36"},
-        {new_wwn, new_serialno, new_guid + "0", "len_wwn=16 len_serialno=16 len_guid=37"},
-        {"", "", "", "len_wwn=0 len_serialno=0 len_guid=0"}};
+    const Case cases[] = {{new_wwn.substr(1), new_serialno, new_guid, "len_wwn=15 len_serialno=16 len_guid=36"},
+                          {new_wwn + "0", new_serialno, new_guid, "len_wwn=17 len_serialno=16 len_guid=36"},
+                          {new_wwn, "", new_guid, "len_wwn=16 len_serialno=0 len_guid=36"},
+                          {new_wwn, new_serialno, new_guid + "0", "len_wwn=16 len_serialno=16 len_guid=37"},
+                          {"", "", "", "len_wwn=0 len_serialno=0 len_guid=0"}};
     for (const Case &given : cases) {
         tool(given.wwn, given.serialno, given.guid);
         p().commands[write_tool(old_wwn, old_serialno, old_guid)] = {"", 0};
         p().calls.clear();
         EXPECT_EQ(carry(), 0);
-        EXPECT_TRUE(p().traced(3, "[kestal_vpd_to_flash] vpd info length failed. so set vpdinfo from "
-                                  "flashinfo. " + given.lengths));
+        EXPECT_TRUE(p().traced(3,
+                               "[kestal_vpd_to_flash] vpd info length failed. so set vpdinfo from "
+                               "flashinfo. " +
+                                   given.lengths));
         EXPECT_TRUE(tool_was_written(old_wwn, old_serialno, old_guid));
         EXPECT_THAT(p().system_commands, IsEmpty());
         EXPECT_EQ(wwn, old_wwn + "#");
@@ -637,13 +612,13 @@ TEST_F(VpdToHdd, TheDisksIdentityWins)
 {
     EXPECT_EQ(kestal_vpd_to_hdd(nullptr, nullptr, nullptr), 0);
     EXPECT_TRUE(written());
-    EXPECT_TRUE(p().traced(3, "[kestal_vpd_to_hdd] it is different VPN and HDD. so set vpdinfo from "
-                              "hddinfo. hdd_wwn=[" + old_wwn + "] hdd_serialno=[" + old_serialno +
-                                  "] hdd_guid=[" + disk_guid + "]"));
-    EXPECT_TRUE(last_trace_is(
-        3, "[kestal_vpd_to_hdd] END vpd_wwn=[" + new_wwn + "] vpd_serialno=[" + new_serialno +
-               "] vpd_guid=[" + new_guid + "] hdd_wwn=[" + old_wwn + "] hdd_serialno=[" +
-               old_serialno + "] hdd_guid=[" + disk_guid + "]ret=[0]"));
+    EXPECT_TRUE(p().traced(3,
+                           "[kestal_vpd_to_hdd] it is different VPN and HDD. so set vpdinfo from "
+                           "hddinfo. hdd_wwn=[" +
+                               old_wwn + "] hdd_serialno=[" + old_serialno + "] hdd_guid=[" + disk_guid + "]"));
+    EXPECT_TRUE(last_trace_is(3, "[kestal_vpd_to_hdd] END vpd_wwn=[" + new_wwn + "] vpd_serialno=[" + new_serialno +
+                                     "] vpd_guid=[" + new_guid + "] hdd_wwn=[" + old_wwn + "] hdd_serialno=[" +
+                                     old_serialno + "] hdd_guid=[" + disk_guid + "]ret=[0]"));
 }
 
 TEST_F(VpdToHdd, ArgumentsComeBeforeTheImage)
@@ -667,8 +642,9 @@ TEST_F(VpdToHdd, ToolWithoutAnIdentityIsFilled)
     tool("", new_serialno, new_guid);
     EXPECT_EQ(kestal_vpd_to_hdd(nullptr, nullptr, nullptr), 0);
     EXPECT_TRUE(written());
-    EXPECT_TRUE(p().traced(3, "[kestal_vpd_to_hdd] vpd info length failed. so set vpdinfo from "
-                              "hddinfo. len_wwn=0 len_serialno=16 len_guid=36"));
+    EXPECT_TRUE(p().traced(3,
+                           "[kestal_vpd_to_hdd] vpd info length failed. so set vpdinfo from "
+                           "hddinfo. len_wwn=0 len_serialno=16 len_guid=36"));
 }
 
 TEST_F(VpdToHdd, FailuresAreOnlyTold)
@@ -684,8 +660,8 @@ TEST_F(VpdToHdd, FailuresAreOnlyTold)
         s_rwmode = 2;
         p().fail_kind("nv_read", (offset - 344) / 20, 5);
         EXPECT_EQ(kestal_vpd_to_hdd(nullptr, nullptr, nullptr), 0);
-        EXPECT_TRUE(p().traced(1, std::string("[kestal_vpd_to_hdd] kestal_non_volatile_rw() Read HDD ") +
-                                      name + " error. sts=-1"));
+        EXPECT_TRUE(p().traced(1, std::string("[kestal_vpd_to_hdd] kestal_non_volatile_rw() Read HDD ") + name +
+                                      " error. sts=-1"));
     }
     EXPECT_FALSE(written());
     p().commands[disk_write()] = {"", 6 << 8};
@@ -718,8 +694,7 @@ protected:
     }
     int carry(const std::string &own_wwn = old_wwn, const std::string &own_serialno = old_serialno)
     {
-        return kestal_CONT0_to_CONT1(new_wwn.c_str(), own_wwn.c_str(), new_serialno.c_str(),
-                                     own_serialno.c_str());
+        return kestal_CONT0_to_CONT1(new_wwn.c_str(), own_wwn.c_str(), new_serialno.c_str(), own_serialno.c_str());
     }
 };
 
@@ -736,9 +711,9 @@ TEST_F(Cont0ToCont1, IdentityGoesIntoTheAcceptSlotAndVersionsRise)
     EXPECT_EQ(p().sysback["kesta_reboot"].bytes, std::string("\x2a\0\0\0", 4));
     EXPECT_EQ(p().text_at(nv_accept_name, 32), "kesta_backup1");
     EXPECT_EQ(p().text_at(nv_backup_name, 32), "kesta_backup0");
-    EXPECT_TRUE(p().traced(3, "[kestal_CONT0_to_CONT1] END cnt0_wwn=[" + new_wwn + "] mycnt_wwn=[" +
-                                  old_wwn + "] hdd0_serialno=[" + new_serialno +
-                                  "] hdd1_serialno=[" + old_serialno + "] ret=[1] "));
+    EXPECT_TRUE(p().traced(3, "[kestal_CONT0_to_CONT1] END cnt0_wwn=[" + new_wwn + "] mycnt_wwn=[" + old_wwn +
+                                  "] hdd0_serialno=[" + new_serialno + "] hdd1_serialno=[" + old_serialno +
+                                  "] ret=[1] "));
     EXPECT_TRUE(inner_lock_is_free());
 }
 
@@ -746,9 +721,9 @@ TEST_F(Cont0ToCont1, EqualIdentityNeedsNothing)
 {
     EXPECT_EQ(carry(new_wwn, new_serialno), 0);
     EXPECT_THAT(p().calls, IsEmpty());
-    EXPECT_TRUE(last_trace_is(3, "[kestal_CONT0_to_CONT1] END cnt0_wwn=[" + new_wwn +
-                                     "] mycnt_wwn=[" + new_wwn + "] hdd0_serialno=[" + new_serialno +
-                                     "] hdd1_serialno=[" + new_serialno + "] ret=[0] "));
+    EXPECT_TRUE(last_trace_is(3, "[kestal_CONT0_to_CONT1] END cnt0_wwn=[" + new_wwn + "] mycnt_wwn=[" + new_wwn +
+                                     "] hdd0_serialno=[" + new_serialno + "] hdd1_serialno=[" + new_serialno +
+                                     "] ret=[0] "));
     const std::string longer = new_wwn + "ignored";
     EXPECT_EQ(carry(longer, new_serialno), 0) << "16 characters count";
 }
@@ -778,11 +753,10 @@ TEST_F(Cont0ToCont1, VersionThatWasNeverSetIsAFailure)
 
 TEST_F(Cont0ToCont1, EachStepCanFail)
 {
-    const std::pair<std::size_t, std::string> cases[] = {
-        {0, "update_vpdinfo_distribute_open error. sts=-1"},
-        {1, "update_vpdinfo_distribute_open error. sts=-1"},
-        {2, "update_vpdinfo_eeprom error. sts=-1"},
-        {4, "update_host_info() error. sts=-1"}};
+    const std::pair<std::size_t, std::string> cases[] = {{0, "update_vpdinfo_distribute_open error. sts=-1"},
+                                                         {1, "update_vpdinfo_distribute_open error. sts=-1"},
+                                                         {2, "update_vpdinfo_eeprom error. sts=-1"},
+                                                         {4, "update_host_info() error. sts=-1"}};
     for (const auto &[command, message] : cases) {
         prepare();
         fail_command(command);
@@ -812,8 +786,7 @@ TEST_F(Cont0ToCont1, VersionsAndNamesThatCanNotBeWritten)
         EXPECT_EQ(carry(), -1) << message;
         bool told = false;
         for (const Trace &trace : p().traces) {
-            told = told || (trace.level == 1 &&
-                            trace.text.rfind("[kestal_CONT0_to_CONT1] " + message, 0) == 0);
+            told = told || (trace.level == 1 && trace.text.rfind("[kestal_CONT0_to_CONT1] " + message, 0) == 0);
         }
         EXPECT_TRUE(told) << message;
         EXPECT_TRUE(inner_lock_is_free());
@@ -856,8 +829,7 @@ TEST_F(Cont0ToCont1, EveryCallCanFail)
         EXPECT_EQ(p().open_pipes, 0);
         bool told = result == 1;
         for (const Trace &trace : p().traces) {
-            told = told || (trace.level == 1 &&
-                            trace.text.rfind("[kestal_CONT0_to_CONT1]", 0) == 0);
+            told = told || (trace.level == 1 && trace.text.rfind("[kestal_CONT0_to_CONT1]", 0) == 0);
         }
         EXPECT_TRUE(told);
         p().fail_at = 0;

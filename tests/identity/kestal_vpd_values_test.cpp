@@ -34,13 +34,13 @@ TEST_F(Identity, WwnAndSerialNumberFromTheEeprom)
     EXPECT_EQ(kestal_get_wwn_by_eeprom(wwn), 0);
     EXPECT_STREQ(wwn, "5000000012345678#") << "the 17th byte is not written";
     EXPECT_EQ(p().traces.front().text, "[kestal_get_wwn_by_eeprom] START");
-    EXPECT_EQ(p().traces.back(), (Trace{5, "[kestal_get_wwn_by_eeprom] END wwn=[5000000012345678] "
-                                           "ret=[0]",
+    EXPECT_EQ(p().traces.back(), (Trace{5,
+                                        "[kestal_get_wwn_by_eeprom] END wwn=[5000000012345678] "
+                                        "ret=[0]",
                                         "../common/kestal_vpd_values.cpp"}));
     EXPECT_EQ(kestal_get_serialno_by_eeprom(serialno), 0);
     EXPECT_EQ(std::string(serialno, 17), std::string("SN1") + std::string(13, '\0') + "#");
-    EXPECT_EQ(p().traces.back().text,
-              "[kestal_get_serialno_by_eeprom] END serialnumber=[SN1] ret=[0]");
+    EXPECT_EQ(p().traces.back().text, "[kestal_get_serialno_by_eeprom] END serialnumber=[SN1] ret=[0]");
 }
 
 TEST_F(Identity, EepromThatFailsIsTold)
@@ -52,8 +52,7 @@ TEST_F(Identity, EepromThatFailsIsTold)
     EXPECT_TRUE(p().traced(1, "[get_cnt_num_from_cpinfo] Failed to get wwn. ret=-241"))
         << "with another function's tag";
     EXPECT_EQ(kestal_get_serialno_by_eeprom(serialno), -241);
-    EXPECT_TRUE(p().traced(
-        1, "[kestal_get_serialno_by_eeprom] Failed to get serialnumber. ret=-241"));
+    EXPECT_TRUE(p().traced(1, "[kestal_get_serialno_by_eeprom] Failed to get serialnumber. ret=-241"));
     EXPECT_EQ(kestal_get_wwn_by_eeprom(nullptr), -931);
     EXPECT_EQ(kestal_get_serialno_by_eeprom(nullptr), -931);
 }
@@ -69,8 +68,7 @@ TEST_F(Identity, ModelFromTheEeprom)
     EXPECT_EQ(p().traces.back().text, "[kestal_get_model_by_eeprom] END p_model=[NULL] ret=[0]");
     p().commands[model_command] = {"", 3 << 8};
     EXPECT_EQ(kestal_get_model_by_eeprom(model), 3);
-    EXPECT_TRUE(p().traced(1, "[kestal_get_model_by_eeprom] kestal_execute(" + model_command +
-                                  ") error. ret=3"));
+    EXPECT_TRUE(p().traced(1, "[kestal_get_model_by_eeprom] kestal_execute(" + model_command + ") error. ret=3"));
 }
 
 // ------------------------------------------------------------------------------------ VPD tool
@@ -85,8 +83,10 @@ TEST_F(Identity, VpdToolPrintsThreeLines)
     EXPECT_STREQ(wwn, "WWN");
     EXPECT_STREQ(serialno, "SERIAL");
     EXPECT_STREQ(guid, guid_text.c_str());
-    EXPECT_EQ(p().traces.back(), (Trace{3, "[kestal_get_vpn_info] END p_wwn=[WWN] p_serialno=[SERIAL] "
-                                           "p_guid=[" + guid_text + "] ret=[0]",
+    EXPECT_EQ(p().traces.back(), (Trace{3,
+                                        "[kestal_get_vpn_info] END p_wwn=[WWN] p_serialno=[SERIAL] "
+                                        "p_guid=[" +
+                                            guid_text + "] ret=[0]",
                                         "../common/kestal_vpd_values.cpp"}));
 }
 
@@ -103,8 +103,8 @@ TEST_F(Identity, NullBufferEndsTheReading)
 
 TEST_F(Identity, LongLinesStayInTheirBuffers)
 {
-    p().commands[read_command] = {std::string(60, 'w') + "\n" + std::string(60, 's') + "\n" +
-                                      std::string(60, 'g') + "\n",
+    p().commands[read_command] = {std::string(60, 'w') + "\n" + std::string(60, 's') + "\n" + std::string(60, 'g') +
+                                      "\n",
                                   0};
     EXPECT_EQ(kestal_get_vpn_info(wwn, serialno, guid), 0);
     EXPECT_EQ(wwn, std::string(16, 'w'));
@@ -115,8 +115,7 @@ TEST_F(Identity, VpdToolThatFailsIsTold)
 {
     p().commands[read_command] = {"WWN\n", 0};
     EXPECT_EQ(kestal_get_vpn_info(wwn, serialno, guid), -1) << "too few lines";
-    EXPECT_TRUE(
-        p().traced(1, "[kestal_get_vpn_info] kestal_execute(" + read_command + ") error. ret=-1"));
+    EXPECT_TRUE(p().traced(1, "[kestal_get_vpn_info] kestal_execute(" + read_command + ") error. ret=-1"));
     EXPECT_EQ(serialno[0], '#') << "as it was";
     p().commands[read_command] = {"", 7 << 8};
     EXPECT_EQ(kestal_get_vpn_info(wwn, serialno, guid), 7);
@@ -124,20 +123,18 @@ TEST_F(Identity, VpdToolThatFailsIsTold)
 
 TEST_F(Identity, VpdToolGetsWhatIsGiven)
 {
-    const std::string all =
-        "/opt/kesta_sys/sbin/env_vpdctl -w WWN -s SERIAL -g GUID > /dev/null 2>&1";
+    const std::string all = "/opt/kesta_sys/sbin/env_vpdctl -w WWN -s SERIAL -g GUID > /dev/null 2>&1";
     p().commands[all] = {"", 0};
     EXPECT_EQ(kestal_set_vpn_info("WWN", "SERIAL", "GUID"), 0);
     EXPECT_THAT(p().calls_of("popen"), ElementsAre("popen " + all));
     const std::string serial = "/opt/kesta_sys/sbin/env_vpdctl -s SERIAL > /dev/null 2>&1";
     p().commands[serial] = {"", 5 << 8};
     EXPECT_EQ(kestal_set_vpn_info(nullptr, "SERIAL", nullptr), 5);
-    EXPECT_TRUE(
-        p().traced(1, "[kestal_set_vpn_info] kestal_execute(" + serial + ") error. ret=5"));
-    EXPECT_EQ(p().traces.back(),
-              (Trace{3, "[kestal_set_vpn_info] END p_wwn=[NULL] p_serialno=[SERIAL] p_guid=[NULL] "
-                        "ret=[5]",
-                     "../common/kestal_vpd_values.cpp"}));
+    EXPECT_TRUE(p().traced(1, "[kestal_set_vpn_info] kestal_execute(" + serial + ") error. ret=5"));
+    EXPECT_EQ(p().traces.back(), (Trace{3,
+                                        "[kestal_set_vpn_info] END p_wwn=[NULL] p_serialno=[SERIAL] p_guid=[NULL] "
+                                        "ret=[5]",
+                                        "../common/kestal_vpd_values.cpp"}));
     const std::string none = "/opt/kesta_sys/sbin/env_vpdctl > /dev/null 2>&1";
     p().commands[none] = {"", 0};
     EXPECT_EQ(kestal_set_vpn_info(nullptr, nullptr, nullptr), 0);
@@ -164,8 +161,7 @@ TEST_F(Identity, FlashWwn)
     EXPECT_EQ(p().traces.back().text, "[kestal_set_flash_wwn] set Flash wwn End. ret=0");
     EXPECT_EQ(kestal_read_flash_wwn(wwn), 0);
     EXPECT_STREQ(wwn, "5000000012345678") << "its newline is left unread";
-    EXPECT_EQ(p().traces.back().text,
-              "[kestal_read_flash_wwn] Read Flash wwn End. wwn=5000000012345678");
+    EXPECT_EQ(p().traces.back().text, "[kestal_read_flash_wwn] Read Flash wwn End. wwn=5000000012345678");
     write_file("/etc/kesta_sys/wwn", "short\nmore\n");
     EXPECT_EQ(kestal_read_flash_wwn(wwn), 0);
     EXPECT_STREQ(wwn, "short\n") << "a newline within the 16 characters is kept";
@@ -202,32 +198,28 @@ TEST_F(Identity, FlashFilesThatCanNotBeReadAreTold)
     write_file("/etc/kesta_sys/wwn", "");
     write_file("/etc/cp_guid", "");
     EXPECT_EQ(kestal_read_flash_wwn(wwn), -1);
-    EXPECT_TRUE(p().traced(
-        1, "[kestal_read_flash_wwn] Flash wwn File(/etc/kesta_sys/wwn) Read Error. errno=0"));
+    EXPECT_TRUE(p().traced(1, "[kestal_read_flash_wwn] Flash wwn File(/etc/kesta_sys/wwn) Read Error. errno=0"));
     EXPECT_EQ(kestal_read_flash_guid(guid), -1);
-    EXPECT_TRUE(p().traced(
-        1, "[kestal_read_flash_guid] Flash guid File(/etc/cp_guid) Read Error. errno=0"));
+    EXPECT_TRUE(p().traced(1, "[kestal_read_flash_guid] Flash guid File(/etc/cp_guid) Read Error. errno=0"));
     p().fail_kind("fopen", 0, 1);
     p().fault_errno = 13;
     EXPECT_EQ(kestal_read_flash_wwn(wwn), -1);
-    EXPECT_TRUE(p().traced(
-        1, "[kestal_read_flash_wwn] Flash wwn File(/etc/kesta_sys/wwn) Open Error. errno=13"));
+    EXPECT_TRUE(p().traced(1, "[kestal_read_flash_wwn] Flash wwn File(/etc/kesta_sys/wwn) Open Error. errno=13"));
     run_shell("ln -sfn cp_guid /etc/cp_guid");  // leads to itself
     EXPECT_EQ(kestal_read_flash_guid(guid), -1);
-    EXPECT_TRUE(
-        p().traced(1, "[kestal_read_flash_guid] Flash guid File(/etc/cp_guid) Open Error. errno=40"));
+    EXPECT_TRUE(p().traced(1, "[kestal_read_flash_guid] Flash guid File(/etc/cp_guid) Open Error. errno=40"));
     p().fail_kind("open", 0, 1);
     EXPECT_EQ(kestal_set_flash_wwn("x"), -1);
-    EXPECT_TRUE(p().traced(
-        1, "[kestal_set_flash_wwn] Flash wwn File(/etc/kesta_sys/wwn) Open Error. errno=13"));
+    EXPECT_TRUE(p().traced(1, "[kestal_set_flash_wwn] Flash wwn File(/etc/kesta_sys/wwn) Open Error. errno=13"));
     p().fail_kind("alloc", 0, 1);
     EXPECT_EQ(kestal_set_flash_wwn("x"), -1);
     EXPECT_TRUE(p().traced(1, "[kestal_set_flash_wwn] Buffer Error."));
     p().fail_kind("write", 0, 1);
     p().fault_errno = 28;
     EXPECT_EQ(kestal_set_flash_wwn("xyz"), -1);
-    EXPECT_TRUE(p().traced(1, "[kestal_set_flash_wwn] File Write Error f_name=/etc/kesta_sys/wwn "
-                              "len=4 result=-1 errno=28"));
+    EXPECT_TRUE(p().traced(1,
+                           "[kestal_set_flash_wwn] File Write Error f_name=/etc/kesta_sys/wwn "
+                           "len=4 result=-1 errno=28"));
     run_shell("rm /etc/cp_guid");
 }
 
@@ -238,25 +230,25 @@ TEST_F(Identity, GuidFromTextToBytesAndBack)
     char bytes[16];
     EXPECT_EQ(kestal_guid_str2bin("0123ABCD-4567-89ab-cdef-0123456789AB", bytes), 0);
     EXPECT_EQ(std::string(bytes, 16), guid_bytes);
-    EXPECT_EQ(p().traces.front().text, "[kestal_guid_str2bin] START. "
-                                       "guid_str=[0123ABCD-4567-89ab-cdef-0123456789AB]");
-    EXPECT_EQ(p().traces.back(), (Trace{3, "[kestal_guid_str2bin] END. "
-                                           "guid_str=[0123ABCD-4567-89ab-cdef-0123456789AB] ret=[0]",
+    EXPECT_EQ(p().traces.front().text,
+              "[kestal_guid_str2bin] START. "
+              "guid_str=[0123ABCD-4567-89ab-cdef-0123456789AB]");
+    EXPECT_EQ(p().traces.back(), (Trace{3,
+                                        "[kestal_guid_str2bin] END. "
+                                        "guid_str=[0123ABCD-4567-89ab-cdef-0123456789AB] ret=[0]",
                                         "../common/kestal_vpd_ctrl.cpp"}));
     p().traces.clear();
     strcpy(guid, "before");
     EXPECT_EQ(kestal_guid_bin2str(bytes, guid), 0);
     EXPECT_EQ(guid, guid_text) << "in lower case";
     EXPECT_EQ(p().traces.front().text, "[kestal_guid_bin2str] START. guid_str=[before]");
-    EXPECT_EQ(p().traces.back().text,
-              "[kestal_guid_bin2str] END. guid_str=[" + guid_text + "] ret=[0]");
+    EXPECT_EQ(p().traces.back().text, "[kestal_guid_bin2str] END. guid_str=[" + guid_text + "] ret=[0]");
 }
 
 TEST_F(Identity, BufferOfAnythingIsPrintedWithinItsSize)
 {
     EXPECT_EQ(kestal_guid_bin2str(guid_bytes.data(), guid), 0);
-    EXPECT_EQ(p().traces.front().text,
-              "[kestal_guid_bin2str] START. guid_str=[" + std::string(36, '#') + "]");
+    EXPECT_EQ(p().traces.front().text, "[kestal_guid_bin2str] START. guid_str=[" + std::string(36, '#') + "]");
 }
 
 TEST_F(Identity, WhatIsNoGuidIsRefusedWithItsFirstBadPlace)
@@ -269,7 +261,9 @@ TEST_F(Identity, WhatIsNoGuidIsRefusedWithItsFirstBadPlace)
         {"0123abcd-4567-89ab-cdef00123456789ab", "guid_str format error. point=23"},
         {"g123abcd-4567-89ab-cdef-0123456789ab", "guid_str isxdigit() error. point=0"},
         {"0123abcd-4567-89ab-cdef-0123456789a-", "guid_str isxdigit() error. point=35"},
-        {"0123abcd-4567-89ab-cdef-01234567\xc3\xa9""ab", "guid_str isxdigit() error. point=32"}};
+        {"0123abcd-4567-89ab-cdef-01234567\xc3\xa9"
+         "ab",
+         "guid_str isxdigit() error. point=32"}};
     for (const auto &[text, line] : cases) {
         char bytes[16];
         memset(bytes, '#', sizeof(bytes));

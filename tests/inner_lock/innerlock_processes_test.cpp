@@ -1,7 +1,7 @@
 // The inner lock between processes: of one controller, which share a slot, and of several.
 #include <cstdlib>
-#include <set>
 #include <random>
+#include <set>
 
 #include "interleaving.h"
 #include "library_test.h"
@@ -180,8 +180,7 @@ TEST_F(InnerLockProcesses, WithoutTheRecordLockTheSameStormCatchesThemTogether)
 TEST_F(InnerLockProcesses, FourControllersNeverGetInsideTogether)
 {
     EXPECT_EQ(doubled_entries({{0, 1, 2, 3}}), 0);
-    EXPECT_EQ(doubled_entries({{0, 1, 2, 3}, RecordLock::taken_away}), 0)
-        << "the slots alone exclude controllers";
+    EXPECT_EQ(doubled_entries({{0, 1, 2, 3}, RecordLock::taken_away}), 0) << "the slots alone exclude controllers";
 }
 
 TEST_F(InnerLockProcesses, TwoProcessesOfEachOfTwoControllersNeverGetInsideTogether)
@@ -226,8 +225,8 @@ TEST_F(InnerLockProcesses, SweepIsDoneUnderTheRecordLock)
 namespace {
 
 struct StoppedPeer {
-    int transfers;   // the stopped one stands before the next transfer, or after that many
-    const char *at;  // what that is
+    int transfers;            // the stopped one stands before the next transfer, or after that many
+    const char *at;           // what that is
     std::vector<int> others;  // controllers of the others
 };
 
@@ -258,8 +257,7 @@ int pass_by(const StoppedPeer &peer, unsigned seed)
         }
         const std::size_t pick = random() % running.size();
         const int process = running[pick];
-        doubled += sections.moved(process, processes.step(process)) > 1 &&
-                   processes.standing(process) == "mark inside";
+        doubled += sections.moved(process, processes.step(process)) > 1 && processes.standing(process) == "mark inside";
         if (processes.ended(process)) {
             running.erase(running.begin() + static_cast<std::ptrdiff_t>(pick));
         }
@@ -273,8 +271,8 @@ TEST_F(InnerLockProcesses, PeerStoppedInItsAttemptIsPassedByAndGoesOnWithoutHarm
 {
     // A claim that was left is cleared by its controller only: two controllers that do so together are
     // another story.
-    for (const StoppedPeer &peer : {StoppedPeer{0, "nv_read 600 64", {0, 0, 1}},
-                                    StoppedPeer{2, "nv_read 600 64", {0, 0, 0}}}) {
+    for (const StoppedPeer &peer :
+         {StoppedPeer{0, "nv_read 600 64", {0, 0, 1}}, StoppedPeer{2, "nv_read 600 64", {0, 0, 0}}}) {
         for (int seed = 1; seed <= schedules() / 3; ++seed) {
             ASSERT_EQ(pass_by(peer, static_cast<unsigned>(seed)), 0)
                 << "after " << peer.transfers << " transfers, seed " << seed;
@@ -328,9 +326,9 @@ TEST_F(InnerLockProcesses, TwoControllersThatClearOneDeadSlotCanLetTwoInside)
     processes.kill_process(dead);
     const int heir = processes.start(0, [] { cycles(1, RecordLock::kept); });
     const int other = processes.start(1, [] { cycles(1, RecordLock::kept); });
-    processes.run_until(heir, "nv_write 600 16");   // both are about to clear the dead slot
+    processes.run_until(heir, "nv_write 600 16");  // both are about to clear the dead slot
     processes.run_until(other, "nv_write 600 16");
-    processes.run_until(heir, "mark inside");       // cleared, claimed, and inside
-    processes.run_until(other, "mark inside");      // its clearing hit the heir's claim
+    processes.run_until(heir, "mark inside");   // cleared, claimed, and inside
+    processes.run_until(other, "mark inside");  // its clearing hit the heir's claim
     EXPECT_EQ(processes.standing(heir), "mark inside") << "both are inside";
 }

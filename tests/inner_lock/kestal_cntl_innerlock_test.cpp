@@ -67,8 +67,7 @@ TEST_F(InnerLock, FreeSlotsTakeOneAttemptAndOneWrite)
     EXPECT_EQ(p().int_at(nv_slot(0)), 1);
     EXPECT_EQ(p().int_at(nv_slot(0) + 4), 0);
     EXPECT_EQ(token(0), 3457);
-    EXPECT_EQ(p().traces.front().text,
-              "[kestal_cntl_innerlock] InnerLock Control Start.(cntno=0/mycntno=0)");
+    EXPECT_EQ(p().traces.front().text, "[kestal_cntl_innerlock] InnerLock Control Start.(cntno=0/mycntno=0)");
     EXPECT_EQ(p().traces.back(), (Trace{5, "[kestal_cntl_innerlock] InnerLock Control Success End.",
                                         "../common/kestal_cntl_innerlock.cpp"}));
     EXPECT_THAT(p().texts(1), IsEmpty());
@@ -91,15 +90,15 @@ TEST_F(InnerLock, BadNumberDoesNotTouchNv)
 {
     for (const int number : {4, -1, 100}) {
         EXPECT_EQ(kestal_cntl_innerlock(number), -931);
-        EXPECT_TRUE(p().traced(1, "[kestal_cntl_innerlock] InnerLock Control Error.(cntno=" +
-                                      std::to_string(number) + ")"));
+        EXPECT_TRUE(
+            p().traced(1, "[kestal_cntl_innerlock] InnerLock Control Error.(cntno=" + std::to_string(number) + ")"));
         EXPECT_EQ(kestal_reset_mycnt_innerlock_main(number, 0), -931);
         EXPECT_EQ(kestal_reset_mycnt_innerlock_main(number, 1), -931);
         EXPECT_TRUE(p().traced(1, "[kestal_reset_mycnt_innerlock] InnerLock Reset Error.(cntno=" +
                                       std::to_string(number) + ")"));
         EXPECT_EQ(kestal_lockcheck_innerlock(number, nullptr, nullptr, nullptr), -931);
-        EXPECT_TRUE(p().traced(1, "[lockcheck_innerlock] InnerLock Look Error(cntno=" +
-                                      std::to_string(number) + ") ."));
+        EXPECT_TRUE(
+            p().traced(1, "[lockcheck_innerlock] InnerLock Look Error(cntno=" + std::to_string(number) + ") ."));
     }
     EXPECT_THAT(p().calls, IsEmpty());
 }
@@ -108,11 +107,9 @@ TEST_F(InnerLock, UnknownOwnNumberFails)
 {
     controller_state.own_number = -1;
     EXPECT_EQ(kestal_cntl_innerlock(0), -1);
-    EXPECT_TRUE(
-        p().traced(1, "[kestal_cntl_innerlock] Get Block ID(ID TYPE=INNERLOCK) Error. rtn=-931"));
+    EXPECT_TRUE(p().traced(1, "[kestal_cntl_innerlock] Get Block ID(ID TYPE=INNERLOCK) Error. rtn=-931"));
     EXPECT_EQ(kestal_reset_mycnt_innerlock_main(0, 0), -1);
-    EXPECT_TRUE(p().traced(
-        1, "[kestal_reset_mycnt_innerlock] Get Block ID(ID TYPE=INNERLOCK) Error. rtn=-931"));
+    EXPECT_TRUE(p().traced(1, "[kestal_reset_mycnt_innerlock] Get Block ID(ID TYPE=INNERLOCK) Error. rtn=-931"));
     EXPECT_THAT(p().calls, IsEmpty());
     EXPECT_EQ(kestal_reset_mycnt_innerlock_main(2, 1), 0) << "a given slot needs no own number";
 }
@@ -142,14 +139,11 @@ TEST_F(InnerLock, WaitsForAHolderThatReleases)
         };
         EXPECT_EQ(kestal_cntl_innerlock(own), 0);
         EXPECT_THAT(p().texts(4),
-                    ElementsAre("[lockcheck_innerlock] InnerLock Look Error. LockedNo=" +
-                                    std::to_string((own + 1) % 4),
+                    ElementsAre("[lockcheck_innerlock] InnerLock Look Error. LockedNo=" + std::to_string((own + 1) % 4),
                                 "[kestal_cntl_innerlock] lock retry...(0)",
-                                "[lockcheck_innerlock] InnerLock Look Error. LockedNo=" +
-                                    std::to_string((own + 1) % 4),
+                                "[lockcheck_innerlock] InnerLock Look Error. LockedNo=" + std::to_string((own + 1) % 4),
                                 "[kestal_cntl_innerlock] lock retry...(1)",
-                                "[lockcheck_innerlock] InnerLock Look Error. LockedNo=" +
-                                    std::to_string((own + 1) % 4),
+                                "[lockcheck_innerlock] InnerLock Look Error. LockedNo=" + std::to_string((own + 1) % 4),
                                 "[kestal_cntl_innerlock] lock retry...(2)"));
         const std::string back_off = "usleep " + std::to_string(100000 + 10000 * own);
         EXPECT_THAT(p().calls_of("usleep"), ElementsAre(back_off, back_off, back_off));
@@ -177,11 +171,9 @@ TEST_F(InnerLock, SlotThatKeepsItsTokenIsClearedAfterMoreThanThirtySeconds)
         const std::int64_t start = p().clock_us / second_us;
         EXPECT_EQ(kestal_cntl_innerlock(0), 0);
         EXPECT_THAT(p().texts(2),
-                    ElementsAre("[kestal_cntl_innerlock] InnerLock Irrigal Unlocked(" +
-                                std::to_string(dead) + ")"));
-        EXPECT_TRUE(p().traced(3, "[compare_innerlock_timeout] inner_lock timeout (cntno:" +
-                                      std::to_string(dead) + ") (current_clock:" +
-                                      std::to_string(start + 31) +
+                    ElementsAre("[kestal_cntl_innerlock] InnerLock Irrigal Unlocked(" + std::to_string(dead) + ")"));
+        EXPECT_TRUE(p().traced(3, "[compare_innerlock_timeout] inner_lock timeout (cntno:" + std::to_string(dead) +
+                                      ") (current_clock:" + std::to_string(start + 31) +
                                       ", clock:" + std::to_string(start) + ")"));
         // 310 back-offs of 100 ms: not one attempt earlier, and the next attempt acquires.
         EXPECT_EQ(p().calls_of("usleep").size(), 311u);
@@ -238,17 +230,16 @@ TEST_F(InnerLock, ThousandAttemptsGiveUp)
     });
     EXPECT_EQ(kestal_cntl_innerlock(0), -172);
     EXPECT_EQ(p().calls_of("usleep").size(), 1000u);
-    EXPECT_THAT(p().texts(3),
-                ElementsAre("[kestal_cntl_innerlock] [10/1000] InnerLock NG",
-                            "[kestal_cntl_innerlock] [110/1000] InnerLock NG",
-                            "[kestal_cntl_innerlock] [210/1000] InnerLock NG",
-                            "[kestal_cntl_innerlock] [310/1000] InnerLock NG",
-                            "[kestal_cntl_innerlock] [410/1000] InnerLock NG",
-                            "[kestal_cntl_innerlock] [510/1000] InnerLock NG",
-                            "[kestal_cntl_innerlock] [610/1000] InnerLock NG",
-                            "[kestal_cntl_innerlock] [710/1000] InnerLock NG",
-                            "[kestal_cntl_innerlock] [810/1000] InnerLock NG",
-                            "[kestal_cntl_innerlock] [910/1000] InnerLock NG"));
+    EXPECT_THAT(p().texts(3), ElementsAre("[kestal_cntl_innerlock] [10/1000] InnerLock NG",
+                                          "[kestal_cntl_innerlock] [110/1000] InnerLock NG",
+                                          "[kestal_cntl_innerlock] [210/1000] InnerLock NG",
+                                          "[kestal_cntl_innerlock] [310/1000] InnerLock NG",
+                                          "[kestal_cntl_innerlock] [410/1000] InnerLock NG",
+                                          "[kestal_cntl_innerlock] [510/1000] InnerLock NG",
+                                          "[kestal_cntl_innerlock] [610/1000] InnerLock NG",
+                                          "[kestal_cntl_innerlock] [710/1000] InnerLock NG",
+                                          "[kestal_cntl_innerlock] [810/1000] InnerLock NG",
+                                          "[kestal_cntl_innerlock] [910/1000] InnerLock NG"));
     EXPECT_THAT(p().texts(1), ElementsAre("[kestal_cntl_innerlock] InnerLock  ERROR"));
     EXPECT_TRUE(p().traced(4, "[kestal_cntl_innerlock] lock retry...(999)"));
     // The mutex is free again: the next call doesn't hang.
@@ -265,12 +256,10 @@ TEST_F(InnerLock, CollisionWithdrawsTheClaim)
         clear(1);
     });
     EXPECT_EQ(kestal_cntl_innerlock(0), 0);
-    EXPECT_TRUE(p().traced(
-        3, "[kestal_cntl_innerlock] InnerLock Control Check Error.(rtn=-173, rtnstatus=0)"));
+    EXPECT_TRUE(p().traced(3, "[kestal_cntl_innerlock] InnerLock Control Check Error.(rtn=-173, rtnstatus=0)"));
     EXPECT_TRUE(p().traced(5, "[kestal_cntl_innerlock] InnerLock Reset"));
-    EXPECT_THAT(p().calls, ElementsAre("nv_read 600 64", "nv_write 600 16", "nv_read 600 64",
-                                       "nv_write 600 16", "usleep 100000", "nv_read 600 64",
-                                       "nv_write 600 16", "nv_read 600 64"));
+    EXPECT_THAT(p().calls, ElementsAre("nv_read 600 64", "nv_write 600 16", "nv_read 600 64", "nv_write 600 16",
+                                       "usleep 100000", "nv_read 600 64", "nv_write 600 16", "nv_read 600 64"));
 }
 
 TEST_F(InnerLock, ClaimLostToAnotherTokenIsLeftToItsNewOwner)
@@ -281,8 +270,7 @@ TEST_F(InnerLock, ClaimLostToAnotherTokenIsLeftToItsNewOwner)
         clear(0);
     });
     EXPECT_EQ(kestal_cntl_innerlock(0), 0);
-    EXPECT_TRUE(p().traced(
-        3, "[kestal_cntl_innerlock] InnerLock Control Check Error.(rtn=-173, rtnstatus=1)"));
+    EXPECT_TRUE(p().traced(3, "[kestal_cntl_innerlock] InnerLock Control Check Error.(rtn=-173, rtnstatus=1)"));
     EXPECT_EQ(p().count("InnerLock Reset"), 0);
 }
 
@@ -315,8 +303,7 @@ TEST_F(InnerLock, FailedRecheckRetriesAndLeavesTheClaimToTheSweep)
 {
     p().fail_kind("nv_read", 1, 5);
     EXPECT_EQ(kestal_cntl_innerlock(0), 0);
-    EXPECT_TRUE(p().traced(
-        3, "[kestal_cntl_innerlock] InnerLock Control Check Error.(rtn=-171, rtnstatus=0)"));
+    EXPECT_TRUE(p().traced(3, "[kestal_cntl_innerlock] InnerLock Control Check Error.(rtn=-171, rtnstatus=0)"));
     EXPECT_EQ(p().count("[kestal_cntl_innerlock] InnerLock Reset"), 0) << "not withdrawn";
     EXPECT_TRUE(p().traced(2, "[kestal_cntl_innerlock] InnerLock Irrigal Unlocked(0)"));
 }
@@ -362,8 +349,7 @@ TEST_F(InnerLock, ReleaseClearsOneSlotWhoeverHoldsIt)
     EXPECT_EQ(p().int_at(nv_slot(2)), 1);
     EXPECT_EQ(kestal_reset_mycnt_innerlock_main(2, 1), 0);
     EXPECT_TRUE(inner_lock_is_free());
-    EXPECT_THAT(p().texts(5),
-                Contains("[kestal_reset_mycnt_innerlock] InnerLock Reset Start.(cntno=2)"));
+    EXPECT_THAT(p().texts(5), Contains("[kestal_reset_mycnt_innerlock] InnerLock Reset Start.(cntno=2)"));
     EXPECT_THAT(p().texts(5), Contains("[kestal_reset_mycnt_innerlock] InnerLock Reset End."));
 }
 
@@ -434,8 +420,7 @@ TEST_F(InnerLock, StaleMeansMoreThanThirtyWholeSeconds)
     EXPECT_EQ(kestal_compare_innerlock_timeout(1, 7, seen), 0);
     EXPECT_EQ(seen[1].value, 7);
     EXPECT_EQ(seen[1].clock, 100);
-    EXPECT_TRUE(
-        p().traced(5, "[compare_innerlock_timeout] inner_lock(cnt1) set value = 7, clock= 100"));
+    EXPECT_TRUE(p().traced(5, "[compare_innerlock_timeout] inner_lock(cnt1) set value = 7, clock= 100"));
     p().clock_us = 130 * second_us + 999'999;
     EXPECT_EQ(kestal_compare_innerlock_timeout(1, 7, seen), 0);
     EXPECT_TRUE(p().traced(5, "[compare_innerlock_timeout] same inner_lock value = 7"));
@@ -543,11 +528,10 @@ TEST_F(InnerLock, BusyRecordLockIsAnAttemptThatLooksAndWritesNothing)
         }
     });
     EXPECT_EQ(kestal_cntl_innerlock(0), 0);
-    EXPECT_THAT(p().texts(4), ElementsAre("[kestal_cntl_innerlock] lock retry...(0)",
-                                          "[kestal_cntl_innerlock] lock retry...(1)"));
+    EXPECT_THAT(p().texts(4),
+                ElementsAre("[kestal_cntl_innerlock] lock retry...(0)", "[kestal_cntl_innerlock] lock retry...(1)"));
     EXPECT_THAT(p().calls_of("nv_"),
-                ElementsAre("nv_read 600 64", "nv_read 600 64", "nv_read 600 64",
-                            "nv_write 600 16", "nv_read 600 64"));
+                ElementsAre("nv_read 600 64", "nv_read 600 64", "nv_read 600 64", "nv_write 600 16", "nv_read 600 64"));
 }
 
 TEST_F(InnerLock, FailedLookEndsTheCallWhileTheRecordLockIsBusyToo)
@@ -581,8 +565,7 @@ TEST_F(InnerLock, DeadSlotsAreObservedWhileTheRecordLockIsBusy)
         RecordHolder stopped;
         EXPECT_EQ(kestal_cntl_innerlock(0), 0);
         EXPECT_THAT(p().texts(2),
-                    ElementsAre("[kestal_cntl_innerlock] InnerLock Irrigal Unlocked(" +
-                                std::to_string(dead) + ")"));
+                    ElementsAre("[kestal_cntl_innerlock] InnerLock Irrigal Unlocked(" + std::to_string(dead) + ")"));
         EXPECT_EQ(p().calls_of("usleep").size(), 311u) << "both ran in the same 30 seconds";
     }
 }
@@ -618,8 +601,8 @@ TEST_F(InnerLock, WhoeverWasStoppedAfterALookWritesNothingAndLooksAnew)
         EXPECT_TRUE(p().traced(4, "[kestal_cntl_innerlock] lock retry...(0)"));
         EXPECT_EQ(p().count("Control Check Error"), 0);
         if (stop_at == 1) {
-            EXPECT_THAT(p().calls, ElementsAre("nv_read 600 64", "usleep 100000", "nv_read 600 64",
-                                               "nv_write 600 16", "nv_read 600 64"));
+            EXPECT_THAT(p().calls, ElementsAre("nv_read 600 64", "usleep 100000", "nv_read 600 64", "nv_write 600 16",
+                                               "nv_read 600 64"));
             EXPECT_EQ(token(0), 1'000'031 % 10000 + 1) << "a token that nobody has seen before";
         } else {
             EXPECT_EQ(p().calls_of("nv_write").size(), 3u) << "the sweep cleared the claim";
@@ -707,15 +690,14 @@ TEST_F(InnerLock, RecordFileDoesNotFollowALinkAndIsPrivate)
 
 TEST_F(InnerLock, EveryFaultLeavesTheMutexFreeAndHasItsOwnCode)
 {
-    sweep_faults(
-        [&] { reset(); }, [] { return kestal_cntl_innerlock(0); },
-        [&](int result, bool met) {
-            if (!met) {
-                EXPECT_EQ(result, 0);
-            } else {
-                EXPECT_TRUE(result == 0 || result == -1 || result == -172) << result;
-            }
-            reset();
-            EXPECT_EQ(kestal_cntl_innerlock(0), 0) << "the mutex is free";
-        });
+    sweep_faults([&] { reset(); }, [] { return kestal_cntl_innerlock(0); },
+                 [&](int result, bool met) {
+                     if (!met) {
+                         EXPECT_EQ(result, 0);
+                     } else {
+                         EXPECT_TRUE(result == 0 || result == -1 || result == -172) << result;
+                     }
+                     reset();
+                     EXPECT_EQ(kestal_cntl_innerlock(0), 0) << "the mutex is free";
+                 });
 }

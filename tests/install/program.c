@@ -11,8 +11,8 @@ int main(void)
     KESTA_VOLATILE image;
 
     memset(&image, 0, sizeof(image));
-    if (sizeof(image) != 664 || kestal_get_block_id(KESTA_IDTYPE_VERSION, 2, &block) != KESTA_OK ||
-        block != 63 || kestal_get_block_id(KESTA_IDTYPE_VERSION, 4, &block) != KESTA_ERR_ARGUMENT) {
+    if (sizeof(image) != 664 || kestal_get_block_id(KESTA_IDTYPE_VERSION, 2, &block) != KESTA_OK || block != 63 ||
+        kestal_get_block_id(KESTA_IDTYPE_VERSION, 4, &block) != KESTA_ERR_ARGUMENT) {
         return 1;
     }
     kestal_strcat(&text, &capacity, "%s %d", "block", block);

@@ -95,7 +95,8 @@ TEST_F(KestactlGenerations, SaveKeepsTheLastOneWithItsVersionAndGroup)
     EXPECT_EQ(noted.at("saved").at("verb"), "save");
     EXPECT_EQ(noted.at("kept").at("comment"), "second try");
     EXPECT_EQ(on(0, "stat -c '%a' " + generations + " && stat -c '%a %h' " + generations + "/*.tar.Z").out,
-              "700\n644 1\n") << "it is the file that flash had";
+              "700\n644 1\n")
+        << "it is the file that flash had";
     EXPECT_EQ(ctl(0, "verify").code, 0);
 }
 
@@ -161,11 +162,14 @@ TEST_F(KestactlGenerations, FullDiskDropsTheOldestFirstAndThenRefuses)
 {
     // Files that don't shrink when they are packed: 100 kB each, and the disk has room for four.
     const std::string save = "head -c 100000 /dev/urandom > /etc/app/one; kestactl save network";
-    const Ran full = on(0, "mount -t tmpfs -o size=480k tmpfs /opt/kesta_sys/bakup; cd /opt/kesta_sys/bakup; "
-                           "for i in 1 2 3 4 5 6; do " + save + " || exit 1; done; ls generations/*.tar.Z | wc -l; "
-                           "kestactl restore network --switch-only || exit 1; "
-                           "rm generations/*; head -c 370000 /dev/urandom > filler; sha256sum backup.tar.Z > sum; " +
-                               save + "; echo exit $?; sha256sum -c sum");
+    const Ran full = on(0,
+                        "mount -t tmpfs -o size=480k tmpfs /opt/kesta_sys/bakup; cd /opt/kesta_sys/bakup; "
+                        "for i in 1 2 3 4 5 6; do " +
+                            save +
+                            " || exit 1; done; ls generations/*.tar.Z | wc -l; "
+                            "kestactl restore network --switch-only || exit 1; "
+                            "rm generations/*; head -c 370000 /dev/urandom > filler; sha256sum backup.tar.Z > sum; " +
+                            save + "; echo exit $?; sha256sum -c sum");
     EXPECT_THAT(full.out, AllOf(HasSubstr("The disk is full: the oldest generations were dropped.\n"),
                                 HasSubstr("Dropped generation "), HasSubstr("(network, version 7).\n"),
                                 HasSubstr("exit 4\n"), HasSubstr("backup.tar.Z: OK")))

@@ -123,9 +123,10 @@ TEST_F(HostileArchive, NamesOfTheRestoreItselfAreRefused)
 
 TEST_F(HostileArchive, LaterMemberOfANameCountsWithItsSecondNames)
 {
-    plant("add('etc/app/one'); folder('etc/app/more'); add('etc/app/more/two', text=b'first'); "
-          "second('etc/app/more/three', 'etc/app/more/two'); second('etc/app/more/four', 'etc/app/more/three'); "
-          "add('etc/app/more/two', text=b'second')");
+    plant(
+        "add('etc/app/one'); folder('etc/app/more'); add('etc/app/more/two', text=b'first'); "
+        "second('etc/app/more/three', 'etc/app/more/two'); second('etc/app/more/four', 'etc/app/more/three'); "
+        "add('etc/app/more/two', text=b'second')");
     ASSERT_EQ(ctl(0, "restore network").code, 0);
     EXPECT_EQ(on(0, "cd /etc/app/more; cat two; echo; cat three; echo; cat four; stat -c %h two three four").out,
               "second\nfirst\nfirst1\n2\n2\n");
@@ -147,17 +148,19 @@ TEST_F(HostileArchive, TwoEnvironmentsInARowStayInTheirGroups)
 
 TEST_F(HostileArchive, FilesWithHolesAreRestoredWhole)
 {
-    succeed("mkdir -p /opt/sparse/etc/app/more && cd /opt/sparse && cp /etc/app/one etc/app && "
-            "truncate -s 300000 etc/app/more/empty && truncate -s 300000 etc/app/more/end && "
-            "echo begin | dd conv=notrunc status=none of=etc/app/more/end && "
-            "echo middle | dd conv=notrunc status=none seek=400 of=etc/app/more/middle && truncate -s 400000 etc/app/more/middle");
-    for (const std::string format : {"gnu", "posix --sparse-version=0.0", "posix --sparse-version=0.1",
-                                     "posix --sparse-version=1.0"}) {
+    succeed(
+        "mkdir -p /opt/sparse/etc/app/more && cd /opt/sparse && cp /etc/app/one etc/app && "
+        "truncate -s 300000 etc/app/more/empty && truncate -s 300000 etc/app/more/end && "
+        "echo begin | dd conv=notrunc status=none of=etc/app/more/end && "
+        "echo middle | dd conv=notrunc status=none seek=400 of=etc/app/more/middle && truncate -s 400000 etc/app/more/middle");
+    for (const std::string format :
+         {"gnu", "posix --sparse-version=0.0", "posix --sparse-version=0.1", "posix --sparse-version=1.0"}) {
         succeed("cd /opt/sparse && tar -S --format=" + format + " -cjf " + flash_backup +
                 " etc && kestactl copy cntbackup2backup --force && rm -rf /etc/app/more");
         const Ran restored = ctl(0, "restore network");
         ASSERT_EQ(restored.code, 0) << format << restored.err;
-        EXPECT_EQ(on(0, "cd /opt/sparse/etc/app/more && for f in *; do cmp $f /etc/app/more/$f || exit 1; done").code, 0)
+        EXPECT_EQ(on(0, "cd /opt/sparse/etc/app/more && for f in *; do cmp $f /etc/app/more/$f || exit 1; done").code,
+                  0)
             << format;
         EXPECT_EQ(ctl(0, "--json restore network").json().at("result").at("replaced"), json::array()) << format;
         succeed("echo x | dd conv=notrunc status=none seek=300 of=/etc/app/more/empty");
@@ -182,9 +185,10 @@ TEST_F(ArchiveBomb, HolesOfATebibyteAreRefusedAndWhatComesLastIsDone)
     define("", two_paths,
            script_line("pre-script", "cp /opt/plant.tar.bz2 " + flash_backup + "; " + note("stopped"), 1) +
                script_line("post-script", note("started"), 1));
-    succeed("mkdir -p /opt/big/etc/app/more && cd /opt/big && cp /etc/app/one etc/app && "
-            "truncate -s 1T etc/app/more/two && tar -S -cjf " + flash_backup +
-            " etc; rm -r /opt/big; kestactl copy cntbackup2backup --force");
+    succeed(
+        "mkdir -p /opt/big/etc/app/more && cd /opt/big && cp /etc/app/one etc/app && "
+        "truncate -s 1T etc/app/more/two && tar -S -cjf " +
+        flash_backup + " etc; rm -r /opt/big; kestactl copy cntbackup2backup --force");
     const Ran refused = ctl(0, "restore network");
     expect_refusal(refused, 1, "holds more than 4294967296 bytes");
     EXPECT_THAT(refused.err, HasSubstr("raise archive_bytes in /etc/kesta/archives.conf"));
@@ -211,9 +215,10 @@ TEST_F(ArchiveBomb, LimitsAreSettings)
 
 TEST_F(ArchiveBomb, WhatIsPackedTooWellIsRefusedEarly)
 {
-    succeed("mkdir -p /opt/big/etc/app/more && cd /opt/big && cp /etc/app/one etc/app && "
-            "truncate -s 100M etc/app/more/two && tar -cjf " + flash_backup +
-            " etc; rm -r /opt/big; kestactl copy cntbackup2backup --force");
+    succeed(
+        "mkdir -p /opt/big/etc/app/more && cd /opt/big && cp /etc/app/one etc/app && "
+        "truncate -s 100M etc/app/more/two && tar -cjf " +
+        flash_backup + " etc; rm -r /opt/big; kestactl copy cntbackup2backup --force");
     expect_refusal(ctl(0, "restore network --dry-run"), 1, "1000 times its own size");
     limit("archive_ratio = 10000000");
     EXPECT_EQ(ctl(0, "restore network").code, 0);
@@ -223,15 +228,17 @@ TEST_F(ArchiveBomb, WhatIsPackedTooWellIsRefusedEarly)
 TEST_F(ArchiveBomb, LongHeadersAreNotReadIntoMemory)
 {
     for (const char *kind : {"x", "g", "L", "K"}) {
-        plant("info = tarfile.TarInfo('././@PaxHeader'); info.type = b'" + std::string(kind) + "'; info.size = 1 << 30\n"
+        plant("info = tarfile.TarInfo('././@PaxHeader'); info.type = b'" + std::string(kind) +
+              "'; info.size = 1 << 30\n"
               "data = bz2.compress(info.tobuf(tarfile.USTAR_FORMAT)) + 16 * bz2.compress(bytes(1 << 26), 1)\n"
               "open('/opt/long.tar.bz2', 'wb').write(data)\n"
               "add('etc/app/one')");
         succeed("cp /opt/long.tar.bz2 " + flash_backup + " && kestactl copy cntbackup2backup --force");
         const Ran refused =
-            on(0, "python3 -c 'import resource, subprocess, sys; run = subprocess.run([\"kestactl\", \"restore\", "
-                  "\"network\"]); print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss); "
-                  "sys.exit(run.returncode)'");
+            on(0,
+               "python3 -c 'import resource, subprocess, sys; run = subprocess.run([\"kestactl\", \"restore\", "
+               "\"network\"]); print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss); "
+               "sys.exit(run.returncode)'");
         expect_refusal(refused, 1, "is damaged");
         EXPECT_LT(std::stoi(refused.out), 200000) << "kibibytes";
     }
@@ -240,15 +247,17 @@ TEST_F(ArchiveBomb, LongHeadersAreNotReadIntoMemory)
 TEST_F(ArchiveBomb, SignalEndsTheReading)
 {
     limit("archive_bytes = 1000000000000\narchive_ratio = 100000000000");
-    succeed("cd /opt && python3 -c \"import tarfile; i = tarfile.TarInfo('etc/app/one'); i.size = 30 << 30; "
-            "open('/opt/head', 'wb').write(i.tobuf(tarfile.GNU_FORMAT))\" && "
-            "(cat /opt/head; head -c 90000000 /dev/zero) | bzip2 -1 > /opt/head.bz2 && head -c 90000000 /dev/zero | bzip2 -1 > /opt/zeros.bz2 && "
-            "(cat /opt/head.bz2; for i in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20; do cat /opt/zeros.bz2; done) > " + flash_backup +
-            " && kestactl copy cntbackup2backup --force");
+    succeed(
+        "cd /opt && python3 -c \"import tarfile; i = tarfile.TarInfo('etc/app/one'); i.size = 30 << 30; "
+        "open('/opt/head', 'wb').write(i.tobuf(tarfile.GNU_FORMAT))\" && "
+        "(cat /opt/head; head -c 90000000 /dev/zero) | bzip2 -1 > /opt/head.bz2 && head -c 90000000 /dev/zero | bzip2 -1 > /opt/zeros.bz2 && "
+        "(cat /opt/head.bz2; for i in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20; do cat /opt/zeros.bz2; done) > " +
+        flash_backup + " && kestactl copy cntbackup2backup --force");
     // The signal comes as soon as the command holds it back to look at it by itself.
-    const Ran stopped = on(0, "kestactl restore network --dry-run & p=$!; "
-                              "until awk '/^SigBlk/ { exit $2 == \"0000000000000000\" }' /proc/$p/status || "
-                              "! kill -0 $p; do :; done; kill -TERM $p; wait $p; echo $?");
+    const Ran stopped = on(0,
+                           "kestactl restore network --dry-run & p=$!; "
+                           "until awk '/^SigBlk/ { exit $2 == \"0000000000000000\" }' /proc/$p/status || "
+                           "! kill -0 $p; do :; done; kill -TERM $p; wait $p; echo $?");
     EXPECT_EQ(stopped.out, "143\n") << "ended by itself, not killed";
     EXPECT_THAT(stopped.err, HasSubstr("Interrupted"));
 }

@@ -10,14 +10,14 @@ using nlohmann::json;
 namespace {
 
 // The calls of the platform's libraries by which the commands see and change what is shared.
-const std::vector<std::string> platform_calls{"nv_read", "nv_write", "nv_write_mid", "sb_open",
-                                              "sb_read", "sb_size",  "sb_write",     "sb_write_size",
-                                              "sb_close"};
+const std::vector<std::string> platform_calls{"nv_read", "nv_write", "nv_write_mid",  "sb_open", "sb_read",
+                                              "sb_size", "sb_write", "sb_write_size", "sb_close"};
 // The system calls that change a file.
-const std::vector<std::string> changing_calls{"write",  "pwrite64", "sendfile", "copy_file_range", "ftruncate",
-                                              "fsync",  "syncfs",   "rename",   "unlink",   "mkdir",           "symlink",
-                                              "link",   "chmod",    "fchmod",   "fchownat",        "utimensat",
-                                              "linkat", "renameat", "unlinkat", "mkdirat",         "symlinkat"};
+const std::vector<std::string> changing_calls{"write",     "pwrite64", "sendfile", "copy_file_range", "ftruncate",
+                                              "fsync",     "syncfs",   "rename",   "unlink",          "mkdir",
+                                              "symlink",   "link",     "chmod",    "fchmod",          "fchownat",
+                                              "utimensat", "linkat",   "renameat", "unlinkat",        "mkdirat",
+                                              "symlinkat"};
 
 struct Killed {
     const char *name;
@@ -90,8 +90,7 @@ protected:
         EXPECT_EQ(verified.code, 0) << where << verified.out;
         EXPECT_EQ(on(0, "find /opt/kesta_sys /etc -name '.*new' -o -name '*.new' -o -name .restore").out, "");
         EXPECT_EQ(read_file(host_path(0, "etc/app/one")), mark_) << where;
-        const std::string archive =
-            std::string(GetParam().command) == "accept" ? flash_accept : flash_backup;
+        const std::string archive = std::string(GetParam().command) == "accept" ? flash_accept : flash_backup;
         EXPECT_EQ(on(0, "tar -xjOf " + archive + " etc/app/one").out, mark_) << where;
     }
     // Each place has what it had, or the new one whole; and whoever asks is told.
@@ -116,8 +115,8 @@ protected:
             const bool in_order = subject.at("state") == "agree" || subject.at("state") == "absent";
             named += in_order ? "" : subject.at("subject").get<std::string>() + "; ";
         }
-        const bool differ = now.at("flash backup") != now.at("backup slot") ||
-                            now.at("flash accept") != now.at("accept slot");
+        const bool differ =
+            now.at("flash backup") != now.at("backup slot") || now.at("flash accept") != now.at("accept slot");
         EXPECT_TRUE(!differ || !good) << where << " is said to be in order";
         if (named.find("locks") != std::string::npos) {
             EXPECT_EQ(quickly("kestactl lock release --force").code, 0) << where;
@@ -167,8 +166,8 @@ TEST_P(KilledCommand, AtEachCallOfThePlatform)
             const std::string where = call + " " + std::to_string(n);
             make_work(where);
             write_file(host_path(0, "opt/faults"), where + " once kill\n");
-            if (quickly("KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl " + std::string(GetParam().command))
-                    .code == 0) {
+            if (quickly("KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl " + std::string(GetParam().command)).code ==
+                0) {
                 break;  // it makes no more of them
             }
             ++kills;
@@ -189,8 +188,7 @@ TEST_P(KilledCommand, AtEachSystemCallThatChangesAFile)
             const std::string where = call + " " + std::to_string(n);
             make_work(where);
             const Ran killed = on(0, "strace -qq -o /dev/null -e trace=" + call + " -e inject=" + call +
-                                         ":signal=KILL:when=" + std::to_string(n) + " kestactl " +
-                                         GetParam().command);
+                                         ":signal=KILL:when=" + std::to_string(n) + " kestactl " + GetParam().command);
             if (killed.code == 0) {
                 break;
             }

@@ -81,8 +81,7 @@ TEST_F(KestactlLock, OldLockMayBeDead)
 {
     const std::string identifier = take(1);
     // The slot as a holder of long ago left it.
-    std::fstream image(dir / "shared/nv/region2.img",
-                       std::ios::in | std::ios::out | std::ios::binary);
+    std::fstream image(dir / "shared/nv/region2.img", std::ios::in | std::ios::out | std::ios::binary);
     image.seekp(200 + 24 + 8);
     const std::int64_t old[2] = {1000, 1600};
     image.write(reinterpret_cast<const char *>(old), sizeof(old));
@@ -153,8 +152,7 @@ TEST_F(KestactlLock, CommandRunsUnderTheLockAndItsExitCodeComesThrough)
 TEST_F(KestactlLock, SignalsReachTheCommandAndTheLockIsReleased)
 {
     for (const std::string signal : {"TERM", "INT", "HUP"}) {
-        const Ran ran = on(0, "kestactl lock take -- sh -c 'kill -" + signal +
-                                  " $PPID; while :; do sleep 1; done'");
+        const Ran ran = on(0, "kestactl lock take -- sh -c 'kill -" + signal + " $PPID; while :; do sleep 1; done'");
         EXPECT_EQ(ran.code, 128 + (signal == "TERM"  ? SIGTERM
                                    : signal == "INT" ? SIGINT
                                                      : SIGHUP))
@@ -165,12 +163,10 @@ TEST_F(KestactlLock, SignalsReachTheCommandAndTheLockIsReleased)
 
 TEST_F(KestactlLock, EverySignalThatEndsAProgramLetsTheLockGo)
 {
-    std::vector<int> signals{SIGHUP,  SIGINT,  SIGQUIT, SIGPIPE,   SIGALRM, SIGTERM, SIGUSR1,
-                             SIGUSR2, SIGXCPU, SIGXFSZ, SIGVTALRM, SIGPROF, SIGIO,   SIGPWR,
-                             SIGABRT, SIGRTMIN, SIGRTMIN + 7, SIGRTMAX};
+    std::vector<int> signals{SIGHUP,  SIGINT,    SIGQUIT, SIGPIPE, SIGALRM, SIGTERM, SIGUSR1,  SIGUSR2,      SIGXCPU,
+                             SIGXFSZ, SIGVTALRM, SIGPROF, SIGIO,   SIGPWR,  SIGABRT, SIGRTMIN, SIGRTMIN + 7, SIGRTMAX};
     for (const int number : signals) {
-        const std::string command = " -- /bin/sh -c 'kill -" + std::to_string(number) +
-                                    " $PPID; exec sleep 60'";
+        const std::string command = " -- /bin/sh -c 'kill -" + std::to_string(number) + " $PPID; exec sleep 60'";
         EXPECT_EQ(ctl(0, "lock take" + command).code, 128 + number);
         EXPECT_TRUE(locks().empty()) << number;
         EXPECT_EQ(ctl(0, "lock local nightly" + command).code, 128 + number);
@@ -202,9 +198,10 @@ TEST_F(KestactlLock, SignalEndsTheWaiting)
 {
     take(1);
     // The signal comes when the first line of progress has been read.
-    const Ran ran = on(0, "mkfifo /tmp/progress; exec 3<> /tmp/progress; "
-                          "kestactl lock take --wait 600 2>&3 & "
-                          "read line <&3; echo $line; kill -TERM $!; wait $!");
+    const Ran ran = on(0,
+                       "mkfifo /tmp/progress; exec 3<> /tmp/progress; "
+                       "kestactl lock take --wait 600 2>&3 & "
+                       "read line <&3; echo $line; kill -TERM $!; wait $!");
     EXPECT_EQ(ran.code, 128 + SIGTERM);
     EXPECT_THAT(ran.out, HasSubstr(", 600 s left: CNT1 holds"));
     EXPECT_EQ(locks().size(), 1u);
@@ -213,10 +210,11 @@ TEST_F(KestactlLock, SignalEndsTheWaiting)
 TEST_F(KestactlLock, WaitingGetsTheLockWhenItIsReleased)
 {
     const std::string identifier = take(1);
-    const Ran ran = on(0, "mkfifo /tmp/progress; exec 3<> /tmp/progress; "
-                          "kestactl lock take --wait 600 2>&3 > /tmp/taken & "
-                          "read line <&3; kestactl lock release " +
-                              identifier + " --controller CNT1; wait $!; cat /tmp/taken");
+    const Ran ran = on(0,
+                       "mkfifo /tmp/progress; exec 3<> /tmp/progress; "
+                       "kestactl lock take --wait 600 2>&3 > /tmp/taken & "
+                       "read line <&3; kestactl lock release " +
+                           identifier + " --controller CNT1; wait $!; cat /tmp/taken");
     EXPECT_EQ(ran.code, 0) << ran.err;
     EXPECT_EQ(locks().at(0).at("controller"), 0);
     EXPECT_EQ(ctl(1, "lock wait --wait 0").code, 3);
@@ -227,10 +225,9 @@ TEST_F(KestactlLock, WaitingGetsTheLockWhenItIsReleased)
 TEST_F(KestactlLock, WrongUsageIsTwo)
 {
     for (const std::string command :
-         {"lock", "lock take --type 4", "lock take --group 'a b'", "lock take --wait -1",
-          "lock release", "lock release abc", "lock release 1 --force",
-          "lock release 1 --controller CNT4", "lock suspend", "lock local", "lock local x",
-          "lock local ../x -- true", "lock local .x -- true", "version set backup -1",
+         {"lock", "lock take --type 4", "lock take --group 'a b'", "lock take --wait -1", "lock release",
+          "lock release abc", "lock release 1 --force", "lock release 1 --controller CNT4", "lock suspend",
+          "lock local", "lock local x", "lock local ../x -- true", "lock local .x -- true", "version set backup -1",
           "version set backup x", "version set backup 2147483648", "version set nothing 1",
           "version set backup 1 --controller CNT1", "version set current 1 --controller CNT9"}) {
         const Ran ran = ctl(0, command);
@@ -242,8 +239,9 @@ TEST_F(KestactlLock, WrongUsageIsTwo)
 
 TEST_F(KestactlLock, LocalLockIsHeldForTheCommand)
 {
-    const Ran ran = ctl(0, "lock local nightly -- sh -c 'kestactl lock local nightly -- true; "
-                           "echo $?; kestactl lock local other -- true; echo $?; exit 5'");
+    const Ran ran = ctl(0,
+                        "lock local nightly -- sh -c 'kestactl lock local nightly -- true; "
+                        "echo $?; kestactl lock local other -- true; echo $?; exit 5'");
     EXPECT_EQ(ran.code, 5);
     EXPECT_EQ(ran.out, "3\n0\n");
     EXPECT_THAT(ran.err, HasSubstr("The local lock nightly can't be had: process "));
@@ -266,22 +264,29 @@ TEST_F(KestactlLock, VersionsAreShownSetHandedOutAndCompared)
     EXPECT_EQ(ctl(0, "version set status 3 --controller CNT2").code, 0);
     EXPECT_EQ(ctl(0, "version set flash 5").code, 0);
     const json shown = ctl(0, "--json version show").json().at("result");
-    const json expected = {{"numbering", 9},          {"accept", 6},
-                           {"current-cnt0", 5},       {"current-cnt1", 0},
-                           {"current-cnt2", 8},       {"current-cnt3", 0},
-                           {"backup", 7},             {"status-cnt0", 0},
-                           {"status-cnt1", 0},        {"status-cnt2", 3},
-                           {"status-cnt3", 0},        {"reboot", 4},
-                           {"flash", 5},              {"flash-reboot", nullptr},
-                           {"flash-cntno", nullptr},  {"flash-rebootcount", nullptr}};
+    const json expected = {{"numbering", 9},
+                           {"accept", 6},
+                           {"current-cnt0", 5},
+                           {"current-cnt1", 0},
+                           {"current-cnt2", 8},
+                           {"current-cnt3", 0},
+                           {"backup", 7},
+                           {"status-cnt0", 0},
+                           {"status-cnt1", 0},
+                           {"status-cnt2", 3},
+                           {"status-cnt3", 0},
+                           {"reboot", 4},
+                           {"flash", 5},
+                           {"flash-reboot", nullptr},
+                           {"flash-cntno", nullptr},
+                           {"flash-rebootcount", nullptr}};
     EXPECT_EQ(shown, expected);
     EXPECT_EQ(on(0, "cat /etc/kesta_sys/version").out, "5\n");
 
     const Ran older = ctl(0, "version compare");
     EXPECT_EQ(older.code, 1);
     EXPECT_THAT(older.out, HasSubstr("backup: the backup is the one to use"));
-    EXPECT_EQ(ctl(0, "--json version compare --backup 3 --numbering 9").json().at("result").at("newer"),
-              "current");
+    EXPECT_EQ(ctl(0, "--json version compare --backup 3 --numbering 9").json().at("result").at("newer"), "current");
     const Ran same = ctl(0, "version compare --backup 5");
     EXPECT_EQ(same.code, 0);
     EXPECT_THAT(same.out, HasSubstr("same"));
@@ -302,17 +307,15 @@ TEST_F(KestactlLock, DryRunsWriteNothingAtAll)
 {
     std::string identifier = "0";
     for (const std::string command :
-         {"version set backup 3", "version set flash 3", "version next", "lock take --group network",
-          "lock suspend ID", "lock resume ID", "lock convert ID", "lock release ID",
-          "lock local nightly -- true", "lock take -- true"}) {
+         {"version set backup 3", "version set flash 3", "version next", "lock take --group network", "lock suspend ID",
+          "lock resume ID", "lock convert ID", "lock release ID", "lock local nightly -- true", "lock take -- true"}) {
         std::string line = command;
         if (const std::size_t at = line.find("ID"); at != std::string::npos) {
             line.replace(at, 2, identifier);
         }
         const std::size_t words = line.find(" -- ");
-        const std::string dry = words == std::string::npos
-                                    ? line + " --dry-run"
-                                    : line.substr(0, words) + " --dry-run" + line.substr(words);
+        const std::string dry = words == std::string::npos ? line + " --dry-run"
+                                                           : line.substr(0, words) + " --dry-run" + line.substr(words);
         const auto before = snapshot();
         for (const std::string global : {"", "--json ", "--trace 5 "}) {
             const Ran planned = ctl(0, global + dry);
@@ -338,8 +341,9 @@ TEST_F(KestactlLock, WhatChangesSharedThingsHonoursAnothersLock)
 {
     set_slots();
     save_environment(0);
-    succeed("kestactl copy cntbackup2backup && mkdir -p /var/run/kesta_sys/tmp && "
-            "cp /opt/kesta_sys/bakup/backup.tar.Z /var/run/kesta_sys/tmp/");
+    succeed(
+        "kestactl copy cntbackup2backup && mkdir -p /var/run/kesta_sys/tmp && "
+        "cp /opt/kesta_sys/bakup/backup.tar.Z /var/run/kesta_sys/tmp/");
     ASSERT_EQ(ctl(2, "lock take --group network").code, 0);
     const auto before = snapshot_of_shared();
     for (const char *verb :

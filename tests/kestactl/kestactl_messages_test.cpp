@@ -54,8 +54,9 @@ TEST_F(KestactlMessages, SharedFileSystemIsNamed)
     fs::copy_file(KESTA_NO_WAIT_LIBRARY, host_path(0, "opt/libno_wait.so"));
     for (const auto &[call, place] : {std::pair{"nv_write", "NV memory"}, {"sb_open", "The system backup area"}}) {
         write_file(host_path(0, "opt/faults"), std::string(call) + " 1 on fail " + std::to_string(EREMOTE) + "\n");
-        const Ran refused = on(0, "LD_PRELOAD=/opt/libno_wait.so KESTA_PLATFORM_FAULT_FILE=/opt/faults "
-                                  "kestactl version set backup 3");
+        const Ran refused = on(0,
+                               "LD_PRELOAD=/opt/libno_wait.so KESTA_PLATFORM_FAULT_FILE=/opt/faults "
+                               "kestactl version set backup 3");
         EXPECT_EQ(refused.code, 4) << place;
         EXPECT_THAT(refused.err, HasSubstr(place + std::string(" was refused: other machines may share its file")));
         EXPECT_THAT(refused.err, HasSubstr("Keep it on a file system of this machine alone"));
@@ -123,8 +124,7 @@ TEST_F(KestactlMessages, WaitingForTheInnerLockIsSaidOnTheTerminal)
     write_file(host_path(1, "opt/faults"), "nv_write 3 once kill\n");
     on(1, "KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl nv write group one; true");
     ASSERT_THAT(ctl(0, "status").out, HasSubstr("inner lock   held by CNT1"));
-    const Ran waited =
-        on(0, on_a_terminal("LD_PRELOAD=/opt/libfast_clock.so kestactl nv write group two"));
+    const Ran waited = on(0, on_a_terminal("LD_PRELOAD=/opt/libfast_clock.so kestactl nv write group two"));
     EXPECT_EQ(waited.code, 0) << waited.out << waited.err;
     EXPECT_THAT(waited.out, testing::ContainsRegex("waiting for the inner lock of the NV image until [-0-9T:]+Z at "
                                                    "most: CNT1 .* holds it"));
@@ -146,7 +146,8 @@ TEST_F(KestactlMessages, LongStepsShowTheirBytes)
     define("");
     const Ran saved = on(0, on_a_terminal("kestactl save network"));
     EXPECT_EQ(saved.code, 0) << saved.out;
-    EXPECT_THAT(saved.out, testing::ContainsRegex("store it in slot kesta_backup0, and read it back \\([0-9]+ bytes\\)"));
+    EXPECT_THAT(saved.out,
+                testing::ContainsRegex("store it in slot kesta_backup0, and read it back \\([0-9]+ bytes\\)"));
     std::string bytes;
     std::istringstream lines(ctl(0, "--json accept").err);
     for (std::string line; std::getline(lines, line);) {
@@ -191,7 +192,8 @@ TEST_F(KestactlMessages, StatusAndVerifyAgreeOnLeftovers)
     ASSERT_EQ(ctl(0, "save network").code, 0);
     EXPECT_THAT(ctl(0, "status").out, HasSubstr("leftovers    none\n"));
     const std::string folder = "/opt/kesta_sys/bakup/";
-    for (const std::string left : {".save.tar.Z", ".restore.new", "backup.tar.Z.new", "accept.tar.Z.new", "tmp.tar.Z"}) {
+    for (const std::string left :
+         {".save.tar.Z", ".restore.new", "backup.tar.Z.new", "accept.tar.Z.new", "tmp.tar.Z"}) {
         ASSERT_EQ(on(0, "head -c 100 " + flash_backup + " > " + folder + left).code, 0);
         const Ran status = ctl(0, "--json status");
         EXPECT_EQ(status.json().at("result").at("leftovers").dump(), "[\"" + folder + left + "\"]");

@@ -11,10 +11,9 @@ using testing::Not;
 
 namespace {
 
-const std::string twelve_items[] = {"backup-name",  "accept-name",  "numbering-version",
-                                    "backup-version", "version-cnt0", "version-cnt1",
-                                    "version-cnt2", "version-cnt3", "reboot-version",
-                                    "wwn",          "serialno",     "guid"};
+const std::string twelve_items[] = {"backup-name",    "accept-name",  "numbering-version", "backup-version",
+                                    "version-cnt0",   "version-cnt1", "version-cnt2",      "version-cnt3",
+                                    "reboot-version", "wwn",          "serialno",          "guid"};
 
 }  // namespace
 
@@ -31,9 +30,10 @@ protected:
                 commands += "kestactl nv write " + item + " " + std::to_string(++value) + " && ";
             }
         }
-        commands += "kestactl nv write wwn 500000E0D0123400 && "
-                    "kestactl nv write serialno KESTA00000000042 && "
-                    "kestactl nv write guid 00112233445566778899aabbccddeeff";
+        commands +=
+            "kestactl nv write wwn 500000E0D0123400 && "
+            "kestactl nv write serialno KESTA00000000042 && "
+            "kestactl nv write guid 00112233445566778899aabbccddeeff";
         const Ran filled = on(0, commands);
         ASSERT_EQ(filled.code, 0) << filled.err;
         ASSERT_EQ(ctl(0, "nv verify").code, 0) << ctl(0, "nv verify").out;
@@ -50,10 +50,7 @@ protected:
             fs::remove(entry.path());
         }
     }
-    json verify(int controller = 0) const
-    {
-        return ctl(controller, "--json nv verify").json().at("result");
-    }
+    json verify(int controller = 0) const { return ctl(controller, "--json nv verify").json().at("result"); }
     std::string read(const std::string &block, const std::string &place) const
     {
         const Ran run = ctl(0, "nv read " + block + " --from " + place);
@@ -84,8 +81,7 @@ TEST_F(KestactlRepair, WipedMemoryIsDiagnosedAndMended)
     wipe_memory();
     const Ran found = ctl(1, "nv verify");
     EXPECT_EQ(found.code, 1);
-    EXPECT_THAT(found.out, AllOf(HasSubstr("NV memory is NOT valid"),
-                                 HasSubstr("The system backup area is valid"),
+    EXPECT_THAT(found.out, AllOf(HasSubstr("NV memory is NOT valid"), HasSubstr("The system backup area is valid"),
                                  HasSubstr("'kestactl repair'")));
     const json before = verify();
     EXPECT_FALSE(before.at("memory_valid").get<bool>());
@@ -279,8 +275,8 @@ TEST_F(KestactlImage, DryRunsWriteNothing)
 {
     fill();
     const auto untouched = snapshot();
-    for (const std::string command : {"nv init", "nv init --keep-data", "nv clear", "nv sync",
-                                      "nv flags --synced 1", "repair"}) {
+    for (const std::string command :
+         {"nv init", "nv init --keep-data", "nv clear", "nv sync", "nv flags --synced 1", "repair"}) {
         const Ran planned = ctl(0, command + " --dry-run");
         EXPECT_EQ(planned.code, 0) << command << planned.err;
         EXPECT_FALSE(planned.out.empty());
@@ -304,8 +300,7 @@ TEST_F(KestactlImage, DumpInHexadecimalAndByFields)
     const std::string dump = ctl(0, "nv dump").out;
     EXPECT_THAT(dump, AllOf(HasSubstr("***** NV MEMORY [HEADER] *****\n"
                                       "00000000: 454e5656 02000000                    ENVV....  "),
-                            HasSubstr("***** NV MEMORY [INNERLOCK] *****"),
-                            HasSubstr("kesta_backup0...")));
+                            HasSubstr("***** NV MEMORY [INNERLOCK] *****"), HasSubstr("kesta_backup0...")));
     EXPECT_EQ(std::count(dump.begin(), dump.end(), '\n'), 2 + 5 + 1 + 1 + 20 + 13 + 4);
 
     const Ran to_file = ctl(0, "nv dump --out /tmp/dump");
@@ -342,14 +337,13 @@ TEST_F(KestactlImage, PagesOfARegion)
 {
     set_slots();
     const std::string pages = ctl(0, "nv dump --region 2 --offset 72 --size 256").out;
-    EXPECT_THAT(pages, AllOf(HasSubstr("[region=2/offset=72/size=256]"), HasSubstr("[0/2]"),
-                             HasSubstr("[1/2]"), HasSubstr("kesta_backup0")));
-    const json bytes =
-        ctl(0, "--json nv dump --region 2 --offset 72 --size 5").json().at("result");
+    EXPECT_THAT(pages, AllOf(HasSubstr("[region=2/offset=72/size=256]"), HasSubstr("[0/2]"), HasSubstr("[1/2]"),
+                             HasSubstr("kesta_backup0")));
+    const json bytes = ctl(0, "--json nv dump --region 2 --offset 72 --size 5").json().at("result");
     EXPECT_EQ(bytes.at("bytes"), "6b65737461");
     expect_refusal(ctl(0, "nv dump --region 2 --offset 32700 --size 64"), 2, "32768");
-    for (const char *arguments : {"--offset 4", "--region 2 --size 0", "--region x",
-                                  "--region 2 --offset -1", "--region 2 --decoded"}) {
+    for (const char *arguments :
+         {"--offset 4", "--region 2 --size 0", "--region x", "--region 2 --offset -1", "--region 2 --decoded"}) {
         EXPECT_EQ(ctl(0, std::string("nv dump ") + arguments).code, 2) << arguments;
     }
     EXPECT_EQ(ctl(0, "nv dump --region 9").code, 4) << "there are three";

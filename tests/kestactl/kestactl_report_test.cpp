@@ -25,15 +25,17 @@ protected:
     {
         write_file(home / "page.html",
                    "<iframe width=360 height=800 style='border:0'></iframe><script>"
-                   "const frame=document.querySelector('iframe');frame.srcdoc=" + nlohmann::json(html).dump() +
+                   "const frame=document.querySelector('iframe');frame.srcdoc=" +
+                       nlohmann::json(html).dump() +
                        ";frame.onload=()=>{const page=frame.contentDocument;document.title="
                        "page.documentElement.scrollWidth+' of '+page.documentElement.clientWidth+', '+"
                        "page.querySelectorAll('.map i').length+' squares';"
                        "document.body.innerHTML=page.body.innerHTML}</script>");
-        const Ran browser = shell(
-            "HOME=" + home.string() + " chromium --headless --no-sandbox --disable-gpu --disable-dev-shm-usage"
-            " --no-first-run --user-data-dir=" + (home / "profile").string() +
-            " --virtual-time-budget=1000 --dump-dom file://" + (home / "page.html").string());
+        const Ran browser = shell("HOME=" + home.string() +
+                                  " chromium --headless --no-sandbox --disable-gpu --disable-dev-shm-usage"
+                                  " --no-first-run --user-data-dir=" +
+                                  (home / "profile").string() + " --virtual-time-budget=1000 --dump-dom file://" +
+                                  (home / "page.html").string());
         EXPECT_EQ(browser.code, 0) << browser.err;
         return browser.out;
     }
@@ -69,7 +71,8 @@ TEST_F(KestactlReport, WhatCanNotBeHadIsSaid)
     ASSERT_EQ(ctl(0, "nv write wwn 'a<b>&\"c'").code, 0);
     write_file(host_path(0, "opt/faults"), "nv_read 1 on fail\n");
     fs::copy_file(KESTA_NO_WAIT_LIBRARY, host_path(0, "opt/libno_wait.so"));
-    const Ran made = on(0, "LD_PRELOAD=/opt/libno_wait.so KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl report /opt/report.html");
+    const Ran made =
+        on(0, "LD_PRELOAD=/opt/libno_wait.so KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl report /opt/report.html");
     EXPECT_EQ(made.code, 4) << made.err;
     const std::string html = read_file(host_path(0, "opt/report.html"));
     EXPECT_THAT(html, AllOf(HasSubstr("Not to be had"), Not(HasSubstr("All places agree"))));

@@ -34,8 +34,10 @@ protected:
     // An archive that nobody's save has made, in the backup slot.
     void plant(const std::string &commands) const
     {
-        succeed("rm -rf /opt/plant && mkdir -p /opt/plant/etc/app/more && cd /opt/plant && "
-                "echo planted > etc/app/one && echo planted > etc/app/more/two && " + commands);
+        succeed(
+            "rm -rf /opt/plant && mkdir -p /opt/plant/etc/app/more && cd /opt/plant && "
+            "echo planted > etc/app/one && echo planted > etc/app/more/two && " +
+            commands);
         succeed("cp /opt/plant.tar.bz2 " + flash_backup + " && kestactl copy cntbackup2backup --force");
     }
     void expect_nothing_taken(const std::string &because) const
@@ -76,11 +78,13 @@ TEST_F(KestactlRestore, FilesOfTheGroupAreAsTheyWereSaved)
 
 TEST_F(KestactlRestore, OwnersModesAndTimesComeWithTheFiles)
 {
-    succeed("chown nobody /etc/app/more/two && chgrp daemon /etc/app/more/two && "
-            "chmod 2640 /etc/app/more/two && chmod 751 /etc/app/more && touch -d @1000000000 /etc/app/one && "
-            "kestactl save network");
-    const std::string shown = "stat -c '%U %G %a' /etc/app/more/two; stat -c %a /etc/app/more; "
-                              "stat -c %Y /etc/app/one";
+    succeed(
+        "chown nobody /etc/app/more/two && chgrp daemon /etc/app/more/two && "
+        "chmod 2640 /etc/app/more/two && chmod 751 /etc/app/more && touch -d @1000000000 /etc/app/one && "
+        "kestactl save network");
+    const std::string shown =
+        "stat -c '%U %G %a' /etc/app/more/two; stat -c %a /etc/app/more; "
+        "stat -c %Y /etc/app/one";
     const std::string before = on(0, shown).out;
     spoil();
     ASSERT_EQ(ctl(0, "restore network").code, 0);
@@ -111,11 +115,11 @@ TEST_F(KestactlRestore, MissingParentsGetTheirRecordedModes)
 
 TEST_F(KestactlRestore, PropertiesAndLinksOfTheDefinitionAreApplied)
 {
-    define("", "<file path=\"/etc/app/one\"><link path=\"/etc/app/alias\"/>"
-               "<permission userid=\"nobody\" mode=\"640\"/></file><file path=\"/etc/app/more\"/>");
+    define("",
+           "<file path=\"/etc/app/one\"><link path=\"/etc/app/alias\"/>"
+           "<permission userid=\"nobody\" mode=\"640\"/></file><file path=\"/etc/app/more\"/>");
     ASSERT_EQ(ctl(0, "restore network").code, 0);
-    EXPECT_EQ(on(0, "stat -c '%U %a' /etc/app/one; readlink /etc/app/alias").out,
-              "nobody 640\n/etc/app/one\n");
+    EXPECT_EQ(on(0, "stat -c '%U %a' /etc/app/one; readlink /etc/app/alias").out, "nobody 640\n/etc/app/one\n");
 }
 
 TEST_F(KestactlRestore, AcceptedEnvironmentWithItsVersion)
@@ -211,8 +215,9 @@ TEST_F(KestactlRestore, FilesThatWereGoneAreRemovedWhereTheGroupAllowsIt)
 
 TEST_F(KestactlRestore, MembersOfOtherGroupsAreLeftAlone)
 {
-    plant("mkdir opt && echo planted > opt/outside && echo planted > etc/shadow && "
-          "tar -cjf /opt/plant.tar.bz2 etc/shadow etc/app opt/outside");
+    plant(
+        "mkdir opt && echo planted > opt/outside && echo planted > etc/shadow && "
+        "tar -cjf /opt/plant.tar.bz2 etc/shadow etc/app opt/outside");
     const std::string before = file_on(0, "/etc/shadow");
     const Ran restored = ctl(0, "restore network");
     ASSERT_EQ(restored.code, 0) << restored.err;
@@ -229,9 +234,10 @@ TEST_F(KestactlRestore, NamesThatLeadOutsideAreRefused)
     plant("tar -P -cjf /opt/plant.tar.bz2 etc --transform 's,etc/app/more/two,/opt/outside,'");
     expect_nothing_taken("'/opt/outside'");
     // First a link, then a file through it.
-    plant("rm -r etc/app/more && ln -s /opt etc/app/more && tar -cf /opt/plant.tar etc && rm etc/app/more && "
-          "mkdir etc/app/more && echo planted > etc/app/more/outside && "
-          "tar -rf /opt/plant.tar etc/app/more/outside && bzip2 -fc /opt/plant.tar > /opt/plant.tar.bz2");
+    plant(
+        "rm -r etc/app/more && ln -s /opt etc/app/more && tar -cf /opt/plant.tar etc && rm etc/app/more && "
+        "mkdir etc/app/more && echo planted > etc/app/more/outside && "
+        "tar -rf /opt/plant.tar etc/app/more/outside && bzip2 -fc /opt/plant.tar > /opt/plant.tar.bz2");
     expect_nothing_taken("leads out of the group");
     plant("rm etc/app/one && ln -s ../../opt/secret etc/app/one && tar -cjf /opt/plant.tar.bz2 etc");
     expect_nothing_taken("leads out of the group");
@@ -247,8 +253,9 @@ TEST_F(KestactlRestore, NamesThatLeadOutsideAreRefused)
 
 TEST_F(KestactlRestore, LinksWithinTheGroupComeBack)
 {
-    succeed("ln -s one /etc/app/more/to_one && ln -s ../one /etc/app/more/up && rm /etc/app/more/to_one && "
-            "ln /etc/app/more/two /etc/app/more/second_name && kestactl save network");
+    succeed(
+        "ln -s one /etc/app/more/to_one && ln -s ../one /etc/app/more/up && rm /etc/app/more/to_one && "
+        "ln /etc/app/more/two /etc/app/more/second_name && kestactl save network");
     spoil();
     ASSERT_EQ(ctl(0, "restore network").code, 0);
     expect_mended();
@@ -265,8 +272,9 @@ TEST_F(KestactlRestore, LinksWithinTheGroupComeBack)
 
 TEST_F(KestactlRestore, SomebodyElsesLinkInTheWayIsNotFollowed)
 {
-    succeed("mkdir /opt/elsewhere && rm -r /etc/app && ln -s /opt/elsewhere /etc/app && "
-            "chown -h nobody /etc/app");
+    succeed(
+        "mkdir /opt/elsewhere && rm -r /etc/app && ln -s /opt/elsewhere /etc/app && "
+        "chown -h nobody /etc/app");
     expect_refusal(ctl(0, "restore network"), 1, "is no folder of root's");
     EXPECT_EQ(on(0, "ls -A /opt/elsewhere").out, "");
     succeed("chown -h root /etc/app");
@@ -315,15 +323,15 @@ TEST_F(KestactlRestore, UnfinishedOneIsNamedAndCompletedFirst)
     spoil();
     // Its last rename can't be done: the file is a mount point.
     succeed("mkdir -p /etc/app/more && echo old > /etc/app/more/two");
-    const Ran cut = on(0, "mount --bind /etc/app/more/two /etc/app/more/two && kestactl restore network; "
-                          "code=$?; umount /etc/app/more/two; exit $code");
+    const Ran cut = on(0,
+                       "mount --bind /etc/app/more/two /etc/app/more/two && kestactl restore network; "
+                       "code=$?; umount /etc/app/more/two; exit $code");
     EXPECT_EQ(cut.code, 4) << cut.out << cut.err;
     EXPECT_THAT(cut.err, AllOf(HasSubstr("Some of the group's files are new, some old"),
                                HasSubstr("kestactl restore network --from backup")));
     EXPECT_EQ(file_on(0, "/etc/app/one"), "one\n");
     EXPECT_EQ(file_on(0, "/etc/app/more/two"), "old\n");
-    EXPECT_EQ(bad().at("leftovers").at("mend"),
-              json::array({{"kestactl", "restore", "network", "--from", "backup"}}));
+    EXPECT_EQ(bad().at("leftovers").at("mend"), json::array({{"kestactl", "restore", "network", "--from", "backup"}}));
 
     expect_refusal(ctl(0, "save network"), 1, "is unfinished");
     expect_refusal(ctl(0, "restore network --only /etc/app/one"), 1, "is unfinished");
@@ -441,8 +449,10 @@ TEST_F(KestactlRestore, EachFlushIsNeededAndNoMoreAreMade)
     define("", "<file path=\"/etc/app\"/>");
     ASSERT_EQ(ctl(0, "save network").code, 0);
     succeed("find /etc/app -type f -exec sh -c 'echo spoiled > $0' {} \\; && rm /etc/app/more/link");
-    const Ran restored = on(0, "strace -qq -y -o /tmp/calls -e trace=pwrite64,ftruncate,symlinkat,renameat,renameat2,fsync,syncfs "
-                               "kestactl restore network && grep /etc/app /tmp/calls");
+    const Ran restored =
+        on(0,
+           "strace -qq -y -o /tmp/calls -e trace=pwrite64,ftruncate,symlinkat,renameat,renameat2,fsync,syncfs "
+           "kestactl restore network && grep /etc/app /tmp/calls");
     ASSERT_EQ(restored.code, 0) << restored.err;
     const std::vector<DiskCall> calls = disk_calls(restored.out.substr(restored.out.find("\npwrite64") + 1));
     EXPECT_EQ(complaint(calls, calls.size()), "");

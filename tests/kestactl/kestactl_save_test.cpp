@@ -15,8 +15,7 @@ class KestactlSave : public SavedGroup {
 protected:
     KestactlSave()
     {
-        define(script_line("pre-script", note("before"), 1) +
-               script_line("post-script", note("after"), 1));
+        define(script_line("pre-script", note("before"), 1) + script_line("post-script", note("after"), 1));
     }
 };
 
@@ -27,8 +26,7 @@ TEST_F(KestactlSave, WholeEnvironmentIsSavedAndNumbered)
     EXPECT_THAT(saved.out, HasSubstr("Saved network as version 1."));
     const std::string archive = file_on(0, flash_backup);
     EXPECT_EQ(slot("kesta_backup0"), archive);
-    EXPECT_EQ(on(0, "tar -tjf " + flash_backup).out,
-              "etc/\netc/app/\netc/app/one\netc/app/more/\netc/app/more/two\n")
+    EXPECT_EQ(on(0, "tar -tjf " + flash_backup).out, "etc/\netc/app/\netc/app/one\netc/app/more/\netc/app/more/two\n")
         << "parents with their owners and modes, folders whole";
     EXPECT_EQ(number("numbering-version"), 1);
     EXPECT_EQ(number("backup-version"), 1);
@@ -106,8 +104,7 @@ TEST_F(KestactlSave, FewDescriptorsDoNotMakeItHang)
 {
     define(script_line("pre-script", "true", 1));
     for (int limit = 5; limit <= 14; ++limit) {
-        const Ran saved = on(0, "ulimit -n " + std::to_string(limit) +
-                                    "; exec timeout 30 kestactl save network");
+        const Ran saved = on(0, "ulimit -n " + std::to_string(limit) + "; exec timeout 30 kestactl save network");
         EXPECT_NE(saved.code, 124) << limit;
     }
 }
@@ -209,15 +206,18 @@ TEST_F(KestactlSave, WhatRestoreWouldNotTakeIsRefusedWithItsPath)
 
 TEST_F(KestactlSave, WhatIsSavedIsRestoredWhole)
 {
-    const std::string names = "cd /etc/app/more; for n in 100 150 244 245 250 255; do "
-                              "echo $n > $(printf '%0*d' $n 0); done; "
-                              "d=$(printf '%0200d' 1); mkdir -p $d/$d/$d; echo deep > $d/$d/$d/file; ";
-    succeed(names + "printf 'odd\\n' > \"$(printf 'new\\nline \\303\\244 \\377 *')\"; ln two second; "
-                    "truncate -s 70000 holes; echo end >> holes; ln -s ../one up; ln -s $d/$d/$d/file far; "
-                    "ln -s /etc/app/one absolute; : > empty; chmod 600 empty; chown 4711:4712 empty");
-    const std::string shown = "cd /etc/app && find . ! -type d -printf '%P %m %U %G %n %l %s\\n' | sort; "
-                              "find . -type d -printf '%P %m %U %G\\n' | sort; "
-                              "find . -type f -print0 | sort -z | xargs -0 sha256sum";
+    const std::string names =
+        "cd /etc/app/more; for n in 100 150 244 245 250 255; do "
+        "echo $n > $(printf '%0*d' $n 0); done; "
+        "d=$(printf '%0200d' 1); mkdir -p $d/$d/$d; echo deep > $d/$d/$d/file; ";
+    succeed(names +
+            "printf 'odd\\n' > \"$(printf 'new\\nline \\303\\244 \\377 *')\"; ln two second; "
+            "truncate -s 70000 holes; echo end >> holes; ln -s ../one up; ln -s $d/$d/$d/file far; "
+            "ln -s /etc/app/one absolute; : > empty; chmod 600 empty; chown 4711:4712 empty");
+    const std::string shown =
+        "cd /etc/app && find . ! -type d -printf '%P %m %U %G %n %l %s\\n' | sort; "
+        "find . -type d -printf '%P %m %U %G\\n' | sort; "
+        "find . -type f -print0 | sort -z | xargs -0 sha256sum";
     const std::string before = on(0, shown).out;
     ASSERT_EQ(ctl(0, "save network").code, 0);
     succeed("rm -r /etc/app");
@@ -230,11 +230,13 @@ TEST_F(KestactlSave, WhatIsSavedIsRestoredWhole)
 
 TEST_F(KestactlSave, SecondNameIsRestoredByItselfAsWell)
 {
-    succeed("ln /etc/app/more/two /etc/app/more/second && kestactl save network && "
-            "rm /etc/app/more/second && kestactl restore network --only /etc/app/more/second");
+    succeed(
+        "ln /etc/app/more/two /etc/app/more/second && kestactl save network && "
+        "rm /etc/app/more/second && kestactl restore network --only /etc/app/more/second");
     EXPECT_EQ(file_on(0, "/etc/app/more/second"), "two\n");
-    succeed("echo other > /etc/app/more/two && rm /etc/app/more/second && "
-            "kestactl restore network --only /etc/app/more/second");
+    succeed(
+        "echo other > /etc/app/more/two && rm /etc/app/more/second && "
+        "kestactl restore network --only /etc/app/more/second");
     EXPECT_EQ(file_on(0, "/etc/app/more/second"), "two\n");
     EXPECT_EQ(file_on(0, "/etc/app/more/two"), "other\n");
 }
@@ -254,17 +256,20 @@ protected:
     KestactlRace()
     {
         define("");
-        succeed("mkdir -m 700 /opt/private && echo secret > /opt/private/two && chmod 600 /opt/private/two && "
-                "mkdir /etc/app/more/sub && echo mine > /etc/app/more/sub/two && chown -R nobody /etc/app/more");
+        succeed(
+            "mkdir -m 700 /opt/private && echo secret > /opt/private/two && chmod 600 /opt/private/two && "
+            "mkdir /etc/app/more/sub && echo mine > /etc/app/more/sub/two && chown -R nobody /etc/app/more");
         outside_ = on(0, look_outside).out;
     }
     // Runs commands on the controller while the swapping goes on.
     void while_swapping(const std::string &swap, const std::string &commands) const
     {
-        write_file(host_path(0, "opt/swap.py"), "import os\nos.setuid(65534)\nos.chdir('/etc/app/more')\nopen('ready', 'w')\n"
-                                                "while True:\n    try:\n" + swap +
-                                                "    except OSError:\n        pass\n");
-        (void)on(0, "python3 /opt/swap.py & swapper=$!; while [ ! -e /etc/app/more/ready ]; do :; done; " + commands + "; kill $swapper");
+        write_file(host_path(0, "opt/swap.py"),
+                   "import os\nos.setuid(65534)\nos.chdir('/etc/app/more')\nopen('ready', 'w')\n"
+                   "while True:\n    try:\n" +
+                       swap + "    except OSError:\n        pass\n");
+        (void)on(0, "python3 /opt/swap.py & swapper=$!; while [ ! -e /etc/app/more/ready ]; do :; done; " + commands +
+                        "; kill $swapper");
     }
     void expect_private_untouched() const { EXPECT_EQ(on(0, look_outside).out, outside_); }
 
@@ -282,10 +287,12 @@ TEST_F(KestactlRace, SubfolderThatIsALinkBringsNothingIntoTheArchive)
         expect_refusal(ctl(0, "save network"), 1, "/etc/app/more/sub is no folder of root's");
     }
     EXPECT_EQ(on(0, "ls " + flash_backup).code, 2);
-    while_swapping("        os.rename('sub', 'aside'); os.symlink('/opt/private', 'sub')\n"
-                   "        os.unlink('sub'); os.rename('aside', 'sub')\n",
-                   "for i in 1 2 3 4 5 6 7 8; do kestactl save network; "
-                   "cp " + flash_backup + " /opt/saved.$i; done");
+    while_swapping(
+        "        os.rename('sub', 'aside'); os.symlink('/opt/private', 'sub')\n"
+        "        os.unlink('sub'); os.rename('aside', 'sub')\n",
+        "for i in 1 2 3 4 5 6 7 8; do kestactl save network; "
+        "cp " +
+            flash_backup + " /opt/saved.$i; done");
     EXPECT_EQ(on(0, "for a in /opt/saved.*; do tar -xjOf $a; done | grep secret").out, "");
     expect_private_untouched();
 }
@@ -301,11 +308,12 @@ TEST_F(KestactlRace, StagedFileThatBecomesALinkGivesNothingAway)
 TEST_F(KestactlRace, SubfolderThatBecomesALinkIsNotWrittenThrough)
 {
     succeed("kestactl save network");
-    while_swapping("        open('sub/two', 'w')\n"
-                   "        os.rename('sub', 'aside'); os.symlink('/opt/private', 'sub')\n"
-                   "        os.unlink('sub'); os.rename('aside', 'sub')\n",
-                   "for i in $(seq 30); do echo x > /etc/app/one; "
-                   "kestactl restore network; done");
+    while_swapping(
+        "        open('sub/two', 'w')\n"
+        "        os.rename('sub', 'aside'); os.symlink('/opt/private', 'sub')\n"
+        "        os.unlink('sub'); os.rename('aside', 'sub')\n",
+        "for i in $(seq 30); do echo x > /etc/app/one; "
+        "kestactl restore network; done");
     expect_private_untouched();
 }
 
@@ -468,7 +476,8 @@ TEST_F(KestactlSave, CopyingVerbsTestTheirSourceFirst)
 TEST_F(KestactlSave, OlderVersionIsNotMergedOverTheAcceptedOne)
 {
     define("");
-    succeed("kestactl save network && cp " + flash_backup + " /opt/old && echo two > /etc/app/one && "
+    succeed("kestactl save network && cp " + flash_backup +
+            " /opt/old && echo two > /etc/app/one && "
             "kestactl save network && kestactl accept && cp /opt/old /var/run/kesta_sys/tmp/backup.tar.Z");
     const std::string newer = slot("kesta_backup1");
     expect_refusal(ctl(0, "copy merge-file2accept"), 1,
@@ -483,8 +492,10 @@ TEST_F(KestactlSave, OlderVersionIsNotMergedOverTheAcceptedOne)
 TEST_F(KestactlSave, OlderVersionIsNotCopiedOverANewerOne)
 {
     define("");
-    succeed("kestactl save network && cp " + flash_backup + " /opt/old && echo two > /etc/app/one && "
-            "kestactl save network && cp /opt/old " + flash_backup + " && kestactl version set flash 1");
+    succeed("kestactl save network && cp " + flash_backup +
+            " /opt/old && echo two > /etc/app/one && "
+            "kestactl save network && cp /opt/old " +
+            flash_backup + " && kestactl version set flash 1");
     const std::string newer = slot("kesta_backup0");
     expect_refusal(ctl(0, "copy cntbackup2backup"), 1, "the newer version 2, whole");
     EXPECT_EQ(slot("kesta_backup0"), newer);
@@ -497,8 +508,9 @@ TEST_F(KestactlSave, OlderVersionIsNotCopiedOverANewerOne)
 TEST_F(KestactlSave, LongerLeftoverIsNotMixedIntoTheFlashCopy)
 {
     define("");
-    succeed("kestactl save network && head -c 100000 /dev/urandom > /opt/kesta_sys/bakup/tmp.tar.Z && "
-            "kestactl restore network --switch-only");
+    succeed(
+        "kestactl save network && head -c 100000 /dev/urandom > /opt/kesta_sys/bakup/tmp.tar.Z && "
+        "kestactl restore network --switch-only");
     EXPECT_EQ(file_on(0, flash_backup), slot("kesta_backup0")) << "without the tail of what was left behind";
 }
 

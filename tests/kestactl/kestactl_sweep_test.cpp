@@ -20,30 +20,72 @@ struct Condition {
 void PrintTo(const Condition &condition, std::ostream *out) { *out << condition.name; }
 
 // Verbs that only look.
-const std::vector<std::string> looking{
-    "--version", "--help", "status", "status --archives", "--json status", "verify", "--json verify", "nv list",
-    "nv read group", "nv verify", "nv dump", "nv dump --decoded", "nv flags", "slot show", "version show",
-    "version compare", "identity show", "group check network", "group show network", "lock check",
-    "lock wait --wait 0", "completion bash", "save network --dry-run", "accept --dry-run",
-    "restore network --dry-run", "slot switch --dry-run", "repair --dry-run", "group apply network --dry-run",
-    "no-such-verb", "save", "restore none"};
+const std::vector<std::string> looking{"--version",
+                                       "--help",
+                                       "status",
+                                       "status --archives",
+                                       "--json status",
+                                       "verify",
+                                       "--json verify",
+                                       "nv list",
+                                       "nv read group",
+                                       "nv verify",
+                                       "nv dump",
+                                       "nv dump --decoded",
+                                       "nv flags",
+                                       "slot show",
+                                       "version show",
+                                       "version compare",
+                                       "identity show",
+                                       "group check network",
+                                       "group show network",
+                                       "lock check",
+                                       "lock wait --wait 0",
+                                       "completion bash",
+                                       "save network --dry-run",
+                                       "accept --dry-run",
+                                       "restore network --dry-run",
+                                       "slot switch --dry-run",
+                                       "repair --dry-run",
+                                       "group apply network --dry-run",
+                                       "no-such-verb",
+                                       "save",
+                                       "restore none"};
 
 // Verbs that change something: what comes before is in the way of none.
-const std::vector<std::string> changing{
-    "save network", "accept", "restore network", "restore network --from accept", "group apply network",
-    "copy backup2tmp", "copy cntbackup2tmp", "copy cntbackup2backup", "repair", "slot switch",
-    "version set current 7", "nv write group network", "nv sync", "identity set --in flash --wwn 0123456789abcdef",
-    "script samefiles CNT1 /etc/hosts", "script tarz CNT2", "report /opt/report.html",
-    "nv dump --out /opt/dump.txt", "lock take -- true", "lock local sweep -- true", "run -- true"};
+const std::vector<std::string> changing{"save network",
+                                        "accept",
+                                        "restore network",
+                                        "restore network --from accept",
+                                        "group apply network",
+                                        "copy backup2tmp",
+                                        "copy cntbackup2tmp",
+                                        "copy cntbackup2backup",
+                                        "repair",
+                                        "slot switch",
+                                        "version set current 7",
+                                        "nv write group network",
+                                        "nv sync",
+                                        "identity set --in flash --wwn 0123456789abcdef",
+                                        "script samefiles CNT1 /etc/hosts",
+                                        "script tarz CNT2",
+                                        "report /opt/report.html",
+                                        "nv dump --out /opt/dump.txt",
+                                        "lock take -- true",
+                                        "lock local sweep -- true",
+                                        "run -- true"};
 
 // Below the folder of the lab: where the verbs above write.
-const std::vector<std::string> own_places{
-    "cnt0/opt/kesta_sys/bakup", "cnt0/tmp", "cnt0/run", "cnt0/etc/kesta_sys", "cnt0/etc/app", "cnt0/etc/cp_guid",
-    "cnt0/opt/report.html", "cnt0/opt/dump.txt", "shared"};
+const std::vector<std::string> own_places{"cnt0/opt/kesta_sys/bakup", "cnt0/tmp",          "cnt0/run",
+                                          "cnt0/etc/kesta_sys",       "cnt0/etc/app",      "cnt0/etc/cp_guid",
+                                          "cnt0/opt/report.html",     "cnt0/opt/dump.txt", "shared"};
 // What looking leaves: the platform's own records.
-const std::vector<std::string> records{"cnt0/run/kesta_sys/tmp/.innerlock", "cnt0/etc/kesta_sys/mycntno",
-                                       "cnt0/etc/kesta_sys/controllernum", "cnt0/tmp/full",
-                                       "cnt0/run/mount", "shared/nv/region2.jnl"};
+const std::vector<std::string> records{"cnt0/run/kesta_sys/tmp/.innerlock",
+                                       "cnt0/etc/kesta_sys/mycntno",
+                                       "cnt0/etc/kesta_sys/controllernum",
+                                       "cnt0/tmp/full",
+                                       "cnt0/run/mount",
+                                       "shared/nv/region2.jnl"};
 
 }  // namespace
 
@@ -97,7 +139,8 @@ protected:
         const Ran ended = on(0, "timeout -k 5 60 /bin/sh -c " +
                                     quoted(GetParam().before + ("kestactl " + verb) + " " + GetParam().after));
         const bool by_pipe = ended.code == 128 + SIGPIPE && std::string(GetParam().name) == "ReaderIsGone";
-        EXPECT_TRUE((ended.code >= 0 && ended.code <= 4) || by_pipe) << verb << ": " << ended.code << "\n" << ended.out << ended.err;
+        EXPECT_TRUE((ended.code >= 0 && ended.code <= 4) || by_pipe) << verb << ": " << ended.code << "\n"
+                                                                     << ended.out << ended.err;
         EXPECT_EQ(ended.err.find("std::"), std::string::npos) << verb << "\n" << ended.err;
         EXPECT_EQ(ended.err.find("terminate called"), std::string::npos) << verb << "\n" << ended.err;
     }
@@ -162,10 +205,13 @@ std::vector<Condition> conditions()
 #endif
     };
     if (geteuid() == 0) {
-        all.push_back({"UnknownUser", "LD_PRELOAD=/opt/libno_wait.so setpriv --reuid 54321 --regid 54321 --clear-groups ", ""});
+        all.push_back(
+            {"UnknownUser", "LD_PRELOAD=/opt/libno_wait.so setpriv --reuid 54321 --regid 54321 --clear-groups ", ""});
     }
     return all;
 }
 
 INSTANTIATE_TEST_SUITE_P(Conditions, Sweep, testing::ValuesIn(conditions()),
-                         [](const testing::TestParamInfo<Condition> &tested) { return std::string(tested.param.name); });
+                         [](const testing::TestParamInfo<Condition> &tested) {
+                             return std::string(tested.param.name);
+                         });

@@ -40,10 +40,9 @@ protected:
     void script(int controller, const std::string &name, const std::string &text)
     {
         EXPECT_EQ(on(controller, "mkdir -p /etc/kesta_sys/network").code, 0);
-        const Ran put = shell(lab() + " --dir " + dir.string() + " exec CNT" +
-                              std::to_string(controller) + " -- /bin/sh -c " +
-                              quoted("cat > /etc/kesta_sys/network/" + name + " <<'END'\n" + text +
-                                     "END\n"));
+        const Ran put =
+            shell(lab() + " --dir " + dir.string() + " exec CNT" + std::to_string(controller) + " -- /bin/sh -c " +
+                  quoted("cat > /etc/kesta_sys/network/" + name + " <<'END'\n" + text + "END\n"));
         EXPECT_EQ(put.code, 0) << put.err;
     }
 };
@@ -52,13 +51,41 @@ TEST_F(Kestactl, HelpAndVersion)
 {
     EXPECT_EQ(ctl(0, "--version").code, 0);
     EXPECT_THAT(ctl(0, "--version").out, testing::MatchesRegex(".*[0-9]+\\.[0-9]+\\.[0-9]+\n"));
-    for (const std::string command :
-         {"", "status", "completion", "verify", "save", "accept", "nv", "nv list", "nv read", "nv write", "nv verify",
-          "nv init", "nv clear", "nv flags", "nv sync", "nv dump", "repair", "identity",
-          "identity show", "identity set", "identity carry", "identity carry vpd-to-flash",
-          "identity carry vpd-to-disk", "identity carry cnt0-to-cnt1", "slot", "slot show", "slot switch",
-          "copy", "copy backup2tmp", "copy cntbackup2tmp", "copy cntbackup2backup",
-          "copy merge-file2accept", "copy backup2copy", "restore", "run"}) {
+    for (const std::string command : {"",
+                                      "status",
+                                      "completion",
+                                      "verify",
+                                      "save",
+                                      "accept",
+                                      "nv",
+                                      "nv list",
+                                      "nv read",
+                                      "nv write",
+                                      "nv verify",
+                                      "nv init",
+                                      "nv clear",
+                                      "nv flags",
+                                      "nv sync",
+                                      "nv dump",
+                                      "repair",
+                                      "identity",
+                                      "identity show",
+                                      "identity set",
+                                      "identity carry",
+                                      "identity carry vpd-to-flash",
+                                      "identity carry vpd-to-disk",
+                                      "identity carry cnt0-to-cnt1",
+                                      "slot",
+                                      "slot show",
+                                      "slot switch",
+                                      "copy",
+                                      "copy backup2tmp",
+                                      "copy cntbackup2tmp",
+                                      "copy cntbackup2backup",
+                                      "copy merge-file2accept",
+                                      "copy backup2copy",
+                                      "restore",
+                                      "run"}) {
         const Ran help = ctl(0, command + " --help");
         EXPECT_EQ(help.code, 0) << command;
         EXPECT_THAT(help.out, HasSubstr("Usage: kestactl")) << command;
@@ -68,12 +95,27 @@ TEST_F(Kestactl, HelpAndVersion)
 
 TEST_F(Kestactl, WrongUsageIsTwoAndJsonWhereAsked)
 {
-    for (const std::string arguments :
-         {"", "frob", "nv", "nv read", "nv read group extra", "nv read no-such-block", "nv read 99",
-          "nv write group", "slot switch --backup", "slot switch --backup nonsense",
-          "nv read group --from nowhere", "restore", "restore ../x", "restore network --from here",
-          "restore 'a b'", "restore $(printf %040d 1)", "copy", "copy frob", "run", "--trace 9 status",
-          "copy backup2copy 'x;y'"}) {
+    for (const std::string arguments : {"",
+                                        "frob",
+                                        "nv",
+                                        "nv read",
+                                        "nv read group extra",
+                                        "nv read no-such-block",
+                                        "nv read 99",
+                                        "nv write group",
+                                        "slot switch --backup",
+                                        "slot switch --backup nonsense",
+                                        "nv read group --from nowhere",
+                                        "restore",
+                                        "restore ../x",
+                                        "restore network --from here",
+                                        "restore 'a b'",
+                                        "restore $(printf %040d 1)",
+                                        "copy",
+                                        "copy frob",
+                                        "run",
+                                        "--trace 9 status",
+                                        "copy backup2copy 'x;y'"}) {
         const Ran refused = ctl(0, arguments);
         EXPECT_EQ(refused.code, 2) << arguments << refused.err;
         EXPECT_EQ(refused.out, "") << arguments;
@@ -101,8 +143,8 @@ TEST_F(Kestactl, ClosedStandardDescriptorsHarmNothing)
 {
     set_slots();
     const auto before = snapshot();
-    for (const char *verb : {"status", "slot show", "verify", "version show", "nv verify", "nv list",
-                             "identity show", "lock check"}) {
+    for (const char *verb :
+         {"status", "slot show", "verify", "version show", "nv verify", "nv list", "identity show", "lock check"}) {
         for (const char *closed : {"<&-", ">&-", "2>&-", "<&- >&-", ">&- 2>&-", "<&- >&- 2>&-"}) {
             ctl(0, std::string(verb) + " " + closed);
             on(0, std::string("cpinfo -i ") + closed);
@@ -136,8 +178,7 @@ TEST_F(Kestactl, BlocksByNameAndNumberFromEitherPlace)
     set_slots();
     EXPECT_EQ(ctl(0, "nv read 31").out, "kesta_backup0\n");
     EXPECT_EQ(ctl(0, "nv read backup-name").out, "kesta_backup0\n");
-    EXPECT_EQ(ctl(0, "nv read backup-name --from memory --json").json().at("result").at("place"),
-              "NV memory");
+    EXPECT_EQ(ctl(0, "nv read backup-name --from memory --json").json().at("result").at("place"), "NV memory");
     EXPECT_EQ(ctl(0, "nv read backup-name --from sysback --json").json().at("result").at("place"),
               "system backup area");
     EXPECT_EQ(ctl(0, "nv write numbering-version 41").code, 0);
@@ -176,11 +217,9 @@ TEST_F(Kestactl, EnvironmentTravelsThroughEveryFlow)
     ASSERT_EQ(ctl(0, "copy cntbackup2tmp").code, 0);
     EXPECT_EQ(file_on(0, "/tmp/kesta_sys/tmp/backup.tar.Z"), backup);
 
-    ASSERT_EQ(on(0, "cp /opt/kesta_sys/bakup/accept.tar.Z /var/run/kesta_sys/tmp/backup.tar.Z").code,
-              0);
+    ASSERT_EQ(on(0, "cp /opt/kesta_sys/bakup/accept.tar.Z /var/run/kesta_sys/tmp/backup.tar.Z").code, 0);
     ASSERT_EQ(ctl(0, "copy merge-file2accept").code, 0);
-    ASSERT_EQ(ctl(3, "copy backup2tmp --accept --check").code, 0)
-        << ctl(3, "copy backup2tmp --help").out;
+    ASSERT_EQ(ctl(3, "copy backup2tmp --accept --check").code, 0) << ctl(3, "copy backup2tmp --help").out;
     EXPECT_EQ(file_on(3, "/tmp/kesta_sys/tmp/check.tar.Z"), accept);
 
     script(2, "env_copy_scr.sh", "cp /opt/kesta_sys/bakup/backup.tar.Z /etc/kesta_sys/copied\n");
@@ -229,8 +268,9 @@ TEST_F(Kestactl, RunPassesTheOutcome)
     const Ran killed = ctl(0, "run --json -- 'kill -9 $$'");
     EXPECT_EQ(killed.code, 1);
     EXPECT_EQ(killed.json().at("result").at("signal"), 9);
-    EXPECT_EQ(ctl(0, "run --event e1 --platform-status p1 -- 'echo $KESTA_EVENT "
-                     "$KESTA_VRBGETSTAT'")
+    EXPECT_EQ(ctl(0,
+                  "run --event e1 --platform-status p1 -- 'echo $KESTA_EVENT "
+                  "$KESTA_VRBGETSTAT'")
                   .out,
               "e1 p1\n");
 }
@@ -241,8 +281,7 @@ TEST_F(Kestactl, DryRunsWriteNothingAtAll)
     save_environment(0);
     save_environment(0, "accept.tar.Z");
     ASSERT_EQ(ctl(0, "copy cntbackup2backup").code, 0);
-    ASSERT_EQ(on(0, "cp /opt/kesta_sys/bakup/accept.tar.Z /var/run/kesta_sys/tmp/backup.tar.Z").code,
-              0);
+    ASSERT_EQ(on(0, "cp /opt/kesta_sys/bakup/accept.tar.Z /var/run/kesta_sys/tmp/backup.tar.Z").code, 0);
     script(0, "env_copy_scr.sh", "touch /etc/kesta_sys/ran\n");
     script(0, "env_restore1_udbk_scr.sh", "touch /etc/kesta_sys/ran\n");
     script(0, "env_restore1_rbap_scr.sh", "touch /etc/kesta_sys/ran\n");
@@ -263,10 +302,9 @@ TEST_F(Kestactl, DryRunsWriteNothingAtAll)
     for (const std::string &command : commands) {
         const auto before = snapshot();
         const std::size_t words = command.find(" -- ");
-        const std::string dry =
-            words == std::string::npos
-                ? command + " --dry-run"
-                : command.substr(0, words) + " --dry-run" + command.substr(words);
+        const std::string dry = words == std::string::npos
+                                    ? command + " --dry-run"
+                                    : command.substr(0, words) + " --dry-run" + command.substr(words);
         for (const std::string global : {"", "--json ", "--trace 5 "}) {
             const Ran planned = ctl(0, global + dry);
             EXPECT_EQ(planned.code, 0) << dry << planned.err;
@@ -289,8 +327,7 @@ TEST_F(Kestactl, PlatformFailureIsFourAndSaysWhich)
     EXPECT_EQ(on(0, "echo 'nv_write 1 on fail 5' > /tmp/faults").code, 0);
     const Ran failed = on(0, "KESTA_PLATFORM_FAULT_FILE=/tmp/faults kestactl nv write group x");
     expect_refusal(failed, 4);
-    const Ran in_json =
-        on(0, "KESTA_PLATFORM_FAULT_FILE=/tmp/faults kestactl --json nv write group x");
+    const Ran in_json = on(0, "KESTA_PLATFORM_FAULT_FILE=/tmp/faults kestactl --json nv write group x");
     EXPECT_EQ(in_json.json().at("error").at("exit"), 4);
     EXPECT_FALSE(in_json.json().at("error").at("traces").empty());
     EXPECT_EQ(ctl(0, "nv read group").out, "\n") << "nothing was written";
@@ -308,8 +345,7 @@ TEST_F(Kestactl, InnerLockHeldByAnotherIsThree)
     // A holder on CNT1 whose slot stays set.
     {
         constexpr std::streamoff slot_of_cnt1 = 616;
-        std::fstream image(dir / "shared/nv/region2.img",
-                           std::ios::in | std::ios::out | std::ios::binary);
+        std::fstream image(dir / "shared/nv/region2.img", std::ios::in | std::ios::out | std::ios::binary);
         image.seekp(slot_of_cnt1);
         image.write("\1\0\0\0\0\0\0\0\x19\0\0\0\0\0\0\0", 16);
     }
@@ -338,8 +374,9 @@ TEST_F(Kestactl, UnknownCommandsAreNamedWithTheNearestOne)
 {
     const Ran one = ctl(0, "stauts");
     EXPECT_EQ(one.code, 2);
-    EXPECT_EQ(one.err, "kestactl: 'stauts' is no command of kestactl.\n"
-                       "Did you mean 'status'? See --help for all of them.\n");
+    EXPECT_EQ(one.err,
+              "kestactl: 'stauts' is no command of kestactl.\n"
+              "Did you mean 'status'? See --help for all of them.\n");
     const Ran inner = ctl(0, "--trace 3 nv raed group");
     EXPECT_EQ(inner.code, 2);
     EXPECT_THAT(inner.err, testing::HasSubstr("'raed' is no command of 'kestactl nv'"));
@@ -364,8 +401,10 @@ TEST_F(Kestactl, InterruptionIsToldAndEndsWithItsCode)
 {
     write_file(host_path(0, "opt/faults"), "nv_read 1 on delay 30000\n");
     for (const std::string option : {"", "--json "}) {
-        const Ran cut = on(0, "export KESTA_PLATFORM_FAULT_FILE=/opt/faults; "
-                              "timeout --preserve-status --foreground -s INT 0.5 kestactl " + option + "status");
+        const Ran cut = on(0,
+                           "export KESTA_PLATFORM_FAULT_FILE=/opt/faults; "
+                           "timeout --preserve-status --foreground -s INT 0.5 kestactl " +
+                               option + "status");
         EXPECT_EQ(cut.code, 130) << cut.err;
         if (option.empty()) {
             EXPECT_THAT(cut.err, testing::HasSubstr("kestactl: Interrupted."));
@@ -399,11 +438,9 @@ TEST_F(Kestactl, ShellsCompleteCommandsOptionsAndNames)
     EXPECT_EQ(completed("kestactl slot switch --backup kesta_backup1 --accept kesta_"),
               "kesta_backup0 kesta_backup1\n");
     EXPECT_EQ(completed("kestactl identity carry cnt0"), "cnt0-to-cnt1\n");
-    EXPECT_EQ(completed("kestactl restore network --from ''"),
-              "backup accept kesta_backup0 kesta_backup1\n");
+    EXPECT_EQ(completed("kestactl restore network --from ''"), "backup accept kesta_backup0 kesta_backup1\n");
     EXPECT_EQ(completed("kestactl restore network --from = acc"), "accept\n");
-    EXPECT_EQ(completed("kestactl restore network --from ="),
-              "backup accept kesta_backup0 kesta_backup1\n");
+    EXPECT_EQ(completed("kestactl restore network --from ="), "backup accept kesta_backup0 kesta_backup1\n");
     EXPECT_EQ(completed("kestactl copy merge-file2accept --slot ''"), "kesta_backup0 kesta_backup1\n");
     EXPECT_EQ(completed("kestactl identity set --in e"), "eeprom\n");
     EXPECT_EQ(completed("kestactl copy backup2tmp --accept net"), "network\n") << "a flag has no value";
@@ -415,8 +452,7 @@ TEST_F(Kestactl, ShellsCompleteCommandsOptionsAndNames)
     EXPECT_EQ(ctl(0, "version set numbering 41").code, 0);
     EXPECT_EQ(completed("kestactl version compare --backup 4"), "41\n");
     const std::string identifier = ctl(0, "lock take").out;
-    EXPECT_EQ(completed("kestactl lock release ''"),
-              "--help --dry-run --force --controller " + identifier)
+    EXPECT_EQ(completed("kestactl lock release ''"), "--help --dry-run --force --controller " + identifier)
         << "what can stand there";
     for (const std::string shell : {"bash", "zsh"}) {
         EXPECT_EQ(ctl(0, "completion " + shell).code, 0);

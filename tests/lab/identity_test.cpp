@@ -36,24 +36,27 @@ protected:
     // A saved environment with a part for each controller, as it is after an installation.
     void save_parts(int controller) const
     {
-        std::string make = "rm -rf /tmp/src && mkdir -p /tmp/src/C/etc/inet && cd /tmp/src && "
-                           "echo " + old_guid + " > C/etc/cp_guid && "
-                           "printf '192.168.100.10 CNT0 %s-0\\n192.168.100.11 CNT1 %s-1\\n' " +
-                           old_wwn + " " + old_wwn + " > C/etc/inet/hosts && "
-                           "mkdir -p C/etc/app && echo kept > C/etc/app/settings";
+        std::string make =
+            "rm -rf /tmp/src && mkdir -p /tmp/src/C/etc/inet && cd /tmp/src && "
+            "echo " +
+            old_guid +
+            " > C/etc/cp_guid && "
+            "printf '192.168.100.10 CNT0 %s-0\\n192.168.100.11 CNT1 %s-1\\n' " +
+            old_wwn + " " + old_wwn +
+            " > C/etc/inet/hosts && "
+            "mkdir -p C/etc/app && echo kept > C/etc/app/settings";
         for (const std::string part : {"0", "1"}) {
-            make += " && mkdir -p " + part + "/etc " + part + "/boot/solaris && echo " + old_wwn + "-" +
-                    part + " > " + part + "/etc/nodename && printf 'MODEL=K1\\ncp_wwn=" + old_wwn +
-                    "\\ncp_serial_number=" + old_serialno + "\\n' > " + part +
-                    "/boot/solaris/bootenv.rc";
+            make += " && mkdir -p " + part + "/etc " + part + "/boot/solaris && echo " + old_wwn + "-" + part + " > " +
+                    part + "/etc/nodename && printf 'MODEL=K1\\ncp_wwn=" + old_wwn +
+                    "\\ncp_serial_number=" + old_serialno + "\\n' > " + part + "/boot/solaris/bootenv.rc";
         }
         succeed(controller, make + " && tar -cjf " + flash_archive + " -- *");
     }
     // What an archive holds: a line for each file with its contents' checksum.
     std::string contents(int controller, const std::string &archive) const
     {
-        const Ran run = on(controller, "rm -rf /tmp/look && mkdir /tmp/look && cd /tmp/look && tar -xjf " +
-                                           archive + " && find . -type f | sort | xargs sha256sum");
+        const Ran run = on(controller, "rm -rf /tmp/look && mkdir /tmp/look && cd /tmp/look && tar -xjf " + archive +
+                                           " && find . -type f | sort | xargs sha256sum");
         EXPECT_EQ(run.code, 0) << run.err;
         return run.out;
     }
@@ -68,24 +71,20 @@ protected:
             succeed(n, "echo " + name + " > /etc/nodename && tar -C / -xjf " + flash_archive +
                            " --strip-components=1 C && eeprom MODEL=K1 && "
                            "kestactl version set current 41 && kestactl version set flash 41 && "
-                           "kestactl identity set --wwn " + old_wwn + " --serialno " + old_serialno +
-                           " --guid " + old_guid);
+                           "kestactl identity set --wwn " +
+                           old_wwn + " --serialno " + old_serialno + " --guid " + old_guid);
             const Ran shown = ctl(n, "identity show");
             ASSERT_EQ(shown.code, 0) << shown.out << shown.err;
         }
         succeed(0, "kestactl repair && kestactl copy cntbackup2backup");
     }
-    void replace_board() const
-    {
-        succeed(0, vpdctl + " -w " + new_wwn + " -s " + new_serialno + " -g " + new_guid);
-    }
+    void replace_board() const { succeed(0, vpdctl + " -w " + new_wwn + " -s " + new_serialno + " -g " + new_guid); }
     // Everything but the trace logs.
     std::map<std::string, std::string> state() const
     {
         std::map<std::string, std::string> files = snapshot();
         std::erase_if(files, [](const auto &file) {
-            return file.first.find("trace.log") != std::string::npos ||
-                   file.first.find("/tmp") != std::string::npos ||
+            return file.first.find("trace.log") != std::string::npos || file.first.find("/tmp") != std::string::npos ||
                    file.first.find("mycntno") != std::string::npos;
         });
         return files;
@@ -153,12 +152,14 @@ protected:
     {
         write_file(host_path(0, "opt/plant.py"),
                    "import io, tarfile\n"
-                   "tar = tarfile.open('" + flash_archive + "', 'w:bz2', format=tarfile.GNU_FORMAT)\n"
-                   "def add(name, kind=tarfile.REGTYPE, target='', text=b'planted\\n', mode=0o644):\n"
-                   "    info = tarfile.TarInfo(name)\n"
-                   "    info.type, info.linkname, info.mode = kind, target, mode\n"
-                   "    info.size = len(text) if kind == tarfile.REGTYPE else 0\n"
-                   "    tar.addfile(info, io.BytesIO(text) if info.size else None)\n" +
+                   "tar = tarfile.open('" +
+                       flash_archive +
+                       "', 'w:bz2', format=tarfile.GNU_FORMAT)\n"
+                       "def add(name, kind=tarfile.REGTYPE, target='', text=b'planted\\n', mode=0o644):\n"
+                       "    info = tarfile.TarInfo(name)\n"
+                       "    info.type, info.linkname, info.mode = kind, target, mode\n"
+                       "    info.size = len(text) if kind == tarfile.REGTYPE else 0\n"
+                       "    tar.addfile(info, io.BytesIO(text) if info.size else None)\n" +
                        members + "\ntar.close()\n");
         succeed(0, "python3 /opt/plant.py");
     }
@@ -191,12 +192,11 @@ TEST_F(LabHostileIdentity, OnlyFoldersAndPlainFilesAreUnpacked)
          {"add('1/etc/nodename', tarfile.SYMTYPE, '/opt/outside/file')",
           "add('C/etc/cp_guid', tarfile.SYMTYPE, '/opt/outside/new')",
           "add('0/etc/nodename', tarfile.SYMTYPE, '/opt/outside/file')",
-          "add('0/etc/nodename', tarfile.LNKTYPE, '/opt/outside/file')",
-          "add('0', tarfile.SYMTYPE, '/opt/outside')", "add('1', tarfile.SYMTYPE, '/opt/outside')",
-          "add('C', tarfile.SYMTYPE, '/opt/outside')", "add('C/etc/inet', tarfile.SYMTYPE, '/opt/outside')",
-          "add('0/etc/nodename', tarfile.FIFOTYPE)", "add('0/boot/solaris/bootenv.rc', tarfile.FIFOTYPE)",
-          "add('C/etc/cp_guid', tarfile.FIFOTYPE)", "add('C/dev', tarfile.CHRTYPE)",
-          "add('C/etc/prog', mode=0o4755)", "add('C/etc/prog', mode=0o2755)",
+          "add('0/etc/nodename', tarfile.LNKTYPE, '/opt/outside/file')", "add('0', tarfile.SYMTYPE, '/opt/outside')",
+          "add('1', tarfile.SYMTYPE, '/opt/outside')", "add('C', tarfile.SYMTYPE, '/opt/outside')",
+          "add('C/etc/inet', tarfile.SYMTYPE, '/opt/outside')", "add('0/etc/nodename', tarfile.FIFOTYPE)",
+          "add('0/boot/solaris/bootenv.rc', tarfile.FIFOTYPE)", "add('C/etc/cp_guid', tarfile.FIFOTYPE)",
+          "add('C/dev', tarfile.CHRTYPE)", "add('C/etc/prog', mode=0o4755)", "add('C/etc/prog', mode=0o2755)",
           "add('0'); add('1'); add('C')", "add('../../../../opt/outside/new')",
           "add('C/etc/a\\n-rw-r--r-- 0/0 1 2000-01-01 00:00 b', tarfile.SYMTYPE, '/opt/outside')"}) {
         expect_refused(members);
@@ -205,8 +205,10 @@ TEST_F(LabHostileIdentity, OnlyFoldersAndPlainFilesAreUnpacked)
 
 TEST_F(LabHostileIdentity, TreeIsForRootOnly)
 {
-    plant("add('./', tarfile.DIRTYPE, mode=0o777); add('C/etc/secret', mode=0o666); "
-          "add('0/etc/nodename', text=b'" + old_wwn + "-0\\n'); add('1/etc/nodename', text=b'" + old_wwn + "-1\\n')");
+    plant(
+        "add('./', tarfile.DIRTYPE, mode=0o777); add('C/etc/secret', mode=0o666); "
+        "add('0/etc/nodename', text=b'" +
+        old_wwn + "-0\\n'); add('1/etc/nodename', text=b'" + old_wwn + "-1\\n')");
     EXPECT_EQ(on(0, distribute + " /opt/kesta_sys/bakup/ && stat -c %a " + tree).out, "700\n");
     const Ran carried = ctl(0, "identity carry vpd-to-flash");
     EXPECT_EQ(carried.code, 0) << carried.err;
@@ -225,7 +227,8 @@ TEST_F(LabHostileIdentity, TooMuchIsRefused)
     const Ran refused = on(0, distribute + " /opt/kesta_sys/bakup/");
     EXPECT_EQ(refused.code, 1);
     EXPECT_THAT(refused.err, HasSubstr("holds more than 67108864 bytes"));
-    succeed(0, "mkdir -p /opt/big/C/etc && cd /opt/big && truncate -s 1T C/etc/holes && tar -S -cjf " + flash_archive + " C");
+    succeed(0, "mkdir -p /opt/big/C/etc && cd /opt/big && truncate -s 1T C/etc/holes && tar -S -cjf " + flash_archive +
+                   " C");
     EXPECT_THAT(on(0, distribute + " /opt/kesta_sys/bakup/").err, HasSubstr("holds files of more than"));
     succeed(0, "head -c 100 " + flash_archive + " > /opt/cut && cp /opt/cut " + flash_archive);
     EXPECT_THAT(on(0, distribute + " /opt/kesta_sys/bakup/").err, HasSubstr("is damaged"));
@@ -256,15 +259,17 @@ TEST_F(LabIdentity, SavedEnvironmentIsOpenedAndPackedAgain)
     EXPECT_EQ(on(0, collect + " 2").code, 1);
     EXPECT_EQ(on(0, collect).code, 1);
     EXPECT_EQ(on(0, distribute + " /tmp/nowhere").code, 1);
-    EXPECT_EQ(on(0, "mkdir /tmp/bad && head -c 200 " + flash_archive +
-                        " > /tmp/bad/backup.tar.Z && " + distribute + " /tmp/bad")
+    EXPECT_EQ(on(0, "mkdir /tmp/bad && head -c 200 " + flash_archive + " > /tmp/bad/backup.tar.Z && " + distribute +
+                        " /tmp/bad")
                   .code,
               1);
     EXPECT_EQ(file_on(0, tree + "/0/etc/nodename"), "mine\n");
     EXPECT_EQ(on(0, "rm -rf " + tree + " && " + collect + " 0").code, 1);
     // For the merge cache it is the archive that was fetched into the temporary cache.
-    EXPECT_EQ(on(0, "cp " + flash_archive + " /tmp/kesta_sys/tmp/backup.tar.Z && rm -f "
-                    "/var/run/kesta_sys/tmp/backup.tar.Z && " + distribute + " /var/run/kesta_sys/tmp/")
+    EXPECT_EQ(on(0, "cp " + flash_archive +
+                        " /tmp/kesta_sys/tmp/backup.tar.Z && rm -f "
+                        "/var/run/kesta_sys/tmp/backup.tar.Z && " +
+                        distribute + " /var/run/kesta_sys/tmp/")
                   .code,
               0);
     EXPECT_EQ(file_on(0, tree + "/0/etc/nodename"), "mine\n");
@@ -289,11 +294,16 @@ TEST_F(LabIdentity, ShowMarksWhatDiffers)
 
 TEST_F(LabIdentity, SetChecksItsValuesFirst)
 {
-    const std::string wrong[] = {
-          "", "--wwn short", "--wwn 500000E0D000000123", "--wwn '5000 0E0D0000001'",
-          "--wwn '$(reboot)0000000'", "--serialno -000000000000000", "--guid " + old_wwn,
-          "--guid 0123abcd_4567-89ab-cdef-0123456789ab", "--wwn " + new_wwn + " --in nowhere",
-          "--guid " + new_guid + " --in eeprom"};
+    const std::string wrong[] = {"",
+                                 "--wwn short",
+                                 "--wwn 500000E0D000000123",
+                                 "--wwn '5000 0E0D0000001'",
+                                 "--wwn '$(reboot)0000000'",
+                                 "--serialno -000000000000000",
+                                 "--guid " + old_wwn,
+                                 "--guid 0123abcd_4567-89ab-cdef-0123456789ab",
+                                 "--wwn " + new_wwn + " --in nowhere",
+                                 "--guid " + new_guid + " --in eeprom"};
     for (const std::string &arguments : wrong) {
         EXPECT_EQ(ctl(0, "identity set " + arguments).code, 2) << arguments;
     }
@@ -362,8 +372,10 @@ TEST_F(LabIdentity, ValueThatAShellWouldActOnIsRefusedByName)
 TEST_F(LabIdentity, NameGivenByHandStays)
 {
     install();
-    succeed(0, "mkdir /tmp/e && cd /tmp/e && tar -xjf " + flash_archive + " && echo storage-a > "
-               "0/etc/nodename && tar -cjf " + flash_archive + " -- * && echo storage-a > /etc/nodename");
+    succeed(0, "mkdir /tmp/e && cd /tmp/e && tar -xjf " + flash_archive +
+                   " && echo storage-a > "
+                   "0/etc/nodename && tar -cjf " +
+                   flash_archive + " -- * && echo storage-a > /etc/nodename");
     replace_board();
     EXPECT_EQ(ctl(0, "identity carry vpd-to-flash").code, 0);
     EXPECT_EQ(file_on(0, "/etc/nodename"), "storage-a\n");
@@ -383,10 +395,13 @@ protected:
         set_slots();
         for (const int n : {0, 1}) {
             const std::string name = old_wwn + "-" + std::to_string(n);
-            succeed(n, "mkdir -p /etc/app /etc/kesta_sys/app && echo kept > /etc/app/settings && "
-                       "ln -s settings /etc/app/link && ln /etc/app/settings /etc/app/second && eeprom MODEL=K" +
-                           std::to_string(n) + " && echo " + name + " > /etc/nodename && "
-                       "kestactl identity set --wwn " + old_wwn + " --serialno " + old_serialno + " --guid " + old_guid);
+            succeed(n,
+                    "mkdir -p /etc/app /etc/kesta_sys/app && echo kept > /etc/app/settings && "
+                    "ln -s settings /etc/app/link && ln /etc/app/settings /etc/app/second && eeprom MODEL=K" +
+                        std::to_string(n) + " && echo " + name +
+                        " > /etc/nodename && "
+                        "kestactl identity set --wwn " +
+                        old_wwn + " --serialno " + old_serialno + " --guid " + old_guid);
             define(n, "<file path=\"/etc/app\"/>");
         }
         succeed(0, "kestactl repair");
@@ -394,8 +409,8 @@ protected:
     void define(int controller, const std::string &files) const
     {
         write_file(host_path(controller, "etc/kesta_sys/app/define.xml"),
-                   "<?xml version=\"1.0\"?>\n<group id=\"app\" operation=\"update\" type=\"files\"><setinfo>" +
-                       files + "</setinfo></group>\n");
+                   "<?xml version=\"1.0\"?>\n<group id=\"app\" operation=\"update\" type=\"files\"><setinfo>" + files +
+                       "</setinfo></group>\n");
     }
     // What verify says of the identity; empty: nothing is to be done.
     std::string advice(int controller) const
@@ -450,7 +465,8 @@ TEST_F(LabSavedIdentity, BothControllersFollowAndTheEnvironmentStaysWhatItWas)
         EXPECT_THAT(file_on(n, "/etc/inet/hosts"), HasSubstr("CNT1 " + new_wwn + "-1\n"));
         EXPECT_EQ(on(n, "tar -tvjf " + flash_archive + " | grep etc/ | grep -v ' [01C]/'").out, listed)
             << "the group's files, links and second names";
-        EXPECT_EQ(on(n, "tar -tjf " + flash_archive + " | grep -c ^[01C]/").out, n == 0 ? "15\n" : "17\n") << "with both controllers' own files, or the first one's";
+        EXPECT_EQ(on(n, "tar -tjf " + flash_archive + " | grep -c ^[01C]/").out, n == 0 ? "15\n" : "17\n")
+            << "with both controllers' own files, or the first one's";
     }
     // It can be restored, here and there, and the identity stays.
     for (const int n : {0, 1}) {
@@ -501,8 +517,9 @@ TEST_F(LabSavedIdentity, WhatTheRunWouldMeetTheDryRunTells)
     succeed(0, "kestactl save app && kestactl identity set --wwn " + new_wwn + " --in nv");
     succeed(0, "kestactl version set backup 0");
     expect_told(1, "cnt0-to-cnt1", "no backup version");
-    succeed(0, "kestactl version set backup 1 && head -c 100 /opt/kesta_platform/shared/sysback/kesta_backup0 > /tmp/cut "
-               "&& cp /tmp/cut /opt/kesta_platform/shared/sysback/kesta_backup0");
+    succeed(0,
+            "kestactl version set backup 1 && head -c 100 /opt/kesta_platform/shared/sysback/kesta_backup0 > /tmp/cut "
+            "&& cp /tmp/cut /opt/kesta_platform/shared/sysback/kesta_backup0");
     expect_told(1, "cnt0-to-cnt1", "Slot kesta_backup0");
 }
 
@@ -550,8 +567,7 @@ TEST_F(LabIdentity, BoardIsReplacedAndBothControllersFollow)
         EXPECT_EQ(file_on(n, "/etc/cp_guid"), new_guid + "\n");
         EXPECT_EQ(file_on(n, "/etc/kesta_sys/wwn"), new_wwn + "\n");
         EXPECT_EQ(file_on(n, "/etc/kesta_sys/version"), "42\n");
-        EXPECT_EQ(on(n, "eeprom").out, "MODEL=K1\ncp_wwn=" + new_wwn + "\ncp_serial_number=" +
-                                           new_serialno + "\n");
+        EXPECT_EQ(on(n, "eeprom").out, "MODEL=K1\ncp_wwn=" + new_wwn + "\ncp_serial_number=" + new_serialno + "\n");
         EXPECT_EQ(ctl(n, "nv read version-cnt" + std::to_string(n)).out, "42\n");
     }
     const std::string hosts = file_on(0, "/etc/inet/hosts");
@@ -564,9 +580,8 @@ TEST_F(LabIdentity, BoardIsReplacedAndBothControllersFollow)
 
     // A second run changes nothing.
     const auto before = state();
-    for (const auto &[controller, flow] :
-         {std::pair(0, "vpd-to-flash"), std::pair(0, "vpd-to-disk"), std::pair(1, "cnt0-to-cnt1"),
-          std::pair(1, "vpd-to-disk")}) {
+    for (const auto &[controller, flow] : {std::pair(0, "vpd-to-flash"), std::pair(0, "vpd-to-disk"),
+                                           std::pair(1, "cnt0-to-cnt1"), std::pair(1, "vpd-to-disk")}) {
         const Ran again = ctl(controller, std::string("identity carry ") + flow);
         EXPECT_EQ(again.code, 0) << again.err;
         EXPECT_THAT(again.out, HasSubstr("Nothing to carry")) << flow;

@@ -22,8 +22,8 @@ protected:
     Ran with_faults(int controller, const std::string &rules) const
     {
         write_file(host_path(controller, "opt/faults"), rules);
-        return on(controller, "KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl nv write group " +
-                                  std::string("cnt") + std::to_string(controller));
+        return on(controller, "KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl nv write group " + std::string("cnt") +
+                                  std::to_string(controller));
     }
 
     // Two reads of NV memory come before those of the inner lock: the command looks for the locks of others.
@@ -37,8 +37,9 @@ protected:
     // The next waiter gets the lock; how long it waited, in milliseconds of its clock.
     long wait_of(int controller) const
     {
-        const Ran waited = on(controller, "LD_PRELOAD=/opt/libfast_clock.so kestactl --trace 4 "
-                                          "nv write group after");
+        const Ran waited = on(controller,
+                              "LD_PRELOAD=/opt/libfast_clock.so kestactl --trace 4 "
+                              "nv write group after");
         EXPECT_EQ(waited.code, 0) << waited.err;
         EXPECT_EQ(ctl(3, "nv read group").out, "after\n");
         long retries = 0;
@@ -61,10 +62,7 @@ protected:
     }
 };
 
-TEST_F(LabLocks, FreeLockIsHadAtOnce)
-{
-    EXPECT_EQ(wait_of(1), 0);
-}
+TEST_F(LabLocks, FreeLockIsHadAtOnce) { EXPECT_EQ(wait_of(1), 0); }
 
 TEST_F(LabLocks, HolderKilledAfterItsClaimIsClearedAfterItsTime)
 {
@@ -95,23 +93,22 @@ TEST_F(LabLocks, HolderKilledAtItsReleaseIsClearedAfterItsTime)
 // and clears it after its time.
 TEST_F(LabLocks, HolderKilledWhileWithdrawingIsClearedAfterItsTime)
 {
-    write_file(host_path(1, "opt/faults"),
-               "nv_write 1 once block /opt/gate\nnv_write 2 once kill\n");
+    write_file(host_path(1, "opt/faults"), "nv_write 1 once block /opt/gate\nnv_write 2 once kill\n");
     write_file(host_path(0, "opt/faults"), "nv_read 4 once block /opt/gate\n");
     const std::string enter = lab() + " --dir " + dir.string() + " exec ";
-    const std::string act = " -- /bin/sh -c 'KESTA_PLATFORM_FAULT_FILE=/opt/faults "
-                            "LD_PRELOAD=/opt/libfast_clock.so kestactl --trace 5 nv write group x' "
-                            "< /dev/null 2> ";
+    const std::string act =
+        " -- /bin/sh -c 'KESTA_PLATFORM_FAULT_FILE=/opt/faults "
+        "LD_PRELOAD=/opt/libfast_clock.so kestactl --trace 5 nv write group x' "
+        "< /dev/null 2> ";
     const std::string gate0 = host_path(0, "opt/gate").string();
     const std::string gate1 = host_path(1, "opt/gate").string();
     // A gate opens for writing when its process stands there, and lets it go on when it is closed.
-    const Ran both =
-        shell("mkfifo " + gate0 + " " + gate1 + "\n" +                                      //
-              enter + "CNT1" + act + (home / "err1").string() + " & one=$!\n" +             //
-              "exec 4> " + gate1 + "\n" +                                                   //
-              enter + "CNT0" + act + (home / "err0").string() + " 4>&- & zero=$!\n" +       //
-              "exec 3> " + gate0 + "\n" +                                                   //
-              "exec 4>&-\nwait $one\necho one $?\nexec 3>&-\nwait $zero\necho zero $?\n");
+    const Ran both = shell("mkfifo " + gate0 + " " + gate1 + "\n" +                                 //
+                           enter + "CNT1" + act + (home / "err1").string() + " & one=$!\n" +        //
+                           "exec 4> " + gate1 + "\n" +                                              //
+                           enter + "CNT0" + act + (home / "err0").string() + " 4>&- & zero=$!\n" +  //
+                           "exec 3> " + gate0 + "\n" +                                              //
+                           "exec 4>&-\nwait $one\necho one $?\nexec 3>&-\nwait $zero\necho zero $?\n");
     EXPECT_EQ(both.out, "one 137\nDone: write 'x' to group\nzero 0\n") << both.err << read_file(home / "err0");
     const std::string err0 = read_file(home / "err0");
     EXPECT_THAT(err0, HasSubstr("InnerLock Control Check Error.(rtn=-173, rtnstatus=0)"));
@@ -131,20 +128,26 @@ TEST_F(LabLocks, ProcessStoppedInItsAttemptDoesNotShutItsControllerOut)
     const std::string gate = host_path(0, "opt/gate").string();
     const std::string pid = host_path(0, "opt/pid").string();
     const std::string enter = lab() + " --dir " + dir.string() + " exec ";
-    const std::string waiter = " -- /bin/sh -c 'LD_PRELOAD=/opt/libfast_clock.so kestactl --trace 4 "
-                               "nv write group after' 2> ";
-    const Ran both =
-        shell("mkfifo " + gate + "\n" + enter +
-              "CNT0 -- /bin/sh -c 'echo $$ > /opt/pid; KESTA_PLATFORM_FAULT_FILE=/opt/faults "
-              "exec kestactl nv write group stopped' & stopped=$!\n"
-              "exec 3> " + gate + "\n"
-              "kill -STOP $(cat " + pid + ")\n" +
-              enter + "CNT0" + waiter + (home / "err0").string() + "\necho $?\n" +
-              enter + "CNT1" + waiter + (home / "err1").string() + "\necho $?\n"
-              "kill -CONT $(cat " + pid + ")\n"
-              "exec 3>&-\nwait $stopped\necho $?\n");
-    EXPECT_EQ(both.out, "Done: write 'after' to group\n0\nDone: write 'after' to group\n0\n"
-                        "Done: write 'stopped' to group\n0\n")
+    const std::string waiter =
+        " -- /bin/sh -c 'LD_PRELOAD=/opt/libfast_clock.so kestactl --trace 4 "
+        "nv write group after' 2> ";
+    const Ran both = shell("mkfifo " + gate + "\n" + enter +
+                           "CNT0 -- /bin/sh -c 'echo $$ > /opt/pid; KESTA_PLATFORM_FAULT_FILE=/opt/faults "
+                           "exec kestactl nv write group stopped' & stopped=$!\n"
+                           "exec 3> " +
+                           gate +
+                           "\n"
+                           "kill -STOP $(cat " +
+                           pid + ")\n" + enter + "CNT0" + waiter + (home / "err0").string() + "\necho $?\n" + enter +
+                           "CNT1" + waiter + (home / "err1").string() +
+                           "\necho $?\n"
+                           "kill -CONT $(cat " +
+                           pid +
+                           ")\n"
+                           "exec 3>&-\nwait $stopped\necho $?\n");
+    EXPECT_EQ(both.out,
+              "Done: write 'after' to group\n0\nDone: write 'after' to group\n0\n"
+              "Done: write 'stopped' to group\n0\n")
         << both.err << read_file(home / "err0");
     EXPECT_THAT(read_file(home / "err0"), HasSubstr("[kestal_cntl_innerlock] lock retry...(300)"));
     EXPECT_THAT(read_file(home / "err1"), Not(HasSubstr("lock retry")));

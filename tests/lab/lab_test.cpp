@@ -22,8 +22,7 @@ TEST_F(Lab, FoldersOfSomebodyElseAreNoLabs)
         ASSERT_EQ(chown((other / "lab.conf").c_str(), 0, 0), 0);
         ASSERT_EQ(chown((other / planted).c_str(), 12345, 12345), 0);
         fs::create_directories(other / "below");
-        const Ran entered =
-            shell("cd " + (other / "below").string() + " && " + lab() + " exec CNT0 -- true");
+        const Ran entered = shell("cd " + (other / "below").string() + " && " + lab() + " exec CNT0 -- true");
         EXPECT_NE(entered.code, 0);
         EXPECT_THAT(entered.err, HasSubstr("belongs to somebody else"));
     }
@@ -52,12 +51,14 @@ TEST_F(Lab, FoldersBelongToEachControllerAndOnlyTheStoreIsShared)
 
 TEST_F(Lab, CommandLinesFindTheirProgramsAtTheirPaths)
 {
-    EXPECT_EQ(on(0, "echo x > /tmp/x && /usr/sbin/tar -C /tmp -cf /tmp/x.tar x && "
-                    "/usr/bin/bunzip2 --help > /dev/null 2>&1; test -x /usr/sbin/cpinfo")
+    EXPECT_EQ(on(0,
+                 "echo x > /tmp/x && /usr/sbin/tar -C /tmp -cf /tmp/x.tar x && "
+                 "/usr/bin/bunzip2 --help > /dev/null 2>&1; test -x /usr/sbin/cpinfo")
                   .code,
               0);
-    EXPECT_EQ(on(0, "test -d /opt/kesta_sys/bakup -a -d /tmp/kesta_sys/tmp -a "
-                    "-d /var/run/kesta_sys/tmp -a -d /etc/kesta_sys")
+    EXPECT_EQ(on(0,
+                 "test -d /opt/kesta_sys/bakup -a -d /tmp/kesta_sys/tmp -a "
+                 "-d /var/run/kesta_sys/tmp -a -d /etc/kesta_sys")
                   .code,
               0);
 }
@@ -74,8 +75,7 @@ TEST_F(Lab, WrongUseIsRefusedWithOneSentence)
     const std::string in = lab() + " --dir " + dir.string() + " ";
     for (const std::string &command :
          {in + "exec CNT4 -- true", in + "exec", in + "frob", lab() + " create " + dir.string(),
-          lab() + " --dir " + home.string() + " exec CNT0 -- true",
-          lab() + " destroy " + home.string()}) {
+          lab() + " --dir " + home.string() + " exec CNT0 -- true", lab() + " destroy " + home.string()}) {
         const Ran refused = shell(command);
         EXPECT_NE(refused.code, 0) << command;
         EXPECT_FALSE(refused.err.empty()) << command;
@@ -99,8 +99,7 @@ TEST_F(Lab, FaultsAreSetFromOutside)
     set_slots();
     EXPECT_EQ(ctl(0, "nv read accept-name --from memory").code, 0);
     EXPECT_EQ(on(0, "echo 'nv_read 1 on fail 5' > /tmp/faults").code, 0);
-    const Ran failed =
-        on(0, "KESTA_PLATFORM_FAULT_FILE=/tmp/faults kestactl nv read accept-name --from memory");
+    const Ran failed = on(0, "KESTA_PLATFORM_FAULT_FILE=/tmp/faults kestactl nv read accept-name --from memory");
     EXPECT_EQ(failed.code, 4);
     EXPECT_EQ(ctl(1, "nv read accept-name --from memory").code, 0);
 }
@@ -123,24 +122,25 @@ TEST_F(LabRemote, CommandsReachTheOtherController)
 {
     EXPECT_EQ(on(0, "/usr/bin/rsh -l vndrmnt CNT2 cat /etc/hostname").out, "cnt2\n");
     EXPECT_EQ(on(3, "/usr/bin/rsh -l vndrmnt CNT1 'exit 7'").code, 7);
-    EXPECT_EQ(on(0, "pfexec su vndrmnt -c \"/usr/bin/rsh -l vndrmnt CNT1 pfexec touch /opt/x\"").code,
-              0);
+    EXPECT_EQ(on(0, "pfexec su vndrmnt -c \"/usr/bin/rsh -l vndrmnt CNT1 pfexec touch /opt/x\"").code, 0);
     EXPECT_TRUE(fs::exists(host_path(1, "opt/x")));
     EXPECT_FALSE(fs::exists(host_path(0, "opt/x")));
 }
 
 TEST_F(LabRemote, FilesArriveWithOwnerModeAndTime)
 {
-    EXPECT_EQ(on(0, "echo one > /etc/remote-one; echo two > /etc/remote-two; "
-                    "touch -d '2001-02-03 04:05:06 UTC' /etc/remote-one /etc/remote-two; "
-                    "chmod 600 /etc/remote-one; chown daemon /etc/remote-two")
+    EXPECT_EQ(on(0,
+                 "echo one > /etc/remote-one; echo two > /etc/remote-two; "
+                 "touch -d '2001-02-03 04:05:06 UTC' /etc/remote-one /etc/remote-two; "
+                 "chmod 600 /etc/remote-one; chown daemon /etc/remote-two")
                   .code,
               0);
     ASSERT_EQ(ctl(0, "script samefiles CNT1 /etc/remote-one /etc/remote-two").code, 0);
     const Ran ran = on(0, std::string("/bin/sh ") + samefile);
     EXPECT_EQ(ran.code, 0) << ran.err;
-    EXPECT_EQ(on(1, "cat /etc/remote-one /etc/remote-two; "
-                    "TZ=UTC stat -c '%U:%G %a %y' /etc/remote-one /etc/remote-two")
+    EXPECT_EQ(on(1,
+                 "cat /etc/remote-one /etc/remote-two; "
+                 "TZ=UTC stat -c '%U:%G %a %y' /etc/remote-one /etc/remote-two")
                   .out,
               "one\ntwo\nroot:root 644 2001-02-03 04:05:06.000000000 +0000\n"
               "root:root 644 2001-02-03 04:05:06.000000000 +0000\n");
@@ -157,8 +157,7 @@ TEST_F(LabRemote, AcceptedArchiveBecomesTheBackup)
     const fs::path flash = host_path(1, "opt/kesta_sys/bakup");
     EXPECT_EQ(read_file(flash / "backup.tar.Z"), read_file(flash / "accept.tar.Z"));
     EXPECT_EQ(on(1, "stat -c %U /opt/kesta_sys/bakup/accept.tar.Z").out, "root\n");
-    EXPECT_EQ(on(1, "stat -c %U /opt/kesta_sys/bakup/backup.tar.Z").out, "vndrmnt\n")
-        << "left to the maintenance user";
+    EXPECT_EQ(on(1, "stat -c %U /opt/kesta_sys/bakup/backup.tar.Z").out, "vndrmnt\n") << "left to the maintenance user";
 }
 
 TEST_F(LabRemote, StepThatFailsDoesNotEndTheScript)
@@ -178,8 +177,8 @@ TEST_F(LabRemote, StepThatHangsIsKilledAndGivesItsCode)
 TEST_F(LabRemote, ScriptsRefuseWhatCanNotBeSent)
 {
     for (const std::string arguments :
-         {"samefiles CNT1 relative", "samefiles CNT1 '/a b'", "samefiles CNT1 '/a;b'",
-          "samefiles CNT0 /a", "samefiles CNT9 /a", "samefiles CNT1", "tarz", "tarz CNT0"}) {
+         {"samefiles CNT1 relative", "samefiles CNT1 '/a b'", "samefiles CNT1 '/a;b'", "samefiles CNT0 /a",
+          "samefiles CNT9 /a", "samefiles CNT1", "tarz", "tarz CNT0"}) {
         EXPECT_EQ(ctl(0, "script " + arguments).code, 2) << arguments;
     }
     EXPECT_EQ(ctl(0, "script tarz CNT1 --dry-run").code, 0);
@@ -193,9 +192,11 @@ TEST_F(Lab, CallerOfASetUserIdProgramDoesNotChooseWhatItRuns)
     const std::string plain = "PATH=/evil:/usr/bin TAR_OPTIONS=--evil BASH_ENV=/evil LANG=C ";
     EXPECT_EQ(on(0, plain + "/opt/shower").out, "/evil:/usr/bin --evil /evil C\n") << "the caller's own";
     if (geteuid() == 0) {
-        const Ran shown = on(0, "mkdir /tmp/suid && mount -t tmpfs tmpfs /tmp/suid && cp /opt/shower /tmp/suid && "
-                                "chmod 4755 /tmp/suid/shower && " + plain +
-                                    "/usr/bin/setpriv --reuid 54321 --regid 54321 --clear-groups /tmp/suid/shower");
+        const Ran shown =
+            on(0,
+               "mkdir /tmp/suid && mount -t tmpfs tmpfs /tmp/suid && cp /opt/shower /tmp/suid && "
+               "chmod 4755 /tmp/suid/shower && " +
+                   plain + "/usr/bin/setpriv --reuid 54321 --regid 54321 --clear-groups /tmp/suid/shower");
         EXPECT_EQ(shown.out, "/usr/sbin:/usr/bin:/sbin:/bin   C\n") << shown.err;
     }
 }

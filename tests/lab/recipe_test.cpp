@@ -35,9 +35,10 @@ class Recipe : public LibraryTest {};
 
 TEST_F(Recipe, HasProgramsFoldersAndFilesWithTheirLines)
 {
-    const lab::Recipe recipe = recipe_of("# a platform\nsbin cpinfo\nproduct tool\nproduct other tool\n\n"
-                                         "shared-folder nv\nshared-file status\n| a = 1\n|\n| b = 2\n"
-                                         "own-folder boot\nown-file etc/a.conf\n| n = @NUMBER@\nown-file etc/empty\n");
+    const lab::Recipe recipe = recipe_of(
+        "# a platform\nsbin cpinfo\nproduct tool\nproduct other tool\n\n"
+        "shared-folder nv\nshared-file status\n| a = 1\n|\n| b = 2\n"
+        "own-folder boot\nown-file etc/a.conf\n| n = @NUMBER@\nown-file etc/empty\n");
     EXPECT_THAT(recipe.sbin_programs, ElementsAre("cpinfo"));
     EXPECT_THAT(recipe.product_programs, ElementsAre("tool", "other tool"));
     EXPECT_THAT(recipe.shared_folders, ElementsAre("nv"));

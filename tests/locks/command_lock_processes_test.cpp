@@ -22,10 +22,7 @@ struct Caller {
     bool suspends = false;
 };
 
-std::string marked(const char *what, int lock_type)
-{
-    return std::string(what) + " " + std::to_string(lock_type);
-}
+std::string marked(const char *what, int lock_type) { return std::string(what) + " " + std::to_string(lock_type); }
 
 KESTA_COMMAND_LOCKINFO own_slot(int controller)
 {
@@ -46,8 +43,8 @@ bool suspend_and_retake(const Caller &caller, char *identifier)
 {
     mark(marked("leaving", caller.lock_type));
     EXPECT_EQ(kestal_global_command_unlock_func(caller.controller, identifier, 1), 0);
-    const int result = kestal_global_command_lock_func(caller.controller, KESTA_LOCK_TYPE1,
-                                                       identifier, nullptr, 1, nullptr);
+    const int result =
+        kestal_global_command_lock_func(caller.controller, KESTA_LOCK_TYPE1, identifier, nullptr, 1, nullptr);
     EXPECT_TRUE(result == 0 || result == refused);
     if (result == 0) {
         mark(marked("holding", caller.lock_type));
@@ -62,8 +59,8 @@ void run_caller(const Caller &caller)
         platform().wall_seconds += 10 + caller.controller;  // an identifier of its own
         char identifier[64] = "";
         int met = -1;
-        const int result = kestal_global_command_lock_func(caller.controller, caller.lock_type,
-                                                           identifier, nullptr, 0, &met);
+        const int result =
+            kestal_global_command_lock_func(caller.controller, caller.lock_type, identifier, nullptr, 0, &met);
         if (result == refused) {
             EXPECT_NE(met, -1);
             EXPECT_NE(met, caller.controller) << "nobody else writes the own slot";
@@ -234,9 +231,7 @@ TEST_F(CommandLockProcesses, TwoThatWriteBeforeEitherReadsAgainBothWithdraw)
             return [type, controller] {
                 char identifier[64];
                 int met = -1;
-                EXPECT_EQ(kestal_global_command_lock_func(controller, type, identifier, nullptr, 0,
-                                                          &met),
-                          refused);
+                EXPECT_EQ(kestal_global_command_lock_func(controller, type, identifier, nullptr, 0, &met), refused);
                 EXPECT_EQ(met, 1 - controller) << "the one that it met";
             };
         };
@@ -254,8 +249,7 @@ TEST_F(CommandLockProcesses, TwoOfTypeTwoThatWriteBeforeEitherReadsAgainBothHold
     const auto attempt = [](int controller) {
         return [controller] {
             char identifier[64];
-            EXPECT_EQ(kestal_global_command_lock_func(controller, KESTA_LOCK_TYPE2, identifier,
-                                                      nullptr, 0, nullptr),
+            EXPECT_EQ(kestal_global_command_lock_func(controller, KESTA_LOCK_TYPE2, identifier, nullptr, 0, nullptr),
                       0);
         };
     };
@@ -274,8 +268,7 @@ TEST_F(CommandLockProcesses, OneThatWritesFirstIsMetByTheOneThatReadBefore)
     const auto attempt = [](int controller, int expected) {
         return [controller, expected] {
             char identifier[64];
-            EXPECT_EQ(kestal_global_command_lock_func(controller, KESTA_LOCK_TYPE1, identifier,
-                                                      nullptr, 0, nullptr),
+            EXPECT_EQ(kestal_global_command_lock_func(controller, KESTA_LOCK_TYPE1, identifier, nullptr, 0, nullptr),
                       expected);
         };
     };
@@ -337,9 +330,7 @@ TEST_F(CommandLockProcesses, TwoProcessesOfOneControllerCanBothHold)
     processes.run_until(first, "nv_read 600 64");  // it has read a free image
     const int second = processes.start(0, [] {
         char identifier[64];
-        EXPECT_EQ(kestal_global_command_lock_func(0, KESTA_LOCK_TYPE1, identifier, nullptr, 0,
-                                                  nullptr),
-                  0);
+        EXPECT_EQ(kestal_global_command_lock_func(0, KESTA_LOCK_TYPE1, identifier, nullptr, 0, nullptr), 0);
         mark("holding 1");
     });
     processes.run_until(second, "mark holding");
@@ -353,7 +344,9 @@ TEST_F(CommandLockProcesses, TwoControllersThatClearOneDeadLockCanLetTwoHold)
 {
     Interleaving processes;
     const auto taker = [](int controller) {
-        return [controller] { run_caller({controller, KESTA_LOCK_TYPE1, 1}); };
+        return [controller] {
+            run_caller({controller, KESTA_LOCK_TYPE1, 1});
+        };
     };
     const auto sweeper = [] {
         EXPECT_GT(kestal_global_command_lock_check(-1, nullptr, nullptr), 0);
@@ -364,8 +357,8 @@ TEST_F(CommandLockProcesses, TwoControllersThatClearOneDeadLockCanLetTwoHold)
     processes.run_until(dead, "mark holding");
     processes.kill_process(dead);
     const int slow = processes.start(2, sweeper);
-    processes.run_until(slow, "nv_write 56 16");   // the group name goes first
-    processes.run_until(slow, "nv_read 600 64");   // before the section that clears the slot
+    processes.run_until(slow, "nv_write 56 16");  // the group name goes first
+    processes.run_until(slow, "nv_read 600 64");  // before the section that clears the slot
     const int quick = processes.start(1, sweeper);
     processes.run_until(quick, "end");
     const int again = processes.start(0, taker(0));

@@ -76,15 +76,13 @@ TEST_F(CommandLock, EachTypeHasItsStatus)
         EXPECT_TRUE(is_free(0) && is_free(1) && is_free(3));
     }
     EXPECT_EQ(p().traces.front().text, tag + "Global command lock Start. cnt_num=2 lock_type=1");
-    EXPECT_EQ(p().traces.back(), (Trace{5, tag + "Global command lock End.",
-                                        "../common/kestal_command_lock.cpp"}));
+    EXPECT_EQ(p().traces.back(), (Trace{5, tag + "Global command lock End.", "../common/kestal_command_lock.cpp"}));
 }
 
 TEST_F(CommandLock, ReadsWritesAndReadsAgainInSectionsOfTheirOwn)
 {
     EXPECT_EQ(lock(1, 1), 0);
-    const std::vector<std::string> section_before{"nv_read 600 64", "nv_write 600 16",
-                                                  "nv_read 600 64"};
+    const std::vector<std::string> section_before{"nv_read 600 64", "nv_write 600 16", "nv_read 600 64"};
     std::vector<std::string> expected;
     for (const std::string access : {"nv_read 200 96", "nv_write 224 24", "nv_read 200 96"}) {
         expected.insert(expected.end(), section_before.begin(), section_before.end());
@@ -119,8 +117,7 @@ TEST_F(CommandLock, AnyStatusRefusesEveryTypeAndTheOwnSlotCounts)
                     EXPECT_EQ(met, holder);
                     EXPECT_THAT(p().texts(1),
                                 ElementsAre(tag + "Lock Error. Already locked Command lock. CNT=" +
-                                            std::to_string(holder) +
-                                            " lockstatus=" + std::to_string(status)));
+                                            std::to_string(holder) + " lockstatus=" + std::to_string(status)));
                     EXPECT_EQ(slot(holder).sign, 5) << "as it was";
                     EXPECT_TRUE(holder == 1 || is_free(1));
                 }
@@ -134,8 +131,7 @@ TEST_F(CommandLock, SuspendedLockRefusesOnlyNewLocksOfTypeOne)
     set_slot(3, 0, 42, 43);
     EXPECT_EQ(lock(0, 1), -101);
     EXPECT_EQ(met, 3);
-    EXPECT_THAT(p().texts(1),
-                ElementsAre(tag + "Sign Error. Already locked Command lock. CNT=3 sign=42"));
+    EXPECT_THAT(p().texts(1), ElementsAre(tag + "Sign Error. Already locked Command lock. CNT=3 sign=42"));
     for (const int type : {2, 3}) {
         EXPECT_EQ(lock(0, type), 0);
         EXPECT_EQ(kestal_global_command_unlock_func(0, nullptr, 0), 0);
@@ -157,8 +153,8 @@ TEST_F(CommandLock, FirstSlotInTheWayIsNamed)
 TEST_F(CommandLock, ArgumentsAreChecked)
 {
     EXPECT_EQ(kestal_global_command_lock_func(0, 1, nullptr, nullptr, 0, &met), -931);
-    EXPECT_EQ(p().traces.back(), (Trace{1, tag + "Argument Error.(lock_identifier=NULL)",
-                                        "../common/kestal_command_lock.cpp"}));
+    EXPECT_EQ(p().traces.back(),
+              (Trace{1, tag + "Argument Error.(lock_identifier=NULL)", "../common/kestal_command_lock.cpp"}));
     for (const int controller : {-1, 4}) {
         EXPECT_EQ(lock(controller, 1), -1);
         EXPECT_EQ(p().traces.back().text, tag + "Get Block ID(ID TYPE=LOCK) Error. result=-931");
@@ -166,8 +162,7 @@ TEST_F(CommandLock, ArgumentsAreChecked)
     EXPECT_THAT(p().calls, IsEmpty());
     for (const int type : {0, 4, -1}) {
         EXPECT_EQ(lock(0, type), -931);
-        EXPECT_EQ(p().traces.back().text,
-                  tag + "Argument Error. lock_type=" + std::to_string(type) + ".");
+        EXPECT_EQ(p().traces.back().text, tag + "Argument Error. lock_type=" + std::to_string(type) + ".");
         EXPECT_TRUE(is_free(0));
     }
 }
@@ -202,8 +197,7 @@ TEST_F(CommandLock, OneThatWroteAtTheSameTimeMakesTheCallerWithdraw)
             EXPECT_TRUE(is_free(1)) << "withdrawn";
             EXPECT_EQ(met, other);
             EXPECT_THAT(p().texts(1),
-                        ElementsAre(tag + "Lock Error. " + c.text + " Command lock. CNT=" +
-                                    std::to_string(other) +
+                        ElementsAre(tag + "Lock Error. " + c.text + " Command lock. CNT=" + std::to_string(other) +
                                     " lockstatus=" + std::to_string(c.other_status)));
         }
     }
@@ -259,8 +253,7 @@ TEST_F(CommandLock, GroupNameThatCanNotBeStoredLeavesTheLock)
 
 TEST_F(CommandLock, EveryFaultLeavesNoInnerLockUnlessItsReleaseFailed)
 {
-    sweep_faults([] { reset(); },
-                 [this] { return lock(0, 1); },
+    sweep_faults([] { reset(); }, [this] { return lock(0, 1); },
                  [](int result, bool) {
                      EXPECT_TRUE(result == 0 || result == -1);
                      if (result == 0) {
@@ -278,19 +271,19 @@ TEST_F(CommandLock, SlotsAreReadAndWrittenInOneSection)
     KESTA_COMMAND_LOCKINFO all[4];
     EXPECT_EQ(kestal_read_cmd_lockinfo(41, all, sizeof(all), 0), 0);
     EXPECT_EQ(all[1].sign, 11);
-    EXPECT_EQ(p().traces.front().text, "[kestal_read_cmd_lockinfo] Command lock information read "
-                                       "Start. block_id=41 size=96");
-    EXPECT_EQ(p().traces.back(),
-              (Trace{5, "[kestal_read_cmd_lockinfo] Command lock information read End. rtn=0",
-                     "../common/kestal_cmd_lockinfo.cpp"}));
+    EXPECT_EQ(p().traces.front().text,
+              "[kestal_read_cmd_lockinfo] Command lock information read "
+              "Start. block_id=41 size=96");
+    EXPECT_EQ(p().traces.back(), (Trace{5, "[kestal_read_cmd_lockinfo] Command lock information read End. rtn=0",
+                                        "../common/kestal_cmd_lockinfo.cpp"}));
     KESTA_COMMAND_LOCKINFO one{2, 0, 21, 22};
     p().traces.clear();
     EXPECT_EQ(kestal_write_cmd_lockinfo(44, &one, sizeof(one), 3), 0);
     EXPECT_EQ(slot(3).timeout, 22);
-    EXPECT_EQ(p().traces.front().text, "[kestal_write_cmd_lockinfo] Command lock information write "
-                                       "Start. block_id=44 size=24");
-    EXPECT_EQ(p().traces.back().text,
-              "[kestal_write_cmd_lockinfo] Command lock information write End. ret=0");
+    EXPECT_EQ(p().traces.front().text,
+              "[kestal_write_cmd_lockinfo] Command lock information write "
+              "Start. block_id=44 size=24");
+    EXPECT_EQ(p().traces.back().text, "[kestal_write_cmd_lockinfo] Command lock information write End. ret=0");
 }
 
 TEST_F(CommandLock, SlotAccessChecksItsArguments)
@@ -320,13 +313,11 @@ TEST_F(CommandLock, SlotAccessTellsItsFailures)
     EXPECT_TRUE(p().traced(1, "[kestal_write_cmd_lockinfo] InnerLock Lock Failed. result=-931"));
     p().fail_kind("nv_read", 2, 5);
     EXPECT_EQ(kestal_read_cmd_lockinfo(42, &one, 24, 0), -1);
-    EXPECT_TRUE(
-        p().traced(1, "[kestal_read_cmd_lockinfo] Read non_volatile memory Error. block_id=42"));
+    EXPECT_TRUE(p().traced(1, "[kestal_read_cmd_lockinfo] Read non_volatile memory Error. block_id=42"));
     EXPECT_TRUE(inner_lock_is_free()) << "always released";
     p().fail_kind("nv_write", 1, 5);
     EXPECT_EQ(kestal_write_cmd_lockinfo(42, &one, 24, 0), -1);
-    EXPECT_TRUE(
-        p().traced(1, "[kestal_write_cmd_lockinfo] Write non_volatile memory Error. block_id=42"));
+    EXPECT_TRUE(p().traced(1, "[kestal_write_cmd_lockinfo] Write non_volatile memory Error. block_id=42"));
     EXPECT_TRUE(inner_lock_is_free());
     p().fail_kind("nv_write", 1, 5);
     EXPECT_EQ(kestal_read_cmd_lockinfo(42, &one, 24, 0), -1);
@@ -357,9 +348,8 @@ TEST_F(CommandUnlock, ReleaseClearsSlotAndGroupName)
     EXPECT_EQ(unlock(2, identifier), 0);
     EXPECT_TRUE(is_free(2));
     EXPECT_EQ(p().text_at(nv_group, 16), "");
-    EXPECT_EQ(p().traces.front(),
-              (Trace{4, tag + "Global command unlock Start. cnt_num=2 lock_identifier=1000000",
-                     "../common/kestal_command_lock.cpp"}));
+    EXPECT_EQ(p().traces.front(), (Trace{4, tag + "Global command unlock Start. cnt_num=2 lock_identifier=1000000",
+                                         "../common/kestal_command_lock.cpp"}));
     EXPECT_TRUE(p().traced(4, tag + "read_cmd_lockinfo end. block_id=43"));
     EXPECT_TRUE(p().traced(4, tag + "write_cmd_lockinfo start. block_id=43"));
     EXPECT_EQ(p().traces.back().text, tag + "Global command unlock End.");
@@ -465,11 +455,9 @@ TEST_F(CommandLockCheck, NothingTakenIsZero)
     EXPECT_EQ(check(), 0);
     EXPECT_EQ(met, 77);
     EXPECT_EQ(group[0], '#');
-    EXPECT_EQ(p().traces.front().text,
-              "[global_command_lock_check] Command lock Timeout chack Start. cnt_num=-1");
-    EXPECT_EQ(p().traces.back(),
-              (Trace{5, "[global_command_lock_check] Command lock Timeout chack End.",
-                     "../common/kestal_command_lock.cpp"}));
+    EXPECT_EQ(p().traces.front().text, "[global_command_lock_check] Command lock Timeout chack Start. cnt_num=-1");
+    EXPECT_EQ(p().traces.back(), (Trace{5, "[global_command_lock_check] Command lock Timeout chack End.",
+                                        "../common/kestal_command_lock.cpp"}));
 }
 
 TEST_F(CommandLockCheck, FirstLiveLockIsNamedWithItsGroup)
@@ -493,8 +481,7 @@ TEST_F(CommandLockCheck, ControllerOutsideIsRefused)
     for (const int controller : {-2, 4, 100}) {
         EXPECT_EQ(check(controller), -1);
         EXPECT_EQ(p().traces.back().text,
-                  "[global_command_lock_check] Parameter Error. cnt_num=" +
-                      std::to_string(controller));
+                  "[global_command_lock_check] Parameter Error. cnt_num=" + std::to_string(controller));
     }
     EXPECT_THAT(p().calls, IsEmpty());
 }
@@ -511,13 +498,15 @@ TEST_F(CommandLockCheck, LockSeenUnchangedForMoreThanTenMinutesIsCleared)
     EXPECT_EQ(check(), 0);
     EXPECT_TRUE(is_free(1));
     EXPECT_EQ(p().text_at(nv_group, 16), "");
-    EXPECT_TRUE(p().traced(4, "[kestal_global_command_lock_check] Command lock Timeout OCCUR. "
-                              "cnt_num=1 timeout=1600"));
-    EXPECT_TRUE(p().traced(3, "[compare_cntlock_timeout] command_lock timeout (cntno:1) "
-                              "(curclock:1101, clock:500)"));
-    EXPECT_TRUE(p().traced(
-        4, "[kestal_global_command_unlock] Global command unlock Start. cnt_num=1 "
-           "lock_identifier=NULL"));
+    EXPECT_TRUE(p().traced(4,
+                           "[kestal_global_command_lock_check] Command lock Timeout OCCUR. "
+                           "cnt_num=1 timeout=1600"));
+    EXPECT_TRUE(p().traced(3,
+                           "[compare_cntlock_timeout] command_lock timeout (cntno:1) "
+                           "(curclock:1101, clock:500)"));
+    EXPECT_TRUE(p().traced(4,
+                           "[kestal_global_command_unlock] Global command unlock Start. cnt_num=1 "
+                           "lock_identifier=NULL"));
 }
 
 TEST_F(CommandLockCheck, EachTypeAndASuspendedOneTimesOut)
@@ -570,8 +559,7 @@ TEST_F(CommandLockCheck, FailuresAreTold)
 {
     p().fail_kind("nv_read", 0, 5);
     EXPECT_EQ(check(), -1);
-    EXPECT_TRUE(
-        p().traced(1, "[global_command_lock_check] Read Lock info of CNT(-1) Error. result=-1"));
+    EXPECT_TRUE(p().traced(1, "[global_command_lock_check] Read Lock info of CNT(-1) Error. result=-1"));
     set_slot(1, 1, 42, 1600);
     EXPECT_EQ(check(), 42);
     pass_seconds(601);
@@ -585,8 +573,7 @@ TEST_F(CommandLockCheck, ObservationsAreKeptForEachController)
 {
     EXPECT_EQ(kestal_compare_cntlock_timeout(0, 5), 0);
     EXPECT_THAT(p().texts(5), ElementsAre("[compare_cntlock_timeout] value = 5 save value = 0"));
-    EXPECT_TRUE(
-        p().traced(4, "[compare_cntlock_timeout] command_lock(cnt0) set value = 5 clock = 500"));
+    EXPECT_TRUE(p().traced(4, "[compare_cntlock_timeout] command_lock(cnt0) set value = 5 clock = 500"));
     pass_seconds(601);
     EXPECT_EQ(kestal_compare_cntlock_timeout(1, 5), 0);
     EXPECT_EQ(kestal_compare_cntlock_timeout(0, 5), 1);
@@ -605,8 +592,7 @@ TEST_F(CommandLockCheck, ValueZeroIsKeptWithClockZero)
 {
     EXPECT_EQ(kestal_compare_cntlock_timeout(0, 5), 0);
     EXPECT_EQ(kestal_compare_cntlock_timeout(0, 0), 0);
-    EXPECT_TRUE(
-        p().traced(4, "[compare_cntlock_timeout] command_lock(cnt0) set value = 0 clock = 0"));
+    EXPECT_TRUE(p().traced(4, "[compare_cntlock_timeout] command_lock(cnt0) set value = 0 clock = 0"));
     p().clock_us = 601'000'000;
     EXPECT_EQ(kestal_compare_cntlock_timeout(0, 0), 1) << "since clock 0";
 }
@@ -636,10 +622,8 @@ TEST_F(BackupLock, TypeOneLockBecomesARunningBackupAndIsRenewed)
     EXPECT_EQ(slot(0).filler, 0);
     EXPECT_EQ(slot(0).sign, now) << "kept";
     EXPECT_EQ(slot(0).timeout, now + 50 + 600);
-    EXPECT_EQ(p().traces.front().text,
-              tag + "Backup command lock Start. cnt_num=0 lock_identifier=1000000");
-    EXPECT_EQ(p().traces.back(), (Trace{5, tag + "Backup command lock End.",
-                                        "../common/kestal_command_lock.cpp"}));
+    EXPECT_EQ(p().traces.front().text, tag + "Backup command lock Start. cnt_num=0 lock_identifier=1000000");
+    EXPECT_EQ(p().traces.back(), (Trace{5, tag + "Backup command lock End.", "../common/kestal_command_lock.cpp"}));
     EXPECT_EQ(kestal_backup_lock(identifier), -1) << "not again";
     EXPECT_EQ(kestal_global_command_unlock_func(0, identifier, 0), 0);
 }

@@ -116,8 +116,7 @@ TEST_F(LocalLock, DescriptorIsNoneOfTheStandardOnes)
         for (int number = 0; number < 3; ++number) {
             closed = closed && fcntl(number, F_GETFD) == -1;
         }
-        _exit((held ? 0 : 1) | (lock > 2 ? 0 : 2) | (read && std::string(line) == "said" ? 0 : 4) |
-              (closed ? 0 : 8));
+        _exit((held ? 0 : 1) | (lock > 2 ? 0 : 2) | (read && std::string(line) == "said" ? 0 : 4) | (closed ? 0 : 8));
     }
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
@@ -134,10 +133,9 @@ TEST_F(LocalLock, TakenAndGivenBack)
     const auto line = [](const std::string &text) {
         return Trace{5, "[kestal_local_command_lock] " + text, "../common/kestal_local_lock.cpp"};
     };
-    EXPECT_THAT(p().traces,
-                ElementsAre(line("Local command lock Start."),
-                            line("Lock File opened. f_name=" + lock_folder + "backup"),
-                            line("File(backup) Locked."), line("Local command lock End.")));
+    EXPECT_THAT(p().traces, ElementsAre(line("Local command lock Start."),
+                                        line("Lock File opened. f_name=" + lock_folder + "backup"),
+                                        line("File(backup) Locked."), line("Local command lock End.")));
     p().traces.clear();
     EXPECT_EQ(kestal_file_command_unlock(&fd), 0);
     EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "closed";
@@ -215,8 +213,8 @@ TEST_F(LocalLock, MissingFolderIsTold)
     char missing[] = "no/such";
     EXPECT_EQ(kestal_file_command_lock(&fd, missing), -121);
     EXPECT_EQ(fd, -1);
-    EXPECT_TRUE(p().traced(1, "[kestal_local_command_lock] File Open Error. f_name=" + lock_folder +
-                                  "no/such errno=2"));
+    EXPECT_TRUE(
+        p().traced(1, "[kestal_local_command_lock] File Open Error. f_name=" + lock_folder + "no/such errno=2"));
 }
 
 TEST_F(LocalLock, OnlyAPlainFileOfTheLockFolderIsUsed)
@@ -228,8 +226,8 @@ TEST_F(LocalLock, OnlyAPlainFileOfTheLockFolderIsUsed)
     EXPECT_EQ(mkfifo((lock_folder + "fifo").c_str(), 0666), 0);
     const int reader = ::open((lock_folder + "fifo").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     EXPECT_EQ(mkdir((lock_folder + "folder").c_str(), 0755), 0);
-    for (const char *wrong : {"link", "dangling", "fifo", "folder", "../../../../tmp/elsewhere", "../planted",
-                              "", ".", ".."}) {
+    for (const char *wrong :
+         {"link", "dangling", "fifo", "folder", "../../../../tmp/elsewhere", "../planted", "", ".", ".."}) {
         EXPECT_EQ(try_lock(wrong), -121) << wrong;
         EXPECT_EQ(p().texts(1).back().rfind("[kestal_local_command_lock] File Open Error. f_name=", 0), 0u);
     }
@@ -243,8 +241,7 @@ TEST_F(LocalLock, ModeThatCanNotBeSetIsOnlyTold)
 {
     p().fail_kind("chmod");
     EXPECT_EQ(kestal_file_command_lock(&fd, name), 0);
-    EXPECT_TRUE(
-        p().traced(4, "[kestal_local_command_lock] PERMISSION no-set. f_name=" + lock_folder + name));
+    EXPECT_TRUE(p().traced(4, "[kestal_local_command_lock] PERMISSION no-set. f_name=" + lock_folder + name));
     EXPECT_EQ(mode_of(lock_folder + name), 0600u);
     EXPECT_EQ(kestal_file_command_unlock(&fd), 0);
 }
@@ -285,8 +282,8 @@ TEST_F(LockFile, WrittenAsOneLineAndReadBack)
     EXPECT_EQ(p().traces.back().text, "[kestal_create_lock_file] create_lock_file End.");
     EXPECT_EQ(kestal_read_lock_file(path.c_str(), buffer, 11), 0);
     EXPECT_STREQ(buffer, "1234567890");
-    EXPECT_EQ(p().traces.back(), (Trace{5, "[kestal_read_lock_file] Read lock file End.",
-                                        "../common/kestal_local_lock.cpp"}));
+    EXPECT_EQ(p().traces.back(),
+              (Trace{5, "[kestal_read_lock_file] Read lock file End.", "../common/kestal_local_lock.cpp"}));
     EXPECT_TRUE(p().traced(5, "[kestal_read_lock_file] Read lock file Start."));
 }
 
@@ -299,8 +296,10 @@ TEST_F(LockFile, ReplacesWhatWasThere)
 
 TEST_F(LockFile, TenCharactersAreRead)
 {
-    const std::pair<const char *, const char *> cases[] = {
-        {"12345678901\n", "1234567890"}, {"  42 43\n", "42"}, {"abc", "abc"}, {"\n\n9\n", "9"}};
+    const std::pair<const char *, const char *> cases[] = {{"12345678901\n", "1234567890"},
+                                                           {"  42 43\n", "42"},
+                                                           {"abc", "abc"},
+                                                           {"\n\n9\n", "9"}};
     for (const auto &[text, expected] : cases) {
         write_file(path, text);
         EXPECT_EQ(kestal_read_lock_file(path.c_str(), buffer, 11), 0);
@@ -319,13 +318,11 @@ TEST_F(LockFile, EmptyFileLeavesTheBufferAsItWas)
 TEST_F(LockFile, ArgumentsAreChecked)
 {
     EXPECT_EQ(kestal_create_lock_file(nullptr, nullptr), -931);
-    EXPECT_EQ(p().traces.back().text,
-              "[kestal_create_lock_file] Argument Error.(lock_identifier=NULL).");
+    EXPECT_EQ(p().traces.back().text, "[kestal_create_lock_file] Argument Error.(lock_identifier=NULL).");
     EXPECT_EQ(kestal_create_lock_file("1", nullptr), -931);
     EXPECT_EQ(p().traces.back().text, "[kestal_create_lock_file] Argument Error.(lock_name=NULL).");
     EXPECT_EQ(kestal_read_lock_file(nullptr, nullptr, 0), -931);
-    EXPECT_EQ(p().traces.back().text,
-              "[kestal_read_lock_file] Argument Error.(lock_identifier=NULL).");
+    EXPECT_EQ(p().traces.back().text, "[kestal_read_lock_file] Argument Error.(lock_identifier=NULL).");
     EXPECT_EQ(kestal_read_lock_file(nullptr, buffer, 0), -931);
     EXPECT_EQ(p().traces.back().text, "[kestal_read_lock_file] Argument Error.(file_name=NULL).");
     for (const int size : {10, 0, -1}) {
@@ -348,8 +345,8 @@ TEST_F(LockFile, FailuresAreTold)
     p().fail_kind("write", 0, 1);
     p().fault_errno = 28;
     EXPECT_EQ(kestal_create_lock_file("12", path.c_str()), -1);
-    EXPECT_TRUE(p().traced(1, "[kestal_create_lock_file] File Write Error lock_name=" + path +
-                                  " len=3 result=-1 errno=28"));
+    EXPECT_TRUE(
+        p().traced(1, "[kestal_create_lock_file] File Write Error lock_name=" + path + " len=3 result=-1 errno=28"));
 }
 
 TEST_F(LockFile, LinkIsNotWrittenThroughAndAFifoNotWaitedFor)
@@ -363,8 +360,9 @@ TEST_F(LockFile, LinkIsNotWrittenThroughAndAFifoNotWaitedFor)
     EXPECT_EQ(kestal_read_lock_file("/tmp/fifo", buffer, 11), 0) << "nothing in it";
     EXPECT_STREQ(buffer, "###########");
     EXPECT_EQ(kestal_create_lock_file("42", "/dev/full"), -1);
-    EXPECT_EQ(p().texts(1).back(), "[kestal_create_lock_file] File Write Error lock_name=/dev/full len=3 "
-                                   "result=-1 errno=28");
+    EXPECT_EQ(p().texts(1).back(),
+              "[kestal_create_lock_file] File Write Error lock_name=/dev/full len=3 "
+              "result=-1 errno=28");
     for (const char *made : {"/tmp/elsewhere", "/tmp/planted", "/tmp/fifo"}) {
         EXPECT_EQ(unlink(made), 0);
     }
@@ -372,7 +370,6 @@ TEST_F(LockFile, LinkIsNotWrittenThroughAndAFifoNotWaitedFor)
 
 TEST_F(LockFile, EveryFaultIsReported)
 {
-    sweep_faults([] { reset(); },
-                 [this] { return kestal_create_lock_file("42", path.c_str()); },
+    sweep_faults([] { reset(); }, [this] { return kestal_create_lock_file("42", path.c_str()); },
                  [](int result, bool met) { EXPECT_EQ(result, met ? -1 : 0); });
 }

@@ -22,10 +22,8 @@ TEST_F(BackupRw, ReadHandsBackAWholeFile)
     p().sysback["kesta_wwn"] = {"0123456789abcdef"};
     EXPECT_EQ(read("kesta_wwn"), 0);
     EXPECT_EQ(std::string(static_cast<char *>(data), size), "0123456789abcdef");
-    EXPECT_THAT(p().calls, ElementsAre("sb_open kesta_wwn r", "sb_size", "alloc 16", "sb_read 16",
-                                       "sb_close"));
-    EXPECT_THAT(p().texts(5), ElementsAre("[backup_rw] START f_name=kesta_wwn, rw_flag=1",
-                                          "[backup_rw] END ret=0"));
+    EXPECT_THAT(p().calls, ElementsAre("sb_open kesta_wwn r", "sb_size", "alloc 16", "sb_read 16", "sb_close"));
+    EXPECT_THAT(p().texts(5), ElementsAre("[backup_rw] START f_name=kesta_wwn, rw_flag=1", "[backup_rw] END ret=0"));
 }
 
 TEST_F(BackupRw, EmptyFileIsRead)
@@ -40,8 +38,8 @@ TEST_F(BackupRw, EmptyFileIsRead)
 TEST_F(BackupRw, SlotIsOpenedTwiceAndItsSizeRecorded)
 {
     EXPECT_EQ(write("kesta_backup0", "archive"), 0);
-    EXPECT_THAT(p().calls, ElementsAre("sb_open kesta_backup0 w", "sb_write 7", "sb_close",
-                                       "sb_open kesta_backup0 w", "sb_write_size 7", "sb_close"));
+    EXPECT_THAT(p().calls, ElementsAre("sb_open kesta_backup0 w", "sb_write 7", "sb_close", "sb_open kesta_backup0 w",
+                                       "sb_write_size 7", "sb_close"));
     EXPECT_TRUE(p().traced(3, "[backup_rw] WriteSize(kesta_backup0) = 7"));
     EXPECT_EQ(p().sysback.at("kesta_backup0").recorded_size, 7);
 }
@@ -64,13 +62,11 @@ TEST_F(BackupRw, ArgumentsAreRefusedWithoutACall)
     EXPECT_EQ(kestal_backup_rw("kesta_wwn", 2, &data, &size), -931);
     EXPECT_EQ(kestal_backup_rw("kesta_wwn", 0, &data, &size), -931);
     EXPECT_EQ(kestal_backup_rw("kesta_wwn", 3, &data, &size), -931);
-    EXPECT_THAT(p().texts(1), ElementsAre("[backup_rw] Argument ERROR(f_name=NULL)",
-                                          "[backup_rw] Argument ERROR(d_size=NULL)",
-                                          "[backup_rw] Argument ERROR(data=NULL)",
-                                          "[backup_rw] Argument ERROR(data=NULL)",
-                                          "[backup_rw] Argument ERROR(data=NULL)",
-                                          "[backup_rw] Read Write flag ERROR",
-                                          "[backup_rw] Read Write flag ERROR"));
+    EXPECT_THAT(p().texts(1),
+                ElementsAre("[backup_rw] Argument ERROR(f_name=NULL)", "[backup_rw] Argument ERROR(d_size=NULL)",
+                            "[backup_rw] Argument ERROR(data=NULL)", "[backup_rw] Argument ERROR(data=NULL)",
+                            "[backup_rw] Argument ERROR(data=NULL)", "[backup_rw] Read Write flag ERROR",
+                            "[backup_rw] Read Write flag ERROR"));
     EXPECT_TRUE(p().calls.empty());
 }
 
@@ -132,8 +128,7 @@ TEST_F(BackupRw, WriteFailures)
     p().kind_faults.clear();
     p().fail_kind("sb_write_size");
     EXPECT_EQ(write("kesta_backup1", "1234"), -1);
-    EXPECT_TRUE(
-        p().traced(1, "[backup_rw]  File WriteSize(W) ERROR f_name=kesta_backup1 result=-5 "));
+    EXPECT_TRUE(p().traced(1, "[backup_rw]  File WriteSize(W) ERROR f_name=kesta_backup1 result=-5 "));
 }
 
 TEST_F(BackupRw, CloseFlagIsOnlyLoggedOnAWrite)
@@ -187,6 +182,5 @@ TEST_F(BackupRw, EveryFaultIsReportedAndEveryHandleClosed)
             p().sysback["kesta_backup0"] = {"archive"};
             kestal_free_debug(std::exchange(data, nullptr), "../common/x.cpp", 1, 0);
         },
-        [&] { return read("kesta_backup0"); },
-        [](int result, bool met) { EXPECT_EQ(result == 0, !met); });
+        [&] { return read("kesta_backup0"); }, [](int result, bool met) { EXPECT_EQ(result == 0, !met); });
 }

@@ -16,13 +16,12 @@ TEST_F(MemoryAccess, WriteAndReadMoveTheBytesInOneTransferEach)
     EXPECT_EQ(kestal_non_volatile_rw_memory(32, 2, back, 32), 0);
     EXPECT_STREQ(back, "kesta_backup1");
     EXPECT_THAT(p().calls, ElementsAre("nv_write 104 32", "nv_read 104 32"));
-    EXPECT_THAT(p().texts(5),
-                ElementsAre("[non_volatile_rw_memory] NV(memory) R/W START block_id=32 rw_flag=1 "
-                            "d_size=32",
-                            "[non_volatile_rw_memory] END block_id=32 rw_flag=1",
-                            "[non_volatile_rw_memory] NV(memory) R/W START block_id=32 rw_flag=2 "
-                            "d_size=32",
-                            "[non_volatile_rw_memory] END block_id=32 rw_flag=2"));
+    EXPECT_THAT(p().texts(5), ElementsAre("[non_volatile_rw_memory] NV(memory) R/W START block_id=32 rw_flag=1 "
+                                          "d_size=32",
+                                          "[non_volatile_rw_memory] END block_id=32 rw_flag=1",
+                                          "[non_volatile_rw_memory] NV(memory) R/W START block_id=32 rw_flag=2 "
+                                          "d_size=32",
+                                          "[non_volatile_rw_memory] END block_id=32 rw_flag=2"));
 }
 
 TEST_F(MemoryAccess, TransferMayRunPastItsField)
@@ -39,11 +38,10 @@ TEST_F(MemoryAccess, ArgumentsAreCheckedBeforeAnyLookup)
     EXPECT_EQ(kestal_non_volatile_rw_memory(999, 1, data, 0), -931);
     EXPECT_EQ(kestal_non_volatile_rw_memory(999, 0, data, 4), -931);
     EXPECT_EQ(kestal_non_volatile_rw_memory(999, 3, data, 4), -931);
-    EXPECT_THAT(p().texts(1),
-                ElementsAre("[non_volatile_rw_memory] Data area pointer is INVALID",
-                            "[non_volatile_rw_memory] Data Size is INVALID(Size=0)",
-                            "[non_volatile_rw_memory] R/W flag is INVALID",
-                            "[non_volatile_rw_memory] R/W flag is INVALID"));
+    EXPECT_THAT(p().texts(1), ElementsAre("[non_volatile_rw_memory] Data area pointer is INVALID",
+                                          "[non_volatile_rw_memory] Data Size is INVALID(Size=0)",
+                                          "[non_volatile_rw_memory] R/W flag is INVALID",
+                                          "[non_volatile_rw_memory] R/W flag is INVALID"));
     EXPECT_TRUE(p().calls.empty());
 }
 
@@ -52,8 +50,7 @@ TEST_F(MemoryAccess, UnknownBlockSucceedsWithoutATransfer)
     int data = 42;
     for (const int block : {55, 0, 999}) {
         EXPECT_EQ(kestal_non_volatile_rw_memory(block, 2, &data, 4), 0);
-        EXPECT_TRUE(p().traced(5, "[non_volatile_rw_memory] Block ID is INVALID block_id=" +
-                                      std::to_string(block)));
+        EXPECT_TRUE(p().traced(5, "[non_volatile_rw_memory] Block ID is INVALID block_id=" + std::to_string(block)));
     }
     EXPECT_EQ(data, 42);
     EXPECT_TRUE(p().calls.empty());
@@ -68,12 +65,11 @@ TEST_F(MemoryAccess, FourFailuresThenASuccessTakeFourHundredMilliseconds)
     EXPECT_EQ(kestal_non_volatile_rw_memory(51, 1, &data, 4), 0);
     EXPECT_EQ(p().clock_us - before, 400000);
     EXPECT_EQ(p().int_at(296), 7);
-    EXPECT_THAT(
-        p().texts(1),
-        ElementsAre("[non_volatile_rw_memory] [0/5] NV(memory) Write ERROR block_id=51 result=-5",
-                    "[non_volatile_rw_memory] [1/5] NV(memory) Write ERROR block_id=51 result=-5",
-                    "[non_volatile_rw_memory] [2/5] NV(memory) Write ERROR block_id=51 result=-5",
-                    "[non_volatile_rw_memory] [3/5] NV(memory) Write ERROR block_id=51 result=-5"));
+    EXPECT_THAT(p().texts(1),
+                ElementsAre("[non_volatile_rw_memory] [0/5] NV(memory) Write ERROR block_id=51 result=-5",
+                            "[non_volatile_rw_memory] [1/5] NV(memory) Write ERROR block_id=51 result=-5",
+                            "[non_volatile_rw_memory] [2/5] NV(memory) Write ERROR block_id=51 result=-5",
+                            "[non_volatile_rw_memory] [3/5] NV(memory) Write ERROR block_id=51 result=-5"));
 }
 
 TEST_F(MemoryAccess, FiveFailuresTakeHalfASecondAndFail)
@@ -123,11 +119,9 @@ TEST_F(SysbackAccess, FlagsAreTheOppositeOfBlockAccess)
     value = 0;
     EXPECT_EQ(kestal_non_volatile_rw_sysback(51, 1, &value, 4), 0);
     EXPECT_EQ(value, 9);
-    EXPECT_THAT(p().texts(3),
-                ElementsAre("[non_volatile_rw_sysback] NV(sysback) R/W execute f_name=kesta_verid",
-                            "[non_volatile_rw_sysback] NV(sysback) R/W execute f_name=kesta_verid"));
-    EXPECT_TRUE(p().traced(
-        5, "[non_volatile_rw_sysback] NV(sysback) R/W START block_id=51 rw_flag=2 d_size=4"));
+    EXPECT_THAT(p().texts(3), ElementsAre("[non_volatile_rw_sysback] NV(sysback) R/W execute f_name=kesta_verid",
+                                          "[non_volatile_rw_sysback] NV(sysback) R/W execute f_name=kesta_verid"));
+    EXPECT_TRUE(p().traced(5, "[non_volatile_rw_sysback] NV(sysback) R/W START block_id=51 rw_flag=2 d_size=4"));
     EXPECT_TRUE(p().traced(5, "[non_volatile_rw_sysback] END"));
     EXPECT_TRUE(p().calls_of("nv_").empty());
 }
@@ -153,16 +147,14 @@ TEST_F(SysbackAccess, StoredItemLongerThanTheBufferIsAnError)
     char buffer[8] = {};
     EXPECT_EQ(kestal_non_volatile_rw_sysback(31, 1, buffer, 8), -1);
     EXPECT_EQ(buffer[0], '\0');
-    EXPECT_TRUE(
-        p().traced(1, "[non_volatile_rw_sysback] NV(sysback) R/W Size ERROR f_name=kesta_sysback"));
+    EXPECT_TRUE(p().traced(1, "[non_volatile_rw_sysback] NV(sysback) R/W Size ERROR f_name=kesta_sysback"));
 }
 
 TEST_F(SysbackAccess, FailuresAreMinusOne)
 {
     int value = 0;
     EXPECT_EQ(kestal_non_volatile_rw_sysback(51, 1, &value, 4), -1) << "no such file";
-    EXPECT_TRUE(
-        p().traced(1, "[non_volatile_rw_sysback] NV(sysback) R/W ERROR f_name=kesta_verid"));
+    EXPECT_TRUE(p().traced(1, "[non_volatile_rw_sysback] NV(sysback) R/W ERROR f_name=kesta_verid"));
     p().fail_kind("sb_open");
     EXPECT_EQ(kestal_non_volatile_rw_sysback(51, 2, &value, 4), -1);
     EXPECT_EQ(p().count("NV(sysback) R/W ERROR"), 2);
@@ -243,8 +235,7 @@ TEST_F(BlockAccess, WriteGoesToBothPlacesTheAreaFirst)
     EXPECT_EQ(kestal_non_volatile_rw_func(51, 1, &value, 4, &sysback), 0);
     EXPECT_EQ(sysback, 0);
     EXPECT_EQ(p().int_at(296), 5);
-    EXPECT_THAT(p().calls, ElementsAre("sb_open kesta_verid w", "sb_write 4", "sb_close",
-                                       "nv_write 296 4"));
+    EXPECT_THAT(p().calls, ElementsAre("sb_open kesta_verid w", "sb_write 4", "sb_close", "nv_write 296 4"));
 }
 
 TEST_F(BlockAccess, ReadTakesTheAreaAndNotMemory)
@@ -277,8 +268,9 @@ TEST_F(BlockAccess, WriteThatTheAreaRefusesFailsOnceAndThenGoesToMemoryOnly)
     EXPECT_EQ(kestal_non_volatile_rw_func(51, 1, &value, 4, nullptr), -1);
     EXPECT_EQ(p().int_at(296), 5) << "memory took it all the same";
     EXPECT_EQ(s_rwmode, 2);
-    EXPECT_EQ(p().texts(1).back(), "[non_volatile_rw] NV(memory nor syaback) Write ERROR "
-                                   "rtn_sysback=-1 rtn_memory=0 rwmode=0");
+    EXPECT_EQ(p().texts(1).back(),
+              "[non_volatile_rw] NV(memory nor syaback) Write ERROR "
+              "rtn_sysback=-1 rtn_memory=0 rwmode=0");
     value = 6;
     p().calls.clear();
     EXPECT_EQ(kestal_non_volatile_rw_func(51, 1, &value, 4, nullptr), 0);
@@ -292,8 +284,9 @@ TEST_F(BlockAccess, NeitherPlaceCanBeRead)
     EXPECT_EQ(kestal_non_volatile_rw_func(51, 2, &value, 4, nullptr), -1);
     EXPECT_EQ(value, 42);
     EXPECT_TRUE(p().traced(1, "[non_volatile_rw] NV(memory) R/W ERROR rtn=-1."));
-    EXPECT_EQ(p().texts(1).back(), "[non_volatile_rw] NV(memory and sysback) Read ERROR "
-                                   "rtn_sysback=-1 rtn_memory=-1 rwmode=0");
+    EXPECT_EQ(p().texts(1).back(),
+              "[non_volatile_rw] NV(memory and sysback) Read ERROR "
+              "rtn_sysback=-1 rtn_memory=-1 rwmode=0");
 }
 
 TEST_F(BlockAccess, WriteThatMemoryRefusesFailsThoughTheAreaTookIt)
@@ -301,8 +294,9 @@ TEST_F(BlockAccess, WriteThatMemoryRefusesFailsThoughTheAreaTookIt)
     p().fail_kind("nv_write");
     int value = 5;
     EXPECT_EQ(kestal_non_volatile_rw_func(51, 1, &value, 4, nullptr), -1);
-    EXPECT_EQ(p().texts(1).back(), "[non_volatile_rw] NV(memory nor syaback) Write ERROR "
-                                   "rtn_sysback=0 rtn_memory=-1 rwmode=0");
+    EXPECT_EQ(p().texts(1).back(),
+              "[non_volatile_rw] NV(memory nor syaback) Write ERROR "
+              "rtn_sysback=0 rtn_memory=-1 rwmode=0");
     EXPECT_EQ(s_rwmode, 0);
 }
 
@@ -313,11 +307,13 @@ TEST_F(BlockAccess, MemoryOnlyFailuresNameModeTwo)
     p().fail_kind("nv_write");
     int value = 5;
     EXPECT_EQ(kestal_non_volatile_rw_func(51, 2, &value, 4, nullptr), -1);
-    EXPECT_EQ(p().texts(1).back(), "[non_volatile_rw] NV(memory and sysback) Read ERROR "
-                                   "rtn_sysback=0 rtn_memory=-1 rwmode=2");
+    EXPECT_EQ(p().texts(1).back(),
+              "[non_volatile_rw] NV(memory and sysback) Read ERROR "
+              "rtn_sysback=0 rtn_memory=-1 rwmode=2");
     EXPECT_EQ(kestal_non_volatile_rw_func(51, 1, &value, 4, nullptr), -1);
-    EXPECT_EQ(p().texts(1).back(), "[non_volatile_rw] NV(memory nor syaback) Write ERROR "
-                                   "rtn_sysback=0 rtn_memory=-1 rwmode=2");
+    EXPECT_EQ(p().texts(1).back(),
+              "[non_volatile_rw] NV(memory nor syaback) Write ERROR "
+              "rtn_sysback=0 rtn_memory=-1 rwmode=2");
 }
 
 TEST_F(BlockAccess, AnotherFlagIsSilentlyGood)
@@ -326,8 +322,7 @@ TEST_F(BlockAccess, AnotherFlagIsSilentlyGood)
     int value = 42;
     EXPECT_EQ(kestal_non_volatile_rw_func(51, 3, &value, 4, nullptr), 0);
     EXPECT_EQ(value, 7) << "it reads the area, but doesn't count as a read";
-    EXPECT_TRUE(p().traced(1, "[non_volatile_rw] NV(memory) R/W ERROR rtn=-931."))
-        << "and memory is asked too";
+    EXPECT_TRUE(p().traced(1, "[non_volatile_rw] NV(memory) R/W ERROR rtn=-931.")) << "and memory is asked too";
     s_rwmode = 2;
     EXPECT_EQ(kestal_non_volatile_rw_func(51, 3, &value, 4, nullptr), 0);
 }
@@ -407,8 +402,7 @@ TEST_F(AccessMode, NormalWithAFilledAreaIsBoth)
     EXPECT_EQ(mode, 0);
     EXPECT_EQ(s_rwmode, 0);
     EXPECT_TRUE(p().traced(4, "[rw_check_reset] rwmode reset(rwmode=-2)"));
-    EXPECT_TRUE(
-        p().traced(3, "[rw_check_for_execute_mode] BootMode = Normal(0) HDD:OK NV:OK(readsize=13)"));
+    EXPECT_TRUE(p().traced(3, "[rw_check_for_execute_mode] BootMode = Normal(0) HDD:OK NV:OK(readsize=13)"));
 }
 
 TEST_F(AccessMode, NormalWithAnEmptyFileIsBothAtFirstAndMemoryAfterAReset)
@@ -417,12 +411,10 @@ TEST_F(AccessMode, NormalWithAnEmptyFileIsBothAtFirstAndMemoryAfterAReset)
     s_rwmode = -1;
     EXPECT_EQ(check(0), 0);
     EXPECT_EQ(mode, 0);
-    EXPECT_TRUE(
-        p().traced(3, "[rw_check_for_execute_mode] BootMode = Normal(0) HDD:OK NV:OK(readsize=0)"));
+    EXPECT_TRUE(p().traced(3, "[rw_check_for_execute_mode] BootMode = Normal(0) HDD:OK NV:OK(readsize=0)"));
     EXPECT_EQ(check(1), 0);
     EXPECT_EQ(mode, 2);
-    EXPECT_TRUE(
-        p().traced(3, "[rw_check_for_execute_mode] BootMode = Normal(0) HDD:NG NV:OK(readsize=0)"));
+    EXPECT_TRUE(p().traced(3, "[rw_check_for_execute_mode] BootMode = Normal(0) HDD:NG NV:OK(readsize=0)"));
 }
 
 TEST_F(AccessMode, InitConfWithAnEmptyFileIsBothEvenAfterAReset)
@@ -431,8 +423,7 @@ TEST_F(AccessMode, InitConfWithAnEmptyFileIsBothEvenAfterAReset)
     p().sysback["kesta_sysback"] = {""};
     EXPECT_EQ(check(1), 0);
     EXPECT_EQ(mode, 0);
-    EXPECT_TRUE(
-        p().traced(3, "[rw_check_for_execute_mode] BootMode = InitConf(2) HDD:OK NV:OK(readsize=0)"));
+    EXPECT_TRUE(p().traced(3, "[rw_check_for_execute_mode] BootMode = InitConf(2) HDD:OK NV:OK(readsize=0)"));
 }
 
 TEST_F(AccessMode, UnreadableAreaIsMemoryOnly)
@@ -444,8 +435,7 @@ TEST_F(AccessMode, UnreadableAreaIsMemoryOnly)
         EXPECT_EQ(mode, 2);
         EXPECT_TRUE(p().traced(1, "[rw_check_for_execute_mode] sbacc_open ERROR rtn=-1."));
         EXPECT_TRUE(p().traced(3, "[rw_check_for_execute_mode] BootMode = " +
-                                      std::string(word == "normal" ? "Normal(0)" : "InitConf(2)") +
-                                      " HDD:NG NV:OK"));
+                                      std::string(word == "normal" ? "Normal(0)" : "InitConf(2)") + " HDD:NG NV:OK"));
     }
 }
 

@@ -34,8 +34,8 @@ class NvItems : public LibraryTest {};
 
 TEST_F(NvItems, AreAllThereByAscendingBlockId)
 {
-    const std::vector<int> expected{1,  2,  3,  4,  11, 12, 13, 14, 21, 31, 32, 33,  41,  42,  43,  44,  51,  52, 53,
-                                    54, 55, 61, 62, 63, 64, 71, 72, 73, 74, 101, 102, 103, 104, 201, 202, 203};
+    const std::vector<int> expected{1,  2,  3,  4,  11, 12, 13, 14, 21, 31, 32, 33,  41,  42,  43,  44,  51,  52,
+                                    53, 54, 55, 61, 62, 63, 64, 71, 72, 73, 74, 101, 102, 103, 104, 201, 202, 203};
     std::vector<int> found;
     std::set<std::string> names;
     for (const KESTA_NV_ITEM &one : items()) {

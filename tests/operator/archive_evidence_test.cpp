@@ -156,7 +156,9 @@ TEST_F(ArchiveEvidenceTest, BeyondTheLimitsNothingTellsWhetherItIsWhole)
 
 TEST_F(ArchiveEvidenceTest, ALookMayEndTheTest)
 {
-    const auto stop = [] { throw Failure(Exit::interrupted, "interrupted", "Interrupted.", ""); };
+    const auto stop = [] {
+        throw Failure(Exit::interrupted, "interrupted", "Interrupted.", "");
+    };
     EXPECT_THROW(evidence_of_bytes(test::whole_archive("one"), stop), Failure);
 }
 
@@ -174,7 +176,9 @@ TEST_F(ArchiveEvidenceTest, WhatIsNotGoodIsRefusedByName)
 TEST_F(ArchiveEvidenceTest, TheSameBytesAreUnpackedOnce)
 {
     int looks = 0;
-    const auto look = [&looks] { ++looks; };
+    const auto look = [&looks] {
+        ++looks;
+    };
     const std::string large = test::whole_archive(std::string(1 << 20, 'x') + "counted");
     const ArchiveEvidence first = evidence_of_bytes(large, look);
     EXPECT_GT(looks, 10);

@@ -19,13 +19,11 @@
 using namespace engine;
 namespace fs = std::filesystem;
 
-namespace
-{
+namespace {
 
 bool has_openat2()
 {
-    struct open_how how {
-    };
+    struct open_how how {};
     how.flags = O_PATH;
     const long fd = syscall(SYS_openat2, AT_FDCWD, "/", &how, sizeof(how));
     return fd >= 0 && close(static_cast<int>(fd)) == 0;
@@ -33,8 +31,7 @@ bool has_openat2()
 
 }  // namespace
 
-class BeneathTest : public testing::TestWithParam<Beneath::Walk>
-{
+class BeneathTest : public testing::TestWithParam<Beneath::Walk> {
 protected:
     BeneathTest()
     {
@@ -50,10 +47,7 @@ protected:
     }
     ~BeneathTest() override { fs::remove_all(home); }
 
-    static void write(const fs::path &path, const std::string &text)
-    {
-        std::ofstream(path) << text;
-    }
+    static void write(const fs::path &path, const std::string &text) { std::ofstream(path) << text; }
     static std::string read(const Descriptor &file)
     {
         char text[64];
@@ -99,8 +93,7 @@ TEST_P(BeneathTest, NothingLeadsOut)
     fs::create_symlink("../../outside", home / "root/etc/relative");
     fs::create_symlink("app", home / "root/etc/inside");
     fs::create_symlink("file", home / "root/etc/app/last");
-    for (const char *path :
-         {"etc/absolute/file", "etc/relative/file", "etc/inside/file", "etc/app/last"}) {
+    for (const char *path : {"etc/absolute/file", "etc/relative/file", "etc/inside/file", "etc/app/last"}) {
         expect_refused(path, ELOOP);
     }
     EXPECT_EQ(root().obstacle("etc/inside/file"), "/etc/inside");
@@ -197,8 +190,7 @@ TEST_P(BeneathTest, FolderThatIsSwappedForALinkIsNeverLeft)
     EXPECT_TRUE(root().open("etc/app/file", O_RDONLY)) << "when nobody swaps it";
 }
 
-INSTANTIATE_TEST_SUITE_P(BothWays, BeneathTest,
-                         testing::Values(Beneath::Walk::by_kernel, Beneath::Walk::by_steps),
+INSTANTIATE_TEST_SUITE_P(BothWays, BeneathTest, testing::Values(Beneath::Walk::by_kernel, Beneath::Walk::by_steps),
                          [](const testing::TestParamInfo<Beneath::Walk> &walk) {
                              return walk.param == Beneath::Walk::by_kernel ? "ByKernel" : "BySteps";
                          });

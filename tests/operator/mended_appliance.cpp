@@ -37,9 +37,9 @@ void set_commands(int controller)
     commands["/usr/sbin/cpinfo -i"] = {std::to_string(controller) + "\n"};
     commands["/usr/sbin/cpinfo -N"] = {"4\n"};
     commands["/usr/sbin/cpinfo -b"] = {"normal\n"};
-    for (const char *silent : {"/usr/sbin/eeprom cp_wwn | cut -d '=' -f2",
-                               "/usr/sbin/eeprom cp_serial_number | cut -d '=' -f2",
-                               "/opt/kesta_sys/sbin/env_vpdctl -r 2> /dev/null"}) {
+    for (const char *silent :
+         {"/usr/sbin/eeprom cp_wwn | cut -d '=' -f2", "/usr/sbin/eeprom cp_serial_number | cut -d '=' -f2",
+          "/opt/kesta_sys/sbin/env_vpdctl -r 2> /dev/null"}) {
         commands[silent] = {};
     }
 }
@@ -63,8 +63,8 @@ MendedAppliance::MendedAppliance(int controller, bool recorded) : controller_(co
     write_file("/etc/nodename", "");
     name_in_memory(KESTA_SLOT0, KESTA_SLOT1);
     name_on_disk(KESTA_SLOT0, KESTA_SLOT1);
-    for (const char *empty : {"kesta_verid", "kesta_verback", "kesta_ver0", "kesta_ver1", "kesta_ver2", "kesta_ver3",
-                              "kesta_reboot"}) {
+    for (const char *empty :
+         {"kesta_verid", "kesta_verback", "kesta_ver0", "kesta_ver1", "kesta_ver2", "kesta_ver3", "kesta_reboot"}) {
         platform().sysback[empty] = {std::string(4, '\0')};
     }
     for (const auto &[name, size] : {std::pair{"kesta_wwn", 16}, {"kesta_serialno", 16}, {"kesta_guid", 20}}) {
@@ -102,27 +102,27 @@ void MendedAppliance::damage(std::size_t place, Damage how)
 {
     const std::string good = archive(version_of(place));
     switch (how) {
-        case Damage::none:
-            return;
-        case Damage::flipped:
-            return put(place, with_flipped_byte(good));
-        case Damage::cut:
-            return put(place, good.substr(0, good.size() - 40));
-        case Damage::tail:
-            return put(place, good + std::string(100, '\0'));
-        case Damage::absent:
-            if (place < first_slot) {
-                fs::remove_all(path_of(place));
-            } else {
-                platform().sysback.erase(slot_of(place));
-            }
-            return;
-        case Damage::older:
-            return put(place, archive(version_of(place) - 1));
-        case Damage::newer:
-            return put(place, archive(version_of(place) + 1));
-        case Damage::unreadable:
-            break;
+    case Damage::none:
+        return;
+    case Damage::flipped:
+        return put(place, with_flipped_byte(good));
+    case Damage::cut:
+        return put(place, good.substr(0, good.size() - 40));
+    case Damage::tail:
+        return put(place, good + std::string(100, '\0'));
+    case Damage::absent:
+        if (place < first_slot) {
+            fs::remove_all(path_of(place));
+        } else {
+            platform().sysback.erase(slot_of(place));
+        }
+        return;
+    case Damage::older:
+        return put(place, archive(version_of(place) - 1));
+    case Damage::newer:
+        return put(place, archive(version_of(place) + 1));
+    case Damage::unreadable:
+        break;
     }
     if (place < first_slot) {
         fs::remove_all(path_of(place));

@@ -11,8 +11,8 @@
 #include "generation_folder.h"
 #include "generations.h"
 #include "kesta/kesta.h"
-#include "mirror.h"
 #include "mended_appliance.h"
+#include "mirror.h"
 #include "private_root.h"
 #include "tar_samples.h"
 #include "test_platform.h"
@@ -130,7 +130,8 @@ TEST(Mending, UnreadableIsNeverAPassAndNeverWritten)
         EXPECT_EQ(row.at("state"), "unreadable");
         EXPECT_TRUE(row.at("mend").is_null());
         EXPECT_EQ(verified.exit, 4);
-        const Ran copied = appliance.run({"kestactl", "copy", "archive", place_names[(place + 2) % 4], place_names[place]});
+        const Ran copied =
+            appliance.run({"kestactl", "copy", "archive", place_names[(place + 2) % 4], place_names[place]});
         EXPECT_NE(copied.exit, 0);
     }
 }
@@ -163,16 +164,17 @@ TEST(Mending, AllPairsOfDamage)
 
 TEST(Mending, NamesOfTheSlotsAreProvedByTheArchives)
 {
-    const std::vector<std::pair<std::string, std::string>> names{
-        {slot0, slot1}, {slot1, slot0}, {slot0, slot0}, {slot1, slot1}, {"", ""}, {"garbage", slot1}, {slot0, "\x01?"}};
+    const std::vector<std::pair<std::string, std::string>> names{{slot0, slot1},  {slot1, slot0}, {slot0, slot0},
+                                                                 {slot1, slot1},  {"", ""},       {"garbage", slot1},
+                                                                 {slot0, "\x01?"}};
     for (const auto &memory : names) {
         for (const auto &disk : names) {
             for (const bool recorded : {true, false}) {
                 MendedAppliance appliance(0, recorded);
                 appliance.name_in_memory(memory.first, memory.second);
                 appliance.name_on_disk(disk.first, disk.second);
-                const std::string state = "names " + memory.first + " " + memory.second + ", on disk " + disk.first + " " +
-                                          disk.second;
+                const std::string state =
+                    "names " + memory.first + " " + memory.second + ", on disk " + disk.first + " " + disk.second;
                 expect_followed(appliance, state);
                 EXPECT_TRUE(appliance.agrees()) << state << appliance.steps() << appliance.verify().text;
                 EXPECT_EQ(appliance.at(2), MendedAppliance::archive(9));
@@ -193,7 +195,8 @@ TEST(Mending, SlotsWithTheSameArchiveAreNamedAsTheSideThatNamesThem)
     appliance.run({"kestactl", "version", "set", "accept", "0"});
     expect_followed(appliance, "one archive everywhere");
     EXPECT_TRUE(appliance.agrees()) << appliance.steps() << appliance.verify().text;
-    EXPECT_THAT(subject(appliance.verify(), "slots").at("text").get<std::string>(), testing::HasSubstr("accept kesta_backup0"));
+    EXPECT_THAT(subject(appliance.verify(), "slots").at("text").get<std::string>(),
+                testing::HasSubstr("accept kesta_backup0"));
 }
 
 TEST(Mending, NamesThatNothingProvesAreNotGuessed)
@@ -212,10 +215,12 @@ TEST(Mending, NamesThatNothingProvesAreNotGuessed)
 
 TEST(Mending, EachMirroredItemOnEitherSide)
 {
-    const std::vector<std::pair<std::string, std::size_t>> items{
-        {"kesta_sysback", 32}, {"kesta_sysacpt", 32}, {"kesta_verid", 4},    {"kesta_verback", 4},
-        {"kesta_ver0", 4},     {"kesta_ver1", 4},     {"kesta_ver2", 4},     {"kesta_ver3", 4},
-        {"kesta_reboot", 4},   {"kesta_wwn", 16},     {"kesta_serialno", 16}, {"kesta_guid", 20}};
+    const std::vector<std::pair<std::string, std::size_t>> items{{"kesta_sysback", 32},  {"kesta_sysacpt", 32},
+                                                                 {"kesta_verid", 4},     {"kesta_verback", 4},
+                                                                 {"kesta_ver0", 4},      {"kesta_ver1", 4},
+                                                                 {"kesta_ver2", 4},      {"kesta_ver3", 4},
+                                                                 {"kesta_reboot", 4},    {"kesta_wwn", 16},
+                                                                 {"kesta_serialno", 16}, {"kesta_guid", 20}};
     for (const auto &[item, size] : items) {
         for (const std::string &bytes : {std::string(), std::string(size, '\0'), std::string(size, '\x01'),
                                          std::string("\x07\0\0\0", 4) + std::string(size - 4, '\0')}) {
@@ -247,7 +252,8 @@ TEST(Mending, GuidOnTheDiskMayHaveEitherLengthAndIsReadByWhoReadsItsValue)
     int disk = 1;
     const auto reads_it = [&] {
         kestal_rw_set_boot_mode(KESTA_RWMODE_BOTH);
-        return kestal_non_volatile_rw_func(KESTA_BLOCK_GUID, KESTA_BLOCK_READ, guid.data(), guid.size(), &disk) == KESTA_OK &&
+        return kestal_non_volatile_rw_func(KESTA_BLOCK_GUID, KESTA_BLOCK_READ, guid.data(), guid.size(), &disk) ==
+                   KESTA_OK &&
                disk == KESTA_OK && std::string(guid.data(), guid.size()) == value;
     };
     for (const std::size_t length : {16U, 20U}) {
@@ -284,7 +290,8 @@ TEST(Mending, VersionsThatWrappedOrWereLost)
             for (int how = 0; how < 8; how += damage_step) {
                 expect_mended([&](MendedAppliance &appliance) {
                     appliance.run({"kestactl", "version", "set", area, value});
-                    return std::string(area) + " " + value + "; " + damage(appliance, static_cast<std::size_t>(how) / 2, how);
+                    return std::string(area) + " " + value + "; " +
+                           damage(appliance, static_cast<std::size_t>(how) / 2, how);
                 });
             }
         }
@@ -294,8 +301,8 @@ TEST(Mending, VersionsThatWrappedOrWereLost)
 TEST(Mending, LeftoversOfKilledCommands)
 {
     const std::vector<std::string> paths{engine::unfinished_archive, "/opt/kesta_sys/bakup/.restore.new",
-                                         "/opt/kesta_sys/bakup/backup.tar.Z.new", "/opt/kesta_sys/bakup/accept.tar.Z.new",
-                                         engine::unfinished_flash_copy};
+                                         "/opt/kesta_sys/bakup/backup.tar.Z.new",
+                                         "/opt/kesta_sys/bakup/accept.tar.Z.new", engine::unfinished_flash_copy};
     const std::string unique = whole_archive("saved, and never published");
     for (const std::string &path : paths) {
         for (const std::string &bytes : {unique, unique.substr(0, 50), MendedAppliance::archive(9), std::string()}) {
@@ -404,7 +411,8 @@ TEST(Mending, ArchiveBeyondTheLimitsIsUnreadableAndNeverWritten)
         const Json row = subject(verified, place % 2 == 0 ? "backup" : "accepted");
         EXPECT_EQ(row.at("state"), "unreadable");
         EXPECT_TRUE(row.at("mend").is_null());
-        EXPECT_THAT(row.at("places")[place / 2].at("reason").get<std::string>(), testing::HasSubstr("more than 8000 bytes"));
+        EXPECT_THAT(row.at("places")[place / 2].at("reason").get<std::string>(),
+                    testing::HasSubstr("more than 8000 bytes"));
         expect_followed(appliance, "beyond the limits");
         EXPECT_EQ(appliance.at(place), large);
         write_file("/etc/kesta/archives.conf", "");
@@ -425,8 +433,8 @@ TEST(Mending, MirrorIsMendedBesideAnArchiveThatCanNotBeRead)
                 } else {
                     platform().sysback[item] = {std::string("\x07\0\0\0", 4)};
                 }
-                const std::string state = std::string(item) + (missing ? " missing, " : " differs, ") + place_names[place] +
-                                          " can't be read";
+                const std::string state =
+                    std::string(item) + (missing ? " missing, " : " differs, ") + place_names[place] + " can't be read";
                 const Json before = subject(appliance.verify(), "mirror");
                 expect_followed(appliance, state);
                 const Ran after = appliance.verify();
@@ -450,7 +458,8 @@ TEST(Mending, RecordOfSavedArchivesThatCanNotBeReadIsTold)
         EXPECT_EQ(verified.exit, 1) << verified.text;
         EXPECT_EQ(subject(verified, "generations").at("state"), "damaged");
         EXPECT_EQ(subject(verified, "generations").at("places")[0].at("place"), record);
-        EXPECT_THAT(subject(verified, "generations").at("text").get<std::string>(), testing::HasSubstr("kestactl save"));
+        EXPECT_THAT(subject(verified, "generations").at("text").get<std::string>(),
+                    testing::HasSubstr("kestactl save"));
         write_file("/tmp/noted", MendedAppliance::archive(9));
         engine::note_saved("/tmp/noted", "app", 9, {});
         EXPECT_EQ(subject(appliance.verify(), "generations").at("state"), "absent") << "written anew";
@@ -473,7 +482,8 @@ TEST(Mending, WhatCanNotBeReadIsNoAgreementAndNoFreeLock)
     EXPECT_EQ(subject(verified, "identity").at("state"), "unreadable");
     EXPECT_EQ(subject(verified, "locks").at("state"), "unreadable");
     EXPECT_THAT(subject(verified, "accepted").at("text").get<std::string>(),
-                testing::Not(testing::HasSubstr("kestactl save"))) << "the slot may have what is in force";
+                testing::Not(testing::HasSubstr("kestactl save")))
+        << "the slot may have what is in force";
     const std::vector<std::string> copy{"kestactl", "copy", "archive", "slot:kesta_backup1", "flash:accept"};
     const Ran refused = appliance.run(copy);
     EXPECT_EQ(refused.exit, 4);
@@ -569,7 +579,9 @@ TEST(Mending, LiveLockElsewhereIsHonoured)
 TEST(Mending, AnyCombination)
 {
     std::mt19937 random(20261121);
-    const auto below = [&random](int limit) { return static_cast<int>(random() % static_cast<unsigned>(limit)); };
+    const auto below = [&random](int limit) {
+        return static_cast<int>(random() % static_cast<unsigned>(limit));
+    };
     const std::vector<std::string> names{slot0, slot1, "", "garbage", slot0, slot1};
     int agreed = 0;
     for (int i = 0; i < random_states; ++i) {
@@ -582,7 +594,9 @@ TEST(Mending, AnyCombination)
             for (std::size_t place = 0; place < place_names.size(); ++place) {
                 state += damage(appliance, place, dice[place] % 16 < 8 ? dice[place] % 8 : 0);
             }
-            const auto name = [&](std::size_t die) { return names[static_cast<std::size_t>(dice[die]) % names.size()]; };
+            const auto name = [&](std::size_t die) {
+                return names[static_cast<std::size_t>(dice[die]) % names.size()];
+            };
             if (dice[4] % 3 == 0) {
                 appliance.name_in_memory(name(5), name(6));
                 state += "names in memory " + name(5) + " " + name(6) + "; ";

@@ -50,7 +50,8 @@ protected:
     }
     std::string made_by(const std::string &packer) const
     {
-        make_archive(definition, path, [] {}, packer);
+        make_archive(
+            definition, path, [] {}, packer);
         return test::read_file(path);
     }
     // What the library's own command line makes of it.
@@ -87,10 +88,10 @@ TEST_F(PackingProgramTest, WhatItDoesNotPackIsPackedWithoutIt)
 {
     const std::string own = made_by("");
     const int descriptors = open_descriptors();
-    for (const char *commands : {"exit 1", "exit 0", "cat > /dev/null", "cat > /dev/null; exit 3", "kill -9 $$",
-                                 "head -c 100000 | bzip2; kill -9 $$", "cat", "bzip2 -c | head -c 20000",
-                                 "bzip2 -c; echo more", "echo lies | bzip2", "head -c 1000000 | bzip2",
-                                 "tr n m | bzip2"}) {
+    for (const char *commands :
+         {"exit 1", "exit 0", "cat > /dev/null", "cat > /dev/null; exit 3", "kill -9 $$",
+          "head -c 100000 | bzip2; kill -9 $$", "cat", "bzip2 -c | head -c 20000", "bzip2 -c; echo more",
+          "echo lies | bzip2", "head -c 1000000 | bzip2", "tr n m | bzip2"}) {
         EXPECT_EQ(made_by(program(commands)), own) << commands;
         EXPECT_EQ(open_descriptors(), descriptors) << commands;
     }

@@ -1,6 +1,6 @@
 // How often an archive is unpacked for a restore and for a save, and that nothing is missed by unpacking it once.
-#include <gmock/gmock.h>
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -30,7 +30,8 @@ struct Verb {
     const char *name;
     Words words;
     // What has to be there before it.
-    std::function<void(MendedAppliance &)> prepare = [](MendedAppliance &) {};
+    std::function<void(MendedAppliance &)> prepare = [](MendedAppliance &) {
+    };
 };
 
 void PrintTo(const Verb &verb, std::ostream *out) { *out << verb.name; }
@@ -72,9 +73,14 @@ const std::vector<Verb> verbs{
     {"restore", {"kestactl", "restore", "app"}, save_and_change},
     {"copy_archive",
      {"kestactl", "copy", "archive", "flash:backup", "slot:kesta_backup0"},
-     [](MendedAppliance &appliance) { appliance.damage(2, Damage::flipped); }},
-    {"copy_to_flash", {"kestactl", "copy", "archive", "slot:kesta_backup1", "flash:accept"},
-     [](MendedAppliance &appliance) { appliance.damage(1, Damage::cut); }},
+     [](MendedAppliance &appliance) {
+         appliance.damage(2, Damage::flipped);
+     }},
+    {"copy_to_flash",
+     {"kestactl", "copy", "archive", "slot:kesta_backup1", "flash:accept"},
+     [](MendedAppliance &appliance) {
+         appliance.damage(1, Damage::cut);
+     }},
     {"repair",
      {"kestactl", "repair", "--from", "memory"},
      [](MendedAppliance &) {
@@ -88,7 +94,9 @@ const std::vector<Verb> verbs{
     {"identity_set", {"kestactl", "identity", "set", "--wwn", "500000E0D0123400", "--in", "nv", "--in", "flash"}},
     {"leftovers_clear",
      {"kestactl", "leftovers", "clear", engine::unfinished_flash_copy},
-     [](MendedAppliance &) { write_file(engine::unfinished_flash_copy, MendedAppliance::archive(77)); }},
+     [](MendedAppliance &) {
+         write_file(engine::unfinished_flash_copy, MendedAppliance::archive(77));
+     }},
     {"verify_fix",
      {"kestactl", "verify", "--fix", "--yes"},
      [](MendedAppliance &appliance) {
@@ -105,8 +113,8 @@ std::map<std::string, std::string> state()
     for (const auto &[name, file] : platform().sysback) {
         all[name] = file.bytes;
     }
-    for (const char *path : {engine::flash_backup, engine::flash_accept, "/etc/kesta_sys/version", "/etc/kesta_sys/wwn",
-                             settings}) {
+    for (const char *path :
+         {engine::flash_backup, engine::flash_accept, "/etc/kesta_sys/version", "/etc/kesta_sys/wwn", settings}) {
         all[path] = exists(path) ? read_file(path) : "none";
     }
     return all;
@@ -165,7 +173,8 @@ TEST_P(VerbsUnderFaults, SaySoAndLoseNothing)
             platform().fail_at = n;
             platform().fail_from_then_on = from_then_on;
             const Ran ran = appliance.run(verb.words);
-            const std::string at = std::string("call ") + std::to_string(n) + (from_then_on ? " and all behind it" : "");
+            const std::string at =
+                std::string("call ") + std::to_string(n) + (from_then_on ? " and all behind it" : "");
             if (!platform().fault_met) {
                 break;  // what is done in a pass or two needs a call less this time
             }
@@ -173,7 +182,8 @@ TEST_P(VerbsUnderFaults, SaySoAndLoseNothing)
             platform().fail_at = 0;
             refused += ran.exit != 0;
             if (ran.exit == 0) {
-                EXPECT_EQ(difference(whole, state()), "") << at << " (" << met << "): it says that all is done: " << ran.text;
+                EXPECT_EQ(difference(whole, state()), "")
+                    << at << " (" << met << "): it says that all is done: " << ran.text;
             } else {
                 EXPECT_FALSE(ran.text.empty()) << at;
             }

@@ -17,9 +17,8 @@ protected:
     // Runs a command with settings, and gives its exit code. Its outputs go to files.
     int run(const std::string &settings, const std::string &command)
     {
-        const std::string line = "unset KESTA_PLATFORM_TRACE_FILE; export KESTA_PLATFORM_TRACE_FILE=" +
-                                 log + " " + settings + "; " + command + " > " + folder() +
-                                 "/out 2> " + folder() + "/err";
+        const std::string line = "unset KESTA_PLATFORM_TRACE_FILE; export KESTA_PLATFORM_TRACE_FILE=" + log + " " +
+                                 settings + "; " + command + " > " + folder() + "/out 2> " + folder() + "/err";
         const int status = system(line.c_str());
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
@@ -34,9 +33,9 @@ protected:
 TEST_F(Trace, OneLineWithTimeProcessThreadLevelPlaceAndText)
 {
     EXPECT_EQ(write("", "1 1 3 hello"), 0);
-    EXPECT_TRUE(std::regex_match(
-        read_file(log),
-        std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z \d+ \d+ 3 some_file\.cpp:17 hello 0\n)")))
+    EXPECT_TRUE(
+        std::regex_match(read_file(log),
+                         std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z \d+ \d+ 3 some_file\.cpp:17 hello 0\n)")))
         << read_file(log);
 }
 
@@ -66,10 +65,9 @@ TEST_F(Trace, SystemLogDoesNotFailItsCaller)
 
 TEST_F(Trace, ReaderOfStandardErrorThatWentAwayDoesNotEndTheCaller)
 {
-    EXPECT_EQ(run("KESTA_PLATFORM_TRACE_TARGET=stderr",
-                  "bash -c 'set -o pipefail; { " KESTA_TRACE_WRITER
-                  " 1 5000 1 text; echo $? >&3; } 2>&1 >/dev/null | true' 3>" +
-                      folder() + "/code"),
+    EXPECT_EQ(run("KESTA_PLATFORM_TRACE_TARGET=stderr", "bash -c 'set -o pipefail; { " KESTA_TRACE_WRITER
+                                                        " 1 5000 1 text; echo $? >&3; } 2>&1 >/dev/null | true' 3>" +
+                                                            folder() + "/code"),
               0);
     EXPECT_EQ(read_file(folder() + "/code"), "0\n");
 }
@@ -96,9 +94,7 @@ TEST_F(Trace, LinesStayWholeFromManyProcessesAndThreads)
 {
     const std::string writer = KESTA_TRACE_WRITER;
     const std::string text(150, 'x');
-    EXPECT_EQ(run("", "bash -c 'for i in 1 2 3 4; do " + writer + " 3 200 1 " + text +
-                          " & done; wait'"),
-              0);
+    EXPECT_EQ(run("", "bash -c 'for i in 1 2 3 4; do " + writer + " 3 200 1 " + text + " & done; wait'"), 0);
     const auto lines = lines_of(read_file(log));
     EXPECT_EQ(lines.size(), 4u * 3u * 200u);
     const std::regex whole(R"(\S+Z \d+ \d+ 1 some_file\.cpp:17 x{150} \d+)");
@@ -129,9 +125,7 @@ TEST_F(Trace, FileIsRotatedBySizeAndNoLineIsLost)
 
 TEST_F(Trace, OnlySoManyOldFilesAreKept)
 {
-    EXPECT_EQ(write("KESTA_PLATFORM_TRACE_ROTATE_BYTES=4096 KESTA_PLATFORM_TRACE_KEEP=2",
-                    "1 1000 1 text"),
-              0);
+    EXPECT_EQ(write("KESTA_PLATFORM_TRACE_ROTATE_BYTES=4096 KESTA_PLATFORM_TRACE_KEEP=2", "1 1000 1 text"), 0);
     EXPECT_TRUE(fs::exists(log));
     EXPECT_TRUE(fs::exists(log + ".1"));
     EXPECT_TRUE(fs::exists(log + ".2"));
@@ -151,8 +145,9 @@ TEST_F(Trace, PathIsCutToItsFileName)
 TEST_F(Trace, CpinfoPrintsWhatTheSettingsSay)
 {
     const std::string cpinfo = KESTA_CPINFO;
-    const std::string own = "KESTA_PLATFORM_CONTROLLER_NUMBER=3 KESTA_PLATFORM_CONTROLLER_COUNT=2 "
-                            "KESTA_PLATFORM_BOOT_MODE=initconf";
+    const std::string own =
+        "KESTA_PLATFORM_CONTROLLER_NUMBER=3 KESTA_PLATFORM_CONTROLLER_COUNT=2 "
+        "KESTA_PLATFORM_BOOT_MODE=initconf";
     EXPECT_EQ(run(own, cpinfo + " -i"), 0);
     EXPECT_EQ(out(), "3\n");
     EXPECT_EQ(run(own, cpinfo + " -N"), 0);
@@ -170,9 +165,8 @@ TEST_F(Trace, CpinfoRefusesWrongUsageAndWrongSettings)
         EXPECT_NE(err().find("usage: cpinfo"), std::string::npos);
     }
     EXPECT_EQ(run("", cpinfo + " --help"), 0);
-    for (const char *wrong :
-         {"KESTA_PLATFORM_CONTROLLER_NUMBER=4", "KESTA_PLATFORM_CONTROLLER_NUMBER=x",
-          "KESTA_PLATFORM_CONTROLLER_COUNT=0"}) {
+    for (const char *wrong : {"KESTA_PLATFORM_CONTROLLER_NUMBER=4", "KESTA_PLATFORM_CONTROLLER_NUMBER=x",
+                              "KESTA_PLATFORM_CONTROLLER_COUNT=0"}) {
         EXPECT_EQ(run(wrong, cpinfo + " -i"), 1) << wrong;
         EXPECT_EQ(out(), "");
         EXPECT_NE(err().find("not a usable number"), std::string::npos) << err();
@@ -183,13 +177,9 @@ TEST_F(Trace, CpinfoRefusesWrongUsageAndWrongSettings)
         EXPECT_EQ(run("KESTA_PLATFORM_CONF=" + conf, cpinfo + " -i"), 1) << bad;
     }
     write_file(conf, "# comment\n\n  controller_number = 1 \nboot_mode=suspend\n");
-    EXPECT_EQ(run("KESTA_PLATFORM_CONF=" + conf + "; unset KESTA_PLATFORM_CONTROLLER_NUMBER",
-                  cpinfo + " -i"),
-              0);
+    EXPECT_EQ(run("KESTA_PLATFORM_CONF=" + conf + "; unset KESTA_PLATFORM_CONTROLLER_NUMBER", cpinfo + " -i"), 0);
     EXPECT_EQ(out(), "1\n");
-    EXPECT_EQ(run("KESTA_PLATFORM_CONF=" + conf + " KESTA_PLATFORM_CONTROLLER_NUMBER=0",
-                  cpinfo + " -i"),
-              0);
+    EXPECT_EQ(run("KESTA_PLATFORM_CONF=" + conf + " KESTA_PLATFORM_CONTROLLER_NUMBER=0", cpinfo + " -i"), 0);
     EXPECT_EQ(out(), "0\n") << "the environment comes before the file";
     faults("cpinfo 1 on fail\n");
     EXPECT_EQ(run("", cpinfo + " -i"), 1);

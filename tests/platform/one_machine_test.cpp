@@ -53,8 +53,8 @@ std::vector<int> results_on(unsigned type)
     EXPECT_EQ(in_process([&] {
                   shown_type = type;
                   std::ofstream out(told);
-                  out << nv_transfer(false) << ' ' << nv_transfer(true) << ' '
-                      << open_area("w") << ' ' << open_area("r");
+                  out << nv_transfer(false) << ' ' << nv_transfer(true) << ' ' << open_area("w") << ' '
+                      << open_area("r");
               }),
               0);
     std::ifstream in(told);

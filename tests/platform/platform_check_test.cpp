@@ -3,8 +3,7 @@
 
 #include "lab_fixture.h"
 
-namespace
-{
+namespace {
 
 using test::Ran;
 
@@ -28,8 +27,7 @@ constexpr WrongPlatform wrong_platforms[] = {
     {"status_is_left_unfilled", "the controller status is told, each byte of it"},
     {"status_of_two_is_left_unfilled", "the controller status is told, each byte of it"},
     {"statuses_differ", "both forms of the controller status agree"},
-    {"opening_to_write_empties_the_file",
-     "opening to write keeps what is there until it is written"},
+    {"opening_to_write_empties_the_file", "opening to write keeps what is there until it is written"},
     {"long_reads_are_said_to_be_full", "a read says no more than it has read"},
     {"long_reads_are_short", "archives are written whole and read whole"},
     {"long_reads_return_an_errno", "archives are written whole and read whole"},
@@ -67,8 +65,7 @@ constexpr WrongPlatform wrong_platforms[] = {
     {"path_is_a_copy", "a source path is stripped to its file"},
 };
 
-class PlatformCheck : public test::LabTest
-{
+class PlatformCheck : public test::LabTest {
 protected:
     PlatformCheck() { test::fs::copy_file(KESTA_WRONG_PLATFORM, host_path(0, "opt/libwrong.so")); }
 
@@ -79,8 +76,7 @@ protected:
         if (known == runs_.end()) {
             const std::string as = "LD_PRELOAD=/opt/libwrong.so KESTA_WRONG_PLATFORM=" + way;
             known = runs_.emplace(way, on(0, as + " kesta-platform-check --run")).first;
-            succeed(
-                R"(rm -f "$(sed -n 's/^sysback_dir *= *//p' /etc/kesta/platform.conf)/kesta_no_such_file")");
+            succeed(R"(rm -f "$(sed -n 's/^sysback_dir *= *//p' /etc/kesta/platform.conf)/kesta_no_such_file")");
         }
         return known->second;
     }
@@ -90,8 +86,7 @@ protected:
     {
         constexpr std::size_t mark = 6;
         std::set<std::string> libraries;
-        for (std::size_t at = out.find("FAIL  "); at != std::string::npos;
-             at = out.find("FAIL  ", at + 1)) {
+        for (std::size_t at = out.find("FAIL  "); at != std::string::npos; at = out.find("FAIL  ", at + 1)) {
             libraries.insert(out.substr(at + mark, out.find(':', at) - at - mark));
         }
         return libraries;
@@ -117,8 +112,7 @@ TEST_F(PlatformCheck, FindsOutEachWrongPlatformAtTheClauseThatItBreaks)
     for (const WrongPlatform &wrong : wrong_platforms) {
         const Ran &run = check(wrong.way);
         EXPECT_EQ(run.code, 1) << wrong.way << run.out << run.err;
-        EXPECT_THAT(run.out, testing::ContainsRegex("FAIL  [a-z_]+: " + std::string(wrong.clause)))
-            << wrong.way;
+        EXPECT_THAT(run.out, testing::ContainsRegex("FAIL  [a-z_]+: " + std::string(wrong.clause))) << wrong.way;
         EXPECT_EQ(blamed(run.out).size(), 1U) << "one library is wrong: " << wrong.way << run.out;
     }
 }
@@ -127,8 +121,7 @@ TEST_F(PlatformCheck, FindsTheTraceLogThatIsNamed)
 {
     const std::string elsewhere = "KESTA_PLATFORM_TRACE_TARGET=syslog kesta-platform-check --run";
     EXPECT_THAT(on(0, elsewhere).out, testing::HasSubstr("name the log's file with --trace-log"));
-    const std::string at =
-        "KESTA_PLATFORM_TRACE_FILE=/opt/own.log kesta-platform-check --run --trace-log ";
+    const std::string at = "KESTA_PLATFORM_TRACE_FILE=/opt/own.log kesta-platform-check --run --trace-log ";
     EXPECT_EQ(on(0, at + "/opt/own.log").code, 0);
     EXPECT_EQ(on(0, at + "/opt/no.log").code, 1);
     EXPECT_EQ(on(0, "KESTA_PLATFORM_TRACE_TARGET=stderr kesta-platform-check --run").code, 0);

@@ -8,8 +8,8 @@
 #include <random>
 #include <thread>
 
-#include "platform_test.h"
 #include "mc_logapi.h"
+#include "platform_test.h"
 #include "sanfwctl.h"
 #include "sbacc.h"
 
@@ -23,8 +23,7 @@ std::int64_t passed_ns = 0;
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) int nanosleep(const struct timespec *asked,
-                                                                 struct timespec *left)
+extern "C" __attribute__((visibility("default"))) int nanosleep(const struct timespec *asked, struct timespec *left)
 {
     if (!waits_pass) {
         return static_cast<int>(syscall(SYS_nanosleep, asked, left));
@@ -33,8 +32,7 @@ extern "C" __attribute__((visibility("default"))) int nanosleep(const struct tim
     return 0;
 }
 
-extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock,
-                                                                     struct timespec *now)
+extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, struct timespec *now)
 {
     const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
     if (clock == CLOCK_MONOTONIC) {
@@ -51,8 +49,7 @@ int transfer(bool writes, unsigned region, std::uint64_t offset, void *buffer, s
 {
     cpfw_nv_region_t number = region;
     cpfw_nv_access_t access{buffer, offset, length};
-    return writes ? zKTsanfwctl_write_nv(-1, &number, &access, 1)
-                  : zKTsanfwctl_read_nv(-1, &number, &access, 1);
+    return writes ? zKTsanfwctl_write_nv(-1, &number, &access, 1) : zKTsanfwctl_read_nv(-1, &number, &access, 1);
 }
 
 int write_nv(std::uint64_t offset, std::string bytes, unsigned region = 2)
@@ -353,8 +350,7 @@ TEST_F(Sanfwctl, ChildrenOfAProcessWithThreadsGoOn)
             MC_OutTrace("file.cpp", 1, 1, "a child's line");
             int handle = -1;
             int close_flag = 1;
-            const bool done = read_nv(0, 5) == "image" &&
-                              sbacc_open("kesta_b", "w", &handle, &close_flag) == 0 &&
+            const bool done = read_nv(0, 5) == "image" && sbacc_open("kesta_b", "w", &handle, &close_flag) == 0 &&
                               sbacc_close(handle) == 0;
             _exit(done ? 0 : 1);
         }
@@ -400,8 +396,8 @@ TEST_F(Sanfwctl, LoadingTheLibraryAThousandTimesLeavesNothingBehind)
                   for (int i = 0; i < 1000; ++i) {
                       void *library = dlopen(copy.c_str(), RTLD_NOW | RTLD_LOCAL);
                       ASSERT_NE(library, nullptr) << dlerror();
-                      const auto read = reinterpret_cast<decltype(&zKTsanfwctl_write_nv)>(
-                          dlsym(library, "zKTsanfwctl_write_nv"));
+                      const auto read =
+                          reinterpret_cast<decltype(&zKTsanfwctl_write_nv)>(dlsym(library, "zKTsanfwctl_write_nv"));
                       cpfw_nv_region_t region = 2;
                       char byte = 'x';
                       cpfw_nv_access_t access{&byte, 0, 1};

@@ -28,8 +28,7 @@ protected:
         if (handle < 0) {
             return handle;
         }
-        const int written =
-            sbacc_write(bytes.data(), static_cast<unsigned>(bytes.size()), 0, handle);
+        const int written = sbacc_write(bytes.data(), static_cast<unsigned>(bytes.size()), 0, handle);
         const int closed = sbacc_close(handle);
         return written < 0 ? written : closed;
     }

@@ -51,8 +51,8 @@ TEST(Settings, OfOnePlatformThatCanNotBeKeptAreToldOf)
     for (int i = 0; i < 17; ++i) {
         many += "cluster.key" + std::to_string(i) + " = x\n";
     }
-    for (const std::string &text : {many, "cluster.key = " + std::string(256, 'x') + "\n",
-                                    "cluster." + std::string(64, 'k') + " = x\n"}) {
+    for (const std::string &text :
+         {many, "cluster.key = " + std::string(256, 'x') + "\n", "cluster." + std::string(64, 'k') + " = x\n"}) {
         EXPECT_EQ(with_settings(text, [] { EXPECT_STRNE(platform::settings_problem(), ""); }), 0);
     }
 }

@@ -22,8 +22,7 @@
 
 #define WRONG_API extern "C" __attribute__((visibility("default")))
 
-namespace
-{
+namespace {
 
 bool wrong(const char *way)
 {
@@ -90,8 +89,8 @@ constexpr useconds_t between_halves_us = 100;
 int transfer_in_halves(Transfer &transfer, cpfw_nv_region_t *region, cpfw_nv_access_t *access)
 {
     cpfw_nv_access_t first{access->buffer, access->offset, access->length / 2};
-    cpfw_nv_access_t rest{static_cast<char *>(access->buffer) + first.length,
-                          access->offset + first.length, access->length - first.length};
+    cpfw_nv_access_t rest{static_cast<char *>(access->buffer) + first.length, access->offset + first.length,
+                          access->length - first.length};
     const int result = first.length == 0 ? 0 : transfer(-1, region, &first, 1);
     usleep(between_halves_us);
     return result != 0 ? result : transfer(-1, region, &rest, 1);
@@ -137,9 +136,8 @@ WRONG_API int zKTsanfwctl_write_nv(int, cpfw_nv_region_t *region, cpfw_nv_access
     if (wrong("nv_writes_in_cells")) {
         return write_in_cells(region, access);
     }
-    return wrong("nv_writes_in_halves")
-               ? transfer_in_halves(RIGHT(zKTsanfwctl_write_nv), region, access)
-               : transfer_any(RIGHT(zKTsanfwctl_write_nv), region, access);
+    return wrong("nv_writes_in_halves") ? transfer_in_halves(RIGHT(zKTsanfwctl_write_nv), region, access)
+                                        : transfer_any(RIGHT(zKTsanfwctl_write_nv), region, access);
 }
 
 WRONG_API int zKTsanfwctl_get_status(int kind, sanfw_getstatus_out *out)
@@ -166,8 +164,7 @@ WRONG_API int zKTsanfwctl_get_status_ex(int kind, sanfw_getstatus_ex_out *out)
 
 // ------------------------------------------------------------------------- system backup area
 
-namespace
-{
+namespace {
 
 std::string name_of_last_opening;  // checks that ask for it open one file at a time
 
@@ -203,8 +200,7 @@ int told(int result) { return wrong("errno_is_positive") && result < 0 ? -result
 
 WRONG_API int sbacc_open(const char *name, const char *mode, int *handle, int *close_flag)
 {
-    const std::string known =
-        wrong("names_are_cut_to_12_characters") ? std::string(name).substr(0, 12) : name;
+    const std::string known = wrong("names_are_cut_to_12_characters") ? std::string(name).substr(0, 12) : name;
     const bool writes = strcmp(mode, "w") == 0;
     if (writes && wrong("opening_to_write_empties_the_file")) {
         (void)publish(known.c_str(), "", 0);
@@ -233,8 +229,7 @@ WRONG_API int sbacc_read(void *buffer, unsigned int size, unsigned int offset, i
     constexpr unsigned limit = 128U << 10U;
     const unsigned granted = std::min(size, limit);
     if (wrong("long_reads_are_said_to_be_full")) {
-        return RIGHT(sbacc_read)(buffer, granted, offset, handle) < 0 ? -EIO
-                                                                      : static_cast<int>(size);
+        return RIGHT(sbacc_read)(buffer, granted, offset, handle) < 0 ? -EIO : static_cast<int>(size);
     }
     if (wrong("long_reads_are_short")) {
         return RIGHT(sbacc_read)(buffer, granted, offset, handle);
@@ -242,16 +237,14 @@ WRONG_API int sbacc_read(void *buffer, unsigned int size, unsigned int offset, i
     if (wrong("long_reads_return_an_errno") && size > limit) {
         return EFBIG;
     }
-    return told(
-        RIGHT(sbacc_read)(buffer, size, wrong("read_offset_is_ignored") ? 0 : offset, handle));
+    return told(RIGHT(sbacc_read)(buffer, size, wrong("read_offset_is_ignored") ? 0 : offset, handle));
 }
 
 WRONG_API int sbacc_write(const void *buffer, unsigned int size, unsigned int offset, int handle)
 {
     constexpr unsigned limit = 256U << 10U;
     if (wrong("files_are_cut_at_256_kib") && size > limit) {
-        return RIGHT(sbacc_write)(buffer, limit, offset, handle) < 0 ? -EIO
-                                                                     : static_cast<int>(size);
+        return RIGHT(sbacc_write)(buffer, limit, offset, handle) < 0 ? -EIO : static_cast<int>(size);
     }
     if (wrong("files_show_before_they_are_closed")) {
         (void)publish(name_of_last_opening.c_str(), buffer, size);
@@ -262,12 +255,10 @@ WRONG_API int sbacc_write(const void *buffer, unsigned int size, unsigned int of
     if (wrong("shorter_contents_keep_the_old_end")) {
         std::string all = contents(name_of_last_opening.c_str());
         all.replace(0, std::min<size_t>(size, all.size()), static_cast<const char *>(buffer), size);
-        const int written =
-            RIGHT(sbacc_write)(all.data(), static_cast<unsigned>(all.size()), 0, handle);
+        const int written = RIGHT(sbacc_write)(all.data(), static_cast<unsigned>(all.size()), 0, handle);
         return written < 0 ? written : static_cast<int>(size);
     }
-    return told(
-        RIGHT(sbacc_write)(buffer, size, wrong("write_offset_is_ignored") ? 0 : offset, handle));
+    return told(RIGHT(sbacc_write)(buffer, size, wrong("write_offset_is_ignored") ? 0 : offset, handle));
 }
 
 WRONG_API int sbacc_read_size(int handle) { return told(RIGHT(sbacc_read_size)(handle)); }
@@ -310,8 +301,8 @@ WRONG_API int vrbapi_setint_to_file(const char *path, int value, _VRBAPIERRINFO 
     return wrong("setint_always_succeeds") ? 0 : result;
 }
 
-WRONG_API int vrbapi_getint_from_file(const char *path, unsigned char flag, int lowest, int highest,
-                                      int *value, _VRBAPIERRINFO *error)
+WRONG_API int vrbapi_getint_from_file(const char *path, unsigned char flag, int lowest, int highest, int *value,
+                                      _VRBAPIERRINFO *error)
 {
     _VRBAPIERRINFO unseen{};
     if (wrong("lower_bound_is_unchecked")) {
@@ -353,8 +344,7 @@ WRONG_API int vrbgetnetconfig(vrb_netconfig_t records[2])
 
 // ------------------------------------------------------------------------------------ the trace
 
-namespace
-{
+namespace {
 
 // As it is done where nobody thinks of long ones.
 __attribute__((noinline)) void form_in_8_kib(char *to, const char *text)

@@ -35,7 +35,7 @@ namespace {
 namespace fs = std::filesystem;
 using Kind = DiskEvent::Kind;
 
-constexpr std::size_t word = 8;    // stores into a mapped page reach the disk in pieces of this size
+constexpr std::size_t word = 8;  // stores into a mapped page reach the disk in pieces of this size
 constexpr std::size_t sector = 512;
 
 struct Mapping {
@@ -58,8 +58,8 @@ bool flushes_skipped;
 bool is_watched(const std::string &path)
 {
     return is_recording && std::any_of(watched.begin(), watched.end(), [&](const std::string &folder) {
-        return path.rfind(folder + "/", 0) == 0 || path == folder;
-    });
+               return path.rfind(folder + "/", 0) == 0 || path == folder;
+           });
 }
 
 std::string path_of(int fd)
@@ -175,8 +175,7 @@ std::string label_of_folder(const std::string &folder)
 {
     for (auto event = recording.events.rbegin(); event != recording.events.rend(); ++event) {
         if (event->kind == Kind::name && fs::path(event->path).parent_path() == folder) {
-            const std::string what = event->file == 0 ? "removal" : event->former.empty() ? "new file"
-                                                                                           : "rename";
+            const std::string what = event->file == 0 ? "removal" : event->former.empty() ? "new file" : "rename";
             return name_in(folder) + " folder after a " + what;
         }
     }
@@ -190,10 +189,7 @@ struct State {
     std::map<std::string, int> names;
 };
 
-bool is_data(const DiskEvent &event)
-{
-    return event.kind == Kind::write || event.kind == Kind::store;
-}
+bool is_data(const DiskEvent &event) { return event.kind == Kind::write || event.kind == Kind::store; }
 
 void apply(State &state, const DiskEvent &event)
 {
@@ -224,8 +220,7 @@ bool is_flushed_by(const DiskEvent &pending, const DiskEvent &flush)
     case Kind::flush_file:
         return is_data(pending) && pending.file == flush.file;
     case Kind::flush_range:
-        return is_data(pending) && pending.file == flush.file &&
-               pending.offset < flush.offset + flush.size &&
+        return is_data(pending) && pending.file == flush.file && pending.offset < flush.offset + flush.size &&
                pending.offset + pending.size > flush.offset;
     case Kind::flush_folder:
         return pending.kind == Kind::name && fs::path(pending.path).parent_path() == flush.former;
@@ -300,8 +295,7 @@ std::set<std::string> Recording::flushes() const
 {
     std::set<std::string> labels;
     for (const DiskEvent &event : events) {
-        if (event.kind == Kind::flush_file || event.kind == Kind::flush_range ||
-            event.kind == Kind::flush_folder) {
+        if (event.kind == Kind::flush_file || event.kind == Kind::flush_range || event.kind == Kind::flush_folder) {
             labels.insert(event.path);
         }
     }
@@ -404,11 +398,10 @@ void for_each_power_cut(const Recording &taken, const std::string &left_out,
         if (event.kind == Kind::returned) {
             ++returned;
         } else if (event.path != left_out) {
-            const auto done = std::stable_partition(
-                pending.begin(), pending.end(),
-                [&](const DiskEvent &change) { return !is_flushed_by(change, event); });
-            std::for_each(done, pending.end(),
-                          [&](const DiskEvent &change) { apply(flushed, change); });
+            const auto done = std::stable_partition(pending.begin(), pending.end(), [&](const DiskEvent &change) {
+                return !is_flushed_by(change, event);
+            });
+            std::for_each(done, pending.end(), [&](const DiskEvent &change) { apply(flushed, change); });
             pending.erase(done, pending.end());
         }
     }
@@ -456,8 +449,8 @@ ssize_t __wrap_pwrite(int fd, const void *bytes, size_t size, off_t offset)
     const Call call;
     const ssize_t written = __real_pwrite(fd, bytes, size, offset);
     if (written > 0 && is_watched(path_of(fd))) {
-        add_write(numbers[inode_of(fd)], static_cast<std::size_t>(offset),
-                  static_cast<const char *>(bytes), static_cast<std::size_t>(written));
+        add_write(numbers[inode_of(fd)], static_cast<std::size_t>(offset), static_cast<const char *>(bytes),
+                  static_cast<std::size_t>(written));
     }
     return written;
 }
@@ -479,8 +472,8 @@ void *__wrap_mmap(void *at, size_t size, int protection, int flags, int fd, off_
     if (mapped != MAP_FAILED && fd >= 0 && (flags & MAP_SHARED) != 0) {
         const std::lock_guard<std::recursive_mutex> lock(mutex);
         auto *bytes = static_cast<unsigned char *>(mapped);
-        mappings.push_back({bytes, size, inode_of(fd), path_of(fd),
-                            std::string(reinterpret_cast<char *>(bytes), size)});
+        mappings.push_back(
+            {bytes, size, inode_of(fd), path_of(fd), std::string(reinterpret_cast<char *>(bytes), size)});
     }
     return mapped;
 }
@@ -513,8 +506,7 @@ int __wrap_msync(void *at, size_t size, int flags)
         const auto *from = static_cast<unsigned char *>(at);
         if (from >= mapping.bytes && from < mapping.bytes + mapping.size && is_watched(mapping.path)) {
             const std::size_t offset = static_cast<std::size_t>(from - mapping.bytes);
-            add({Kind::flush_range, numbers[mapping.inode], offset, size, "",
-                 label_of_range(mapping, size), ""});
+            add({Kind::flush_range, numbers[mapping.inode], offset, size, "", label_of_range(mapping, size), ""});
         }
     }
     return flushes_skipped ? 0 : __real_msync(at, size, flags);

@@ -41,8 +41,8 @@ struct Item {
     std::size_t size;
     bool in_memory;
 };
-constexpr Item items[] = {{31, 32, true}, {32, 32, true}, {51, 4, true},   {52, 4, true},
-                          {61, 4, true},  {62, 4, true},  {63, 4, true},   {64, 4, true},
+constexpr Item items[] = {{31, 32, true}, {32, 32, true},  {51, 4, true},   {52, 4, true},
+                          {61, 4, true},  {62, 4, true},   {63, 4, true},   {64, 4, true},
                           {55, 4, false}, {201, 16, true}, {202, 16, true}, {203, 20, true}};
 
 // What the threads of a repair take for the controllers' versions: this controller's own.
@@ -71,8 +71,7 @@ std::string value_of(const Item &item)
 std::optional<std::string> in_memory(const Item &item)
 {
     std::string bytes(item.size, '?');
-    return kestal_non_volatile_rw_memory(item.block, 2, bytes.data(),
-                                         static_cast<unsigned>(item.size)) == 0
+    return kestal_non_volatile_rw_memory(item.block, 2, bytes.data(), static_cast<unsigned>(item.size)) == 0
                ? std::optional(bytes)
                : std::nullopt;
 }
@@ -80,8 +79,7 @@ std::optional<std::string> in_memory(const Item &item)
 std::optional<std::string> on_disk(const Item &item)
 {
     std::string bytes(item.size, '\0');
-    return kestal_non_volatile_rw_sysback(item.block, 1, bytes.data(),
-                                          static_cast<unsigned>(item.size)) == 0
+    return kestal_non_volatile_rw_sysback(item.block, 1, bytes.data(), static_cast<unsigned>(item.size)) == 0
                ? std::optional(bytes)
                : std::nullopt;
 }
@@ -152,8 +150,8 @@ Recording run(const Scenario &scenario)
 void PrintTo(const Scenario &scenario, std::ostream *out) { *out << scenario.name; }
 
 // The first thing that is wrong after a power cut, without the flushes of one kind; empty if nothing is.
-std::string first_complaint(const Scenario &scenario, const Recording &recording,
-                            const std::string &left_out, int &cuts)
+std::string first_complaint(const Scenario &scenario, const Recording &recording, const std::string &left_out,
+                            int &cuts)
 {
     std::string found;
     skip_flushes(true);
@@ -227,16 +225,14 @@ std::string repaired(bool memory, bool done, const std::function<int()> &again)
 int copy_all(bool to_memory)
 {
     repair_state.with_supplied_values = 0;
-    return kestal_repair_allitem(to_memory ? KESTA_REPAIR_FROM_SYSBACK : KESTA_REPAIR_FROM_MEMORY,
-                                 nullptr, 0);
+    return kestal_repair_allitem(to_memory ? KESTA_REPAIR_FROM_SYSBACK : KESTA_REPAIR_FROM_MEMORY, nullptr, 0);
 }
 
 int transfer(bool writes, std::uint64_t offset, std::string &bytes)
 {
     cpfw_nv_region_t region = 2;
     cpfw_nv_access_t access{bytes.data(), offset, bytes.size()};
-    return writes ? zKTsanfwctl_write_nv(-1, &region, &access, 1)
-                  : zKTsanfwctl_read_nv(-1, &region, &access, 1);
+    return writes ? zKTsanfwctl_write_nv(-1, &region, &access, 1) : zKTsanfwctl_read_nv(-1, &region, &access, 1);
 }
 
 int write_nv(std::uint64_t offset, std::string bytes) { return transfer(true, offset, bytes); }
@@ -254,8 +250,7 @@ int write_area(const char *name, const std::string &bytes)
     if (sbacc_open(name, "w", &handle, &close_flag) < 0) {
         return -1;
     }
-    const int written =
-        sbacc_write(bytes.data(), static_cast<unsigned>(bytes.size()), 0, handle);
+    const int written = sbacc_write(bytes.data(), static_cast<unsigned>(bytes.size()), 0, handle);
     return sbacc_close(handle) == 0 && written == static_cast<int>(bytes.size()) ? 0 : -1;
 }
 
@@ -295,7 +290,9 @@ Scenario slot_switch()
     return {"the slots are switched",
             [] { fill(true, true); },
             {[change] { return change("kesta_backup0", "kesta_backup1", KESTA_OFF); },
-             [change] { return change("kesta_backup0", "kesta_backup1", KESTA_ON); }},
+             [change] {
+                 return change("kesta_backup0", "kesta_backup1", KESTA_ON);
+             }},
             [changed](int returned) {
                 return old_or_new(changed, [returned](int block) {
                     return (block == 32 && returned > 0) || (block == 31 && returned > 1);
@@ -309,7 +306,9 @@ Scenario version_change()
     return {"versions change",
             [] { fill(true, true); },
             {[] { return kestal_set_version(KESTA_VER_AREA_CURRENT, 0, 7); },
-             [] { return kestal_set_version(KESTA_VER_AREA_BACKUP, 0, 8); }},
+             [] {
+                 return kestal_set_version(KESTA_VER_AREA_BACKUP, 0, 8);
+             }},
             [changed](int returned) {
                 return old_or_new(changed, [returned](int block) {
                     return (block == 61 && returned > 0) || (block == 52 && returned > 1);
@@ -321,7 +320,9 @@ Scenario repair_of_memory()
 {
     return {"NV memory that was never written is repaired",
             [] { fill(false, true); },
-            {[] { return kestal_repair_memory_sysback(nullptr, 0); }},
+            {[] {
+                return kestal_repair_memory_sysback(nullptr, 0);
+            }},
             [](int returned) {
                 return repaired(true, returned > 0, [] { return copy_all(true); });
             }};
@@ -331,7 +332,9 @@ Scenario repair_of_disk()
 {
     return {"an emptied system backup area is repaired",
             [] { fill(true, false); },
-            {[] { return kestal_repair_memory_sysback(nullptr, 0); }},
+            {[] {
+                return kestal_repair_memory_sysback(nullptr, 0);
+            }},
             [](int returned) {
                 return repaired(false, returned > 0, [] { return copy_all(false); });
             }};
@@ -378,8 +381,8 @@ Scenario repair_that_shows_its_end(engine::Side from)
                 if (!state.valid(from)) {
                     return "the good place is not good any more";
                 }
-                const bool untouched = std::none_of(
-                    state.items.begin(), state.items.end(), [](const engine::MirroredItem &item) {
+                const bool untouched =
+                    std::none_of(state.items.begin(), state.items.end(), [](const engine::MirroredItem &item) {
                         return item.block->in_memory && item.block->size == 4 && !item.differs();
                     });
                 if (state.valid(engine::other(from)) && state.differ() && !untouched) {
@@ -405,8 +408,7 @@ Scenario image_init()
                 }
                 const std::string header = read_nv(8, 8);
                 const std::string stamp = "ENVV" + number(2);
-                return header == stamp || (header == std::string(8, '\0') && returned < 2) ? ""
-                                                                                           : "the header";
+                return header == stamp || (header == std::string(8, '\0') && returned < 2) ? "" : "the header";
             }};
 }
 
@@ -417,11 +419,12 @@ Scenario whole_rewrite()
                 fill(true, true);
                 ASSERT_EQ(write_nv(4096, std::string(8192, 'y')), 0);
             },
-            {[] { return kestal_sync_all_nonvolatile(0); }},
+            {[] {
+                return kestal_sync_all_nonvolatile(0);
+            }},
             [](int) {
-                return read_nv(4096, 8192) == std::string(8192, 'y')
-                           ? old_or_new({}, [](int) { return true; })
-                           : "the rest of the region";
+                return read_nv(4096, 8192) == std::string(8192, 'y') ? old_or_new({}, [](int) { return true; })
+                                                                     : "the rest of the region";
             }};
 }
 
@@ -431,7 +434,9 @@ Scenario long_transfers()
     return {"transfers over several pages",
             [] { ASSERT_EQ(write_nv(0, std::string(12288, 'o')), 0); },
             {[] { return write_nv(4000, std::string(200, '1')); },
-             [] { return write_nv(8100, std::string(200, '2')); }},
+             [] {
+                 return write_nv(8100, std::string(200, '2'));
+             }},
             [](int returned) -> std::string {
                 const std::string first = read_nv(4000, 200);
                 const std::string second = read_nv(8100, 200);
@@ -449,11 +454,12 @@ Scenario first_transfer_ever()
 {
     return {"the first transfer of a region",
             [] {},
-            {[] { return write_nv(100, "first"); }},
+            {[] {
+                return write_nv(100, "first");
+            }},
             [](int returned) -> std::string {
                 const std::string bytes = read_nv(100, 5);
-                return bytes == "first" || (bytes == std::string(5, '\0') && returned == 0) ? ""
-                                                                                            : bytes;
+                return bytes == "first" || (bytes == std::string(5, '\0') && returned == 0) ? "" : bytes;
             }};
 }
 
@@ -481,14 +487,15 @@ Scenario interrupted_twice()
     return {"a transfer is finished after a power cut",
             half_made,
             {[] { return read_nv(0, 1) == "o" ? 0 : -1; },
-             [] { return write_nv(9000, std::string(100, '2')); }},
+             [] {
+                 return write_nv(9000, std::string(100, '2'));
+             }},
             [](int returned) -> std::string {
                 if (read_nv(4000, 200) != std::string(200, '1')) {
                     return "the transfer that the journal held";
                 }
                 const std::string second = read_nv(9000, 100);
-                return second == std::string(100, '2') ||
-                               (second == std::string(100, 'o') && returned < 2)
+                return second == std::string(100, '2') || (second == std::string(100, 'o') && returned < 2)
                            ? ""
                            : "the next transfer";
             }};
@@ -503,7 +510,9 @@ Scenario recorded_size()
                 ASSERT_EQ(record_size("archive", 8), 0);
             },
             {[] { return write_area("archive", "new contents"); },
-             [] { return record_size("archive", 3); }},
+             [] {
+                 return record_size("archive", 3);
+             }},
             [before](int returned) -> std::string {
                 const std::string now = read_area("archive");
                 // The record goes first, so for a moment the old contents are whole again.
@@ -545,12 +554,11 @@ TEST_P(PowerCut, LeavesNothingTorn)
     RecordProperty("power_cuts", cuts);
 }
 
-INSTANTIATE_TEST_SUITE_P(Everywhere, PowerCut, testing::ValuesIn(scenarios()),
-                         [](const auto &tested) {
-                             std::string name = tested.param.name;
-                             std::erase_if(name, [](char c) { return isalnum(c) == 0; });
-                             return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Everywhere, PowerCut, testing::ValuesIn(scenarios()), [](const auto &tested) {
+    std::string name = tested.param.name;
+    std::erase_if(name, [](char c) { return isalnum(c) == 0; });
+    return name;
+});
 
 TEST(PowerCutFlushes, EachIsNeeded)
 {

@@ -75,10 +75,7 @@ private:
 // Reaps a child that a test has started itself.
 class Child {
 public:
-    Child(const std::string &command, char *block = nullptr)
-    {
-        EXPECT_EQ(prcfork(command.c_str(), block, &pid), 0);
-    }
+    Child(const std::string &command, char *block = nullptr) { EXPECT_EQ(prcfork(command.c_str(), block, &pid), 0); }
     ~Child()
     {
         if (pid > 0) {
@@ -135,8 +132,8 @@ protected:
     // Runs a command to its end and gives what it printed.
     std::vector<std::string> printed(const std::string &command)
     {
-        EXPECT_EQ(kestal_system(("exec > " + std::string(output_file) + "; " + command).c_str(),
-                                "event", "status", &status),
+        EXPECT_EQ(kestal_system(("exec > " + std::string(output_file) + "; " + command).c_str(), "event", "status",
+                                &status),
                   0);
         return lines_of(read_file(output_file));
     }
@@ -197,16 +194,14 @@ TEST_F(System, ChildSeesTheTwoVariablesAfterTheInheritedOnes)
 TEST_F(System, LongValuesArriveCutAt63Characters)
 {
     const std::string value(100, 'v');
-    const std::string command =
-        "echo \"$KESTA_EVENT\" \"$KESTA_VRBGETSTAT\" > " + std::string(output_file);
+    const std::string command = "echo \"$KESTA_EVENT\" \"$KESTA_VRBGETSTAT\" > " + std::string(output_file);
     EXPECT_EQ(kestal_system(command.c_str(), value.c_str(), value.c_str(), &status), 0);
     EXPECT_EQ(read_file(output_file), value.substr(0, 63 - 12) + " " + value.substr(0, 63 - 17) + "\n");
 }
 
 TEST_F(System, NullTextsReadAsTheyPrint)
 {
-    const std::string command =
-        "echo \"$KESTA_EVENT\" \"$KESTA_VRBGETSTAT\" > " + std::string(output_file);
+    const std::string command = "echo \"$KESTA_EVENT\" \"$KESTA_VRBGETSTAT\" > " + std::string(output_file);
     EXPECT_EQ(kestal_system(command.c_str(), nullptr, nullptr, &status), 0);
     EXPECT_EQ(read_file(output_file), "(null) (null)\n");
 }
@@ -222,18 +217,14 @@ TEST_F(System, EnvironmentOf509StringsPassesAndOneMoreIsRefused)
         Environment environment(510);
         EXPECT_EQ(kestal_system("exit 0", "e", "s", &status), -1);
     }
-    EXPECT_THAT(p().texts(1), ElementsAre("[prcfork] too many envs(512).",
-                                          "[system] prcfork_siginit END errno=12"));
+    EXPECT_THAT(p().texts(1), ElementsAre("[prcfork] too many envs(512).", "[system] prcfork_siginit END errno=12"));
 }
 
 TEST_F(System, EmptyEnvironment)
 {
     Environment environment(0);
-    EXPECT_EQ(kestal_system("/usr/bin/tr '\\0' '\\n' < /proc/$$/environ > /tmp/kesta_sys/out", "e",
-                            "s", &status),
-              0);
-    EXPECT_THAT(lines_of(read_file(output_file)),
-                ElementsAre("KESTA_EVENT=e", "KESTA_VRBGETSTAT=s"));
+    EXPECT_EQ(kestal_system("/usr/bin/tr '\\0' '\\n' < /proc/$$/environ > /tmp/kesta_sys/out", "e", "s", &status), 0);
+    EXPECT_THAT(lines_of(read_file(output_file)), ElementsAre("KESTA_EVENT=e", "KESTA_VRBGETSTAT=s"));
 }
 
 TEST_F(System, OnlyTheStandardDescriptorsAreOpenInTheChild)
@@ -411,13 +402,11 @@ TEST_F(System, ExecCmdEndedByASignalOrNeverStarted)
 {
     p().run_system = true;
     EXPECT_EQ(kestal_exec_cmd_by_system("kill -9 $$"), -1);
-    EXPECT_THAT(p().texts(1),
-                ElementsAre("[exec_cmd_by_system] Failed to exec cmd=kill -9 $$. result=9"));
+    EXPECT_THAT(p().texts(1), ElementsAre("[exec_cmd_by_system] Failed to exec cmd=kill -9 $$. result=9"));
     p().traces.clear();
     p().fail_kind("system");
     EXPECT_EQ(kestal_exec_cmd_by_system("true"), -1);
-    EXPECT_THAT(p().texts(1),
-                ElementsAre("[exec_cmd_by_system] Failed to exec cmd=true. result=-1"));
+    EXPECT_THAT(p().texts(1), ElementsAre("[exec_cmd_by_system] Failed to exec cmd=true. result=-1"));
 }
 
 // ---------------------------------------------------------------- the environment block
@@ -431,8 +420,7 @@ TEST_F(System, BlockHoldsTheEnvironmentAndTheTwoVariables)
     EXPECT_EQ(blksize(block), 46);
     EXPECT_EQ(std::string(block, 46), expected);
     EXPECT_EQ(blkstrnum(block), 4);
-    EXPECT_THAT(strings_of(block),
-                ElementsAre("N0=v", "N1=v", "KESTA_EVENT=ev", "KESTA_VRBGETSTAT=st"));
+    EXPECT_THAT(strings_of(block), ElementsAre("N0=v", "N1=v", "KESTA_EVENT=ev", "KESTA_VRBGETSTAT=st"));
     kestal_free_envblk(block);
 }
 
@@ -478,8 +466,7 @@ TEST_F(System, KillReapsAChildThatObeys)
     };
     EXPECT_EQ(prckill(child.pid), 0);
     p().before_call = nullptr;
-    EXPECT_THAT(p().texts(1), ElementsAre("[prcfork] kill(" + std::to_string(child.pid) +
-                                          ",SIGTERM) success."));
+    EXPECT_THAT(p().texts(1), ElementsAre("[prcfork] kill(" + std::to_string(child.pid) + ",SIGTERM) success."));
     child.reaped();
 }
 
@@ -510,8 +497,7 @@ TEST_F(System, KillOfNobodyFails)
     }
     ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
     EXPECT_EQ(prckill(gone), -1);
-    EXPECT_THAT(p().texts(1),
-                ElementsAre("[prcfork] kill(" + std::to_string(gone) + ",SIGTERM) failed(3)."));
+    EXPECT_THAT(p().texts(1), ElementsAre("[prcfork] kill(" + std::to_string(gone) + ",SIGTERM) failed(3)."));
 }
 
 TEST_F(System, KillReportsAFailedWait)
@@ -520,8 +506,7 @@ TEST_F(System, KillReportsAFailedWait)
     p().fail_kind("waitpid", 0, 1);
     p().fault_errno = 10;
     EXPECT_EQ(prckill(child.pid), -1);
-    EXPECT_THAT(p().texts(1),
-                ElementsAre("[prcfork] waitpid(" + std::to_string(child.pid) + ") failed(10)."));
+    EXPECT_THAT(p().texts(1), ElementsAre("[prcfork] waitpid(" + std::to_string(child.pid) + ") failed(10)."));
 }
 
 TEST_F(System, FdcloseClosesEverythingAboveTwo)

@@ -89,10 +89,12 @@ TEST_F(Repair, EmptyMemoryIsFilledFromTheArea)
             EXPECT_EQ(in_memory(item), value_of(item)) << item.block;
         }
     }
-    EXPECT_TRUE(p().traced(1, "[kestal_repair_memory_sysback] NonVolatile(Backup) ReadCheck ERROR "
-                              "rtn=-1"));
-    EXPECT_TRUE(p().traced(1, "[kestal_repair_memory_sysback] NonVolatile(Accept) ReadCheck ERROR "
-                              "rtn=-1"));
+    EXPECT_TRUE(p().traced(1,
+                           "[kestal_repair_memory_sysback] NonVolatile(Backup) ReadCheck ERROR "
+                           "rtn=-1"));
+    EXPECT_TRUE(p().traced(1,
+                           "[kestal_repair_memory_sysback] NonVolatile(Accept) ReadCheck ERROR "
+                           "rtn=-1"));
     EXPECT_TRUE(p().traced(4, "[repair_filename_check] filelen Error(0,14)"));
     EXPECT_THAT(p().calls_of("sb_write"), IsEmpty());
 }
@@ -103,12 +105,10 @@ TEST_F(Repair, EmptyAreaIsFilledFromMemory)
     p().sysback.clear();
     EXPECT_EQ(repair(), 0);
     for (const Item &item : all_items) {
-        EXPECT_EQ(p().sysback[item.mirror].bytes,
-                  item.offset != 0 ? value_of(item) : std::string(4, '\0'))
+        EXPECT_EQ(p().sysback[item.mirror].bytes, item.offset != 0 ? value_of(item) : std::string(4, '\0'))
             << item.block;
     }
-    EXPECT_TRUE(
-        p().traced(1, "[kestal_repair_memory_sysback] SystemBackup(Backup) Read ERROR rtn=-1"));
+    EXPECT_TRUE(p().traced(1, "[kestal_repair_memory_sysback] SystemBackup(Backup) Read ERROR rtn=-1"));
     EXPECT_THAT(p().calls_of("nv_write"), IsEmpty());
 }
 
@@ -157,8 +157,7 @@ TEST_F(Repair, OneBlockEitherWay)
     p().sysback.clear();
     EXPECT_EQ(kestal_repair_rw(0, 51, 4), 0);
     EXPECT_EQ(p().sysback["kesta_verid"].bytes.size(), 4u);
-    EXPECT_THAT(p().calls, ElementsAre("alloc 4", "nv_read 296 4", "sb_open kesta_verid w",
-                                       "sb_write 4", "sb_close"));
+    EXPECT_THAT(p().calls, ElementsAre("alloc 4", "nv_read 296 4", "sb_open kesta_verid w", "sb_write 4", "sb_close"));
     p().set_int(nv_numbering_version, 0);
     EXPECT_EQ(kestal_repair_rw(1, 51, 4), 0);
     EXPECT_NE(p().int_at(nv_numbering_version), 0);
@@ -193,8 +192,7 @@ TEST_F(Repair, NoLengthIsRefusedByTheReading)
 TEST_F(Repair, EndOfTheItemsIsAlwaysTold)
 {
     EXPECT_EQ(kestal_repair_allitem(1, nullptr, 0), 0);
-    EXPECT_EQ(p().traces.back(), (Trace{4, "[repair_allitem] END",
-                                        "../common/kestal_repair_memory_sysback.cpp"}));
+    EXPECT_EQ(p().traces.back(), (Trace{4, "[repair_allitem] END", "../common/kestal_repair_memory_sysback.cpp"}));
     p().sysback.erase("kesta_ver1");
     EXPECT_EQ(kestal_repair_allitem(1, nullptr, 0), 1);
     EXPECT_EQ(p().traces.back().text, "[repair_allitem] END");
@@ -213,8 +211,10 @@ TEST_F(Repair, VersionsNeedAPlaceToGoTo)
 
 TEST_F(Repair, NamesAreCheckedOverTheirWholeLength)
 {
-    const std::pair<const char *, int> names[] = {
-        {"kesta_backup0", 0}, {"kesta_backup1", 0}, {"kesta_backup2", -1}, {"KESTA_BACKUP0", -1}};
+    const std::pair<const char *, int> names[] = {{"kesta_backup0", 0},
+                                                  {"kesta_backup1", 0},
+                                                  {"kesta_backup2", -1},
+                                                  {"KESTA_BACKUP0", -1}};
     for (const auto &[name, result] : names) {
         std::string text = name;
         EXPECT_EQ(kestal_repair_filename_check(text.data(), 13), result);
@@ -226,8 +226,7 @@ TEST_F(Repair, NamesAreCheckedOverTheirWholeLength)
     EXPECT_TRUE(p().traced(4, "[repair_filename_check] filename=kesta_backup0x(13)."));
     for (const int length : {0, 12, 14, -1}) {
         EXPECT_EQ(kestal_repair_filename_check(longer, length), -1);
-        EXPECT_TRUE(p().traced(4, "[repair_filename_check] filelen Error(" +
-                                      std::to_string(length) + ",14)"));
+        EXPECT_TRUE(p().traced(4, "[repair_filename_check] filelen Error(" + std::to_string(length) + ",14)"));
     }
     EXPECT_EQ(kestal_repair_filename_check(nullptr, 13), -931);
 }
@@ -278,8 +277,7 @@ TEST_F(SuppliedRepair, RecordsAreTakenByTheirBlock)
     for (const int block : {201, 202, 203}) {
         EXPECT_EQ(copy(block, 16, {{other.data(), block}}), 0);
         EXPECT_FALSE(read_the_area());
-        EXPECT_EQ(p().text_at(344 + 20 * static_cast<std::size_t>(block - 201), 16),
-                  "something else");
+        EXPECT_EQ(p().text_at(344 + 20 * static_cast<std::size_t>(block - 201), 16), "something else");
     }
 }
 
@@ -287,8 +285,7 @@ TEST_F(SuppliedRepair, WithoutARecordTheAreaIsRead)
 {
     for (const int block : {31, 32, 201, 202, 203}) {
         EXPECT_EQ(copy(block, 16, {}), -1 + (block != 31 && block != 32 && block != 203)) << block;
-        EXPECT_TRUE(p().traced(
-            3, "[repair_rw] sysvol read for no-data (id=" + std::to_string(block) + ")"));
+        EXPECT_TRUE(p().traced(3, "[repair_rw] sysvol read for no-data (id=" + std::to_string(block) + ")"));
     }
     EXPECT_EQ(copy(31, 32, {{nullptr, 31}}), 0);
     EXPECT_TRUE(read_the_area()) << "a record without a value is none";

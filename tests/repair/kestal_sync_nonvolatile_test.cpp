@@ -19,10 +19,7 @@ protected:
         memcpy(p().nv.data() + 8, "MAGI\7\0\0\0\x05\xff", 10);  // magic, version, synced 5, req -1
     }
     int flags(int rw) { return kestal_flag_of_sync_nonvolatile(rw, &synced, &req, 1); }
-    std::string header() const
-    {
-        return {reinterpret_cast<const char *>(p().nv.data()), 24};
-    }
+    std::string header() const { return {reinterpret_cast<const char *>(p().nv.data()), 24}; }
     int synced = 77;
     int req = 78;
 };
@@ -46,8 +43,7 @@ TEST_F(NvSync, ReadingIsOneTransferUnderTheInnerLock)
 {
     EXPECT_EQ(flags(0x103), 0);
     EXPECT_THAT(p().calls_of("nv_"),
-                ElementsAre("nv_read 600 64", "nv_write 600 16", "nv_read 600 64", "nv_read 8 16",
-                            "nv_write 600 16"));
+                ElementsAre("nv_read 600 64", "nv_write 600 16", "nv_read 600 64", "nv_read 8 16", "nv_write 600 16"));
     EXPECT_TRUE(p().traced(5, tag + "kesta_volatile->sync_flag.synced=5 req=-1"));
     EXPECT_EQ(p().count(tag + "rw=0x103 synced_flg=0x"), 1);
 }
@@ -133,16 +129,14 @@ TEST_F(NvSync, BothRegionsAreRewrittenInPlace)
     EXPECT_EQ(kestal_sync_all_nonvolatile(2), 0);
     EXPECT_EQ(p().other_regions[0], std::string(32768, 'z'));
     EXPECT_EQ(p().text_at(nv_group, 16), "network");
-    EXPECT_THAT(p().calls,
-                ElementsAre("nv_read 600 64", "nv_write 600 16", "nv_read 600 64", "alloc 32768",
-                            "nv_read_region0 0 32768", "nv_write_region0 0 32768", "nv_read 0 32768",
-                            "nv_write 0 32768", "nv_write 600 16"));
-    EXPECT_THAT(p().texts(3),
-                ElementsAre("[sync_all_nonvolatile] Sync Data: region=0 data_size=0x8000 counter=1.",
-                            "[sync_all_nonvolatile] Sync Data: region=2 data_size=0x8000 counter=1."));
+    EXPECT_THAT(p().calls, ElementsAre("nv_read 600 64", "nv_write 600 16", "nv_read 600 64", "alloc 32768",
+                                       "nv_read_region0 0 32768", "nv_write_region0 0 32768", "nv_read 0 32768",
+                                       "nv_write 0 32768", "nv_write 600 16"));
+    EXPECT_THAT(p().texts(3), ElementsAre("[sync_all_nonvolatile] Sync Data: region=0 data_size=0x8000 counter=1.",
+                                          "[sync_all_nonvolatile] Sync Data: region=2 data_size=0x8000 counter=1."));
     EXPECT_EQ(p().traces.front().text, "[sync_all_nonvolatile] START");
-    EXPECT_EQ(p().traces.back(), (Trace{4, "[sync_all_nonvolatile] END rtn=0",
-                                        "../common/kestal_sync_nonvolatile.cpp"}));
+    EXPECT_EQ(p().traces.back(),
+              (Trace{4, "[sync_all_nonvolatile] END rtn=0", "../common/kestal_sync_nonvolatile.cpp"}));
     EXPECT_TRUE(inner_lock_is_free());
 }
 

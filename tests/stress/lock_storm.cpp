@@ -122,7 +122,7 @@ int main(int argc, char **argv)
         const int type = cycle % 2 == 0 ? KESTA_LOCK_TYPE1 : KESTA_LOCK_TYPE3;
         command_section_locally(own, type, mark, tally);
     }
-    printf("%d %d %d %d %d %d\n", tally.sections, tally.doubled, tally.held, tally.refused,
-           tally.overlaps, tally.failures);
+    printf("%d %d %d %d %d %d\n", tally.sections, tally.doubled, tally.held, tally.refused, tally.overlaps,
+           tally.failures);
     return tally.doubled + tally.overlaps + tally.failures == 0 ? 0 : lock_busy;
 }

@@ -14,6 +14,5 @@ __attribute__((visibility("default"))) int usleep(useconds_t us)
 __attribute__((visibility("default"))) clock_t times(struct tms *buffer)
 {
     (void)buffer;
-    return (clock_t)(__atomic_load_n(&clock_us, __ATOMIC_RELAXED) / 1000000 *
-                     sysconf(_SC_CLK_TCK));
+    return (clock_t)(__atomic_load_n(&clock_us, __ATOMIC_RELAXED) / 1000000 * sysconf(_SC_CLK_TCK));
 }

@@ -27,8 +27,8 @@ std::int64_t wall_seconds_of_this_process = 0;  // when the clock stands at 0
 // One step of one process at a time: nobody else touches it meanwhile.
 std::int64_t *shared_clock()
 {
-    static void *const clock = mmap(nullptr, sizeof(std::int64_t), PROT_READ | PROT_WRITE,
-                                    MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    static void *const clock =
+        mmap(nullptr, sizeof(std::int64_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     return static_cast<std::int64_t *>(clock);
 }
 
@@ -45,8 +45,7 @@ void announce(const std::string &text)
     char go = 0;
     std::int64_t &now = *shared_clock();
     now = std::max(now, platform().clock_us);
-    if (send(channel_of_this_process, message, message_size, MSG_NOSIGNAL) !=
-            static_cast<ssize_t>(message_size) ||
+    if (send(channel_of_this_process, message, message_size, MSG_NOSIGNAL) != static_cast<ssize_t>(message_size) ||
         recv(channel_of_this_process, &go, 1, 0) != 1) {
         _exit(0);  // the test has ended
     }
@@ -57,8 +56,7 @@ void announce(const std::string &text)
 void use_folder_of(int controller)
 {
     const std::string own = "/var/run/kesta_sys/cnt" + std::to_string(controller);
-    if (unshare(CLONE_NEWNS) != 0 ||
-        mount(own.c_str(), "/var/run/kesta_sys/tmp", nullptr, MS_BIND, nullptr) != 0) {
+    if (unshare(CLONE_NEWNS) != 0 || mount(own.c_str(), "/var/run/kesta_sys/tmp", nullptr, MS_BIND, nullptr) != 0) {
         give_up("can't give the controller a folder of its own");
     }
 }

@@ -15,10 +15,11 @@ namespace test {
 // Whether it was killed; false: it makes no more such calls, and was done.
 inline bool killed_at(int n, const std::function<void()> &work)
 {
-    static const std::set<std::uint64_t> changing{SYS_write,  SYS_pwrite64,  SYS_ftruncate, SYS_fsync,  SYS_openat,
-                                                  SYS_linkat, SYS_renameat2, SYS_unlinkat,  SYS_fchmod, SYS_mkdirat,
+    static const std::set<std::uint64_t> changing{
+        SYS_write,    SYS_pwrite64,  SYS_ftruncate, SYS_fsync,  SYS_openat,
+        SYS_linkat,   SYS_renameat2, SYS_unlinkat,  SYS_fchmod, SYS_mkdirat,
 #ifdef SYS_renameat
-                                                  SYS_renameat,
+        SYS_renameat,
 #endif
     };
     const pid_t child = fork();

@@ -87,19 +87,15 @@ protected:
         const std::string err = (home / "err").string();
         const std::string line = "( " + command + " ) > " + out + " 2> " + err + " < /dev/null";
         const int status = system(line.c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read_file(out),
-                read_file(err)};
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read_file(out), read_file(err)};
     }
     // Runs a shell command on a controller.
     Ran on(int controller, const std::string &command) const
     {
-        return shell(lab() + " --dir " + dir.string() + " exec CNT" + std::to_string(controller) +
-                     " -- /bin/sh -c " + quoted(command));
+        return shell(lab() + " --dir " + dir.string() + " exec CNT" + std::to_string(controller) + " -- /bin/sh -c " +
+                     quoted(command));
     }
-    Ran ctl(int controller, const std::string &arguments) const
-    {
-        return on(controller, "kestactl " + arguments);
-    }
+    Ran ctl(int controller, const std::string &arguments) const { return on(controller, "kestactl " + arguments); }
 
     void succeed(const std::string &command) const
     {
@@ -107,10 +103,7 @@ protected:
         EXPECT_EQ(run.code, 0) << command << run.err;
     }
 
-    std::string file_on(int controller, const std::string &path) const
-    {
-        return on(controller, "cat " + path).out;
-    }
+    std::string file_on(int controller, const std::string &path) const { return on(controller, "cat " + path).out; }
 
     // Where a file of a controller lies on the host.
     fs::path host_path(int controller, const std::string &path) const
@@ -123,14 +116,18 @@ protected:
     {
         const Ran saved = on(controller,
                              "mkdir -p /tmp/src/etc/app && echo one > /tmp/src/etc/app/one && "
-                             "echo " + archive + " > /tmp/src/etc/app/which && "
-                             "tar -C /tmp/src -cjf /opt/kesta_sys/bakup/" + archive + " etc && "
-                             "cat /opt/kesta_sys/bakup/" + archive);
+                             "echo " +
+                                 archive +
+                                 " > /tmp/src/etc/app/which && "
+                                 "tar -C /tmp/src -cjf /opt/kesta_sys/bakup/" +
+                                 archive +
+                                 " etc && "
+                                 "cat /opt/kesta_sys/bakup/" +
+                                 archive);
         EXPECT_EQ(saved.code, 0) << saved.err;
         return saved.out;
     }
-    void set_slots(const std::string &backup = "kesta_backup0",
-                   const std::string &accept = "kesta_backup1") const
+    void set_slots(const std::string &backup = "kesta_backup0", const std::string &accept = "kesta_backup1") const
     {
         const Ran set = ctl(0, "slot switch --backup " + backup + " --accept " + accept);
         EXPECT_EQ(set.code, 0) << set.err;
@@ -145,8 +142,7 @@ protected:
         for (const auto &entry : fs::recursive_directory_iterator(dir)) {
             struct stat status {};
             lstat(entry.path().c_str(), &status);
-            std::string what = std::to_string(status.st_mode) + " " +
-                               std::to_string(status.st_mtim.tv_sec) + "." +
+            std::string what = std::to_string(status.st_mode) + " " + std::to_string(status.st_mtim.tv_sec) + "." +
                                std::to_string(status.st_mtim.tv_nsec) + " ";
             if (S_ISREG(status.st_mode) && entry.path().string().rfind(product, 0) != 0) {
                 what += read_file(entry.path());

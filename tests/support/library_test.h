@@ -22,15 +22,9 @@ inline constexpr std::size_t nv_version0 = 312;
 inline constexpr std::size_t nv_status0 = 316;
 inline constexpr std::size_t nv_slot0 = 600;
 
-inline constexpr std::size_t nv_lock(int controller)
-{
-    return nv_lock0 + 24 * static_cast<std::size_t>(controller);
-}
+inline constexpr std::size_t nv_lock(int controller) { return nv_lock0 + 24 * static_cast<std::size_t>(controller); }
 
-inline constexpr std::size_t nv_slot(int controller)
-{
-    return nv_slot0 + 16 * static_cast<std::size_t>(controller);
-}
+inline constexpr std::size_t nv_slot(int controller) { return nv_slot0 + 16 * static_cast<std::size_t>(controller); }
 
 class LibraryTest : public testing::Test {
 protected:
@@ -51,8 +45,7 @@ protected:
 
     static Platform &p() { return platform(); }
 
-    static void use_slots(const std::string &backup = "kesta_backup0",
-                          const std::string &accept = "kesta_backup1")
+    static void use_slots(const std::string &backup = "kesta_backup0", const std::string &accept = "kesta_backup1")
     {
         p().set_text(nv_backup_name, backup, 32);
         p().set_text(nv_accept_name, accept, 32);

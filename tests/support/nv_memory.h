@@ -15,8 +15,8 @@ public:
     static constexpr std::size_t region_size = 32768;
 
     NvMemory()
-        : shared_(static_cast<Shared *>(mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
-                                             MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
+        : shared_(static_cast<Shared *>(
+              mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
     {
         if (shared_ == MAP_FAILED) {
             throw std::bad_alloc();

@@ -19,7 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char *own_root = "/mnt";
-constexpr const char *needed_etc[] = {"passwd",     "group",      "hosts",     "nsswitch.conf",
+constexpr const char *needed_etc[] = {"passwd",      "group",      "hosts",     "nsswitch.conf",
                                       "ld.so.cache", "ld.so.conf", "localtime", "alternatives"};
 constexpr const char *appliance_folders[] = {"/etc/kesta_sys", "/opt/kesta_sys", "/tmp/kesta_sys",
                                              "/var/run/kesta_sys"};
@@ -49,8 +49,7 @@ void build_root()
                    {(root / "opt").string(), "/opt"},
                    {(root / "run").string(), "/run"},
                    {(root / "tmp").string(), "/tmp"}});
-    for (const auto &[kept, folder] :
-         {std::pair{root / "source", source}, std::pair{root / "build", build}}) {
+    for (const auto &[kept, folder] : {std::pair{root / "source", source}, std::pair{root / "build", build}}) {
         if (!fs::exists(folder)) {
             fs::create_directories(folder);
             lab::bind_all({{kept.string(), folder.string()}});
@@ -77,8 +76,8 @@ void clear_appliance_folders()
         std::error_code left;  // a test that ended early may have left a mount behind
         fs::remove_all(folder, left);
     }
-    for (const char *folder : {"/etc/kesta_sys", "/opt/kesta_sys/bakup", "/tmp/kesta_sys/tmp",
-                               "/var/run/kesta_sys/tmp"}) {
+    for (const char *folder :
+         {"/etc/kesta_sys", "/opt/kesta_sys/bakup", "/tmp/kesta_sys/tmp", "/var/run/kesta_sys/tmp"}) {
         fs::create_directories(folder);
     }
 }

@@ -27,27 +27,19 @@ protected:
         write_file(host_path(0, "etc/app/more/two"), "two\n");
     }
 
-    static inline const std::string two_paths =
-        "<file path=\"/etc/app/one\"/><file path=\"/etc/app/more\"/>";
+    static inline const std::string two_paths = "<file path=\"/etc/app/one\"/><file path=\"/etc/app/more\"/>";
 
     void define(const std::string &backup_scripts, const std::string &files = two_paths,
                 const std::string &restore_scripts = "", const std::string &operation = "update") const
     {
         write_file(host_path(0, "etc/kesta_sys/network/define.xml"),
                    "<?xml version=\"1.0\"?>\n<group id=\"network\" operation=\"" + operation +
-                       "\" type=\"files\"><setinfo>" + files +
-                       "</setinfo><script><backup reboot=\"0\">" + backup_scripts +
-                       "</backup><restore reboot=\"0\">" + restore_scripts +
+                       "\" type=\"files\"><setinfo>" + files + "</setinfo><script><backup reboot=\"0\">" +
+                       backup_scripts + "</backup><restore reboot=\"0\">" + restore_scripts +
                        "</restore></script></group>\n");
     }
-    std::string slot(const std::string &name) const
-    {
-        return read_file(dir / "shared/sysback" / name);
-    }
-    int number(const std::string &block) const
-    {
-        return std::stoi(ctl(0, "nv read " + block).out);
-    }
+    std::string slot(const std::string &name) const { return read_file(dir / "shared/sysback" / name); }
+    int number(const std::string &block) const { return std::stoi(ctl(0, "nv read " + block).out); }
     void expect_refusal(const Ran &run, int code, const std::string &text) const
     {
         EXPECT_EQ(run.code, code) << run.out << run.err;

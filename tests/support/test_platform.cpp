@@ -160,10 +160,7 @@ std::int32_t Platform::int_at(std::size_t offset) const
     return value;
 }
 
-void Platform::set_int(std::size_t offset, std::int32_t value)
-{
-    memcpy(nv.data() + offset, &value, sizeof(value));
-}
+void Platform::set_int(std::size_t offset, std::int32_t value) { memcpy(nv.data() + offset, &value, sizeof(value)); }
 
 std::string Platform::text_at(std::size_t offset, std::size_t size) const
 {
@@ -188,16 +185,15 @@ std::string call_text(std::initializer_list<std::string> words)
     return text;
 }
 
-int nv_transfer(const char *kind, int handle, const cpfw_nv_region_t *region,
-                const cpfw_nv_access_t *access, int count, bool writes)
+int nv_transfer(const char *kind, int handle, const cpfw_nv_region_t *region, const cpfw_nv_access_t *access, int count,
+                bool writes)
 {
     EXPECT_EQ(handle, -1);
     EXPECT_EQ(count, 1);
     Platform &p = platform();
     const bool is_image = *region == 2;
-    const std::string call =
-        call_text({is_image ? kind : std::string(kind) + "_region" + std::to_string(*region),
-                   std::to_string(access->offset), std::to_string(access->length)});
+    const std::string call = call_text({is_image ? kind : std::string(kind) + "_region" + std::to_string(*region),
+                                        std::to_string(access->offset), std::to_string(access->length)});
     if (p.meets_fault(kind, call)) {
         return -p.fault_errno;
     }
@@ -211,8 +207,7 @@ int nv_transfer(const char *kind, int handle, const cpfw_nv_region_t *region,
         std::string &bytes = p.other_regions[*region];
         bytes.resize(p.nv.size());
         char *at = bytes.data() + access->offset;
-        writes ? memcpy(at, access->buffer, access->length)
-               : memcpy(access->buffer, at, access->length);
+        writes ? memcpy(at, access->buffer, access->length) : memcpy(access->buffer, at, access->length);
     }
     if (p.after_call) {
         p.after_call(call);
@@ -313,8 +308,7 @@ int sbacc_read(void *buffer, unsigned int size, unsigned int offset, int handle)
     const std::lock_guard guard(test::mutex);
     EXPECT_EQ(offset, 0u);
     const std::string &bytes = p.sysback.at(test::handles.at(handle).name).bytes;
-    const std::size_t count =
-        std::min<std::size_t>(size, bytes.size()) - static_cast<std::size_t>(p.short_by);
+    const std::size_t count = std::min<std::size_t>(size, bytes.size()) - static_cast<std::size_t>(p.short_by);
     memcpy(buffer, bytes.data(), count);
     return static_cast<int>(count);
 }
@@ -329,8 +323,7 @@ int sbacc_write(const void *buffer, unsigned int size, unsigned int offset, int 
     EXPECT_EQ(offset, 0u);
     EXPECT_TRUE(test::handles.at(handle).writes);
     const std::size_t count = size - static_cast<std::size_t>(p.short_by);
-    p.sysback[test::handles.at(handle).name] = {
-        std::string(static_cast<const char *>(buffer), count), -1};
+    p.sysback[test::handles.at(handle).name] = {std::string(static_cast<const char *>(buffer), count), -1};
     return static_cast<int>(count);
 }
 
@@ -351,8 +344,7 @@ int sbacc_read_size(int handle)
 int sbacc_write_size(unsigned int size, int handle)
 {
     Platform &p = platform();
-    if (p.meets_fault("sb_write_size",
-                      test::call_text({"sb_write_size", std::to_string(size)}))) {
+    if (p.meets_fault("sb_write_size", test::call_text({"sb_write_size", std::to_string(size)}))) {
         return -p.fault_errno;
     }
     const std::lock_guard guard(test::mutex);
@@ -388,15 +380,14 @@ int vrbapi_setint_to_file(const char *path, int value, _VRBAPIERRINFO *error)
     return 0;
 }
 
-int vrbapi_getint_from_file(const char *path, unsigned char flag, int lowest, int highest,
-                            int *value, _VRBAPIERRINFO *error)
+int vrbapi_getint_from_file(const char *path, unsigned char flag, int lowest, int highest, int *value,
+                            _VRBAPIERRINFO *error)
 {
     EXPECT_EQ(flag, 1);
     Platform &p = platform();
     const bool fails = p.meets_fault("vrb_get", test::call_text({"vrb_get", path}));
     const auto file = p.integer_files.find(path);
-    if (fails || file == p.integer_files.end() || file->second < lowest ||
-        file->second > highest) {
+    if (fails || file == p.integer_files.end() || file->second < lowest || file->second > highest) {
         memcpy(error->func_name, "sixteen_letters!", 16);  // full: no terminator
         error->s_errno = p.fault_errno;
         return -2;
@@ -412,7 +403,7 @@ int vrbgetnetconfig(vrb_netconfig_t records[2])
         errno = p.fault_errno;
         return -3;
     }
-    records[0] = {p.own_record, {htonl(0x0a000001)}};   // 10.0.0.1
+    records[0] = {p.own_record, {htonl(0x0a000001)}};  // 10.0.0.1
     records[1] = {1 - p.own_record, {htonl(0x0a000002)}};
     return 0;
 }
@@ -648,14 +639,11 @@ bool thread_call_fails(const char *call)
     return p.meets_fault(call, call);
 }
 
-int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *),
-                          void *argument);
-int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *),
-                          void *argument)
+int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument);
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument)
 {
-    return thread_call_fails("pthread_create")
-               ? platform().fault_errno
-               : __real_pthread_create(thread, attributes, body, argument);
+    return thread_call_fails("pthread_create") ? platform().fault_errno
+                                               : __real_pthread_create(thread, attributes, body, argument);
 }
 
 int __real_pthread_cancel(pthread_t thread);

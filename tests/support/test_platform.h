@@ -34,8 +34,8 @@ struct CommandOutput {
 
 struct Platform {
     // --- what the appliance holds
-    NvMemory nv;                                            // region 2
-    std::map<unsigned, std::string> other_regions;          // 32768 bytes each
+    NvMemory nv;                                    // region 2
+    std::map<unsigned, std::string> other_regions;  // 32768 bytes each
     std::map<std::string, StoredFile> sysback;
     std::map<std::string, int> integer_files;
     int master = 0;
@@ -49,12 +49,12 @@ struct Platform {
     std::vector<std::string> calls;  // of the platform and the operating system, in order
     int open_handles = 0;            // of the system backup area
     int open_pipes = 0;
-    int open_xml_objects = 0;        // documents, contexts and results of libxml2
+    int open_xml_objects = 0;  // documents, contexts and results of libxml2
 
     // --- virtual time
     std::int64_t wall_seconds = 1'000'000;
     std::int64_t clock_us = 500'000'000;  // of the process-times clock; usleep moves it
-    bool clock_stands = false;               // usleep doesn't
+    bool clock_stands = false;            // usleep doesn't
 
     // --- faults: the Nth call of any kind fails, once or from then on; 0 is never
     long fail_at = 0;
@@ -72,9 +72,9 @@ struct Platform {
     // --- special results
     int close_flag = 1;
     int close_result = 0;
-    int read_size_result = 0;   // negative: sbacc_read_size gives it
-    int short_by = 0;           // bytes by which transfers of the area end early
-    bool run_system = false;    // system() runs for real; else it gives system_status
+    int read_size_result = 0;          // negative: sbacc_read_size gives it
+    int short_by = 0;                  // bytes by which transfers of the area end early
+    bool run_system = false;           // system() runs for real; else it gives system_status
     std::vector<int> system_statuses;  // results of system(), the last one for all that follow
     std::vector<std::string> system_commands;
 
@@ -87,7 +87,7 @@ struct Platform {
 
     bool traced(int level, const std::string &text) const;
     std::vector<std::string> texts(int level) const;
-    int count(const std::string &text) const;  // traces that hold the text
+    int count(const std::string &text) const;      // traces that hold the text
     int count_now(const std::string &text) const;  // while other threads trace
     std::vector<std::string> calls_of(const std::string &kind) const;
 

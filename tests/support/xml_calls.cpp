@@ -52,13 +52,10 @@ void __wrap_xmlXPathFreeContext(xmlXPathContextPtr context)
     __real_xmlXPathFreeContext(context);
 }
 
-xmlXPathObjectPtr __real_xmlXPathEvalExpression(const xmlChar *expression,
-                                                xmlXPathContextPtr context);
-xmlXPathObjectPtr __wrap_xmlXPathEvalExpression(const xmlChar *expression,
-                                                xmlXPathContextPtr context)
+xmlXPathObjectPtr __real_xmlXPathEvalExpression(const xmlChar *expression, xmlXPathContextPtr context);
+xmlXPathObjectPtr __wrap_xmlXPathEvalExpression(const xmlChar *expression, xmlXPathContextPtr context)
 {
-    return fails("xml_eval") ? nullptr
-                             : counted(__real_xmlXPathEvalExpression(expression, context));
+    return fails("xml_eval") ? nullptr : counted(__real_xmlXPathEvalExpression(expression, context));
 }
 
 void __real_xmlXPathFreeObject(xmlXPathObjectPtr object);

@@ -39,8 +39,8 @@ TEST_F(ConcurrentCalls, InnerLockSectionsOfOneProcessNeverOverlap)
 {
     std::atomic<int> inside{0};
     std::atomic<int> overlaps{0};
-    p().wall_seconds = 1;        // the same token for all
-    p().clock_stands = true;     // or the waiters would count the holder as stalled
+    p().wall_seconds = 1;     // the same token for all
+    p().clock_stands = true;  // or the waiters would count the holder as stalled
     p().before_call = [](const std::string &call) {
         if (call.rfind("usleep", 0) == 0) {
             std::this_thread::sleep_for(std::chrono::microseconds(200));

@@ -40,8 +40,8 @@ protected:
         for (const char *name : {"kesta_sysback", "kesta_sysacpt"}) {
             p().sysback[name] = {std::string("kesta_backup0").append(19, '\0')};
         }
-        for (const char *name : {"kesta_verid", "kesta_verback", "kesta_ver0", "kesta_ver1",
-                                 "kesta_ver2", "kesta_ver3", "kesta_reboot"}) {
+        for (const char *name :
+             {"kesta_verid", "kesta_verback", "kesta_ver0", "kesta_ver1", "kesta_ver2", "kesta_ver3", "kesta_reboot"}) {
             p().sysback[name] = {std::string("\7\0\0\0", 4)};
         }
         for (const char *name : {"kesta_wwn", "kesta_serialno"}) {
@@ -208,8 +208,7 @@ protected:
         const std::string thread = "Thread(" + std::to_string(GetParam().worker) + ")";
         EXPECT_TRUE(hanging);
         EXPECT_EQ(p().calls_of("usleep 100000").size(), 1200u);
-        EXPECT_TRUE(
-            p().traced(4, "[repair_allitem] " + thread + "[1190/1200] don't Finish. Wait..."));
+        EXPECT_TRUE(p().traced(4, "[repair_allitem] " + thread + "[1190/1200] don't Finish. Wait..."));
         EXPECT_TRUE(p().traced(1, "[repair_allitem] " + thread + " don't Finish. Error(rtn=0)."));
         for (int i = 0; i < workers; ++i) {
             const std::string done = "[repair_allitem] RtnValue(" + std::to_string(i) + ")(rtn=0).";
@@ -294,19 +293,19 @@ TEST_P(FailedGivingUp, IsTold)
     await_end_of_all_workers();
 }
 
-const std::vector<Hang> in_memory{
-    {0, "kesta_sysback", 72, 32}, {1, "kesta_sysacpt", 104, 32}, {2, "kesta_verid", 296, 4},
-    {3, "kesta_verback", 300, 4}, {4, "kesta_ver0", 312, 4},     {5, "kesta_ver1", 320, 4},
-    {6, "kesta_ver2", 328, 4},    {7, "kesta_ver3", 336, 4},     {9, "kesta_wwn", 344, 16},
-    {10, "kesta_serialno", 364, 16}, {11, "kesta_guid", 384, 20}};
+const std::vector<Hang> in_memory{{0, "kesta_sysback", 72, 32}, {1, "kesta_sysacpt", 104, 32},
+                                  {2, "kesta_verid", 296, 4},   {3, "kesta_verback", 300, 4},
+                                  {4, "kesta_ver0", 312, 4},    {5, "kesta_ver1", 320, 4},
+                                  {6, "kesta_ver2", 328, 4},    {7, "kesta_ver3", 336, 4},
+                                  {9, "kesta_wwn", 344, 16},    {10, "kesta_serialno", 364, 16},
+                                  {11, "kesta_guid", 384, 20}};
 
 std::string name_of(const testing::TestParamInfo<Hang> &tested) { return tested.param.name; }
 
 INSTANTIATE_TEST_SUITE_P(Items, HangingRepair, testing::ValuesIn(in_memory), name_of);
 INSTANTIATE_TEST_SUITE_P(Last, FailedGivingUp, testing::Values(in_memory.back()), name_of);
 // The reboot version lives in the system backup area only.
-INSTANTIATE_TEST_SUITE_P(RebootVersion, HangingRepair,
-                         testing::Values(Hang{8, "kesta_reboot", -1, 4}), name_of);
+INSTANTIATE_TEST_SUITE_P(RebootVersion, HangingRepair, testing::Values(Hang{8, "kesta_reboot", -1, 4}), name_of);
 INSTANTIATE_TEST_SUITE_P(Items, HangingTransfer, testing::ValuesIn(in_memory), name_of);
 
 TEST_F(RepairThreads, BodyOfAThreadChecksItsIndex)

@@ -47,17 +47,18 @@ TEST_F(FlashVersionFile, MissingFileStandsForMinusOne)
 {
     EXPECT_EQ(read_version(version), 0);
     EXPECT_EQ(version, -1);
-    EXPECT_THAT(p().texts(4),
-                ElementsAre("[read_flash_version_file] flash_version_file=/etc/kesta_sys/version not "
-                            "exist -> version=-1"));
+    EXPECT_THAT(p().texts(4), ElementsAre("[read_flash_version_file] flash_version_file=/etc/kesta_sys/version not "
+                                          "exist -> version=-1"));
 }
 
 TEST_F(FlashVersionFile, FirstWordCounts)
 {
     const std::pair<const char *, int> cases[] = {
-        {"42\n", 42},       {"42", 42},       {"-1\n", -1},    {"  7 8 9\n", 7},
-        {"\n\n5\n", 5},     {"0", 0},         {"0012", 12},    {"2147483647\n", 2147483647},
-        {"1 x", 1},         {"12345678901\n", 1234567890},  // cut to ten characters
+        {"42\n", 42},   {"42", 42},
+        {"-1\n", -1},   {"  7 8 9\n", 7},
+        {"\n\n5\n", 5}, {"0", 0},
+        {"0012", 12},   {"2147483647\n", 2147483647},
+        {"1 x", 1},     {"12345678901\n", 1234567890},  // cut to ten characters
     };
     for (const auto &[text, expected] : cases) {
         write_file(version_file, text);
@@ -85,7 +86,8 @@ TEST_F(FlashVersionFile, WhatIsNoNumberIsRefused)
         EXPECT_EQ(version, untouched) << text;
         EXPECT_EQ(p().traces.back().text,
                   "[read_flash_version_file] isdigit check ERROR "
-                  "flash_version_file=/etc/kesta_sys/version read_buf=" + std::string(word));
+                  "flash_version_file=/etc/kesta_sys/version read_buf=" +
+                      std::string(word));
         EXPECT_EQ(p().traces.back().level, 1);
     }
 }
@@ -96,8 +98,9 @@ TEST_F(FlashVersionFile, FolderInItsPlaceIsRefused)
     EXPECT_EQ(read_version(version), -1);
     EXPECT_EQ(version, untouched);
     EXPECT_EQ(kestal_set_flash_version_file(1, 0), -1);
-    EXPECT_TRUE(p().traced(1, "[set_flash_version_file] Flash flash_version_file=/etc/kesta_sys/"
-                              "version Open ERROR errno=21"));
+    EXPECT_TRUE(p().traced(1,
+                           "[set_flash_version_file] Flash flash_version_file=/etc/kesta_sys/"
+                           "version Open ERROR errno=21"));
     run_shell("rmdir " + version_file);
 }
 
@@ -107,8 +110,9 @@ TEST_F(FlashVersionFile, OtherOpenFailureIsAnError)
     p().fault_errno = 13;
     EXPECT_EQ(read_version(version), -1);
     EXPECT_EQ(version, untouched);
-    EXPECT_TRUE(p().traced(1, "[read_flash_version_file] flash_version_file=/etc/kesta_sys/version "
-                              "Open ERROR errno=13"));
+    EXPECT_TRUE(p().traced(1,
+                           "[read_flash_version_file] flash_version_file=/etc/kesta_sys/version "
+                           "Open ERROR errno=13"));
 }
 
 TEST_F(FlashVersionFile, ArgumentsAreChecked)
@@ -117,18 +121,15 @@ TEST_F(FlashVersionFile, ArgumentsAreChecked)
     EXPECT_EQ(p().traces.back().text, "[read_flash_version_file] Argument ERROR version=NULL");
     for (const int type : {-1, 6, INT_MAX, INT_MIN}) {
         EXPECT_EQ(read_version(version, type), -931);
-        EXPECT_EQ(p().traces.back().text,
-                  "[read_flash_version_file] Argument ERROR f_type=" + std::to_string(type));
+        EXPECT_EQ(p().traces.back().text, "[read_flash_version_file] Argument ERROR f_type=" + std::to_string(type));
     }
     for (const int type : {-1, 4, 5, 6}) {
         EXPECT_EQ(kestal_set_flash_version_file(1, type), -931);
-        EXPECT_EQ(p().traces.back().text,
-                  "[set_flash_version_file] Argument ERROR f_type=" + std::to_string(type));
+        EXPECT_EQ(p().traces.back().text, "[set_flash_version_file] Argument ERROR f_type=" + std::to_string(type));
     }
     for (const int bad : {-2, INT_MIN}) {
         EXPECT_EQ(kestal_set_flash_version_file(bad, 0), -931);
-        EXPECT_EQ(p().traces.back().text,
-                  "[set_flash_version_file] Argument ERROR version=" + std::to_string(bad));
+        EXPECT_EQ(p().traces.back().text, "[set_flash_version_file] Argument ERROR version=" + std::to_string(bad));
     }
     EXPECT_EQ(version, untouched);
     EXPECT_TRUE(p().calls.empty());
@@ -141,17 +142,15 @@ TEST_F(FlashVersionFile, SetReplacesTheFile)
         p().traces.clear();
         EXPECT_EQ(kestal_set_flash_version_file(value, 0), 0);
         EXPECT_EQ(read_file(version_file), std::to_string(value) + "\n");
-        EXPECT_THAT(p().traces,
-                    ElementsAre(Trace{5,
-                                      "[set_flash_version_file] START version=" +
-                                          std::to_string(value) + " f_type=0",
-                                      "../common/kestal_flash_version_file.cpp"},
-                                Trace{4,
-                                      "[set_flash_version_file] flash_version_file=" + version_file +
-                                          " version=" + std::to_string(value),
-                                      "../common/kestal_flash_version_file.cpp"},
-                                Trace{5, "[set_flash_version_file] END ret=0",
-                                      "../common/kestal_flash_version_file.cpp"}));
+        EXPECT_THAT(
+            p().traces,
+            ElementsAre(Trace{5, "[set_flash_version_file] START version=" + std::to_string(value) + " f_type=0",
+                              "../common/kestal_flash_version_file.cpp"},
+                        Trace{4,
+                              "[set_flash_version_file] flash_version_file=" + version_file +
+                                  " version=" + std::to_string(value),
+                              "../common/kestal_flash_version_file.cpp"},
+                        Trace{5, "[set_flash_version_file] END ret=0", "../common/kestal_flash_version_file.cpp"}));
     }
 }
 
@@ -162,8 +161,9 @@ TEST_F(FlashVersionFile, FullDiskIsNoticedAndLeavesAnEmptyFile)
     const int result = kestal_set_flash_version_file(12, 0);
     EXPECT_EQ(result, -1);
     EXPECT_EQ(read_file(version_file), "");
-    EXPECT_TRUE(p().traced(1, "[set_flash_version_file] File Write Error "
-                              "flash_version_file=/etc/kesta_sys/version len=3 result=-1 errno=28"));
+    EXPECT_TRUE(p().traced(1,
+                           "[set_flash_version_file] File Write Error "
+                           "flash_version_file=/etc/kesta_sys/version len=3 result=-1 errno=28"));
     EXPECT_TRUE(p().traced(5, "[set_flash_version_file] END ret=-1"));
     unmount("/etc/kesta_sys");
 }
@@ -172,15 +172,13 @@ TEST_F(FlashVersionFile, MemoryThatRunsOutIsTold)
 {
     p().fail_kind("alloc");
     EXPECT_EQ(kestal_set_flash_version_file(12, 0), -1);
-    EXPECT_TRUE(p().traced(
-        1, "[set_flash_version_file] Buffer ERROR flash_version_file=/etc/kesta_sys/version"));
+    EXPECT_TRUE(p().traced(1, "[set_flash_version_file] Buffer ERROR flash_version_file=/etc/kesta_sys/version"));
     EXPECT_EQ(read_file(version_file), "") << "the file was opened before the text was made";
 }
 
 TEST_F(FlashVersionFile, EveryFaultIsReported)
 {
-    sweep_faults([] { reset(); },
-                 [] { return kestal_set_flash_version_file(12, 0); },
+    sweep_faults([] { reset(); }, [] { return kestal_set_flash_version_file(12, 0); },
                  [](int result, bool met) { EXPECT_EQ(result, met ? -1 : 0); });
 }
 

@@ -30,10 +30,7 @@ const std::array<Area, 6> areas{{
     {6, 55, 0, "kesta_reboot", "[set_version] ---> Reboot Version=41"},
 }};
 
-std::string stored(int value)
-{
-    return {reinterpret_cast<const char *>(&value), sizeof(value)};
-}
+std::string stored(int value) { return {reinterpret_cast<const char *>(&value), sizeof(value)}; }
 
 }  // namespace
 
@@ -57,8 +54,7 @@ TEST_F(Version, ByModeTheMirrorComesFirst)
         hold(area, 11, 22);
         const int expected = area.mirror ? 22 : 11;
         EXPECT_EQ(kestal_read_version_nolock(area.area, 1, 1), expected) << area.area;
-        EXPECT_TRUE(p().traced(5, "[read_version_nolock] Get block_id = " +
-                                      std::to_string(area.block)));
+        EXPECT_TRUE(p().traced(5, "[read_version_nolock] Get block_id = " + std::to_string(area.block)));
         EXPECT_EQ(kestal_read_version(area.area, 1, 1), expected);
     }
     EXPECT_TRUE(inner_lock_is_free());
@@ -120,9 +116,7 @@ TEST_F(Version, SetWritesBothPlacesAndTellsTheArea)
         for (const bool locked : {false, true}) {
             hold(area, 11, 22);
             p().traces.clear();
-            EXPECT_EQ(locked ? kestal_set_version(area.area, 1, 41)
-                             : kestal_set_version_nolock(area.area, 1, 41),
-                      0);
+            EXPECT_EQ(locked ? kestal_set_version(area.area, 1, 41) : kestal_set_version_nolock(area.area, 1, 41), 0);
             if (area.offset != 0) {
                 EXPECT_EQ(p().int_at(area.offset), 41);
             }
@@ -141,18 +135,16 @@ TEST_F(Version, PlainFormsHoldTheInnerLockAroundTheAccessOnly)
 {
     hold(areas[1], 11, 0);
     EXPECT_EQ(kestal_read_version(2, 2, 0), 11);
-    EXPECT_THAT(p().calls, ElementsAre("nv_read 600 64", "nv_write 600 16",
-                                        "nv_read 600 64", "nv_read 304 4",
-                                       "nv_write 600 16"));
+    EXPECT_THAT(p().calls,
+                ElementsAre("nv_read 600 64", "nv_write 600 16", "nv_read 600 64", "nv_read 304 4", "nv_write 600 16"));
     EXPECT_EQ(p().traces.front().text, "[read_version] START");
-    EXPECT_EQ(p().traces.back(), (Trace{5, "[read_version] Get Numbering Version. versionno=11",
-                                        "../common/kestal_version.cpp"}));
+    EXPECT_EQ(p().traces.back(),
+              (Trace{5, "[read_version] Get Numbering Version. versionno=11", "../common/kestal_version.cpp"}));
     p().calls.clear();
     p().traces.clear();
     EXPECT_EQ(kestal_set_version(2, 2, 12), 0);
-    EXPECT_THAT(p().calls_of("nv_"), ElementsAre("nv_read 600 64", "nv_write 600 16",
-                                                 "nv_read 600 64", "nv_write 304 4",
-                                                 "nv_write 600 16"));
+    EXPECT_THAT(p().calls_of("nv_"), ElementsAre("nv_read 600 64", "nv_write 600 16", "nv_read 600 64",
+                                                 "nv_write 304 4", "nv_write 600 16"));
     EXPECT_TRUE(p().traced(5, "[set_version] Set Version Value(2) value=12."));
     EXPECT_EQ(p().traces.back().text, "[set_version] END ret=0");
 }
@@ -164,22 +156,33 @@ TEST_F(Version, ArgumentsAreCheckedBeforeAnyAccess)
         int (*call)(int, int);
     };
     const Operation operations[] = {
-        {"read_version_nolock", [](int area, int cnt) { return kestal_read_version_nolock(area, cnt, 1); }},
-        {"set_version_nolock", [](int area, int cnt) { return kestal_set_version_nolock(area, cnt, 1); }},
-        {"read_version", [](int area, int cnt) { return kestal_read_version(area, cnt, 1); }},
-        {"set_version", [](int area, int cnt) { return kestal_set_version(area, cnt, 1); }},
+        {"read_version_nolock",
+         [](int area, int cnt) {
+             return kestal_read_version_nolock(area, cnt, 1);
+         }},
+        {"set_version_nolock",
+         [](int area, int cnt) {
+             return kestal_set_version_nolock(area, cnt, 1);
+         }},
+        {"read_version",
+         [](int area, int cnt) {
+             return kestal_read_version(area, cnt, 1);
+         }},
+        {"set_version",
+         [](int area, int cnt) {
+             return kestal_set_version(area, cnt, 1);
+         }},
     };
     for (const Operation &operation : operations) {
         for (const int area : {0, 7, -1, INT_MAX}) {
             EXPECT_EQ(operation.call(area, 4), -931) << "the area is checked first";
-            EXPECT_EQ(p().traces.back().text, "[" + std::string(operation.tag) +
-                                                  "] Version Area ERROR verarea=" +
-                                                  std::to_string(area));
+            EXPECT_EQ(p().traces.back().text,
+                      "[" + std::string(operation.tag) + "] Version Area ERROR verarea=" + std::to_string(area));
         }
         for (const int cnt : {4, -1, INT_MIN}) {
             EXPECT_EQ(operation.call(1, cnt), -931) << "for every area";
-            EXPECT_EQ(p().traces.back().text, "[" + std::string(operation.tag) +
-                                                  "] CntNo ERROR cntno=" + std::to_string(cnt));
+            EXPECT_EQ(p().traces.back().text,
+                      "[" + std::string(operation.tag) + "] CntNo ERROR cntno=" + std::to_string(cnt));
         }
     }
     EXPECT_EQ(kestal_compare_version(4, 1, 1), -931);
@@ -222,8 +225,7 @@ TEST_F(Version, FailuresOfTheAccessAreTold)
     reset();
     p().fail_kind("sb_open");
     EXPECT_EQ(kestal_set_version(1, 0, 3), -1);
-    EXPECT_TRUE(p().traced(1, "[set_version_nolock] Volatile Read ERROR rtn=-1"))
-        << "the text of a failed write";
+    EXPECT_TRUE(p().traced(1, "[set_version_nolock] Volatile Read ERROR rtn=-1")) << "the text of a failed write";
     EXPECT_TRUE(p().traced(1, "[set_version] Set Version ERROR rtn=-1"));
     EXPECT_TRUE(p().traced(5, "[set_version] END ret=-1"));
     EXPECT_TRUE(inner_lock_is_free());
@@ -246,8 +248,8 @@ int expected_distance(int from, int to)
 std::vector<int> edge_numbers()
 {
     std::vector<int> numbers;
-    for (const std::int64_t edge : {std::int64_t{0}, std::int64_t{1}, std::int64_t{INT_MAX},
-                                    std::int64_t{-1}, std::int64_t{INT_MIN}}) {
+    for (const std::int64_t edge :
+         {std::int64_t{0}, std::int64_t{1}, std::int64_t{INT_MAX}, std::int64_t{-1}, std::int64_t{INT_MIN}}) {
         for (int step = -3; step <= 3; ++step) {
             numbers.push_back(static_cast<std::int32_t>(static_cast<std::uint32_t>(edge + step)));
         }
@@ -270,16 +272,14 @@ TEST_F(Version, DistanceAtTheEdgesAndAllOver)
 {
     for (const int from : edge_numbers()) {
         for (const int to : edge_numbers()) {
-            EXPECT_EQ(kestal_distance_version(from, to), expected_distance(from, to))
-                << from << " " << to;
+            EXPECT_EQ(kestal_distance_version(from, to), expected_distance(from, to)) << from << " " << to;
         }
     }
     std::mt19937 random(3);
     for (int i = 0; i < 200000; ++i) {
         const int from = static_cast<int>(random());
         const int to = static_cast<int>(random());
-        ASSERT_EQ(kestal_distance_version(from, to), expected_distance(from, to))
-            << from << " " << to;
+        ASSERT_EQ(kestal_distance_version(from, to), expected_distance(from, to)) << from << " " << to;
     }
 }
 
@@ -337,9 +337,8 @@ TEST_F(VersionComparison, RulesInTheirOrder)
         EXPECT_EQ(compare(c.current, c.backup, c.numbering), c.result) << c.line;
         EXPECT_EQ(decision(), c.line);
         EXPECT_EQ(p().traces.back().level, 3);
-        EXPECT_TRUE(p().traced(3, "[compare_version] VERSION :flash=" + std::to_string(c.current) +
-                                      " backup=" + std::to_string(c.backup) + " numbering=" +
-                                      std::to_string(c.numbering) + " "));
+        EXPECT_TRUE(p().traced(3, "[compare_version] VERSION :flash=" + std::to_string(c.current) + " backup=" +
+                                      std::to_string(c.backup) + " numbering=" + std::to_string(c.numbering) + " "));
         EXPECT_EQ(p().traced(3, "[compare_version] Back notequal Current Version."),
                   c.result != 0 && c.backup != c.numbering && c.current != c.numbering);
         EXPECT_TRUE(inner_lock_is_free());
@@ -391,8 +390,7 @@ TEST_F(VersionComparison, EdgesAgainstEachOther)
         write_file("/etc/kesta_sys/version", std::to_string(current) + "\n");
         for (const int backup : numbers) {
             for (const int numbering : numbers) {
-                ASSERT_EQ(kestal_compare_version(0, backup, numbering),
-                          expected_decision(current, backup, numbering))
+                ASSERT_EQ(kestal_compare_version(0, backup, numbering), expected_decision(current, backup, numbering))
                     << current << " " << backup << " " << numbering;
             }
         }
@@ -409,8 +407,7 @@ TEST_F(VersionComparison, NumbersAllOver)
         const int current = versions(random);
         const int backup = versions(random);
         const int numbering = versions(random);
-        ASSERT_EQ(compare(current, backup, numbering),
-                  expected_decision(current, backup, numbering))
+        ASSERT_EQ(compare(current, backup, numbering), expected_decision(current, backup, numbering))
             << current << " " << backup << " " << numbering;
         p().calls.clear();
     }

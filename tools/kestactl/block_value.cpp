@@ -39,18 +39,13 @@ Json decoded(const Block &block, const std::vector<char> &bytes)
     case BlockKind::bytes:
         return hex(bytes);
     case BlockKind::lock:
-        return {{"status", int_at(bytes, 0)},
-                {"sign", long_at(bytes, 8)},
-                {"timeout", long_at(bytes, 16)}};
+        return {{"status", int_at(bytes, 0)}, {"sign", long_at(bytes, 8)}, {"timeout", long_at(bytes, 16)}};
     case BlockKind::inner_lock:
         return {{"status", int_at(bytes, 0)}, {"token", long_at(bytes, 8)}};
     }
     return nullptr;
 }
 
-std::string shown(const Json &value)
-{
-    return value.is_string() ? value.get<std::string>() : value.dump();
-}
+std::string shown(const Json &value) { return value.is_string() ? value.get<std::string>() : value.dump(); }
 
 }  // namespace kestactl

@@ -11,15 +11,21 @@ namespace {
 
 // What a shell has to ask for when it completes: by the name of a positional or the text of an option.
 const std::map<std::string, std::string> asked{
-    {"GROUP", "groups"},           {"FILE|GROUP", "groups_or_files"}, {"FILE", "files"},
-    {"BLOCK", "blocks"},           {"IDENTIFIER", "identifiers"},     {"CONTROLLER", "controllers"},
-    {"AREA", "areas"},             {"SHELL", "shells"}};
+    {"GROUP", "groups"},           {"FILE|GROUP", "groups_or_files"}, {"FILE", "files"}, {"BLOCK", "blocks"},
+    {"IDENTIFIER", "identifiers"}, {"CONTROLLER", "controllers"},     {"AREA", "areas"}, {"SHELL", "shells"}};
 // By an option's name, or by its command and its name where a name means two things.
-const std::map<std::string, std::string> asked_by_option{
-    {"--backup", "slots"},           {"--accept", "slots"},       {"--slot", "slots"},
-    {"--group", "groups"},           {"--controller", "controllers"}, {"--out", "files"},
-    {"--only", "files"},             {"--in", "places"},          {"restore --from", "archives"},
-    {"--numbering", "versions"},     {"compare --backup", "versions"}, {"--trace", "levels"}};
+const std::map<std::string, std::string> asked_by_option{{"--backup", "slots"},
+                                                         {"--accept", "slots"},
+                                                         {"--slot", "slots"},
+                                                         {"--group", "groups"},
+                                                         {"--controller", "controllers"},
+                                                         {"--out", "files"},
+                                                         {"--only", "files"},
+                                                         {"--in", "places"},
+                                                         {"restore --from", "archives"},
+                                                         {"--numbering", "versions"},
+                                                         {"compare --backup", "versions"},
+                                                         {"--trace", "levels"}};
 
 // How it asks: shell functions, each printing words.
 constexpr const char *questions = R"(_kestactl_groups()
@@ -187,14 +193,15 @@ void add_completion(const Command &app, Action &action)
 {
     auto shell = std::make_shared<std::string>();
     const Command command = app.add_subcommand("completion", "Print what lets a shell complete kestactl");
-    command.add_option("SHELL", *shell, "bash or zsh")
-        .required()
-        .one_of({"bash", "zsh"});
+    command.add_option("SHELL", *shell, "bash or zsh").required().one_of({"bash", "zsh"});
     command.callback([app, &action, shell] {
-        action = [app, shell](const Globals &) { return completion(app.app(), *shell); };
+        action = [app, shell](const Globals &) {
+            return completion(app.app(), *shell);
+        };
     });
-    add_examples(command, "  . <(kestactl completion bash)\n"
-                          "  kestactl completion zsh > ~/.zfunc/_kestactl");
+    add_examples(command,
+                 "  . <(kestactl completion bash)\n"
+                 "  kestactl completion zsh > ~/.zfunc/_kestactl");
 }
 
 }  // namespace kestactl

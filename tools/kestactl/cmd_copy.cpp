@@ -32,16 +32,13 @@ struct CopyOptions {
 };
 
 // Runs one flow; the hint is for a result that isn't 0.
-std::function<void()> flow(const std::string &name, const std::string &hint,
-                           std::function<int()> call)
+std::function<void()> flow(const std::string &name, const std::string &hint, std::function<int()> call)
 {
     return [=] {
         learn_own_number();
         const int result = call();
         if (result != KESTA_OK) {
-            fail_call("copy-failed",
-                      "The copy " + name + " failed with result " + std::to_string(result) + ".",
-                      hint);
+            fail_call("copy-failed", "The copy " + name + " failed with result " + std::to_string(result) + ".", hint);
         }
     };
 }
@@ -76,8 +73,7 @@ void require_not_older(const std::string &slot)
 {
     int flash = -1;
     (void)kestal_read_flash_version_file(&flash, KESTA_FLASH_VERSION);  // then it stays -1
-    const int backup =
-        kestal_read_version_nolock(KESTA_VER_AREA_BACKUP, learn_own_number(), KESTA_VERSION_BY_MODE);
+    const int backup = kestal_read_version_nolock(KESTA_VER_AREA_BACKUP, learn_own_number(), KESTA_VERSION_BY_MODE);
     if (flash <= 0 && backup > 0 && holds_another_archive(slot)) {
         throw Failure(Exit::no, "unknown-version",
                       "Which version flash holds is not recorded, and slot " + slot + " holds version " +
@@ -99,11 +95,10 @@ void require_merged_not_older(const std::string &slot)
 {
     const ArchiveEvidence merged = evidence_of_file(merge_backup);
     const std::vector<int> recorded = recorded_versions(merged.sha256);
-    const int accepted =
-        kestal_read_version_nolock(KESTA_VER_AREA_ACCEPT, learn_own_number(), KESTA_VERSION_BY_MODE);
-    const bool older = accepted > 0 && !recorded.empty() &&
-                       std::all_of(recorded.begin(), recorded.end(),
-                                   [&](int version) { return is_older_version(version, accepted); });
+    const int accepted = kestal_read_version_nolock(KESTA_VER_AREA_ACCEPT, learn_own_number(), KESTA_VERSION_BY_MODE);
+    const bool older =
+        accepted > 0 && !recorded.empty() &&
+        std::all_of(recorded.begin(), recorded.end(), [&](int version) { return is_older_version(version, accepted); });
     if (!older) {
         return;
     }
@@ -132,8 +127,7 @@ Plan plan_backup2tmp(const CopyOptions &options)
     plan.json = {{"from", slot}, {"to", to}, {"unpack", !options.check}};
     plan.steps.push_back(
         {"bring slot " + slot + " to " + to + (options.check ? "" : " and unpack it there"), writes,
-         flow("backup2tmp",
-              "Part of it may have been done: check the slot, the space in /tmp and --trace 1.",
+         flow("backup2tmp", "Part of it may have been done: check the slot, the space in /tmp and --trace 1.",
               [options] {
                   return kestal_backup2tmp(options.group.c_str(), options.accept, nullptr,
                                            options.check ? check_mode : unpack_mode);
@@ -150,10 +144,10 @@ Plan plan_cntbackup2tmp(const CopyOptions &options)
     plan.verb = "copy cntbackup2tmp";
     plan.replaces = {{cache_backup, Replacing::in_place}};
     plan.json = {{"from", from}, {"to", cache_backup}};
-    plan.steps.push_back({"copy " + from + " to " + cache_backup, {cache_backup},
-                          flow("cntbackup2tmp", "Check the space in /tmp and --trace 1.", [options] {
-                              return kestal_cntbackup2tmp(options.group.c_str(), options.accept);
-                          })});
+    plan.steps.push_back({"copy " + from + " to " + cache_backup,
+                          {cache_backup},
+                          flow("cntbackup2tmp", "Check the space in /tmp and --trace 1.",
+                               [options] { return kestal_cntbackup2tmp(options.group.c_str(), options.accept); })});
     return plan;
 }
 
@@ -199,14 +193,14 @@ Plan plan_merge_file2accept(const CopyOptions &options)
     plan.verb = "copy merge-file2accept";
     plan.replaces = {{place_of_slot(slot), Replacing::in_place}};
     plan.json = {{"from", merge_backup}, {"to", slot}};
-    plan.steps.push_back({std::string("copy ") + merge_backup + " to slot " + slot,
-                          {"system backup area: " + slot},
-                          flow("merge-file2accept",
-                               "Check the space of the system backup area and --trace 1.", [options] {
-                                   std::array<char, KESTA_AREA_NAME_SIZE> name{};
-                                   memcpy(name.data(), options.slot.data(), options.slot.size());
-                                   return kestal_merge_file2accept(name.data());
-                               })});
+    plan.steps.push_back(
+        {std::string("copy ") + merge_backup + " to slot " + slot,
+         {"system backup area: " + slot},
+         flow("merge-file2accept", "Check the space of the system backup area and --trace 1.", [options] {
+             std::array<char, KESTA_AREA_NAME_SIZE> name{};
+             memcpy(name.data(), options.slot.data(), options.slot.size());
+             return kestal_merge_file2accept(name.data());
+         })});
     return plan;
 }
 
@@ -217,14 +211,12 @@ Plan plan_backup2copy(const CopyOptions &options)
     require_writable();
     const std::string script = "/etc/kesta_sys/" + options.group + "/env_copy_scr.sh";
     require_file(script, "The group needs a copy script of that name.");
-    const bool initconf =
-        kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_BOOT_MODE) == KESTA_BOOT_INITCONF;
+    const bool initconf = kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_BOOT_MODE) == KESTA_BOOT_INITCONF;
     std::vector<std::string> writes{"whatever the group's copy script writes"};
     std::string what = "run " + script;
     if (initconf) {
         const std::string slot = slot_in_force(false);
-        what = "bring slot " + slot + " to " + cache_backup + " and " + flash_backup + ", then " +
-               what;
+        what = "bring slot " + slot + " to " + cache_backup + " and " + flash_backup + ", then " + what;
         writes.insert(writes.begin(), {cache_backup, flash_backup});
     }
     Plan plan;
@@ -241,8 +233,8 @@ Plan plan_backup2copy(const CopyOptions &options)
 
 using Planner = Plan (*)(const CopyOptions &);
 
-Command add_verb(const Command &copy, Globals &globals, Action &action, const char *verb,
-                 const char *description, const std::shared_ptr<CopyOptions> &options, Planner planner)
+Command add_verb(const Command &copy, Globals &globals, Action &action, const char *verb, const char *description,
+                 const std::shared_ptr<CopyOptions> &options, Planner planner)
 {
     const Command command = copy.add_subcommand(verb, description);
     add_keep_options(command, globals);
@@ -263,46 +255,46 @@ void add_copy(const Command &app, Globals &globals, Action &action)
     copy.require_subcommand();
     auto options = std::make_shared<CopyOptions>();
 
-    Command verb = add_verb(copy, globals, action, "backup2tmp",
-                              "System backup area to the tmp cache, unpacked there", options,
-                              plan_backup2tmp);
+    Command verb = add_verb(copy, globals, action, "backup2tmp", "System backup area to the tmp cache, unpacked there",
+                            options, plan_backup2tmp);
     verb.add_option("GROUP", options->group, "Group name");
     verb.add_flag("--accept", options->accept, "Take the accept slot, not the backup slot");
     verb.add_flag("--check", options->check, "Make check.tar.Z, and don't unpack it");
-    add_examples(verb, "  kestactl copy backup2tmp\n"
-                       "  kestactl copy backup2tmp --accept --check");
+    add_examples(verb,
+                 "  kestactl copy backup2tmp\n"
+                 "  kestactl copy backup2tmp --accept --check");
 
-    verb = add_verb(copy, globals, action, "cntbackup2tmp", "Flash directory to the tmp cache",
-                    options, plan_cntbackup2tmp);
+    verb = add_verb(copy, globals, action, "cntbackup2tmp", "Flash directory to the tmp cache", options,
+                    plan_cntbackup2tmp);
     verb.add_option("GROUP", options->group, "Group name");
     verb.add_flag("--accept", options->accept, "Take accept.tar.Z, not backup.tar.Z");
     add_examples(verb, "  kestactl copy cntbackup2tmp --accept");
 
     verb = add_verb(copy, globals, action, "cntbackup2backup",
-                    "Flash directory to the backup slot of the system backup area", options,
-                    plan_cntbackup2backup);
-    verb.add_flag("--force", options->force, "Also copy a damaged archive, or overwrite a newer version or one that can't be told from it");
+                    "Flash directory to the backup slot of the system backup area", options, plan_cntbackup2backup);
+    verb.add_flag("--force", options->force,
+                  "Also copy a damaged archive, or overwrite a newer version or one that can't be told from it");
     add_lock_rule(verb, globals);
-    add_examples(verb, "  kestactl copy cntbackup2backup --dry-run\n"
-                       "  kestactl copy cntbackup2backup");
+    add_examples(verb,
+                 "  kestactl copy cntbackup2backup --dry-run\n"
+                 "  kestactl copy cntbackup2backup");
 
     verb = add_verb(copy, globals, action, "merge-file2accept",
-                    "Merge cache to the accept slot of the system backup area", options,
-                    plan_merge_file2accept);
+                    "Merge cache to the accept slot of the system backup area", options, plan_merge_file2accept);
     verb.add_option("--slot", options->slot, "Write this slot, not the accept slot in force");
     verb.add_flag("--force", options->force, "Also copy a damaged archive");
     add_lock_rule(verb, globals);
     add_examples(verb, "  kestactl copy merge-file2accept --dry-run");
 
     verb = add_verb(copy, globals, action, "backup2copy",
-                    "Run the group's copy script; in InitConf boot mode fill flash first", options,
-                    plan_backup2copy);
+                    "Run the group's copy script; in InitConf boot mode fill flash first", options, plan_backup2copy);
     verb.add_option("GROUP", options->group, "Group name").required();
     add_examples(verb, "  kestactl copy backup2copy network --dry-run");
     add_copy_archive(copy, globals, action);
-    add_examples(copy, "  kestactl copy cntbackup2backup\n"
-                       "  kestactl copy backup2tmp --accept --check\n"
-                       "  kestactl copy backup2copy network --dry-run");
+    add_examples(copy,
+                 "  kestactl copy cntbackup2backup\n"
+                 "  kestactl copy backup2tmp --accept --check\n"
+                 "  kestactl copy backup2copy network --dry-run");
 }
 
 }  // namespace kestactl

@@ -24,13 +24,14 @@ Plan plan_copy_archive(const ArchiveCopyRequest &request, const KeepRule &rule)
         return plan;
     }
     plan.kept = std::make_shared<KeepReport>();
-    plan.steps.push_back({"bring the archive of " + request.from + " to " + request.to +
-                              ", keep what that held, and read it back",
-                          {request.to}, [request, rule, kept = plan.kept] {
-                              HeldLocalLock local("environment");
-                              *kept = copy_archive(request, copy_archive_verb, rule);
-                              local.release();
-                          }});
+    plan.steps.push_back(
+        {"bring the archive of " + request.from + " to " + request.to + ", keep what that held, and read it back",
+         {request.to},
+         [request, rule, kept = plan.kept] {
+             HeldLocalLock local("environment");
+             *kept = copy_archive(request, copy_archive_verb, rule);
+             local.release();
+         }});
     return plan;
 }
 
@@ -49,8 +50,9 @@ Result copy_one_archive(const ArchiveCopyRequest &request, const Globals &global
 void add_copy_archive(const Command &copy, Globals &globals, Action &action)
 {
     auto request = std::make_shared<ArchiveCopyRequest>();
-    const Command command = copy.add_subcommand(
-        "archive", "A whole archive from one place to another; what is replaced is kept as a generation");
+    const Command command =
+        copy.add_subcommand("archive",
+                            "A whole archive from one place to another; what is replaced is kept as a generation");
     command.add_option("FROM", request->from, "flash:backup, flash:accept, slot:NAME or generation:SHA256").required();
     command.add_option("TO", request->to, "flash:backup, flash:accept or slot:NAME").required();
     command.add_option("--sha256", request->sha256, "Only if FROM holds the archive with this checksum")
@@ -59,10 +61,13 @@ void add_copy_archive(const Command &copy, Globals &globals, Action &action)
     add_lock_rule(command, globals);
     add_dry_run(command, globals);
     command.callback([&action, request] {
-        action = [request](const Globals &given) { return copy_one_archive(*request, given); };
+        action = [request](const Globals &given) {
+            return copy_one_archive(*request, given);
+        };
     });
-    add_examples(command, "  kestactl copy archive slot:kesta_backup0 flash:backup --dry-run\n"
-                          "  kestactl copy archive flash:accept slot:kesta_backup1");
+    add_examples(command,
+                 "  kestactl copy archive slot:kesta_backup0 flash:backup --dry-run\n"
+                 "  kestactl copy archive flash:accept slot:kesta_backup1");
 }
 
 }  // namespace kestactl

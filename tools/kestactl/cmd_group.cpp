@@ -16,8 +16,8 @@ namespace {
 // A path, or the name of a group.
 std::string file_of(const std::string &file_or_group)
 {
-    const bool is_file = file_or_group.find('/') != std::string::npos ||
-                         file_or_group.rfind(".xml") != std::string::npos;
+    const bool is_file =
+        file_or_group.find('/') != std::string::npos || file_or_group.rfind(".xml") != std::string::npos;
     if (is_file) {
         return file_or_group;
     }
@@ -32,18 +32,16 @@ Result check(const std::string &file_or_group)
     const std::string path = file_of(file_or_group);
     CheckedDefinition checked = check_definition(path);
     if (path != file_or_group && checked.accepted() && checked.id != file_or_group) {
-        checked.findings.push_back(
-            {1, true, "the id is \"" + checked.id + "\", and the group is " + file_or_group});
+        checked.findings.push_back({1, true, "the id is \"" + checked.id + "\", and the group is " + file_or_group});
     }
     Result result;
     result.json = {{"file", path}, {"id", checked.id}, {"accepted", checked.accepted()}};
     result.json["findings"] = Json::array();
     for (const Finding &finding : checked.findings) {
-        result.text += path + ":" + std::to_string(finding.line) + ": " +
-                       (finding.error ? "error: " : "note: ") + finding.text + "\n";
-        result.json["findings"].push_back({{"line", finding.line},
-                                           {"kind", finding.error ? "error" : "note"},
-                                           {"text", finding.text}});
+        result.text += path + ":" + std::to_string(finding.line) + ": " + (finding.error ? "error: " : "note: ") +
+                       finding.text + "\n";
+        result.json["findings"].push_back(
+            {{"line", finding.line}, {"kind", finding.error ? "error" : "note"}, {"text", finding.text}});
     }
     result.text += checked.accepted() ? path + ": accepted\n" : path + ": refused\n";
     result.exit = checked.accepted() ? Exit::done : Exit::no;
@@ -56,8 +54,7 @@ Json scripts_json(const KESTA_BACKUP_FILE_SCRIPT_SUB (&slots)[KESTA_DEFINITION_S
 {
     Json all = Json::array();
     for (const KESTA_BACKUP_FILE_SCRIPT_SUB &slot : slots) {
-        if (slot.pre_script[0] != '\0' || slot.post_script[0] != '\0' ||
-            slot.re_post_script[0] != '\0') {
+        if (slot.pre_script[0] != '\0' || slot.post_script[0] != '\0' || slot.re_post_script[0] != '\0') {
             all.push_back({{"pre_script", slot.pre_script},
                            {"post_script", slot.post_script},
                            {"re_post_script", slot.re_post_script},
@@ -77,14 +74,10 @@ Json file_json(const KESTA_BACKUP_FILE_PATH &file)
             links.push_back(link);
         }
     }
-    return {{"path", file.pathname},
-            {"links", links},
-            {"owner", file.owner},
-            {"group", file.group},
-            {"mode", file.filemode},
-            {"cntmode", file.cntmode},
-            {"rbmode", file.rbmode},
-            {"distribution", file.distribution},
+    return {{"path", file.pathname},        {"links", links},
+            {"owner", file.owner},          {"group", file.group},
+            {"mode", file.filemode},        {"cntmode", file.cntmode},
+            {"rbmode", file.rbmode},        {"distribution", file.distribution},
             {"diffreboot", file.diffreboot}};
 }
 
@@ -114,15 +107,15 @@ Result show(const std::string &group)
                    {"operation", definition->operation},
                    {"type", definition->type},
                    {"files", Json::array()}};
-    result.text = "group      " + group + "\noperation  " + or_dash(definition->operation) +
-                  "\ntype       " + or_dash(definition->type) + "\nfiles:\n";
+    result.text = "group      " + group + "\noperation  " + or_dash(definition->operation) + "\ntype       " +
+                  or_dash(definition->type) + "\nfiles:\n";
     for (const KESTA_BACKUP_FILE_PATH &file : definition->setfile) {
         if (file.pathname[0] == '\0') {
             break;
         }
         result.json["files"].push_back(file_json(file));
-        result.text += "  " + std::string(file.pathname) + "  owner " + or_dash(file.owner) +
-                       ", group " + or_dash(file.group) + ", mode " + or_dash(file.filemode) + "\n";
+        result.text += "  " + std::string(file.pathname) + "  owner " + or_dash(file.owner) + ", group " +
+                       or_dash(file.group) + ", mode " + or_dash(file.filemode) + "\n";
         for (const auto &link : file.linkpath) {
             if (link[0] != '\0') {
                 result.text += "    link " + std::string(link) + "\n";
@@ -130,10 +123,8 @@ Result show(const std::string &group)
         }
     }
     const KESTA_BACKUP_FILE_SCRIPT &script = definition->script;
-    result.json["backup"] = {{"reboot", script.back_reboot},
-                             {"scripts", scripts_json(script.back_script)}};
-    result.json["restore"] = {{"reboot", script.restore_reboot},
-                              {"scripts", scripts_json(script.restore_script)}};
+    result.json["backup"] = {{"reboot", script.back_reboot}, {"scripts", scripts_json(script.back_script)}};
+    result.json["restore"] = {{"reboot", script.restore_reboot}, {"scripts", scripts_json(script.restore_script)}};
     show_scripts(result, "backup", script.back_script, script.back_reboot);
     show_scripts(result, "restore", script.restore_script, script.restore_reboot);
     return result;
@@ -194,30 +185,40 @@ void add_group(const Command &app, Globals &globals, Action &action)
     group.require_subcommand();
     auto name = std::make_shared<std::string>();
 
-    Command command = group.add_subcommand(
-        "check", "Say everything that is wrong with a definition; exit code 1 if it is refused");
-    command.add_option("FILE|GROUP", *name, "A file, or a group with its define.xml in place")
-        .required();
-    command.callback([&action, name] { action = [name](const Globals &) { return check(*name); }; });
-    add_examples(command, "  kestactl group check network\n"
-                          "  kestactl group check ./define.xml --json");
+    Command command =
+        group.add_subcommand("check", "Say everything that is wrong with a definition; exit code 1 if it is refused");
+    command.add_option("FILE|GROUP", *name, "A file, or a group with its define.xml in place").required();
+    command.callback([&action, name] {
+        action = [name](const Globals &) {
+            return check(*name);
+        };
+    });
+    add_examples(command,
+                 "  kestactl group check network\n"
+                 "  kestactl group check ./define.xml --json");
 
     command = group.add_subcommand("show", "Show a definition");
     command.add_option("GROUP", *name, "Group name").required();
-    command.callback([&action, name] { action = [name](const Globals &) { return show(*name); }; });
+    command.callback([&action, name] {
+        action = [name](const Globals &) {
+            return show(*name);
+        };
+    });
     add_examples(command, "  kestactl group show network");
 
-    command = group.add_subcommand(
-        "apply", "Put links, owners, groups and modes of the group's files in order");
+    command = group.add_subcommand("apply", "Put links, owners, groups and modes of the group's files in order");
     command.add_option("GROUP", *name, "Group name").required();
     add_dry_run(command, globals);
     command.callback([&action, name] {
-        action = [name](const Globals &given) { return apply_command(*name, given); };
+        action = [name](const Globals &given) {
+            return apply_command(*name, given);
+        };
     });
     add_examples(command, "  kestactl group apply network --dry-run");
-    add_examples(group, "  kestactl group check network\n"
-                        "  kestactl group show network --json\n"
-                        "  kestactl group apply network --dry-run");
+    add_examples(group,
+                 "  kestactl group check network\n"
+                 "  kestactl group show network --json\n"
+                 "  kestactl group apply network --dry-run");
 }
 
 }  // namespace kestactl

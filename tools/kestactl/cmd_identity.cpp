@@ -13,8 +13,8 @@
 #include "environment_archive.h"
 #include "identity_archive.h"
 #include "identity_state.h"
-#include "mirror.h"
 #include "kept_generations.h"
+#include "mirror.h"
 #include "names.h"
 #include "printable.h"
 #include "trace_capture.h"
@@ -105,10 +105,11 @@ Result show()
     add_host_name(result, controller);
     if (result.json["differ"].get<bool>()) {
         result.exit = Exit::no;
-        result.text += "Values differ. Which place is right, and the command for it: after a change of "
-                       "the board 'kestactl identity carry vpd-to-flash' (the board is right), on its "
-                       "other controller 'carry cnt0-to-cnt1', otherwise 'carry vpd-to-disk' (the disk "
-                       "is right).\n";
+        result.text +=
+            "Values differ. Which place is right, and the command for it: after a change of "
+            "the board 'kestactl identity carry vpd-to-flash' (the board is right), on its "
+            "other controller 'carry cnt0-to-cnt1', otherwise 'carry vpd-to-disk' (the disk "
+            "is right).\n";
     }
     return result;
 }
@@ -124,8 +125,8 @@ struct SetOptions {
 
 bool chosen(const SetOptions &options, const std::string &place)
 {
-    return options.places.empty() || std::find(options.places.begin(), options.places.end(),
-                                               place) != options.places.end();
+    return options.places.empty() ||
+           std::find(options.places.begin(), options.places.end(), place) != options.places.end();
 }
 
 Plan plan_set(const SetOptions &options)
@@ -144,8 +145,7 @@ Plan plan_set(const SetOptions &options)
         identity.guid = options.guid;
     }
     if (identity == Identity()) {
-        throw Failure(Exit::usage, "nothing-given", "There is nothing to set.",
-                      "Give --wwn, --serialno or --guid.");
+        throw Failure(Exit::usage, "nothing-given", "There is nothing to set.", "Give --wwn, --serialno or --guid.");
     }
     require_writable();
     learn_own_number();
@@ -158,16 +158,15 @@ Plan plan_set(const SetOptions &options)
     const auto add = [&](const char *place, bool keeps_any, const char *what, const char *writes,
                          void (*set)(const Identity &)) {
         if (chosen(options, place) && keeps_any) {
-            plan.steps.push_back({what, {writes}, [identity, set] { set(identity); }});
+            plan.steps.push_back({what, {writes}, [identity, set] {
+                                      set(identity);
+                                  }});
         }
     };
-    add("eeprom", identity.wwn || identity.serialno, "set the eeprom", "/boot/solaris/bootenv.rc",
-        set_eeprom);
+    add("eeprom", identity.wwn || identity.serialno, "set the eeprom", "/boot/solaris/bootenv.rc", set_eeprom);
     add("vpd", true, "set the VPD tool", "the board's VPD", set_vpd);
-    add("flash", identity.wwn || identity.guid, "write the flash files",
-        "/etc/kesta_sys/wwn, /etc/cp_guid", set_flash);
-    add("nv", true, "write the NV image", "NV memory and system backup area: blocks 201 to 203",
-        set_image);
+    add("flash", identity.wwn || identity.guid, "write the flash files", "/etc/kesta_sys/wwn, /etc/cp_guid", set_flash);
+    add("nv", true, "write the NV image", "NV memory and system backup area: blocks 201 to 203", set_image);
     if (plan.steps.empty()) {
         throw Failure(Exit::usage, "nothing-given", "None of these places keeps what is given.",
                       "The eeprom keeps no GUID, the flash files keep no serial number.");
@@ -271,8 +270,7 @@ void require_whole(const Identity &identity, const std::string &where, const std
     for (const std::string *value : {&*identity.wwn, &*identity.serialno}) {
         if (kesta_is_shell_word(value->c_str()) == 0) {
             throw Failure(Exit::no, "bad-identity",
-                          where + " holds '" + *value +
-                              "', which can't be handed to the VPD tool or the eeprom.",
+                          where + " holds '" + *value + "', which can't be handed to the VPD tool or the eeprom.",
                           "It has characters that a shell would act on. Set another value with "
                           "'kestactl identity set'.");
         }
@@ -284,14 +282,15 @@ void add_own_copies(Plan &plan, const Identity &identity)
 {
     const Identity flash = read_identity(Place::flash);
     if (flash.wwn != identity.wwn || flash.guid != identity.guid) {
-        plan.steps.push_back({"write the flash files",
-                              {"/etc/kesta_sys/wwn", "/etc/cp_guid"},
-                              [identity] { set_flash(identity); }});
+        plan.steps.push_back({"write the flash files", {"/etc/kesta_sys/wwn", "/etc/cp_guid"}, [identity] {
+                                  set_flash(identity);
+                              }});
     }
     if (read_identity(Place::memory) != identity || read_identity(Place::disk) != identity) {
-        plan.steps.push_back({"write the NV image",
-                              {"NV memory and system backup area: blocks 201 to 203"},
-                              [identity] { set_image(identity); }});
+        plan.steps.push_back(
+            {"write the NV image", {"NV memory and system backup area: blocks 201 to 203"}, [identity] {
+                 set_image(identity);
+             }});
     }
 }
 
@@ -300,8 +299,7 @@ Plan plan_vpd_to_flash()
     require_writable();
     if (const int number = learn_own_number(); number > 1) {
         throw Failure(Exit::usage, "bad-controller",
-                      "This is " + controller_name(number) +
-                          "; identities are carried on CNT0 and CNT1.",
+                      "This is " + controller_name(number) + "; identities are carried on CNT0 and CNT1.",
                       "Run the command on CNT0 or CNT1.");
     }
     require_tool();
@@ -313,25 +311,27 @@ Plan plan_vpd_to_flash()
     if (!is_whole(board)) {
         const std::string hint = "Set one with 'kestactl identity set --wwn ... --serialno ... --guid ...'.";
         if (!is_whole(running)) {
-            throw Failure(Exit::no, "no-identity",
-                          "Neither the board nor this controller holds a whole identity.", hint);
+            throw Failure(Exit::no, "no-identity", "Neither the board nor this controller holds a whole identity.",
+                          hint);
         }
         require_whole(running, "This controller", hint);
-        plan.steps.push_back({"give the board this controller's identity: it holds no whole one",
-                              {"the board's VPD"},
-                              [running] { run_vpd_to_flash(running); }});
+        plan.steps.push_back(
+            {"give the board this controller's identity: it holds no whole one", {"the board's VPD"}, [running] {
+                 run_vpd_to_flash(running);
+             }});
         return plan;
     }
     if (board != running) {
-        require_file(flash_backup,
-                     "The identity goes into the saved environment: put one there first.");
+        require_file(flash_backup, "The identity goes into the saved environment: put one there first.");
         check_identity_archive(contents_of_path(flash_backup), flash_backup);
         plan.verb = vpd_to_flash;
         plan.replaces = {{flash_backup, Replacing::by_rename}};
-        plan.steps.push_back({"carry the board's identity into the saved environment and the system",
-                              {flash_backup, "/boot/solaris/bootenv.rc",
-                               "/etc/nodename", "/etc/inet/hosts", "/etc/cp_guid"},
-                              [running] { run_vpd_to_flash(running); }});
+        plan.steps.push_back(
+            {"carry the board's identity into the saved environment and the system",
+             {flash_backup, "/boot/solaris/bootenv.rc", "/etc/nodename", "/etc/inet/hosts", "/etc/cp_guid"},
+             [running] {
+                 run_vpd_to_flash(running);
+             }});
     }
     add_own_copies(plan, board);
     return plan;
@@ -360,13 +360,16 @@ Plan plan_vpd_to_disk()
     plan.json = {{"from", identity_json(disk)}, {"to", identity_json(board)}};
     if (board != disk) {
         for (const Block *const block : overlong_mirrors()) {
-            plan.steps.push_back({"write the mirror of " + block->name + " anew without what is behind its value, for it to be read",
-                                  {"system backup area: block " + std::to_string(block->id)},
-                                  [block] { shorten_mirror(*block); }});
+            plan.steps.push_back(
+                {"write the mirror of " + block->name + " anew without what is behind its value, for it to be read",
+                 {"system backup area: block " + std::to_string(block->id)},
+                 [block] {
+                     shorten_mirror(*block);
+                 }});
         }
-        plan.steps.push_back({"give the board the identity of the NV image",
-                              {"the board's VPD"},
-                              [disk] { run_vpd_to_disk(disk); }});
+        plan.steps.push_back({"give the board the identity of the NV image", {"the board's VPD"}, [disk] {
+                                  run_vpd_to_disk(disk);
+                              }});
     }
     return plan;
 }
@@ -374,8 +377,7 @@ Plan plan_vpd_to_disk()
 void run_cnt0_to_cnt1(const Identity &from, const Identity &own)
 {
     const ProgressLines progress;
-    if (kestal_CONT0_to_CONT1(from.wwn->c_str(), own.wwn->c_str(), from.serialno->c_str(),
-                              own.serialno->c_str()) < 0) {
+    if (kestal_CONT0_to_CONT1(from.wwn->c_str(), own.wwn->c_str(), from.serialno->c_str(), own.serialno->c_str()) < 0) {
         fail_flow();
     }
 }
@@ -422,13 +424,11 @@ Plan plan_cnt0_to_cnt1()
     require_writable();
     if (const int number = learn_own_number(); number != 1) {
         throw Failure(Exit::usage, "bad-controller",
-                      "This is " + controller_name(number) +
-                          "; the identity of CNT0 is carried to CNT1.",
+                      "This is " + controller_name(number) + "; the identity of CNT0 is carried to CNT1.",
                       "Run the command on CNT1.");
     }
     const Identity from = shared_identity();
-    require_whole(from, "The NV image",
-                  "Carry it there on CNT0: kestactl identity carry vpd-to-flash.");
+    require_whole(from, "The NV image", "Carry it there on CNT0: kestactl identity carry vpd-to-flash.");
     const Identity own = running_identity();
     Plan plan;
     plan.shared = true;
@@ -442,18 +442,22 @@ Plan plan_cnt0_to_cnt1()
                          {flash_backup, Replacing::by_rename},
                          {cache_backup, Replacing::by_rename},
                          {merge_backup, Replacing::by_rename}};
+        plan.steps.push_back({"carry the identity into the saved environment",
+                              {"system backup area: the accept slot, kesta_sysacpt, kesta_sysback, kesta_verback, "
+                               "kesta_reboot",
+                               "NV memory: blocks 31, 32 and 52"},
+                              [from, own] {
+                                  run_cnt0_to_cnt1(from, own);
+                              }});
         plan.steps.push_back(
-            {"carry the identity into the saved environment",
-             {"system backup area: the accept slot, kesta_sysacpt, kesta_sysback, kesta_verback, "
-              "kesta_reboot",
-              "NV memory: blocks 31, 32 and 52"},
-             [from, own] { run_cnt0_to_cnt1(from, own); }});
-        plan.steps.push_back({"bring it into force on this controller",
-                              {flash_backup, "/boot/solaris/bootenv.rc",
-                               "/etc/nodename", "/etc/inet/hosts", "/etc/cp_guid"},
-                              [from] { bring_into_force(from); }});
+            {"bring it into force on this controller",
+             {flash_backup, "/boot/solaris/bootenv.rc", "/etc/nodename", "/etc/inet/hosts", "/etc/cp_guid"},
+             [from] {
+                 bring_into_force(from);
+             }});
         plan.steps.push_back({"record the raised version for this controller",
-                              {"version-cnt1", "/etc/kesta_sys/version"}, record_version});
+                              {"version-cnt1", "/etc/kesta_sys/version"},
+                              record_version});
     }
     add_own_copies(plan, from);
     return plan;
@@ -483,8 +487,7 @@ Result carry(Plan (*make_plan)(), const Globals &globals)
 
 void add_carry(const Command &identity, Globals &globals, Action &action)
 {
-    const Command carrying =
-        identity.add_subcommand("carry", "Carry the identity from one place to the others");
+    const Command carrying = identity.add_subcommand("carry", "Carry the identity from one place to the others");
     carrying.require_subcommand();
     struct Flow {
         const char *name;
@@ -493,13 +496,12 @@ void add_carry(const Command &identity, Globals &globals, Action &action)
         bool replaces_archives;
     };
     constexpr std::array<Flow, 3> flows{{
-        {"vpd-to-flash",
-         "The board is right: into the saved environment, the system and the NV image",
+        {"vpd-to-flash", "The board is right: into the saved environment, the system and the NV image",
          plan_vpd_to_flash, true},
-        {"vpd-to-disk", "The disk is right: the board's VPD gets the identity of the NV image",
-         plan_vpd_to_disk, false},
-        {"cnt0-to-cnt1", "On CNT1: CNT0's identity, as the NV image has it, into all of its places",
-         plan_cnt0_to_cnt1, true},
+        {"vpd-to-disk", "The disk is right: the board's VPD gets the identity of the NV image", plan_vpd_to_disk,
+         false},
+        {"cnt0-to-cnt1", "On CNT1: CNT0's identity, as the NV image has it, into all of its places", plan_cnt0_to_cnt1,
+         true},
     }};
     for (const Flow &flow : flows) {
         const Command command = carrying.add_subcommand(flow.name, flow.what);
@@ -509,27 +511,33 @@ void add_carry(const Command &identity, Globals &globals, Action &action)
         add_lock_rule(command, globals);
         add_dry_run(command, globals);
         command.callback([&action, make_plan = flow.make_plan] {
-            action = [make_plan](const Globals &given) { return carry(make_plan, given); };
+            action = [make_plan](const Globals &given) {
+                return carry(make_plan, given);
+            };
         });
         add_examples(command, std::string("  kestactl identity carry ") + flow.name +
-                                          " --dry-run\n  kestactl identity carry " + flow.name);
+                                  " --dry-run\n  kestactl identity carry " + flow.name);
     }
-    add_examples(carrying, "  kestactl identity carry vpd-to-flash --dry-run\n"
-                           "  kestactl identity carry cnt0-to-cnt1");
+    add_examples(carrying,
+                 "  kestactl identity carry vpd-to-flash --dry-run\n"
+                 "  kestactl identity carry cnt0-to-cnt1");
 }
 
 }  // namespace
 
 void add_identity(const Command &app, Globals &globals, Action &action)
 {
-    const Command identity =
-        app.add_subcommand("identity", "Show, set and carry WWN, serial number and GUID");
+    const Command identity = app.add_subcommand("identity", "Show, set and carry WWN, serial number and GUID");
     identity.require_subcommand();
-    const Command showing =
-        identity.add_subcommand("show", "Show every place that keeps them, side by side");
-    showing.callback([&action] { action = [](const Globals &) { return show(); }; });
-    add_examples(showing, "  kestactl identity show\n"
-                          "  kestactl identity show --json");
+    const Command showing = identity.add_subcommand("show", "Show every place that keeps them, side by side");
+    showing.callback([&action] {
+        action = [](const Globals &) {
+            return show();
+        };
+    });
+    add_examples(showing,
+                 "  kestactl identity show\n"
+                 "  kestactl identity show --json");
 
     auto options = std::make_shared<SetOptions>();
     const Command setting = identity.add_subcommand("set", "Set values by hand, in all places or some");
@@ -542,13 +550,17 @@ void add_identity(const Command &app, Globals &globals, Action &action)
     add_lock_rule(setting, globals);
     add_dry_run(setting, globals);
     setting.callback([&action, options] {
-        action = [options](const Globals &given) { return carry_out(plan_set(*options), given); };
+        action = [options](const Globals &given) {
+            return carry_out(plan_set(*options), given);
+        };
     });
-    add_examples(setting, "  kestactl identity set --wwn 500000E0D0123400 --dry-run\n"
-                          "  kestactl identity set --serialno KESTA00000000042 --in eeprom --in nv");
+    add_examples(setting,
+                 "  kestactl identity set --wwn 500000E0D0123400 --dry-run\n"
+                 "  kestactl identity set --serialno KESTA00000000042 --in eeprom --in nv");
     add_carry(identity, globals, action);
-    add_examples(identity, "  kestactl identity show\n"
-                           "  kestactl identity carry vpd-to-flash --dry-run");
+    add_examples(identity,
+                 "  kestactl identity show\n"
+                 "  kestactl identity carry vpd-to-flash --dry-run");
 }
 
 }  // namespace kestactl

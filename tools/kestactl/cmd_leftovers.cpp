@@ -32,9 +32,9 @@ Plan plan_clear(const std::vector<std::string> &named)
     plan.json = {{"paths", paths}};
     for (const std::string &path : paths) {
         require_leftover(path);
-        plan.steps.push_back({"take " + path + " away; keep it first if it is whole and nowhere else",
-                              {path},
-                              [path] { clear_when_idle(path); }});
+        plan.steps.push_back({"take " + path + " away; keep it first if it is whole and nowhere else", {path}, [path] {
+                                  clear_when_idle(path);
+                              }});
     }
     return plan;
 }
@@ -46,8 +46,9 @@ void add_leftovers(const Command &app, Globals &globals, Action &action)
     const Command leftovers = app.add_subcommand("leftovers", "Files that killed commands left behind");
     leftovers.require_subcommand();
     auto paths = std::make_shared<std::vector<std::string>>();
-    const Command command = leftovers.add_subcommand(
-        "clear", "Take them away; a whole archive that is nowhere else is kept as a generation first");
+    const Command command =
+        leftovers.add_subcommand("clear",
+                                 "Take them away; a whole archive that is nowhere else is kept as a generation first");
     command.add_option("PATH", *paths, "Only these, as 'kestactl verify' names them");
     add_lock_rule(command, globals);
     add_dry_run(command, globals);

@@ -1,11 +1,11 @@
 // kestactl lock: the command lock between controllers, and the local lock of one controller.
-#include <climits>
 #include <errno.h>
 #include <fcntl.h>
 #include <kesta/kesta.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
+#include <climits>
 
 #include <algorithm>
 #include <charconv>
@@ -65,8 +65,7 @@ void check_identifier(const std::string &identifier)
     const char *end = identifier.data() + identifier.size();
     const auto [stop, error] = std::from_chars(identifier.data(), end, number);
     if (error != std::errc() || stop != end || number < 0) {
-        throw Failure(Exit::usage, "bad-identifier",
-                      "'" + identifier + "' is no lock identifier.",
+        throw Failure(Exit::usage, "bad-identifier", "'" + identifier + "' is no lock identifier.",
                       "An identifier is a number: 'kestactl lock check' shows it.");
     }
 }
@@ -80,8 +79,7 @@ CommandLock find_lock(const LockState &state, int controller, const std::string 
         }
         if (std::to_string(lock.identifier) != identifier) {
             throw Failure(Exit::no, "other-identifier",
-                          "The lock carries another identifier: " + describe(lock, state.group) +
-                              ".",
+                          "The lock carries another identifier: " + describe(lock, state.group) + ".",
                           "Give its identifier, or clear it: " + clearing_command(lock));
         }
         return lock;
@@ -105,8 +103,7 @@ int in_the_way(const LockState &state, const LockOptions &options)
 
 void take(const LockOptions &options, int own, const HeldSignals &signals, Taken &taken)
 {
-    taken.identifier =
-        take_command_lock({options.type, options.group, options.wait}, own, signals);
+    taken.identifier = take_command_lock({options.type, options.group, options.wait}, own, signals);
     if (const int signal = signals.pending(); signal != 0) {
         release_command_lock(own, taken.identifier);
         interrupted(signal);
@@ -132,8 +129,7 @@ Plan plan_take(const LockOptions &options, const HeldSignals &signals, Taken &ta
             refuse_locked("The command lock can't be had", state, met);
         }
     }
-    std::vector<std::string> writes{"NV memory: block " +
-                                    std::to_string(KESTA_BLOCK_LOCK_CNT0 + own)};
+    std::vector<std::string> writes{"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + own)};
     if (!options.group.empty()) {
         writes.push_back("NV memory: block " + std::to_string(KESTA_BLOCK_GROUP));
     }
@@ -144,7 +140,9 @@ Plan plan_take(const LockOptions &options, const HeldSignals &signals, Taken &ta
     }
     Plan plan;
     plan.json = {{"controller", own}, {"type", options.type}};
-    plan.steps.push_back({what, writes, [=, &signals, &taken] { take(options, own, signals, taken); }});
+    plan.steps.push_back({what, writes, [=, &signals, &taken] {
+                              take(options, own, signals, taken);
+                          }});
     return plan;
 }
 
@@ -193,8 +191,7 @@ Plan plan_release(const LockOptions &options)
          [=] {
              if (!force) {
                  release_command_lock(controller, identifier);
-             } else if (kestal_global_command_unlock_func(controller, nullptr, release_fully) !=
-                        KESTA_OK) {
+             } else if (kestal_global_command_unlock_func(controller, nullptr, release_fully) != KESTA_OK) {
                  fail_call("unlock-failed", "The lock of " + controller_name(controller) + " was not released.",
                            "Look at --trace 1.");
              }
@@ -219,8 +216,7 @@ Plan plan_suspend(const LockOptions &options)
                           {"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + own),
                            "NV memory: block " + std::to_string(KESTA_BLOCK_GROUP)},
                           [=] {
-                              if (kestal_global_command_unlock_func(own, identifier.c_str(),
-                                                                    suspend) != KESTA_OK) {
+                              if (kestal_global_command_unlock_func(own, identifier.c_str(), suspend) != KESTA_OK) {
                                   fail_call("suspend-failed",
                                             "The lock of " + controller_name(own) + " was not suspended.",
                                             "Look at --trace 1.");
@@ -236,8 +232,7 @@ void resume(const LockOptions &options, int own)
     options.identifier.copy(identifier.data(), identifier.size() - 1);
     int met = -1;
     const int result = kestal_global_command_lock_func(own, options.type, identifier.data(),
-                                                       group.empty() ? nullptr : group.data(),
-                                                       take_again, &met);
+                                                       group.empty() ? nullptr : group.data(), take_again, &met);
     if (result == KESTA_ERR_LOCKED) {
         refuse_locked("The lock of " + controller_name(own) + " can't be taken again", read_lock_state(), met);
     }
@@ -259,21 +254,21 @@ Plan plan_resume(const LockOptions &options)
     const CommandLock lock = find_lock(state, own, options.identifier);
     if (!lock.suspended()) {
         throw Failure(Exit::no, "not-suspended",
-                      "The lock of " + controller_name(own) + " is not suspended: " +
-                          describe(lock, state.group) + ".",
+                      "The lock of " + controller_name(own) + " is not suspended: " + describe(lock, state.group) + ".",
                       "There is nothing to resume.");
     }
     for (const CommandLock &other : state.held) {
         if (!other.suspended()) {
-            refuse_locked("The lock of " + controller_name(own) + " can't be taken again", state,
-                          other.controller);
+            refuse_locked("The lock of " + controller_name(own) + " can't be taken again", state, other.controller);
         }
     }
     Plan plan;
     plan.json = {{"controller", own}, {"identifier", options.identifier}};
     plan.steps.push_back({"take the suspended lock of " + controller_name(own) + " again",
                           {"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + own)},
-                          [=] { resume(options, own); }});
+                          [=] {
+                              resume(options, own);
+                          }});
     return plan;
 }
 
@@ -286,14 +281,12 @@ Plan plan_convert(const LockOptions &options)
     const CommandLock lock = find_lock(state, own, options.identifier);
     if (lock.status != KESTA_LOCK_STATUS_TYPE1) {
         throw Failure(Exit::no, "not-type-1",
-                      "Only a type-1 lock becomes a running backup: " +
-                          describe(lock, state.group) + ".",
+                      "Only a type-1 lock becomes a running backup: " + describe(lock, state.group) + ".",
                       "Take one with 'kestactl lock take --type 1'.");
     }
     for (const CommandLock &other : state.held) {
         if (other.controller != own && !other.suspended()) {
-            refuse_locked("The lock of " + controller_name(own) + " can't be converted", state,
-                          other.controller);
+            refuse_locked("The lock of " + controller_name(own) + " can't be converted", state, other.controller);
         }
     }
     const std::string identifier = options.identifier;
@@ -320,8 +313,7 @@ Result check()
     Result result;
     result.json["locks"] = Json::array();
     for (const CommandLock &lock : state.held) {
-        result.text += describe(lock, state.group) + "\n    clear it with: " +
-                       clearing_command(lock) + "\n";
+        result.text += describe(lock, state.group) + "\n    clear it with: " + clearing_command(lock) + "\n";
         result.json["locks"].push_back(to_json(lock, state.group));
     }
     if (state.held.empty()) {
@@ -346,8 +338,7 @@ Result wait_for_free(const LockOptions &options)
         int holder = -1;
         const int found = kestal_global_command_lock_check(all_controllers, nullptr, &holder);
         if (found < 0 && holder < 0) {
-            fail_call("check-failed", "The command locks could not be looked at.",
-                      "Look at --trace 1.");
+            fail_call("check-failed", "The command locks could not be looked at.", "Look at --trace 1.");
         }
         if (holder < 0) {
             Result result;
@@ -373,9 +364,8 @@ Result wait_for_free(const LockOptions &options)
 
 void check_local_name(const std::string &name)
 {
-    const bool plain = std::all_of(name.begin(), name.end(), [](unsigned char c) {
-        return isalnum(c) || c == '.' || c == '_' || c == '-';
-    });
+    const bool plain = std::all_of(name.begin(), name.end(),
+                                   [](unsigned char c) { return isalnum(c) || c == '.' || c == '_' || c == '-'; });
     constexpr std::size_t longest = 64;
     if (name.empty() || name[0] == '.' || name.size() > longest || !plain) {
         throw Failure(Exit::usage, "bad-name", "'" + name + "' can't be the name of a local lock.",
@@ -401,10 +391,11 @@ Result local_command(const LockOptions &options, const Globals &globals)
     CommandEnd end;
     Plan plan;
     plan.json = {{"name", options.name}, {"command", joined(options.command)}};
-    plan.steps.push_back({"hold the local lock " + options.name + " and run: " +
-                              joined(options.command),
+    plan.steps.push_back({"hold the local lock " + options.name + " and run: " + joined(options.command),
                           {local_lock_folder + options.name, "whatever the command writes"},
-                          [&] { hold_local(options, end); }});
+                          [&] {
+                              hold_local(options, end);
+                          }});
     Result result = carry_out(plan, globals);
     if (!globals.dry_run) {
         result.exit = exit_of(end);
@@ -414,9 +405,8 @@ Result local_command(const LockOptions &options, const Globals &globals)
     return result;
 }
 
-Command add_planned(const Command &lock, Globals &globals, Action &action, const char *verb,
-                      const char *description, const std::shared_ptr<LockOptions> &options,
-                      Plan (*planner)(const LockOptions &))
+Command add_planned(const Command &lock, Globals &globals, Action &action, const char *verb, const char *description,
+                    const std::shared_ptr<LockOptions> &options, Plan (*planner)(const LockOptions &))
 {
     Command command = lock.add_subcommand(verb, description);
     add_dry_run(command, globals);
@@ -430,8 +420,8 @@ Command add_planned(const Command &lock, Globals &globals, Action &action, const
 
 void add_type(const Command &command, const std::shared_ptr<LockOptions> &options)
 {
-    command.add_option("--type", options->type,
-                       "1 exclusive, 2 shared with others of type 2 taken together, 3 exclusive")
+    command
+        .add_option("--type", options->type, "1 exclusive, 2 shared with others of type 2 taken together, 3 exclusive")
         .in_range(KESTA_LOCK_TYPE1, KESTA_LOCK_TYPE3)
         .option_text("1|2|3");
     command.add_option("--group", options->group, "Group to name as the one that is worked on");
@@ -439,41 +429,44 @@ void add_type(const Command &command, const std::shared_ptr<LockOptions> &option
 
 void add_wait(const Command &command, const std::shared_ptr<LockOptions> &options)
 {
-    command.add_option("--wait", options->wait, "Seconds to wait for it; progress goes to stderr")
-        .in_range(0, INT_MAX);
+    command.add_option("--wait", options->wait, "Seconds to wait for it; progress goes to stderr").in_range(0, INT_MAX);
 }
 
-void add_take(const Command &lock, Globals &globals, Action &action,
-              const std::shared_ptr<LockOptions> &options)
+void add_take(const Command &lock, Globals &globals, Action &action, const std::shared_ptr<LockOptions> &options)
 {
-    Command command = lock.add_subcommand(
-        "take", "Take this controller's command lock and print its identifier; with a command, hold "
-                "it while that runs");
+    Command command =
+        lock.add_subcommand("take",
+                            "Take this controller's command lock and print its identifier; with a command, hold "
+                            "it while that runs");
     add_type(command, options);
     add_wait(command, options);
     command.add_option("COMMAND", options->command,
-                        "Put it behind --. Its exit code becomes kestactl's; the lock is released "
-                        "however it ends");
+                       "Put it behind --. Its exit code becomes kestactl's; the lock is released "
+                       "however it ends");
     add_dry_run(command, globals);
-    add_examples(command, "  kestactl lock take --type 1 --group network\n"
-                          "  kestactl lock take --wait 60 -- kestactl copy cntbackup2backup");
+    add_examples(command,
+                 "  kestactl lock take --type 1 --group network\n"
+                 "  kestactl lock take --wait 60 -- kestactl copy cntbackup2backup");
     command.callback([&action, options] {
-        action = [options](const Globals &given) { return take_command(*options, given); };
+        action = [options](const Globals &given) {
+            return take_command(*options, given);
+        };
     });
 }
 
-void add_local(const Command &lock, Globals &globals, Action &action,
-               const std::shared_ptr<LockOptions> &options)
+void add_local(const Command &lock, Globals &globals, Action &action, const std::shared_ptr<LockOptions> &options)
 {
-    Command command = lock.add_subcommand(
-        "local", "Run a command while holding a local lock of this controller; its exit code "
-                 "becomes kestactl's");
+    Command command = lock.add_subcommand("local",
+                                          "Run a command while holding a local lock of this controller; its exit code "
+                                          "becomes kestactl's");
     command.add_option("NAME", options->name, "Name of the lock").required();
     command.add_option("COMMAND", options->command, "Put it behind --").required();
     add_dry_run(command, globals);
     add_examples(command, "  kestactl lock local nightly -- /usr/local/sbin/nightly-backup");
     command.callback([&action, options] {
-        action = [options](const Globals &given) { return local_command(*options, given); };
+        action = [options](const Globals &given) {
+            return local_command(*options, given);
+        };
     });
 }
 
@@ -482,18 +475,14 @@ void add_identifier(const Command &command, const std::shared_ptr<LockOptions> &
     command.add_option("IDENTIFIER", options->identifier, "What 'lock take' printed").required();
 }
 
-void add_release(const Command &lock, Globals &globals, Action &action,
-                 const std::shared_ptr<LockOptions> &options)
+void add_release(const Command &lock, Globals &globals, Action &action, const std::shared_ptr<LockOptions> &options)
 {
-    Command command = add_planned(lock, globals, action, "release", "Release a command lock",
-                                    options, plan_release);
-    const Option identifier =
-        command.add_option("IDENTIFIER", options->identifier, "What 'lock take' printed");
-    const Option force = command.add_flag(
-        "--force", options->force, "Release whatever is there; for a lock whose holder is dead");
+    Command command = add_planned(lock, globals, action, "release", "Release a command lock", options, plan_release);
+    const Option identifier = command.add_option("IDENTIFIER", options->identifier, "What 'lock take' printed");
+    const Option force =
+        command.add_flag("--force", options->force, "Release whatever is there; for a lock whose holder is dead");
     force.excludes(identifier);
-    command.add_option("--controller", options->controller, "Whose lock; else this controller's")
-        .option_text("CNTn");
+    command.add_option("--controller", options->controller, "Whose lock; else this controller's").option_text("CNTn");
     command.callback([&action, options] {
         if (options->identifier.empty() && !options->force) {
             require("IDENTIFIER or --force");
@@ -502,22 +491,31 @@ void add_release(const Command &lock, Globals &globals, Action &action,
             return carry_out(plan_release(*options), given);
         };
     });
-    add_examples(command, "  kestactl lock release 1795240000\n"
-                          "  kestactl lock release 1795240000 --controller CNT2");
+    add_examples(command,
+                 "  kestactl lock release 1795240000\n"
+                 "  kestactl lock release 1795240000 --controller CNT2");
 }
 
 void add_check_and_wait(const Command &lock, Action &action, const std::shared_ptr<LockOptions> &options)
 {
-    const Command check_command = lock.add_subcommand(
-        "check", "Show who holds which command lock, without taking any; exit code 1 if one is held");
-    check_command.callback([&action] { action = [](const Globals &) { return check(); }; });
-    add_examples(check_command, "  kestactl lock check\n"
-                                "  kestactl --json lock check");
-    const Command wait = lock.add_subcommand(
-        "wait", "Wait until no command lock is held; clears one seen unchanged for 10 minutes");
+    const Command check_command =
+        lock.add_subcommand("check",
+                            "Show who holds which command lock, without taking any; exit code 1 if one is held");
+    check_command.callback([&action] {
+        action = [](const Globals &) {
+            return check();
+        };
+    });
+    add_examples(check_command,
+                 "  kestactl lock check\n"
+                 "  kestactl --json lock check");
+    const Command wait =
+        lock.add_subcommand("wait", "Wait until no command lock is held; clears one seen unchanged for 10 minutes");
     add_wait(wait, options);
     wait.callback([&action, options] {
-        action = [options](const Globals &) { return wait_for_free(*options); };
+        action = [options](const Globals &) {
+            return wait_for_free(*options);
+        };
     });
     add_examples(wait, "  kestactl lock wait --wait 700");
 }
@@ -526,33 +524,30 @@ void add_check_and_wait(const Command &lock, Action &action, const std::shared_p
 
 void add_lock(const Command &app, Globals &globals, Action &action)
 {
-    const Command lock =
-        app.add_subcommand("lock", "Command locks between controllers, and local locks");
+    const Command lock = app.add_subcommand("lock", "Command locks between controllers, and local locks");
     lock.require_subcommand();
     auto options = std::make_shared<LockOptions>();
     add_take(lock, globals, action, options);
     add_release(lock, globals, action, options);
     Command command = add_planned(lock, globals, action, "suspend",
-                                    "Let others work for a while; the identifier stays reserved",
-                                    options, plan_suspend);
+                                  "Let others work for a while; the identifier stays reserved", options, plan_suspend);
     add_identifier(command, options);
     add_examples(command, "  kestactl lock suspend 1795240000");
-    command = add_planned(lock, globals, action, "resume", "Take a suspended lock again", options,
-                          plan_resume);
+    command = add_planned(lock, globals, action, "resume", "Take a suspended lock again", options, plan_resume);
     add_identifier(command, options);
     add_type(command, options);
     add_examples(command, "  kestactl lock resume 1795240000");
-    command = add_planned(lock, globals, action, "convert",
-                          "Convert a type-1 lock to a running backup, and renew it", options,
-                          plan_convert);
+    command = add_planned(lock, globals, action, "convert", "Convert a type-1 lock to a running backup, and renew it",
+                          options, plan_convert);
     add_identifier(command, options);
     add_examples(command, "  kestactl lock convert 1795240000");
     add_check_and_wait(lock, action, options);
     add_local(lock, globals, action, options);
-    add_examples(lock, "  kestactl lock check\n"
-                       "  kestactl lock take --wait 60 -- kestactl copy cntbackup2backup\n"
-                       "  kestactl lock release 1795240000 --controller CNT2\n"
-                       "  kestactl lock local nightly -- /usr/local/sbin/nightly-backup");
+    add_examples(lock,
+                 "  kestactl lock check\n"
+                 "  kestactl lock take --wait 60 -- kestactl copy cntbackup2backup\n"
+                 "  kestactl lock release 1795240000 --controller CNT2\n"
+                 "  kestactl lock local nightly -- /usr/local/sbin/nightly-backup");
 }
 
 }  // namespace kestactl

@@ -26,8 +26,9 @@ struct WriteOptions {
     bool memory_only = false;
 };
 
-const std::map<std::string, From> read_places{
-    {"both", From::both}, {"memory", From::memory}, {"sysback", From::sysback}};
+const std::map<std::string, From> read_places{{"both", From::both},
+                                              {"memory", From::memory},
+                                              {"sysback", From::sysback}};
 
 Result read(const ReadOptions &options)
 {
@@ -44,11 +45,9 @@ Result read(const ReadOptions &options)
     return result;
 }
 
-[[noreturn]] void refuse_value(const Block &block, const std::string &value,
-                               const std::string &hint)
+[[noreturn]] void refuse_value(const Block &block, const std::string &value, const std::string &hint)
 {
-    throw Failure(Exit::usage, "bad-value",
-                  "'" + value + "' is no value for block " + block.name + ".", hint);
+    throw Failure(Exit::usage, "bad-value", "'" + value + "' is no value for block " + block.name + ".", hint);
 }
 
 std::vector<char> encode_number(const Block &block, const std::string &text)
@@ -69,8 +68,7 @@ std::vector<char> encode_number(const Block &block, const std::string &text)
 std::vector<char> encode_text(const Block &block, const std::string &text)
 {
     if (text.size() > block.written) {
-        refuse_value(block, text,
-                     "The field holds " + std::to_string(block.written) + " characters.");
+        refuse_value(block, text, "The field holds " + std::to_string(block.written) + " characters.");
     }
     std::vector<char> bytes(block.written, '\0');
     memcpy(bytes.data(), text.data(), text.size());
@@ -91,8 +89,8 @@ std::vector<char> encode_bytes(const Block &block, const std::string &text)
         bytes[i / 2] = static_cast<char>(byte);
     }
     if (!whole || text.empty()) {
-        refuse_value(block, text, "Give 1 to " + std::to_string(block.written) +
-                                      " bytes as pairs of hexadecimal digits.");
+        refuse_value(block, text,
+                     "Give 1 to " + std::to_string(block.written) + " bytes as pairs of hexadecimal digits.");
     }
     return bytes;
 }
@@ -127,8 +125,7 @@ Plan plan_write(const WriteOptions &options)
     const Block &block = find_block(options.block);
     const std::vector<char> bytes = encode(block, options.value);
     if (options.memory_only && !block.in_memory) {
-        throw Failure(Exit::usage, "not-in-memory",
-                      "Block " + block.name + " has no place in NV memory.",
+        throw Failure(Exit::usage, "not-in-memory", "Block " + block.name + " has no place in NV memory.",
                       "Leave out --memory-only.");
     }
     learn_own_number();
@@ -146,8 +143,9 @@ Plan plan_write(const WriteOptions &options)
     Plan plan;
     plan.shared = true;
     plan.json = {{"block", block.id}, {"name", block.name}, {"bytes", hex(bytes)}};
-    plan.steps.push_back({"write '" + options.value + "' to " + block.name, writes,
-                          [&block, bytes] { write_block(block, bytes); }});
+    plan.steps.push_back({"write '" + options.value + "' to " + block.name, writes, [&block, bytes] {
+                              write_block(block, bytes);
+                          }});
     return plan;
 }
 
@@ -157,8 +155,7 @@ Result list()
     result.json["blocks"] = Json::array();
     for (const Block &block : blocks()) {
         char line[96];
-        snprintf(line, sizeof(line), "%4d  %-20s %3u bytes  %s\n", block.id, block.name.c_str(),
-                 block.size,
+        snprintf(line, sizeof(line), "%4d  %-20s %3u bytes  %s\n", block.id, block.name.c_str(), block.size,
                  !block.in_memory ? "system backup area only"
                  : block.mirrored ? "NV memory and system backup area"
                                   : "NV memory");
@@ -180,7 +177,11 @@ void add_nv(const Command &app, Globals &globals, Action &action)
     nv.require_subcommand();
 
     const Command list_command = nv.add_subcommand("list", "Show all blocks by name and number");
-    list_command.callback([&action] { action = [](const Globals &) { return list(); }; });
+    list_command.callback([&action] {
+        action = [](const Globals &) {
+            return list();
+        };
+    });
     add_examples(list_command, "  kestactl nv list");
 
     auto reading = std::make_shared<ReadOptions>();
@@ -188,31 +189,38 @@ void add_nv(const Command &app, Globals &globals, Action &action)
     read_command.add_option("BLOCK", reading->block, "Name or number of the block").required();
     read_command.add_choice("--from", reading->from, read_places, "Where to read: both, memory or sysback")
         .option_text("both|memory|sysback");
-    read_command.callback(
-        [&action, reading] { action = [reading](const Globals &) { return read(*reading); }; });
+    read_command.callback([&action, reading] {
+        action = [reading](const Globals &) {
+            return read(*reading);
+        };
+    });
 
     auto writing = std::make_shared<WriteOptions>();
     const Command write_command = nv.add_subcommand("write", "Set one block, under the inner lock");
     write_command.add_option("BLOCK", writing->block, "Name or number of the block").required();
-    write_command.add_option("VALUE", writing->value, "Number, name or text; bytes as hexadecimal")
-        .required();
+    write_command.add_option("VALUE", writing->value, "Number, name or text; bytes as hexadecimal").required();
     write_command.add_flag("--memory-only", writing->memory_only,
-                            "Write NV memory alone, e.g. while the system backup area is gone");
+                           "Write NV memory alone, e.g. while the system backup area is gone");
     add_lock_rule(write_command, globals);
     add_dry_run(write_command, globals);
     write_command.callback([&action, writing] {
-        action = [writing](const Globals &given) { return carry_out(plan_write(*writing), given); };
+        action = [writing](const Globals &given) {
+            return carry_out(plan_write(*writing), given);
+        };
     });
-    add_examples(write_command, "  kestactl nv write group network\n"
-                                "  kestactl nv write accept-name kesta_backup1 --memory-only");
-    add_examples(read_command, "  kestactl nv read accept-name\n"
-                               "  kestactl nv read 31 --from memory --json");
+    add_examples(write_command,
+                 "  kestactl nv write group network\n"
+                 "  kestactl nv write accept-name kesta_backup1 --memory-only");
+    add_examples(read_command,
+                 "  kestactl nv read accept-name\n"
+                 "  kestactl nv read 31 --from memory --json");
     add_nv_image(nv, globals, action);
     add_nv_verify(nv, action);
-    add_examples(nv, "  kestactl nv list\n"
-                     "  kestactl nv read accept-name\n"
-                     "  kestactl nv write group network --dry-run\n"
-                     "  kestactl nv verify");
+    add_examples(nv,
+                 "  kestactl nv list\n"
+                 "  kestactl nv read accept-name\n"
+                 "  kestactl nv write group network --dry-run\n"
+                 "  kestactl nv verify");
 }
 
 }  // namespace kestactl

@@ -34,7 +34,7 @@ struct Field {
 
 // What has no block: the header, and what is not used.
 #define KESTA_UNNAMED(member, name, kind) \
-    Field{{no_block, name, kind, sizeof(KESTA_VOLATILE::member), false, true}, offsetof(KESTA_VOLATILE, member)}
+    Field { {no_block, name, kind, sizeof(KESTA_VOLATILE::member), false, true}, offsetof(KESTA_VOLATILE, member) }
 
 std::vector<Field> make_fields()
 {
@@ -51,8 +51,7 @@ std::vector<Field> make_fields()
             all.push_back({block, static_cast<std::size_t>(block.offset)});
         }
     }
-    std::sort(all.begin(), all.end(),
-              [](const Field &a, const Field &b) { return a.offset < b.offset; });
+    std::sort(all.begin(), all.end(), [](const Field &a, const Field &b) { return a.offset < b.offset; });
     return all;
 }
 
@@ -68,17 +67,13 @@ std::vector<char> read_region(unsigned region, int offset, int size)
 {
     std::vector<char> bytes(static_cast<std::size_t>(size));
     if (kestal_non_volatile_r_memory(region, bytes.data(), offset, size) != KESTA_OK) {
-        fail_call("read-failed",
-                  "NV memory could not be read (region " + std::to_string(region) + ").",
+        fail_call("read-failed", "NV memory could not be read (region " + std::to_string(region) + ").",
                   "Look at --trace 1 for the failed call, and check the storage firmware.");
     }
     return bytes;
 }
 
-std::vector<char> read_image()
-{
-    return read_region(KESTA_NV_IMAGE_REGION, 0, sizeof(KESTA_VOLATILE));
-}
+std::vector<char> read_image() { return read_region(KESTA_NV_IMAGE_REGION, 0, sizeof(KESTA_VOLATILE)); }
 
 std::vector<char> bytes_of(const Field &field, const std::vector<char> &image)
 {
@@ -88,8 +83,7 @@ std::vector<char> bytes_of(const Field &field, const std::vector<char> &image)
 
 bool is_stamped(const std::vector<char> &image)
 {
-    return std::string_view(image.data() + offsetof(KESTA_VOLATILE, magic), image_magic.size()) ==
-           image_magic;
+    return std::string_view(image.data() + offsetof(KESTA_VOLATILE, magic), image_magic.size()) == image_magic;
 }
 
 // ------------------------------------------------------------------------------- init and clear
@@ -106,8 +100,7 @@ std::vector<std::string> contents(const std::vector<char> &image)
     for (const Field &field : fields()) {
         const std::vector<char> bytes = bytes_of(field, image);
         if (field.offset >= offsetof(KESTA_VOLATILE, cnttbl) && !all_zero(bytes)) {
-            lines.push_back("NV memory, " + field.block.name + ": " +
-                            shown(decoded(field.block, bytes)) + " is lost");
+            lines.push_back("NV memory, " + field.block.name + ": " + shown(decoded(field.block, bytes)) + " is lost");
         }
     }
     return lines;
@@ -163,8 +156,7 @@ Plan plan_erase(const EraseOptions &options, bool stamps)
         plan.steps.push_back({"clear everything behind the header of the NV image", lost, clear_data});
     }
     if (stamps) {
-        plan.steps.push_back({"stamp the header", {"NV memory, magic: ENVV, layout version 2"},
-                              stamp_header});
+        plan.steps.push_back({"stamp the header", {"NV memory, magic: ENVV, layout version 2"}, stamp_header});
     }
     return plan;
 }
@@ -180,8 +172,9 @@ Result erase(const EraseOptions &options, bool stamps, const Globals &globals)
     }
     Result result = carry_out(plan, globals);
     if (!globals.dry_run && !options.keep_data) {
-        result.text += "Next: 'kestactl repair' brings the mirrored items back from the system backup "
-                       "area, if it is good.\n";
+        result.text +=
+            "Next: 'kestactl repair' brings the mirrored items back from the system backup "
+            "area, if it is good.\n";
     }
     return result;
 }
@@ -205,11 +198,9 @@ void check_flags(int result, const std::string &what)
 
 void set_flags(FlagOptions options)
 {
-    const int rw = KESTA_SYNC_WRITE | (options.synced ? KESTA_SYNC_SYNCED : 0) |
-                   (options.req ? KESTA_SYNC_REQ : 0);
+    const int rw = KESTA_SYNC_WRITE | (options.synced ? KESTA_SYNC_SYNCED : 0) | (options.req ? KESTA_SYNC_REQ : 0);
     check_flags(kestal_flag_of_sync_nonvolatile(rw, options.synced ? &*options.synced : nullptr,
-                                                options.req ? &*options.req : nullptr,
-                                                learn_own_number()),
+                                                options.req ? &*options.req : nullptr, learn_own_number()),
                 "The synchronisation flags were not written.");
 }
 
@@ -217,8 +208,8 @@ Result show_flags()
 {
     int synced = 0;
     int req = 0;
-    check_flags(kestal_flag_of_sync_nonvolatile(KESTA_SYNC_READ | KESTA_SYNC_SYNCED | KESTA_SYNC_REQ,
-                                                &synced, &req, learn_own_number()),
+    check_flags(kestal_flag_of_sync_nonvolatile(KESTA_SYNC_READ | KESTA_SYNC_SYNCED | KESTA_SYNC_REQ, &synced, &req,
+                                                learn_own_number()),
                 "The synchronisation flags could not be read.");
     Result result;
     result.text = "synced  " + std::to_string(synced) + "\nreq     " + std::to_string(req) + "\n";
@@ -233,7 +224,9 @@ Result flags(const FlagOptions &options, const Globals &globals)
     }
     require_writable();
     learn_own_number();
-    Step step{"set the synchronisation flags", {}, [options] { set_flags(options); }};
+    Step step{"set the synchronisation flags", {}, [options] {
+                  set_flags(options);
+              }};
     Plan plan;
     plan.shared = true;
     if (options.synced) {
@@ -290,8 +283,7 @@ public:
     TextFile() : fd_(memfd_create("dump", MFD_CLOEXEC))
     {
         if (fd_ < 0) {
-            throw Failure(Exit::platform, "no-file",
-                          std::string("No room for the dump: ") + strerror(errno) + ".",
+            throw Failure(Exit::platform, "no-file", std::string("No room for the dump: ") + strerror(errno) + ".",
                           "Dump to a file: --out FILE.");
         }
         path_ = "/proc/self/fd/" + std::to_string(fd_);
@@ -319,10 +311,9 @@ private:
 
 void dump_to(std::string path, const DumpOptions &options)
 {
-    const int result = options.region
-                           ? kestal_non_volatile_dumpout_assign(path.data(), *options.region,
-                                                                options.offset, options.size)
-                           : kestal_non_volatile_dumpout(path.data());
+    const int result =
+        options.region ? kestal_non_volatile_dumpout_assign(path.data(), *options.region, options.offset, options.size)
+                       : kestal_non_volatile_dumpout(path.data());
     if (result != KESTA_OK) {
         fail_call("dump-failed", "The dump could not be made.",
                   "Check that there is such a region, and that the file can be written; --trace 1 shows "
@@ -353,13 +344,11 @@ Result decode_image()
     result.text = "offset size block  name                 value\n";
     for (const Field &field : fields()) {
         const std::vector<char> bytes = bytes_of(field, image);
-        const std::string value = field.block.kind == BlockKind::bytes && all_zero(bytes)
-                                      ? "(zeros)"
-                                      : shown(decoded(field.block, bytes));
+        const std::string value =
+            field.block.kind == BlockKind::bytes && all_zero(bytes) ? "(zeros)" : shown(decoded(field.block, bytes));
         char line[96];
         snprintf(line, sizeof(line), "%6zu %4u %5s  %-20s ", field.offset, field.block.size,
-                 field.block.id == no_block ? "-" : std::to_string(field.block.id).c_str(),
-                 field.block.name.c_str());
+                 field.block.id == no_block ? "-" : std::to_string(field.block.id).c_str(), field.block.name.c_str());
         result.text += line + value + "\n";
         result.json["fields"].push_back(field_json(field, bytes));
     }
@@ -374,8 +363,7 @@ Result dump_bytes_as_json(const DumpOptions &options)
     result.json = {{"region", *options.region},
                    {"offset", options.offset},
                    {"size", options.size},
-                   {"bytes", hex(read_region(static_cast<unsigned>(*options.region), options.offset,
-                                             options.size))}};
+                   {"bytes", hex(read_region(static_cast<unsigned>(*options.region), options.offset, options.size))}};
     return result;
 }
 
@@ -429,21 +417,26 @@ void add_erasing(const Command &nv, Globals &globals, Action &action)
     add_lock_rule(init, globals);
     add_dry_run(init, globals);
     init.callback([&action, options] {
-        action = [options](const Globals &given) { return erase(*options, true, given); };
+        action = [options](const Globals &given) {
+            return erase(*options, true, given);
+        };
     });
-    add_examples(init, "  kestactl nv init --dry-run\n"
-                       "  kestactl nv init --yes");
+    add_examples(init,
+                 "  kestactl nv init --dry-run\n"
+                 "  kestactl nv init --yes");
 
-    const Command clear =
-        nv.add_subcommand("clear", "Clear the NV image, and keep its header and the flags");
+    const Command clear = nv.add_subcommand("clear", "Clear the NV image, and keep its header and the flags");
     clear.add_flag("--yes", options->yes, "Don't ask before something is lost");
     add_lock_rule(clear, globals);
     add_dry_run(clear, globals);
     clear.callback([&action, options] {
-        action = [options](const Globals &given) { return erase(*options, false, given); };
+        action = [options](const Globals &given) {
+            return erase(*options, false, given);
+        };
     });
-    add_examples(clear, "  kestactl nv clear --dry-run\n"
-                        "  kestactl nv clear --yes");
+    add_examples(clear,
+                 "  kestactl nv clear --dry-run\n"
+                 "  kestactl nv clear --yes");
 }
 
 void add_flags(const Command &nv, Globals &globals, Action &action)
@@ -459,38 +452,41 @@ void add_flags(const Command &nv, Globals &globals, Action &action)
     add_lock_rule(command, globals);
     add_dry_run(command, globals);
     command.callback([&action, options] {
-        action = [options](const Globals &given) { return flags(*options, given); };
+        action = [options](const Globals &given) {
+            return flags(*options, given);
+        };
     });
-    add_examples(command, "  kestactl nv flags\n"
-                          "  kestactl nv flags --synced 1 --req 0");
+    add_examples(command,
+                 "  kestactl nv flags\n"
+                 "  kestactl nv flags --synced 1 --req 0");
 }
 
 void add_sync(const Command &nv, Globals &globals, Action &action)
 {
-    const Command command = nv.add_subcommand(
-        "sync", "Rewrite NV memory as it is, so that the storage firmware passes it on");
+    const Command command =
+        nv.add_subcommand("sync", "Rewrite NV memory as it is, so that the storage firmware passes it on");
     add_lock_rule(command, globals);
     add_dry_run(command, globals);
-    command.callback(
-        [&action] { action = [](const Globals &given) { return carry_out(plan_sync(), given); }; });
-    add_examples(command, "  kestactl nv sync --dry-run\n"
-                          "  kestactl nv sync");
+    command.callback([&action] {
+        action = [](const Globals &given) {
+            return carry_out(plan_sync(), given);
+        };
+    });
+    add_examples(command,
+                 "  kestactl nv sync --dry-run\n"
+                 "  kestactl nv sync");
 }
 
 void add_dump(const Command &nv, Action &action)
 {
     auto options = std::make_shared<DumpOptions>();
     const Command command = nv.add_subcommand("dump", "Show the NV image in hexadecimal, or by its fields");
-    const Option decoded =
-        command.add_flag("--decoded", options->decoded, "Show every field by its name");
-    command.add_option("--out", options->file, "Write to this file instead")
-        .option_text("FILE")
-        .excludes(decoded);
-    const Option region =
-        command.add_option("--region", options->region, "Dump pages of this region instead")
-            .in_range(0, 255)
-            .option_text("N")
-            .excludes(decoded);
+    const Option decoded = command.add_flag("--decoded", options->decoded, "Show every field by its name");
+    command.add_option("--out", options->file, "Write to this file instead").option_text("FILE").excludes(decoded);
+    const Option region = command.add_option("--region", options->region, "Dump pages of this region instead")
+                              .in_range(0, 255)
+                              .option_text("N")
+                              .excludes(decoded);
     command.add_option("--offset", options->offset, "Where they begin")
         .in_range(0, nv_region_size - 1)
         .option_text("BYTES")
@@ -500,11 +496,14 @@ void add_dump(const Command &nv, Action &action)
         .option_text("BYTES")
         .needs(region);
     command.callback([&action, options] {
-        action = [options](const Globals &given) { return dump(*options, given); };
+        action = [options](const Globals &given) {
+            return dump(*options, given);
+        };
     });
-    add_examples(command, "  kestactl nv dump\n"
-                          "  kestactl nv dump --decoded\n"
-                          "  kestactl nv dump --region 2 --offset 600 --size 64");
+    add_examples(command,
+                 "  kestactl nv dump\n"
+                 "  kestactl nv dump --decoded\n"
+                 "  kestactl nv dump --region 2 --offset 600 --size 64");
 }
 
 }  // namespace

@@ -57,17 +57,15 @@ std::string describe_side(const MirrorState &state, Side side)
 std::string advice(const MirrorState &state)
 {
     if (!state.differ()) {
-        return state.valid(Side::memory)
-                   ? "Both places agree."
-                   : "Both places agree, but name no slots: set them with 'kestactl slot switch "
-                     "--backup " KESTA_SLOT0 " --accept " KESTA_SLOT1 "'.";
+        return state.valid(Side::memory) ? "Both places agree."
+                                         : "Both places agree, but name no slots: set them with 'kestactl slot switch "
+                                           "--backup " KESTA_SLOT0 " --accept " KESTA_SLOT1 "'.";
     }
     const bool memory = state.valid(Side::memory);
     const bool disk = state.valid(Side::disk);
     if (memory != disk) {
-        return std::string("Mend it with 'kestactl repair': it copies ") +
-               name_of(memory ? Side::memory : Side::disk) + " to " +
-               name_of(memory ? Side::disk : Side::memory) + ".";
+        return std::string("Mend it with 'kestactl repair': it copies ") + name_of(memory ? Side::memory : Side::disk) +
+               " to " + name_of(memory ? Side::disk : Side::memory) + ".";
     }
     if (memory && state.disk_lacks_only()) {
         return "The system backup area lacks items: 'kestactl repair' adds them from NV memory, and "
@@ -79,8 +77,8 @@ std::string advice(const MirrorState &state)
                     "command that names them.";
 }
 
-std::string table_row(const std::string &mark, const std::string &name, std::string memory,
-                      std::size_t width, const std::string &disk)
+std::string table_row(const std::string &mark, const std::string &name, std::string memory, std::size_t width,
+                      const std::string &disk)
 {
     char start[64];
     snprintf(start, sizeof(start), "%-2s  %-19s ", mark.c_str(), name.c_str());
@@ -100,8 +98,8 @@ Result verify()
     }
     result.text = table_row("", "item", "NV memory", width, "system backup area");
     for (const MirroredItem &item : state.items) {
-        result.text += table_row(item.differs() ? "!!" : "", item.block->name,
-                                 shown_at(item, Side::memory), width, shown_at(item, Side::disk));
+        result.text += table_row(item.differs() ? "!!" : "", item.block->name, shown_at(item, Side::memory), width,
+                                 shown_at(item, Side::disk));
         result.json["items"].push_back({{"block", item.block->id},
                                         {"name", item.block->name},
                                         {"memory", value_of(item, Side::memory)},
@@ -112,8 +110,8 @@ Result verify()
     result.json["disk_valid"] = state.valid(Side::disk);
     result.json["differ"] = state.differ();
     result.json["advice"] = advice(state);
-    result.text += describe_side(state, Side::memory) + "\n" + describe_side(state, Side::disk) +
-                   "\n" + advice(state) + "\n";
+    result.text +=
+        describe_side(state, Side::memory) + "\n" + describe_side(state, Side::disk) + "\n" + advice(state) + "\n";
     return result;
 }
 
@@ -131,31 +129,29 @@ Winner choose(const MirrorState &state, const RepairOptions &options)
     if (options.from) {
         const Side from = *options.from;
         if (!state.valid(from)) {
-            throw Failure(Exit::no, "not-valid",
-                          describe_side(state, from) + " Nothing is copied from it.",
-                          state.valid(other(from))
-                              ? "The other place is valid: leave out --from."
-                              : "'kestactl verify' tells by the archives which slot is which, and gives the command that "
-                                "names them.");
+            throw Failure(
+                Exit::no, "not-valid", describe_side(state, from) + " Nothing is copied from it.",
+                state.valid(other(from))
+                    ? "The other place is valid: leave out --from."
+                    : "'kestactl verify' tells by the archives which slot is which, and gives the command that "
+                      "names them.");
         }
         return {from, "you said so"};
     }
     if (memory != disk) {
-        return {memory ? Side::memory : Side::disk,
-                "it names both slots, and the other place does not"};
+        return {memory ? Side::memory : Side::disk, "it names both slots, and the other place does not"};
     }
     if (memory && state.disk_lacks_only()) {
         return {Side::memory, "the other place only lacks items that it holds"};
     }
     if (memory) {
-        throw Failure(Exit::no, "both-valid",
-                      "NV memory and the system backup area are both valid, and differ.",
+        throw Failure(Exit::no, "both-valid", "NV memory and the system backup area are both valid, and differ.",
                       "Say which one is right: look at 'kestactl repair --from memory --dry-run' and "
                       "'--from disk --dry-run', which show what would be lost.");
     }
-    throw Failure(Exit::no, "none-valid",
-                  "Neither NV memory nor the system backup area names a backup and an accept slot.",
-                  "'kestactl verify' tells by the archives which slot is which, and gives the command that names them.");
+    throw Failure(
+        Exit::no, "none-valid", "Neither NV memory nor the system backup area names a backup and an accept slot.",
+        "'kestactl verify' tells by the archives which slot is which, and gives the command that names them.");
 }
 
 // What a copy needs has to be readable before anything is overwritten.
@@ -164,8 +160,8 @@ void require_source(const std::vector<Replacement> &changes, Side from)
     for (const Replacement &change : changes) {
         if (change.value.empty()) {
             throw Failure(Exit::platform, "unreadable-item",
-                          "The item " + change.item->block->name + " can't be read from " +
-                              name_of(from) + ", which is to be copied.",
+                          "The item " + change.item->block->name + " can't be read from " + name_of(from) +
+                              ", which is to be copied.",
                           "Nothing was changed. Write that item by itself with 'kestactl nv write " +
                               change.item->block->name + " VALUE', then repair again.");
         }
@@ -206,8 +202,7 @@ void repair_under_lock(const MirrorState &planned, Side from)
 
 std::string place_of(const MirroredItem &item, Side side)
 {
-    const std::string what =
-        item.block->name + ": " + shown_at(item, side) + " -> " + shown_at(item, other(side));
+    const std::string what = item.block->name + ": " + shown_at(item, side) + " -> " + shown_at(item, other(side));
     return std::string(side == Side::memory ? "NV memory, " : "system backup area, ") + what;
 }
 
@@ -238,16 +233,16 @@ Plan plan_repair(const RepairOptions &options)
                  {"why", winner.why},
                  {"changes", Json::array()}};
     Step step;
-    step.what = std::string("copy ") + name_of(winner.side) + " to " + name_of(to) + " (" +
-                winner.why + ")";
+    step.what = std::string("copy ") + name_of(winner.side) + " to " + name_of(to) + " (" + winner.why + ")";
     for (const Replacement &change : changes) {
         plan.json["changes"].push_back(loss_json(change, to));
         step.writes.push_back(change.item->block->in_memory
                                   ? place_of(*change.item, to)
-                                  : "system backup area, " + change.item->block->name +
-                                        ": (unreadable) -> 0");
+                                  : "system backup area, " + change.item->block->name + ": (unreadable) -> 0");
     }
-    step.act = [state, from = winner.side] { repair_under_lock(state, from); };
+    step.act = [state, from = winner.side] {
+        repair_under_lock(state, from);
+    };
     plan.steps.push_back(step);
     return plan;
 }
@@ -273,30 +268,37 @@ Result repair(const RepairOptions &options, const Globals &globals)
 
 void add_nv_verify(const Command &nv, Action &action)
 {
-    const Command command = nv.add_subcommand(
-        "verify", "Hold the twelve mirrored items in NV memory and on disk against each other");
-    command.callback([&action] { action = [](const Globals &) { return verify(); }; });
-    add_examples(command, "  kestactl nv verify\n"
-                          "  kestactl nv verify --json");
+    const Command command =
+        nv.add_subcommand("verify", "Hold the twelve mirrored items in NV memory and on disk against each other");
+    command.callback([&action] {
+        action = [](const Globals &) {
+            return verify();
+        };
+    });
+    add_examples(command,
+                 "  kestactl nv verify\n"
+                 "  kestactl nv verify --json");
 }
 
 void add_repair(const Command &app, Globals &globals, Action &action)
 {
     auto options = std::make_shared<RepairOptions>();
-    const Command command = app.add_subcommand(
-        "repair", "Copy the mirrored items from the good one of NV memory and disk to the other");
+    const Command command =
+        app.add_subcommand("repair", "Copy the mirrored items from the good one of NV memory and disk to the other");
     command
-        .add_choice("--from", options->from, sides,
-                     "The place that is right; needed where both are valid, and differ")
+        .add_choice("--from", options->from, sides, "The place that is right; needed where both are valid, and differ")
         .option_text("memory|disk");
     add_lock_rule(command, globals);
     add_dry_run(command, globals);
     command.callback([&action, options] {
-        action = [options](const Globals &given) { return repair(*options, given); };
+        action = [options](const Globals &given) {
+            return repair(*options, given);
+        };
     });
-    add_examples(command, "  kestactl repair --dry-run\n"
-                          "  kestactl repair\n"
-                          "  kestactl repair --from disk");
+    add_examples(command,
+                 "  kestactl repair --dry-run\n"
+                 "  kestactl repair\n"
+                 "  kestactl repair --from disk");
 }
 
 }  // namespace kestactl

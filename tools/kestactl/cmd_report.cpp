@@ -62,8 +62,7 @@ std::string cell(const Json &value)
     if (value.is_null()) {
         return "&ndash;";
     }
-    return escaped(value.is_string() ? value.get<std::string>()
-                                     : dumped(value));
+    return escaped(value.is_string() ? value.get<std::string>() : dumped(value));
 }
 
 std::string row(const std::string &name, const std::string &value)
@@ -114,10 +113,7 @@ std::string now()
 
 // ---------------------------------------------------------------------------------------- the parts
 
-bool is_in_order(const Json &subject)
-{
-    return subject.at("state") == "agree" || subject.at("state") == "absent";
-}
+bool is_in_order(const Json &subject) { return subject.at("state") == "agree" || subject.at("state") == "absent"; }
 
 // As a shell takes it.
 std::string commands(const Json &mend)
@@ -134,9 +130,9 @@ std::string disagreements(const Json &verified)
     std::string html;
     for (const Json &subject : verified.at("subjects")) {
         if (!is_in_order(subject)) {
-            html += "<div class=\"mend\"><strong>" + cell(subject.at("subject")) + "</strong>: " +
-                    cell(subject.at("state")) + ". " + cell(subject.at("text")) + commands(subject.at("mend")) +
-                    "</div>\n";
+            html += "<div class=\"mend\"><strong>" + cell(subject.at("subject")) +
+                    "</strong>: " + cell(subject.at("state")) + ". " + cell(subject.at("text")) +
+                    commands(subject.at("mend")) + "</div>\n";
         }
     }
     return html;
@@ -170,8 +166,8 @@ std::string subjects_table(const Json &verified)
 std::string controller_table(const Json &status)
 {
     std::string html = "<table>\n";
-    for (const char *name : {"controller", "controllers", "boot_mode", "master", "backup_slot", "accept_slot",
-                             "group", "unfinished"}) {
+    for (const char *name :
+         {"controller", "controllers", "boot_mode", "master", "backup_slot", "accept_slot", "group", "unfinished"}) {
         html += row(name, cell(status.at(name)));
     }
     return html + "</table>\n";
@@ -201,10 +197,9 @@ std::string archives_table(const Json &status)
 {
     std::string html = "<table>\n";
     for (const Json &archive : status.at("archives")) {
-        const std::string what =
-            archive.at("state") == "ok"
-                ? archive.at("size").dump() + " bytes<br><code>" + cell(archive.at("sha256")) + "</code>"
-                : cell(archive.at("state"));
+        const std::string what = archive.at("state") == "ok" ? archive.at("size").dump() + " bytes<br><code>" +
+                                                                   cell(archive.at("sha256")) + "</code>"
+                                                             : cell(archive.at("state"));
         html += row(archive.at("place").get<std::string>() + ": " + archive.at("path").get<std::string>(), what);
     }
     return html + "</table>\n";
@@ -235,8 +230,9 @@ std::string image_map(const Json &image)
         }
         html += "\n";
     }
-    return html + "</div>\n<p class=\"key\"><i class=\"none one\"></i>zero, <i class=\"a set one\"></i><i "
-                  "class=\"b set one\"></i>set; each field in one of the two colours</p>\n";
+    return html +
+           "</div>\n<p class=\"key\"><i class=\"none one\"></i>zero, <i class=\"a set one\"></i><i "
+           "class=\"b set one\"></i>set; each field in one of the two colours</p>\n";
 }
 
 std::string image_fields(const Json &image)
@@ -256,24 +252,29 @@ std::string image_fields(const Json &image)
 
 std::string page(const Part &verified, const Part &status, const Part &versions, const Part &image)
 {
-    const bool agree = verified.exit() == Exit::done && status.exit() == Exit::done &&
-                       !versions.is_missing() && !image.is_missing();
+    const bool agree =
+        verified.exit() == Exit::done && status.exit() == Exit::done && !versions.is_missing() && !image.is_missing();
     const std::string name = status.is_missing() ? "" : "CNT" + cell(status.json().at("controller"));
-    const std::string verdict = agree                   ? "All places agree."
-                                : verified.is_missing() ? "It can't be told whether the places agree."
-                                : verified.exit() == Exit::done
-                                    ? "The places agree, but some answers are missing."
-                                    : "Some places do not agree.";
+    const std::string verdict = agree                           ? "All places agree."
+                                : verified.is_missing()         ? "It can't be told whether the places agree."
+                                : verified.exit() == Exit::done ? "The places agree, but some answers are missing."
+                                                                : "Some places do not agree.";
     return "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n"
            "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
-           "<title>" + name + ": saved environments</title>\n<style>" + style + "</style></head><body>\n"
-           "<h1>Saved environments of " + name + "</h1><p>As of " + now() + ", kestactl " KESTA_VERSION "</p>\n"
-           "<p class=\"verdict " + (agree ? "good" : "bad") + "\">" + verdict + "</p>\n" +
+           "<title>" +
+           name + ": saved environments</title>\n<style>" + style +
+           "</style></head><body>\n"
+           "<h1>Saved environments of " +
+           name + "</h1><p>As of " + now() +
+           ", kestactl " KESTA_VERSION
+           "</p>\n"
+           "<p class=\"verdict " +
+           (agree ? "good" : "bad") + "\">" + verdict + "</p>\n" +
            (verified.is_missing() ? "" : disagreements(verified.json())) +
            verified.section_of("What was compared", subjects_table) +
-           status.section_of("This controller", controller_table) +
-           versions.section_of("Versions", versions_table) + status.section_of("Locks", locks_table) +
-           status.section_of("Archives", archives_table) + image.section_of("Map of the NV image", image_map) +
+           status.section_of("This controller", controller_table) + versions.section_of("Versions", versions_table) +
+           status.section_of("Locks", locks_table) + status.section_of("Archives", archives_table) +
+           image.section_of("Map of the NV image", image_map) +
            image.section_of("What the NV image holds", image_fields) + "</body></html>\n";
 }
 
@@ -305,12 +306,18 @@ Result report(const std::string &file)
 void add_report(const Command &app, Action &action)
 {
     auto file = std::make_shared<std::string>();
-    const Command command = app.add_subcommand(
-        "report", "Write what verify, status, version show and nv dump find to one page for a browser");
+    const Command command =
+        app.add_subcommand("report",
+                           "Write what verify, status, version show and nv dump find to one page for a browser");
     command.add_option("FILE", *file, "The page, e.g. report.html").required();
-    command.callback([&action, file] { action = [file](const Globals &) { return report(*file); }; });
-    add_examples(command, "  kestactl report /tmp/report.html\n"
-                          "  kestactl --json report report.html");
+    command.callback([&action, file] {
+        action = [file](const Globals &) {
+            return report(*file);
+        };
+    });
+    add_examples(command,
+                 "  kestactl report /tmp/report.html\n"
+                 "  kestactl --json report report.html");
 }
 
 }  // namespace kestactl

@@ -13,12 +13,12 @@
 #include "archive_places.h"
 #include "command.h"
 #include "environment_archive.h"
-#include "leftovers.h"
 #include "kept_generations.h"
+#include "leftovers.h"
 #include "names.h"
-#include "whole_file.h"
 #include "restore_files.h"
 #include "trace_capture.h"
+#include "whole_file.h"
 
 namespace kestactl {
 namespace {
@@ -41,17 +41,13 @@ struct RestoreOptions {
     bool skip_flashcopy = false;
 
     // One of the flow's own options asks for it.
-    bool asks_for_flow() const
-    {
-        return script || distribution != 0 || switch_only || no_switch || skip_flashcopy;
-    }
+    bool asks_for_flow() const { return script || distribution != 0 || switch_only || no_switch || skip_flashcopy; }
     RestoreScript kind() const { return script.value_or(RestoreScript::update); }
 };
 
-const std::map<std::string, RestoreScript> restore_scripts{
-    {"update", RestoreScript::update},
-    {"reboot", RestoreScript::reboot},
-    {"none", RestoreScript::none}};
+const std::map<std::string, RestoreScript> restore_scripts{{"update", RestoreScript::update},
+                                                           {"reboot", RestoreScript::reboot},
+                                                           {"none", RestoreScript::none}};
 
 struct Planned {
     std::string slot;    // empty: no switch stage
@@ -68,8 +64,7 @@ std::string script_path(const RestoreOptions &options, const Planned &planned)
     }
     const std::string kind = options.kind() == RestoreScript::update ? "ud" : "rb";
     const std::string side = planned.area_flag == no_switch_accept_side ? "ap" : "bk";
-    const std::string number =
-        options.distribution == 0 ? "" : std::to_string(options.distribution);
+    const std::string number = options.distribution == 0 ? "" : std::to_string(options.distribution);
     return "/etc/kesta_sys/" + options.group + "/env_restore1_" + kind + side + number + "_scr.sh";
 }
 
@@ -78,8 +73,7 @@ Planned resolve(const RestoreOptions &options)
 {
     Planned planned;
     if (options.no_switch) {
-        planned.area_flag =
-            options.from == "accept" ? no_switch_accept_side : no_switch_backup_side;
+        planned.area_flag = options.from == "accept" ? no_switch_accept_side : no_switch_backup_side;
     } else {
         planned.area_flag = switch_given_slot;
         planned.slot = options.from == "backup"   ? require_slot(backup_slot(), "backup")
@@ -87,8 +81,7 @@ Planned resolve(const RestoreOptions &options)
                                                   : options.from;
     }
     planned.script = script_path(options, planned);
-    planned.copies_accept =
-        !options.switch_only && options.kind() == RestoreScript::update && !options.skip_flashcopy;
+    planned.copies_accept = !options.switch_only && options.kind() == RestoreScript::update && !options.skip_flashcopy;
     return planned;
 }
 
@@ -98,14 +91,12 @@ void check_options(const RestoreOptions &options)
     if (options.from != "backup" && options.from != "accept") {
         check_slot(options.from);
         if (options.no_switch) {
-            throw Failure(Exit::usage, "bad-from",
-                          "--no-switch takes no slot: it restores what is on flash.",
+            throw Failure(Exit::usage, "bad-from", "--no-switch takes no slot: it restores what is on flash.",
                           "Use --from backup or --from accept to choose the side of the script.");
         }
     }
     if (options.no_switch && options.switch_only) {
-        throw Failure(Exit::usage, "nothing-to-do",
-                      "--no-switch and --switch-only together leave nothing to do.",
+        throw Failure(Exit::usage, "nothing-to-do", "--no-switch and --switch-only together leave nothing to do.",
                       "Leave one of them out.");
     }
 }
@@ -116,8 +107,8 @@ std::uint64_t require_whole_slot(const std::string &slot)
     const ArchiveEvidence evidence = evidence_of_slot(slot);
     if (evidence.state == CopyState::damaged) {
         throw Failure(Exit::no, "damaged-archive",
-                      "Slot " + slot + " holds a damaged archive, and it is not brought to flash: " +
-                          evidence.reason + ".",
+                      "Slot " + slot + " holds a damaged archive, and it is not brought to flash: " + evidence.reason +
+                          ".",
                       "Restore another slot with --from, or save again: 'kestactl verify' shows which place has a "
                       "whole one.");
     }
@@ -197,8 +188,7 @@ void explain(int result, const Planned &planned)
         fail_call("switch-failed", "The slot was not brought to flash; no script was run.",
                   "Check the space and the mode of /opt/kesta_sys/bakup/, and --trace 1.");
     case KESTA_RESTORE_READ_FAILED:
-        fail_call("slot-unreadable",
-                  "Slot " + planned.slot + " can't be read; flash is as it was, no script was run.",
+        fail_call("slot-unreadable", "Slot " + planned.slot + " can't be read; flash is as it was, no script was run.",
                   "Check the system backup area, or restore another slot with --from.");
     case KESTA_RESTORE_SCRIPT_FAILED:
         fail_call("script-failed",
@@ -206,8 +196,7 @@ void explain(int result, const Planned &planned)
                       " failed; flash has the new environment, the running one may be incomplete.",
                   "Run the script by hand to see what it says, then restore again with --no-switch.");
     default:
-        fail_call("restore-failed",
-                  "The restore failed with result " + std::to_string(result) + ".",
+        fail_call("restore-failed", "The restore failed with result " + std::to_string(result) + ".",
                   "Look at --trace 1.");
     }
     // The flow calls it success, and leaves the script out. Of its commands only this one's failure ends so.
@@ -229,9 +218,9 @@ void restore(const RestoreOptions &options, const Planned &planned)
         remove_quietly(unfinished_flash_copy);  // the flow writes into what is there, and keeps a longer tail
     }
     kesta_clear_cause();
-    explain(kestal_sysback2current(options.group.c_str(), options.switch_only ? switch_only_flag : 0,
-                                   planned.area_flag, static_cast<int>(options.kind()),
-                                   options.distribution, name.data(), options.skip_flashcopy),
+    explain(kestal_sysback2current(options.group.c_str(), options.switch_only ? switch_only_flag : 0, planned.area_flag,
+                                   static_cast<int>(options.kind()), options.distribution, name.data(),
+                                   options.skip_flashcopy),
             planned);
 }
 
@@ -246,8 +235,9 @@ Plan plan_restore(const RestoreOptions &options)
     plan.json = {{"group", options.group}, {"slot", planned.slot}, {"script", planned.script}};
     plan.verb = "restore";
     plan.replaces = archives_replaced(planned);
-    plan.steps.push_back({describe(planned), places_written(planned),
-                          [options, planned] { restore(options, planned); }});
+    plan.steps.push_back({describe(planned), places_written(planned), [options, planned] {
+                              restore(options, planned);
+                          }});
     return plan;
 }
 
@@ -279,36 +269,42 @@ void add_restore(const Command &app, Globals &globals, Action &action)
 {
     auto options = std::make_shared<RestoreOptions>();
     auto files = std::make_shared<RestoreFilesOptions>();
-    const Command command = app.add_subcommand(
-        "restore", "Bring a saved environment back to this controller: the files of the group's definition, "
-                   "or with --script by one of the group's own scripts");
+    const Command command =
+        app.add_subcommand("restore",
+                           "Bring a saved environment back to this controller: the files of the group's definition, "
+                           "or with --script by one of the group's own scripts");
     command.add_option("GROUP", options->group, "Group name").required();
     command.add_option("--from", options->from, "backup, accept, or a slot by its name");
     command.add_option("--only", files->only, "Restore this path of the group, or below one, and no more");
     command.add_flag("--on-reboot", files->on_reboot,
-                      "For the next reboot: re-post-scripts instead of post-scripts, and the reboot version");
+                     "For the next reboot: re-post-scripts instead of post-scripts, and the reboot version");
     add_wait_option(command, files->work);
     add_script_options(command, files->work);
-    command.add_choice("--script", options->script, restore_scripts, "Which of the group's own scripts: update, reboot or none")
+    command
+        .add_choice("--script", options->script, restore_scripts,
+                    "Which of the group's own scripts: update, reboot or none")
         .option_text("update|reboot|none")
         .group("The group's own scripts");
-    command.add_option("--distribution", options->distribution,
-                        "Number that becomes part of the script's name, 0 for none")
+    command
+        .add_option("--distribution", options->distribution,
+                    "Number that becomes part of the script's name, 0 for none")
         .group("The group's own scripts");
     command.add_flag("--switch-only", options->switch_only, "Bring the slot to flash, no more")
         .group("The group's own scripts");
     command.add_flag("--no-switch", options->no_switch, "Restore what is on flash already")
         .group("The group's own scripts");
-    command.add_flag("--skip-flashcopy", options->skip_flashcopy,
-                      "Don't copy flash accept.tar.Z to the merge cache before an update script")
+    command
+        .add_flag("--skip-flashcopy", options->skip_flashcopy,
+                  "Don't copy flash accept.tar.Z to the merge cache before an update script")
         .group("The group's own scripts");
     add_keep_options(command, globals);
     add_dry_run(command, globals);
-    add_examples(command, "  kestactl restore network --dry-run\n"
-                          "  kestactl restore network --only /etc/hosts\n"
-                          "  kestactl restore network --from accept --on-reboot\n"
-                          "  kestactl restore network --from kesta_backup1 --switch-only\n"
-                          "  kestactl restore network --script update --skip-flashcopy");
+    add_examples(command,
+                 "  kestactl restore network --dry-run\n"
+                 "  kestactl restore network --only /etc/hosts\n"
+                 "  kestactl restore network --from accept --on-reboot\n"
+                 "  kestactl restore network --from kesta_backup1 --switch-only\n"
+                 "  kestactl restore network --script update --skip-flashcopy");
     command.callback([&action, options, files] {
         action = [options, files](const Globals &given) {
             return restore_by(*options, *files, given);

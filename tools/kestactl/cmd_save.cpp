@@ -31,8 +31,7 @@ struct SaveOptions {
 void require_same(const std::string &slot, const std::string &path)
 {
     if (!same_contents(read_slot(slot), contents_of_path(path))) {
-        throw Failure(Exit::platform, "slot-differs",
-                      "Slot " + slot + " does not hold what was written to it.",
+        throw Failure(Exit::platform, "slot-differs", "Slot " + slot + " does not hold what was written to it.",
                       "Check the disk of the system backup area, then run the command again.");
     }
 }
@@ -78,18 +77,15 @@ void add_mirror_step(Plan &plan, Work &work)
     const MirrorState mirror = read_mirror();
     const bool same_slots = !mirror.items[0].differs() && !mirror.items[1].differs();
     if (!mirror.valid(Side::memory) || !same_slots) {
-        throw Failure(Exit::no, "places-differ",
-                      "NV memory and the system backup area do not name the same slots.",
+        throw Failure(Exit::no, "places-differ", "NV memory and the system backup area do not name the same slots.",
                       "Nothing was changed. Look at 'kestactl nv verify', and mend it with 'kestactl "
                       "repair'.");
     }
-    const bool lacks = std::any_of(mirror.items.begin(), mirror.items.end(),
-                                   [](const MirroredItem &item) { return !item.disk; });
+    const bool lacks =
+        std::any_of(mirror.items.begin(), mirror.items.end(), [](const MirroredItem &item) { return !item.disk; });
     if (lacks) {
-        plan.steps.push_back(
-            publishing(work, "add what the system backup area lacks of the mirrored items",
-                       {"system backup area: the missing ones of its twelve items"},
-                       complete_mirror));
+        plan.steps.push_back(publishing(work, "add what the system backup area lacks of the mirrored items",
+                                        {"system backup area: the missing ones of its twelve items"}, complete_mirror));
     }
 }
 
@@ -119,32 +115,31 @@ Plan plan_save(const SaveOptions &options, Work &work)
     add_script_steps(plan, work, before, options.work.scripts);
     plan.kept = std::make_shared<KeepReport>();
     // After the scripts: they may have made the files.
-    plan.steps.push_back(guarded(
-        work, "archive " + std::to_string(files.size()) + " files, and test the archive",
-        {unfinished_archive},
-        [definition, &work, kept = plan.kept, changed = !before.empty()] {
-            if (changed) {
-                (void)collect(*definition);  // what it refuses is told before anything is written
-            }
-            with_room_on_flash(*kept, [&] {
-                make_archive(*definition, unfinished_archive, [&work] {
-                    stop_if_asked(work);
-                    tell_growth(unfinished_archive);
-                });
-            });
-        }));
-    add_keep_step(plan, work, {{flash_backup, Replacing::by_rename}, {place_of_slot(slot), Replacing::in_place}}, "save");
+    plan.steps.push_back(
+        guarded(work, "archive " + std::to_string(files.size()) + " files, and test the archive", {unfinished_archive},
+                [definition, &work, kept = plan.kept, changed = !before.empty()] {
+                    if (changed) {
+                        (void)collect(*definition);  // what it refuses is told before anything is written
+                    }
+                    with_room_on_flash(*kept, [&] {
+                        make_archive(*definition, unfinished_archive, [&work] {
+                            stop_if_asked(work);
+                            tell_growth(unfinished_archive);
+                        });
+                    });
+                }));
+    add_keep_step(plan, work, {{flash_backup, Replacing::by_rename}, {place_of_slot(slot), Replacing::in_place}},
+                  "save");
     plan.steps.push_back(publishing(work, "hand out the next version", {"version area numbering"},
                                     [&work] { work.version = hand_out_version(learn_own_number()); }));
-    plan.steps.push_back(publishing(work, "put the archive to flash", {flash_backup},
-                                    [&options, &work, kept = plan.kept] {
-                                        note_what_is_saved(options, work, *kept);
-                                        publish_file(unfinished_archive, flash_backup);
-                                    }));
+    plan.steps.push_back(
+        publishing(work, "put the archive to flash", {flash_backup}, [&options, &work, kept = plan.kept] {
+            note_what_is_saved(options, work, *kept);
+            publish_file(unfinished_archive, flash_backup);
+        }));
     plan.steps.back().measured = unfinished_archive;
     plan.steps.push_back(publishing(work, "store it in slot " + slot + ", and read it back",
-                                    {"system backup area: " + slot},
-                                    [slot] { store_in_slot(slot); }));
+                                    {"system backup area: " + slot}, [slot] { store_in_slot(slot); }));
     plan.steps.back().measured = flash_backup;
     plan.steps.push_back(publishing(work, "record the version",
                                     {"version areas backup and current", "/etc/kesta_sys/version"},
@@ -164,8 +159,7 @@ Result save(const SaveOptions &options, const Globals &globals)
         },
         globals);
     if (!globals.dry_run) {
-        result.text += "Saved " + options.group + " as version " +
-                       result.json["version"].dump() + ".\n";
+        result.text += "Saved " + options.group + " as version " + result.json["version"].dump() + ".\n";
     }
     return result;
 }
@@ -177,8 +171,7 @@ void require_whole_archive(const std::string &path, const Work &work)
     require_file(path, "Save the environment first: kestactl save GROUP.");
     const ArchiveEvidence evidence = evidence_of_file(path, [&work] { stop_if_asked(work); });
     if (evidence.state == CopyState::damaged) {
-        throw Failure(Exit::no, "damaged-archive",
-                      path + " is damaged, and is not accepted: " + evidence.reason + ".",
+        throw Failure(Exit::no, "damaged-archive", path + " is damaged, and is not accepted: " + evidence.reason + ".",
                       "Save the environment again, or bring a good copy to flash with 'kestactl "
                       "restore GROUP --switch-only'.");
     }
@@ -221,28 +214,24 @@ Plan plan_accept(Work &work)
                    {flash_accept, Replacing::by_rename},
                    {merge_backup, Replacing::by_rename}},
                   "accept");
-    plan.steps.push_back(guarded(work, "bring the saved environment to the merge cache",
-                                 {merge_backup},
+    plan.steps.push_back(guarded(work, "bring the saved environment to the merge cache", {merge_backup},
                                  [] { copy_file_whole(flash_backup, merge_backup); }));
     plan.steps.back().measured = flash_backup;
     plan.steps.push_back(publishing(work, "store it in slot " + slot + ", and read it back",
-                                    {"system backup area: " + slot},
-                                    [slot] { store_as_accepted(slot); }));
+                                    {"system backup area: " + slot}, [slot] { store_as_accepted(slot); }));
     plan.steps.back().measured = merge_backup;
-    plan.steps.push_back(publishing(work, "put it to flash as the accepted one", {flash_accept},
-                                    [kept = plan.kept] {
-                                        with_room_on_flash(*kept,
-                                                           [] { copy_file_whole(merge_backup, flash_accept); });
-                                    }));
-    plan.steps.push_back(publishing(work, "record the version", {"version area accept"},
-                                    [&work] { accept_version(work); }));
+    plan.steps.push_back(publishing(work, "put it to flash as the accepted one", {flash_accept}, [kept = plan.kept] {
+        with_room_on_flash(*kept, [] { copy_file_whole(merge_backup, flash_accept); });
+    }));
+    plan.steps.push_back(
+        publishing(work, "record the version", {"version area accept"}, [&work] { accept_version(work); }));
     return plan;
 }
 
 Result accept(const SaveOptions &options, const Globals &globals)
 {
-    Result result = carry_out_locked({KESTA_LOCK_TYPE1, "", options.work.wait}, plan_accept,
-                                     [](Work &) {}, globals);
+    Result result = carry_out_locked(
+        {KESTA_LOCK_TYPE1, "", options.work.wait}, plan_accept, [](Work &) {}, globals);
     if (!globals.dry_run) {
         result.text += "Accepted version " + result.json["version"].dump() + ".\n";
     }
@@ -254,34 +243,39 @@ Result accept(const SaveOptions &options, const Globals &globals)
 void add_save(const Command &app, Globals &globals, Action &action)
 {
     auto options = std::make_shared<SaveOptions>();
-    const Command command = app.add_subcommand(
-        "save", "Save a group's files: archive, version, flash copy and backup slot");
+    const Command command =
+        app.add_subcommand("save", "Save a group's files: archive, version, flash copy and backup slot");
     command.add_option("GROUP", options->group, "Group name").required();
     add_wait_option(command, options->work);
     add_script_options(command, options->work);
     add_keep_options(command, globals);
     add_dry_run(command, globals);
     command.callback([&action, options] {
-        action = [options](const Globals &given) { return save(*options, given); };
+        action = [options](const Globals &given) {
+            return save(*options, given);
+        };
     });
-    add_examples(command, "  kestactl save network --dry-run\n"
-                          "  kestactl save network --wait 60 --event nightly\n"
-                          "  kestactl save network --comment 'before the new firmware'");
+    add_examples(command,
+                 "  kestactl save network --dry-run\n"
+                 "  kestactl save network --wait 60 --event nightly\n"
+                 "  kestactl save network --comment 'before the new firmware'");
 }
 
 void add_accept(const Command &app, Globals &globals, Action &action)
 {
     auto options = std::make_shared<SaveOptions>();
-    const Command command =
-        app.add_subcommand("accept", "Make the saved environment on flash the accepted one");
+    const Command command = app.add_subcommand("accept", "Make the saved environment on flash the accepted one");
     add_wait_option(command, options->work);
     add_keep_options(command, globals);
     add_dry_run(command, globals);
     command.callback([&action, options] {
-        action = [options](const Globals &given) { return accept(*options, given); };
+        action = [options](const Globals &given) {
+            return accept(*options, given);
+        };
     });
-    add_examples(command, "  kestactl accept --dry-run\n"
-                          "  kestactl accept");
+    add_examples(command,
+                 "  kestactl accept --dry-run\n"
+                 "  kestactl accept");
 }
 
 }  // namespace kestactl

@@ -20,8 +20,7 @@ struct ScriptOptions {
 void check_file(const std::string &path)
 {
     const bool plain = std::all_of(path.begin(), path.end(), [](unsigned char c) {
-        return isalnum(c) || c >= 0x80 || std::string("_./+,:@%=-").find(static_cast<char>(c)) !=
-                                              std::string::npos;
+        return isalnum(c) || c >= 0x80 || std::string("_./+,:@%=-").find(static_cast<char>(c)) != std::string::npos;
     });
     if (path.empty() || path[0] != '/' || !plain) {
         throw Failure(Exit::usage, "bad-path", "'" + path + "' can't be sent.",
@@ -33,14 +32,12 @@ int other_controller(const std::string &name)
 {
     const int controller = parse_controller(name);
     if (controller == learn_own_number()) {
-        throw Failure(Exit::usage, "own-controller", name + " is this controller.",
-                      "Name another one.");
+        throw Failure(Exit::usage, "own-controller", name + " is this controller.", "Name another one.");
     }
     return controller;
 }
 
-Plan plan_script(const std::string &what, const std::string &path, int controller,
-                 const std::function<int()> &make)
+Plan plan_script(const std::string &what, const std::string &path, int controller, const std::function<int()> &make)
 {
     Plan plan;
     plan.json = {{"controller", controller}, {"script", path}};
@@ -73,23 +70,17 @@ Result samefiles(const ScriptOptions &options, const Globals &globals)
         names.push_back(file.data());
     }
     const int last = static_cast<int>(names.size()) - 1;
-    return finish(plan_script("brings " + joined(options.files) + " to CNT" +
-                                  std::to_string(controller),
+    return finish(plan_script("brings " + joined(options.files) + " to CNT" + std::to_string(controller),
                               KESTA_SAMEFILE_SCRIPT, controller,
-                              [&] {
-                                  return kestal_make_rsh_samefilename_script(controller,
-                                                                             names.data(), last);
-                              }),
+                              [&] { return kestal_make_rsh_samefilename_script(controller, names.data(), last); }),
                   KESTA_SAMEFILE_SCRIPT, globals);
 }
 
 Result tarz(const ScriptOptions &options, const Globals &globals)
 {
     const int controller = other_controller(options.controller);
-    return finish(plan_script("copies accept.tar.Z over backup.tar.Z on CNT" +
-                                  std::to_string(controller),
-                              KESTA_TARZ_SCRIPT, controller,
-                              [=] { return kestal_make_rsh_tarz_script(controller); }),
+    return finish(plan_script("copies accept.tar.Z over backup.tar.Z on CNT" + std::to_string(controller),
+                              KESTA_TARZ_SCRIPT, controller, [=] { return kestal_make_rsh_tarz_script(controller); }),
                   KESTA_TARZ_SCRIPT, globals);
 }
 
@@ -97,18 +88,18 @@ Result tarz(const ScriptOptions &options, const Globals &globals)
 
 void add_script(const Command &app, Globals &globals, Action &action)
 {
-    const Command script =
-        app.add_subcommand("script", "Write scripts that change files on another controller");
+    const Command script = app.add_subcommand("script", "Write scripts that change files on another controller");
     script.require_subcommand();
     auto options = std::make_shared<ScriptOptions>();
 
-    Command command = script.add_subcommand(
-        "samefiles", "Files of this controller to the same paths of another");
+    Command command = script.add_subcommand("samefiles", "Files of this controller to the same paths of another");
     command.add_option("CONTROLLER", options->controller, "CNT0 to CNT3").required();
     command.add_option("FILE", options->files, "Absolute paths").required();
     add_dry_run(command, globals);
     command.callback([&action, options] {
-        action = [options](const Globals &given) { return samefiles(*options, given); };
+        action = [options](const Globals &given) {
+            return samefiles(*options, given);
+        };
     });
     add_examples(command, "  kestactl script samefiles CNT1 /etc/hosts /etc/resolv.conf");
 
@@ -116,11 +107,14 @@ void add_script(const Command &app, Globals &globals, Action &action)
     command.add_option("CONTROLLER", options->controller, "CNT0 to CNT3").required();
     add_dry_run(command, globals);
     command.callback([&action, options] {
-        action = [options](const Globals &given) { return tarz(*options, given); };
+        action = [options](const Globals &given) {
+            return tarz(*options, given);
+        };
     });
     add_examples(command, "  kestactl script tarz CNT1 --dry-run");
-    add_examples(script, "  kestactl script samefiles CNT1 /etc/hosts /etc/resolv.conf\n"
-                         "  kestactl script tarz CNT2 --dry-run");
+    add_examples(script,
+                 "  kestactl script samefiles CNT1 /etc/hosts /etc/resolv.conf\n"
+                 "  kestactl script tarz CNT2 --dry-run");
 }
 
 }  // namespace kestactl

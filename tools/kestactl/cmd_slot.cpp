@@ -28,8 +28,9 @@ Result show()
     result.exit = good ? Exit::done : Exit::no;
     result.text = "backup  " + or_nothing(backup) + "\naccept  " + or_nothing(accept) + "\n";
     if (!good) {
-        result.text += "These are not two different slots: 'kestactl verify' tells by the archives which slot is "
-                       "which, and gives the command that names them.\n";
+        result.text +=
+            "These are not two different slots: 'kestactl verify' tells by the archives which slot is "
+            "which, and gives the command that names them.\n";
     }
     result.json = {{"backup", backup}, {"accept", accept}, {"valid", good}};
     return result;
@@ -111,12 +112,14 @@ Plan plan_switch(SwitchOptions options)
     Plan plan;
     plan.shared = true;
     plan.json = {{"backup", options.backup}, {"accept", options.accept}};
-    plan.steps.push_back({"make " + options.accept + " the accept slot",
-                          writes("kesta_sysacpt", KESTA_BLOCK_ACCEPT_NAME),
-                          [options] { change(options.accept, options.backup, KESTA_OFF); }});
-    plan.steps.push_back({"make " + options.backup + " the backup slot",
-                          writes("kesta_sysback", KESTA_BLOCK_BACKUP_NAME),
-                          [options] { change(options.accept, options.backup, KESTA_ON); }});
+    plan.steps.push_back(
+        {"make " + options.accept + " the accept slot", writes("kesta_sysacpt", KESTA_BLOCK_ACCEPT_NAME), [options] {
+             change(options.accept, options.backup, KESTA_OFF);
+         }});
+    plan.steps.push_back(
+        {"make " + options.backup + " the backup slot", writes("kesta_sysback", KESTA_BLOCK_BACKUP_NAME), [options] {
+             change(options.accept, options.backup, KESTA_ON);
+         }});
     return plan;
 }
 
@@ -129,24 +132,30 @@ void add_slot(const Command &app, Globals &globals, Action &action)
 
     const Command show_command =
         slot.add_subcommand("show", "Show which slot is the backup and which the accepted one");
-    show_command.callback([&action] { action = [](const Globals &) { return show(); }; });
+    show_command.callback([&action] {
+        action = [](const Globals &) {
+            return show();
+        };
+    });
     add_examples(show_command, "  kestactl slot show");
 
     auto options = std::make_shared<SwitchOptions>();
-    const Command change_command =
-        slot.add_subcommand("switch", "Let the slots change places, or set them by name");
+    const Command change_command = slot.add_subcommand("switch", "Let the slots change places, or set them by name");
     change_command.add_option("--backup", options->backup, "The new backup slot");
     change_command.add_option("--accept", options->accept, "The new accept slot");
     change_command.add_flag("--memory-only", options->memory_only,
-                             "Write NV memory alone, e.g. while the system backup area is gone");
+                            "Write NV memory alone, e.g. while the system backup area is gone");
     add_lock_rule(change_command, globals);
     add_dry_run(change_command, globals);
     change_command.callback([&action, options] {
-        action = [options](const Globals &given) { return carry_out(plan_switch(*options), given); };
+        action = [options](const Globals &given) {
+            return carry_out(plan_switch(*options), given);
+        };
     });
-    const std::string examples = "  kestactl slot switch --dry-run\n"
-                                 "  kestactl slot switch --backup kesta_backup0 --accept "
-                                 "kesta_backup1";
+    const std::string examples =
+        "  kestactl slot switch --dry-run\n"
+        "  kestactl slot switch --backup kesta_backup0 --accept "
+        "kesta_backup1";
     add_examples(change_command, examples);
     add_examples(slot, "  kestactl slot show\n" + examples);
 }

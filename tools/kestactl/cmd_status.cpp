@@ -87,7 +87,10 @@ ShownArchive look_at_slot(const char *slot)
     const ArchiveEvidence evidence = evidence_of_slot(slot);
     const bool was_read = !evidence.sha256.empty();
     return {"system backup area", slot,
-            was_read ? "ok" : evidence.absent() ? "none" : "unreadable", evidence.bytes, evidence.sha256};
+            was_read            ? "ok"
+            : evidence.absent() ? "none"
+                                : "unreadable",
+            evidence.bytes, evidence.sha256};
 }
 
 Json number_or_null(int number) { return number >= 0 ? Json(number) : Json(nullptr); }
@@ -190,8 +193,8 @@ std::string describe_versions(const Json &versions)
     if (versions.is_null()) {
         return "unknown";
     }
-    return "this controller " + versions["current"].dump() + ", backup " + versions["backup"].dump() +
-           ", accepted " + versions["accept"].dump();
+    return "this controller " + versions["current"].dump() + ", backup " + versions["backup"].dump() + ", accepted " +
+           versions["accept"].dump();
 }
 
 // A command that was cut short.
@@ -227,9 +230,8 @@ std::string describe_locks(const Json &locks)
     }
     std::string text;
     for (const Json &lock : locks) {
-        text += (text.empty() ? "CNT" : ", CNT") + lock["controller"].dump() + " (" +
-                lock["type"].get<std::string>() + ", identifier " +
-                lock["identifier"].get<std::string>() + ")";
+        text += (text.empty() ? "CNT" : ", CNT") + lock["controller"].dump() + " (" + lock["type"].get<std::string>() +
+                ", identifier " + lock["identifier"].get<std::string>() + ")";
     }
     return text.empty() ? "free" : "held by " + text + ": see 'kestactl lock check'";
 }
@@ -239,9 +241,8 @@ void add_archive(Result &result, const ShownArchive &archive)
     char line[256];
     snprintf(line, sizeof(line), "  %-18s  %-38s  ", archive.place.c_str(), archive.path.c_str());
     result.text += line;
-    result.text += archive.state == "ok"
-                       ? std::to_string(archive.size) + " bytes  " + archive.sha256.substr(0, 16)
-                       : archive.state;
+    result.text += archive.state == "ok" ? std::to_string(archive.size) + " bytes  " + archive.sha256.substr(0, 16)
+                                         : archive.state;
     result.text += "\n";
     Json json{{"place", archive.place}, {"path", archive.path}, {"state", archive.state}};
     if (archive.state == "ok") {
@@ -277,30 +278,27 @@ Result show_status(bool checksums)
     Result result;
     Json &json = result.json;
     json["controller"] = answers.ask([&] { return number_or_null(own); });
-    json["controllers"] = answers.ask([] {
-        return number_or_null(kestal_execute_command_by_popen(KESTA_CPINFO_CONTROLLER_COUNT));
-    });
+    json["controllers"] =
+        answers.ask([] { return number_or_null(kestal_execute_command_by_popen(KESTA_CPINFO_CONTROLLER_COUNT)); });
     json["boot_mode"] = answers.ask(boot_mode);
     json["master"] = answers.ask(master);
     json["backup_slot"] = answers.ask([] { return Json(backup_slot()); });
     json["accept_slot"] = answers.ask([] { return Json(accept_slot()); });
-    json["group"] = answers.ask(
-        [] { return Json(plain_text(field_text(read_block(find_block("group"), From::memory).bytes))); });
+    json["group"] =
+        answers.ask([] { return Json(plain_text(field_text(read_block(find_block("group"), From::memory).bytes))); });
     json["versions"] = answers.ask([own] { return versions(own); });
     json["unfinished"] = answers.ask(unfinished);
     json["leftovers"] = answers.ask([] { return Json(leftover_paths()); });
     json["command_locks"] = answers.ask(command_locks);
     json["inner_lock"] = answers.ask(inner_lock_holders);
-    result.text = "controller   CNT" + or_unknown(json["controller"]) + " of " +
-                  or_unknown(json["controllers"]) + "\nboot mode    " +
-                  or_unknown(json["boot_mode"]) + "\nmaster       CNT" +
-                  or_unknown(json["master"]) + "\nbackup slot  " +
-                  or_unknown(json["backup_slot"]) + "\naccept slot  " +
-                  or_unknown(json["accept_slot"]) + "\ngroup        " + or_unknown(json["group"]) +
-                  "\nversions     " + describe_versions(json["versions"]) + "\nunfinished   " +
-                  or_unknown(json["unfinished"]) + "\nleftovers    " + describe_leftovers(json["leftovers"]) +
-                  "\ncommand lock " + describe_locks(json["command_locks"]) +
-                  "\ninner lock   " + describe_holders(json["inner_lock"]) + "\n";
+    result.text = "controller   CNT" + or_unknown(json["controller"]) + " of " + or_unknown(json["controllers"]) +
+                  "\nboot mode    " + or_unknown(json["boot_mode"]) + "\nmaster       CNT" +
+                  or_unknown(json["master"]) + "\nbackup slot  " + or_unknown(json["backup_slot"]) + "\naccept slot  " +
+                  or_unknown(json["accept_slot"]) + "\ngroup        " + or_unknown(json["group"]) + "\nversions     " +
+                  describe_versions(json["versions"]) + "\nunfinished   " + or_unknown(json["unfinished"]) +
+                  "\nleftovers    " + describe_leftovers(json["leftovers"]) + "\ncommand lock " +
+                  describe_locks(json["command_locks"]) + "\ninner lock   " + describe_holders(json["inner_lock"]) +
+                  "\n";
     add_archives(result, checksums);
     if (answers.failed()) {
         const CauseWords cause = cause_in_words();
@@ -321,11 +319,15 @@ void add_status(const Command &app, const Globals &, Action &action)
 {
     auto archives = std::make_shared<bool>(false);
     const Command command = app.add_subcommand("status", "Show this controller at a glance");
-    add_examples(command, "  kestactl status\n"
-                          "  kestactl status --archives --json");
+    add_examples(command,
+                 "  kestactl status\n"
+                 "  kestactl status --archives --json");
     command.add_flag("--archives", *archives, "Read every archive and show its checksum");
-    command.callback(
-        [&action, archives] { action = [archives](const Globals &) { return show_status(*archives); }; });
+    command.callback([&action, archives] {
+        action = [archives](const Globals &) {
+            return show_status(*archives);
+        };
+    });
 }
 
 }  // namespace kestactl

@@ -144,21 +144,24 @@ Result verify_places() { return result_of(find_all()); }
 void add_verify(const Command &app, Globals &globals, Action &action)
 {
     auto options = std::make_shared<VerifyOptions>();
-    const Command command = app.add_subcommand(
-        "verify", "Hold flash, slots, NV memory and disk against each other, and say what to do");
-    const Option fix_option = command.add_flag(
-        "--fix", options->fix, "Run what mends it, in an order that can lose nothing, then look again");
+    const Command command =
+        app.add_subcommand("verify", "Hold flash, slots, NV memory and disk against each other, and say what to do");
+    const Option fix_option = command.add_flag("--fix", options->fix,
+                                               "Run what mends it, in an order that can lose nothing, then look again");
     command.add_flag("--yes", options->yes, "Don't ask").needs(fix_option);
     add_dry_run(command, globals);
     command.get_option("--dry-run").needs(fix_option);
     add_lock_rule(command, globals);
     command.callback([&action, options] {
-        action = [options](const Globals &given) { return options->fix ? fix(*options, given) : verify_places(); };
+        action = [options](const Globals &given) {
+            return options->fix ? fix(*options, given) : verify_places();
+        };
     });
-    add_examples(command, "  kestactl verify\n"
-                          "  kestactl verify --json\n"
-                          "  kestactl verify --fix --dry-run\n"
-                          "  kestactl verify --fix");
+    add_examples(command,
+                 "  kestactl verify\n"
+                 "  kestactl verify --json\n"
+                 "  kestactl verify --fix --dry-run\n"
+                 "  kestactl verify --fix");
 }
 
 }  // namespace kestactl

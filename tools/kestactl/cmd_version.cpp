@@ -1,7 +1,7 @@
 // kestactl version: the version numbers of saved environments.
-#include <climits>
 #include <kesta/kesta.h>
 #include <limits.h>
+#include <climits>
 
 #include <array>
 #include <charconv>
@@ -16,7 +16,6 @@
 
 namespace kestactl {
 namespace {
-
 
 struct Area {
     const char *name;
@@ -102,8 +101,7 @@ int read_flash(const FlashFile &file)
     int version = -1;
     if (kestal_read_flash_version_file(&version, file.type) != KESTA_OK) {
         throw Failure(Exit::platform, "flash-unreadable",
-                      std::string("The flash file of ") + file.name +
-                          " can't be read, or holds no number.",
+                      std::string("The flash file of ") + file.name + " can't be read, or holds no number.",
                       "Look at --trace 1 for its path; 'kestactl version set " + std::string(file.name) +
                           " NUMBER' writes it anew.");
     }
@@ -127,8 +125,7 @@ Json read_area(const Area &area, int controller, bool &failed)
 {
     ask_both_places();
     kesta_clear_cause();
-    const int version =
-        kestal_read_version_nolock(area.area, controller, KESTA_VERSION_BY_MODE);
+    const int version = kestal_read_version_nolock(area.area, controller, KESTA_VERSION_BY_MODE);
     // -1 is also the answer where nobody has the number.
     if (version == KESTA_ERR && failed_but_for_absence()) {
         failed = true;
@@ -175,8 +172,7 @@ int controller_of(const VersionOptions &options, const Area &area)
     }
     const int controller = parse_controller(options.controller);
     if (!area.per_controller) {
-        throw Failure(Exit::usage, "no-controller",
-                      std::string(area.name) + " is one number for all controllers.",
+        throw Failure(Exit::usage, "no-controller", std::string(area.name) + " is one number for all controllers.",
                       "Leave out --controller.");
     }
     (void)learn_own_number();
@@ -187,8 +183,7 @@ void set_area(const Area &area, int controller, int value)
 {
     ask_both_places();
     if (kestal_set_version(area.area, controller, value) != KESTA_OK) {
-        fail_call("set-failed",
-                  std::string("The number of ") + area.name + " was not set in every place.",
+        fail_call("set-failed", std::string("The number of ") + area.name + " was not set in every place.",
                   "Look at --trace 1 for the place that failed.");
     }
 }
@@ -217,12 +212,11 @@ Plan plan_set(const VersionOptions &options)
                       "The areas are " + known_areas() + ".");
     }
     const int controller = controller_of(options, *area);
-    const std::string name = area->per_controller ? std::string(area->name) + " of CNT" +
-                                                        std::to_string(controller)
-                                                  : area->name;
-    plan.steps.push_back({"set " + name + " to " + std::to_string(value),
-                          {"version area " + name},
-                          [=] { set_area(*area, controller, value); }});
+    const std::string name =
+        area->per_controller ? std::string(area->name) + " of CNT" + std::to_string(controller) : area->name;
+    plan.steps.push_back({"set " + name + " to " + std::to_string(value), {"version area " + name}, [=] {
+                              set_area(*area, controller, value);
+                          }});
     return plan;
 }
 
@@ -233,9 +227,9 @@ Result next_command(const Globals &globals)
     int next = version_after(latest_number(own));
     Plan plan;
     plan.shared = true;
-    plan.steps.push_back({"hand out number " + std::to_string(next),
-                          {"version area numbering"},
-                          [&] { next = hand_out_version(own); }});
+    plan.steps.push_back({"hand out number " + std::to_string(next), {"version area numbering"}, [&] {
+                              next = hand_out_version(own);
+                          }});
     Result result = carry_out(plan, globals);
     result.json["version"] = next;
     if (!globals.dry_run) {
@@ -252,21 +246,20 @@ Result compare(const VersionOptions &options)
     const int current = read_flash(flash_files[0]);
     const int result = kestal_compare_version(own, options.backup, options.numbering);
     Result shown_result;
-    shown_result.json = {{"controller", own},
-                         {"current", current < 0 ? Json(nullptr) : Json(current)}};
+    shown_result.json = {{"controller", own}, {"current", current < 0 ? Json(nullptr) : Json(current)}};
     switch (result) {
     case KESTA_VERSION_SAME:
         shown_result.text = "same: this controller runs with the backup's version.\n";
         shown_result.json["newer"] = "same";
         return shown_result;
     case KESTA_VERSION_BACKUP_NEWER:
-        shown_result.text = "backup: the backup is the one to use; this controller (version " +
-                            shown(current) + ") is older.\n";
+        shown_result.text =
+            "backup: the backup is the one to use; this controller (version " + shown(current) + ") is older.\n";
         shown_result.json["newer"] = "backup";
         break;
     case KESTA_VERSION_CURRENT_NEWER:
-        shown_result.text = "current: this controller's own configuration (version " +
-                            shown(current) + ") is newer than the backup.\n";
+        shown_result.text =
+            "current: this controller's own configuration (version " + shown(current) + ") is newer than the backup.\n";
         shown_result.json["newer"] = "current";
         break;
     default:
@@ -276,39 +269,42 @@ Result compare(const VersionOptions &options)
     return shown_result;
 }
 
-void add_set(const Command &version, Globals &globals, Action &action,
-             const std::shared_ptr<VersionOptions> &options)
+void add_set(const Command &version, Globals &globals, Action &action, const std::shared_ptr<VersionOptions> &options)
 {
     const Command set = version.add_subcommand("set", "Set the number of an area");
     set.add_option("AREA", options->area, known_areas()).required();
     set.add_option("VALUE", options->value, "1 to 2147483647, or 0 for never set").required();
-    set.add_option("--controller", options->controller,
-                    "Whose, for current and status; else this controller's")
+    set.add_option("--controller", options->controller, "Whose, for current and status; else this controller's")
         .option_text("CNTn");
     add_lock_rule(set, globals);
     add_dry_run(set, globals);
-    add_examples(set, "  kestactl version set backup 41\n"
-                      "  kestactl version set current 41 --controller CNT2\n"
-                      "  kestactl version set flash 41 --dry-run");
+    add_examples(set,
+                 "  kestactl version set backup 41\n"
+                 "  kestactl version set current 41 --controller CNT2\n"
+                 "  kestactl version set flash 41 --dry-run");
     set.callback([&action, options] {
-        action = [options](const Globals &given) { return carry_out(plan_set(*options), given); };
+        action = [options](const Globals &given) {
+            return carry_out(plan_set(*options), given);
+        };
     });
 }
 
 void add_compare(const Command &version, Action &action, const std::shared_ptr<VersionOptions> &options)
 {
-    const Command command = version.add_subcommand(
-        "compare", "Tell which is newer, the backup or what this controller runs with; exit code 1 "
-                   "if they differ");
-    command.add_option("--backup", options->backup, "Version of the backup; else it is read")
-        .in_range(0, INT_MAX);
-    command.add_option("--numbering", options->numbering, "Latest number; else it is read")
-        .in_range(0, INT_MAX);
+    const Command command =
+        version.add_subcommand("compare",
+                               "Tell which is newer, the backup or what this controller runs with; exit code 1 "
+                               "if they differ");
+    command.add_option("--backup", options->backup, "Version of the backup; else it is read").in_range(0, INT_MAX);
+    command.add_option("--numbering", options->numbering, "Latest number; else it is read").in_range(0, INT_MAX);
     command.callback([&action, options] {
-        action = [options](const Globals &) { return compare(*options); };
+        action = [options](const Globals &) {
+            return compare(*options);
+        };
     });
-    add_examples(command, "  kestactl version compare\n"
-                          "  kestactl version compare --backup 41 --numbering 42");
+    add_examples(command,
+                 "  kestactl version compare\n"
+                 "  kestactl version compare --backup 41 --numbering 42");
 }
 
 }  // namespace
@@ -318,23 +314,30 @@ void add_version(const Command &app, Globals &globals, Action &action)
     const Command version = app.add_subcommand("version", "Version numbers of saved environments");
     version.require_subcommand();
     auto options = std::make_shared<VersionOptions>();
-    const Command show_command =
-        version.add_subcommand("show", "Show the numbers of all areas and of the flash files");
-    show_command.callback([&action] { action = [](const Globals &) { return show_versions(); }; });
+    const Command show_command = version.add_subcommand("show", "Show the numbers of all areas and of the flash files");
+    show_command.callback([&action] {
+        action = [](const Globals &) {
+            return show_versions();
+        };
+    });
     add_examples(show_command, "  kestactl version show");
     add_set(version, globals, action, options);
     const Command next = version.add_subcommand("next", "Hand out the next number, and print it");
     add_lock_rule(next, globals);
     add_dry_run(next, globals);
-    add_examples(next, "  kestactl version next --dry-run\n"
-                       "  kestactl version next");
+    add_examples(next,
+                 "  kestactl version next --dry-run\n"
+                 "  kestactl version next");
     next.callback([&action] {
-        action = [](const Globals &given) { return next_command(given); };
+        action = [](const Globals &given) {
+            return next_command(given);
+        };
     });
     add_compare(version, action, options);
-    add_examples(version, "  kestactl version show\n"
-                          "  kestactl version compare\n"
-                          "  kestactl version next");
+    add_examples(version,
+                 "  kestactl version show\n"
+                 "  kestactl version compare\n"
+                 "  kestactl version next");
 }
 
 }  // namespace kestactl

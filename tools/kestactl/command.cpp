@@ -37,9 +37,8 @@ Result show_plan(const Plan &plan)
 std::optional<off_t> bytes_of(const std::string &path)
 {
     struct stat status {};
-    return !path.empty() && lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)
-               ? std::optional(status.st_size)
-               : std::nullopt;
+    return !path.empty() && lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) ? std::optional(status.st_size)
+                                                                                         : std::nullopt;
 }
 
 void tell_progress(const Plan &plan, std::size_t step, const char *event, const Globals &globals)
@@ -168,8 +167,9 @@ void add_lock_rule(const Command &command, Globals &globals)
 {
     command.add_option("--wait", globals.lock_rule.wait, "Seconds to wait for another controller's command lock")
         .not_negative();
-    command.add_option("--ignore-lock", globals.lock_rule.ignored,
-                       "Don't mind the command lock of this controller (CNT0 to CNT3)")
+    command
+        .add_option("--ignore-lock", globals.lock_rule.ignored,
+                    "Don't mind the command lock of this controller (CNT0 to CNT3)")
         .option_text("CNTn");
 }
 

@@ -26,7 +26,8 @@ struct Globals {
     LockRule lock_rule;
     KeepRule keep_rule;
     // Runs another command line: its words, whose locks it ignores, and why it is run. Throws Failure.
-    Result (*run_words)(const std::vector<std::string> &words, const LockRule &lock_rule, const std::string &comment) = nullptr;
+    Result (*run_words)(const std::vector<std::string> &words, const LockRule &lock_rule,
+                        const std::string &comment) = nullptr;
 };
 
 // What a command found or did: for people, and for programs.

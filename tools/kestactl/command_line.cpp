@@ -9,10 +9,8 @@
 #include <string_view>
 #include <vector>
 
-namespace kestactl
-{
-namespace
-{
+namespace kestactl {
+namespace {
 
 // How many letters have to be changed, put in or left out to make one word of another.
 std::size_t distance(const std::string &one, const std::string &other)
@@ -98,10 +96,16 @@ struct Verb {
 };
 
 constexpr std::array verbs{
-    Verb{"status", [](const Command &app, Globals &globals, Action &action) { add_status(app, globals, action); }},
+    Verb{"status",
+         [](const Command &app, Globals &globals, Action &action) {
+             add_status(app, globals, action);
+         }},
     Verb{"nv", add_nv},
     Verb{"verify", add_verify},
-    Verb{"report", [](const Command &app, Globals &, Action &action) { add_report(app, action); }},
+    Verb{"report",
+         [](const Command &app, Globals &, Action &action) {
+             add_report(app, action);
+         }},
     Verb{"save", add_save},
     Verb{"accept", add_accept},
     Verb{"slot", add_slot},
@@ -128,7 +132,8 @@ std::optional<std::string_view> only_word(int argc, const char *const *argv)
         return std::nullopt;
     }
     const std::string_view word = argv[first];
-    const bool is_verb = std::any_of(verbs.begin(), verbs.end(), [word](const Verb &verb) { return verb.name == word; });
+    const bool is_verb =
+        std::any_of(verbs.begin(), verbs.end(), [word](const Verb &verb) { return verb.name == word; });
     const bool is_version = word == "--version" && first + 1 == argc;
     return is_verb || is_version ? std::optional(word) : std::nullopt;
 }

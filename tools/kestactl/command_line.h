@@ -6,11 +6,9 @@
 
 #include "command.h"
 
-namespace kestactl
-{
+namespace kestactl {
 
-class CommandLine
-{
+class CommandLine {
 public:
     // For any arguments.
     CommandLine() : CommandLine(0, nullptr) {}

@@ -1,8 +1,8 @@
 #include "environment_work.h"
 
-#include <climits>
 #include <kesta/kesta.h>
 #include <string.h>
+#include <climits>
 
 #include <exception>
 
@@ -33,8 +33,7 @@ void stop_if_asked(const Work &work)
 {
     if (const int signal = work.signals->pending(); signal != 0) {
         throw Failure(static_cast<Exit>(ended_by_signal + signal), "interrupted",
-                      std::string("Interrupted (") + strsignal(signal) +
-                          "). What had been done is whole.",
+                      std::string("Interrupted (") + strsignal(signal) + "). What had been done is whole.",
                       "Run the command again: it completes what is unfinished.");
     }
 }
@@ -83,8 +82,7 @@ Result carry_out_locked(const LockRequest &request, const std::function<Plan(Wor
     return result;
 }
 
-Step guarded(Work &work, const std::string &what, std::vector<std::string> writes,
-             const std::function<void()> &act)
+Step guarded(Work &work, const std::string &what, std::vector<std::string> writes, const std::function<void()> &act)
 {
     return {what, std::move(writes), [&work, act] {
                 stop_if_asked(work);
@@ -92,8 +90,7 @@ Step guarded(Work &work, const std::string &what, std::vector<std::string> write
             }};
 }
 
-Step publishing(Work &work, const std::string &what, std::vector<std::string> writes,
-                const std::function<void()> &act)
+Step publishing(Work &work, const std::string &what, std::vector<std::string> writes, const std::function<void()> &act)
 {
     return guarded(work, what, std::move(writes), [&work, act] {
         work.lock->require_ours();
@@ -106,13 +103,11 @@ void add_keep_step(Plan &plan, Work &work, const std::vector<ReplacedPlace> &pla
     if (!plan.kept) {
         plan.kept = std::make_shared<KeepReport>();
     }
-    const Step keeping =
-        keep_step(places, verb, work.keep_rule, plan.kept, [&work] { stop_if_asked(work); });
+    const Step keeping = keep_step(places, verb, work.keep_rule, plan.kept, [&work] { stop_if_asked(work); });
     plan.steps.push_back(publishing(work, keeping.what, keeping.writes, keeping.act));
 }
 
-void add_script_steps(Plan &plan, Work &work, const std::vector<Script> &scripts,
-                      const ScriptContext &context)
+void add_script_steps(Plan &plan, Work &work, const std::vector<Script> &scripts, const ScriptContext &context)
 {
     for (const Script &script : scripts) {
         plan.steps.push_back(guarded(work, "run " + script.command, {"whatever the script writes"},
@@ -123,7 +118,8 @@ void add_script_steps(Plan &plan, Work &work, const std::vector<Script> &scripts
 void announce_scripts(Plan &plan, const Work &work, const std::vector<Script> &scripts)
 {
     for (const Script &script : work.lock ? std::vector<Script>() : scripts) {
-        plan.steps.push_back({"run " + script.command, {"whatever the script writes"}, [] {}});
+        plan.steps.push_back({"run " + script.command, {"whatever the script writes"}, [] {
+                              }});
     }
 }
 
@@ -153,17 +149,14 @@ void set_version(int area, int controller, int version)
 
 void add_wait_option(const Command &command, WorkOptions &options)
 {
-    command.add_option("--wait", options.wait, "Seconds to wait for the command lock")
-        .in_range(0, INT_MAX);
+    command.add_option("--wait", options.wait, "Seconds to wait for the command lock").in_range(0, INT_MAX);
 }
 
 void add_script_options(const Command &command, WorkOptions &options)
 {
     command.add_option("--event", options.scripts.event, "KESTA_EVENT of the scripts");
-    command.add_option("--platform-status", options.scripts.platform_status,
-                       "KESTA_VRBGETSTAT of the scripts");
-    command.add_option("--script-timeout", options.scripts.timeout,
-                       "Seconds after which a script is stopped (600)")
+    command.add_option("--platform-status", options.scripts.platform_status, "KESTA_VRBGETSTAT of the scripts");
+    command.add_option("--script-timeout", options.scripts.timeout, "Seconds after which a script is stopped (600)")
         .in_range(1, INT_MAX);
 }
 

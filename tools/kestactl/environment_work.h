@@ -40,19 +40,16 @@ Result carry_out_locked(const LockRequest &request, const std::function<Plan(Wor
 void stop_if_asked(const Work &work);
 
 // A step that looks first whether it may still be done.
-Step guarded(Work &work, const std::string &what, std::vector<std::string> writes,
-             const std::function<void()> &act);
+Step guarded(Work &work, const std::string &what, std::vector<std::string> writes, const std::function<void()> &act);
 
 // The same for one that others see: the command lock must still be ours.
-Step publishing(Work &work, const std::string &what, std::vector<std::string> writes,
-                const std::function<void()> &act);
+Step publishing(Work &work, const std::string &what, std::vector<std::string> writes, const std::function<void()> &act);
 
 // The step that keeps what these places hold, before the ones that replace it.
 void add_keep_step(Plan &plan, Work &work, const std::vector<ReplacedPlace> &places, const std::string &verb);
 
 // One step for each script; the first that fails ends the plan. The options must outlive it.
-void add_script_steps(Plan &plan, Work &work, const std::vector<Script> &scripts,
-                      const ScriptContext &context);
+void add_script_steps(Plan &plan, Work &work, const std::vector<Script> &scripts, const ScriptContext &context);
 
 // The scripts of the end in a dry run's plan: they are run by run_last.
 void announce_scripts(Plan &plan, const Work &work, const std::vector<Script> &scripts);

@@ -31,9 +31,10 @@ Json kept_json(const Generation &generation)
 
 void add_keep_options(const Command &command, Globals &globals)
 {
-    command.add_option("--keep", globals.keep_rule.keep,
-                       "Keep this many generations of archives, not the number of the settings; 0: none of what is "
-                       "replaced now")
+    command
+        .add_option("--keep", globals.keep_rule.keep,
+                    "Keep this many generations of archives, not the number of the settings; 0: none of what is "
+                    "replaced now")
         .not_negative();
     command.add_option("--comment", globals.keep_rule.comment, "Why: noted with the generations").option_text("TEXT");
 }
@@ -48,7 +49,9 @@ Step keep_step(const std::vector<ReplacedPlace> &places, const std::string &verb
     }
     return {"keep what is whole of " + joined_places(places) + " as generations",
             {std::string(flash_folder) + "/" + generations_name},
-            [=] { report->add(keep_replaced(places, verb, rule, look)); }};
+            [=] {
+                report->add(keep_replaced(places, verb, rule, look));
+            }};
 }
 
 Plan with_keeping(Plan plan, const KeepRule &rule)

@@ -17,15 +17,13 @@
 #include "standard_descriptors.h"
 #include "trace_capture.h"
 
-namespace
-{
+namespace {
 
 using namespace kestactl;
 
 // With --json, stdout holds one JSON text and nothing else: what a command or a script prints goes
 // to stderr.
-class JsonChannel
-{
+class JsonChannel {
 public:
     void open()
     {
@@ -34,8 +32,7 @@ public:
     }
     bool write(const std::string &text) const
     {
-        return ::write(fd(), text.data(), text.size()) ==
-               static_cast<ssize_t>(text.size());
+        return ::write(fd(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
     }
 
     int fd() const { return fd_ >= 0 ? fd_ : STDOUT_FILENO; }
@@ -111,8 +108,7 @@ void tell_interruptions(bool json, const JsonChannel &channel)
     if (json) {
         interrupted_fd = channel.fd();
         const Failure failure(Exit::interrupted, "interrupted", "Interrupted.", "");
-        (void)snprintf(interrupted_json, sizeof(interrupted_json), "%s",
-                       shown_failure(failure, Form::json).c_str());
+        (void)snprintf(interrupted_json, sizeof(interrupted_json), "%s", shown_failure(failure, Form::json).c_str());
     }
     interrupted_process = getpid();
     struct sigaction action {};
@@ -133,13 +129,11 @@ Failure in_words(const std::exception &error)
     if (const auto *file = dynamic_cast<const std::filesystem::filesystem_error *>(&error)) {
         const std::string &path = file->path1().native();
         return {Exit::platform, "file-failed",
-                (path.empty() ? "A file" : path) + " could not be used: " + file->code().message() +
-                    ".",
+                (path.empty() ? "A file" : path) + " could not be used: " + file->code().message() + ".",
                 "Check the path and the rights of its folders, then run the command again."};
     }
     if (const auto *system = dynamic_cast<const std::system_error *>(&error)) {
-        return {Exit::platform, "system-failed",
-                "The system refused something: " + system->code().message() + ".",
+        return {Exit::platform, "system-failed", "The system refused something: " + system->code().message() + ".",
                 "Look at --trace 1 for the last call before it."};
     }
     return {Exit::platform, "failed", "Something went wrong that kestactl has no words for.",

@@ -12,9 +12,8 @@ constexpr int most_rounds = 16;
 
 bool was_refused(const std::vector<Mended> &mended, const MendCommand &command)
 {
-    return std::any_of(mended.begin(), mended.end(), [&command](const Mended &one) {
-        return one.command == command && one.exit != Exit::done;
-    });
+    return std::any_of(mended.begin(), mended.end(),
+                       [&command](const Mended &one) { return one.command == command && one.exit != Exit::done; });
 }
 
 bool was_run(const std::vector<Mended> &mended, const MendCommand &command)
@@ -26,12 +25,12 @@ bool was_run(const std::vector<Mended> &mended, const MendCommand &command)
 const SubjectFinding *next_row(const Findings &findings, const std::vector<Mended> &mended)
 {
     for (const SubjectFinding &row : findings.rows) {
-        const bool is_new = row.mend && !row.mend->empty() &&
-                            std::none_of(row.mend->begin(), row.mend->end(), [&mended](const MendCommand &command) {
-                                return was_refused(mended, command);
-                            }) &&
-                            !std::all_of(row.mend->begin(), row.mend->end(),
-                                         [&mended](const MendCommand &command) { return was_run(mended, command); });
+        const bool is_new =
+            row.mend && !row.mend->empty() &&
+            std::none_of(row.mend->begin(), row.mend->end(),
+                         [&mended](const MendCommand &command) { return was_refused(mended, command); }) &&
+            !std::all_of(row.mend->begin(), row.mend->end(),
+                         [&mended](const MendCommand &command) { return was_run(mended, command); });
         if (is_new) {
             return &row;
         }

@@ -57,7 +57,8 @@ public:
         for (const auto &[word, choice] : choices) {
             numbers[word] = static_cast<int>(choice);
         }
-        return add_number(names, [&value](int number) { value = static_cast<Choice>(number); }, numbers, description);
+        return add_number(
+            names, [&value](int number) { value = static_cast<Choice>(number); }, numbers, description);
     }
 
     Option get_option(const std::string &name) const;

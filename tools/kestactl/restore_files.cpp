@@ -10,12 +10,12 @@
 #include "appliance_state.h"
 #include "archive_places.h"
 #include "environment_archive.h"
+#include "file_changes.h"
 #include "file_properties.h"
 #include "group_definition.h"
 #include "kept_generations.h"
 #include "names.h"
 #include "placed_files.h"
-#include "file_changes.h"
 #include "unfinished_restore.h"
 #include "whole_file.h"
 
@@ -61,8 +61,8 @@ struct Restore {
 
 UnfinishedRestore note_of(const Restore &restore)
 {
-    return {restore.options.group, restore.source.side, restore.options.only,
-            restore.options.on_reboot, restore.changes.replaced};
+    return {restore.options.group, restore.source.side, restore.options.only, restore.options.on_reboot,
+            restore.changes.replaced};
 }
 
 // Another one has to be completed first, unless this one covers it.
@@ -111,8 +111,7 @@ void put_in_place(Restore &restore)
     try {
         place_files(restore.files, restore.changes, GroupPlaces(*restore.paths));
     } catch (const Failure &met) {
-        throw Failure(met.exit(), met.code(),
-                      std::string(met.what()) + " Some of the group's files are new, some old.",
+        throw Failure(met.exit(), met.code(), std::string(met.what()) + " Some of the group's files are new, some old.",
                       "Mend it, then complete the restore: " + note_of(restore).command());
     }
 }
@@ -138,11 +137,8 @@ bool needs_reboot(const Restore &restore)
     bool changed = false;
     for (const KESTA_BACKUP_FILE_PATH &file : restore.definition->setfile) {
         changed = changed || (file.diffreboot != 0 &&
-                              std::any_of(restore.changes.replaced.begin(),
-                                          restore.changes.replaced.end(),
-                                          [&file](const std::string &path) {
-                                              return is_within(path, file.pathname);
-                                          }));
+                              std::any_of(restore.changes.replaced.begin(), restore.changes.replaced.end(),
+                                          [&file](const std::string &path) { return is_within(path, file.pathname); }));
     }
     const bool always = restore.definition->script.restore_reboot != 0 && restore.options.only.empty();
     return changed || always || restore.options.on_reboot;
@@ -150,8 +146,7 @@ bool needs_reboot(const Restore &restore)
 
 int source_version(const Source &source)
 {
-    const int version =
-        kestal_read_version(source.version_area, learn_own_number(), KESTA_VERSION_BY_MODE);
+    const int version = kestal_read_version(source.version_area, learn_own_number(), KESTA_VERSION_BY_MODE);
     if (version < 0) {
         fail_call("version-failed", "The version of the " + source.side + " can't be read.",
                   "Look at --trace 1, then run the command again.");
@@ -226,8 +221,9 @@ std::shared_ptr<Restore> prepare(const RestoreFilesOptions &options, Work &work)
     restore->definition = read_definition(options.group);
     take_over_unfinished(*restore);
     restore->paths = std::make_unique<GroupPaths>(*restore->definition, restore->options.only);
-    restore->archive = {read_slot(restore->source.slot), "Slot " + restore->source.slot, archive_limits(),
-                        [&work] { stop_if_asked(work); }};
+    restore->archive = {read_slot(restore->source.slot), "Slot " + restore->source.slot, archive_limits(), [&work] {
+                            stop_if_asked(work);
+                        }};
     restore->files = choose_files(restore->archive, *restore->definition, *restore->paths);
     restore->changes = compare_files(restore->archive, restore->files, GroupPlaces(*restore->paths));
     return restore;
@@ -243,10 +239,9 @@ Plan plan_of(const std::shared_ptr<Restore> &restore, Work &work)
     add_script_steps(plan, work, scripts(options, "pre-script"), options.work.scripts);
     if (whole) {
         plan.kept = std::make_shared<KeepReport>();
-        plan.steps.push_back(publishing(work, "bring slot " + restore->source.slot + " to flash",
-                                        {restore->source.flash}, [restore, &work, kept = plan.kept] {
-                                            put_slot_to_flash(*restore, work, *kept);
-                                        }));
+        plan.steps.push_back(
+            publishing(work, "bring slot " + restore->source.slot + " to flash", {restore->source.flash},
+                       [restore, &work, kept = plan.kept] { put_slot_to_flash(*restore, work, *kept); }));
     }
     plan.steps.push_back(publishing(work, "put the new files beside the old ones",
                                     {unfinished_restore_note, "a hidden file beside each one"},
@@ -254,14 +249,13 @@ Plan plan_of(const std::shared_ptr<Restore> &restore, Work &work)
     plan.steps.push_back(publishing(work, "let them take their places", places_of(restore->changes),
                                     [restore] { put_in_place(*restore); }));
     plan.steps.push_back(publishing(work, "set links, owners, groups and modes of the definition",
-                                    {"the group's files and links"},
-                                    [restore] { apply_definition(*restore); }));
+                                    {"the group's files and links"}, [restore] { apply_definition(*restore); }));
     if (whole) {
         plan.steps.push_back(publishing(work, "record the version", version_places(*restore),
                                         [restore, &work] { record_versions(*restore, work); }));
     }
-    plan.steps.push_back(publishing(work, "note that it is complete", {unfinished_restore_note},
-                                    [] { note_finished(); }));
+    plan.steps.push_back(
+        publishing(work, "note that it is complete", {unfinished_restore_note}, [] { note_finished(); }));
     announce_scripts(plan, work, scripts(options, last_kind(options)));
     return plan;
 }
@@ -269,7 +263,9 @@ Plan plan_of(const std::shared_ptr<Restore> &restore, Work &work)
 void describe_end(const Restore &restore, Result &result)
 {
     const FileChanges &changes = restore.changes;
-    const auto count = [](const std::set<std::string> &paths) { return std::to_string(paths.size()); };
+    const auto count = [](const std::set<std::string> &paths) {
+        return std::to_string(paths.size());
+    };
     if (!restore.options.only.empty()) {
         result.json["version"] = nullptr;
     }
@@ -278,11 +274,11 @@ void describe_end(const Restore &restore, Result &result)
     result.json["removed"] = changes.removed;
     result.json["foreign"] = restore.files.foreign;
     result.json["reboot_needed"] = needs_reboot(restore);
-    result.text += "Restored " + restore.options.group + " from the " + restore.source.side + ", " +
-                   (restore.options.only.empty() ? "version " + result.json["version"].dump()
-                                                 : restore.options.only + " only") +
-                   ": " + count(changes.replaced) + " replaced, " + count(changes.adjusted) +
-                   " given their owner and mode, " + count(changes.removed) + " removed.\n";
+    result.text +=
+        "Restored " + restore.options.group + " from the " + restore.source.side + ", " +
+        (restore.options.only.empty() ? "version " + result.json["version"].dump() : restore.options.only + " only") +
+        ": " + count(changes.replaced) + " replaced, " + count(changes.adjusted) + " given their owner and mode, " +
+        count(changes.removed) + " removed.\n";
     if (restore.files.foreign != 0) {
         result.text += std::to_string(restore.files.foreign) +
                        " members of the archive are not of this group: they were left alone.\n";
@@ -304,10 +300,7 @@ Result restore_files(const RestoreFilesOptions &options, const Globals &globals)
             restore = prepare(options, work);
             return plan_of(restore, work);
         },
-        [&](Work &work) {
-            run_last(scripts(options, last_kind(options)), options.work.scripts, work);
-        },
-        globals);
+        [&](Work &work) { run_last(scripts(options, last_kind(options)), options.work.scripts, work); }, globals);
     if (!globals.dry_run) {
         describe_end(*restore, result);
     }

@@ -3,10 +3,8 @@
 #include "printable.h"
 #include "trace_capture.h"
 
-namespace kestactl
-{
-namespace
-{
+namespace kestactl {
+namespace {
 
 constexpr int failure_schema_version = 1;
 

@@ -3,8 +3,7 @@
 
 #include "command.h"
 
-namespace kestactl
-{
+namespace kestactl {
 
 enum class Form { text, json };
 

@@ -7,8 +7,9 @@
 
 #include "trace_capture.h"
 
-extern "C" __attribute__((visibility("default"), format(printf, 4, 5))) void MC_OutTrace(
-    const char *file, int line, int level, const char *format, ...)
+extern "C" __attribute__((visibility("default"), format(printf, 4, 5))) void MC_OutTrace(const char *file, int line,
+                                                                                         int level, const char *format,
+                                                                                         ...)
 {
     const int before = errno;
     std::array<char, 2048> text{};
