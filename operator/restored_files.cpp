@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "archive_evidence.h"
 #include "failure.h"
 #include "group_definition.h"
 
@@ -145,12 +146,30 @@ private:
     std::map<std::size_t, std::uint64_t> sizes_;
 };
 
+void require_undamaged(const Archive &archive)
+{
+    const ArchiveEvidence evidence = evidence_of(archive.contents, archive.look);
+    if (evidence.state == CopyState::damaged) {
+        throw DamagedArchive(archive.name, evidence.reason);
+    }
+}
+
 }  // namespace
 
 RestoredFiles choose_files(const Archive &archive, const KESTA_BACKUP_FILE &definition, const GroupPaths &paths)
 {
     Choice choice(archive, paths);
-    for_each_member(archive, [&choice](const Member &member, const ReadMember &read) { choice.visit(member, read); });
+    try {
+        for_each_member(archive,
+                        [&choice](const Member &member, const ReadMember &read) { choice.visit(member, read); });
+    } catch (const DamagedArchive &) {
+        throw;
+    } catch (const Failure &refused) {
+        if (refused.exit() == Exit::no) {
+            require_undamaged(archive);  // a damaged one may seem to hold any name, before its checksum is met
+        }
+        throw;
+    }
     RestoredFiles files = choice.finish();
     for (const std::string &wanted : paths.wanted()) {
         const bool there = std::any_of(files.members.begin(), files.members.end(), [&wanted](const RestoredFile &file) {

@@ -169,6 +169,25 @@ TEST_F(RestoredFilesTest, DamageBehindTheLastFileIsFoundBeforeAnythingIsTaken)
     EXPECT_FALSE(fs::exists("/etc/app/one"));
 }
 
+// Before its checksum is met, a damaged archive may seem to hold any name: it is told as damaged all the same.
+TEST_F(RestoredFilesTest, WhereverAByteIsDamagedTheDamageIsTold)
+{
+    const std::string whole = test::read_file(path);
+    int damaged = 0;
+    for (std::size_t at = 0; at < whole.size(); ++at) {
+        for (const int bit : {1, 16, 64}) {
+            std::string bytes = whole;
+            bytes[at] = static_cast<char>(bytes[at] ^ bit);
+            if (evidence_of_bytes(bytes).state == CopyState::damaged) {
+                ++damaged;
+                archive.contents = contents_of_bytes(bytes);
+                EXPECT_THROW(choose(), DamagedArchive) << "byte " << at << ", bit " << bit;
+            }
+        }
+    }
+    EXPECT_GT(damaged, 500);
+}
+
 TEST_F(RestoredFilesTest, NoStagedFileIsLeftWhereOneCannotBeWritten)
 {
     fs::remove("/etc/app/one");
