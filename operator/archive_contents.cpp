@@ -127,13 +127,26 @@ ArchiveContents contents_known_as(const ArchiveContents &contents, const std::st
             }};
 }
 
+void for_each_piece(const ArchiveContents &contents, const std::function<void(std::string_view piece)> &take)
+{
+    const NextPiece next = contents.pieces();
+    for (std::string_view piece = next(); !piece.empty(); piece = next()) {
+        take(piece);
+    }
+}
+
+std::string bytes_of(const ArchiveContents &contents)
+{
+    std::string bytes;
+    bytes.reserve(contents.size);
+    for_each_piece(contents, [&bytes](std::string_view piece) { bytes += piece; });
+    return bytes;
+}
+
 std::string checksum_of(const ArchiveContents &contents)
 {
     Checksum checksum;
-    const NextPiece next = contents.pieces();
-    for (std::string_view piece = next(); !piece.empty(); piece = next()) {
-        checksum.add(piece);
-    }
+    for_each_piece(contents, [&checksum](std::string_view piece) { checksum.add(piece); });
     return checksum.text();
 }
 

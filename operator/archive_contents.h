@@ -55,6 +55,11 @@ ArchiveContents contents_of_slot(const std::string &slot, std::uint64_t size);
 // The same, with a Failure in the place of the end if its checksum is another one: what is used is what was tested.
 ArchiveContents contents_known_as(const ArchiveContents &contents, const std::string &sha256, const std::string &name);
 
+void for_each_piece(const ArchiveContents &contents, const std::function<void(std::string_view piece)> &take);
+
+// All of them at once: for what is small, or for who takes an archive whole.
+std::string bytes_of(const ArchiveContents &contents);
+
 std::string checksum_of(const ArchiveContents &contents);
 
 bool same_contents(const ArchiveContents &one, const ArchiveContents &other);

@@ -80,12 +80,7 @@ void require_readable_target(const ArchiveEvidence &target, const std::string &t
 // The library takes it whole.
 void write_slot(const std::string &slot, const ArchiveContents &contents)
 {
-    std::string bytes;
-    bytes.reserve(contents.size);
-    const NextPiece next = contents.pieces();
-    for (std::string_view piece = next(); !piece.empty(); piece = next()) {
-        bytes += piece;
-    }
+    std::string bytes = bytes_of(contents);
     void *data = bytes.data();
     auto size = static_cast<unsigned>(bytes.size());
     if (kestal_backup_rw(slot.c_str(), KESTA_FILE_WRITE, &data, &size) != KESTA_OK) {

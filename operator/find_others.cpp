@@ -152,7 +152,6 @@ std::string advice_on_identity(int controller)
 
 SubjectFinding find_identity(const Survey &survey)
 {
-    const std::string differing = differing_identities();
     SubjectFinding finding{"identity"};
     if (const std::string unreadable = unreadable_identities(survey); !unreadable.empty()) {
         finding.state = FindingState::unreadable;
@@ -163,7 +162,7 @@ SubjectFinding find_identity(const Survey &survey)
         return finding;
     }
     finding.text = "all places agree";
-    if (!differing.empty()) {
+    if (const std::string differing = differing_identities(); !differing.empty()) {
         finding.state = FindingState::differs;
         finding.mend.reset();
         finding.text = "other than the board's: " + differing +

@@ -190,15 +190,7 @@ std::optional<ArchiveContents> GenerationFolder::contents(const std::string &nam
 std::optional<std::string> GenerationFolder::read(const std::string &name) const
 {
     const auto contents = this->contents(name);
-    if (!contents) {
-        return std::nullopt;
-    }
-    std::string bytes;
-    const NextPiece next = contents->pieces();
-    for (std::string_view piece = next(); !piece.empty(); piece = next()) {
-        bytes += piece;
-    }
-    return bytes;
+    return contents ? std::optional(bytes_of(*contents)) : std::nullopt;
 }
 
 std::optional<std::string> GenerationFolder::checksum_of(const std::string &name) const
@@ -217,29 +209,19 @@ void GenerationFolder::write(const std::string &name, const ArchiveContents &con
     remove_unfinished();
     Descriptor file(
         openat(folder_.get(), unfinished_name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, own_mode));
-    const auto fail = [this, &name] {
-        const int error = errno;
-        (void)unlinkat(folder_.get(), unfinished_name, 0);  // best effort: the next command takes it away
-        errno = error;
-        fail_writing(path_of(name), "written");
-    };
-    if (!file) {
-        fail();
-    }
-    try {
-        const NextPiece next = contents.pieces();
-        for (std::string_view piece = next(); !piece.empty(); piece = next()) {
-            if (!write_all(file.get(), piece)) {
-                fail();
-            }
+    const auto require = [this, &name](bool done) {
+        if (!done) {
+            fail_writing(path_of(name), "written");
         }
+    };
+    try {
+        require(static_cast<bool>(file));
+        for_each_piece(contents, [&](std::string_view piece) { require(write_all(file.get(), piece)); });
+        require(fsync(file.get()) == 0 && file.close() &&
+                renameat(folder_.get(), unfinished_name, folder_.get(), name.c_str()) == 0);
     } catch (const std::exception &) {
-        (void)unlinkat(folder_.get(), unfinished_name, 0);
+        (void)unlinkat(folder_.get(), unfinished_name, 0);  // best effort: the next command takes it away
         throw;
-    }
-    if (fsync(file.get()) != 0 || !file.close() ||
-        renameat(folder_.get(), unfinished_name, folder_.get(), name.c_str()) != 0) {
-        fail();
     }
 }
 

@@ -27,17 +27,21 @@ std::vector<const Block *> mirrored_blocks()
     return mirrored;
 }
 
+// Whether the bytes behind the value are zeros, as they are to be.
+bool holds_value_only(const Block &block, const std::vector<char> &bytes)
+{
+    return all_zero(
+        {bytes.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(block.written, bytes.size())), bytes.end()});
+}
+
 // How much of an item a repair copies. To the disk goes what holds the value: whoever reads a mirror of an identity may
 // have room for no more. A file may have either length.
 std::size_t copied_size(Side from, const MirroredItem &item)
 {
+    const Block &block = *item.block;
     const Content &content = item.at(from);
-    const std::size_t value = item.block->written;
-    const bool holds_more =
-        content && std::any_of(content->begin() + static_cast<std::ptrdiff_t>(std::min(value, content->size())),
-                               content->end(), [](char byte) { return byte != 0; });
-    return from == Side::memory && !holds_more ? std::min<std::size_t>(value, item.block->mirror_size)
-                                               : item.block->mirror_size;
+    const bool value_is_all = from == Side::memory && (!content || holds_value_only(block, *content));
+    return value_is_all ? std::min(block.written, block.mirror_size) : block.mirror_size;
 }
 
 Content content_of(int (*read)(int, int, void *, unsigned), int flag, const Block &block)
@@ -180,8 +184,7 @@ void shorten_mirror(const Block &block)
         std::vector<char> bytes(block.mirror_size, '\0');
         const bool was_read =
             kestal_non_volatile_rw_sysback(block.id, KESTA_FILE_READ, bytes.data(), block.mirror_size) == KESTA_OK;
-        const std::vector<char> behind(bytes.begin() + block.written, bytes.end());
-        if (was_read && !all_zero(behind)) {
+        if (was_read && !holds_value_only(block, bytes)) {
             throw Failure(Exit::no, "overlong-mirror",
                           "The system backup area's " + block.name + " has more than " + std::to_string(block.written) +
                               " bytes that are not zero.",

@@ -9,10 +9,10 @@
 #include "appliance_state.h"
 #include "archive_places.h"
 #include "beneath.h"
-#include "cause_words.h"
 #include "failure.h"
 #include "generation_folder.h"
 #include "generations.h"
+#include "version_numbers.h"
 
 namespace engine {
 namespace {
@@ -21,16 +21,10 @@ constexpr const char *flash_backup_address = "flash:backup";
 constexpr const char *flash_accept_address = "flash:accept";
 constexpr const char *flash_version_file = "/etc/kesta_sys/version";
 
-// Each area is asked anew in both places: the library stops asking the system backup area after one failure.
 VersionNumber number_of(int area, int controller)
 {
-    ask_both_places();
-    kesta_clear_cause();
-    const int version = kestal_read_version_nolock(area, controller, KESTA_VERSION_BY_MODE);
-    if (version < 0) {
-        return {std::nullopt, failed_but_for_absence()};
-    }
-    return {version > 0 ? std::optional(version) : std::nullopt, false};
+    const std::optional<int> version = number_in_area(area, controller);
+    return {version.value_or(0) > 0 ? version : std::nullopt, !version};
 }
 
 bool can_be_read(const char *path)

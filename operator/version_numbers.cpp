@@ -7,6 +7,7 @@
 #include <string>
 
 #include "appliance_state.h"
+#include "cause_words.h"
 
 namespace engine {
 
@@ -49,6 +50,14 @@ int hand_out_version(int own)
         return "Number " + std::to_string(next) + " was handed out";
     });
     return next;
+}
+
+std::optional<int> number_in_area(int area, int controller)
+{
+    ask_both_places();
+    kesta_clear_cause();
+    const int version = kestal_read_version_nolock(area, controller, KESTA_VERSION_BY_MODE);
+    return version < 0 && failed_but_for_absence() ? std::nullopt : std::optional(version);
 }
 
 }  // namespace engine

@@ -1,6 +1,8 @@
 // The numbers that environments are saved under.
 #pragma once
 
+#include <optional>
+
 namespace engine {
 
 // The next number: after the largest one comes 1 again.
@@ -15,5 +17,9 @@ int latest_number(int own);
 // Hands out the next version number: it is read and raised in one section of the inner lock, so that none
 // is handed out twice. Throws Failure.
 int hand_out_version(int own);
+
+// The number of a version area, without the inner lock: a transfer of one number is whole. Each is asked anew in both
+// places. Below 0: nobody has it. Nothing: it can't be read.
+std::optional<int> number_in_area(int area, int controller);
 
 }  // namespace engine

@@ -8,7 +8,6 @@
 #include <memory>
 
 #include "appliance_state.h"
-#include "cause_words.h"
 #include "command.h"
 #include "names.h"
 #include "overview.h"
@@ -119,19 +118,11 @@ void add_row(Result &result, const std::string &name, const Json &value, const c
     result.json[name] = value.is_null() || value.get<int>() < 0 ? Json(nullptr) : value;
 }
 
-// Read without the inner lock: a transfer of one number is whole. Each area is asked anew in both
-// places: the library stops asking the system backup area after one failure.
 Json read_area(const Area &area, int controller, bool &failed)
 {
-    ask_both_places();
-    kesta_clear_cause();
-    const int version = kestal_read_version_nolock(area.area, controller, KESTA_VERSION_BY_MODE);
-    // -1 is also the answer where nobody has the number.
-    if (version == KESTA_ERR && failed_but_for_absence()) {
-        failed = true;
-        return nullptr;
-    }
-    return version;
+    const std::optional<int> version = number_in_area(area.area, controller);
+    failed = failed || !version;
+    return version ? Json(*version) : Json(nullptr);
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "appliance_state.h"
+
 namespace kestactl {
 namespace {
 
@@ -153,6 +155,7 @@ Result run_words(const std::vector<std::string> &words, const LockRule &lock_rul
     Globals globals = line.globals();
     globals.lock_rule = lock_rule;
     globals.keep_rule.comment = comment;
+    use_both_places();
     return line.action()(globals);
 }
 

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "appliance_state.h"
-
 namespace kestactl {
 namespace {
 
@@ -55,7 +53,6 @@ std::string remarks_of(const Json &json)
 
 Mended run_mend(const MendCommand &command, const Globals &globals)
 {
-    use_both_places();  // as a new command would begin
     try {
         const Result result = globals.run_words(command, globals.lock_rule, "verify --fix");
         return {command, result.exit, remarks_of(result.json)};
