@@ -7,8 +7,9 @@
 #include <cerrno>
 
 #include "cause_words.h"
+#include "causes.h"
 #include "failure.h"
-#include "lock_state.h"
+#include "inner_lock_holders.h"
 #include "printable.h"
 
 namespace engine {

@@ -13,7 +13,7 @@
 
 #include "archive_members.h"
 #include "beneath.h"
-#include "cause_words.h"
+#include "causes.h"
 #include "checksum.h"
 
 namespace engine {

@@ -1,4 +1,4 @@
-// Where the archives of this controller lie.
+// Where the archives of this controller lie, and what its commands work with.
 #pragma once
 
 namespace engine {
@@ -17,5 +17,8 @@ inline constexpr const char *unfinished_flash_copy = "/opt/kesta_sys/bakup/tmp.t
 
 // Only while files of a group are put back.
 inline constexpr const char *unfinished_restore_note = "/opt/kesta_sys/bakup/.restore";
+
+// Where the files of local locks lie.
+inline constexpr const char *local_lock_folder = "/var/run/kesta_sys/tmp/";
 
 }  // namespace engine

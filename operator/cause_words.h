@@ -12,12 +12,4 @@ struct CauseWords {
 };
 CauseWords cause_in_words();
 
-// What the calling thread's last cause is; it was cleared before the call that is asked about.
-bool slot_file_is_absent();     // the system backup area has no such file
-bool area_failed();             // the system backup area failed, and not because it has no such file
-bool failed_but_for_absence();  // anything failed, but for an absent file of the system backup area
-
-// Whether the last failure was that the inner lock stayed held until all attempts were used up.
-bool inner_lock_was_held();
-
 }  // namespace engine

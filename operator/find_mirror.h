@@ -2,7 +2,7 @@
 #pragma once
 
 #include "find_slots.h"
-#include "findings.h"
+#include "finding.h"
 #include "storage_places.h"
 
 namespace engine {

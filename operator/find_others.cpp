@@ -8,6 +8,7 @@
 #include "find_archives.h"
 #include "generations.h"
 #include "identity_state.h"
+#include "inner_lock_holders.h"
 #include "leftovers.h"
 #include "lock_state.h"
 #include "names.h"

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "findings.h"
+#include "finding.h"
 #include "storage_places.h"
 
 namespace engine {

@@ -31,6 +31,14 @@ struct Generation {
     std::optional<GenerationChange> saved;  // what made it, where that was recorded
 };
 
+// Never dropped, whatever the limits are. Nothing: they can't be told, and then nothing is dropped at all.
+struct VersionsInForce {
+    std::optional<int> accepted;
+    std::optional<int> running;
+
+    bool known() const { return accepted && running; }
+};
+
 // "generation 3f1c09aa27b4 (network, version 7)"
 std::string name_of(const Generation &generation);
 

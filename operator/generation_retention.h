@@ -4,7 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "generation_store.h"
+#include "archive_limits.h"
+#include "generation.h"
 
 namespace engine {
 

@@ -27,13 +27,6 @@ struct GenerationSource {
     int version = 0;  // what the place says; 0: nothing
 };
 
-// Never dropped, whatever the limits are. Nothing: they can't be told, and then nothing is dropped at all.
-struct VersionsInForce {
-    std::optional<int> accepted;
-    std::optional<int> running;
-
-    bool known() const { return accepted && running; }
-};
 using AskVersions = std::function<VersionsInForce()>;  // asked only where something has to go
 
 // What was done, for whoever asked for the change.

@@ -11,6 +11,7 @@
 #include <iostream>
 
 #include "appliance_state.h"
+#include "archive_places.h"
 #include "failure.h"
 #include "holder_note.h"
 #include "names.h"

@@ -68,7 +68,4 @@ private:
     int fd_ = -1;
 };
 
-// Where the files of local locks lie.
-inline constexpr const char *local_lock_folder = "/var/run/kesta_sys/tmp/";
-
 }  // namespace engine

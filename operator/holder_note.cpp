@@ -9,7 +9,7 @@
 #include <fstream>
 #include <string>
 
-#include "held_lock.h"
+#include "archive_places.h"
 
 namespace engine {
 namespace {
@@ -52,7 +52,7 @@ void note_holder(int controller, const char *identifier)
 
 void forget_holder() { (void)unlink(note_path().c_str()); }
 
-pid_t gone_holder(const CommandLock &lock)
+pid_t gone_holder(int controller, std::int64_t identifier)
 {
     const int fd = open(note_path().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (fd < 0) {
@@ -61,12 +61,13 @@ pid_t gone_holder(const CommandLock &lock)
     std::array<char, 128> text{};
     const ssize_t length = read(fd, text.data(), text.size() - 1);
     (void)close(fd);
-    int controller = -1;
-    long long identifier = 0;
+    int noted_controller = -1;
+    long long noted_identifier = 0;
     int process = 0;
     std::array<char, 32> start{};
-    if (length <= 0 || sscanf(text.data(), "%d %lld %d %31s", &controller, &identifier, &process, start.data()) != 4 ||
-        controller != lock.controller || identifier != lock.identifier || process <= 0) {
+    if (length <= 0 ||
+        sscanf(text.data(), "%d %lld %d %31s", &noted_controller, &noted_identifier, &process, start.data()) != 4 ||
+        noted_controller != controller || noted_identifier != identifier || process <= 0) {
         return 0;
     }
     return began(process) == start.data() ? 0 : process;

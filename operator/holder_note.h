@@ -8,13 +8,12 @@
 
 namespace engine {
 
-struct CommandLock;
-
 // Notes this process as the holder. Best effort: without a note nobody is said to be gone.
 void note_holder(int controller, const char *identifier);
 void forget_holder();
 
-// The process that held this lock, if it has ended; 0 if it lives, or nothing is known of it.
-pid_t gone_holder(const CommandLock &lock);
+// The process that held this controller's lock of this identifier, if it has ended; 0 if it lives, or nothing is known of
+// it.
+pid_t gone_holder(int controller, std::int64_t identifier);
 
 }  // namespace engine

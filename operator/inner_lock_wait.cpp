@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "lock_state.h"
+#include "inner_lock_holders.h"
 #include "printable.h"
 #include "utc.h"
 

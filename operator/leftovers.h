@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "findings.h"
+#include "finding.h"
 #include "generations.h"
 #include "storage_places.h"
 

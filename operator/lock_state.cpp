@@ -31,7 +31,10 @@ const char *kind(const CommandLock &lock)
 
 }  // namespace
 
-bool CommandLock::looks_alive() const { return time(nullptr) <= fresh_until && gone_holder(*this) == 0; }
+bool CommandLock::looks_alive() const
+{
+    return time(nullptr) <= fresh_until && gone_holder(controller, identifier) == 0;
+}
 
 LockState read_lock_state()
 {
@@ -58,7 +61,7 @@ std::string describe(const CommandLock &lock, const std::string &group)
         text += " for group " + group;
     }
     text += ", identifier " + std::to_string(lock.identifier) + "; ";
-    if (const pid_t process = gone_holder(lock); process != 0) {
+    if (const pid_t process = gone_holder(lock.controller, lock.identifier); process != 0) {
         return text + "its process " + std::to_string(process) + " is gone";
     }
     return text + (lock.looks_alive() ? "it looks alive, fresh until " + utc(lock.fresh_until)
@@ -89,29 +92,12 @@ std::string clearing_command(const CommandLock &lock)
            std::to_string(lock.controller);
 }
 
-std::string inner_lock_text()
-{
-    std::array<KESTA_INNERLOCK_BUF, KESTA_CONTROLLERS> slots{};
-    if (kestal_non_volatile_rw_memory(KESTA_BLOCK_INNERLOCK_CNT0, KESTA_BLOCK_READ, slots.data(), sizeof(slots)) !=
-        KESTA_OK) {
-        return "";
-    }
-    std::string text;
-    for (std::size_t i = 0; i < slots.size(); ++i) {
-        if (slots[i].status != 0) {
-            text += (text.empty() ? "CNT" : ", CNT") + std::to_string(i) + " (token " +
-                    std::to_string(slots[i].timeout) + ")";
-        }
-    }
-    return text;
-}
-
 void refuse_locked(const std::string &message, const LockState &state, int controller)
 {
     for (const CommandLock &lock : state.held) {
         if (lock.controller == controller) {
             throw Failure(Exit::locked, "locked", message + ": " + describe(lock, state.group) + ".",
-                          (gone_holder(lock) != 0
+                          (gone_holder(lock.controller, lock.identifier) != 0
                                ? "Nobody will let go of it. Clear it: "
                                : "Wait for it with --wait SECONDS. If its command is dead, clear it: ") +
                               clearing_command(lock));

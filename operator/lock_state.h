@@ -42,10 +42,6 @@ const char *type_word(const CommandLock &lock);
 // The one command that clears a lock.
 std::string clearing_command(const CommandLock &lock);
 
-// Controllers whose inner-lock slot is set, as "CNT1 (token 42)"; empty if nobody holds it or it
-// can't be told.
-std::string inner_lock_text();
-
 // Refuses because of a lock. Throws Failure with Exit::locked.
 [[noreturn]] void refuse_locked(const std::string &message, const LockState &state, int controller);
 

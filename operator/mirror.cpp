@@ -6,33 +6,12 @@
 
 #include <algorithm>
 
-#include "appliance_state.h"
-#include "cause_words.h"
-#include "failure.h"
+#include "causes.h"
 
 namespace engine {
 namespace {
 
 constexpr std::size_t names = 2;
-
-// By block ID: the slot names are the first.
-std::vector<const Block *> mirrored_blocks()
-{
-    std::vector<const Block *> mirrored;
-    for (const Block &block : blocks()) {
-        if (block.mirrored) {
-            mirrored.push_back(&block);
-        }
-    }
-    return mirrored;
-}
-
-// Whether the bytes behind the value are zeros, as they are to be.
-bool holds_value_only(const Block &block, const std::vector<char> &bytes)
-{
-    return all_zero(
-        {bytes.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(block.written, bytes.size())), bytes.end()});
-}
 
 // How much of an item a repair copies. To the disk goes what holds the value: whoever reads a mirror of an identity may
 // have room for no more. A file may have either length.
@@ -58,6 +37,19 @@ bool is_slot_field(const Content &content)
     return content && is_slot({content->data(), strnlen(content->data(), content->size())});
 }
 
+}  // namespace
+
+std::vector<const Block *> mirrored_blocks()
+{
+    std::vector<const Block *> mirrored;
+    for (const Block &block : blocks()) {
+        if (block.mirrored) {
+            mirrored.push_back(&block);
+        }
+    }
+    return mirrored;
+}
+
 int write_item(Side to, int block, std::vector<char> bytes)
 {
     const unsigned size = static_cast<unsigned>(bytes.size());
@@ -65,7 +57,11 @@ int write_item(Side to, int block, std::vector<char> bytes)
                               : kestal_non_volatile_rw_sysback(block, KESTA_FILE_WRITE, bytes.data(), size);
 }
 
-}  // namespace
+bool holds_value_only(const Block &block, const std::vector<char> &bytes)
+{
+    return all_zero(
+        {bytes.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(block.written, bytes.size())), bytes.end()});
+}
 
 const char *name_of(Side side) { return side == Side::memory ? "NV memory" : "the system backup area"; }
 
@@ -161,44 +157,6 @@ int add_missing_items(const MirrorState &state, std::string &failed)
         }
     }
     return KESTA_OK;
-}
-
-std::vector<const Block *> overlong_mirrors()
-{
-    std::vector<const Block *> overlong;
-    for (const Block *const block : mirrored_blocks()) {
-        std::vector<char> bytes(block->mirror_size, '\0');
-        const auto reads = [&](unsigned size) {
-            return kestal_non_volatile_rw_sysback(block->id, KESTA_FILE_READ, bytes.data(), size) == KESTA_OK;
-        };
-        if (block->written < block->mirror_size && reads(block->mirror_size) && !reads(block->written)) {
-            overlong.push_back(block);
-        }
-    }
-    return overlong;
-}
-
-void shorten_mirror(const Block &block)
-{
-    under_inner_lock("The mirror of " + block.name + " was not written.", [&block] {
-        std::vector<char> bytes(block.mirror_size, '\0');
-        const bool was_read =
-            kestal_non_volatile_rw_sysback(block.id, KESTA_FILE_READ, bytes.data(), block.mirror_size) == KESTA_OK;
-        if (was_read && !holds_value_only(block, bytes)) {
-            throw Failure(Exit::no, "overlong-mirror",
-                          "The system backup area's " + block.name + " has more than " + std::to_string(block.written) +
-                              " bytes that are not zero.",
-                          "Look at it with 'kestactl nv read " + block.name +
-                              " --from sysback', and write it anew with "
-                              "'kestactl identity set'.");
-        }
-        bytes.resize(block.written);
-        if (!was_read || write_item(Side::disk, block.id, bytes) != KESTA_OK) {
-            fail_call("write-failed", "The mirror of " + block.name + " was not written.",
-                      "Look at --trace 1 for the failed call, and check the disk of the system backup area.");
-        }
-        return "The mirror of " + block.name + " was written";
-    });
 }
 
 }  // namespace engine

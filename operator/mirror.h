@@ -18,6 +18,15 @@ inline Side other(Side side) { return side == Side::memory ? Side::disk : Side::
 // "NV memory" or "the system backup area".
 const char *name_of(Side side);
 
+// By block ID: the slot names are the first.
+std::vector<const Block *> mirrored_blocks();
+
+// Whether the bytes behind the value are zeros, as they are to be.
+bool holds_value_only(const Block &block, const std::vector<char> &bytes);
+
+// Writes one item in one place. Returns the library's result.
+int write_item(Side to, int block, std::vector<char> bytes);
+
 // An item as a place holds it. No bytes: it can't be read there, or has no place there.
 using Content = std::optional<std::vector<char>>;
 
@@ -72,12 +81,5 @@ int copy_items(const MirrorState &state, Side from, std::string &failed);
 
 // Adds the items that the disk lacks, from memory, and nothing else. Returns as copy_items.
 int add_missing_items(const MirrorState &state, std::string &failed);
-
-// The items whose file on the disk has more bytes than their value, as a repair leaves it: block access refuses such a
-// file to whoever reads the value only, and takes the disk for failed.
-std::vector<const Block *> overlong_mirrors();
-
-// Writes such a file anew, with the value only. Throws Failure: it can't be, or the bytes behind the value are no zeros.
-void shorten_mirror(const Block &block);
 
 }  // namespace engine

@@ -9,6 +9,7 @@
 #include "appliance_state.h"
 #include "archive_places.h"
 #include "beneath.h"
+#include "causes.h"
 #include "failure.h"
 #include "generation_folder.h"
 #include "generations.h"

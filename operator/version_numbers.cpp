@@ -7,7 +7,7 @@
 #include <string>
 
 #include "appliance_state.h"
-#include "cause_words.h"
+#include "causes.h"
 
 namespace engine {
 

@@ -23,16 +23,6 @@ CODE = (".h", ".c", ".cpp")
 DECLARED_IN = (("include/kesta/", re.compile(r"^(?:kestal?_\w+|g_version_file_sync)$")),)
 CONTRACT = "platform/contract/"
 
-# Files that were in cycles when these were first looked for. None may come to them; who parts some takes them off.
-KNOWN_CYCLES = (
-    {"operator/appliance_state", "operator/cause_words", "operator/held_lock", "operator/holder_note",
-     "operator/inner_lock_wait", "operator/lock_state", "operator/mirror", "operator/trace_capture"},
-    {"operator/find_archives", "operator/find_mirror", "operator/find_others", "operator/find_slots",
-     "operator/findings", "operator/leftovers"},
-    {"operator/generation_retention", "operator/generation_store"},
-    {"tools/kestactl/command", "tools/kestactl/kept_generations"},
-)
-
 
 def read_table(source):
     """Each folder of the table with those that its row names."""
@@ -142,8 +132,7 @@ class Arrows:
 
     def look_for_cycles(self):
         for group in cycles_in(self.files):
-            if not any(known.issuperset(group) for known in KNOWN_CYCLES):
-                self.faults.append("a cycle of files: " + ", ".join(group))
+            self.faults.append("a cycle of files: " + ", ".join(group))
         # Where all arrows are those of the table, folders have no cycle that it has not.
         for group in cycles_in(self.rows):
             self.faults.append("a cycle of folders in the table: " + ", ".join(group))

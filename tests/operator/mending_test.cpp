@@ -12,7 +12,7 @@
 #include "generations.h"
 #include "kesta/kesta.h"
 #include "mended_appliance.h"
-#include "mirror.h"
+#include "overlong_mirror.h"
 #include "private_root.h"
 #include "tar_samples.h"
 #include "test_platform.h"

@@ -14,9 +14,11 @@
 #include <memory>
 
 #include "appliance_state.h"
+#include "archive_places.h"
 #include "command.h"
 #include "held_command.h"
 #include "held_lock.h"
+#include "inner_lock_holders.h"
 #include "lock_state.h"
 #include "names.h"
 #include "render.h"

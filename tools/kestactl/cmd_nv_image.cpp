@@ -14,6 +14,7 @@
 #include "appliance_state.h"
 #include "block_value.h"
 #include "command.h"
+#include "inner_lock_holders.h"
 #include "lock_state.h"
 #include "overview.h"
 #include "whole_file.h"

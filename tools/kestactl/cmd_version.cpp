@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "appliance_state.h"
+#include "causes.h"
 #include "command.h"
 #include "names.h"
 #include "overview.h"

@@ -1,7 +1,8 @@
 // What changing commands keep of the archives that they replace, and what they say of it.
 #pragma once
 
-#include "command.h"
+#include "options.h"
+#include "plan.h"
 
 namespace kestactl {
 

@@ -14,7 +14,7 @@ Json to_json(const CommandLock &lock, const std::string &group)
             {"since", utc(lock.identifier)},
             {"fresh_until", utc(lock.fresh_until)},
             {"looks_alive", lock.looks_alive()},
-            {"gone", gone_holder(lock) != 0},
+            {"gone", gone_holder(lock.controller, lock.identifier) != 0},
             {"group", group},
             {"clear_with", clearing_command(lock)}};
 }
