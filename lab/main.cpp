@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -13,13 +12,13 @@
 #include <vector>
 
 #include "appliance.h"
+#include "options.h"
 #include "private_namespace.h"
 #include "standard_descriptors.h"
 
 namespace {
 
 constexpr int exit_failed = 1;
-constexpr int exit_usage = 2;
 constexpr int exit_not_runnable = 126;
 constexpr int exit_not_found = 127;
 
@@ -112,13 +111,13 @@ int main(int argc, char **argv)  // NOLINT(bugprone-exception-escape)
     (void)signal(SIGCHLD, SIG_DFL);  // ignored by a parent, it would hide how commands end
     std::vector<std::string> command = split_command(argc, argv);
 
-    CLI::App app{
+    options::Program program(
         "An appliance of four controllers on one machine, each in namespaces of its own "
         "with its own /etc, /opt, /tmp, /var/run and /boot. They share NV memory and the "
         "system backup area. Nothing is written outside the lab's folder.",
-        "kesta-lab"};
-    app.require_subcommand(1);
-    app.set_version_flag("--version", "kesta-lab " KESTA_VERSION);
+        "kesta-lab", "kesta-lab " KESTA_VERSION);
+    const options::Command app = program.command();
+    app.require_subcommand();
     app.footer(
         "Example:\n"
         "  kesta-lab create /tmp/appliance\n"
@@ -133,47 +132,44 @@ int main(int argc, char **argv)  // NOLINT(bugprone-exception-escape)
     std::vector<std::string> binds;
     app.add_option("--dir", option, "The lab's folder (else $KESTA_LAB, else the current folder)");
 
-    CLI::App *create = app.add_subcommand("create", "Make a lab in a new folder");
-    create->add_option("DIR", folder, "The folder, new or empty")->required();
-    create->add_option("--product", product,
-                       "Installed tree whose programs and libraries to use (else this program's)");
-    create->add_option("--platform", platform, "Platform to run on (else " KESTA_PLATFORM ")");
-    CLI::App *exec = app.add_subcommand("exec",
-                                        "Run a command on a controller; its exit code is "
-                                        "kesta-lab's");
-    exec->add_option("CONTROLLER", controller, "CNT0 to CNT3")->required();
-    exec->add_option("--bind", binds, "Folder of the machine to keep visible at its own path");
-    exec->footer(
+    const options::Command create = app.add_subcommand("create", "Make a lab in a new folder");
+    create.add_option("DIR", folder, "The folder, new or empty").required();
+    create.add_option("--product", product, "Installed tree whose programs and libraries to use (else this program's)");
+    create.add_option("--platform", platform, "Platform to run on (else " KESTA_PLATFORM ")");
+    const options::Command exec = app.add_subcommand("exec",
+                                                     "Run a command on a controller; its exit code is "
+                                                     "kesta-lab's");
+    exec.add_option("CONTROLLER", controller, "CNT0 to CNT3").required();
+    exec.add_option("--bind", binds, "Folder of the machine to keep visible at its own path");
+    exec.footer(
         "The command stands behind --.\n\nExamples:\n"
         "  kesta-lab exec CNT1 -- kestactl status\n"
         "  kesta-lab exec CNT0 --bind /srv/build -- /srv/build/program");
-    CLI::App *shell = app.add_subcommand("shell", "Start a shell on a controller");
-    shell->add_option("CONTROLLER", controller, "CNT0 to CNT3")->required();
-    shell->add_option("--bind", binds, "Folder of the machine to keep visible at its own path");
-    CLI::App *status = app.add_subcommand("status", "Show the controllers and what they share");
-    CLI::App *destroy = app.add_subcommand("destroy", "End the lab's processes and remove it");
-    destroy->add_option("DIR", folder, "The lab's folder")->required();
+    const options::Command shell = app.add_subcommand("shell", "Start a shell on a controller");
+    shell.add_option("CONTROLLER", controller, "CNT0 to CNT3").required();
+    shell.add_option("--bind", binds, "Folder of the machine to keep visible at its own path");
+    const options::Command status = app.add_subcommand("status", "Show the controllers and what they share");
+    const options::Command destroy = app.add_subcommand("destroy", "End the lab's processes and remove it");
+    destroy.add_option("DIR", folder, "The lab's folder").required();
 
-    try {
-        app.parse(argc, argv);
-        if (exec->parsed() && command.empty()) {
-            throw CLI::RequiredError("-- COMMAND");
+    exec.callback([&command] {
+        if (command.empty()) {
+            options::require("-- COMMAND");
         }
-    } catch (const CLI::ParseError &error) {
-        const bool answered = app.exit(error) == 0;
-        std::cout.flush();
-        return !answered ? exit_usage : std::cout ? 0 : exit_failed;
+    });
+    if (const auto ended = program.parse(argc, argv)) {
+        return options::tell(*ended);
     }
 
     try {
-        if (create->parsed()) {
+        if (create.was_given()) {
             const auto made = lab::Appliance::create(folder, product, platform);
             std::cout << "Made a lab of four controllers in " << made.folder().string() << "\n";
-        } else if (exec->parsed()) {
+        } else if (exec.was_given()) {
             run_in(lab::Appliance::find(option), controller, binds, command);
-        } else if (shell->parsed()) {
+        } else if (shell.was_given()) {
             run_in(lab::Appliance::find(option), controller, binds, {user_shell()});
-        } else if (status->parsed()) {
+        } else if (status.was_given()) {
             print_status(lab::Appliance::find(option));
         } else {
             lab::Appliance(folder).destroy();

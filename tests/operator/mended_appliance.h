@@ -3,14 +3,15 @@
 
 #include <array>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "json_value.h"
+
 namespace test {
 
-using Json = nlohmann::ordered_json;
+using kestactl::Json;
 
 enum class Damage { none, flipped, cut, tail, absent, unreadable, older, newer };
 inline constexpr std::array<const char *, 8> damage_names{"good",   "flipped",    "cut",   "with a tail",

@@ -93,7 +93,7 @@ TEST(Mending, WhatIsInOrderAgreesInAllSubjects)
             const Json &row = verified.json.at("subjects")[i];
             EXPECT_EQ(row.at("subject"), subjects[i]);
             EXPECT_EQ(row.at("state"), row.at("subject") == "generations" ? "absent" : "agree") << verified.text;
-            EXPECT_TRUE(row.at("mend").is_array() && row.at("mend").empty()) << row;
+            EXPECT_TRUE(row.at("mend").is_array() && row.at("mend").empty()) << row.dump();
         }
         const Json backup = subject(verified, "backup");
         EXPECT_EQ(backup.at("places")[0].at("place"), "flash");
@@ -324,7 +324,7 @@ TEST(Mending, UnfinishedRestoreWaitsForItsArchive)
     write_file(engine::unfinished_restore_note,
                R"({"group":"app","from":"backup","only":"","on_reboot":false,"replaced":[]})");
     const std::vector<std::string> complete{"kestactl", "restore", "app", "--from", "backup"};
-    EXPECT_EQ(subject(appliance.verify(), "leftovers").at("mend"), Json::array({complete}));
+    EXPECT_EQ(subject(appliance.verify(), "leftovers").at("mend"), Json::Array({complete}));
     appliance.damage(0, Damage::flipped);
     appliance.damage(2, Damage::flipped);
     EXPECT_TRUE(subject(appliance.verify(), "leftovers").at("mend").is_null());
@@ -441,7 +441,7 @@ TEST(Mending, MirrorIsMendedBesideAnArchiveThatCanNotBeRead)
                 EXPECT_EQ(after.exit, 4) << state << after.text;
                 const Json mirror = subject(after, "mirror");
                 EXPECT_NE(before.at("state"), "agree") << state;
-                EXPECT_TRUE(mirror.at("state") == "agree" || mirror.at("mend").is_null()) << state << mirror;
+                EXPECT_TRUE(mirror.at("state") == "agree" || mirror.at("mend").is_null()) << state << mirror.dump();
                 EXPECT_EQ(subject(after, place % 2 == 0 ? "backup" : "accepted").at("state"), "unreadable") << state;
             }
         }

@@ -1,5 +1,4 @@
 // kestactl completion: what a shell completes, made from the table of commands and options itself.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <map>
 #include <memory>
@@ -60,39 +59,38 @@ _kestactl_identifiers()
 )";
 
 // A command below the program's own: its words, as " nv read".
-using Visit = std::function<void(const CLI::App &command, const std::string &path)>;
+using Visit = std::function<void(const Command &command, const std::string &path)>;
 
-void visit_all(const CLI::App &command, const std::string &path, const Visit &visit)
+void visit_all(const Command &command, const std::string &path, const Visit &visit)
 {
     visit(command, path);
-    for (const CLI::App *inner : command.get_subcommands([](const CLI::App *) { return true; })) {
-        visit_all(*inner, path + " " + inner->get_name(), visit);
+    for (const Command &inner : command.subcommands()) {
+        visit_all(inner, path + " " + inner.name(), visit);
     }
 }
 
-std::vector<std::string> option_names(const CLI::App &command)
+std::vector<std::string> option_names(const Command &command)
 {
     std::vector<std::string> names;
-    for (const CLI::Option *option : command.get_options()) {
-        for (const std::string &name : option->get_lnames()) {
-            names.push_back("--" + name);
-        }
+    for (const Option &option : command.options()) {
+        const std::vector<std::string> own = option.long_names();
+        names.insert(names.end(), own.begin(), own.end());
     }
     return names;
 }
 
 // What stands in a command's place: its commands and options, and what is asked for its positionals.
-std::string words_of(const CLI::App &command, std::string &ask)
+std::string words_of(const Command &command, std::string &ask)
 {
     std::vector<std::string> words;
-    for (const CLI::App *inner : command.get_subcommands([](const CLI::App *) { return true; })) {
-        words.push_back(inner->get_name());
+    for (const Command &inner : command.subcommands()) {
+        words.push_back(inner.name());
     }
     const std::vector<std::string> options = option_names(command);
     words.insert(words.end(), options.begin(), options.end());
-    for (const CLI::Option *option : command.get_options()) {
-        const auto found = asked.find(option->get_name());
-        if (option->get_positional() && found != asked.end()) {
+    for (const Option &option : command.options()) {
+        const auto found = asked.find(option.name());
+        if (option.is_positional() && found != asked.end()) {
             ask = found->second;
         }
     }
@@ -100,19 +98,19 @@ std::string words_of(const CLI::App &command, std::string &ask)
 }
 
 // The values that an option tells itself, "a|b|c"; or what is asked for it.
-std::string values_of(const CLI::App &command, const CLI::Option &option, std::string &ask)
+std::string values_of(const Command &command, const Option &option, std::string &ask)
 {
-    if (option.get_expected_max() == 0) {
+    if (!option.takes_value()) {
         return "";  // a flag: what comes behind it is not its value
     }
-    for (const std::string &name : option.get_lnames()) {
-        for (const std::string &key : {"--" + name, command.get_name() + " --" + name}) {
+    for (const std::string &name : option.long_names()) {
+        for (const std::string &key : {name, command.name() + " " + name}) {
             if (const auto found = asked_by_option.find(key); found != asked_by_option.end()) {
                 ask = found->second;
             }
         }
     }
-    std::string text = option.get_option_text();
+    std::string text = option.option_text();
     if (text.find('|') == std::string::npos) {
         return "";
     }
@@ -127,21 +125,21 @@ std::string assignment(const std::string &words, const std::string &ask)
     return "words=" + quoted(words) + (ask.empty() ? "" : "; ask=" + ask) + " ;;\n";
 }
 
-std::string bash_script(const CLI::App &app)
+std::string bash_script(const Command &app)
 {
     std::string paths;
     std::string values;
     std::string words;
-    visit_all(app, "", [&](const CLI::App &command, const std::string &path) {
+    visit_all(app, "", [&](const Command &command, const std::string &path) {
         if (!path.empty()) {
             paths += "            " + quoted(path) + ") path=" + quoted(path) + " ;;\n";
         }
-        for (const CLI::Option *option : command.get_options()) {
+        for (const Option &option : command.options()) {
             std::string ask;
-            const std::string known = values_of(command, *option, ask);
-            for (const std::string &name : option->get_lnames()) {
+            const std::string known = values_of(command, option, ask);
+            for (const std::string &name : option.long_names()) {
                 if (!known.empty() || !ask.empty()) {
-                    values += "        " + quoted(path + " --" + name) + ") " + assignment(known, ask);
+                    values += "        " + quoted(path + " " + name) + ") " + assignment(known, ask);
                 }
             }
         }
@@ -176,7 +174,7 @@ std::string bash_script(const CLI::App &app)
            "complete -F _kestactl kestactl\n";
 }
 
-Result completion(const CLI::App &app, const std::string &shell)
+Result completion(const Command &app, const std::string &shell)
 {
     Result result;
     if (shell == "zsh") {
@@ -196,7 +194,7 @@ void add_completion(const Command &app, Action &action)
     command.add_option("SHELL", *shell, "bash or zsh").required().one_of({"bash", "zsh"});
     command.callback([app, &action, shell] {
         action = [app, shell](const Globals &) {
-            return completion(app.app(), *shell);
+            return completion(app, *shell);
         };
     });
     add_examples(command,

@@ -160,7 +160,7 @@ Result take_command(const LockOptions &options, const Globals &globals)
     result.json["identifier"] = taken.identifier;
     if (options.command.empty()) {
         result.text = taken.identifier + "\n";
-        const int own = result.json.at("controller");
+        const int own = result.json.at("controller").get<int>();
         result.unwritten = [signals, own, identifier = taken.identifier] {
             release_command_lock(own, identifier);
         };

@@ -157,8 +157,9 @@ std::string subjects_table(const Json &verified)
 {
     std::string html = "<table>\n";
     for (const Json &subject : verified.at("subjects")) {
-        html += row(subject.at("subject"), (is_in_order(subject) ? "" : "&#9888; ") + cell(subject.at("state")) + ": " +
-                                               cell(subject.at("text")) + places_of(subject));
+        html += row(subject.at("subject").get<std::string>(), (is_in_order(subject) ? "" : "&#9888; ") +
+                                                                  cell(subject.at("state")) + ": " +
+                                                                  cell(subject.at("text")) + places_of(subject));
     }
     return html + "</table>\n";
 }
@@ -220,7 +221,7 @@ std::string image_map(const Json &image)
     std::string html = "<div class=\"map\" role=\"img\" aria-label=\"The bytes of the NV image\">\n";
     bool other = false;
     for (const Json &field : image.at("fields")) {
-        const std::string bytes = field.at("bytes");
+        const std::string bytes = field.at("bytes").get<std::string>();
         other = !other;
         for (std::size_t i = 0; i < bytes.size() / 2; ++i) {
             const bool set = bytes.compare(2 * i, 2, "00") != 0;

@@ -127,8 +127,7 @@ void add_examples(const Command &command, const std::string &examples)
 
 std::string dumped(const Json &json, int indent)
 {
-    constexpr bool ascii_only = true;  // C1 controls and DEL are no control characters to JSON
-    return json.dump(indent, ' ', ascii_only, Json::error_handler_t::replace);
+    return json.dump_ascii(indent);  // C1 controls and DEL are no control characters to JSON
 }
 
 std::string joined(const std::vector<std::string> &words)

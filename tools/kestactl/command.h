@@ -10,6 +10,10 @@
 
 namespace kestactl {
 
+using options::Command;
+using options::Option;
+using options::require;
+
 // Tells a terminal how large a file has grown, every other second at most. It is called while a step works.
 void tell_growth(const std::string &path);
 

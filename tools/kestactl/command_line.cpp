@@ -1,10 +1,8 @@
 #include "command_line.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,63 +31,63 @@ std::size_t distance(const std::string &one, const std::string &other)
     return row[other.size()];
 }
 
-std::string nearest_command(const CLI::App &command, const std::string &word)
+std::string nearest_command(const Command &command, const std::string &word)
 {
     std::string nearest;
     std::size_t least = std::string::npos;
-    for (const CLI::App *inner : command.get_subcommands([](const CLI::App *) { return true; })) {
-        if (const std::size_t far = distance(word, inner->get_name()); far < least) {
+    for (const Command &inner : command.subcommands()) {
+        if (const std::size_t far = distance(word, inner.name()); far < least) {
             least = far;
-            nearest = inner->get_name();
+            nearest = inner.name();
         }
     }
     return nearest;
 }
 
-const CLI::App *inner_command(const CLI::App &command, const std::string &name)
+std::optional<Command> inner_command(const Command &command, const std::string &name)
 {
-    const std::vector<const CLI::App *> found =
-        command.get_subcommands([&](const CLI::App *inner) { return inner->get_name() == name; });
-    return found.empty() ? nullptr : found.front();
+    for (const Command &inner : command.subcommands()) {
+        if (inner.name() == name) {
+            return inner;
+        }
+    }
+    return std::nullopt;
 }
 
 // The first word that stands where a command has to, and is none; and which one is meant, perhaps.
-std::optional<Failure> unknown_command(const CLI::App &app, int argc, const char *const *argv)
+std::optional<Failure> unknown_command(const Command &app, int argc, const char *const *argv)
 {
-    const CLI::App *command = &app;
-    for (int i = 1; i < argc && !command->get_subcommands([](const CLI::App *) { return true; }).empty(); ++i) {
+    Command command = app;
+    for (int i = 1; i < argc && !command.subcommands().empty(); ++i) {
         const std::string word = argv[i];
         if (word[0] == '-') {
-            const CLI::Option *option = app.get_option_no_throw(word);
-            i += option && option->get_expected_max() > 0 ? 1 : 0;
+            const std::optional<Option> option = app.find_option(word);
+            i += option && option->takes_value() ? 1 : 0;
             continue;
         }
-        const CLI::App *inner = inner_command(*command, word);
+        const std::optional<Command> inner = inner_command(command, word);
         if (!inner) {
-            const std::string near = nearest_command(*command, word);
-            const std::string of = command == &app ? "kestactl" : "'kestactl " + command->get_name() + "'";
+            const std::string near = nearest_command(command, word);
+            const std::string of = command.name() == app.name() ? "kestactl" : "'kestactl " + command.name() + "'";
             return Failure(Exit::usage, "usage", "'" + word + "' is no command of " + of + ".",
                            (near.empty() ? "" : "Did you mean '" + near + "'? ") +
                                std::string("See --help for all of them."));
         }
-        command = inner;
+        command = *inner;
     }
     return std::nullopt;
 }
 
 // Help and the version are answers; everything else is wrong usage.
-Result answer_of(const CLI::App &app, const CLI::ParseError &error, int argc, const char *const *argv)
+Result answer_of(const Command &app, const options::Ended &ended, int argc, const char *const *argv)
 {
-    if (error.get_exit_code() != 0) {
+    if (ended.wrong) {
         if (const std::optional<Failure> unknown = unknown_command(app, argc, argv)) {
             throw Failure(*unknown);
         }
-        throw Failure(Exit::usage, "usage", std::string(error.what()),
-                      "See 'kestactl --help', or --help behind a command.");
+        throw Failure(Exit::usage, "usage", ended.problem, "See 'kestactl --help', or --help behind a command.");
     }
-    std::ostringstream text;
-    app.exit(error, text, text);
-    return {Exit::done, text.str(), {{"text", text.str()}}};
+    return {Exit::done, ended.text, {{"text", ended.text}}};
 }
 
 struct Verb {
@@ -162,28 +160,27 @@ Result run_words(const std::vector<std::string> &words, const LockRule &lock_rul
 }  // namespace
 
 CommandLine::CommandLine(int argc, const char *const *argv)
-    : app_(std::make_unique<CLI::App>("The saved environments of this controller: what there is, what is in force, and "
-                                      "moving it between the storage places.",
-                                      "kestactl"))
+    : program_(
+          "The saved environments of this controller: what there is, what is in force, and moving it between the "
+          "storage places.",
+          "kestactl", "kestactl " KESTA_VERSION)
 {
+    const Command app = program_.command();
     globals_.run_words = run_words;
-    app_->require_subcommand(1);
-    app_->fallthrough();
-    app_->footer(exit_codes);
-    app_->set_version_flag("--version", "kestactl " KESTA_VERSION);
-    app_->add_flag("--json", globals_.json, "Print one JSON text on stdout, errors included");
-    app_->add_option("--trace", globals_.trace_level, "Show trace lines up to this level on stderr")
-        ->check(CLI::Range(0, 5));
+    app.require_subcommand();
+    program_.fallthrough();
+    app.add_flag("--json", globals_.json, "Print one JSON text on stdout, errors included");
+    app.add_option("--trace", globals_.trace_level, "Show trace lines up to this level on stderr").in_range(0, 5);
     const auto only = only_word(argc, argv);
     for (const Verb &verb : verbs) {
         if (!only || verb.name == *only) {
-            verb.add(Command(app_.get()), globals_, action_);
+            verb.add(app, globals_, action_);
         }
     }
     if (!only) {
-        add_completion(Command(app_.get()), action_);
+        add_completion(app, action_);
     }
-    add_examples(Command(app_.get()),
+    add_examples(app,
                  "  kestactl status --archives\n"
                  "  kestactl slot switch --dry-run\n"
                  "  kestactl copy cntbackup2backup\n"
@@ -191,16 +188,10 @@ CommandLine::CommandLine(int argc, const char *const *argv)
                  "  kestactl nv read accept-name --json");
 }
 
-CommandLine::~CommandLine() = default;
-
 std::optional<Result> CommandLine::parse(int argc, const char *const *argv)
 {
-    try {
-        app_->parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        return answer_of(*app_, error, argc, argv);
-    }
-    return std::nullopt;
+    const std::optional<options::Ended> ended = program_.parse(argc, argv);
+    return ended ? std::optional(answer_of(program_.command(), *ended, argc, argv)) : std::nullopt;
 }
 
 }  // namespace kestactl

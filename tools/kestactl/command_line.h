@@ -1,7 +1,6 @@
 // The whole command line of kestactl: what may be given, and which action that chooses.
 #pragma once
 
-#include <memory>
 #include <optional>
 
 #include "command.h"
@@ -15,9 +14,6 @@ public:
     // For these alone, with the commands that they can mean: all of them, unless the first word is one. What is made for
     // nothing is most of a short command's work.
     CommandLine(int argc, const char *const *argv);
-    ~CommandLine();
-    CommandLine(const CommandLine &) = delete;
-    CommandLine &operator=(const CommandLine &) = delete;
 
     // The answer, where the arguments ask for nothing but help or the version; otherwise an action
     // is chosen. Throws Failure: wrong usage.
@@ -27,7 +23,7 @@ public:
     const Action &action() const { return action_; }
 
 private:
-    std::unique_ptr<CLI::App> app_;
+    options::Program program_;
     Globals globals_;
     Action action_;
 };

@@ -29,7 +29,7 @@ Json kept_json(const Generation &generation)
 
 }  // namespace
 
-void add_keep_options(const Command &command, Globals &globals)
+void add_keep_options(const options::Command &command, Globals &globals)
 {
     command
         .add_option("--keep", globals.keep_rule.keep,

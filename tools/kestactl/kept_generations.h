@@ -7,7 +7,7 @@
 namespace kestactl {
 
 // --keep and --comment.
-void add_keep_options(const Command &command, Globals &globals);
+void add_keep_options(const options::Command &command, Globals &globals);
 
 // Keeps what these places hold, and adds to the report. Looks again and again, which may throw.
 Step keep_step(

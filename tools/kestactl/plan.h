@@ -3,18 +3,17 @@
 
 #include <functional>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "failure.h"
 #include "generations.h"
+#include "json_value.h"
 #include "lock_rule.h"
 
 namespace kestactl {
 
 using namespace engine;
-using Json = nlohmann::ordered_json;
 
 struct Result;
 

@@ -1,12 +1,12 @@
 // kesta-platform-check: holds the platform's four libraries against what libkesta relies on, and
 // says which clause an implementation breaks. It finds the libraries as libkesta does, and needs an
 // appliance that nobody else uses meanwhile. NV memory is put back as it was.
-#include <CLI/CLI.hpp>
 #include <iostream>
 #include <string>
 
 #include "clause.h"
 #include "nv_memory.h"
+#include "options.h"
 #include "standard_descriptors.h"
 
 namespace {
@@ -65,22 +65,21 @@ int main(int argc, char **argv)  // NOLINT(bugprone-exception-escape)
 {
     kesta::open_standard_descriptors();
     remember_inherited_descriptors();
-    CLI::App app{"Holds the platform's four libraries against what libkesta relies on.", "kesta-platform-check"};
-    app.set_version_flag("--version", "kesta-platform-check " KESTA_VERSION);
+    options::Program program("Holds the platform's four libraries against what libkesta relies on.",
+                             "kesta-platform-check", "kesta-platform-check " KESTA_VERSION);
+    const options::Command command = program.command();
     bool run = false;
     std::string trace_log;
-    app.add_flag("--run", run, "Do it: nobody else may use the appliance meanwhile");
-    app.add_option("--trace-log", trace_log,
-                   "The file that traces of level 1 go to, where the platform doesn't keep it open")
-        ->type_name("FILE");
-    app.footer(
+    command.add_flag("--run", run, "Do it: nobody else may use the appliance meanwhile");
+    command
+        .add_option("--trace-log", trace_log,
+                    "The file that traces of level 1 go to, where the platform doesn't keep it open")
+        .type_name("FILE");
+    command.footer(
         "NV memory is put back as it was. Files named kesta_platform_check stay in the system\n"
         "backup area. Exit codes: 0 all clauses hold, 1 one is broken, 2 wrong usage.");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        const int code = app.exit(error);
-        return code == 0 ? 0 : 2;
+    if (const auto ended = program.parse(argc, argv)) {
+        return options::tell(*ended);
     }
     if (!run) {
         std::cerr << "kesta-platform-check writes NV memory and the system backup area.\n"

@@ -1,20 +1,23 @@
-// What the commands say of their options. This is all of the option parser that they see: its headers take longer to
-// compile than all commands together, and are included where the options are kept (options.cpp), parsed
-// (command_line.cpp) and listed (cmd_completion.cpp).
+// The options of the programs. This is all of the option parser that they see: its headers take longer to compile than
+// the largest command, and are included once.
 #pragma once
 
 #include <functional>
 #include <initializer_list>
 #include <map>
+#include <memory>
+#include <optional>
 #include <string>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace CLI {
 class App;
 class Option;
 }  // namespace CLI
 
-namespace kestactl {
+namespace options {
 
 // An option or an argument of a command; each call adds to what is known of it.
 class Option {
@@ -26,9 +29,17 @@ public:
     Option not_negative() const;
     Option one_of(std::initializer_list<std::string> words) const;
     Option option_text(const std::string &text) const;  // what help shows in the place of its value
-    Option group(const std::string &title) const;       // the title in help
+    Option type_name(const std::string &name) const;
+    Option group(const std::string &title) const;  // the title in help
     Option needs(const Option &other) const;
     Option excludes(const Option &other) const;
+
+    // The name that it goes by, and all that begin with "--", with these.
+    std::string name() const;
+    std::vector<std::string> long_names() const;
+    std::string option_text() const;
+    bool is_positional() const;
+    bool takes_value() const;
 
 private:
     CLI::Option *option_;
@@ -66,7 +77,13 @@ public:
     void callback(std::function<void()> action) const;
     void footer(const std::string &text) const;
 
-    CLI::App &app() const { return *app_; }
+    std::string name() const;
+    std::vector<Command> subcommands() const;
+    std::vector<Option> options() const;
+    // The option or flag of this name, if it has one.
+    std::optional<Option> find_option(const std::string &name) const;
+    // Whether the arguments have chosen it.
+    bool was_given() const;
 
 private:
     Option add_number(const std::string &names, const std::function<void(int)> &take,
@@ -75,7 +92,37 @@ private:
     CLI::App *app_;
 };
 
+// Why parsing ended before anything was chosen.
+struct Ended {
+    bool wrong;           // usage; else help or the version was asked for
+    std::string text;     // the answer, or what is wrong and where to look, as a terminal is told
+    std::string problem;  // what is wrong, as a sentence
+};
+
+// Tells a terminal: help and the version on stdout, what is wrong on stderr. Returns the exit code: 0, 2 for wrong usage,
+// or 1 where the answer can't be written.
+int tell(const Ended &ended);
+
+// All that may be given to a program.
+class Program {
+public:
+    Program(const std::string &description, const std::string &name, const std::string &version);
+    ~Program();
+    Program(const Program &) = delete;
+    Program &operator=(const Program &) = delete;
+
+    Command command() const { return Command(app_.get()); }
+    // Options of the program may stand behind its commands.
+    void fallthrough();
+
+    // Calls the callbacks of what is chosen. Throws what they throw.
+    std::optional<Ended> parse(int argc, const char *const *argv);
+
+private:
+    std::unique_ptr<CLI::App> app_;
+};
+
 // For a command's callback: what is missing although no single option is required. Ends the parsing.
 [[noreturn]] void require(const std::string &what);
 
-}  // namespace kestactl
+}  // namespace options

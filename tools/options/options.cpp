@@ -3,11 +3,11 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <optional>
-#include <set>
+#include <sstream>
 #include <utility>
 #include <vector>
 
-namespace kestactl {
+namespace options {
 
 Option Option::required() const { return Option(option_->required()); }
 
@@ -22,11 +22,30 @@ Option Option::one_of(std::initializer_list<std::string> words) const
 
 Option Option::option_text(const std::string &text) const { return Option(option_->option_text(text)); }
 
+Option Option::type_name(const std::string &name) const { return Option(option_->type_name(name)); }
+
 Option Option::group(const std::string &title) const { return Option(option_->group(title)); }
 
 Option Option::needs(const Option &other) const { return Option(option_->needs(other.option_)); }
 
 Option Option::excludes(const Option &other) const { return Option(option_->excludes(other.option_)); }
+
+std::string Option::name() const { return option_->get_name(); }
+
+std::vector<std::string> Option::long_names() const
+{
+    std::vector<std::string> names;
+    for (const std::string &name : option_->get_lnames()) {
+        names.push_back("--" + name);
+    }
+    return names;
+}
+
+std::string Option::option_text() const { return option_->get_option_text(); }
+
+bool Option::is_positional() const { return option_->get_positional(); }
+
+bool Option::takes_value() const { return option_->get_expected_max() > 0; }
 
 Command Command::add_subcommand(const std::string &name, const std::string &description) const
 {
@@ -66,6 +85,56 @@ void Command::callback(std::function<void()> action) const { app_->callback(std:
 
 void Command::footer(const std::string &text) const { app_->footer(text); }
 
+std::string Command::name() const { return app_->get_name(); }
+
+std::vector<Command> Command::subcommands() const
+{
+    std::vector<Command> commands;
+    for (CLI::App *command : app_->get_subcommands([](const CLI::App *) { return true; })) {
+        commands.emplace_back(command);
+    }
+    return commands;
+}
+
+std::vector<Option> Command::options() const
+{
+    std::vector<Option> options;
+    for (CLI::Option *option : app_->get_options()) {
+        options.emplace_back(option);
+    }
+    return options;
+}
+
+std::optional<Option> Command::find_option(const std::string &name) const
+{
+    CLI::Option *const option = app_->get_option_no_throw(name);
+    return option ? std::optional(Option(option)) : std::nullopt;
+}
+
+bool Command::was_given() const { return app_->parsed(); }
+
+Program::Program(const std::string &description, const std::string &name, const std::string &version)
+    : app_(std::make_unique<CLI::App>(description, name))
+{
+    app_->set_version_flag("--version", version);
+}
+
+Program::~Program() = default;
+
+void Program::fallthrough() { app_->fallthrough(); }
+
+std::optional<Ended> Program::parse(int argc, const char *const *argv)
+{
+    try {
+        app_->parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        std::ostringstream text;
+        const bool wrong = app_->exit(error, text, text) != 0;
+        return Ended{wrong, text.str(), error.what()};
+    }
+    return std::nullopt;
+}
+
 void require(const std::string &what) { throw CLI::RequiredError(what); }
 
-}  // namespace kestactl
+}  // namespace options

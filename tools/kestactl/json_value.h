@@ -1,0 +1,145 @@
+// A JSON value, as commands build and show it. Only json_value.cpp sees the library that reads and writes JSON: its
+// header takes longer to compile than most commands.
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <optional>
+#include <ranges>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace kestactl {
+
+class Json {
+public:
+    using Array = std::vector<Json>;
+    using Object = std::vector<std::pair<std::string, Json>>;  // members keep the order in which they were added
+
+    Json() = default;
+    Json(std::nullptr_t) {}
+    template <std::same_as<bool> Bool>
+    Json(Bool value) : value_(value)
+    {
+    }
+    template <std::integral Number>
+    requires(!std::same_as<Number, bool>) Json(Number value)
+        : value_(static_cast<std::conditional_t<std::is_signed_v<Number>, Signed, Unsigned>>(value))
+    {
+    }
+    Json(double value) : value_(value) {}
+    Json(std::string value) : value_(std::move(value)) {}
+    Json(std::string_view value) : value_(std::string(value)) {}
+    Json(const char *value) : value_(std::string(value)) {}
+    template <std::ranges::input_range Values>
+    requires(!std::convertible_to<Values, std::string_view> && !std::same_as<Values, Json>) Json(const Values &values)
+        : value_(Array(std::begin(values), std::end(values)))
+    {
+    }
+    Json(Array values) : value_(std::move(values)) {}
+    // An object where every element is a pair that begins with a string; else an array.
+    Json(std::initializer_list<Json> values);
+
+    static Json array() { return Array(); }
+    static Json object();
+    // Nothing: the text is no JSON, or is nested beyond what any command prints.
+    static std::optional<Json> parsed(std::string_view text);
+
+    bool is_null() const { return std::holds_alternative<std::nullptr_t>(value_); }
+    bool is_boolean() const { return std::holds_alternative<bool>(value_); }
+    bool is_string() const { return std::holds_alternative<std::string>(value_); }
+    bool is_array() const { return std::holds_alternative<Array>(value_); }
+    bool is_object() const { return std::holds_alternative<Object>(value_); }
+    bool is_number() const;
+    bool is_number_integer() const;
+
+    // Of an array or an object; null has no element.
+    std::size_t size() const;
+    bool empty() const { return size() == 0; }
+
+    // The value as a string, a bool, a number that it fits into, or a vector of these. Throws std::runtime_error where it is none.
+    template <typename Value>
+    Value get() const
+    {
+        if constexpr (std::same_as<Value, std::string>) {
+            return string();
+        } else if constexpr (std::same_as<Value, bool>) {
+            return boolean();
+        } else if constexpr (std::same_as<Value, double>) {
+            return real();
+        } else if constexpr (std::ranges::range<Value>) {
+            Value values;
+            for (const Json &element : *this) {
+                values.push_back(element.get<typename Value::value_type>());
+            }
+            return values;
+        } else {
+            const Signed number = integer();
+            if (!std::in_range<Value>(number)) {
+                refuse("a smaller number");
+            }
+            return static_cast<Value>(number);
+        }
+    }
+
+    // A member of an object, which null becomes: added as null where there is none.
+    Json &operator[](std::string_view key);
+    // A member or an element that is there. Throws std::runtime_error.
+    const Json &operator[](std::string_view key) const { return at(key); }
+    const Json &operator[](const char *key) const { return at(key); }
+    Json &operator[](const char *key) { return (*this)[std::string_view(key)]; }
+    const Json &at(std::string_view key) const;
+    const Json &at(const char *key) const { return at(std::string_view(key)); }
+    const Json &at(std::size_t index) const;
+    template <std::integral Index>
+    const Json &operator[](Index index) const
+    {
+        return at(static_cast<std::size_t>(index));
+    }
+    bool contains(std::string_view key) const { return find(key) != nullptr; }
+    // The member, or what is given where there is none.
+    Json value(std::string_view key, Json otherwise) const;
+
+    // Of an array, which null becomes.
+    void push_back(Json element);
+    const Json &front() const { return at(std::size_t{0}); }
+    const Json &back() const { return at(size() - 1); }
+    Json &back();
+    void insert_first(Json element);
+
+    // The elements of an array; nothing else has any.
+    const Json *begin() const;
+    const Json *end() const { return begin() + (is_array() ? size() : 0); }
+    // The members of an object; nothing else has any.
+    const Object &items() const;
+
+    // In one line, or indented. What is no UTF-8 is replaced.
+    std::string dump(int indent = -1) const;
+    // The same for any terminal and any reader: beyond ASCII as \u escapes.
+    std::string dump_ascii(int indent = -1) const;
+
+    friend bool operator==(const Json &a, const Json &b);
+
+private:
+    using Signed = std::int64_t;
+    using Unsigned = std::uint64_t;
+
+    const Json *find(std::string_view key) const;
+    const std::string &string() const;
+    bool boolean() const;
+    double real() const;
+    Signed integer() const;
+    [[noreturn]] static void refuse(const char *wanted);
+
+    std::variant<std::nullptr_t, bool, Signed, Unsigned, double, std::string, Array, Object> value_ = nullptr;
+
+    friend struct JsonText;
+};
+
+}  // namespace kestactl
