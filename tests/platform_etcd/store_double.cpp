@@ -202,7 +202,7 @@ Answer StoreDouble::lease(std::string_view method, std::string_view request)
     const bool known = leases_.count(id) != 0;
     if (method == "LeaseKeepAlive") {
         to.number(2, raw(id));
-        to.number(3, known ? raw(leases_[id]) : 0);
+        to.number(3, known ? raw(std::max<std::int64_t>(leases_[id], 1)) : 0);
         return {0, "", to.text()};
     }
     if (!known) {
