@@ -8,6 +8,7 @@ packages="
     g++ gcc clang clang-tidy clang-format libclang-rt-14-dev binutils
     libxml2-dev libarchive-dev libcli11-dev nlohmann-json3-dev nettle-dev
     libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
+    etcd-server etcd-client libnghttp2-dev libssl-dev openssl
     spin
     tar bzip2 lbzip2 coreutils findutils util-linux mount procps python3 strace
     xxd bsdextrautils abigail-tools chromium

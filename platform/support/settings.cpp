@@ -25,19 +25,24 @@ pthread_once_t loaded = PTHREAD_ONCE_INIT;
 struct Row {
     const char *key;
     int *number;  // null for a text
-    int lowest;
-    int highest;
+    long *large;  // a number that an int can't hold
+    long lowest;
+    long highest;
     char *text;
     unsigned text_size;
 };
 
-#define NUMBER(name, lowest, highest)                     \
-    {                                                     \
-#name, &current.name, lowest, highest, nullptr, 0 \
+#define NUMBER(name, lowest, highest)                              \
+    {                                                              \
+#name, &current.name, nullptr, lowest, highest, nullptr, 0 \
     }
-#define TEXT(name)                                               \
-    {                                                            \
-#name, nullptr, 0, 0, current.name, sizeof(current.name) \
+#define LARGE(name, lowest, highest)                               \
+    {                                                              \
+#name, nullptr, &current.name, lowest, highest, nullptr, 0 \
+    }
+#define TEXT(name)                                                        \
+    {                                                                     \
+#name, nullptr, nullptr, 0, 0, current.name, sizeof(current.name) \
     }
 
 const Row rows[] = {
@@ -54,6 +59,20 @@ const Row rows[] = {
     NUMBER(allow_shared_file_system, 0, 1),
     TEXT(status_file),
     TEXT(sysback_dir),
+    TEXT(nv_endpoints),
+    TEXT(sysback_endpoints),
+    TEXT(etcd_prefix),
+    TEXT(tls_ca),
+    TEXT(tls_cert),
+    TEXT(tls_key),
+    NUMBER(connect_ms, 1, 10000),
+    NUMBER(request_ms, 1, 10000),
+    NUMBER(transfer_ms, 1, 10000),
+    NUMBER(chunk_ms, 1, 60000),
+    NUMBER(chunk_bytes, 4096, 1 << 20),
+    NUMBER(upload_lease_s, 2, 3600),
+    LARGE(sysback_limit_bytes, 1 << 20, LONG_MAX),
+    NUMBER(sysback_quota_share, 1, 100),
     TEXT(trace_target),
     NUMBER(trace_level, 0, 5),
     TEXT(trace_file),
@@ -65,6 +84,7 @@ const Row rows[] = {
 };
 
 #undef NUMBER
+#undef LARGE
 #undef TEXT
 
 // What the file says of settings that one platform alone has.
@@ -92,12 +112,16 @@ void set_number(const Row &row, const char *where, const char *value)
         note_problem(where, "not a usable number", row.key);
         return;
     }
-    *row.number = static_cast<int>(number);
+    if (row.large) {
+        *row.large = number;
+    } else {
+        *row.number = static_cast<int>(number);
+    }
 }
 
 void set_value(const Row &row, const char *where, const char *value)
 {
-    if (row.number) {
+    if (row.number || row.large) {
         set_number(row, where, value);
     } else if (strlen(value) >= row.text_size) {
         note_problem(where, "value is too long", row.key);

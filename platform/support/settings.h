@@ -8,6 +8,7 @@ enum class TraceTarget { none, file, standard_error, system_log };
 
 inline constexpr unsigned path_size = 256;
 inline constexpr unsigned word_size = 64;
+inline constexpr unsigned list_size = 400;
 
 struct Settings {
     int controller_number = 0;
@@ -23,6 +24,21 @@ struct Settings {
     int allow_shared_file_system = 0;
     char status_file[path_size] = "/var/lib/kesta/status";
     char sysback_dir[path_size] = "/var/lib/kesta/sysback";
+    // Of the platform that keeps both on an etcd cluster.
+    char nv_endpoints[list_size] = "";
+    char sysback_endpoints[list_size] = "";
+    char etcd_prefix[path_size] = "/kesta/";
+    char tls_ca[path_size] = "";
+    char tls_cert[path_size] = "";
+    char tls_key[path_size] = "";
+    int connect_ms = 300;
+    int request_ms = 700;
+    int transfer_ms = 2000;
+    int chunk_ms = 5000;
+    int chunk_bytes = 65536;
+    int upload_lease_s = 60;
+    long sysback_limit_bytes = 8589934592;
+    int sysback_quota_share = 60;
     char trace_target[word_size] = "file";
     int trace_level = 3;
     char trace_file[path_size] = "/var/log/kesta/trace.log";

@@ -1,0 +1,160 @@
+#include "sanfwctl.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <string.h>
+
+#include <map>
+
+#include "cluster.h"
+#include "complaint.h"
+#include "controller_status.h"
+#include "faults.h"
+#include "gate.h"
+#include "nv_region.h"
+#include "scoped.h"
+#include "settings.h"
+
+#define PLATFORM_API __attribute__((visibility("default")))
+
+namespace {
+
+using namespace etcd;
+using namespace platform;
+
+// All that the library has. It is made at first use, and stays: threads may be in it when the program ends.
+struct NvMemory {
+    Cluster cluster{StoreOf::nv_memory};
+    std::map<unsigned, NvRegion> regions;
+    Complaint complaint{"NV memory"};
+};
+
+Gate gate;
+NvMemory *memory;
+
+void enter_for_fork() { gate.enter(); }
+void leave_in_parent() { gate.leave(); }
+void leave_in_child()
+{
+    if (memory) {
+        memory->cluster.forget_connection();
+        for (auto &[number, region] : memory->regions) {
+            region.forget();
+        }
+    }
+    gate.leave_in_child();
+}
+pthread_once_t fork_handled = PTHREAD_ONCE_INIT;
+void handle_fork() { pthread_atfork(enter_for_fork, leave_in_parent, leave_in_child); }
+
+int check(const cpfw_nv_region_t *region, const cpfw_nv_access_t *access, int count)
+{
+    if (!region || !access || count != 1 || !access->buffer) {
+        return -EINVAL;
+    }
+    if (*region >= static_cast<unsigned>(settings().nv_regions)) {
+        return -ENXIO;
+    }
+    if (access->length > nv_region_size || access->offset > nv_region_size - access->length) {
+        return -ERANGE;
+    }
+    return 0;
+}
+
+// In the gate.
+int transfer_prepared(unsigned number, const cpfw_nv_access_t &access, bool writes)
+{
+    const auto found = memory->regions.find(number);
+    NvRegion &region =
+        found != memory->regions.end()
+            ? found->second
+            : memory->regions
+                  .try_emplace(number, memory->cluster.client(),
+                               memory->cluster.prefix() + "nv/" + std::to_string(number), number == image_region)
+                  .first->second;
+    return writes ? region.write(access.offset, access.buffer, access.length)
+                  : region.read(access.offset, access.buffer, access.length);
+}
+
+int transfer(unsigned number, const cpfw_nv_access_t &access, bool writes)
+{
+    pthread_once(&fork_handled, handle_fork);
+    const kesta::CancelOff off;
+    int result = 0;
+    bool complain = false;
+    std::string why;
+    {
+        const Entered entered(gate);
+        if (!memory) {
+            memory = new NvMemory;
+        }
+        result = memory->cluster.prepare(writes);
+        if (result == 0) {
+            result = transfer_prepared(number, access, writes);
+        }
+        complain = memory->complaint.is_new(result, memory->cluster);
+        if (complain) {
+            why = memory->complaint.why();
+        }
+    }
+    if (complain) {
+        memory->complaint.tell(result, why);
+    }
+    return result;
+}
+
+}  // namespace
+
+PLATFORM_API int zKTsanfwctl_read_nv(int, cpfw_nv_region_t *region, cpfw_nv_access_t *access, int count)
+{
+    if (const int refused = check(region, access, count); refused != 0) {
+        return refused;
+    }
+    if (const int failed = failure_of("nv_read"); failed != 0) {
+        return failed;
+    }
+    return transfer(*region, *access, false);
+}
+
+PLATFORM_API int zKTsanfwctl_write_nv(int, cpfw_nv_region_t *region, cpfw_nv_access_t *access, int count)
+{
+    if (const int refused = check(region, access, count); refused != 0) {
+        return refused;
+    }
+    if (const int failed = failure_of("nv_write"); failed != 0) {
+        return failed;
+    }
+    return transfer(*region, *access, true);
+}
+
+PLATFORM_API int zKTsanfwctl_get_status(int kind, sanfw_getstatus_out *out)
+{
+    if (kind != 0 || !out) {
+        return -EINVAL;
+    }
+    StatusBytes bytes{};
+    const int result = read_status(bytes);
+    if (result == 0) {
+        *out = {};
+        out->cont0_sts = bytes.cont[0];
+        out->cont1_sts = bytes.cont[1];
+        out->card0_sts = bytes.card[0];
+        out->card1_sts = bytes.card[1];
+    }
+    return result;
+}
+
+PLATFORM_API int zKTsanfwctl_get_status_ex(int kind, sanfw_getstatus_ex_out *out)
+{
+    if (kind != 1 || !out) {
+        return -EINVAL;
+    }
+    StatusBytes bytes{};
+    const int result = read_status(bytes);
+    if (result == 0) {
+        *out = {};
+        memcpy(out->cont_sts, bytes.cont, sizeof(bytes.cont));
+        memcpy(out->card_sts, bytes.card, sizeof(bytes.card));
+    }
+    return result;
+}
