@@ -1,7 +1,7 @@
 # The commands of the README. Each one installs what it needs first (scripts/install-deps.sh).
 
 .DEFAULT_GOAL := build
-.PHONY: build build-asan demo test bench stress check-release check-asan check-tsan check-tidy tidy check-format check-models check-fuzz fuzz coverage docs packages install deps clean
+.PHONY: build build-asan demo demo-hosts test test-hosts bench stress check-release check-asan check-tsan check-tidy tidy check-format check-models check-fuzz fuzz coverage docs packages install deps clean
 
 JOBS ?= $(shell nproc)
 # Tests wait for one another's processes more than they compute.
@@ -19,6 +19,15 @@ build: deps
 # Saves a real environment on an appliance of four controllers and brings it back.
 demo: build
 	@scripts/demo.sh build/release
+
+# The same job on four hosts, with the member of the cluster killed that leads.
+demo-hosts: build
+	@scripts/demo_hosts.sh build/release
+
+# What needs a cluster or hosts of its own, and the suite of the lab on the etcd platform.
+test-hosts: build
+	ctest --preset release -j $(TEST_JOBS) -L hosts
+	tests/hosts/lab_suite.sh build/release
 
 # Every test: as shipped, under the address, undefined behaviour and thread sanitizers, and the
 # static checks of the library, its platforms and the lab.

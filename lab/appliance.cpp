@@ -2,20 +2,17 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <fstream>
 #include <iterator>
 
+#include "child_program.h"
 #include "private_namespace.h"
+#include "processes.h"
 #include "recipe.h"
 #include "sbin_view.h"
 
@@ -26,7 +23,6 @@ namespace fs = std::filesystem;
 
 constexpr const char *marker_name = "lab.conf";
 constexpr const char *marker_text = "kesta-lab 1\n";
-constexpr const char *folder_variable = "KESTA_LAB_DIR";
 constexpr const char *controller_variable = "KESTA_LAB_CONTROLLER";
 constexpr const char *lab_variable = "KESTA_LAB";
 constexpr const char *maintenance_user = "vndrmnt:x:901:901:maintenance:/:/bin/sh\n";
@@ -87,30 +83,6 @@ void append_to(const fs::path &path, const std::string &text)
     write_file(path, all);
 }
 
-// Runs a program and waits for it. Its complaints are dropped: a copy of /etc as an ordinary user
-// leaves out what that user can't read.
-void run_quietly(const std::vector<std::string> &command)
-{
-    std::vector<char *> arguments;
-    arguments.reserve(command.size() + 1);
-    for (const std::string &word : command) {
-        arguments.push_back(const_cast<char *>(word.c_str()));
-    }
-    arguments.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    pid_t pid;
-    const int error = posix_spawnp(&pid, arguments[0], &actions, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) {
-        throw Error("can't run " + command[0] + ": " + strerror(error));
-    }
-    int status;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-}
-
 fs::path own_program_folder()
 {
     std::error_code error;
@@ -163,7 +135,8 @@ void copy_libraries(const fs::path &product, const std::string &platform, const 
         }
     };
     for (const char *folder : {"lib", KESTA_INSTALL_LIBDIR}) {
-        if (platform != KESTA_PLATFORM) {  // the chosen one lies beside the library
+        if (platform != KESTA_PLATFORM) {            // the chosen one lies beside the library
+            copy_from(product / folder / platform);  // a build tree
             copy_from(product / folder / "kesta" / platform);
         }
     }
@@ -184,7 +157,7 @@ fs::path recipe_file(const fs::path &product, const std::string &platform)
 
 std::string address_of(int number) { return "192.168.100." + std::to_string(10 + number); }
 
-Variables variables_of(int number)
+Variables variables_of(int number, const std::string &cluster)
 {
     const int other = number % 2 == 0 ? number + 1 : number - 1;
     return {{"NUMBER", std::to_string(number)},
@@ -192,6 +165,7 @@ Variables variables_of(int number)
             {"OTHER", std::to_string(other)},
             {"ADDRESS", address_of(number)},
             {"OTHER_ADDRESS", address_of(other)},
+            {"CLUSTER", cluster.empty() ? "# nv_endpoints = ADDRESS:PORT,..." : cluster},
             {"PLATFORM", platform_folder},
             {"SHARED", std::string(platform_folder) + "/shared"}};
 }
@@ -202,12 +176,15 @@ void write_recipe_file(const fs::path &below, const RecipeFile &file, const Vari
     write_file(below / file.path, filled_in(file.text, variables));
 }
 
-void make_controller(const fs::path &folder, int number, const Recipe &recipe)
+void make_controller(const fs::path &folder, int number, const Recipe &recipe, const std::string &cluster)
 {
     for (const OwnFolder &own : own_folders) {
         fs::create_directories(folder / own.name);
     }
-    run_quietly({"cp", "-a", "/etc/.", (folder / "etc").string()});
+    // As an ordinary user it leaves out what that user can't read, and complains.
+    if (run_program({"cp", "-a", "/etc/.", (folder / "etc").string()}, Shown::output) == program_is_missing) {
+        throw Error("there is no cp");
+    }
     for (const char *secret : secrets) {
         std::error_code ignored;
         fs::remove_all(folder / "etc" / secret, ignored);
@@ -224,7 +201,7 @@ void make_controller(const fs::path &folder, int number, const Recipe &recipe)
     }
     fs::permissions(folder / "tmp", fs::perms::all | fs::perms::sticky_bit);
     for (const RecipeFile &file : recipe.own_files) {
-        write_recipe_file(folder, file, variables_of(number));
+        write_recipe_file(folder, file, variables_of(number, cluster));
     }
     append_to(folder / "etc/passwd", maintenance_user);
     append_to(folder / "etc/group", maintenance_group);
@@ -303,42 +280,12 @@ void return_to_folder(const fs::path &folder)
     }
 }
 
-bool started_in(const fs::path &process, const std::string &marker)
-{
-    const std::string environment = '\0' + read_file(process / "environ");
-    return environment.find('\0' + marker + '\0') != std::string::npos;
-}
-
-// Waits until the process is gone, without polling it; false after the time.
-bool await_end(int pidfd, int milliseconds)
-{
-    struct pollfd watch {
-        pidfd, POLLIN, 0
-    };
-    return poll(&watch, 1, milliseconds) > 0;
-}
-
 // Whether nobody but this user and root can have put the thing there.
 bool is_trusted(const fs::path &path)
 {
     struct stat status;
     return lstat(path.c_str(), &status) == 0 && !S_ISLNK(status.st_mode) &&
            (status.st_uid == geteuid() || status.st_uid == 0);
-}
-
-void end_process(int pid)
-{
-    constexpr int patience_ms = 2000;
-    const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-    if (pidfd < 0) {
-        return;  // gone already
-    }
-    (void)kill(pid, SIGTERM);  // it may be gone
-    if (!await_end(pidfd, patience_ms)) {
-        (void)kill(pid, SIGKILL);
-        (void)await_end(pidfd, patience_ms);
-    }
-    (void)close(pidfd);
 }
 
 }  // namespace
@@ -352,12 +299,12 @@ int controller_number(const std::string &name)
     return digit[0] - '0';
 }
 
-Appliance::Appliance(const fs::path &folder) : folder_(fs::absolute(folder))
+Appliance::Appliance(const fs::path &folder)
+    : folder_(fs::weakly_canonical(fs::absolute(folder))), hosts_(folder_), members_(folder_, hosts_)
 {
     if (read_file(folder_ / marker_name) != marker_text) {
         throw Error(folder_.string() + " is no lab: make one with kesta-lab create DIR");
     }
-    folder_ = fs::canonical(folder_);
     for (const fs::path &path : {folder_, folder_ / marker_name}) {
         if (!is_trusted(path)) {
             throw Error(path.string() + " belongs to somebody else: programs of that lab would run as you");
@@ -365,7 +312,8 @@ Appliance::Appliance(const fs::path &folder) : folder_(fs::absolute(folder))
     }
 }
 
-Appliance Appliance::create(const fs::path &folder, const fs::path &product, const std::string &platform)
+Appliance Appliance::create(const fs::path &folder, const fs::path &product, const std::string &platform,
+                            const std::optional<Cluster> &cluster)
 {
     if (fs::exists(folder) && !fs::is_empty(folder)) {
         throw Error(folder.string() + " is not empty: name a new folder");
@@ -374,7 +322,7 @@ Appliance Appliance::create(const fs::path &folder, const fs::path &product, con
         throw Error(folder.string() + " belongs to somebody else: name a new folder");
     }
     const fs::path from = product.empty() ? own_program_folder().parent_path() : product;
-    const std::string chosen = platform.empty() ? KESTA_PLATFORM : platform;
+    const std::string chosen = !platform.empty() ? platform : cluster ? cluster_platform : KESTA_PLATFORM;
     const fs::path written = recipe_file(from, chosen);
     const Recipe recipe = read_recipe(written);
     fs::create_directories(folder);
@@ -391,11 +339,21 @@ Appliance Appliance::create(const fs::path &folder, const fs::path &product, con
     make_sbin(folder / "sbin", fs::path(platform_folder) / "host-sbin", provided);
     make_remote_programs(folder);
     make_shared(folder / "shared", recipe);
+    const Hosts hosts(fs::absolute(folder));
+    const Members members(fs::absolute(folder), hosts);
+    if (cluster) {
+        members.create(cluster->members, cluster->quota);
+    }
     for (int number = 0; number < controllers; ++number) {
-        make_controller(folder / ("cnt" + std::to_string(number)), number, recipe);
+        make_controller(folder / ("cnt" + std::to_string(number)), number, recipe, members.settings());
     }
     write_file(folder / marker_name, marker_text);  // last: an unfinished lab is none
-    return Appliance(folder);
+    const Appliance made(folder);
+    if (cluster) {
+        fs::create_directories(made.folder() / "hosts");
+        made.power_on();
+    }
+    return made;
 }
 
 Appliance Appliance::find(const std::string &option)
@@ -423,6 +381,12 @@ void Appliance::enter(int number, const std::vector<std::string> &extra_binds) c
     const fs::path own = controller_folder(number);
     const fs::path here = fs::current_path();
     const bool inside = is_inside();
+    if (hosts_.exist()) {
+        if (inside) {
+            require_route(getenv(controller_variable), host_of(number));
+        }
+        hosts_.enter(host_of(number));
+    }
     enter_private_namespaces();
     set_host_name(own);
 
@@ -436,6 +400,9 @@ void Appliance::enter(int number, const std::vector<std::string> &extra_binds) c
         lay_over((folder_ / "bin").string(), "/usr/bin");
     }
     std::vector<Bind> binds{{folder_ / "sbin", "/usr/sbin"}};
+    if (fs::exists(full_marker(number))) {
+        cover_full_disk((own / "opt/kesta_sys").string());
+    }
     for (const OwnFolder &folder : own_folders) {
         binds.push_back({own / folder.name, folder.target});
     }
@@ -461,25 +428,84 @@ void Appliance::enter(int number, const std::vector<std::string> &extra_binds) c
 
 std::vector<int> Appliance::processes() const
 {
-    const std::string marker = std::string(folder_variable) + "=" + folder_.string();
-    std::vector<int> found;
-    for (const fs::directory_entry &entry : fs::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename();
-        if (name.find_first_not_of("0123456789") != std::string::npos) {
-            continue;
-        }
-        const int pid = std::stoi(name);
-        if (pid != getpid() && started_in(entry.path(), marker)) {
-            found.push_back(pid);
+    return processes_with({std::string(folder_variable) + "=" + folder_.string()});
+}
+
+std::string Appliance::host_of(int number) { return "cnt" + std::to_string(number); }
+
+fs::path Appliance::full_marker(int number) const { return folder_ / (host_of(number) + ".full"); }
+
+// The programs that reach another controller work below the network: a pulled cable stops them here.
+void Appliance::require_route(const std::string &own, const std::string &other) const
+{
+    for (const std::string &host : {host_of(controller_number(own)), other}) {
+        if (!hosts_.is_linked(host)) {
+            throw Error(other + ": no route to host (the link of " + host + " is down)");
         }
     }
-    return found;
+}
+
+void Appliance::power_on() const
+{
+    if (!hosts_.exist()) {
+        throw Error("this lab has no hosts of its own: make one with kesta-lab create --hosts");
+    }
+    if (!hosts_.keeper()) {
+        std::vector<Host> all = members_.hosts();
+        for (int number = 0; number < controllers; ++number) {
+            all.push_back({host_of(number), address_of(number)});
+        }
+        hosts_.start(all);
+        for (const Host &host : all) {
+            if (!hosts_.is_linked(host.name)) {
+                hosts_.set_link(host.name, false);  // it was pulled when the power went
+            }
+        }
+    }
+    if (!members_.start_all()) {
+        throw Error("not all members serve yet: look at " + (folder_ / "members").string() + "/*/log");
+    }
+}
+
+void Appliance::cut_power(const std::optional<int> &controller) const
+{
+    if (controller) {
+        kill_processes(processes_with({std::string(folder_variable) + "=" + folder_.string(),
+                                       std::string(controller_variable) + "=CNT" + std::to_string(*controller)}));
+        return;
+    }
+    kill_processes(processes());
+    if (const std::optional<int> keeper = hosts_.keeper()) {
+        kill_processes({*keeper});
+    }
+}
+
+void Appliance::swap_board(int number) const
+{
+    // What stands in the board's own memory goes with it; a new one comes without an identity.
+    std::error_code error;
+    fs::remove(controller_folder(number) / "opt/kesta_platform/vpd", error);
+    if (error) {
+        throw Error("can't remove the identity of the board: " + error.message());
+    }
+}
+
+void Appliance::set_full(int number, bool full) const
+{
+    if (full) {
+        write_file(full_marker(number), "");
+    } else {
+        fs::remove(full_marker(number));
+    }
 }
 
 void Appliance::destroy() const
 {
     for (const int pid : processes()) {
         end_process(pid);
+    }
+    if (const std::optional<int> keeper = hosts_.keeper()) {
+        end_process(*keeper);
     }
     std::error_code error;
     fs::remove_all(folder_, error);

@@ -5,6 +5,7 @@
 #include <sched.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace lab {
@@ -26,19 +27,14 @@ void write_text(const char *path, const std::string &text)
     }
 }
 
-// Makes the caller root of a user namespace in which it is the only user.
-void enter_user_namespace()
+// As the options of an overlay want it.
+std::string escaped(const std::string &path)
 {
-    const uid_t uid = geteuid();
-    const gid_t gid = getegid();
-    if (unshare(CLONE_NEWUSER) != 0) {
-        throw Error(std::string("this needs root, or a kernel that allows user namespaces (") + strerror(errno) +
-                    "): run it with sudo, or set user.max_user_namespaces and "
-                    "kernel.unprivileged_userns_clone with sysctl");
+    std::string text;
+    for (const char c : path) {
+        text += c == ':' || c == ',' || c == '\\' ? std::string("\\") + c : std::string(1, c);
     }
-    write_text("/proc/self/setgroups", "deny");
-    write_text("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
-    write_text("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+    return text;
 }
 
 // A bind mount that is attached nowhere yet: it keeps the tree under source at hand.
@@ -52,6 +48,20 @@ int detached_copy(const std::string &source)
 }
 
 }  // namespace
+
+void enter_user_namespace()
+{
+    const uid_t uid = geteuid();
+    const gid_t gid = getegid();
+    if (unshare(CLONE_NEWUSER) != 0) {
+        throw Error(std::string("this needs root, or a kernel that allows user namespaces (") + strerror(errno) +
+                    "): run it with sudo, or set user.max_user_namespaces and "
+                    "kernel.unprivileged_userns_clone with sysctl");
+    }
+    write_text("/proc/self/setgroups", "deny");
+    write_text("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
+    write_text("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+}
 
 void enter_private_namespaces()
 {
@@ -67,13 +77,32 @@ void enter_private_namespaces()
     }
 }
 
+void cover_full_disk(const std::string &folder)
+{
+    // Above it lies a small disk, filled: nothing can be changed without room there.
+    const char *const above = "/mnt";
+    if (mount("tmpfs", above, "tmpfs", 0, "size=64k,mode=0700") != 0) {
+        fail("can't make a small disk", errno);
+    }
+    const std::string upper = std::string(above) + "/upper";
+    const std::string work = std::string(above) + "/work";
+    if (mkdir(upper.c_str(), 0755) != 0 || mkdir(work.c_str(), 0755) != 0) {
+        fail("can't make a small disk", errno);
+    }
+    const std::string options = "lowerdir=" + escaped(folder) + ",upperdir=" + upper + ",workdir=" + work;
+    if (mount("overlay", folder.c_str(), "overlay", 0, options.c_str()) != 0) {
+        fail("can't lay a full disk over " + folder, errno);
+    }
+    const int filler = open((std::string(above) + "/filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const char zeros[4096] = {};
+    while (filler >= 0 && write(filler, zeros, sizeof(zeros)) > 0) {
+    }
+    (void)close(filler);
+}
+
 void lay_over(const std::string &source, const std::string &target)
 {
-    std::string escaped;
-    for (const char c : source) {
-        escaped += c == ':' || c == ',' || c == '\\' ? std::string("\\") + c : std::string(1, c);
-    }
-    const std::string folders = "lowerdir=" + escaped + ":" + target;
+    const std::string folders = "lowerdir=" + escaped(source) + ":" + target;
     // A kernel without overlays: the stand-ins are missing then, and nothing else.
     (void)mount("overlay", target.c_str(), "overlay", MS_RDONLY, folders.c_str());
 }

@@ -9,7 +9,7 @@
 //   own-file PATH         the same, with the lines that follow
 //
 // In the lines stand for each controller: @NUMBER@, @COUNT@, @OTHER@ (the one that it distributes to), @ADDRESS@,
-// @OTHER_ADDRESS@; and @PLATFORM@ and @SHARED@, where a controller sees its own part of the platform and the shared one.
+// @OTHER_ADDRESS@, @CLUSTER@ (the settings that name the members of a lab with hosts); and @PLATFORM@ and @SHARED@, where a controller sees its own part of the platform and the shared one.
 #pragma once
 
 #include <filesystem>

@@ -10,7 +10,7 @@ packages="
     libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev
     etcd-server etcd-client libnghttp2-dev libssl-dev openssl
     spin
-    tar bzip2 lbzip2 coreutils findutils util-linux mount procps python3 strace
+    tar bzip2 lbzip2 coreutils findutils util-linux mount procps python3 strace iproute2
     xxd bsdextrautils abigail-tools chromium
     doxygen groff-base man-db debhelper dpkg-dev fakeroot lintian gcovr
 "

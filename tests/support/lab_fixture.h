@@ -68,7 +68,8 @@ protected:
         }
         home = name;
         dir = home / "lab";
-        const Ran made = shell(lab() + " create " + dir.string() + " --product " KESTA_LAB_PRODUCT);
+        choose_platform();
+        const Ran made = shell(lab() + " create " + dir.string() + " --product " KESTA_LAB_PRODUCT + platform_option());
         EXPECT_EQ(made.code, 0) << made.err;
     }
     ~LabTest() override
@@ -77,6 +78,19 @@ protected:
         EXPECT_EQ(gone.code, 0) << gone.err;
         EXPECT_FALSE(fs::exists(dir));
         fs::remove_all(home);
+    }
+
+    // On another platform than the one of the build: that of $KESTA_TEST_PLATFORM, where each lab has keys of its own.
+    static std::string platform_option()
+    {
+        const char *const platform = getenv("KESTA_TEST_PLATFORM");
+        return platform ? std::string(" --platform ") + platform : "";
+    }
+    void choose_platform() const
+    {
+        if (getenv("KESTA_TEST_PLATFORM")) {
+            setenv("KESTA_PLATFORM_ETCD_PREFIX", ("/" + home.filename().string() + "/").c_str(), 1);
+        }
     }
 
     static std::string lab() { return std::string(KESTA_BIN_DIR) + "/kesta-lab"; }

@@ -62,6 +62,7 @@ Option Command::add_option(const std::string &names, Value &value, const std::st
 
 template Option Command::add_option(const std::string &, std::string &, const std::string &) const;
 template Option Command::add_option(const std::string &, int &, const std::string &) const;
+template Option Command::add_option(const std::string &, std::uint64_t &, const std::string &) const;
 template Option Command::add_option(const std::string &, std::optional<int> &, const std::string &) const;
 template Option Command::add_option(const std::string &, std::optional<std::string> &, const std::string &) const;
 template Option Command::add_option(const std::string &, std::optional<std::uint64_t> &, const std::string &) const;
