@@ -307,3 +307,10 @@ TEST_F(EtcdNv, AfterALongSilenceTransfersAreShortUntilSomebodyAnswers)
     EXPECT_EQ(a.read(0, 5), "start");
     EXPECT_EQ(a.client().allow_transfer().deadline.left_ms() > settings().times.silent_transfer_ms, true);
 }
+
+TEST_F(EtcdNv, ZerosAreWrittenToARegionThatIsNotThere)
+{
+    EXPECT_EQ(a.write(1000, std::string(300, '\0')), 0);
+    EXPECT_EQ(a.write(1000, "x"), 0);
+    EXPECT_EQ(b.read(1000, 1), "x");
+}
