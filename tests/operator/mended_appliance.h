@@ -44,6 +44,8 @@ public:
 
     // One command in this process.
     Ran run(std::vector<std::string> words) const;
+    // The same, told to the log of changes.
+    Ran run_and_tell(const std::vector<std::string> &words) const;
     Ran verify() const;
 
     // Every whole archive that is anywhere.

@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,9 @@ struct Globals {
     bool json = false;
     int trace_level = 0;
     bool dry_run = false;
+    bool quiet = false;        // failures only
+    std::optional<int> watch;  // seconds until it is shown again
+    std::string verb;          // the command's own words: "copy archive"
     LockRule lock_rule;
     KeepRule keep_rule;
     // Runs another command line: its words, whose locks it ignores, and why it is run. Throws Failure.
@@ -72,13 +76,21 @@ Result carry_out(const Plan &plan, const Globals &globals);
 
 using Action = std::function<Result(const Globals &)>;
 
+// Acts, and tells the log of changes and the journal what was changed, and how it ended.
+Result act_and_tell(const Action &action, const Globals &globals);
+
 // Subcommands register themselves, and set action when they are chosen.
-void add_status(const Command &app, const Globals &globals, Action &action);
+void add_status(const Command &app, Globals &globals, Action &action);
 void add_nv(const Command &app, Globals &globals, Action &action);
 void add_nv_image(const Command &nv, Globals &globals, Action &action);
 void add_nv_verify(const Command &nv, Action &action);
 void add_repair(const Command &app, Globals &globals, Action &action);
 void add_completion(const Command &app, Action &action);
+void add_diff(const Command &app, Action &action);
+void add_history(const Command &app, Globals &globals, Action &action);
+void add_undo(const Command &app, Globals &globals, Action &action);
+void add_metrics(const Command &app, Action &action);
+void add_check(const Command &app, Action &action);
 void add_verify(const Command &app, Globals &globals, Action &action);
 void add_leftovers(const Command &app, Globals &globals, Action &action);
 void add_copy_archive(const Command &copy, Globals &globals, Action &action);
@@ -113,6 +125,9 @@ void confirm(const std::string &question, bool yes);
 
 // Adds --dry-run to a changing command.
 void add_dry_run(const Command &command, Globals &globals);
+
+// Adds --watch to a command that shows something.
+void add_watch(const Command &command, Globals &globals);
 
 // Adds --wait and --ignore-lock to a command whose plan is shared.
 void add_lock_rule(const Command &command, Globals &globals);

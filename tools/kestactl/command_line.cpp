@@ -98,12 +98,23 @@ struct Verb {
 };
 
 constexpr std::array verbs{
-    Verb{"status",
-         [](const Command &app, Globals &globals, Action &action) {
-             add_status(app, globals, action);
-         }},
+    Verb{"status", add_status},
     Verb{"nv", add_nv},
     Verb{"verify", add_verify},
+    Verb{"diff",
+         [](const Command &app, Globals &, Action &action) {
+             add_diff(app, action);
+         }},
+    Verb{"history", add_history},
+    Verb{"undo", add_undo},
+    Verb{"metrics",
+         [](const Command &app, Globals &, Action &action) {
+             add_metrics(app, action);
+         }},
+    Verb{"check",
+         [](const Command &app, Globals &, Action &action) {
+             add_check(app, action);
+         }},
     Verb{"report",
          [](const Command &app, Globals &, Action &action) {
              add_report(app, action);
@@ -174,6 +185,12 @@ CommandLine::CommandLine(int argc, const char *const *argv)
     app_->add_flag("--json", globals_.json, "Print one JSON text on stdout, errors included");
     app_->add_option("--trace", globals_.trace_level, "Show trace lines up to this level on stderr")
         ->check(CLI::Range(0, 5));
+    static constexpr int verbose_level = 3;
+    CLI::Option *const quiet = app_->add_flag("-q,--quiet", globals_.quiet, "Print failures only");
+    app_->add_flag_callback(
+            "-v,--verbose", [this] { globals_.trace_level = std::max(globals_.trace_level, verbose_level); },
+            "Show notable events on stderr: --trace 3")
+        ->excludes(quiet);
     const auto only = only_word(argc, argv);
     for (const Verb &verb : verbs) {
         if (!only || verb.name == *only) {
@@ -199,6 +216,10 @@ std::optional<Result> CommandLine::parse(int argc, const char *const *argv)
         app_->parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         return answer_of(*app_, error, argc, argv);
+    }
+    for (const CLI::App *chosen = app_.get(); !chosen->get_subcommands().empty();) {
+        chosen = chosen->get_subcommands().front();
+        globals_.verb += (globals_.verb.empty() ? "" : " ") + chosen->get_name();
     }
     return std::nullopt;
 }
