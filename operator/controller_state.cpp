@@ -104,8 +104,8 @@ ControllerState controller_state()
 ControllerState verified_state()
 {
     ControllerState state = controller_state();
-    Asking(state).ask("verify", [&] { state.findings = find_all(); });
     state.drift = find_drift();
+    Asking(state).ask("verify", [&] { state.findings = find_all(); });
     return state;
 }
 

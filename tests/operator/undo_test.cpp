@@ -8,6 +8,7 @@
 
 #include "archive_places.h"
 #include "change_log.h"
+#include "generation_folder.h"
 #include "mended_appliance.h"
 #include "private_root.h"
 #include "test_platform.h"
@@ -158,6 +159,12 @@ TEST_F(UndoTest, RefusesWhatCanNotBeUndoneAndSaysWhy)
     done("save app");
     appliance.put(2, MendedAppliance::archive(5));
     refused("undo --yes", "slot:kesta_backup0 has been changed since");
+    const std::string log = std::string(engine::flash_folder) + "/generations/changes.json";
+    write_file(log, read_file(log).substr(0, 1000));
+    refused("undo --yes", "No change of this controller is known");
+    EXPECT_EQ(ran("history").exit, 0);
+    done("save app");
+    appliance.put(2, MendedAppliance::archive(6));
     ran("restore app --only /etc/nothing");
     refused("undo --yes", "changed since");  // refused before anything was changed: no change
 }

@@ -6,7 +6,6 @@
 #include "appliance_state.h"
 #include "held_command.h"
 #include "names.h"
-#include "overview.h"
 #include "printable.h"
 #include "remote_controllers.h"
 
@@ -217,11 +216,11 @@ Json differing_items(const std::vector<ControllerAnswer> &answers)
     return items;
 }
 
-Result status_of_all(bool archives)
+Result status_of_all(bool archives, const std::function<Result()> &own)
 {
     const std::vector<std::string> words =
         archives ? std::vector<std::string>{"status", "--archives"} : std::vector<std::string>{"status"};
-    const std::vector<ControllerAnswer> answers = ask_all(words, [archives] { return show_status(archives); });
+    const std::vector<ControllerAnswer> answers = ask_all(words, own);
     Result result;
     result.exit = worst_of(answers);
     for (const ControllerAnswer &answer : answers) {
@@ -233,12 +232,11 @@ Result status_of_all(bool archives)
     return result;
 }
 
-Result verify_all(bool drift_counts)
+Result verify_all(bool drift_counts, const std::function<Result()> &own)
 {
     const std::vector<std::string> words =
         drift_counts ? std::vector<std::string>{"verify", "--drift"} : std::vector<std::string>{"verify"};
-    const std::vector<ControllerAnswer> answers =
-        ask_all(words, [drift_counts] { return verify_places(drift_counts); });
+    const std::vector<ControllerAnswer> answers = ask_all(words, own);
     Result result;
     result.exit = worst_of(answers);
     for (const ControllerAnswer &answer : answers) {

@@ -27,8 +27,9 @@ Json bounded_json(const std::string &text);
 // What all controllers share, and does not have the same value on each: "backup_slot" and its values by controller.
 Json differing_items(const std::vector<ControllerAnswer> &answers);
 
-Result status_of_all(bool archives);
-Result verify_all(bool drift_counts);
+// The commands with --all; what this controller answers is given.
+Result status_of_all(bool archives, const std::function<Result()> &own);
+Result verify_all(bool drift_counts, const std::function<Result()> &own);
 Result history_of_all(const std::vector<std::string> &filter, const std::function<Result()> &own);
 
 }  // namespace kestactl

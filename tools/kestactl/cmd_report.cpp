@@ -331,7 +331,7 @@ struct Parts {
     Part versions{show_versions};
     Part image{decode_image};
     Part appliance{[] {
-        return status_of_all(false);
+        return status_of_all(false, [] { return show_status(false); });
     }};
     Part board{show_identity};
     Part kept{show_history};

@@ -326,7 +326,7 @@ void add_status(const Command &app, Globals &globals, Action &action)
     add_watch(command, globals);
     command.callback([&action, archives, all] {
         action = [archives, all](const Globals &) {
-            return *all ? status_of_all(*archives) : show_status(*archives);
+            return *all ? status_of_all(*archives, [&] { return show_status(*archives); }) : show_status(*archives);
         };
     });
 }

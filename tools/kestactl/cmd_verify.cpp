@@ -88,9 +88,8 @@ void add_verdict(Result &result, const Findings &findings)
 }
 
 // Beside the subjects: what changes files is the operator's own work, and no finding unless it is asked for.
-void add_drift(Result &result, bool counts)
+void add_drift(Result &result, const Drift &drift, bool counts)
 {
-    const Drift drift = find_drift();
     result.json["drift"] = {{"state", name_of(drift.state)},
                             {"group", drift.group.empty() ? Json(nullptr) : Json(drift.group)},
                             {"changed", drift.changed},
@@ -172,9 +171,10 @@ Result fix(const VerifyOptions &options, const Globals &globals)
 
 Result verify_places(bool drift_counts)
 {
+    const Drift drift = find_drift();  // first: what it unpacks, the findings need not
     const Findings findings = find_all();
     Result result = result_of(findings);
-    add_drift(result, drift_counts);
+    add_drift(result, drift, drift_counts);
     add_verdict(result, findings);
     return result;
 }
@@ -196,7 +196,7 @@ void add_verify(const Command &app, Globals &globals, Action &action)
     command.callback([&action, options] {
         action = [options](const Globals &given) {
             return options->fix   ? fix(*options, given)
-                   : options->all ? verify_all(options->drift)
+                   : options->all ? verify_all(options->drift, [&] { return verify_places(options->drift); })
                                   : verify_places(options->drift);
         };
     });

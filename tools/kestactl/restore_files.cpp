@@ -109,7 +109,7 @@ void take_over_unfinished(const Restore &restore)
 // What is replaced is kept for undo. Without that the restore goes on, and can't be undone.
 void keep_for_undo(Restore &restore, const GroupPlaces &places, const Work &work, KeepReport &report)
 {
-    if (!work.keep_rule.keeps()) {
+    if (!work.keep_rule.keeps() || restore.changes.none()) {
         return;
     }
     try {
@@ -192,7 +192,7 @@ void end_restore(const Restore &restore)
 {
     if (restore.kept) {
         publish_replaced_files(*restore.kept);
-    } else {
+    } else if (!restore.changes.none()) {
         note_replaced_archive({"the group's files", "", "", false});
     }
     note_finished();
