@@ -47,6 +47,9 @@ install(FILES share/define.rng DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta)
 install(DIRECTORY share/example DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta USE_SOURCE_PERMISSIONS)
 install(FILES share/tmpfiles.d/kesta.conf share/tmpfiles.d/kesta-platform-embedded.conf
     DESTINATION lib/tmpfiles.d)
+# Off unless somebody enables the timer.
+install(FILES share/systemd/kesta-verify.service share/systemd/kesta-verify.timer
+    DESTINATION lib/systemd/system)
 install(FILES docs/platform.conf DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES docs/man/cpinfo.1 docs/man/eeprom.1 docs/man/env_vpdctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 

@@ -3,6 +3,7 @@
 #include <kesta/kesta.h>
 
 #include "appliance_state.h"
+#include "current_change.h"
 #include "failure.h"
 #include "leftovers.h"
 #include "whole_file.h"
@@ -115,11 +116,14 @@ KeepReport copy_archive(const ArchiveCopyRequest &request, const std::string &ve
     if (target.same_bytes(source.evidence)) {
         return report;
     }
+    const std::string place = is_on_flash(to) ? path_of(to) : place_of_slot(slot_of(to));
     report = keep_leftovers(verb, rule);  // the new archive is written beside the old one, over what lies there
     if (target.good()) {
-        const std::string place = is_on_flash(to) ? path_of(to) : place_of_slot(slot_of(to));
         report.add(keep_replaced({{place, Replacing::in_place}}, verb, rule));
+    } else {
+        note_replaced_archive({place, "", "", target.absent()});
     }
+    note_new_archive(place, source.evidence.sha256);
     if (is_on_flash(to)) {
         with_room_on_flash(
             report, [&] { write_file_whole(path_of(to), source.contents.pieces()); }, rule.source);

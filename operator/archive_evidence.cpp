@@ -199,6 +199,16 @@ ArchiveEvidence evidence_of_file(const std::string &path, ArchiveContents *conte
     return evidence;
 }
 
+void note_whole(const std::string &sha256, std::uint64_t bytes)
+{
+    (void)tested_archives().has_one_of(bytes, archive_limits());  // what was found under other limits is forgotten
+    ArchiveEvidence evidence;
+    evidence.state = CopyState::good;
+    evidence.bytes = bytes;
+    evidence.sha256 = sha256;
+    tested_archives().add(evidence);
+}
+
 ArchiveEvidence evidence_of(const ArchiveContents &contents, const std::function<void()> &look)
 {
     return examine(contents, look);

@@ -45,6 +45,9 @@ ArchiveEvidence evidence_of_file(
 // The same, and the contents of a good one as they were tested.
 ArchiveEvidence evidence_of_file(const std::string &path, ArchiveContents *contents, const std::function<void()> &look);
 
+// Somebody else has read these bytes to their end, member by member, and found them whole: they are not unpacked again.
+void note_whole(const std::string &sha256, std::uint64_t bytes);
+
 // Of contents that can be had already.
 ArchiveEvidence evidence_of(
     const ArchiveContents &contents, const std::function<void()> &look = [] {});

@@ -266,4 +266,18 @@ void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path, 
     }
 }
 
+void make_archive_of(const std::string &path, const std::function<void()> &look,
+                     const std::function<void(const AddMember &add)> &give)
+{
+    remove_quietly(path);  // of a run that was cut short; making it tells
+    try {
+        ArchiveWriter writer(path, look, "");
+        give([&writer](const Member &member, const Descriptor &contents) { writer.add(member, contents); });
+        writer.finish();
+    } catch (...) {
+        remove_quietly(path);
+        throw;
+    }
+}
+
 }  // namespace engine

@@ -8,6 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "archive_members.h"
+#include "beneath.h"
+
 namespace engine {
 
 // Looks at everything that would be saved. Returns the group's paths that are there, relative to
@@ -23,5 +26,11 @@ void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path, 
 // The same, packed by a program that packs as bzip2 does, if that can; what it packed is tested like everything.
 void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path, const std::function<void()> &look,
                   const std::string &program);
+
+// An archive of whatever is given, packed by this process; it is on the disk then. Throws Failure; no half archive stays
+// behind.
+using AddMember = std::function<void(const Member &member, const Descriptor &contents)>;
+void make_archive_of(const std::string &path, const std::function<void()> &look,
+                     const std::function<void(const AddMember &add)> &give);
 
 }  // namespace engine

@@ -14,8 +14,9 @@ struct GenerationChange {
     std::int64_t time = 0;  // seconds since 1970
     int controller = -1;    // 0 to 3; -1: unknown
     std::string user;
-    std::string verb;     // of kestactl: "save"; empty: unknown
-    std::string comment;  // what --comment said
+    std::string verb;          // of kestactl: "save"; empty: unknown
+    std::string comment;       // what --comment said
+    std::uint64_t change = 0;  // its number in the log of changes; 0: none
 };
 
 struct Generation {
@@ -29,6 +30,7 @@ struct Generation {
     std::vector<std::string> places;        // that held it: paths, and "slot:kesta_backup0"
     GenerationChange kept;                  // what replaced it, last
     std::optional<GenerationChange> saved;  // what made it, where that was recorded
+    std::uint64_t number = 0;               // what operators call it: its first order, and no other one's ever after
 };
 
 // Never dropped, whatever the limits are. Nothing: they can't be told, and then nothing is dropped at all.

@@ -11,16 +11,14 @@ constexpr int entry_format = 1;
 
 EntryJson json_of(const GenerationChange &change)
 {
-    return {{"time", change.time},
-            {"controller", change.controller},
-            {"user", change.user},
-            {"verb", change.verb},
-            {"comment", change.comment}};
+    return {{"time", change.time}, {"controller", change.controller}, {"user", change.user},
+            {"verb", change.verb}, {"comment", change.comment},       {"change", change.change}};
 }
 
 GenerationChange change_from(const EntryJson &json)
 {
-    return {json.at("time"), json.at("controller"), json.at("user"), json.at("verb"), json.at("comment")};
+    return {json.at("time"), json.at("controller"), json.at("user"),
+            json.at("verb"), json.at("comment"),    json.value("change", std::uint64_t{0})};  // older ones have none
 }
 
 std::string text_of(const EntryJson &json)
@@ -41,6 +39,7 @@ std::string entry_text(const Generation &generation)
                     {"sha256", generation.sha256},
                     {"bytes", generation.bytes},
                     {"order", generation.order},
+                    {"number", generation.number},
                     {"version", generation.version},
                     {"version_recorded", generation.version_recorded},
                     {"group", generation.group},
@@ -61,7 +60,8 @@ std::optional<Generation> parse_entry(const std::string &text, const std::string
                               json.at("group"),
                               json.at("places").get<std::vector<std::string>>(),
                               change_from(json.at("kept")),
-                              std::nullopt};
+                              std::nullopt,
+                              json.value("number", std::uint64_t{json.at("order")})};  // older ones have none
         if (!json.at("saved").is_null()) {
             generation.saved = change_from(json.at("saved"));
         }

@@ -189,8 +189,26 @@ std::optional<ArchiveContents> GenerationFolder::contents(const std::string &nam
 
 std::optional<std::string> GenerationFolder::read(const std::string &name) const
 {
-    const auto contents = this->contents(name);
-    return contents ? std::optional(bytes_of(*contents)) : std::nullopt;
+    const Descriptor file = open(name);
+    struct stat status {};
+    if (!file) {
+        return std::nullopt;
+    }
+    if (fstat(file.get(), &status) != 0) {
+        fail_file(path_of(name), "looked at");
+    }
+    std::string bytes(static_cast<std::size_t>(status.st_size), '\0');
+    for (std::size_t at = 0; at < bytes.size();) {
+        const ssize_t got = ::read(file.get(), bytes.data() + at, bytes.size() - at);
+        if (got < 0 && errno != EINTR) {
+            fail_file(path_of(name), "read");
+        }
+        if (got == 0) {
+            bytes.resize(at);
+        }
+        at += got > 0 ? static_cast<std::size_t>(got) : 0;
+    }
+    return bytes;
 }
 
 std::optional<std::string> GenerationFolder::checksum_of(const std::string &name) const

@@ -167,6 +167,7 @@ private:
         entry.sha256 = source.sha256;
         entry.bytes = source.contents.size;
         entry.order = next_order();
+        entry.number = entry.number == 0 ? entry.order : entry.number;
         entry.kept = change_;
         if (std::find(entry.places.begin(), entry.places.end(), source.place) == entry.places.end()) {
             entry.places.push_back(source.place);
@@ -315,7 +316,10 @@ std::string name_of(const Generation &generation)
 
 void KeepReport::add(const KeepReport &other)
 {
-    kept.insert(kept.end(), other.kept.begin(), other.kept.end());
+    for (const Generation &generation : other.kept) {
+        std::erase_if(kept, [&generation](const Generation &one) { return one.sha256 == generation.sha256; });
+        kept.push_back(generation);
+    }
     dropped.insert(dropped.end(), other.dropped.begin(), other.dropped.end());
     notes.insert(notes.end(), other.notes.begin(), other.notes.end());
 }
@@ -380,6 +384,14 @@ bool GenerationStore::drop_oldest(const AskVersions &in_force, KeepReport &repor
         note_full(report);
     }
     return dropped;
+}
+
+void GenerationStore::forget(const std::string &sha256) const
+{
+    const GenerationFolder folder(parent_, Purpose::changing);
+    folder.remove(entry_name(sha256));
+    folder.remove(archive_name(sha256));
+    folder.flush();
 }
 
 void GenerationStore::note_saved(const SavedArchive &archive) const

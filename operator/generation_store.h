@@ -78,6 +78,9 @@ public:
     // checksum 'spared'. False: there is none. Throws Failure.
     bool drop_oldest(const AskVersions &in_force, KeepReport &report, const std::string &spared = {}) const;
 
+    // Drops this one, whatever it is: its entry first. Throws Failure.
+    void forget(const std::string &sha256) const;
+
     // Notes what was just made and tested, so that it is known when it is replaced one day. Throws Failure.
     void note_saved(const SavedArchive &archive) const;
 

@@ -3,21 +3,21 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <kesta/kesta.h>
-#include <pwd.h>
 #include <string.h>
 #include <sys/statvfs.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
-#include <fstream>
 #include <limits>
 
 #include "appliance_state.h"
 #include "archive_evidence.h"
 #include "archive_places.h"
+#include "current_change.h"
+#include "generation_retention.h"
 #include "names.h"
+#include "user_name.h"
 #include "whole_file.h"
 
 namespace engine {
@@ -26,26 +26,9 @@ namespace {
 constexpr const char *slot_prefix = "slot:";
 constexpr std::size_t longest_comment = 200;
 
-// Who logged in, also behind sudo; else whose rights these are.
-std::string user_name()
-{
-    uid_t uid = getuid();
-    std::ifstream file("/proc/self/loginuid");
-    std::string text;
-    if (std::getline(file, text)) {
-        uid_t login = 0;
-        const auto read = std::from_chars(text.data(), text.data() + text.size(), login);
-        if (read.ec == std::errc() && login != static_cast<uid_t>(-1)) {
-            uid = login;
-        }
-    }
-    const passwd *const entry = getpwuid(uid);
-    return entry ? entry->pw_name : std::to_string(uid);
-}
-
 GenerationChange change_now(const std::string &verb, const KeepRule &rule)
 {
-    return {time(nullptr), learn_own_number(), user_name(), verb, rule.comment};
+    return {time(nullptr), learn_own_number(), user_name(), verb, rule.comment, change_number()};
 }
 
 [[noreturn]] void refuse_unreadable(const std::string &place, const std::string &reason)
@@ -147,6 +130,20 @@ std::vector<GenerationSource> read_sources(const std::vector<ReplacedPlace> &pla
     return sources;
 }
 
+// For whoever wants it back: what each place held, and whether that is kept now.
+void note_replaced(const std::vector<ReplacedPlace> &places, const std::vector<GenerationSource> &sources,
+                   const KeepReport &report)
+{
+    for (const ReplacedPlace &place : places) {
+        const auto source = std::find_if(sources.begin(), sources.end(),
+                                         [&place](const GenerationSource &one) { return one.place == place.place; });
+        const std::string sum = source == sources.end() ? "" : source->sha256;
+        const bool is_kept = std::any_of(report.kept.begin(), report.kept.end(),
+                                         [&sum](const Generation &one) { return one.sha256 == sum; });
+        note_replaced_archive({place.place, sum, "", sum.empty() || is_kept});
+    }
+}
+
 GenerationStore store(const std::function<void()> &look)
 {
     // What is beyond the limits of archives can't be tested, and may be whole.
@@ -177,10 +174,14 @@ KeepReport keep_replaced(const std::vector<ReplacedPlace> &places, const std::st
     KeepReport report;
     if (!rule.keeps()) {
         report.notes.push_back("Nothing was kept of what was replaced: --keep 0 was given.");
+        for (const ReplacedPlace &place : places) {
+            note_replaced_archive({place.place, "", "", false});
+        }
         return report;
     }
     const std::vector<GenerationSource> sources = read_sources(places, report);
     if (sources.empty()) {
+        note_replaced(places, sources, report);
         return report;
     }
     GenerationLimits limits = generation_limits();
@@ -199,6 +200,7 @@ KeepReport keep_replaced(const std::vector<ReplacedPlace> &places, const std::st
                           " So what would be replaced can't be kept, and nothing was changed.",
                       failure.hint() + " To keep nothing of what is replaced, give --keep 0.");
     }
+    note_replaced(places, sources, report);
     return report;
 }
 
@@ -227,12 +229,15 @@ void make_room_on_flash(KeepReport &report, std::uint64_t bytes)
     }
 }
 
-void note_saved(const std::string &path, const std::string &group, int version, const KeepRule &rule)
+std::string note_saved(const std::string &path, const std::string &group, int version, const KeepRule &rule)
 {
-    if (rule.keeps()) {
-        const ArchiveContents saved = contents_of_path(path);
-        store([] {}).note_saved({checksum_of(saved), saved.size, version, group, change_now("save", rule)});
+    if (!rule.keeps()) {
+        return "";
     }
+    const ArchiveContents saved = contents_of_path(path);
+    const std::string sum = checksum_of(saved);
+    store([] {}).note_saved({sum, saved.size, version, group, change_now("save", rule)});
+    return sum;
 }
 
 std::vector<SavedArchive> saved_archives()
@@ -243,6 +248,37 @@ std::vector<SavedArchive> saved_archives()
 std::vector<Generation> generations()
 {
     return store([] {}).all();
+}
+
+std::string why_generation_stays(const std::string &sha256)
+{
+    const VersionsInForce in_force = versions_in_force();
+    if (!in_force.known()) {
+        throw Failure(Exit::platform, "versions-unknown", "Which versions are in force can't be read.",
+                      "Nothing is dropped without that. Look at --trace 1, and run the command again.");
+    }
+    const std::vector<Generation> all = generations();
+    const auto is_named = [&sha256](const Generation &one) {
+        return one.sha256 == sha256;
+    };
+    const auto found = std::find_if(all.begin(), all.end(), is_named);
+    const std::vector<Generation> free = droppable(all, in_force, {});
+    if (found == all.end() || std::any_of(free.begin(), free.end(), is_named)) {
+        return "";
+    }
+    const auto is_version = [&found](int version) {
+        return found->version > 0 && found->version == version;
+    };
+    return is_version(*in_force.accepted)  ? "it is the accepted version, and no place in force has a whole copy of it"
+           : is_version(*in_force.running) ? "it is the version that this controller runs with, and no place in force "
+                                             "has a whole copy of it"
+                                           : "it is the last one of its group, and no place in force has a whole copy "
+                                             "of it";
+}
+
+void forget_generation(const std::string &sha256)
+{
+    store([] {}).forget(sha256);
 }
 
 GenerationsCheck check_generations()

@@ -50,14 +50,21 @@ void with_room_on_flash(KeepReport &report, const std::function<void()> &write, 
 // The same for what can't be done again: drops the oldest ones until so many bytes are free, or none is left to drop.
 void make_room_on_flash(KeepReport &report, std::uint64_t bytes);
 
-// Notes an archive that was just made and tested: its version, its group, and who asked for it. Throws Failure.
-void note_saved(const std::string &path, const std::string &group, int version, const KeepRule &rule);
+// Notes an archive that was just made and tested: its version, its group, and who asked for it. Returns its checksum;
+// empty: nothing is kept. Throws Failure.
+std::string note_saved(const std::string &path, const std::string &group, int version, const KeepRule &rule);
 
 // What was noted of archives that were saved here, one for each version of the same bytes. Throws Failure.
 std::vector<SavedArchive> saved_archives();
 
 // What is kept, newest first. Throws Failure: the catalogue can't be read.
 std::vector<Generation> generations();
+
+// Why the limits never drop the generation with this checksum, as the end of a sentence; empty: they may. Throws Failure.
+std::string why_generation_stays(const std::string &sha256);
+
+// Takes it out of the catalogue. Throws Failure.
+void forget_generation(const std::string &sha256);
 
 // Every one read whole and held against its checksum, entries and files against each other. Throws Failure.
 GenerationsCheck check_generations();

@@ -4,8 +4,10 @@
 #include <libxml/xpath.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "appliance_state.h"
 #include "definition_limits.h"
@@ -28,6 +30,24 @@ std::string attribute(xmlNode *node, const char *name)
 }  // namespace
 
 std::string definition_of(const std::string &group) { return "/etc/kesta_sys/" + group + "/define.xml"; }
+
+std::vector<std::string> defined_groups()
+{
+    std::vector<std::string> groups;
+    std::error_code error;
+    for (const auto &entry : std::filesystem::directory_iterator("/etc/kesta_sys", error)) {
+        const std::string name = entry.path().filename().string();
+        if (access(definition_of(name).c_str(), F_OK) == 0) {
+            groups.push_back(name);
+        }
+    }
+    if (error && error != std::errc::no_such_file_or_directory) {
+        throw Failure(Exit::platform, "file-failed", "/etc/kesta_sys could not be read: " + error.message() + ".",
+                      "Check the folder and its rights.");
+    }
+    std::sort(groups.begin(), groups.end());
+    return groups;
+}
 
 Definition read_definition(const std::string &group)
 {

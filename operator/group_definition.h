@@ -17,6 +17,9 @@ std::string definition_of(const std::string &group);
 // Throws Failure: no group of that name, or a definition that is refused.
 Definition read_definition(const std::string &group);
 
+// The groups that have a definition, be it refused, in the order of their names. Throws Failure.
+std::vector<std::string> defined_groups();
+
 // Whether files of the group may be missing: they are removed by a restore then.
 bool may_be_gone(const KESTA_BACKUP_FILE &definition);
 

@@ -221,6 +221,12 @@ private:
 
 }  // namespace
 
+Member saved_member(const std::string &path, const struct stat &status)
+{
+    static Names names;
+    return member_from(path, status, names);
+}
+
 void for_each_saved(const KESTA_BACKUP_FILE &definition, const GroupPaths &paths, const VisitSaved &visit)
 {
     Walk(definition, paths, visit).walk();

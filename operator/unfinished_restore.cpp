@@ -16,13 +16,23 @@ using Json = nlohmann::ordered_json;
 
 std::string UnfinishedRestore::command() const
 {
-    return "kestactl restore " + group + " --from " + from + (only.empty() ? "" : " --only " + only) +
-           (on_reboot ? " --on-reboot" : "");
+    std::string text;
+    for (const std::string &word : words()) {
+        text += (text.empty() ? "" : " ") + word;
+    }
+    return text;
 }
 
 std::vector<std::string> UnfinishedRestore::words() const
 {
+    if (from == from_undo) {
+        return {"kestactl", "undo", "--yes"};
+    }
+    constexpr std::string_view generation = "generation:";
     std::vector<std::string> all{"kestactl", "restore", group, "--from", from};
+    if (from.starts_with(generation)) {
+        all = {"kestactl", "restore", group, "--generation", from.substr(generation.size())};
+    }
     if (!only.empty()) {
         all.insert(all.end(), {"--only", only});
     }

@@ -9,9 +9,11 @@
 
 namespace engine {
 
+inline constexpr const char *from_undo = "undo";
+
 struct UnfinishedRestore {
     std::string group;
-    std::string from;  // "backup" or "accept"
+    std::string from;  // "backup", "accept", "generation:SHA256", or from_undo
     std::string only;  // empty: all paths of the group
     bool on_reboot = false;
     std::set<std::string> replaced;  // what was to be replaced

@@ -3,6 +3,7 @@
 
 Arguments: the build folder, the folder of a lab, the JSON file to write, and "full" for all of the sizes.
 """
+import hashlib
 import json
 import os
 import random
@@ -91,6 +92,33 @@ def commands(lab, megabytes, files):
            **lab.compare(3, f"kestactl restore {GROUP}", "tar -C / -xjf /tmp/raw.tar.bz2", spoil, spoil)}
 
 
+def compared_files(lab, files):
+    """Small files, as a configuration has them: what is measured is the comparison of each."""
+    lab.fill(files * 500 // 1000000 or 1, files, True)
+    lab.run("sh", "-c", f"tar -C / -cjf /tmp/raw.tar.bz2 {DATA}; kestactl save {GROUP}")
+    yield {"what": f"`diff` of {files} files", "against": "`tar -dj`, which compares no folder for what is new in it",
+           **lab.compare(5, f"kestactl diff {GROUP}", "tar -C / -djf /tmp/raw.tar.bz2")}
+    yield {"what": "`save`, which keeps the one before", "against": "`save --keep 0`",
+           **lab.compare(5, f"kestactl save {GROUP}", f"kestactl save {GROUP} --keep 0", *[f"echo $$ > /{DATA}/7/7"] * 2)}
+
+
+def small_answers(lab, generations):
+    folder = os.path.join(lab.controller, "opt/kesta_sys/bakup/generations")
+    lab.run("kestactl", "metrics")
+    yield {"what": "`metrics`", "aim": 20, **lab.measure(15, "kestactl metrics")}
+    change = {"time": 1763800000, "controller": 0, "user": "root", "verb": "save", "comment": "nightly", "change": 0}
+    for number in range(1, generations + 1):
+        name = hashlib.sha256(str(number).encode()).hexdigest()
+        with open(f"{folder}/{name}.tar.Z", "w", encoding="utf-8") as file:
+            file.write(str(number))
+        with open(f"{folder}/{name}.json", "w", encoding="utf-8") as file:
+            json.dump({"format": 1, "sha256": name, "bytes": 9, "order": 1000 + number, "number": 1000 + number,
+                       "version": number, "version_recorded": True, "group": GROUP, "places": ["slot:kesta_backup0"],
+                       "kept": change, "saved": change}, file)
+    yield {"what": f"`history` of {generations} generations", "aim": 50,
+           **lab.measure(15, "kestactl history --oneline")}
+
+
 def memory(lab, megabytes):
     lab.fill(megabytes, 20, False)
     lab.run("kestactl", "save", GROUP)
@@ -119,7 +147,9 @@ def main(build, folder, target, full=""):
     is_full = full == "full"
     result = {"start": list(start_up(lab)),
               "commands": list(commands(lab, *((100, 20000) if is_full else (20, 2000)))),
+              "compared": list(compared_files(lab, 20000 if is_full else 4000)),
               "memory": list(memory(lab, 200 if is_full else 30)),
+              "small": list(small_answers(lab, 1000)),
               "contention": list(contention(lab, 8 if is_full else 2))}
     with open(target, "w", encoding="utf-8") as file:
         json.dump(result, file)

@@ -176,7 +176,11 @@ std::string MendedAppliance::at(std::size_t place) const
     return found == platform().sysback.end() ? "" : found->second.bytes;
 }
 
-Ran MendedAppliance::run(std::vector<std::string> words) const
+namespace {
+
+using Act = kestactl::Result (*)(const kestactl::Action &action, const kestactl::Globals &globals);
+
+Ran run_words(const std::vector<std::string> &words, Act act)
 {
     engine::use_both_places();  // a process of its own begins so
     kestactl::CommandLine line;
@@ -189,11 +193,24 @@ Ran MendedAppliance::run(std::vector<std::string> words) const
         if (line.parse(static_cast<int>(words.size()), arguments.data())) {
             return {2, {}, "no command"};
         }
-        const kestactl::Result result = line.action()(line.globals());
+        const kestactl::Result result = act(line.action(), line.globals());
         return {static_cast<int>(result.exit), result.json, result.text};
     } catch (const engine::Failure &failure) {
         return {static_cast<int>(failure.exit()), {}, failure.what() + (" " + failure.hint())};
     }
+}
+
+}  // namespace
+
+Ran MendedAppliance::run(std::vector<std::string> words) const
+{
+    return run_words(words,
+                     [](const kestactl::Action &action, const kestactl::Globals &globals) { return action(globals); });
+}
+
+Ran MendedAppliance::run_and_tell(const std::vector<std::string> &words) const
+{
+    return run_words(words, kestactl::act_and_tell);
 }
 
 Ran MendedAppliance::verify() const { return run({"kestactl", "verify"}); }

@@ -11,7 +11,7 @@
 
 namespace test {
 
-using kestactl::Json;
+using engine::Json;
 
 enum class Damage { none, flipped, cut, tail, absent, unreadable, older, newer };
 inline constexpr std::array<const char *, 8> damage_names{"good",   "flipped",    "cut",   "with a tail",
@@ -45,6 +45,8 @@ public:
 
     // One command in this process.
     Ran run(std::vector<std::string> words) const;
+    // The same, told to the log of changes.
+    Ran run_and_tell(const std::vector<std::string> &words) const;
     Ran verify() const;
 
     // Every whole archive that is anywhere.

@@ -9,9 +9,16 @@ namespace kestactl {
 namespace {
 
 // What a shell has to ask for when it completes: by the name of a positional or the text of an option.
-const std::map<std::string, std::string> asked{
-    {"GROUP", "groups"},           {"FILE|GROUP", "groups_or_files"}, {"FILE", "files"}, {"BLOCK", "blocks"},
-    {"IDENTIFIER", "identifiers"}, {"CONTROLLER", "controllers"},     {"AREA", "areas"}, {"SHELL", "shells"}};
+const std::map<std::string, std::string> asked{{"GROUP", "groups"},
+                                               {"FILE|GROUP", "groups_or_files"},
+                                               {"FILE", "files"},
+                                               {"BLOCK", "blocks"},
+                                               {"IDENTIFIER", "identifiers"},
+                                               {"CONTROLLER", "controllers"},
+                                               {"AREA", "areas"},
+                                               {"SHELL", "shells"},
+                                               {"GENERATION", "generations"},
+                                               {"SIDE", "sides"}};
 // By an option's name, or by its command and its name where a name means two things.
 const std::map<std::string, std::string> asked_by_option{{"--backup", "slots"},
                                                          {"--accept", "slots"},
@@ -24,6 +31,10 @@ const std::map<std::string, std::string> asked_by_option{{"--backup", "slots"},
                                                          {"restore --from", "archives"},
                                                          {"--numbering", "versions"},
                                                          {"compare --backup", "versions"},
+                                                         {"--generation", "generations"},
+                                                         {"diff --from", "sides"},
+                                                         {"diff --to", "sides"},
+                                                         {"--output", "files"},
                                                          {"--trace", "levels"}};
 
 // How it asks: shell functions, each printing words.
@@ -36,6 +47,8 @@ constexpr const char *questions = R"(_kestactl_groups()
 }
 _kestactl_slots() { echo kesta_backup0 kesta_backup1; }
 _kestactl_archives() { echo backup accept kesta_backup0 kesta_backup1; }
+_kestactl_generations() { kestactl history --oneline 2> /dev/null | while read -r number _; do echo "$number"; done; }
+_kestactl_sides() { echo live backup accept; _kestactl_generations; }
 _kestactl_places() { echo eeprom vpd flash nv; }
 _kestactl_levels() { echo 0 1 2 3 4 5; }
 _kestactl_shells() { echo bash zsh; }

@@ -9,6 +9,7 @@
 #include "file_properties.h"
 #include "group_definition.h"
 #include "names.h"
+#include "printable.h"
 
 namespace kestactl {
 namespace {
@@ -130,6 +131,33 @@ Result show(const std::string &group)
     return result;
 }
 
+// ---------------------------------------------------------------------------------------- list
+
+Result list()
+{
+    Result result;
+    result.json = {{"groups", Json::array()}};
+    for (const std::string &group : defined_groups()) {
+        std::string why;
+        std::size_t files = 0;
+        try {
+            files = files_of(*read_definition(group)).size();
+        } catch (const Failure &failure) {
+            why = failure.what();
+        }
+        result.json["groups"].push_back({{"group", group},
+                                         {"accepted", why.empty()},
+                                         {"paths", files},
+                                         {"why", why.empty() ? Json(nullptr) : Json(why)}});
+        result.text += plain_text(group) + "  " +
+                       (why.empty() ? std::to_string(files) + " paths" : "refused: " + plain_text(why)) + "\n";
+    }
+    if (result.text.empty()) {
+        result.text = "No group is defined: /etc/kesta_sys/GROUP/define.xml defines one.\n";
+    }
+    return result;
+}
+
 // ---------------------------------------------------------------------------------------- apply
 
 void apply(const KESTA_BACKUP_FILE &definition)
@@ -197,6 +225,14 @@ void add_group(const Command &app, Globals &globals, Action &action)
                  "  kestactl group check network\n"
                  "  kestactl group check ./define.xml --json");
 
+    command = group.add_subcommand("list", "List the groups that are defined");
+    command.callback([&action] {
+        action = [](const Globals &) {
+            return list();
+        };
+    });
+    add_examples(command, "  kestactl group list");
+
     command = group.add_subcommand("show", "Show a definition");
     command.add_option("GROUP", *name, "Group name").required();
     command.callback([&action, name] {
@@ -216,6 +252,7 @@ void add_group(const Command &app, Globals &globals, Action &action)
     });
     add_examples(command, "  kestactl group apply network --dry-run");
     add_examples(group,
+                 "  kestactl group list\n"
                  "  kestactl group check network\n"
                  "  kestactl group show network --json\n"
                  "  kestactl group apply network --dry-run");

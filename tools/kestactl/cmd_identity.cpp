@@ -16,6 +16,7 @@
 #include "kept_generations.h"
 #include "names.h"
 #include "overlong_mirror.h"
+#include "overview.h"
 #include "printable.h"
 #include "trace_capture.h"
 #include "whole_file.h"
@@ -524,6 +525,8 @@ void add_carry(const Command &identity, Globals &globals, Action &action)
 }
 
 }  // namespace
+
+Result show_identity() { return show(); }
 
 void add_identity(const Command &app, Globals &globals, Action &action)
 {

@@ -498,11 +498,13 @@ void add_release(const Command &lock, Globals &globals, Action &action, const st
                  "  kestactl lock release 1795240000 --controller CNT2");
 }
 
-void add_check_and_wait(const Command &lock, Action &action, const std::shared_ptr<LockOptions> &options)
+void add_check_and_wait(const Command &lock, Globals &globals, Action &action,
+                        const std::shared_ptr<LockOptions> &options)
 {
     const Command check_command =
         lock.add_subcommand("check",
                             "Show who holds which command lock, without taking any; exit code 1 if one is held");
+    add_watch(check_command, globals);
     check_command.callback([&action] {
         action = [](const Globals &) {
             return check();
@@ -543,7 +545,7 @@ void add_lock(const Command &app, Globals &globals, Action &action)
                           options, plan_convert);
     add_identifier(command, options);
     add_examples(command, "  kestactl lock convert 1795240000");
-    add_check_and_wait(lock, action, options);
+    add_check_and_wait(lock, globals, action, options);
     add_local(lock, globals, action, options);
     add_examples(lock,
                  "  kestactl lock check\n"

@@ -1,4 +1,5 @@
-// kestactl report: verify, status, versions and the NV image on one page for a browser.
+// kestactl report: verify, status, versions, history and the NV image on one page for a browser, and what the other
+// controllers say.
 #include <kesta/kesta.h>
 #include <time.h>
 
@@ -7,6 +8,7 @@
 #include <functional>
 #include <memory>
 
+#include "all_controllers.h"
 #include "command.h"
 #include "findings.h"
 #include "overview.h"
@@ -29,6 +31,9 @@ th{width:38%}code{font:.9em/1.4 ui-monospace,monospace}
 .map .a.set{background:#1565c0}.map .b.set{background:#ef6c00}
 .key i{display:inline-block;width:.8em;height:.8em;margin-right:.3em}
 .a.set.one{background:#1565c0}.b.set.one{background:#ef6c00}.none.one{background:var(--line)}
+.time{list-style:none;margin:.4rem 0;padding:0 0 0 1rem;border-left:.2rem solid var(--line)}
+.time li{position:relative;padding:.3rem 0}.time li:before{content:"";position:absolute;left:-1.45rem;top:.75em;width:.7rem;height:.7rem;border-radius:50%;background:#1565c0}
+time{font:.9em/1.4 ui-monospace,monospace}
 details{margin-top:.6rem}summary{cursor:pointer}
 )";
 
@@ -249,12 +254,100 @@ std::string image_fields(const Json &image)
            "</table></details>\n";
 }
 
+// What another machine told is text like any other: every cell is escaped.
+Json member(const Json &json, const char *name) { return json.is_object() ? json.value(name, Json()) : Json(); }
+
+std::string controllers_table(const Json &appliance)
+{
+    std::string html;
+    for (const auto &[name, values] : appliance.at("differences").items()) {
+        html += "<div class=\"mend\"><strong>" + escaped(name) + "</strong> differs:";
+        for (const auto &[controller, value] : values.items()) {
+            html += "<br>" + escaped(controller) + ": " + cell(value);
+        }
+        html += "</div>\n";
+    }
+    html += "<table>\n";
+    for (const Json &answer : appliance.at("controllers")) {
+        const std::string name = "CNT" + answer.at("controller").dump();
+        const Json status = answer.at("result");
+        const Json versions = member(status, "versions");
+        html += row(name, answer.at("answered") == true
+                              ? "runs version " + cell(member(versions, "current")) + ", backup " +
+                                    cell(member(versions, "backup")) + " in " + cell(member(status, "backup_slot")) +
+                                    ", accepted " + cell(member(versions, "accept")) + " in " +
+                                    cell(member(status, "accept_slot")) +
+                                    "; unfinished: " + cell(member(status, "unfinished"))
+                              : "&#9888; no answer: " + cell(answer.at("why")));
+    }
+    return html + "</table>\n";
+}
+
+std::string drift_text(const Json &verified)
+{
+    const Json drift = member(verified, "drift");
+    std::string html = "<p>" + cell(member(drift, "text")) + "</p>\n";
+    for (const Json &path : member(drift, "paths")) {
+        html += "<code>" + cell(path) + "</code><br>\n";
+    }
+    return html;
+}
+
+std::string board_table(const Json &board)
+{
+    std::string html = "<table>\n";
+    const Json values = member(board, "values");
+    for (const auto &[name, places] : values.items()) {
+        std::string told;
+        for (const auto &[place, value] : places.items()) {
+            told += (told.empty() ? "" : "<br>") + escaped(place) + ": " + cell(value);
+        }
+        html += row(name, told);
+    }
+    return html + "</table>\n";
+}
+
+// Newest first, as a line of time.
+std::string time_line(const Json &kept)
+{
+    std::string html = "<ol class=\"time\">\n";
+    for (const Json &one : member(kept, "generations")) {
+        html += "<li><time>" + cell(member(one, "date")) + "</time> " + cell(member(one, "group")) + ", version " +
+                cell(member(one, "version")) + ": " + cell(member(one, "reason")) + " <small>by " +
+                cell(member(one, "author")) + ", generation " + cell(member(one, "number")) + "</small></li>\n";
+    }
+    html += "</ol>\n";
+    return member(kept, "generations").empty() ? "<p>Nothing was kept yet.</p>\n" : html;
+}
+
 // ----------------------------------------------------------------------------------------- the page
 
-std::string page(const Part &verified, const Part &status, const Part &versions, const Part &image)
+struct Parts {
+    Part verified{[] {
+        return verify_places();
+    }};
+    Part status{[] {
+        return show_status(true);
+    }};
+    Part versions{show_versions};
+    Part image{decode_image};
+    Part appliance{[] {
+        return status_of_all(false, [] { return show_status(false); });
+    }};
+    Part board{show_identity};
+    Part kept{show_history};
+
+    bool agree() const
+    {
+        return verified.exit() == Exit::done && status.exit() == Exit::done && !versions.is_missing() &&
+               !image.is_missing();
+    }
+};
+
+std::string page(const Parts &parts)
 {
-    const bool agree =
-        verified.exit() == Exit::done && status.exit() == Exit::done && !versions.is_missing() && !image.is_missing();
+    const auto &[verified, status, versions, image, appliance, board, kept] = parts;
+    const bool agree = parts.agree();
     const std::string name = status.is_missing() ? "" : "CNT" + cell(status.json().at("controller"));
     const std::string verdict = agree                           ? "All places agree."
                                 : verified.is_missing()         ? "It can't be told whether the places agree."
@@ -272,7 +365,10 @@ std::string page(const Part &verified, const Part &status, const Part &versions,
            "<p class=\"verdict " +
            (agree ? "good" : "bad") + "\">" + verdict + "</p>\n" +
            (verified.is_missing() ? "" : disagreements(verified.json())) +
+           appliance.section_of("All controllers", controllers_table) +
            verified.section_of("What was compared", subjects_table) +
+           verified.section_of("Changed since the save", drift_text) +
+           kept.section_of("What was there before", time_line) + board.section_of("The board's identity", board_table) +
            status.section_of("This controller", controller_table) + versions.section_of("Versions", versions_table) +
            status.section_of("Locks", locks_table) + status.section_of("Archives", archives_table) +
            image.section_of("Map of the NV image", image_map) +
@@ -282,21 +378,21 @@ std::string page(const Part &verified, const Part &status, const Part &versions,
 Result report(const std::string &file)
 {
     ExportedFile written(file);  // first: a name that can't be written shows before the work
-    const Part verified(verify_places);
-    const Part status([] { return show_status(true); });
-    const Part versions(show_versions);
-    const Part image(decode_image);
+    const Parts parts;
     const std::string path = std::filesystem::absolute(file).string();
-    written.write(page(verified, status, versions, image));
+    written.write(page(parts));
     written.publish();
     Result result;
     result.text = "Written to " + path + ".\n";
     result.json = {{"file", path},
-                   {"verify", verified.json()},
-                   {"status", status.json()},
-                   {"versions", versions.json()},
-                   {"image", image.json()}};
-    for (const Part *part : {&verified, &status, &versions, &image}) {
+                   {"verify", parts.verified.json()},
+                   {"status", parts.status.json()},
+                   {"versions", parts.versions.json()},
+                   {"image", parts.image.json()},
+                   {"appliance", parts.appliance.json()},
+                   {"identity", parts.board.json()},
+                   {"history", parts.kept.json()}};
+    for (const Part *part : {&parts.verified, &parts.status, &parts.versions, &parts.image}) {
         result.exit = std::max(result.exit, part->exit());
     }
     return result;

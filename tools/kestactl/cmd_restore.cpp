@@ -252,11 +252,12 @@ Result restore_by(const RestoreOptions &options, RestoreFilesOptions files, cons
         files.from = options.from;
         return restore_files(files, globals);
     }
-    if (!files.only.empty() || files.on_reboot) {
-        throw Failure(Exit::usage, "two-ways",
-                      "--only and --on-reboot are for a restore by the definition, the other options for one "
-                      "by the group's own scripts.",
-                      "Leave one of them out: see 'kestactl restore --help'.");
+    if (!files.only.empty() || files.on_reboot || !files.generation.empty()) {
+        throw Failure(
+            Exit::usage, "two-ways",
+            "--only, --on-reboot and --generation are for a restore by the definition, the other options for one "
+            "by the group's own scripts.",
+            "Leave one of them out: see 'kestactl restore --help'.");
     }
     Globals waiting = globals;
     waiting.lock_rule.wait = files.work.wait;
@@ -274,7 +275,10 @@ void add_restore(const Command &app, Globals &globals, Action &action)
                            "Bring a saved environment back to this controller: the files of the group's definition, "
                            "or with --script by one of the group's own scripts");
     command.add_option("GROUP", options->group, "Group name").required();
-    command.add_option("--from", options->from, "backup, accept, or a slot by its name");
+    const Option from = command.add_option("--from", options->from, "backup, accept, or a slot by its name");
+    command.add_option("--generation", files->generation, "What was there before, by its number in 'kestactl history'")
+        .option_text("N")
+        .excludes(from);
     command.add_option("--only", files->only, "Restore this path of the group, or below one, and no more");
     command.add_flag("--on-reboot", files->on_reboot,
                      "For the next reboot: re-post-scripts instead of post-scripts, and the reboot version");
@@ -303,6 +307,7 @@ void add_restore(const Command &app, Globals &globals, Action &action)
                  "  kestactl restore network --dry-run\n"
                  "  kestactl restore network --only /etc/hosts\n"
                  "  kestactl restore network --from accept --on-reboot\n"
+                 "  kestactl restore network --generation 3\n"
                  "  kestactl restore network --from kesta_backup1 --switch-only\n"
                  "  kestactl restore network --script update --skip-flashcopy");
     command.callback([&action, options, files] {

@@ -9,6 +9,7 @@
 #include "archive_evidence.h"
 #include "archive_places.h"
 #include "command.h"
+#include "current_change.h"
 #include "environment_archive.h"
 #include "environment_work.h"
 #include "generations.h"
@@ -90,10 +91,12 @@ void add_mirror_step(Plan &plan, Work &work)
 }
 
 // Known from here on: when it is replaced one day, it is kept with its version and group. Nothing is lost without that.
-void note_what_is_saved(const SaveOptions &options, const Work &work, KeepReport &report)
+void note_what_is_saved(const SaveOptions &options, const Work &work, const std::string &slot, KeepReport &report)
 {
     try {
-        note_saved(unfinished_archive, options.group, work.version, work.keep_rule);
+        const std::string sum = note_saved(unfinished_archive, options.group, work.version, work.keep_rule);
+        note_new_archive(flash_backup, sum);
+        note_new_archive(place_of_slot(slot), sum);
     } catch (const Failure &failure) {
         report.notes.push_back(std::string("The archive was not noted among the generations: ") + failure.what());
     }
@@ -133,8 +136,8 @@ Plan plan_save(const SaveOptions &options, Work &work)
     plan.steps.push_back(publishing(work, "hand out the next version", {"version area numbering"},
                                     [&work] { work.version = hand_out_version(learn_own_number()); }));
     plan.steps.push_back(
-        publishing(work, "put the archive to flash", {flash_backup}, [&options, &work, kept = plan.kept] {
-            note_what_is_saved(options, work, *kept);
+        publishing(work, "put the archive to flash", {flash_backup}, [&options, &work, slot, kept = plan.kept] {
+            note_what_is_saved(options, work, slot, *kept);
             publish_file(unfinished_archive, flash_backup);
         }));
     plan.steps.back().measured = unfinished_archive;
@@ -166,7 +169,8 @@ Result save(const SaveOptions &options, const Globals &globals)
 
 // ----------------------------------------------------------------------------------------- accept
 
-void require_whole_archive(const std::string &path, const Work &work)
+// Returns its checksum.
+std::string require_whole_archive(const std::string &path, const Work &work)
 {
     require_file(path, "Save the environment first: kestactl save GROUP.");
     const ArchiveEvidence evidence = evidence_of_file(path, [&work] { stop_if_asked(work); });
@@ -176,6 +180,7 @@ void require_whole_archive(const std::string &path, const Work &work)
                       "restore GROUP --switch-only'.");
     }
     require_whole(evidence, path);
+    return evidence.sha256;
 }
 
 void store_as_accepted(const std::string &slot)
@@ -205,7 +210,7 @@ Plan plan_accept(Work &work)
     require_writable();
     learn_own_number();
     const std::string slot = require_slot(accept_slot(), "accept");
-    require_whole_archive(flash_backup, work);
+    const std::string sum = require_whole_archive(flash_backup, work);
     Plan plan;
     plan.long_work = true;
     plan.json = {{"slot", slot}};
@@ -223,8 +228,12 @@ Plan plan_accept(Work &work)
     plan.steps.push_back(publishing(work, "put it to flash as the accepted one", {flash_accept}, [kept = plan.kept] {
         with_room_on_flash(*kept, [] { copy_file_whole(merge_backup, flash_accept); });
     }));
-    plan.steps.push_back(
-        publishing(work, "record the version", {"version area accept"}, [&work] { accept_version(work); }));
+    plan.steps.push_back(publishing(work, "record the version", {"version area accept"}, [&work, slot, sum] {
+        accept_version(work);
+        for (const std::string &place : {place_of_slot(slot), std::string(flash_accept), std::string(merge_backup)}) {
+            note_new_archive(place, sum);
+        }
+    }));
     return plan;
 }
 

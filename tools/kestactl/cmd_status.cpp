@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 
+#include "all_controllers.h"
 #include "appliance_state.h"
 #include "archive_evidence.h"
 #include "archive_places.h"
@@ -311,21 +312,21 @@ Result show_status(bool checksums)
     return result;
 }
 
-namespace {
-
-}  // namespace
-
-void add_status(const Command &app, const Globals &, Action &action)
+void add_status(const Command &app, Globals &globals, Action &action)
 {
     auto archives = std::make_shared<bool>(false);
+    auto all = std::make_shared<bool>(false);
     const Command command = app.add_subcommand("status", "Show this controller at a glance");
     add_examples(command,
                  "  kestactl status\n"
+                 "  kestactl status --all\n"
                  "  kestactl status --archives --json");
     command.add_flag("--archives", *archives, "Read every archive and show its checksum");
-    command.callback([&action, archives] {
-        action = [archives](const Globals &) {
-            return show_status(*archives);
+    command.add_flag("--all", *all, "Ask all controllers, and tell what differs between them");
+    add_watch(command, globals);
+    command.callback([&action, archives, all] {
+        action = [archives, all](const Globals &) {
+            return *all ? status_of_all(*archives, [&] { return show_status(*archives); }) : show_status(*archives);
         };
     });
 }

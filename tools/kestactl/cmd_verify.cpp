@@ -1,8 +1,10 @@
 // kestactl verify: the storage places of this controller and the shared ones held against each other.
 #include <memory>
 
+#include "all_controllers.h"
 #include "appliance_state.h"
 #include "command.h"
+#include "drift.h"
 #include "findings.h"
 #include "mending.h"
 #include "overview.h"
@@ -14,6 +16,8 @@ namespace {
 struct VerifyOptions {
     bool fix = false;
     bool yes = false;
+    bool drift = false;  // counts
+    bool all = false;
 };
 
 constexpr int findings_schema_version = 2;
@@ -72,10 +76,34 @@ Result result_of(const Findings &findings)
         result.json["subjects"].push_back(json_of(row));
         result.text += text_of(row);
     }
-    result.text += result.exit == Exit::done       ? "All places agree.\n"
-                   : result.exit == Exit::platform ? "Some places can't be read: no answer is no pass.\n"
-                                                   : "Some places do not agree.\n";
     return result;
+}
+
+void add_verdict(Result &result, const Findings &findings)
+{
+    const Exit exit = findings.exit();
+    result.text += exit == Exit::done       ? "All places agree.\n"
+                   : exit == Exit::platform ? "Some places can't be read: no answer is no pass.\n"
+                                            : "Some places do not agree.\n";
+}
+
+// Beside the subjects: what changes files is the operator's own work, and no finding unless it is asked for.
+void add_drift(Result &result, const Drift &drift, bool counts)
+{
+    result.json["drift"] = {{"state", name_of(drift.state)},
+                            {"group", drift.group.empty() ? Json(nullptr) : Json(drift.group)},
+                            {"changed", drift.changed},
+                            {"added", drift.added},
+                            {"removed", drift.removed},
+                            {"paths", drift.paths},
+                            {"text", drift.text}};
+    const bool is_no_pass = counts && drift.state != DriftState::none;
+    char start[64];
+    snprintf(start, sizeof(start), "%-2s  %-12s ", is_no_pass ? "!!" : "", "drift");
+    result.text += start + drift.text + "\n";
+    if (is_no_pass) {
+        result.exit = std::max(result.exit, drift.state == DriftState::drifted ? Exit::no : Exit::platform);
+    }
 }
 
 std::vector<MendCommand> mends_of(const Findings &findings)
@@ -94,6 +122,7 @@ std::vector<MendCommand> mends_of(const Findings &findings)
 Result show_mends(const Findings &findings)
 {
     Result result = result_of(findings);
+    add_verdict(result, findings);
     result.json["dry_run"] = true;
     result.json["would_run"] = mends_of(findings);
     result.text += "Nothing is changed. This would be run, and looked at again behind each:\n";
@@ -134,12 +163,21 @@ Result fix(const VerifyOptions &options, const Globals &globals)
                 (one.why.empty() ? "" : "      " + one.why + "\n");
     }
     result.text = text + result.text;
+    add_verdict(result, findings);
     return result;
 }
 
 }  // namespace
 
-Result verify_places() { return result_of(find_all()); }
+Result verify_places(bool drift_counts)
+{
+    const Drift drift = find_drift();  // first: what it unpacks, the findings need not
+    const Findings findings = find_all();
+    Result result = result_of(findings);
+    add_drift(result, drift, drift_counts);
+    add_verdict(result, findings);
+    return result;
+}
 
 void add_verify(const Command &app, Globals &globals, Action &action)
 {
@@ -149,17 +187,24 @@ void add_verify(const Command &app, Globals &globals, Action &action)
     const Option fix_option = command.add_flag("--fix", options->fix,
                                                "Run what mends it, in an order that can lose nothing, then look again");
     command.add_flag("--yes", options->yes, "Don't ask").needs(fix_option);
+    command.add_flag("--drift", options->drift, "Exit code 1 also where the group's files have changed since the save")
+        .excludes(fix_option);
+    command.add_flag("--all", options->all, "On all controllers").excludes(fix_option);
     add_dry_run(command, globals);
     command.get_option("--dry-run").needs(fix_option);
     add_lock_rule(command, globals);
     command.callback([&action, options] {
         action = [options](const Globals &given) {
-            return options->fix ? fix(*options, given) : verify_places();
+            return options->fix   ? fix(*options, given)
+                   : options->all ? verify_all(options->drift, [&] { return verify_places(options->drift); })
+                                  : verify_places(options->drift);
         };
     });
     add_examples(command,
                  "  kestactl verify\n"
                  "  kestactl verify --json\n"
+                 "  kestactl verify --drift\n"
+                 "  kestactl verify --all\n"
                  "  kestactl verify --fix --dry-run\n"
                  "  kestactl verify --fix");
 }

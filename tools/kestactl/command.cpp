@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "appliance_state.h"
+#include "current_change.h"
 #include "kept_generations.h"
 #include "printable.h"
 
@@ -91,6 +92,8 @@ Result carry_out(const Plan &given, const Globals &globals)
     if (globals.dry_run) {
         return show_plan(plan);
     }
+    const Json group = plan.json.value("group", Json());
+    note_change(group.is_string() ? group.get<std::string>() : "");
     if (plan.shared) {
         honour_command_lock(globals.lock_rule);
     }
@@ -98,6 +101,9 @@ Result carry_out(const Plan &given, const Globals &globals)
     result.json = plan.json;
     result.json["dry_run"] = false;
     result.json["steps"] = Json::array();
+    if (!plan.steps.empty()) {
+        begin_change();
+    }
     for (std::size_t i = 0; i < plan.steps.size(); ++i) {
         const Step &step = plan.steps[i];
         if (plan.long_work) {
@@ -114,6 +120,29 @@ Result carry_out(const Plan &given, const Globals &globals)
         tell_kept(result, *plan.kept);
     }
     return result;
+}
+
+Result act_and_tell(const Action &action, const Globals &globals)
+{
+    watch_change(globals.verb, globals.keep_rule.comment);
+    try {
+        Result result = action(globals);
+        const Json version = result.json.is_object() ? result.json.value("version", Json()) : Json();
+        if (version.is_number_integer()) {
+            note_change_version(version.get<int>());
+        }
+        if (const std::string missing = end_change({result.exit, "", ""}); !missing.empty()) {
+            result.text += missing + "\n";
+            result.json["not_logged"] = missing;
+        }
+        return result;
+    } catch (const Failure &failure) {
+        (void)end_change({failure.exit(), failure.code(), failure.what()});
+        throw;
+    } catch (const std::exception &) {
+        (void)end_change({Exit::platform, "failed", ""});
+        throw;
+    }
 }
 
 const char *const exit_codes =
@@ -160,6 +189,13 @@ void confirm(const std::string &question, bool yes)
 void add_dry_run(const Command &command, Globals &globals)
 {
     command.add_flag("--dry-run", globals.dry_run, "Show what would be done, and change nothing");
+}
+
+void add_watch(const Command &command, Globals &globals)
+{
+    command.add_option("--watch", globals.watch, "Show it again every so many seconds, until Ctrl-C")
+        .in_range(1, 86400)
+        .option_text("SECONDS");
 }
 
 void add_lock_rule(const Command &command, Globals &globals)

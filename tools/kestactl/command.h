@@ -2,6 +2,8 @@
 #pragma once
 
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,13 +24,21 @@ Result carry_out(const Plan &plan, const Globals &globals);
 
 using Action = std::function<Result(const Globals &)>;
 
+// Acts, and tells the log of changes and the journal what was changed, and how it ended.
+Result act_and_tell(const Action &action, const Globals &globals);
+
 // Subcommands register themselves, and set action when they are chosen.
-void add_status(const Command &app, const Globals &globals, Action &action);
+void add_status(const Command &app, Globals &globals, Action &action);
 void add_nv(const Command &app, Globals &globals, Action &action);
 void add_nv_image(const Command &nv, Globals &globals, Action &action);
 void add_nv_verify(const Command &nv, Action &action);
 void add_repair(const Command &app, Globals &globals, Action &action);
 void add_completion(const Command &app, Action &action);
+void add_diff(const Command &app, Action &action);
+void add_history(const Command &app, Globals &globals, Action &action);
+void add_undo(const Command &app, Globals &globals, Action &action);
+void add_metrics(const Command &app, Action &action);
+void add_check(const Command &app, Action &action);
 void add_verify(const Command &app, Globals &globals, Action &action);
 void add_leftovers(const Command &app, Globals &globals, Action &action);
 void add_copy_archive(const Command &copy, Globals &globals, Action &action);
@@ -63,6 +73,9 @@ void confirm(const std::string &question, bool yes);
 
 // Adds --dry-run to a changing command.
 void add_dry_run(const Command &command, Globals &globals);
+
+// Adds --watch to a command that shows something.
+void add_watch(const Command &command, Globals &globals);
 
 // Adds --wait and --ignore-lock to a command whose plan is shared.
 void add_lock_rule(const Command &command, Globals &globals);

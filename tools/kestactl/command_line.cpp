@@ -96,12 +96,23 @@ struct Verb {
 };
 
 constexpr std::array verbs{
-    Verb{"status",
-         [](const Command &app, Globals &globals, Action &action) {
-             add_status(app, globals, action);
-         }},
+    Verb{"status", add_status},
     Verb{"nv", add_nv},
     Verb{"verify", add_verify},
+    Verb{"diff",
+         [](const Command &app, Globals &, Action &action) {
+             add_diff(app, action);
+         }},
+    Verb{"history", add_history},
+    Verb{"undo", add_undo},
+    Verb{"metrics",
+         [](const Command &app, Globals &, Action &action) {
+             add_metrics(app, action);
+         }},
+    Verb{"check",
+         [](const Command &app, Globals &, Action &action) {
+             add_check(app, action);
+         }},
     Verb{"report",
          [](const Command &app, Globals &, Action &action) {
              add_report(app, action);
@@ -120,6 +131,18 @@ constexpr std::array verbs{
     Verb{"lock", add_lock},
     Verb{"run", add_run},
 };
+
+constexpr int verbose_level = 3;
+
+std::optional<Command> chosen_command(const Command &command)
+{
+    for (const Command &inner : command.subcommands()) {
+        if (inner.was_given()) {
+            return inner;
+        }
+    }
+    return std::nullopt;
+}
 
 // The one verb that is asked for, or --version; nothing: any may be meant, or all are told of.
 std::optional<std::string_view> only_word(int argc, const char *const *argv)
@@ -171,6 +194,8 @@ CommandLine::CommandLine(int argc, const char *const *argv)
     program_.fallthrough();
     app.add_flag("--json", globals_.json, "Print one JSON text on stdout, errors included");
     app.add_option("--trace", globals_.trace_level, "Show trace lines up to this level on stderr").in_range(0, 5);
+    const Option quiet = app.add_flag("-q,--quiet", globals_.quiet, "Print failures only");
+    app.add_flag("-v,--verbose", globals_.verbose, "Show notable events on stderr: --trace 3").excludes(quiet);
     const auto only = only_word(argc, argv);
     for (const Verb &verb : verbs) {
         if (!only || verb.name == *only) {
@@ -190,8 +215,16 @@ CommandLine::CommandLine(int argc, const char *const *argv)
 
 std::optional<Result> CommandLine::parse(int argc, const char *const *argv)
 {
-    const std::optional<options::Ended> ended = program_.parse(argc, argv);
-    return ended ? std::optional(answer_of(program_.command(), *ended, argc, argv)) : std::nullopt;
+    if (const std::optional<options::Ended> ended = program_.parse(argc, argv)) {
+        return answer_of(program_.command(), *ended, argc, argv);
+    }
+    if (globals_.verbose) {
+        globals_.trace_level = std::max(globals_.trace_level, verbose_level);
+    }
+    for (std::optional<Command> chosen = chosen_command(program_.command()); chosen; chosen = chosen_command(*chosen)) {
+        globals_.verb += (globals_.verb.empty() ? "" : " ") + chosen->name();
+    }
+    return std::nullopt;
 }
 
 }  // namespace kestactl

@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "appliance_state.h"
+#include "current_change.h"
 #include "kept_generations.h"
 #include "leftovers.h"
 #include "render.h"
@@ -49,6 +50,7 @@ Result carry_out_locked(const LockRequest &request, const std::function<Plan(Wor
     if (globals.dry_run) {
         return carry_out(make_plan(work), globals);
     }
+    note_change(request.group);
     HeldLocalLock local(local_lock);
     const int own = learn_own_number();
     HeldCommandLock command(own, take_command_lock(request, own, signals));

@@ -36,7 +36,8 @@ void add_keep_options(const options::Command &command, Globals &globals)
                     "Keep this many generations of archives, not the number of the settings; 0: none of what is "
                     "replaced now")
         .not_negative();
-    command.add_option("--comment", globals.keep_rule.comment, "Why: noted with the generations").option_text("TEXT");
+    command.add_option("--comment,--reason", globals.keep_rule.comment, "Why: noted with the generations")
+        .option_text("TEXT");
 }
 
 Step keep_step(const std::vector<ReplacedPlace> &places, const std::string &verb, const KeepRule &rule,

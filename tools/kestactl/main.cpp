@@ -2,7 +2,9 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <exception>
@@ -64,13 +66,28 @@ int report_failure(const Failure &failure, bool json, const JsonChannel &channel
     return code(failure.exit());
 }
 
-int report_result(const Result &result, bool json, const JsonChannel &channel)
+// Only a terminal is coloured, and none whose user does not want it.
+bool wants_colours()
+{
+    const char *const no_color = getenv("NO_COLOR");
+    const char *const terminal = getenv("TERM");
+    return isatty(STDOUT_FILENO) != 0 && (!no_color || *no_color == '\0') && terminal &&
+           std::string_view(terminal) != "dumb";
+}
+
+std::string as_shown(const Result &result)
+{
+    const std::string text = shown_result(result, Form::text);
+    return wants_colours() ? coloured(text) : text;
+}
+
+int report_result(const Result &result, bool json, const JsonChannel &channel, bool quiet = false)
 {
     bool written;
     if (json) {
         written = channel.write(shown_result(result, Form::json));
     } else {
-        std::cout << shown_result(result, Form::text) << std::flush;
+        std::cout << (quiet ? "" : as_shown(result)) << std::flush;
         written = static_cast<bool>(std::cout);
     }
     if (!written && result.unwritten) {
@@ -140,6 +157,24 @@ Failure in_words(const std::exception &error)
             "Look at --trace 1, and report what it shows."};
 }
 
+// Once, or again and again until somebody ends it or nobody reads it any more.
+int act_and_report(const Action &action, const Globals &globals, const JsonChannel &channel)
+{
+    constexpr const char *clear_terminal = "\033[H\033[2J";
+    for (;;) {
+        const Result result = act_and_tell(action, globals);
+        if (globals.watch && !globals.json && isatty(STDOUT_FILENO) != 0) {
+            std::cout << clear_terminal;
+        }
+        const int exit = report_result(result, globals.json, channel, globals.quiet);
+        if (!globals.watch || !std::cout) {
+            return exit;
+        }
+        const timespec pause{*globals.watch, 0};
+        (void)nanosleep(&pause, nullptr);
+    }
+}
+
 int perform(const Action &action, const Globals &globals, const JsonChannel &channel)
 {
     show_traces(globals.trace_level);
@@ -147,7 +182,7 @@ int perform(const Action &action, const Globals &globals, const JsonChannel &cha
         withhold_traces();
     }
     try {
-        return report_result(action(globals), globals.json, channel);
+        return act_and_report(action, globals, channel);
     } catch (const Failure &failure) {
         return report_failure(failure, globals.json, channel);
     } catch (const std::exception &error) {

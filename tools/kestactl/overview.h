@@ -9,7 +9,13 @@ namespace kestactl {
 Result show_status(bool checksums);
 
 // kestactl verify, without --fix.
-Result verify_places();
+Result verify_places(bool drift_counts = false);
+
+// kestactl identity show.
+Result show_identity();
+
+// kestactl history.
+Result show_history();
 
 // kestactl version show.
 Result show_versions();

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,10 @@ struct Globals {
     bool json = false;
     int trace_level = 0;
     bool dry_run = false;
+    bool quiet = false;        // failures only
+    bool verbose = false;      // notable events too
+    std::optional<int> watch;  // seconds until it is shown again
+    std::string verb;          // the command's own words: "copy archive"
     LockRule lock_rule;
     KeepRule keep_rule;
     // Runs another command line: its words, whose locks it ignores, and why it is run. Throws Failure.

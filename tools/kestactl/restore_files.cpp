@@ -9,13 +9,19 @@
 
 #include "appliance_state.h"
 #include "archive_places.h"
+#include "compared_sides.h"
+#include "current_change.h"
+#include "difference_rows.h"
 #include "environment_archive.h"
 #include "file_changes.h"
 #include "file_properties.h"
 #include "group_definition.h"
+#include "history.h"
 #include "kept_generations.h"
 #include "names.h"
 #include "placed_files.h"
+#include "replaced_files.h"
+#include "storage_places.h"
 #include "unfinished_restore.h"
 #include "whole_file.h"
 
@@ -24,10 +30,13 @@ namespace {
 
 // The saved or the accepted environment, and where it lies.
 struct Source {
-    std::string side;  // "backup" or "accept"
+    std::string side;  // "backup", "accept", or "generation:SHA256"
     std::string slot;
-    const char *flash;
+    const char *flash;  // null: it is a generation, and stays where it is
     int version_area;
+    std::optional<Generation> generation = std::nullopt;
+
+    std::string name() const { return generation ? name_of(*generation) : "the " + side; }
 };
 
 Source source_of(const std::string &from)
@@ -48,6 +57,21 @@ Source source_of(const std::string &from)
                   "See 'kestactl slot show'; 'kestactl slot switch' names other ones.");
 }
 
+Source source_of_generation(const std::string &name)
+{
+    const Generation generation = find_generation(name);
+    return {address_of(generation), "", nullptr, 0, generation};
+}
+
+ArchiveContents contents_of(const Source &source)
+{
+    if (!source.generation) {
+        return read_slot(source.slot);
+    }
+    const std::string &sum = source.generation->sha256;
+    return contents_known_as(contents_of_path(path_of_generation(sum)), sum, "The generation");
+}
+
 // What a run works on: it lives as long as the plan's steps.
 struct Restore {
     RestoreFilesOptions options;
@@ -57,6 +81,9 @@ struct Restore {
     Archive archive;
     RestoredFiles files;
     FileChanges changes;
+    std::optional<ReplacedFiles> kept;  // for undo
+
+    bool has_version() const { return !source.generation || source.generation->version > 0; }
 };
 
 UnfinishedRestore note_of(const Restore &restore)
@@ -79,6 +106,21 @@ void take_over_unfinished(const Restore &restore)
     }
 }
 
+// What is replaced is kept for undo. Without that the restore goes on, and can't be undone.
+void keep_for_undo(Restore &restore, const GroupPlaces &places, const Work &work, KeepReport &report)
+{
+    if (!work.keep_rule.keeps() || restore.changes.none()) {
+        return;
+    }
+    try {
+        restore.kept =
+            keep_replaced_files(restore.options.group, restore.changes, places, [&work] { stop_if_asked(work); });
+    } catch (const Failure &failure) {
+        stop_if_asked(work);
+        report.notes.push_back(std::string("This restore can't be undone: ") + failure.what());
+    }
+}
+
 void put_slot_to_flash(const Restore &restore, const Work &work, KeepReport &report)
 {
     const bool is_there = std::filesystem::exists(restore.source.flash);
@@ -86,10 +128,11 @@ void put_slot_to_flash(const Restore &restore, const Work &work, KeepReport &rep
         report.add(keep_replaced({{restore.source.flash, Replacing::by_rename}}, "restore", work.keep_rule,
                                  [&work] { stop_if_asked(work); }));
         with_room_on_flash(report, [&] { write_file_whole(restore.source.flash, restore.archive.contents.pieces()); });
+        note_new_archive(restore.source.flash, checksum_of(restore.archive.contents));
     }
 }
 
-void put_beside(Restore &restore)
+void put_beside(Restore &restore, const Work &work, KeepReport &report)
 {
     // After the scripts: they may have changed the files, and the way to them.
     const GroupPlaces places(*restore.paths);
@@ -97,6 +140,7 @@ void put_beside(Restore &restore)
         remove_staged(unfinished->replaced, places);
     }
     restore.changes = compare_files(restore.archive, restore.files, places);
+    keep_for_undo(restore, places, work, report);
     note_unfinished(note_of(restore));
     try {
         stage_files(restore.archive, restore.files, restore.changes, places);
@@ -144,8 +188,22 @@ bool needs_reboot(const Restore &restore)
     return changed || always || restore.options.on_reboot;
 }
 
+void end_restore(const Restore &restore)
+{
+    if (restore.kept) {
+        publish_replaced_files(*restore.kept);
+    } else if (!restore.changes.none()) {
+        note_replaced_archive({"the group's files", "", "", false});
+    }
+    note_finished();
+}
+
 int source_version(const Source &source)
 {
+    if (source.generation) {
+        return source.generation->version;
+    }
+
     const int version = kestal_read_version(source.version_area, learn_own_number(), KESTA_VERSION_BY_MODE);
     if (version < 0) {
         fail_call("version-failed", "The version of the " + source.side + " can't be read.",
@@ -217,11 +275,13 @@ std::shared_ptr<Restore> prepare(const RestoreFilesOptions &options, Work &work)
     if (restore->options.only.size() > 1 && restore->options.only.ends_with('/')) {
         restore->options.only.pop_back();  // as shells complete a folder
     }
-    restore->source = source_of(options.from);
+    restore->source = options.generation.empty() ? source_of(options.from) : source_of_generation(options.generation);
     restore->definition = read_definition(options.group);
     take_over_unfinished(*restore);
     restore->paths = std::make_unique<GroupPaths>(*restore->definition, restore->options.only);
-    restore->archive = {read_slot(restore->source.slot), "Slot " + restore->source.slot, archive_limits(), [&work] {
+    const std::string called =
+        restore->source.generation ? "The " + restore->source.name() : "Slot " + restore->source.slot;
+    restore->archive = {contents_of(restore->source), called, archive_limits(), [&work] {
                             stop_if_asked(work);
                         }};
     restore->files = choose_files(restore->archive, *restore->definition, *restore->paths);
@@ -236,26 +296,26 @@ Plan plan_of(const std::shared_ptr<Restore> &restore, Work &work)
     Plan plan;
     plan.long_work = true;
     plan.json = {{"group", options.group}, {"from", restore->source.side}, {"slot", restore->source.slot}};
+    plan.kept = std::make_shared<KeepReport>();
     add_script_steps(plan, work, scripts(options, "pre-script"), options.work.scripts);
-    if (whole) {
-        plan.kept = std::make_shared<KeepReport>();
+    if (whole && restore->source.flash) {
         plan.steps.push_back(
             publishing(work, "bring slot " + restore->source.slot + " to flash", {restore->source.flash},
                        [restore, &work, kept = plan.kept] { put_slot_to_flash(*restore, work, *kept); }));
     }
     plan.steps.push_back(publishing(work, "put the new files beside the old ones",
                                     {unfinished_restore_note, "a hidden file beside each one"},
-                                    [restore] { put_beside(*restore); }));
+                                    [restore, &work, kept = plan.kept] { put_beside(*restore, work, *kept); }));
     plan.steps.push_back(publishing(work, "let them take their places", places_of(restore->changes),
                                     [restore] { put_in_place(*restore); }));
     plan.steps.push_back(publishing(work, "set links, owners, groups and modes of the definition",
                                     {"the group's files and links"}, [restore] { apply_definition(*restore); }));
-    if (whole) {
+    if (whole && restore->has_version()) {
         plan.steps.push_back(publishing(work, "record the version", version_places(*restore),
                                         [restore, &work] { record_versions(*restore, work); }));
     }
     plan.steps.push_back(
-        publishing(work, "note that it is complete", {unfinished_restore_note}, [] { note_finished(); }));
+        publishing(work, "note that it is complete", {unfinished_restore_note}, [restore] { end_restore(*restore); }));
     announce_scripts(plan, work, scripts(options, last_kind(options)));
     return plan;
 }
@@ -266,7 +326,8 @@ void describe_end(const Restore &restore, Result &result)
     const auto count = [](const std::set<std::string> &paths) {
         return std::to_string(paths.size());
     };
-    if (!restore.options.only.empty()) {
+    const bool has_number = restore.options.only.empty() && restore.has_version();
+    if (!has_number) {
         result.json["version"] = nullptr;
     }
     result.json["replaced"] = changes.replaced;
@@ -274,11 +335,12 @@ void describe_end(const Restore &restore, Result &result)
     result.json["removed"] = changes.removed;
     result.json["foreign"] = restore.files.foreign;
     result.json["reboot_needed"] = needs_reboot(restore);
-    result.text +=
-        "Restored " + restore.options.group + " from the " + restore.source.side + ", " +
-        (restore.options.only.empty() ? "version " + result.json["version"].dump() : restore.options.only + " only") +
-        ": " + count(changes.replaced) + " replaced, " + count(changes.adjusted) + " given their owner and mode, " +
-        count(changes.removed) + " removed.\n";
+    result.text += "Restored " + restore.options.group + " from " + restore.source.name() + ", " +
+                   (!restore.options.only.empty() ? restore.options.only + " only"
+                    : has_number                  ? "version " + result.json["version"].dump()
+                                                  : "of no known version") +
+                   ": " + count(changes.replaced) + " replaced, " + count(changes.adjusted) +
+                   " given their owner and mode, " + count(changes.removed) + " removed.\n";
     if (restore.files.foreign != 0) {
         result.text += std::to_string(restore.files.foreign) +
                        " members of the archive are not of this group: they were left alone.\n";
@@ -286,6 +348,21 @@ void describe_end(const Restore &restore, Result &result)
     if (needs_reboot(restore)) {
         result.text += "Reboot this controller: the definition, or --on-reboot, asks for it.\n";
     }
+}
+
+// As kestactl diff tells it, from the files of now to those of the archive; with --only, of that path alone.
+void describe_difference(const Restore &restore, Result &result)
+{
+    std::vector<FileDifference> found =
+        differences({live_side}, {restore.source.name(), restore.archive}, *restore.definition);
+    // What is here and not in the archive stays, unless a path of the group was gone as a whole.
+    std::erase_if(found, [&restore](const FileDifference &one) {
+        return !restore.paths->wants(one.path.substr(1)) ||
+               (one.what.front() == "removed" && !restore.changes.removed.contains(one.path));
+    });
+    result.json["differences"] = to_json(found);
+    result.text += found.empty() ? "The files are the same already.\n"
+                                 : "From the files of now to " + restore.source.name() + ":\n" + text_of(found);
 }
 
 }  // namespace
@@ -301,7 +378,9 @@ Result restore_files(const RestoreFilesOptions &options, const Globals &globals)
             return plan_of(restore, work);
         },
         [&](Work &work) { run_last(scripts(options, last_kind(options)), options.work.scripts, work); }, globals);
-    if (!globals.dry_run) {
+    if (globals.dry_run) {
+        describe_difference(*restore, result);
+    } else {
         describe_end(*restore, result);
     }
     return result;

@@ -1,5 +1,5 @@
-// A JSON value, as commands build and show it. Only json_value.cpp sees the library that reads and writes JSON: its
-// header takes longer to compile than most commands.
+// A JSON value, as commands build and show it, and as records are kept. Only json_value.cpp sees the library that reads
+// and writes JSON: its header takes longer to compile than most commands.
 #pragma once
 
 #include <concepts>
@@ -15,7 +15,7 @@
 #include <variant>
 #include <vector>
 
-namespace kestactl {
+namespace engine {
 
 class Json {
 public:
@@ -48,8 +48,8 @@ public:
 
     static Json array() { return Array(); }
     static Json object();
-    // Nothing: the text is no JSON, or is nested beyond what any command prints.
-    static std::optional<Json> parsed(std::string_view text);
+    // Nothing: the text is no JSON, or is nested beyond what any command prints. Longer strings are cut.
+    static std::optional<Json> parsed(std::string_view text, std::size_t longest_string = std::string::npos);
 
     bool is_null() const { return std::holds_alternative<std::nullptr_t>(value_); }
     bool is_boolean() const { return std::holds_alternative<bool>(value_); }
@@ -142,4 +142,4 @@ private:
     friend struct JsonText;
 };
 
-}  // namespace kestactl
+}  // namespace engine

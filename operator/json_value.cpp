@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
-namespace kestactl {
+namespace engine {
 
 using Text = nlohmann::ordered_json;
 
@@ -69,7 +69,7 @@ struct JsonText {
 
 namespace {
 
-constexpr int deepest = 64;  // no command prints a text that is nested a tenth as deep
+constexpr int deepest = 12;  // no command prints a text that is nested half as deep
 
 bool is_member(const Json &pair) { return pair.is_array() && pair.size() == 2 && pair.front().is_string(); }
 
@@ -96,11 +96,14 @@ Json Json::object()
     return json;
 }
 
-std::optional<Json> Json::parsed(std::string_view text)
+std::optional<Json> Json::parsed(std::string_view text, std::size_t longest_string)
 {
     bool too_deep = false;
-    const auto keep = [&too_deep](int depth, Text::parse_event_t, const Text &) {
+    const auto keep = [&](int depth, Text::parse_event_t, Text &value) {
         too_deep = too_deep || depth > deepest;
+        if (value.is_string() && value.get_ref<const std::string &>().size() > longest_string) {
+            value = value.get_ref<const std::string &>().substr(0, longest_string);
+        }
         return !too_deep;
     };
     constexpr bool throws = false;
@@ -278,4 +281,4 @@ bool operator==(const Json &a, const Json &b)
     return a.value_ == b.value_;
 }
 
-}  // namespace kestactl
+}  // namespace engine
