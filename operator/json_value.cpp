@@ -201,7 +201,7 @@ const Json &Json::at(std::string_view key) const
     return *member;
 }
 
-const Json &Json::at(std::size_t index) const
+const Json &Json::element(std::size_t index) const
 {
     const auto *array = std::get_if<Array>(&value_);
     if (array == nullptr || index >= array->size()) {

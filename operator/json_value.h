@@ -96,11 +96,15 @@ public:
     Json &operator[](const char *key) { return (*this)[std::string_view(key)]; }
     const Json &at(std::string_view key) const;
     const Json &at(const char *key) const { return at(std::string_view(key)); }
-    const Json &at(std::size_t index) const;
+    template <std::integral Index>
+    const Json &at(Index index) const
+    {
+        return element(static_cast<std::size_t>(index));
+    }
     template <std::integral Index>
     const Json &operator[](Index index) const
     {
-        return at(static_cast<std::size_t>(index));
+        return at(index);
     }
     bool contains(std::string_view key) const { return find(key) != nullptr; }
     // The member, or what is given where there is none.
@@ -108,7 +112,7 @@ public:
 
     // Of an array, which null becomes.
     void push_back(Json element);
-    const Json &front() const { return at(std::size_t{0}); }
+    const Json &front() const { return at(0); }
     const Json &back() const { return at(size() - 1); }
     Json &back();
     void insert_first(Json element);
@@ -131,6 +135,7 @@ private:
     using Unsigned = std::uint64_t;
 
     const Json *find(std::string_view key) const;
+    const Json &element(std::size_t index) const;
     const std::string &string() const;
     bool boolean() const;
     double real() const;

@@ -91,6 +91,15 @@ possible inner_lock stalled_holder "a holder that stalls past its time, and goes
 possible inner_lock two_sweepers "two controllers that clear the slot of one dead process" \
     -DPROCS=3 -DLAYOUT=3 -DRECORD -DDEATHS=1
 
+echo "== the inner lock over conditional and fenced writes"
+excluded fenced_lock "two controllers, a holder stalls past its time and goes on, twice" -DPROCS=2 -DSTALLS=2
+excluded fenced_lock "three controllers, two that clear the slot of one that stalled" -DPROCS=3 -DSTALLS=1 -DONE_SECTION
+excluded fenced_lock "three controllers, one dies in its section" -DPROCS=3 -DDEATHS=1 -DONE_SECTION
+possible fenced_lock unfenced_holder "the stalled holder, without the fence" -DPROCS=2 -DSTALLS=1 -DNO_FENCE
+possible fenced_lock unseen_sweep "a slot that was claimed anew is cleared, without a look at what it holds" \
+    -DPROCS=2 -DSTALLS=1 -DNO_SEEN
+possible fenced_lock unconditional "a write that comes late, without the condition" -DPROCS=2 -DSTALLS=1 -DNO_CONDITION
+
 echo "== the command lock"
 excluded command_lock "three controllers, type 1" -DCONTROLLERS=3 -DTYPES=0
 excluded command_lock "three controllers, type 3" -DCONTROLLERS=3 -DTYPES=1
