@@ -54,14 +54,18 @@ bool is_logged(const std::string &verb)
     });
 }
 
+bool is_undoable(const std::string &verb)
+{
+    return std::find(undoable.begin(), undoable.end(), verb) != undoable.end();
+}
+
 bool can_be_undone(const Watched &one)
 {
     const Change &change = one.change;
-    const bool is_known = std::find(undoable.begin(), undoable.end(), change.verb) != undoable.end();
     const bool has_all =
         std::all_of(change.archives.begin(), change.archives.end(),
                     [](const ReplacedArchive &archive) { return archive.was_kept && !archive.after.empty(); });
-    return is_known && one.knows_names && has_all && change.result == "done";
+    return is_undoable(change.verb) && one.knows_names && has_all && change.result == "done";
 }
 
 void tell_journal(const Change &change, const ChangeEnd &end)
@@ -144,8 +148,8 @@ void begin_change()
         return;
     }
     watched->has_begun = true;
-    if (!is_logged(watched->change.verb)) {
-        return;
+    if (!is_undoable(watched->change.verb)) {
+        return;  // nobody asks for what was before: the platform is not asked either
     }
     try {
         watched->change.before = names_in_force();

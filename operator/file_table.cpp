@@ -118,9 +118,39 @@ FileState with_checksum(FileState state, const Member &member, const ReadMember 
     return state;
 }
 
-std::optional<LiveFile> LiveFiles::look_at(const std::string &path) const
+const Entry &LiveFiles::entry_of(const std::string &path)
 {
-    const Entry entry = places_.entry(path);
+    const std::string place = places_.place_of(path);
+    const std::size_t slash = place.rfind('/');
+    const std::string folder = slash == std::string::npos ? "" : place.substr(0, slash);
+    if (entry_ && !folder.empty() && folder == folder_) {
+        entry_.name = place.substr(slash + 1);
+        return entry_;
+    }
+    entry_ = places_.entry(path);
+    folder_ = folder;
+    return entry_;
+}
+
+Descriptor LiveFiles::open_file(const std::string &path, struct stat &status)
+{
+    const Entry &entry = entry_of(path);
+    Descriptor file(entry ? openat(entry.folder.get(), entry.name.c_str(),
+                                   O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)
+                          : -1);
+    if (!file || fstat(file.get(), &status) != 0) {
+        fail_file("/" + path, "opened");
+    }
+    if (!S_ISREG(status.st_mode)) {
+        errno = EINVAL;
+        fail_file("/" + path, "opened");
+    }
+    return file;
+}
+
+std::optional<LiveFile> LiveFiles::look_at(const std::string &path)
+{
+    const Entry &entry = entry_of(path);
     struct stat status {};
     if (!entry) {
         return std::nullopt;
@@ -138,21 +168,17 @@ std::optional<LiveFile> LiveFiles::look_at(const std::string &path) const
     return file;
 }
 
-bool LiveFiles::is_same_file(const std::string &path, const std::string &other) const
+bool LiveFiles::is_same_file(const std::string &path, const std::string &other)
 {
     const auto one = look_at(path);
     const auto two = look_at(other);
     return one && two && one->number == two->number;
 }
 
-std::string LiveFiles::read(const std::string &path) const
+std::string LiveFiles::read(const std::string &path)
 {
-    const Entry entry = places_.entry(path);
     struct stat status {};
-    const Descriptor file = entry ? open_plain(entry, status) : Descriptor();
-    if (!file) {
-        fail_file("/" + path, "opened");
-    }
+    const Descriptor file = open_file(path, status);
     // It was short when it was looked at; what has grown meanwhile differs all the same.
     std::string text(std::min(static_cast<std::size_t>(status.st_size), longest_compared_text + 1), '\0');
     for (std::size_t at = 0; at < text.size();) {
@@ -168,14 +194,10 @@ std::string LiveFiles::read(const std::string &path) const
     return text;
 }
 
-std::string LiveFiles::checksum_of(const std::string &path) const
+std::string LiveFiles::checksum_of(const std::string &path)
 {
-    const Entry entry = places_.entry(path);
     struct stat status {};
-    Descriptor file = entry ? open_plain(entry, status) : Descriptor();
-    if (!file) {
-        fail_file("/" + path, "opened");
-    }
+    Descriptor file = open_file(path, status);
     return engine::checksum_of(contents_of_file(std::move(file), "/" + path));
 }
 

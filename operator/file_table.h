@@ -33,15 +33,16 @@ struct LiveFile {
     FileNumber number;
 };
 
-// The files of this system at a group's paths: reached by descriptor, no link is followed. Throw Failure.
+// The files of this system at a group's paths: reached by descriptor, no link is followed. The folder of the last one stays
+// open: most files that are asked for lie beside the one before. Throw Failure.
 class LiveFiles {
 public:
     explicit LiveFiles(const GroupPaths &paths) : places_(paths) {}
 
-    std::optional<LiveFile> look_at(const std::string &path) const;
-    bool is_same_file(const std::string &path, const std::string &other) const;
-    std::string read(const std::string &path) const;
-    std::string checksum_of(const std::string &path) const;
+    std::optional<LiveFile> look_at(const std::string &path);
+    bool is_same_file(const std::string &path, const std::string &other);
+    std::string read(const std::string &path);
+    std::string checksum_of(const std::string &path);
 
     // Visits what lies at and below a path, and is not among those that were seen.
     using Visit = std::function<void(const std::string &path, const FileState &state)>;
@@ -51,7 +52,13 @@ private:
     void walk(const Entry &entry, const std::string &path, const std::unordered_set<std::string> &seen,
               const Visit &visit) const;
 
+    const Entry &entry_of(const std::string &path);
+    // What was a plain file when it was looked at.
+    Descriptor open_file(const std::string &path, struct stat &status);
+
     GroupPlaces places_;
+    std::string folder_;  // of the entry
+    Entry entry_;
 };
 
 }  // namespace engine

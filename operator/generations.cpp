@@ -231,9 +231,6 @@ void make_room_on_flash(KeepReport &report, std::uint64_t bytes)
 
 std::string note_saved(const std::string &path, const std::string &group, int version, const KeepRule &rule)
 {
-    if (!rule.keeps()) {
-        return "";
-    }
     const ArchiveContents saved = contents_of_path(path);
     const std::string sum = checksum_of(saved);
     store([] {}).note_saved({sum, saved.size, version, group, change_now("save", rule)});

@@ -50,8 +50,8 @@ void with_room_on_flash(KeepReport &report, const std::function<void()> &write, 
 // The same for what can't be done again: drops the oldest ones until so many bytes are free, or none is left to drop.
 void make_room_on_flash(KeepReport &report, std::uint64_t bytes);
 
-// Notes an archive that was just made and tested: its version, its group, and who asked for it. Returns its checksum;
-// empty: nothing is kept. Throws Failure.
+// Notes an archive that was just made and tested: its version, its group, and who asked for it; whatever is kept of others,
+// so that it need not be tested again when it is replaced. Returns its checksum. Throws Failure.
 std::string note_saved(const std::string &path, const std::string &group, int version, const KeepRule &rule);
 
 // What was noted of archives that were saved here, one for each version of the same bytes. Throws Failure.
