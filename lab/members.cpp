@@ -229,7 +229,20 @@ void Members::stop(int number) const
     (void)::kill(*pid, SIGSTOP);
 }
 
-// etcdctl, as seen from the first host. Every member is asked, and those that don't answer are left out.
+// Of those that run, and don't hang.
+std::string Members::serving_endpoints() const
+{
+    std::string all;
+    for (int number = 0; number < count(); ++number) {
+        const std::optional<int> pid = pid_of(number);
+        if (pid && !is_stopped(*pid)) {
+            all += (all.empty() ? "" : ",") + address_of(number) + ":" + std::to_string(client_port);
+        }
+    }
+    return all;
+}
+
+// etcdctl, for all members that can answer.
 std::vector<std::string> Members::control(const std::vector<std::string> &words) const
 {
     std::vector<std::string> command{"env",         "ETCDCTL_API=3",     "etcdctl",

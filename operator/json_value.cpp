@@ -203,11 +203,13 @@ const Json &Json::at(std::string_view key) const
 
 const Json &Json::element(std::size_t index) const
 {
-    const auto *array = std::get_if<Array>(&value_);
-    if (array == nullptr || index >= array->size()) {
-        refuse("an array with more elements");
+    if (const auto *array = std::get_if<Array>(&value_); array != nullptr && index < array->size()) {
+        return (*array)[index];
     }
-    return (*array)[index];
+    if (const Object &members = items(); index < members.size()) {
+        return members[index].second;
+    }
+    refuse("an array or an object with more elements");
 }
 
 Json Json::value(std::string_view key, Json otherwise) const

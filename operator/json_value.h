@@ -90,7 +90,7 @@ public:
 
     // A member of an object, which null becomes: added as null where there is none.
     Json &operator[](std::string_view key);
-    // A member or an element that is there. Throws std::runtime_error.
+    // A member that is there, or the element of an array or an object at a place. Throws std::runtime_error.
     const Json &operator[](std::string_view key) const { return at(key); }
     const Json &operator[](const char *key) const { return at(key); }
     Json &operator[](const char *key) { return (*this)[std::string_view(key)]; }
