@@ -4,14 +4,17 @@
 #include <pthread.h>
 #include <string.h>
 
+#include <ctime>
 #include <map>
 
+#include "certificate.h"
 #include "cluster.h"
 #include "complaint.h"
 #include "controller_status.h"
 #include "faults.h"
 #include "gate.h"
 #include "nv_region.h"
+#include "platform_notice.h"
 #include "scoped.h"
 #include "settings.h"
 
@@ -125,6 +128,17 @@ PLATFORM_API int zKTsanfwctl_write_nv(int, cpfw_nv_region_t *region, cpfw_nv_acc
         return failed;
     }
     return transfer(*region, *access, true);
+}
+
+PLATFORM_API int kesta_platform_notice(char *text, unsigned int size)
+{
+    if (!text || size == 0 || settings().tls_cert[0] == '\0') {
+        return 0;
+    }
+    const kesta::CancelOff off;
+    const std::string notice = certificate_notice(settings().tls_cert, time(nullptr));
+    snprintf(text, size, "%s", notice.c_str());
+    return notice.empty() ? 0 : 1;
 }
 
 PLATFORM_API int zKTsanfwctl_get_status(int kind, sanfw_getstatus_out *out)
