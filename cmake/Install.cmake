@@ -40,7 +40,7 @@ install(PROGRAMS
     DESTINATION ${KESTA_PROGRAMDIR})
 install(DIRECTORY include/kesta DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES
-    platform/contract/mc_logapi.h platform/contract/sanfwctl.h platform/contract/sbacc.h platform/contract/vrbapi.h
+    platform/contract/mc_logapi.h platform/contract/platform_notice.h platform/contract/sanfwctl.h platform/contract/sbacc.h platform/contract/vrbapi.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kesta/platform)
 install(FILES share/status DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta/platform)
 install(FILES share/define.rng DESTINATION ${CMAKE_INSTALL_DATADIR}/kesta)

@@ -40,6 +40,16 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 echo "Installing:$missing"
 $as_root env DEBIAN_FRONTEND=noninteractive apt-get update -q
+# No service is to be started or enabled by it: the tests start members of their own.
+policy=/usr/sbin/policy-rc.d
+if [ ! -e $policy ]; then
+    printf '#!/bin/sh\nexit 101\n' | $as_root tee $policy > /dev/null
+    $as_root chmod 755 $policy
+    trap '$as_root rm -f $policy' EXIT
+fi
 # shellcheck disable=SC2086
 $as_root env DEBIAN_FRONTEND=noninteractive \
     apt-get install -y -q --no-install-recommends $missing
+case $missing in
+*etcd-server*) ! command -v systemctl > /dev/null || $as_root systemctl disable -q etcd.service || true ;;
+esac

@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <pthread.h>
-#include <string.h>
 
 #include "controller_status.h"
 #include "faults.h"
@@ -84,34 +83,6 @@ PLATFORM_API int zKTsanfwctl_write_nv(int, cpfw_nv_region_t *region, cpfw_nv_acc
     return transfer(&NvRegion::write, *region, *access);
 }
 
-PLATFORM_API int zKTsanfwctl_get_status(int kind, sanfw_getstatus_out *out)
-{
-    if (kind != 0 || !out) {
-        return -EINVAL;
-    }
-    StatusBytes bytes{};
-    const int result = read_status(bytes);
-    if (result == 0) {
-        *out = {};
-        out->cont0_sts = bytes.cont[0];
-        out->cont1_sts = bytes.cont[1];
-        out->card0_sts = bytes.card[0];
-        out->card1_sts = bytes.card[1];
-    }
-    return result;
-}
+PLATFORM_API int zKTsanfwctl_get_status(int kind, sanfw_getstatus_out *out) { return get_status(kind, out); }
 
-PLATFORM_API int zKTsanfwctl_get_status_ex(int kind, sanfw_getstatus_ex_out *out)
-{
-    if (kind != 1 || !out) {
-        return -EINVAL;
-    }
-    StatusBytes bytes{};
-    const int result = read_status(bytes);
-    if (result == 0) {
-        *out = {};
-        memcpy(out->cont_sts, bytes.cont, sizeof(bytes.cont));
-        memcpy(out->card_sts, bytes.card, sizeof(bytes.card));
-    }
-    return result;
-}
+PLATFORM_API int zKTsanfwctl_get_status_ex(int kind, sanfw_getstatus_ex_out *out) { return get_status_ex(kind, out); }

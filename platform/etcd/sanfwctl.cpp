@@ -2,16 +2,19 @@
 
 #include <errno.h>
 #include <pthread.h>
-#include <string.h>
+#include <stdio.h>
 
+#include <ctime>
 #include <map>
 
+#include "certificate.h"
 #include "cluster.h"
 #include "complaint.h"
 #include "controller_status.h"
 #include "faults.h"
 #include "gate.h"
 #include "nv_region.h"
+#include "platform_notice.h"
 #include "scoped.h"
 #include "settings.h"
 
@@ -127,34 +130,17 @@ PLATFORM_API int zKTsanfwctl_write_nv(int, cpfw_nv_region_t *region, cpfw_nv_acc
     return transfer(*region, *access, true);
 }
 
-PLATFORM_API int zKTsanfwctl_get_status(int kind, sanfw_getstatus_out *out)
+PLATFORM_API int kesta_platform_notice(char *text, unsigned int size)
 {
-    if (kind != 0 || !out) {
-        return -EINVAL;
+    if (!text || size == 0 || settings().tls_cert[0] == '\0') {
+        return 0;
     }
-    StatusBytes bytes{};
-    const int result = read_status(bytes);
-    if (result == 0) {
-        *out = {};
-        out->cont0_sts = bytes.cont[0];
-        out->cont1_sts = bytes.cont[1];
-        out->card0_sts = bytes.card[0];
-        out->card1_sts = bytes.card[1];
-    }
-    return result;
+    const kesta::CancelOff off;
+    const std::string notice = certificate_notice(settings().tls_cert, time(nullptr));
+    snprintf(text, size, "%s", notice.c_str());
+    return notice.empty() ? 0 : 1;
 }
 
-PLATFORM_API int zKTsanfwctl_get_status_ex(int kind, sanfw_getstatus_ex_out *out)
-{
-    if (kind != 1 || !out) {
-        return -EINVAL;
-    }
-    StatusBytes bytes{};
-    const int result = read_status(bytes);
-    if (result == 0) {
-        *out = {};
-        memcpy(out->cont_sts, bytes.cont, sizeof(bytes.cont));
-        memcpy(out->card_sts, bytes.card, sizeof(bytes.card));
-    }
-    return result;
-}
+PLATFORM_API int zKTsanfwctl_get_status(int kind, sanfw_getstatus_out *out) { return get_status(kind, out); }
+
+PLATFORM_API int zKTsanfwctl_get_status_ex(int kind, sanfw_getstatus_ex_out *out) { return get_status_ex(kind, out); }

@@ -65,4 +65,36 @@ int read_status(StatusBytes &bytes)
     return result;
 }
 
+int get_status(int kind, sanfw_getstatus_out *out)
+{
+    if (kind != 0 || !out) {
+        return -EINVAL;
+    }
+    StatusBytes bytes{};
+    const int result = read_status(bytes);
+    if (result == 0) {
+        *out = {};
+        out->cont0_sts = bytes.cont[0];
+        out->cont1_sts = bytes.cont[1];
+        out->card0_sts = bytes.card[0];
+        out->card1_sts = bytes.card[1];
+    }
+    return result;
+}
+
+int get_status_ex(int kind, sanfw_getstatus_ex_out *out)
+{
+    if (kind != 1 || !out) {
+        return -EINVAL;
+    }
+    StatusBytes bytes{};
+    const int result = read_status(bytes);
+    if (result == 0) {
+        *out = {};
+        memcpy(out->cont_sts, bytes.cont, sizeof(bytes.cont));
+        memcpy(out->card_sts, bytes.card, sizeof(bytes.card));
+    }
+    return result;
+}
+
 }  // namespace platform

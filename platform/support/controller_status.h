@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "sanfwctl.h"
+
 namespace platform {
 
 inline constexpr unsigned controllers = 4;
@@ -15,5 +17,9 @@ struct StatusBytes {
 
 // Returns 0 or a negative errno.
 int read_status(StatusBytes &bytes);
+
+// What libsanfwctl's two calls of these names do, for every platform.
+int get_status(int kind, sanfw_getstatus_out *out);
+int get_status_ex(int kind, sanfw_getstatus_ex_out *out);
 
 }  // namespace platform

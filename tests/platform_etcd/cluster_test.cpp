@@ -13,6 +13,7 @@
 #include "backup_area.h"
 #include "backup_reader.h"
 #include "backup_writer.h"
+#include "certificate.h"
 #include "cluster_double.h"
 #include "linearizable.h"
 #include "storm.h"
@@ -232,6 +233,11 @@ TEST(EtcdCluster, CertificatesAndRolesDecideAndAreToldAsTheReason)
     EXPECT_EQ(over.read(0, 4), failed(-EACCES));
     EXPECT_LT(etcd::now_ms() - begun, 2000) << "it is not a member that is silent";
     EXPECT_THAT(over.client().problem(), testing::HasSubstr("certificate"));
+    EXPECT_THAT(etcd::certificate_notice((tls + "over.crt").c_str(), time(nullptr)),
+                testing::HasSubstr("has ended at"));
+    EXPECT_THAT(etcd::certificate_notice((tls + "cnt0.crt").c_str(), time(nullptr)),
+                testing::HasSubstr(", in 364 days"));
+    EXPECT_EQ(etcd::certificate_notice((tls + "cnt0.key").c_str(), time(nullptr)), "");
     etcd::ClusterSettings other = cluster.settings("cnt0");
     ASSERT_EQ(run("cd " + tls +
                   " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout "

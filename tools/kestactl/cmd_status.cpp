@@ -1,4 +1,5 @@
 // kestactl status: this controller, the names in force and the archives, at a glance.
+#include <dlfcn.h>
 #include <kesta/kesta.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -22,6 +23,7 @@
 #include "lock_state.h"
 #include "names.h"
 #include "overview.h"
+#include "platform_notice.h"
 #include "printable.h"
 #include "render.h"
 #include "unfinished_restore.h"
@@ -198,6 +200,16 @@ std::string describe_versions(const Json &versions)
            versions["accept"].dump();
 }
 
+// What the platform has to say, where it has the call for it.
+std::string platform_notice()
+{
+    std::array<char, 512> text{};
+    void *found = dlsym(RTLD_DEFAULT, "kesta_platform_notice");
+    decltype(&kesta_platform_notice) call = nullptr;
+    memcpy(&call, &found, sizeof(call));
+    return call && call(text.data(), text.size()) == 1 ? printable(text.data()) : "";
+}
+
 // A command that was cut short.
 Json unfinished()
 {
@@ -300,6 +312,10 @@ Result show_status(bool checksums)
                   "\nleftovers    " + describe_leftovers(json["leftovers"]) + "\ncommand lock " +
                   describe_locks(json["command_locks"]) + "\ninner lock   " + describe_holders(json["inner_lock"]) +
                   "\n";
+    if (const std::string notice = platform_notice(); !notice.empty()) {
+        json["platform_notice"] = notice;
+        result.text += "platform     " + notice + "\n";
+    }
     add_archives(result, checksums);
     if (answers.failed()) {
         const CauseWords cause = cause_in_words();
