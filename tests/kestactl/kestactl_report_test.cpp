@@ -51,6 +51,9 @@ TEST_F(KestactlReport, OpensOnAPhoneAndHoldsEverything)
     EXPECT_THAT(page, AllOf(HasSubstr("Saved environments of CNT0"), HasSubstr("All places agree."),
                             HasSubstr("the same on flash and in slot kesta_backup0"), HasSubstr("all free"),
                             HasSubstr("numbering-version"), HasSubstr("kesta_backup1")));
+    EXPECT_THAT(page, AllOf(HasSubstr("All controllers"), HasSubstr("What was there before"),
+                            HasSubstr("The board's identity"), HasSubstr("the files of network are as they were saved"),
+                            HasSubstr("CNT3")));
     // One file, and nothing fetched.
     EXPECT_THAT(html, AllOf(Not(HasSubstr("http")), Not(HasSubstr("src=")), Not(HasSubstr("<script")),
                             Not(HasSubstr("@import")), Not(HasSubstr("url("))));
@@ -60,7 +63,9 @@ TEST_F(KestactlReport, DisagreementStandsFirstWithWhatMendsIt)
 {
     ASSERT_EQ(ctl(0, "version set flash 9").code, 0);
     ASSERT_EQ(ctl(1, "lock take").code, 0);
+    write_file(dir / "shared/sysback/kesta_verback", std::string("\x63\0\0\0", 4));
     const std::string page = opened(report(1));
+    EXPECT_THAT(page, AllOf(HasSubstr("backup-version"), HasSubstr("system backup area: 99")));
     EXPECT_THAT(page, AllOf(HasSubstr("Some places do not agree."), HasSubstr("kestactl version set flash 1"),
                             HasSubstr("command lock, CNT1")));
     EXPECT_LT(page.find("kestactl version set flash 1"), page.find("What was compared"));

@@ -10,6 +10,7 @@
 #include "appliance_state.h"
 #include "archive_evidence.h"
 #include "archive_places.h"
+#include "change_log.h"
 #include "command_line.h"
 #include "generation_folder.h"
 #include "generations.h"
@@ -227,7 +228,8 @@ std::set<std::string> MendedAppliance::whole_archives() const
         add(at(place));
     }
     for (const fs::directory_entry &entry : fs::recursive_directory_iterator(engine::flash_folder)) {
-        if (entry.is_regular_file()) {
+        // The files of the last change, and of no other: it is replaced by its nature.
+        if (entry.is_regular_file() && entry.path().filename() != engine::undo_archive_name) {
             add(read_file(entry.path()));
         }
     }

@@ -67,6 +67,16 @@ void save_and_change(MendedAppliance &appliance)
     write_settings("changed\n");
 }
 
+// What can be undone: a save, and the files of it back over others.
+void restore_and_tell(MendedAppliance &appliance)
+{
+    for (const char *verb : {"save", "restore"}) {
+        const Ran ran = appliance.run_and_tell({"kestactl", verb, "app"});
+        ASSERT_EQ(ran.exit, 0) << ran.text;
+        write_settings("changed\n");
+    }
+}
+
 const std::vector<Verb> verbs{
     {"save", {"kestactl", "save", "app"}},
     {"accept", {"kestactl", "accept"}, save_first},
@@ -97,6 +107,7 @@ const std::vector<Verb> verbs{
      [](MendedAppliance &) {
          write_file(engine::unfinished_flash_copy, MendedAppliance::archive(77));
      }},
+    {"undo", {"kestactl", "undo", "--yes"}, restore_and_tell},
     {"verify_fix",
      {"kestactl", "verify", "--fix", "--yes"},
      [](MendedAppliance &appliance) {

@@ -11,6 +11,7 @@
 #include "block_value.h"
 #include "command.h"
 #include "mirror.h"
+#include "overview.h"
 
 namespace kestactl {
 namespace {
@@ -265,6 +266,8 @@ Result repair(const RepairOptions &options, const Globals &globals)
 }
 
 }  // namespace
+
+Result show_mirror() { return verify(); }
 
 void add_nv_verify(const Command &nv, Action &action)
 {

@@ -300,11 +300,26 @@ std::string board_table(const Json &board)
     for (const auto &[name, places] : values.items()) {
         std::string told;
         for (const auto &[place, value] : places.items()) {
-            told += (told.empty() ? "" : "<br>") + escaped(place) + ": " + cell(value);
+            const bool is_empty = value.is_string() && value.get_ref<const std::string &>().empty();
+            told += (told.empty() ? "" : "<br>") + escaped(place) + ": " + (is_empty ? "&ndash;" : cell(value));
         }
         html += row(name, told);
     }
     return html + "</table>\n";
+}
+
+// Each item that differs, with both values.
+std::string mirror_text(const Json &mirror)
+{
+    std::string html;
+    for (const Json &item : mirror.at("items")) {
+        if (item.at("differs") == true) {
+            html += row("\u26a0 " + item.at("name").get<std::string>(),
+                        "NV memory: " + cell(item.at("memory")) + "<br>system backup area: " + cell(item.at("disk")));
+        }
+    }
+    return html.empty() ? "<p>The twelve items are the same in NV memory and in the system backup area.</p>\n"
+                        : "<table>\n" + html + "</table>\n";
 }
 
 // Newest first, as a line of time.
@@ -335,6 +350,7 @@ struct Parts {
         return status_of_all(false, [] { return show_status(false); });
     }};
     Part board{show_identity};
+    Part mirror{show_mirror};
     Part kept{show_history};
 
     bool agree() const
@@ -346,7 +362,7 @@ struct Parts {
 
 std::string page(const Parts &parts)
 {
-    const auto &[verified, status, versions, image, appliance, board, kept] = parts;
+    const auto &[verified, status, versions, image, appliance, board, mirror, kept] = parts;
     const bool agree = parts.agree();
     const std::string name = status.is_missing() ? "" : "CNT" + cell(status.json().at("controller"));
     const std::string verdict = agree                           ? "All places agree."
@@ -366,7 +382,7 @@ std::string page(const Parts &parts)
            (agree ? "good" : "bad") + "\">" + verdict + "</p>\n" +
            (verified.is_missing() ? "" : disagreements(verified.json())) +
            appliance.section_of("All controllers", controllers_table) +
-           verified.section_of("What was compared", subjects_table) +
+           verified.section_of("What was compared", subjects_table) + mirror.section_of("Mirrored items", mirror_text) +
            verified.section_of("Changed since the save", drift_text) +
            kept.section_of("What was there before", time_line) + board.section_of("The board's identity", board_table) +
            status.section_of("This controller", controller_table) + versions.section_of("Versions", versions_table) +
@@ -391,6 +407,7 @@ Result report(const std::string &file)
                    {"image", parts.image.json()},
                    {"appliance", parts.appliance.json()},
                    {"identity", parts.board.json()},
+                   {"mirror", parts.mirror.json()},
                    {"history", parts.kept.json()}};
     for (const Part *part : {&parts.verified, &parts.status, &parts.versions, &parts.image}) {
         result.exit = std::max(result.exit, part->exit());

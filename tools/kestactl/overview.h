@@ -11,6 +11,9 @@ Result show_status(bool checksums);
 // kestactl verify, without --fix.
 Result verify_places(bool drift_counts = false);
 
+// kestactl nv verify.
+Result show_mirror();
+
 // kestactl identity show.
 Result show_identity();
 
