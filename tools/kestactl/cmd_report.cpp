@@ -300,7 +300,7 @@ std::string board_table(const Json &board)
     for (const auto &[name, places] : values.items()) {
         std::string told;
         for (const auto &[place, value] : places.items()) {
-            const bool is_empty = value.is_string() && value.get_ref<const std::string &>().empty();
+            const bool is_empty = value.is_string() && value.get<std::string>().empty();
             told += (told.empty() ? "" : "<br>") + escaped(place) + ": " + (is_empty ? "&ndash;" : cell(value));
         }
         html += row(name, told);
