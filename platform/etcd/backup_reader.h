@@ -17,8 +17,8 @@ public:
     // The size that goes with the contents.
     std::uint64_t size();
 
-    // Reads bytes, fewer where the contents end. A negative errno: nothing of the buffer is meant. -ESTALE: the contents
-    // went away, since the file was replaced meanwhile.
+    // Reads bytes, fewer where the contents end. A negative errno: nothing of the buffer is meant. -ESTALE: the
+    // contents went away, since the file was replaced meanwhile.
     std::int64_t read(BackupArea &area, char *to, std::uint64_t size, std::uint64_t offset);
 
 private:

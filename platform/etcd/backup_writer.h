@@ -1,9 +1,9 @@
 // A file of the backup area that is being written. It is seen when it is published, whole; until then what was there
 // stays, whatever becomes of its writer.
 //
-// Small contents are published in one step. Larger ones go up in chunks before, under an intent that lives for as long as
-// its writer keeps its lease alive; the publication takes the intent away, and the chunks of what was there. Chunks with
-// neither an intent nor a manifest are left of somebody who died: the next writer of the name removes them.
+// Small contents are published in one step. Larger ones go up in chunks before, under an intent that lives for as long
+// as its writer keeps its lease alive; the publication takes the intent away, and the chunks of what was there. Chunks
+// with neither an intent nor a manifest are left of somebody who died: the next writer of the name removes them.
 #pragma once
 
 #include <cstdint>

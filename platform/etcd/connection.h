@@ -1,5 +1,5 @@
-// The connection to one member: a socket, TLS where it is set, and calls. Each wait has a deadline; none is a loop without
-// a pause. It has no thread, is closed in programs that are run, and never takes a standard descriptor.
+// The connection to one member: a socket, TLS where it is set, and calls. Each wait has a deadline; none is a loop
+// without a pause. It has no thread, is closed in programs that are run, and never takes a standard descriptor.
 #pragma once
 
 #include <memory>

@@ -1,6 +1,6 @@
-// How a library of this platform is entered: by one thread at a time, which is not cancelled meanwhile. A fork enters as
-// well: so nobody finds TLS or the allocator in the middle of something in the child. Whoever works for long lets the
-// others pass from time to time.
+// How a library of this platform is entered: by one thread at a time, which is not cancelled meanwhile. A fork enters
+// as well: so nobody finds TLS or the allocator in the middle of something in the child. Whoever works for long lets
+// the others pass from time to time.
 #pragma once
 
 #include <poll.h>

@@ -1,5 +1,5 @@
-// One HTTP/2 connection to a member, as bytes that come and bytes that go: it has no socket, no clock and no thread. On it
-// one call at a time is made, a message to a method and a message back.
+// One HTTP/2 connection to a member, as bytes that come and bytes that go: it has no socket, no clock and no thread. On
+// it one call at a time is made, a message to a method and a message back.
 //
 // Whatever comes in is read within bounds: an answer that is larger than its caller bears, in pieces that are no
 // message, or that never ends, is a failure of the session, after which it is good for nothing.

@@ -1,5 +1,5 @@
-// A key's version grows by one with each change, so the change that is looked for is told by its version. It is found by
-// halving the revisions in between: a busy key has had thousands of changes by the time that somebody asks.
+// A key's version grows by one with each change, so the change that is looked for is told by its version. It is found
+// by halving the revisions in between: a busy key has had thousands of changes by the time that somebody asks.
 #include "history.h"
 
 namespace etcd {

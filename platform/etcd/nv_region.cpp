@@ -2,7 +2,7 @@
 
 #include <errno.h>
 
-#include <cstring>
+#include <algorithm>
 
 #include "history.h"
 
@@ -64,9 +64,9 @@ int NvRegion::read(std::uint64_t offset, void *buffer, std::uint64_t length)
     auto *to = static_cast<char *>(buffer);
     const std::uint64_t there = offset < value.size() ? std::min(length, value.size() - offset) : 0;
     if (there != 0) {
-        memcpy(to, value.data() + offset, there);
+        std::copy_n(value.data() + offset, there, to);
     }
-    memset(to + there, 0, length - there);
+    std::fill_n(to + there, length - there, '\0');
     if (is_image_) {
         fence_.read(offset, {to, length});
     }

@@ -5,8 +5,8 @@
 // a member that hung may bring them to the others long after their writer was told that nobody answered.
 //
 // A write that went unanswered may have been carried out. Before anything is repeated, the first change after the
-// revision it was made from is looked at: if that is it, it is done, whatever came later. Callers repeat what failed, so
-// the same holds for the next call with the same bytes to the same place.
+// revision it was made from is looked at: if that is it, it is done, whatever came later. Callers repeat what failed,
+// so the same holds for the next call with the same bytes to the same place.
 #pragma once
 
 #include <cstdint>

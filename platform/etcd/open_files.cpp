@@ -1,4 +1,5 @@
-// A number has the place of its file, and how often the place was used: so an old number is not taken for another file's.
+// A number has the place of its file, and how often the place was used: so an old number is not taken for another
+// file's.
 #include "open_files.h"
 
 #include <errno.h>

@@ -1,4 +1,5 @@
-// TLS with a member, as bytes that come and bytes that go. It reaches no socket: what ends it says nothing to the member.
+// TLS with a member, as bytes that come and bytes that go. It reaches no socket: what ends it says nothing to the
+// member.
 #pragma once
 
 #include <memory>

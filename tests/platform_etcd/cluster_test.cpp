@@ -1,4 +1,5 @@
-// On a real cluster of three members: killed, hung, without a quorum, started anew, full, and with certificates of all kinds.
+// On a real cluster of three members: killed, hung, without a quorum, started anew, full, and with certificates of all
+// kinds.
 #include <errno.h>
 #include <signal.h>
 #include <stdlib.h>

@@ -1,5 +1,5 @@
-// A key-value store like etcd's, in memory: revisions, history, compaction, transactions and leases, as far as the platform
-// asks for them. It takes the messages as they are on the wire. Any number of members serve one store.
+// A key-value store like etcd's, in memory: revisions, history, compaction, transactions and leases, as far as the
+// platform asks for them. It takes the messages as they are on the wire. Any number of members serve one store.
 #pragma once
 
 #include <cstdint>
