@@ -73,6 +73,9 @@ LogJson json_of(const Change &change)
     if (change.version) {
         json["version"] = *change.version;
     }
+    if (change.changed_nothing) {
+        json["changed_nothing"] = true;
+    }
     if (change.can_be_undone) {
         json["undo"] = undo_json(change);
     }
@@ -94,6 +97,7 @@ Change change_from(const LogJson &json)
     if (json.contains("version")) {
         change.version = json.at("version").get<int>();
     }
+    change.changed_nothing = json.value("changed_nothing", false);
     if (json.contains("undo")) {
         read_undo(json.at("undo"), change);
     }
@@ -178,7 +182,10 @@ void add_change(const Change &change)
     LogJson json{{"format", log_format}, {"changes", LogJson::array()}};
     const std::size_t first = all.size() > most_changes ? all.size() - most_changes : 0;
     for (std::size_t i = first; i < all.size(); ++i) {
-        all[i].can_be_undone = all[i].can_be_undone && i + 1 == all.size();
+        const auto behind = all.begin() + static_cast<std::ptrdiff_t>(i) + 1;
+        all[i].can_be_undone = all[i].can_be_undone && std::all_of(behind, all.end(), [](const Change &later) {
+                                   return later.changed_nothing;
+                               });
         json["changes"].push_back(json_of(all[i]));
     }
     folder.write(log_name, json.dump(1, ' ', false, LogJson::error_handler_t::replace) + "\n");

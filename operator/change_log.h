@@ -50,9 +50,10 @@ struct Change {
     std::string group;
     std::string reason;
     std::optional<int> version;
-    std::string result;  // "done", "no", "held", "failed", "interrupted"
-    std::string cause;   // the code of its failure; empty: done
-    // What can be undone; only of the last one.
+    std::string result;            // "done", "no", "held", "failed", "interrupted"
+    std::string cause;             // the code of its failure; empty: done
+    bool changed_nothing = false;  // it was refused, or failed before it replaced anything
+    // What can be undone; only of the last one that changed something.
     bool can_be_undone = false;
     std::vector<ReplacedArchive> archives;
     std::optional<ReplacedFiles> files;

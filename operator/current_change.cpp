@@ -111,9 +111,7 @@ void log_change(Watched &one)
             one.knows_names = false;
         }
     }
-    if (has_left_all(one)) {
-        return;
-    }
+    one.change.changed_nothing = !one.has_begun || has_left_all(one);
     one.change.can_be_undone = can_be_undone(one);
     add_change(one.change);
 }
@@ -208,7 +206,7 @@ std::string end_change(const ChangeEnd &end)
     one.change.cause = end.cause;
     std::string missing;
     try {
-        if (one.has_begun && is_logged(one.change.verb)) {
+        if (is_logged(one.change.verb)) {
             log_change(one);
         }
     } catch (const Failure &failure) {

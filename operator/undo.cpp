@@ -39,7 +39,8 @@ std::string called(const Change &change)
 
 Change last_change()
 {
-    const std::vector<Change> all = changes();
+    std::vector<Change> all = changes();
+    std::erase_if(all, [](const Change &change) { return change.changed_nothing; });
     if (all.empty()) {
         refuse("nothing-to-undo", "No change of this controller is known.", "See 'kestactl history' for what is kept.");
     }

@@ -110,6 +110,14 @@ TEST_F(FileDifferenceTest, EachKindOfChangeIsToldFromBothSides)
     EXPECT_THAT(told({"live"}, after), IsEmpty());
 }
 
+TEST_F(FileDifferenceTest, AFileThatGrewBeyondAllMeasureIsNotRead)
+{
+    ASSERT_EQ(truncate("/etc/app/large", off_t{1} << 40), 0);
+    EXPECT_THAT(told(before, {"live"}), ElementsAre("/etc/app/large contents"));
+    EXPECT_EQ(found[0].to->sha256, "");
+    EXPECT_EQ(found[0].to->size, std::uint64_t{1} << 40);
+}
+
 TEST_F(FileDifferenceTest, OwnersAreToldByName)
 {
     ASSERT_EQ(chown("/etc/app/large", 0, 7), 0);

@@ -2,6 +2,7 @@
 // says why and changes nothing.
 #include <gmock/gmock.h>
 #include <kesta/kesta.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -167,6 +168,21 @@ TEST_F(UndoTest, RefusesWhatCanNotBeUndoneAndSaysWhy)
     appliance.put(2, MendedAppliance::archive(6));
     ran("restore app --only /etc/nothing");
     refused("undo --yes", "changed since");  // refused before anything was changed: no change
+}
+
+TEST_F(UndoTest, RefusedSaveIsToldToWhoWatchesAndIsNoChangeToUndo)
+{
+    done("save app");
+    EXPECT_EQ(ran("check").exit, 0);
+    ASSERT_EQ(mkfifo("/etc/app/pipe", 0600), 0);
+    EXPECT_EQ(ran("save app").exit, 1);
+    const Ran checked = ran("check");
+    EXPECT_EQ(checked.exit, 2);
+    EXPECT_THAT(checked.text, HasSubstr("the last save ended with 'no', not-restorable"));
+    fs::remove("/etc/app/pipe");
+    done("undo --yes");
+    done("save app");
+    EXPECT_EQ(ran("check").exit, 0);
 }
 
 TEST_F(UndoTest, DropKeepsTheLastWholeCopyOfWhatIsInForce)
