@@ -13,6 +13,7 @@ deps:
 
 # What is shipped, in build/release.
 build: deps
+	$(began)
 	@cmake --preset release > /dev/null
 	@cmake --build --preset release -j $(JOBS)
 
@@ -26,7 +27,7 @@ demo-hosts: build
 
 # What needs a cluster or hosts of its own, and the suite of the lab on the etcd platform.
 test-hosts: build
-	ctest --preset release -j $(TEST_JOBS) -L hosts
+	ctest --test-dir build/release -j $(TEST_JOBS) -L hosts --output-on-failure
 	tests/hosts/lab_suite.sh build/release
 
 # Every test: as shipped, under the address, undefined behaviour and thread sanitizers, and the
@@ -34,18 +35,25 @@ test-hosts: build
 test: check-format check-release check-asan check-tsan check-tidy check-models check-fuzz
 	@echo "All tests passed."
 
+# Each part says when it began: where the time goes is seen in any log.
+began = @date '+%T $@ begins'
+
 check-release: build
+	$(began)
 	ctest --preset release -j $(TEST_JOBS)
 
 check-asan: build-asan
+	$(began)
 	ctest --preset asan -j $(TEST_JOBS)
 
 build-asan: deps
+	$(began)
 	cmake --preset asan > /dev/null
 	cmake --build --preset asan -j $(JOBS)
 
 # Only the programs with threads of their own.
 check-tsan: deps
+	$(began)
 	cmake --preset tsan > /dev/null
 	cmake --build --preset tsan -j $(JOBS) --target threads_test
 	ctest --preset tsan -j $(TEST_JOBS)
@@ -53,6 +61,7 @@ check-tsan: deps
 # What has to be had in the time of 'make test'; 'make tidy' reads all the rest as well.
 TIDY_FOLDERS ?= common|platform
 check-tidy: build-asan
+	$(began)
 	run-clang-tidy -quiet -p build/asan -j $(JOBS) '^$(CURDIR)/($(TIDY_FOLDERS))/.*\.cpp$$' > build/tidy.log 2>&1 \
 	    || { cat build/tidy.log; exit 1; }
 
@@ -61,14 +70,17 @@ tidy:
 
 # The look of the sources.
 check-format: deps
+	$(began)
 	scripts/format.sh --check
 
 # The models of the locks: what is excluded, and the shortest runs for what is not.
 check-models: deps
+	$(began)
 	scripts/check_models.sh
 
 # Seconds of fuzzing in the tests; a minute for each target by itself.
 check-fuzz: build-asan
+	$(began)
 	scripts/fuzz.sh build/asan check
 
 fuzz: build-asan

@@ -79,13 +79,14 @@ protected:
         succeed(0, "kestactl repair && kestactl copy cntbackup2backup");
     }
     void replace_board() const { succeed(0, vpdctl + " -w " + new_wwn + " -s " + new_serialno + " -g " + new_guid); }
-    // Everything but the trace logs.
+    // Everything but the trace logs, and the log of what was run.
     std::map<std::string, std::string> state() const
     {
         std::map<std::string, std::string> files = snapshot();
         std::erase_if(files, [](const auto &file) {
             return file.first.find("trace.log") != std::string::npos || file.first.find("/tmp") != std::string::npos ||
-                   file.first.find("mycntno") != std::string::npos;
+                   file.first.find("mycntno") != std::string::npos || file.first.ends_with("/generations") ||
+                   file.first.ends_with("/changes.json");
         });
         return files;
     }
