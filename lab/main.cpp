@@ -125,7 +125,11 @@ void change_member(const lab::Appliance &appliance, const std::string &name, con
 
 void set_full(const lab::Appliance &appliance, const std::string &what, bool full)
 {
-    if (what != "quota") {
+    if (what == "disk") {
+        for (int number = 0; number < lab::controllers; ++number) {
+            appliance.set_full(number, full);
+        }
+    } else if (what != "quota") {
         appliance.set_full(lab::controller_number(what), full);
     } else if (full) {
         members_of(appliance).fill();
@@ -243,7 +247,9 @@ int main(int argc, char **argv)  // NOLINT(bugprone-exception-escape)
         app.add_subcommand("swap-board", "Replace a controller's board by one without an identity");
     swap_board.add_option("CONTROLLER", controller, "CNT0 to CNT3").required();
     const options::Command fill = app.add_subcommand("fill", "Fill a disk, or the store of the cluster");
-    fill.add_option("WHAT", what, "CNT0 to CNT3: the disk with its flash files; quota: the members' stores").required();
+    fill.add_option("WHAT", what,
+                    "disk: those with the controllers' flash files; CNT0 to CNT3: that of one; quota: the members' stores")
+        .required();
     fill.add_flag("--undo", undo, "Make room again");
     const options::Command cut_power =
         app.add_subcommand("cut-power", "Kill all that runs at once: of a controller, or of the whole lab");

@@ -117,6 +117,9 @@ TEST_F(LabHosts, DisksFillAndBoardsAreSwapped)
     EXPECT_EQ(on(0, "cp /bin/true /opt/kesta_sys/bakup/new").code, 0);
     ASSERT_EQ(of_lab("fill CNT1 --undo").code, 0);
     EXPECT_EQ(on(1, "cp /bin/true /opt/kesta_sys/bakup/new").code, 0);
+    ASSERT_EQ(of_lab("fill disk").code, 0);
+    EXPECT_NE(on(3, "cp /bin/true /opt/kesta_sys/bakup/new").code, 0);
+    ASSERT_EQ(of_lab("fill disk --undo").code, 0);
 
     EXPECT_EQ(on(0, "env_vpdctl -w sn 123 2> /dev/null; echo x > /opt/kesta_platform/vpd").code, 0);
     ASSERT_EQ(of_lab("swap-board CNT0").code, 0);
