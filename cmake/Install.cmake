@@ -13,8 +13,9 @@ if(KESTA_BUILD_LAB)
     install(FILES docs/man/kesta-lab.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 if(KESTA_BUILD_TOOLS)
-    install(TARGETS kestactl kesta-platform-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-    install(FILES docs/man/kestactl.1 docs/man/kesta-platform-check.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(TARGETS kestactl kesta-platform kesta-platform-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    install(FILES docs/man/kestactl.1 docs/man/kesta-platform.1 docs/man/kesta-platform-check.1
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
     # What shells complete, made by the program itself.
     install(CODE "
         foreach(shell bash zsh)

@@ -247,8 +247,9 @@ int main(int argc, char **argv)  // NOLINT(bugprone-exception-escape)
         app.add_subcommand("swap-board", "Replace a controller's board by one without an identity");
     swap_board.add_option("CONTROLLER", controller, "CNT0 to CNT3").required();
     const options::Command fill = app.add_subcommand("fill", "Fill a disk, or the store of the cluster");
-    fill.add_option("WHAT", what,
-                    "disk: those with the controllers' flash files; CNT0 to CNT3: that of one; quota: the members' stores")
+    fill.add_option(
+            "WHAT", what,
+            "disk: those with the controllers' flash files; CNT0 to CNT3: that of one; quota: the members' stores")
         .required();
     fill.add_flag("--undo", undo, "Make room again");
     const options::Command cut_power =

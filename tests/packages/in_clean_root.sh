@@ -60,6 +60,7 @@ test -f /usr/share/zsh/vendor-completions/_kestactl
 head -1 /usr/share/zsh/vendor-completions/_kestactl | grep -qx '#compdef kestactl'
 kesta-lab --version | grep -q '^kesta-lab [0-9]'
 kesta-platform-check --version | grep -q '^kesta-platform-check [0-9]'
+kesta-platform --version | grep -q "^kesta-platform [0-9]"
 
 echo "== the library"
 # Linking the shared library needs nothing of libxml2's.
@@ -76,7 +77,7 @@ KESTA_PLATFORM_TRACE_TARGET=none "$given/consumer/build/with_shared" | grep -qx 
 # shellcheck disable=SC2046
 cc -o "$given/program" "$given/program.c" $(pkg-config --cflags --libs libkesta)
 KESTA_PLATFORM_TRACE_TARGET=none "$given/program" | grep -qx 'block 63'
-man -w libkesta kestal_area_file_rw kestal_CONT0_to_CONT1 kestactl kesta-lab kesta-platform-check cpinfo eeprom env_vpdctl > /dev/null
+man -w libkesta kestal_area_file_rw kestal_CONT0_to_CONT1 kestactl kesta-lab kesta-platform kesta-platform-check cpinfo eeprom env_vpdctl > /dev/null
 
 echo "== the command line, on this machine"
 mkdir -p /etc/kesta_sys/network
