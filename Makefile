@@ -1,7 +1,7 @@
 # The commands of the README. Each one installs what it needs first (scripts/install-deps.sh).
 
 .DEFAULT_GOAL := build
-.PHONY: build build-asan demo demo-hosts test test-hosts bench stress check-release check-asan check-tsan check-tidy tidy check-format check-models check-fuzz fuzz coverage docs packages install deps clean
+.PHONY: build build-asan demo demo-hosts test test-hosts test-long bench stress stress-hosts check-release check-asan check-tsan check-tidy tidy check-format check-models check-fuzz fuzz coverage docs packages install deps clean
 
 JOBS ?= $(shell nproc)
 # Tests wait for one another's processes more than they compute.
@@ -29,6 +29,11 @@ demo-hosts: build
 test-hosts: build
 	ctest --test-dir build/release -j $(TEST_JOBS) -L hosts --output-on-failure
 	tests/hosts/lab_suite.sh build/release
+
+# What 'make test' has no time for: the packages, a kill at each point, clusters and hosts.
+test-long: build
+	KESTA_TEST_KILL_STEP=1 ctest --test-dir build/release -j $(TEST_JOBS) -L long --output-on-failure
+	KESTA_TEST_KILL_STEP=1 ctest --test-dir build/release -j $(TEST_JOBS) -R Killed --output-on-failure
 
 # Every test: as shipped, under the address, undefined behaviour and thread sanitizers, and the
 # static checks of the library, its platforms and the lab.
@@ -94,6 +99,10 @@ bench: build
 SECONDS ?= 60
 stress: build
 	scripts/stress.sh build/release --seconds $(SECONDS)
+
+# The same over hosts, whose cluster fails meanwhile.
+stress-hosts: build
+	scripts/stress_hosts.sh build/release $(SECONDS)
 
 # Which lines and branches of the library the tests run.
 coverage: deps

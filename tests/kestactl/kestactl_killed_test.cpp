@@ -27,6 +27,13 @@ void PrintTo(const Killed &killed, std::ostream *out) { *out << killed.command; 
 
 }  // namespace
 
+// Every so many points are tried. 'make test-long' tries each one.
+static int kill_step()
+{
+    const char *const step = getenv("KESTA_TEST_KILL_STEP");
+    return step != nullptr ? std::atoi(step) : KESTA_KILL_STEP;
+}
+
 class KilledCommand : public SavedGroup, public testing::WithParamInterface<Killed> {
 protected:
     KilledCommand()
@@ -162,7 +169,7 @@ TEST_P(KilledCommand, AtEachCallOfThePlatform)
 {
     int kills = 0;
     for (const std::string &call : platform_calls) {
-        for (int n = 1;; n += KESTA_KILL_STEP) {
+        for (int n = 1;; n += kill_step()) {
             const std::string where = call + " " + std::to_string(n);
             make_work(where);
             write_file(host_path(0, "opt/faults"), where + " once kill\n");
@@ -175,7 +182,7 @@ TEST_P(KilledCommand, AtEachCallOfThePlatform)
             expect_completed(where);
         }
     }
-    EXPECT_GT(kills * KESTA_KILL_STEP, 40);
+    EXPECT_GT(kills * kill_step(), 40);
     RecordProperty("kills", kills);
 }
 
@@ -184,7 +191,7 @@ TEST_P(KilledCommand, AtEachSystemCallThatChangesAFile)
 {
     int kills = 0;
     for (const std::string &call : changing_calls) {
-        for (int n = 1;; ++n) {
+        for (int n = 1;; n += kill_step()) {
             const std::string where = call + " " + std::to_string(n);
             make_work(where);
             const Ran killed = on(0, "strace -qq -o /dev/null -e trace=" + call + " -e inject=" + call +
@@ -198,7 +205,7 @@ TEST_P(KilledCommand, AtEachSystemCallThatChangesAFile)
             expect_completed(where);
         }
     }
-    EXPECT_GT(kills, 15);
+    EXPECT_GT(kills * kill_step(), 15);
     RecordProperty("kills", kills);
 }
 #endif

@@ -11,6 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 
 namespace {
@@ -33,7 +34,15 @@ struct Tally {
     int refused = 0;
     int overlaps = 0;
     int failures = 0;
+    long longest_gap_ms = 0;  // between two sections that were had
 };
+
+long milliseconds()
+{
+    timespec now{};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
+}
 
 bool transfer(int flag, Counter &counter)
 {
@@ -54,7 +63,7 @@ void inner_section(int own, Tally &tally)
     good = good && transfer(KESTA_BLOCK_WRITE, counter);
     Counter seen{};
     good = good && transfer(KESTA_BLOCK_READ, seen);
-    tally.doubled += seen.owner != getpid() || seen.count != before;
+    tally.doubled += good && (seen.owner != getpid() || seen.count != before);  // a failed transfer says nothing
     ++counter.count;
     good = good && transfer(KESTA_BLOCK_WRITE, counter);
     tally.failures += !good;
@@ -116,13 +125,19 @@ int main(int argc, char **argv)
         return 1;
     }
     Tally tally;
+    long last = milliseconds();
     const time_t end = time(nullptr) + limit;
     for (long cycle = 0; by_cycles ? cycle < limit : time(nullptr) < end; ++cycle) {
+        const int before = tally.sections;
         inner_section(own, tally);
+        if (tally.sections != before) {
+            tally.longest_gap_ms = std::max(tally.longest_gap_ms, milliseconds() - last);
+            last = milliseconds();
+        }
         const int type = cycle % 2 == 0 ? KESTA_LOCK_TYPE1 : KESTA_LOCK_TYPE3;
         command_section_locally(own, type, mark, tally);
     }
-    printf("%d %d %d %d %d %d\n", tally.sections, tally.doubled, tally.held, tally.refused, tally.overlaps,
-           tally.failures);
+    printf("%d %d %d %d %d %d %ld\n", tally.sections, tally.doubled, tally.held, tally.refused, tally.overlaps,
+           tally.failures, tally.longest_gap_ms);
     return tally.doubled + tally.overlaps + tally.failures == 0 ? 0 : lock_busy;
 }
