@@ -353,8 +353,9 @@ void describe_end(const Restore &restore, Result &result)
 // As kestactl diff tells it, from the files of now to those of the archive; with --only, of that path alone.
 void describe_difference(const Restore &restore, Result &result)
 {
-    std::vector<FileDifference> found =
-        differences({live_side}, {restore.source.name(), restore.archive}, *restore.definition);
+    // The work is over, and with it what stops it when a signal comes: one ends the command at once now.
+    const Archive archive{restore.archive.contents, restore.archive.name, restore.archive.limits};
+    std::vector<FileDifference> found = differences({live_side}, {restore.source.name(), archive}, *restore.definition);
     // What is here and not in the archive stays, unless a path of the group was gone as a whole.
     std::erase_if(found, [&restore](const FileDifference &one) {
         return !restore.paths->wants(one.path.substr(1)) ||
