@@ -31,6 +31,7 @@ constexpr const char *filling = "/kesta-lab-fill/";
 
 std::string name_of(int number) { return "member" + std::to_string(number); }
 std::string address_of(int number) { return "192.168.100." + std::to_string(first_address + number); }
+std::string endpoint_of(int number) { return address_of(number) + ":" + std::to_string(client_port); }
 std::string url_of(int number, int port) { return "http://" + address_of(number) + ":" + std::to_string(port); }
 
 std::string read_from(const fs::path &path, std::size_t from)
@@ -99,7 +100,7 @@ std::string Members::endpoints() const
 {
     std::string all;
     for (int number = 0; number < count(); ++number) {
-        all += (all.empty() ? "" : ",") + address_of(number) + ":" + std::to_string(client_port);
+        all += (all.empty() ? "" : ",") + endpoint_of(number);
     }
     return all;
 }
@@ -236,7 +237,7 @@ std::string Members::serving_endpoints() const
     for (int number = 0; number < count(); ++number) {
         const std::optional<int> pid = pid_of(number);
         if (pid && !is_stopped(*pid)) {
-            all += (all.empty() ? "" : ",") + address_of(number) + ":" + std::to_string(client_port);
+            all += (all.empty() ? "" : ",") + endpoint_of(number);
         }
     }
     return all;
@@ -272,9 +273,8 @@ std::vector<MemberState> Members::states() const
         in_own_process([&] {
             hosts_.enter(name_of(state.number));
             std::ofstream(answer) << output_of({"env", "ETCDCTL_API=3", "etcdctl", "--endpoints",
-                                                address_of(state.number) + ":" + std::to_string(client_port),
-                                                "--dial-timeout", "1s", "--command-timeout", "1s", "endpoint",
-                                                "status"});
+                                                endpoint_of(state.number), "--dial-timeout", "1s", "--command-timeout",
+                                                "1s", "endpoint", "status"});
         });
         // address, id, version, size, leads, ...
         std::istringstream fields(read_from(answer, 0));

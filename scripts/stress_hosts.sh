@@ -22,7 +22,7 @@ trap 'exit 130' INT
 trap 'exit 143' TERM HUP
 
 in_lab() { kesta-lab --dir "$lab" "$@"; }
-part() { sleep "$(awk "BEGIN { print $seconds * $1 }")"; }
+pass() { sleep "$(awk "BEGIN { print $seconds * $1 }")"; }
 say() { printf '%s  %s\n' "$(date +%T)" "$*"; }
 
 kesta-lab create --hosts "$lab"
@@ -38,20 +38,20 @@ for controller in CNT0 CNT1 CNT2 CNT3; do
     done
 done
 
-part 0.1
+pass 0.1
 say "$(in_lab member leader kill)"
-part 0.15
+pass 0.15
 in_lab power-on
 say "$(in_lab member leader stop) (the leader)"
-part 0.1
+pass 0.1
 in_lab power-on
 in_lab link CNT2 down
 say "CNT2's cable is pulled"
-part 0.1
+pass 0.1
 in_lab link CNT2 up
-part 0.1
+pass 0.1
 say "$(in_lab member 0 kill), $(in_lab member 1 kill): no quorum"
-part 0.1
+pass 0.1
 in_lab power-on
 say "the quorum is back"
 

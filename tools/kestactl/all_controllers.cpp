@@ -24,8 +24,6 @@ std::string shown(const Json &value)
     return plain_text(value.is_string() ? value.get<std::string>().substr(0, longest_text) : dumped(value));
 }
 
-Json member(const Json &json, const char *name) { return json.is_object() ? json.value(name, Json()) : Json(); }
-
 std::string told(const Json &json, const char *name) { return shown(member(json, name)); }
 
 // The rows of a list, if it is one.
@@ -146,6 +144,8 @@ std::string findings_lines(const ControllerAnswer &answer)
 }
 
 }  // namespace
+
+Json member(const Json &json, const char *name) { return json.value(name, Json()); }
 
 Json bounded_json(const std::string &text) { return Json::parsed(text, longest_text).value_or(Json()); }
 

@@ -21,6 +21,9 @@ struct ControllerAnswer {
 // The words of a command of kestactl, and what this controller answers. In the order of the controllers. Throws Failure.
 std::vector<ControllerAnswer> ask_all(const std::vector<std::string> &words, const std::function<Result()> &own);
 
+// What may be there, of whatever the JSON is; else null.
+Json member(const Json &json, const char *name);
+
 // JSON of somebody else: not too deep, texts not too long. Nothing: it is none.
 Json bounded_json(const std::string &text);
 

@@ -255,8 +255,6 @@ std::string image_fields(const Json &image)
 }
 
 // What another machine told is text like any other: every cell is escaped.
-Json member(const Json &json, const char *name) { return json.is_object() ? json.value(name, Json()) : Json(); }
-
 std::string controllers_table(const Json &appliance)
 {
     std::string html;
