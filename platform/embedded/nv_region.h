@@ -24,11 +24,12 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include "call_checks.h"
 #include "mapped_file.h"
 
 namespace embedded {
 
-inline constexpr uint64_t nv_region_size = 32768;
+using platform::nv_region_size;
 
 class NvRegion {
 public:

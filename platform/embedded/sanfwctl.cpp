@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <pthread.h>
 
+#include "call_checks.h"
 #include "controller_status.h"
 #include "faults.h"
 #include "nv_region.h"
@@ -28,20 +29,6 @@ void unlock_after_fork() { pthread_mutex_unlock(&mutex); }
 pthread_once_t fork_handled = PTHREAD_ONCE_INIT;
 void handle_fork() { pthread_atfork(lock_for_fork, unlock_after_fork, unlock_after_fork); }
 
-int check(const cpfw_nv_region_t *region, const cpfw_nv_access_t *access, int count)
-{
-    if (!region || !access || count != 1 || !access->buffer) {
-        return -EINVAL;
-    }
-    if (*region >= static_cast<unsigned>(settings().nv_regions)) {
-        return -ENXIO;
-    }
-    if (access->length > nv_region_size || access->offset > nv_region_size - access->length) {
-        return -ERANGE;
-    }
-    return 0;
-}
-
 // A transfer in one direction, by NvRegion::read or NvRegion::write.
 template <typename Direction>
 int transfer(Direction direction, unsigned region, const cpfw_nv_access_t &access)
@@ -63,7 +50,7 @@ int transfer(Direction direction, unsigned region, const cpfw_nv_access_t &acces
 
 PLATFORM_API int zKTsanfwctl_read_nv(int, cpfw_nv_region_t *region, cpfw_nv_access_t *access, int count)
 {
-    if (const int refused = check(region, access, count); refused != 0) {
+    if (const int refused = check_nv_access(region, access, count); refused != 0) {
         return refused;
     }
     if (const int failed = failure_of("nv_read"); failed != 0) {
@@ -74,7 +61,7 @@ PLATFORM_API int zKTsanfwctl_read_nv(int, cpfw_nv_region_t *region, cpfw_nv_acce
 
 PLATFORM_API int zKTsanfwctl_write_nv(int, cpfw_nv_region_t *region, cpfw_nv_access_t *access, int count)
 {
-    if (const int refused = check(region, access, count); refused != 0) {
+    if (const int refused = check_nv_access(region, access, count); refused != 0) {
         return refused;
     }
     if (const int failed = failure_of("nv_write"); failed != 0) {

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 
 #include "atomic_file.h"
+#include "call_checks.h"
 #include "faults.h"
 #include "one_machine.h"
 #include "scoped.h"
@@ -25,7 +26,6 @@ using namespace embedded;
 using namespace platform;
 
 constexpr int max_handles = 64;
-constexpr unsigned name_size = 64;
 constexpr unsigned file_path_size = path_size + 128;
 constexpr int handle_index_mask = 0xff;
 constexpr int handle_generation_step = 0x100;
@@ -39,7 +39,7 @@ struct OpenFile {
     int broken;    // errno of a write that failed: nothing is published
     int generation;
     int fd;  // the file as it was at opening, or the temporary file
-    char name[name_size];
+    char name[backup_name_size];
     char temporary[file_path_size];
 };
 
@@ -62,11 +62,6 @@ void file_path(char (&path)[file_path_size], const char *name)
 void size_path(char (&path)[file_path_size], const char *name)
 {
     snprintf(path, sizeof(path), "%s/.%s.size", settings().sysback_dir, name);
-}
-
-bool is_valid_name(const char *name)
-{
-    return name && name[0] != '\0' && name[0] != '.' && !strchr(name, '/') && strlen(name) < name_size;
 }
 
 // The open file of a handle, or null for a number that is no open handle. A handle belongs to one
@@ -113,7 +108,7 @@ int new_handle(const char *name, bool writes, int fd)
 // Removes what writers left behind that died before they closed: nobody holds a lock on it.
 void remove_abandoned(const char *name)
 {
-    char prefix[name_size + 8];
+    char prefix[backup_name_size + 8];
     snprintf(prefix, sizeof(prefix), ".%s.tmp.", name);
     kesta::UniqueFd opened(open(settings().sysback_dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     DIR *folder = opened ? fdopendir(opened.get()) : nullptr;
@@ -280,17 +275,11 @@ int read_all(int fd, char *to, Transfer transfer)
     return static_cast<int>(done);
 }
 
-unsigned limited(unsigned size, const Fault &fault)
-{
-    const bool is_short = fault.action == FaultAction::short_count && fault.value >= 0;
-    return is_short && static_cast<unsigned>(fault.value) < size ? static_cast<unsigned>(fault.value) : size;
-}
-
 }  // namespace
 
 PLATFORM_API int sbacc_open(const char *name, const char *mode, int *handle, int *close_flag)
 {
-    if (!is_valid_name(name) || !mode || !handle || !close_flag || (strcmp(mode, "r") != 0 && strcmp(mode, "w") != 0)) {
+    if (!is_backup_name(name) || !is_open_mode(mode) || !handle || !close_flag) {
         return -EINVAL;
     }
     const Fault fault = meet_fault("sb_open");

@@ -14,12 +14,13 @@
 #include <string>
 #include <string_view>
 
+#include "call_checks.h"
 #include "client.h"
 #include "lock_fence.h"
 
 namespace etcd {
 
-inline constexpr std::uint64_t nv_region_size = 32768;
+using platform::nv_region_size;
 
 class NvRegion {
 public:

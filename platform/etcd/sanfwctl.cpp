@@ -7,6 +7,7 @@
 #include <ctime>
 #include <map>
 
+#include "call_checks.h"
 #include "certificate.h"
 #include "cluster.h"
 #include "complaint.h"
@@ -49,20 +50,6 @@ void leave_in_child()
 }
 pthread_once_t fork_handled = PTHREAD_ONCE_INIT;
 void handle_fork() { pthread_atfork(enter_for_fork, leave_in_parent, leave_in_child); }
-
-int check(const cpfw_nv_region_t *region, const cpfw_nv_access_t *access, int count)
-{
-    if (!region || !access || count != 1 || !access->buffer) {
-        return -EINVAL;
-    }
-    if (*region >= static_cast<unsigned>(settings().nv_regions)) {
-        return -ENXIO;
-    }
-    if (access->length > nv_region_size || access->offset > nv_region_size - access->length) {
-        return -ERANGE;
-    }
-    return 0;
-}
 
 // In the gate.
 int transfer_prepared(unsigned number, const cpfw_nv_access_t &access, bool writes)
@@ -110,7 +97,7 @@ int transfer(unsigned number, const cpfw_nv_access_t &access, bool writes)
 
 PLATFORM_API int zKTsanfwctl_read_nv(int, cpfw_nv_region_t *region, cpfw_nv_access_t *access, int count)
 {
-    if (const int refused = check(region, access, count); refused != 0) {
+    if (const int refused = check_nv_access(region, access, count); refused != 0) {
         return refused;
     }
     if (const int failed = failure_of("nv_read"); failed != 0) {
@@ -121,7 +108,7 @@ PLATFORM_API int zKTsanfwctl_read_nv(int, cpfw_nv_region_t *region, cpfw_nv_acce
 
 PLATFORM_API int zKTsanfwctl_write_nv(int, cpfw_nv_region_t *region, cpfw_nv_access_t *access, int count)
 {
-    if (const int refused = check(region, access, count); refused != 0) {
+    if (const int refused = check_nv_access(region, access, count); refused != 0) {
         return refused;
     }
     if (const int failed = failure_of("nv_write"); failed != 0) {

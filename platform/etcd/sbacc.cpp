@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "backup_area.h"
+#include "call_checks.h"
 #include "cluster.h"
 #include "complaint.h"
 #include "faults.h"
@@ -23,8 +24,6 @@ namespace {
 
 using namespace etcd;
 using namespace platform;
-
-constexpr unsigned name_size = 64;
 
 Gate gate;
 
@@ -94,17 +93,6 @@ int in_gate(const std::function<int(Backup &)> &body)
     return result;
 }
 
-bool is_valid_name(const char *name)
-{
-    return name && name[0] != '\0' && name[0] != '.' && !strchr(name, '/') && strlen(name) < name_size;
-}
-
-unsigned limited(unsigned size, const Fault &fault)
-{
-    const bool is_short = fault.action == FaultAction::short_count && fault.value >= 0;
-    return is_short && static_cast<unsigned>(fault.value) < size ? static_cast<unsigned>(fault.value) : size;
-}
-
 int open_to_read(Backup &all, const char *name)
 {
     auto reader = std::make_unique<BackupReader>();
@@ -160,7 +148,7 @@ int close_file(Backup &all, int handle, int failed)
 
 PLATFORM_API int sbacc_open(const char *name, const char *mode, int *handle, int *close_flag)
 {
-    if (!is_valid_name(name) || !mode || !handle || !close_flag || (strcmp(mode, "r") != 0 && strcmp(mode, "w") != 0)) {
+    if (!is_backup_name(name) || !is_open_mode(mode) || !handle || !close_flag) {
         return -EINVAL;
     }
     const Fault fault = meet_fault("sb_open");

@@ -21,4 +21,11 @@ Fault meet_fault(const char *kind);
 // The same for a call that can only fail: 0, or the negative result it has to return.
 int failure_of(const char *kind);
 
+// So much of a transfer is made: less where a fault makes it short.
+inline unsigned limited(unsigned size, const Fault &fault)
+{
+    const bool is_short = fault.action == FaultAction::short_count && fault.value >= 0;
+    return is_short && static_cast<unsigned>(fault.value) < size ? static_cast<unsigned>(fault.value) : size;
+}
+
 }  // namespace platform
