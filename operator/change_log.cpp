@@ -8,6 +8,7 @@
 
 #include "appliance_state.h"
 #include "generation_folder.h"
+#include "kesta/paths.h"
 
 namespace engine {
 namespace {
@@ -170,13 +171,13 @@ NamesInForce names_in_force()
 
 std::vector<Change> changes()
 {
-    const GenerationFolder folder(flash_folder, GenerationFolder::Purpose::reading);
+    const GenerationFolder folder(KESTA_FLASH_DIRECTORY, GenerationFolder::Purpose::reading);
     return folder.is_there() ? read_log(folder) : std::vector<Change>();
 }
 
 void add_change(const Change &change)
 {
-    const GenerationFolder folder(flash_folder, GenerationFolder::Purpose::changing);
+    const GenerationFolder folder(KESTA_FLASH_DIRECTORY, GenerationFolder::Purpose::changing);
     std::vector<Change> all = read_log(folder);
     all.push_back(change);
     LogJson json{{"format", log_format}, {"changes", LogJson::array()}};

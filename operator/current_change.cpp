@@ -101,7 +101,7 @@ bool has_left_all(const Watched &one)
 void log_change(Watched &one)
 {
     struct stat status {};
-    if (stat((std::string(flash_folder) + "/" + generations_name).c_str(), &status) != 0) {
+    if (stat(generations_folder, &status) != 0) {
         return;  // nothing was saved here yet: there is no list to be in
     }
     if (one.knows_names) {

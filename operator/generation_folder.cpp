@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "kesta/paths.h"
 #include "whole_file.h"
 
 namespace engine {
@@ -90,12 +91,12 @@ bool write_all(int fd, std::string_view bytes)
 
 NoRoom::NoRoom(const std::string &path)
     : Failure(Exit::platform, no_room, "There is no room left for " + path + ".",
-              "Nothing was changed. Make room in " + std::string(flash_folder) +
-                  ", or give --keep 0 to keep nothing of what is overwritten.")
+              "Nothing was changed. Make room in " KESTA_FLASH_DIRECTORY
+              ", or give --keep 0 to keep nothing of what is overwritten.")
 {
 }
 
-GenerationFolder::GenerationFolder(const std::string &parent, Purpose purpose) : path_(parent + "/" + generations_name)
+GenerationFolder::GenerationFolder(const std::string &parent, Purpose purpose) : path_(parent + (parent.ends_with('/') ? "" : "/") + generations_name)
 {
     const bool changing = purpose == Purpose::changing;
     const Beneath root;

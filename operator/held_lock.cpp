@@ -11,9 +11,9 @@
 #include <iostream>
 
 #include "appliance_state.h"
-#include "archive_places.h"
 #include "failure.h"
 #include "holder_note.h"
+#include "kesta/paths.h"
 #include "names.h"
 #include "printable.h"
 #include "utc.h"
@@ -47,7 +47,7 @@ public:
     OneTaker &operator=(const OneTaker &) = delete;
 
 private:
-    static std::string path() { return std::string(local_lock_folder) + ".kestactl"; }
+    static std::string path() { return KESTA_MERGE_CACHE ".kestactl"; }
 
     int fd_;
 };
@@ -165,7 +165,7 @@ void HeldCommandLock::release()
 std::string local_holder(const std::string &name)
 {
     const int fd =
-        open((std::string(local_lock_folder) + name).c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+        open((KESTA_MERGE_CACHE + name).c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     struct flock lock {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
@@ -195,7 +195,7 @@ HeldLocalLock::HeldLocalLock(const std::string &name) : name_(name)
         refuse_local(name, holder);
     }
     throw Failure(Exit::platform, "lock-failed", "The local lock " + name + " could not be taken.",
-                  "Check that " + std::string(local_lock_folder) + " is there and can be written.");
+                  "Check that " KESTA_MERGE_CACHE " is there and can be written.");
 }
 
 HeldLocalLock::~HeldLocalLock()

@@ -160,7 +160,7 @@ TEST_F(UndoTest, RefusesWhatCanNotBeUndoneAndSaysWhy)
     done("save app");
     appliance.put(2, MendedAppliance::archive(5));
     refused("undo --yes", "slot:kesta_backup0 has been changed since");
-    const std::string log = std::string(engine::flash_folder) + "/generations/changes.json";
+    const std::string log = std::string(engine::generations_folder) + "/changes.json";
     write_file(log, read_file(log).substr(0, 1000));
     refused("undo --yes", "No change of this controller is known");
     EXPECT_EQ(ran("history").exit, 0);

@@ -14,11 +14,11 @@
 #include <memory>
 
 #include "appliance_state.h"
-#include "archive_places.h"
 #include "command.h"
 #include "held_command.h"
 #include "held_lock.h"
 #include "inner_lock_holders.h"
+#include "kesta/paths.h"
 #include "lock_state.h"
 #include "names.h"
 #include "render.h"
@@ -394,7 +394,7 @@ Result local_command(const LockOptions &options, const Globals &globals)
     Plan plan;
     plan.json = {{"name", options.name}, {"command", joined(options.command)}};
     plan.steps.push_back({"hold the local lock " + options.name + " and run: " + joined(options.command),
-                          {local_lock_folder + options.name, "whatever the command writes"},
+                          {KESTA_MERGE_CACHE + options.name, "whatever the command writes"},
                           [&] {
                               hold_local(options, end);
                           }});
