@@ -210,7 +210,8 @@ std::string end_change(const ChangeEnd &end)
             log_change(one);
         }
     } catch (const Failure &failure) {
-        missing = std::string("This change is not in the list of changes, and can't be undone: ") + failure.what();
+        missing = std::string("This change is not in the list of changes, and can't be undone: ") + failure.what() +
+                  " " + failure.hint();
     }
     tell_journal(one.change, end);
     return missing;
