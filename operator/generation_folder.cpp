@@ -64,21 +64,6 @@ void require_own(const Descriptor &folder, const std::string &path)
     }
 }
 
-bool write_all(int fd, std::string_view bytes)
-{
-    while (!bytes.empty()) {
-        const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            return false;
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
-}
-
 [[noreturn]] void fail_writing(const std::string &path, const char *what)
 {
     if (errno == ENOSPC || errno == EDQUOT) {
@@ -96,7 +81,8 @@ NoRoom::NoRoom(const std::string &path)
 {
 }
 
-GenerationFolder::GenerationFolder(const std::string &parent, Purpose purpose) : path_(parent + (parent.ends_with('/') ? "" : "/") + generations_name)
+GenerationFolder::GenerationFolder(const std::string &parent, Purpose purpose)
+    : path_(parent + (parent.ends_with('/') ? "" : "/") + generations_name)
 {
     const bool changing = purpose == Purpose::changing;
     const Beneath root;
