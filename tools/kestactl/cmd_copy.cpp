@@ -33,7 +33,7 @@ struct CopyOptions {
 };
 
 // Runs one flow; the hint is for a result that isn't 0.
-std::function<void()> flow(const std::string &name, const std::string &hint, std::function<int()> call)
+std::function<void()> flow(const std::string &name, const std::string &hint, const std::function<int()> &call)
 {
     return [=] {
         learn_own_number();

@@ -44,8 +44,8 @@ Source source_of(const std::string &from)
 {
     const std::string backup = backup_slot();
     const std::string accept = accept_slot();
-    const Source saved{"backup", backup, flash_backup, KESTA_VER_AREA_BACKUP};
-    const Source accepted{"accept", accept, flash_accept, KESTA_VER_AREA_ACCEPT};
+    Source saved{"backup", backup, flash_backup, KESTA_VER_AREA_BACKUP};
+    Source accepted{"accept", accept, flash_accept, KESTA_VER_AREA_ACCEPT};
     if (from == "backup" || (is_slot(from) && from == backup)) {
         (void)require_slot(backup, "backup");
         return saved;
