@@ -48,8 +48,8 @@ void leave_in_child()
     }
     gate.leave_in_child();
 }
-pthread_once_t fork_handled = PTHREAD_ONCE_INIT;
-void handle_fork() { pthread_atfork(enter_for_fork, leave_in_parent, leave_in_child); }
+// When the library is loaded: a fork that has begun by the first use would not know of it.
+__attribute__((constructor)) void handle_fork() { pthread_atfork(enter_for_fork, leave_in_parent, leave_in_child); }
 
 // In the gate.
 int transfer_prepared(unsigned number, const cpfw_nv_access_t &access, bool writes)
@@ -68,7 +68,6 @@ int transfer_prepared(unsigned number, const cpfw_nv_access_t &access, bool writ
 
 int transfer(unsigned number, const cpfw_nv_access_t &access, bool writes)
 {
-    pthread_once(&fork_handled, handle_fork);
     const kesta::CancelOff off;
     int result = 0;
     bool complain = false;

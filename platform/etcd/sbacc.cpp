@@ -67,13 +67,12 @@ void leave_in_child()
     }
     gate.leave_in_child();
 }
-pthread_once_t fork_handled = PTHREAD_ONCE_INIT;
-void handle_fork() { pthread_atfork(enter_for_fork, leave_in_parent, leave_in_child); }
+// When the library is loaded: a fork that has begun by the first use would not know of it.
+__attribute__((constructor)) void handle_fork() { pthread_atfork(enter_for_fork, leave_in_parent, leave_in_child); }
 
 // Runs a body in the gate, and says what keeps it from its work.
 int in_gate(const std::function<int(Backup &)> &body)
 {
-    pthread_once(&fork_handled, handle_fork);
     const kesta::CancelOff off;
     int result = 0;
     bool complain = false;
