@@ -261,6 +261,20 @@ std::vector<std::string> StoreDouble::keys(const std::string &prefix)
     return result;
 }
 
+std::map<std::int64_t, std::optional<Stored>> StoreDouble::changes_after(const std::string &key, std::int64_t revision)
+{
+    const std::lock_guard lock(mutex_);
+    const auto &changes = history_[key];
+    return {changes.upper_bound(revision), changes.end()};
+}
+
+std::string StoreDouble::value_at(const std::string &key, std::int64_t revision)
+{
+    const std::lock_guard lock(mutex_);
+    const auto stored = at(key, revision);
+    return stored ? stored->value : "";
+}
+
 void StoreDouble::put(const std::string &key, const std::string &value)
 {
     const std::lock_guard lock(mutex_);
