@@ -51,8 +51,6 @@ public:
     }
 
     static inline Gate gate;
-
-private:
     static inline State *state = nullptr;  // in the gate
 };
 
