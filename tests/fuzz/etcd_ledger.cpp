@@ -71,6 +71,16 @@ void RegionLedger::written(const Write &write)
     }
 }
 
+// Whoever asks for a claim and gets no answer holds nothing, whatever it held before.
+void RegionLedger::failed(const Write &write)
+{
+    for (std::size_t i = 0; is_image_ && i < slots_.size(); ++i) {
+        if (write.offset == place_of(i) && !is_zero(write.bytes)) {
+            slots_[i].held.clear();
+        }
+    }
+}
+
 void RegionLedger::read(std::uint64_t offset, const std::string &bytes)
 {
     for (std::size_t i = 0; is_image_ && i < slots_.size(); ++i) {
