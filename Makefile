@@ -63,15 +63,13 @@ check-tsan: deps
 	cmake --build --preset tsan -j $(JOBS) --target threads_test etcd_threads_test
 	ctest --preset tsan -j $(TEST_JOBS)
 
-# What has to be had in the time of 'make test'; 'make tidy' reads all the rest as well.
-TIDY_FOLDERS ?= common|platform
+# What has changed since it was found clean; 'make tidy' writes down what is.
 check-tidy: build-asan
 	$(began)
-	run-clang-tidy -quiet -p build/asan -j $(JOBS) '^$(CURDIR)/($(TIDY_FOLDERS))/.*\.cpp$$' > build/tidy.log 2>&1 \
-	    || { cat build/tidy.log; exit 1; }
+	scripts/tidy.py build/asan --jobs $(JOBS)
 
-tidy:
-	$(MAKE) check-tidy TIDY_FOLDERS='common|platform|lab|tools|operator'
+tidy: build-asan
+	scripts/tidy.py build/asan --jobs $(JOBS) --write
 
 # The look of the sources.
 check-format: deps

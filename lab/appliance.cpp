@@ -348,7 +348,7 @@ Appliance Appliance::create(const fs::path &folder, const fs::path &product, con
         make_controller(folder / ("cnt" + std::to_string(number)), number, recipe, members.settings());
     }
     write_file(folder / marker_name, marker_text);  // last: an unfinished lab is none
-    const Appliance made(folder);
+    Appliance made(folder);
     if (cluster) {
         fs::create_directories(made.folder() / "hosts");
         made.power_on();

@@ -81,6 +81,7 @@ int Members::count() const
 std::vector<Host> Members::hosts() const
 {
     std::vector<Host> hosts;
+    hosts.reserve(static_cast<std::size_t>(count()));
     for (int number = 0; number < count(); ++number) {
         hosts.push_back({name_of(number), address_of(number)});
     }

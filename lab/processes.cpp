@@ -77,6 +77,7 @@ void end_process(int pid)
 void kill_processes(const std::vector<int> &processes)
 {
     std::vector<int> descriptors;
+    descriptors.reserve(processes.size());
     for (const int pid : processes) {
         descriptors.push_back(descriptor_of(pid));
     }

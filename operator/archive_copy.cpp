@@ -5,6 +5,7 @@
 #include "appliance_state.h"
 #include "current_change.h"
 #include "failure.h"
+#include "kesta/paths.h"
 #include "leftovers.h"
 #include "whole_file.h"
 
@@ -23,7 +24,7 @@ std::string read_generation(const std::string &sum)
 {
     if (sum.size() != 64 || sum.find_first_not_of("0123456789abcdef") != std::string::npos) {
         throw Failure(Exit::usage, "bad-place", "'" + sum + "' is no checksum of a generation.",
-                      "It is the name of its file in /opt/kesta_sys/bakup/generations, without .tar.Z.");
+                      "It is the name of its file in " KESTA_FLASH_DIRECTORY "generations, without .tar.Z.");
     }
     return path_of_generation(sum);
 }

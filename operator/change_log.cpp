@@ -4,21 +4,20 @@
 #include <string.h>
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 
 #include "appliance_state.h"
 #include "generation_folder.h"
+#include "json_value.h"
+#include "kesta/paths.h"
 
 namespace engine {
 namespace {
-
-using LogJson = nlohmann::ordered_json;
 
 constexpr const char *log_name = "changes.json";
 constexpr std::size_t most_changes = 200;
 constexpr int log_format = 1;
 
-LogJson json_of(const NamesInForce &names)
+Json json_of(const NamesInForce &names)
 {
     return {{"backup", names.backup},
             {"accept", names.accept},
@@ -28,15 +27,21 @@ LogJson json_of(const NamesInForce &names)
             {"flash_version", names.flash_version}};
 }
 
-NamesInForce names_from(const LogJson &json)
+NamesInForce names_from(const Json &json)
 {
-    return {json.at("backup"),         json.at("accept"),          json.at("backup_version"),
-            json.at("accept_version"), json.at("current_version"), json.at("flash_version")};
+    NamesInForce names;
+    json.read("backup", names.backup);
+    json.read("accept", names.accept);
+    json.read("backup_version", names.backup_version);
+    json.read("accept_version", names.accept_version);
+    json.read("current_version", names.current_version);
+    json.read("flash_version", names.flash_version);
+    return names;
 }
 
-LogJson undo_json(const Change &change)
+Json undo_json(const Change &change)
 {
-    LogJson json{{"before", json_of(change.before)}, {"after", json_of(change.after)}, {"archives", LogJson::array()}};
+    Json json{{"before", json_of(change.before)}, {"after", json_of(change.after)}, {"archives", Json::array()}};
     for (const ReplacedArchive &one : change.archives) {
         json["archives"].push_back(
             {{"place", one.place}, {"before", one.before}, {"after", one.after}, {"was_kept", one.was_kept}});
@@ -50,26 +55,44 @@ LogJson undo_json(const Change &change)
     return json;
 }
 
-void read_undo(const LogJson &json, Change &change)
+ReplacedArchive archive_from(const Json &json)
+{
+    ReplacedArchive archive;
+    json.read("place", archive.place);
+    json.read("before", archive.before);
+    json.read("after", archive.after);
+    json.read("was_kept", archive.was_kept);
+    return archive;
+}
+
+ReplacedFiles files_from(const Json &json)
+{
+    ReplacedFiles files;
+    json.read("group", files.group);
+    json.read("sha256", files.sha256);
+    json.read("replaced", files.replaced);
+    json.read("made", files.made);
+    return files;
+}
+
+void read_undo(const Json &json, Change &change)
 {
     change.before = names_from(json.at("before"));
     change.after = names_from(json.at("after"));
-    for (const LogJson &one : json.at("archives")) {
-        change.archives.push_back({one.at("place"), one.at("before"), one.at("after"), one.at("was_kept")});
+    for (const Json &one : json.at("archives").elements()) {
+        change.archives.push_back(archive_from(one));
     }
     if (json.contains("files")) {
-        const LogJson &files = json.at("files");
-        change.files = {files.at("group"), files.at("sha256"), files.at("replaced").get<std::vector<std::string>>(),
-                        files.at("made").get<std::vector<std::string>>()};
+        change.files = files_from(json.at("files"));
     }
     change.can_be_undone = true;
 }
 
-LogJson json_of(const Change &change)
+Json json_of(const Change &change)
 {
-    LogJson json{{"id", change.id},         {"time", change.time},     {"controller", change.controller},
-                 {"user", change.user},     {"verb", change.verb},     {"group", change.group},
-                 {"reason", change.reason}, {"result", change.result}, {"cause", change.cause}};
+    Json json{{"id", change.id},         {"time", change.time},     {"controller", change.controller},
+              {"user", change.user},     {"verb", change.verb},     {"group", change.group},
+              {"reason", change.reason}, {"result", change.result}, {"cause", change.cause}};
     if (change.version) {
         json["version"] = *change.version;
     }
@@ -82,41 +105,51 @@ LogJson json_of(const Change &change)
     return json;
 }
 
-Change change_from(const LogJson &json)
+Change change_from(const Json &json)
 {
     Change change;
-    change.id = json.at("id");
-    change.time = json.at("time");
-    change.controller = json.at("controller");
-    change.user = json.at("user");
-    change.verb = json.at("verb");
-    change.group = json.at("group");
-    change.reason = json.at("reason");
-    change.result = json.at("result");
-    change.cause = json.at("cause");
+    json.read("id", change.id);
+    json.read("time", change.time);
+    json.read("controller", change.controller);
+    json.read("user", change.user);
+    json.read("verb", change.verb);
+    json.read("group", change.group);
+    json.read("reason", change.reason);
+    json.read("result", change.result);
+    json.read("cause", change.cause);
     if (json.contains("version")) {
         change.version = json.at("version").get<int>();
     }
-    change.changed_nothing = json.value("changed_nothing", false);
+    change.changed_nothing = json.value("changed_nothing", false).get<bool>();
     if (json.contains("undo")) {
         read_undo(json.at("undo"), change);
     }
     return change;
 }
 
+// A list that is damaged is left as it is, and not added to: what can still be read of it is the operator's.
 std::vector<Change> read_log(const GenerationFolder &folder)
 {
-    std::vector<Change> all;
+    const auto text = folder.read(log_name);
+    if (!text) {
+        return {};
+    }
     try {
-        const auto text = folder.read(log_name);
-        const LogJson json = text ? LogJson::parse(*text) : LogJson::object();
-        for (const LogJson &one : json.value("changes", LogJson::array())) {
+        std::vector<Change> all;
+        const Json json = Json::parse(*text);
+        for (const Json &one : json.at("changes").elements()) {
             all.push_back(change_from(one));
         }
-    } catch (const nlohmann::json::exception &) {
-        return all;  // what stood before the damage counts
+        if (json.at("format") == Json(log_format)) {
+            return all;
+        }
+    } catch (const JsonError &) {
+        // It is told below, as one of another format is.
     }
-    return all;
+    throw Failure(
+        Exit::platform, "bad-changes",
+        "The list of changes is damaged: " + folder.path_of(log_name) + " can't be understood.",
+        "Move it away, and the next change begins a new list. All that was kept is still in 'kestactl history'.");
 }
 
 std::string name_at(const std::vector<char> &image, std::size_t offset, std::size_t size)
@@ -170,16 +203,16 @@ NamesInForce names_in_force()
 
 std::vector<Change> changes()
 {
-    const GenerationFolder folder(flash_folder, GenerationFolder::Purpose::reading);
+    const GenerationFolder folder(KESTA_FLASH_DIRECTORY, GenerationFolder::Purpose::reading);
     return folder.is_there() ? read_log(folder) : std::vector<Change>();
 }
 
 void add_change(const Change &change)
 {
-    const GenerationFolder folder(flash_folder, GenerationFolder::Purpose::changing);
+    const GenerationFolder folder(KESTA_FLASH_DIRECTORY, GenerationFolder::Purpose::changing);
     std::vector<Change> all = read_log(folder);
     all.push_back(change);
-    LogJson json{{"format", log_format}, {"changes", LogJson::array()}};
+    Json json{{"format", log_format}, {"changes", Json::array()}};
     const std::size_t first = all.size() > most_changes ? all.size() - most_changes : 0;
     for (std::size_t i = first; i < all.size(); ++i) {
         const auto behind = all.begin() + static_cast<std::ptrdiff_t>(i) + 1;
@@ -188,7 +221,17 @@ void add_change(const Change &change)
                                });
         json["changes"].push_back(json_of(all[i]));
     }
-    folder.write(log_name, json.dump(1, ' ', false, LogJson::error_handler_t::replace) + "\n");
+    folder.write(log_name, json.dump(1) + "\n");
+}
+
+std::optional<Failure> fault_of_changes()
+{
+    try {
+        (void)changes();
+    } catch (const Failure &failure) {
+        return failure;
+    }
+    return std::nullopt;
 }
 
 std::string result_of_change(std::uint64_t id)

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "failure.h"
+
 namespace engine {
 
 // What this controller goes by.
@@ -63,8 +65,11 @@ struct Change {
 
 inline constexpr const char *undo_archive_name = "undo.tar.Z";
 
-// Oldest first; what can't be understood is not there. Throws Failure: the file can't be read.
+// Oldest first. Throws Failure: the file can't be read, or is damaged.
 std::vector<Change> changes();
+
+// Why they are not known; nothing: they are.
+std::optional<Failure> fault_of_changes();
 
 // Adds one; what earlier ones replaced is forgotten. Throws Failure.
 void add_change(const Change &change);

@@ -10,6 +10,7 @@
 #include "appliance_state.h"
 #include "archive_places.h"
 #include "generation_folder.h"
+#include "kesta/paths.h"
 #include "leftovers.h"
 #include "unfinished_restore.h"
 
@@ -47,7 +48,7 @@ void look_at_flash(ControllerState &state)
 
 void count_generations(ControllerState &state)
 {
-    const GenerationFolder folder(flash_folder, GenerationFolder::Purpose::reading);
+    const GenerationFolder folder(KESTA_FLASH_DIRECTORY, GenerationFolder::Purpose::reading);
     for (const std::string &sum : folder.sums_with(archive_suffix)) {
         if (const auto status = folder.status_of(sum + archive_suffix)) {
             ++state.generations;

@@ -101,7 +101,7 @@ bool has_left_all(const Watched &one)
 void log_change(Watched &one)
 {
     struct stat status {};
-    if (stat((std::string(flash_folder) + "/" + generations_name).c_str(), &status) != 0) {
+    if (stat(generations_folder, &status) != 0) {
         return;  // nothing was saved here yet: there is no list to be in
     }
     if (one.knows_names) {
@@ -210,7 +210,8 @@ std::string end_change(const ChangeEnd &end)
             log_change(one);
         }
     } catch (const Failure &failure) {
-        missing = std::string("This change is not in the list of changes, and can't be undone: ") + failure.what();
+        missing = std::string("This change is not in the list of changes, and can't be undone: ") + failure.what() +
+                  " " + failure.hint();
     }
     tell_journal(one.change, end);
     return missing;

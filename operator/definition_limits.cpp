@@ -12,6 +12,7 @@
 
 #include "beneath.h"
 #include "failure.h"
+#include "kesta/paths.h"
 
 namespace engine {
 namespace {
@@ -48,7 +49,7 @@ std::string read_definition_text(const std::string &path)
         const int error = errno;
         throw Failure(error == ENOENT ? Exit::no : Exit::platform, "no-file",
                       "There is no usable " + path + ": " + strerror(error) + ".",
-                      "Name a file, or a group that has a define.xml below /etc/kesta_sys/.");
+                      "Name a file, or a group that has a define.xml below " KESTA_GROUP_DIRECTORY ".");
     }
     return text;
 }

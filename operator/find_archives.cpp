@@ -3,6 +3,8 @@
 #include <array>
 #include <utility>
 
+#include "kesta/paths.h"
+
 namespace engine {
 namespace {
 
@@ -195,7 +197,7 @@ std::string what_is_left(const Survey &survey, const SlotNames &names, const Pai
         }
     }
     return "No whole copy of what is in force is left here. Look at the other controllers' flash with 'kestactl verify', "
-           "or into /opt/kesta_sys/bakup/generations; otherwise make a new one with 'kestactl save'" +
+           "or into " KESTA_FLASH_DIRECTORY "generations; otherwise make a new one with 'kestactl save'" +
            std::string(pair.role == ArchiveRole::accepted ? " and 'kestactl accept'." : ".");
 }
 

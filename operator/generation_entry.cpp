@@ -1,34 +1,41 @@
 #include "generation_entry.h"
 
-#include <nlohmann/json.hpp>
+#include "json_value.h"
 
 namespace engine {
 namespace {
 
-using EntryJson = nlohmann::ordered_json;
-
 constexpr int entry_format = 1;
 
-EntryJson json_of(const GenerationChange &change)
+Json json_of(const GenerationChange &change)
 {
     return {{"time", change.time}, {"controller", change.controller}, {"user", change.user},
             {"verb", change.verb}, {"comment", change.comment},       {"change", change.change}};
 }
 
-GenerationChange change_from(const EntryJson &json)
+GenerationChange change_from(const Json &json)
 {
-    return {json.at("time"), json.at("controller"), json.at("user"),
-            json.at("verb"), json.at("comment"),    json.value("change", std::uint64_t{0})};  // older ones have none
+    GenerationChange change;
+    json.read("time", change.time);
+    json.read("controller", change.controller);
+    json.read("user", change.user);
+    json.read("verb", change.verb);
+    json.read("comment", change.comment);
+    change.change = json.value("change", 0).get<std::uint64_t>();  // older ones have none
+    return change;
 }
 
-std::string text_of(const EntryJson &json)
-{
-    return json.dump(2, ' ', false, EntryJson::error_handler_t::replace) + "\n";
-}
+std::string text_of(const Json &json) { return json.dump(2) + "\n"; }
 
-SavedArchive saved_from(const EntryJson &json)
+SavedArchive saved_from(const Json &json)
 {
-    return {json.at("sha256"), json.at("bytes"), json.at("version"), json.at("group"), change_from(json.at("saved"))};
+    SavedArchive archive;
+    json.read("sha256", archive.sha256);
+    json.read("bytes", archive.bytes);
+    json.read("version", archive.version);
+    json.read("group", archive.group);
+    archive.saved = change_from(json.at("saved"));
+    return archive;
 }
 
 }  // namespace
@@ -45,36 +52,36 @@ std::string entry_text(const Generation &generation)
                     {"group", generation.group},
                     {"places", generation.places},
                     {"kept", json_of(generation.kept)},
-                    {"saved", generation.saved ? json_of(*generation.saved) : EntryJson(nullptr)}});
+                    {"saved", generation.saved ? json_of(*generation.saved) : Json(nullptr)}});
 }
 
 std::optional<Generation> parse_entry(const std::string &text, const std::string &sha256)
 {
     try {
-        const EntryJson json = EntryJson::parse(text);
-        Generation generation{json.at("sha256"),
-                              json.at("bytes"),
-                              json.at("order"),
-                              json.at("version"),
-                              json.at("version_recorded"),
-                              json.at("group"),
-                              json.at("places").get<std::vector<std::string>>(),
-                              change_from(json.at("kept")),
-                              std::nullopt,
-                              json.value("number", std::uint64_t{json.at("order")})};  // older ones have none
+        const Json json = Json::parse(text);
+        Generation generation;
+        json.read("sha256", generation.sha256);
+        json.read("bytes", generation.bytes);
+        json.read("order", generation.order);
+        json.read("version", generation.version);
+        json.read("version_recorded", generation.version_recorded);
+        json.read("group", generation.group);
+        json.read("places", generation.places);
+        generation.kept = change_from(json.at("kept"));
+        generation.number = json.value("number", generation.order).get<std::uint64_t>();  // older ones have none
         if (!json.at("saved").is_null()) {
             generation.saved = change_from(json.at("saved"));
         }
-        const bool fits = json.at("format") == entry_format && generation.sha256 == sha256;
+        const bool fits = json.at("format") == Json(entry_format) && generation.sha256 == sha256;
         return fits ? std::optional(generation) : std::nullopt;
-    } catch (const nlohmann::json::exception &) {
+    } catch (const JsonError &) {
         return std::nullopt;
     }
 }
 
 std::string saved_text(const std::vector<SavedArchive> &archives)
 {
-    EntryJson json{{"format", entry_format}, {"archives", EntryJson::array()}};
+    Json json{{"format", entry_format}, {"archives", Json::array()}};
     for (const SavedArchive &archive : archives) {
         json["archives"].push_back({{"sha256", archive.sha256},
                                     {"bytes", archive.bytes},
@@ -89,11 +96,11 @@ SavedArchives parse_saved(const std::string &text)
 {
     SavedArchives saved;
     try {
-        const EntryJson all = EntryJson::parse(text);
-        for (const EntryJson &json : all.at("archives")) {
+        const Json all = Json::parse(text);
+        for (const Json &json : all.at("archives").elements()) {
             saved.archives.push_back(saved_from(json));
         }
-    } catch (const nlohmann::json::exception &) {
+    } catch (const JsonError &) {
         saved.whole = false;
     }
     return saved;

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "kesta/paths.h"
 #include "whole_file.h"
 
 namespace engine {
@@ -63,21 +64,6 @@ void require_own(const Descriptor &folder, const std::string &path)
     }
 }
 
-bool write_all(int fd, std::string_view bytes)
-{
-    while (!bytes.empty()) {
-        const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            return false;
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
-}
-
 [[noreturn]] void fail_writing(const std::string &path, const char *what)
 {
     if (errno == ENOSPC || errno == EDQUOT) {
@@ -90,12 +76,13 @@ bool write_all(int fd, std::string_view bytes)
 
 NoRoom::NoRoom(const std::string &path)
     : Failure(Exit::platform, no_room, "There is no room left for " + path + ".",
-              "Nothing was changed. Make room in " + std::string(flash_folder) +
-                  ", or give --keep 0 to keep nothing of what is overwritten.")
+              "Nothing was changed. Make room in " KESTA_FLASH_DIRECTORY
+              ", or give --keep 0 to keep nothing of what is overwritten.")
 {
 }
 
-GenerationFolder::GenerationFolder(const std::string &parent, Purpose purpose) : path_(parent + "/" + generations_name)
+GenerationFolder::GenerationFolder(const std::string &parent, Purpose purpose)
+    : path_(parent + (parent.ends_with('/') ? "" : "/") + generations_name)
 {
     const bool changing = purpose == Purpose::changing;
     const Beneath root;

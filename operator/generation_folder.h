@@ -18,13 +18,14 @@
 #include <vector>
 
 #include "archive_contents.h"
+#include "archive_places.h"
 #include "beneath.h"
 #include "failure.h"
+#include "kesta/paths.h"
 
 namespace engine {
 
-inline constexpr const char *flash_folder = "/opt/kesta_sys/bakup";
-inline constexpr const char *generations_name = "generations";
+inline constexpr const char *generations_name = generations_folder + sizeof(KESTA_FLASH_DIRECTORY) - 1;
 inline constexpr const char *archive_suffix = ".tar.Z";
 inline constexpr const char *entry_suffix = ".json";
 inline constexpr const char *saved_name = "saved.json";

@@ -16,6 +16,7 @@
 #include "archive_places.h"
 #include "current_change.h"
 #include "generation_retention.h"
+#include "kesta/paths.h"
 #include "names.h"
 #include "user_name.h"
 #include "whole_file.h"
@@ -147,7 +148,7 @@ void note_replaced(const std::vector<ReplacedPlace> &places, const std::vector<G
 GenerationStore store(const std::function<void()> &look)
 {
     // What is beyond the limits of archives can't be tested, and may be whole.
-    return GenerationStore(flash_folder, [look](const ArchiveContents &contents) {
+    return GenerationStore(KESTA_FLASH_DIRECTORY, [look](const ArchiveContents &contents) {
         return evidence_of(contents, look).state != CopyState::damaged;
     });
 }
@@ -223,7 +224,7 @@ void make_room_on_flash(KeepReport &report, std::uint64_t bytes)
 {
     const auto is_short = [bytes] {
         struct statvfs room {};
-        return statvfs(flash_folder, &room) == 0 && std::uint64_t{room.f_bavail} * room.f_frsize < bytes;
+        return statvfs(KESTA_FLASH_DIRECTORY, &room) == 0 && std::uint64_t{room.f_bavail} * room.f_frsize < bytes;
     };
     while (is_short() && !generations().empty() && store([] {}).drop_oldest(versions_in_force, report)) {
     }

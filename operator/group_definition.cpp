@@ -12,6 +12,7 @@
 #include "appliance_state.h"
 #include "definition_limits.h"
 #include "failure.h"
+#include "kesta/paths.h"
 #include "names.h"
 
 namespace engine {
@@ -29,20 +30,24 @@ std::string attribute(xmlNode *node, const char *name)
 
 }  // namespace
 
-std::string definition_of(const std::string &group) { return "/etc/kesta_sys/" + group + "/define.xml"; }
+std::string definition_of(const std::string &group)
+{
+    return KESTA_GROUP_DIRECTORY + group + "/" KESTA_DEFINITION_NAME;
+}
 
 std::vector<std::string> defined_groups()
 {
     std::vector<std::string> groups;
     std::error_code error;
-    for (const auto &entry : std::filesystem::directory_iterator("/etc/kesta_sys", error)) {
+    for (const auto &entry : std::filesystem::directory_iterator(KESTA_GROUP_DIRECTORY, error)) {
         const std::string name = entry.path().filename().string();
         if (access(definition_of(name).c_str(), F_OK) == 0) {
             groups.push_back(name);
         }
     }
     if (error && error != std::errc::no_such_file_or_directory) {
-        throw Failure(Exit::platform, "file-failed", "/etc/kesta_sys could not be read: " + error.message() + ".",
+        throw Failure(Exit::platform, "file-failed",
+                      KESTA_GROUP_DIRECTORY " could not be read: " + error.message() + ".",
                       "Check the folder and its rights.");
     }
     std::sort(groups.begin(), groups.end());

@@ -11,9 +11,9 @@
 #include <iostream>
 
 #include "appliance_state.h"
-#include "archive_places.h"
 #include "failure.h"
 #include "holder_note.h"
+#include "kesta/paths.h"
 #include "names.h"
 #include "printable.h"
 #include "utc.h"
@@ -47,7 +47,7 @@ public:
     OneTaker &operator=(const OneTaker &) = delete;
 
 private:
-    static std::string path() { return std::string(local_lock_folder) + ".kestactl"; }
+    static std::string path() { return KESTA_MERGE_CACHE ".kestactl"; }
 
     int fd_;
 };
@@ -60,8 +60,7 @@ int try_to_take(const LockRequest &request, int own, char *identifier, int &met)
                                            new_lock, &met);
 }
 
-}  // namespace
-
+// Says on stderr for whom somebody waits.
 void report_waiting(const LockState &state, int controller, int left)
 {
     std::string text = controller_name(controller) + " is taking one too";
@@ -74,34 +73,45 @@ void report_waiting(const LockState &state, int controller, int left)
               << " s left: " << printable(text) << std::endl;
 }
 
-std::string take_command_lock(const LockRequest &request, int own, const HeldSignals &signals)
+}  // namespace
+
+int wait_in_turn(const LockWait &wait, const HeldSignals &signals,
+                 const std::function<std::optional<LockInTheWay>()> &look)
 {
-    std::array<char, KESTA_LOCK_IDENTIFIER_SIZE> identifier{};
     int reported = -1;
     for (int waited = 0;; waited += seconds_between_tries) {
-        int met = -1;
-        const int result = try_to_take(request, own, identifier.data(), met);
-        if (result == KESTA_OK) {
-            return identifier.data();
+        const std::optional<LockInTheWay> met = look();
+        if (!met) {
+            return waited;
         }
-        if (result != KESTA_ERR_LOCKED) {
-            fail_call("lock-failed",
-                      "The command lock of " + controller_name(own) + " could not be taken (result " +
-                          std::to_string(result) + ").",
-                      "Look at --trace 1, and with 'kestactl lock check' whether it was left behind.");
+        if (waited >= wait.seconds) {
+            refuse_locked(wait.refusal, met->state, met->controller);
         }
-        const LockState state = read_lock_state();
-        if (waited >= request.wait) {
-            refuse_locked("The command lock can't be had", state, met);
-        }
-        if (met != reported || waited % seconds_between_reports == 0) {
-            report_waiting(state, met, request.wait - waited);
-            reported = met;
+        if (met->controller != reported || waited % seconds_between_reports == 0) {
+            report_waiting(met->state, met->controller, wait.seconds - waited);
+            reported = met->controller;
         }
         if (const int signal = signals.wait(seconds_between_tries); signal != 0) {
             interrupted(signal);
         }
     }
+}
+
+std::string take_command_lock(const LockRequest &request, int own, const HeldSignals &signals)
+{
+    std::array<char, KESTA_LOCK_IDENTIFIER_SIZE> identifier{};
+    (void)wait_in_turn({request.wait, "The command lock can't be had"}, signals, [&]() -> std::optional<LockInTheWay> {
+        int met = -1;
+        const int result = try_to_take(request, own, identifier.data(), met);
+        if (result != KESTA_OK && result != KESTA_ERR_LOCKED) {
+            fail_call("lock-failed",
+                      "The command lock of " + controller_name(own) + " could not be taken (result " +
+                          std::to_string(result) + ").",
+                      "Look at --trace 1, and with 'kestactl lock check' whether it was left behind.");
+        }
+        return result == KESTA_OK ? std::nullopt : std::optional(LockInTheWay{met, read_lock_state()});
+    });
+    return identifier.data();
 }
 
 [[noreturn]] void interrupted(int signal)
@@ -164,8 +174,7 @@ void HeldCommandLock::release()
 // The process that holds the record lock, as "process 12 (backup)"; empty if nobody or unknown.
 std::string local_holder(const std::string &name)
 {
-    const int fd =
-        open((std::string(local_lock_folder) + name).c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    const int fd = open((KESTA_MERGE_CACHE + name).c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     struct flock lock {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
@@ -195,7 +204,7 @@ HeldLocalLock::HeldLocalLock(const std::string &name) : name_(name)
         refuse_local(name, holder);
     }
     throw Failure(Exit::platform, "lock-failed", "The local lock " + name + " could not be taken.",
-                  "Check that " + std::string(local_lock_folder) + " is there and can be written.");
+                  "Check that " KESTA_MERGE_CACHE " is there and can be written.");
 }
 
 HeldLocalLock::~HeldLocalLock()

@@ -1,6 +1,8 @@
 // Locks that a command of kestactl holds while it works, and lets go of on every way out.
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <string>
 
 #include "held_command.h"
@@ -22,8 +24,21 @@ std::string take_command_lock(const LockRequest &request, int own, const HeldSig
 // Throws Failure.
 void release_command_lock(int controller, const std::string &identifier);
 
-// Says on stderr for whom somebody waits.
-void report_waiting(const LockState &state, int controller, int left);
+// How long somebody waits for command locks, and what is said when that is over.
+struct LockWait {
+    int seconds;
+    const char *refusal;
+};
+
+struct LockInTheWay {
+    int controller;  // -1: not known
+    LockState state;
+};
+
+// Looks once a second until nothing is in the way, and returns after how many seconds that was; progress goes to stderr.
+// Throws Failure: the time is over, or a signal came.
+int wait_in_turn(const LockWait &wait, const HeldSignals &signals,
+                 const std::function<std::optional<LockInTheWay>()> &look);
 
 // A signal came while nothing was held. Throws Failure.
 [[noreturn]] void interrupted(int signal);

@@ -9,12 +9,12 @@
 #include <fstream>
 #include <string>
 
-#include "archive_places.h"
+#include "kesta/paths.h"
 
 namespace engine {
 namespace {
 
-std::string note_path() { return std::string(local_lock_folder) + ".kestactl-holder"; }
+std::string note_path() { return KESTA_MERGE_CACHE ".kestactl-holder"; }
 
 // When a process began, in ticks since the boot: with its number it is told apart from all others. Empty where there
 // is no such process, or it has ended and waits to be collected.

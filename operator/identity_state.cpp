@@ -12,14 +12,13 @@
 
 #include "appliance_state.h"
 #include "failure.h"
+#include "kesta/paths.h"
 #include "trace_capture.h"
 #include "whole_file.h"
 
 namespace engine {
 namespace {
 
-constexpr const char *guid_file = "/etc/cp_guid";
-constexpr const char *eeprom_command = "/usr/sbin/eeprom";
 constexpr const char *look = "Look at --trace 1 for the failed call.";
 
 template <std::size_t Size>
@@ -193,7 +192,7 @@ void check_guid(const std::string &text)
 
 void set_eeprom(const Identity &identity)
 {
-    std::string command = eeprom_command;
+    std::string command = KESTA_EEPROM_PROGRAM;
     command += identity.wwn ? " cp_wwn=" + *identity.wwn : "";
     command += identity.serialno ? " cp_serial_number=" + *identity.serialno : "";
     if (kestal_exec_cmd_by_system(command.c_str()) != KESTA_OK) {
@@ -215,10 +214,10 @@ void set_vpd(const Identity &identity)
 void set_flash(const Identity &identity)
 {
     if (identity.wwn && kestal_set_flash_wwn(identity.wwn->c_str()) != KESTA_OK) {
-        throw Failure(Exit::platform, "write-failed", "/etc/kesta_sys/wwn was not written.", look);
+        throw Failure(Exit::platform, "write-failed", KESTA_WWN_FILE " was not written.", look);
     }
     if (identity.guid) {
-        write_file_whole(guid_file, *identity.guid + "\n");
+        write_file_whole(KESTA_GUID_FILE, *identity.guid + "\n");
     }
 }
 

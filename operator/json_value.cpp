@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
 
 namespace engine {
 
@@ -114,6 +113,15 @@ std::optional<Json> Json::parsed(std::string_view text, std::size_t longest_stri
     return JsonText::read(read);
 }
 
+Json Json::parse(std::string_view text)
+{
+    auto json = parsed(text);
+    if (!json) {
+        refuse("a text in JSON");
+    }
+    return std::move(*json);
+}
+
 bool Json::is_number_integer() const
 {
     return std::holds_alternative<Signed>(value_) || std::holds_alternative<Unsigned>(value_);
@@ -132,7 +140,7 @@ std::size_t Json::size() const
     return is_null() ? 0 : 1;
 }
 
-void Json::refuse(const char *wanted) { throw std::runtime_error(std::string("JSON: expected ") + wanted); }
+void Json::refuse(const char *wanted) { throw JsonError(std::string("JSON: expected ") + wanted); }
 
 const std::string &Json::string() const
 {
@@ -170,6 +178,27 @@ Json::Signed Json::integer() const
     return static_cast<Signed>(*value);
 }
 
+Json::Unsigned Json::natural() const
+{
+    if (const auto *value = std::get_if<Unsigned>(&value_)) {
+        return *value;
+    }
+    const auto *value = std::get_if<Signed>(&value_);
+    if (value == nullptr || !std::in_range<Unsigned>(*value)) {
+        refuse("an integer that is not negative");
+    }
+    return static_cast<Unsigned>(*value);
+}
+
+const Json::Array &Json::elements() const
+{
+    const auto *array = std::get_if<Array>(&value_);
+    if (array == nullptr) {
+        refuse("an array");
+    }
+    return *array;
+}
+
 const Json *Json::find(std::string_view key) const
 {
     const Object &members = items();
@@ -196,7 +225,7 @@ const Json &Json::at(std::string_view key) const
 {
     const Json *const member = find(key);
     if (member == nullptr) {
-        throw std::runtime_error("JSON: there is no " + std::string(key));
+        throw JsonError("JSON: there is no " + std::string(key));
     }
     return *member;
 }

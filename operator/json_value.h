@@ -8,6 +8,7 @@
 #include <initializer_list>
 #include <optional>
 #include <ranges>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -16,6 +17,12 @@
 #include <vector>
 
 namespace engine {
+
+// A text that is no JSON, or a value that is not what was asked for.
+class JsonError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
 
 class Json {
 public:
@@ -51,6 +58,9 @@ public:
     // Nothing: the text is no JSON, or is nested beyond what any command prints. Longer strings are cut.
     static std::optional<Json> parsed(std::string_view text, std::size_t longest_string = std::string::npos);
 
+    // Throws JsonError where that is so.
+    static Json parse(std::string_view text);
+
     bool is_null() const { return std::holds_alternative<std::nullptr_t>(value_); }
     bool is_boolean() const { return std::holds_alternative<bool>(value_); }
     bool is_string() const { return std::holds_alternative<std::string>(value_); }
@@ -63,7 +73,7 @@ public:
     std::size_t size() const;
     bool empty() const { return size() == 0; }
 
-    // The value as a string, a bool, a number that it fits into, or a vector of these. Throws std::runtime_error where it is none.
+    // The value as a string, a bool, a number that it fits into, or a vector or a set of these. Throws JsonError where it is none.
     template <typename Value>
     Value get() const
     {
@@ -75,10 +85,16 @@ public:
             return real();
         } else if constexpr (std::ranges::range<Value>) {
             Value values;
-            for (const Json &element : *this) {
-                values.push_back(element.get<typename Value::value_type>());
+            for (const Json &element : elements()) {
+                values.insert(values.end(), element.get<typename Value::value_type>());
             }
             return values;
+        } else if constexpr (std::unsigned_integral<Value>) {
+            const Unsigned number = natural();
+            if (!std::in_range<Value>(number)) {
+                refuse("a smaller number");
+            }
+            return static_cast<Value>(number);
         } else {
             const Signed number = integer();
             if (!std::in_range<Value>(number)) {
@@ -88,9 +104,16 @@ public:
         }
     }
 
+    // A member's value into what is given. Throws JsonError: there is none, or it doesn't fit.
+    template <typename Value>
+    void read(std::string_view key, Value &value) const
+    {
+        value = at(key).get<Value>();
+    }
+
     // A member of an object, which null becomes: added as null where there is none.
     Json &operator[](std::string_view key);
-    // A member that is there, or the element of an array or an object at a place. Throws std::runtime_error.
+    // A member that is there, or the element of an array or an object at a place. Throws JsonError.
     const Json &operator[](std::string_view key) const { return at(key); }
     const Json &operator[](const char *key) const { return at(key); }
     Json &operator[](const char *key) { return (*this)[std::string_view(key)]; }
@@ -117,6 +140,8 @@ public:
     Json &back();
     void insert_first(Json element);
 
+    // Throws JsonError: it is no array.
+    const Array &elements() const;
     // The elements of an array; nothing else has any.
     const Json *begin() const;
     const Json *end() const { return begin() + (is_array() ? size() : 0); }
@@ -140,6 +165,7 @@ private:
     bool boolean() const;
     double real() const;
     Signed integer() const;
+    Unsigned natural() const;
     [[noreturn]] static void refuse(const char *wanted);
 
     std::variant<std::nullptr_t, bool, Signed, Unsigned, double, std::string, Array, Object> value_ = nullptr;

@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "archive_places.h"
+#include "kesta/paths.h"
 #include "whole_file.h"
 
 namespace engine {
@@ -16,9 +17,9 @@ namespace {
 
 constexpr std::array<const char *, 5> paths{
     unfinished_archive,
-    "/opt/kesta_sys/bakup/.restore.new",
-    "/opt/kesta_sys/bakup/backup.tar.Z.new",
-    "/opt/kesta_sys/bakup/accept.tar.Z.new",
+    KESTA_FLASH_DIRECTORY ".restore.new",
+    KESTA_FLASH_DIRECTORY KESTA_BACKUP_ARCHIVE ".new",
+    KESTA_FLASH_DIRECTORY KESTA_ACCEPT_ARCHIVE ".new",
     unfinished_flash_copy,
 };
 

@@ -3,6 +3,7 @@
 #include <kesta/kesta.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "appliance_state.h"
 #include "failure.h"
@@ -12,9 +13,6 @@
 
 namespace engine {
 namespace {
-
-constexpr int seconds_between_looks = 1;
-constexpr int seconds_between_lines = 10;
 
 // The first controller in the way; -1 if there is none.
 int in_the_way(const LockState &state, int own, const std::vector<int> &ignored)
@@ -57,24 +55,14 @@ void honour_command_lock(const LockRule &rule)
     for (const std::string &name : rule.ignored) {
         ignored.push_back(parse_controller(name));
     }
-    LockState state = locks_now(own, ignored);
-    int holder = in_the_way(state, own, ignored);
-    if (holder < 0) {
-        return;
-    }
-    const HeldSignals signals;
-    for (int waited = 0; holder >= 0; waited += seconds_between_looks) {
-        if (waited >= rule.wait) {
-            refuse_locked("Another controller is at work", state, holder);
-        }
-        if (waited % seconds_between_lines == 0) {
-            report_waiting(state, holder, rule.wait - waited);
-        }
-        if (const int signal = signals.wait(seconds_between_looks); signal != 0) {
-            interrupted(signal);
-        }
-        state = locks_now(own, ignored);
-        holder = in_the_way(state, own, ignored);
+    const auto look = [&]() -> std::optional<LockInTheWay> {
+        LockState state = locks_now(own, ignored);
+        const int holder = in_the_way(state, own, ignored);
+        return holder < 0 ? std::nullopt : std::optional(LockInTheWay{holder, std::move(state)});
+    };
+    if (look()) {
+        const HeldSignals signals;
+        (void)wait_in_turn({rule.wait, "Another controller is at work"}, signals, look);
     }
 }
 

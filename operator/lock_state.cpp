@@ -31,10 +31,7 @@ const char *kind(const CommandLock &lock)
 
 }  // namespace
 
-bool CommandLock::looks_alive() const
-{
-    return time(nullptr) <= fresh_until && gone_holder(controller, identifier) == 0;
-}
+bool CommandLock::looks_alive() const { return time(nullptr) <= fresh_until && gone_holder == 0; }
 
 LockState read_lock_state()
 {
@@ -48,7 +45,7 @@ LockState read_lock_state()
     for (int i = 0; i < KESTA_CONTROLLERS; ++i) {
         const KESTA_COMMAND_LOCKINFO &slot = state.slots[static_cast<std::size_t>(i)];
         if (slot.status != KESTA_LOCK_STATUS_FREE || slot.sign != 0) {
-            state.held.push_back({i, slot.status, slot.sign, slot.timeout});
+            state.held.push_back({i, slot.status, slot.sign, slot.timeout, gone_holder(i, slot.sign)});
         }
     }
     return state;
@@ -61,8 +58,8 @@ std::string describe(const CommandLock &lock, const std::string &group)
         text += " for group " + group;
     }
     text += ", identifier " + std::to_string(lock.identifier) + "; ";
-    if (const pid_t process = gone_holder(lock.controller, lock.identifier); process != 0) {
-        return text + "its process " + std::to_string(process) + " is gone";
+    if (lock.gone_holder != 0) {
+        return text + "its process " + std::to_string(lock.gone_holder) + " is gone";
     }
     return text + (lock.looks_alive() ? "it looks alive, fresh until " + utc(lock.fresh_until)
                                       : "it is more than 10 minutes old, and may be dead");
@@ -97,7 +94,7 @@ void refuse_locked(const std::string &message, const LockState &state, int contr
     for (const CommandLock &lock : state.held) {
         if (lock.controller == controller) {
             throw Failure(Exit::locked, "locked", message + ": " + describe(lock, state.group) + ".",
-                          (gone_holder(lock.controller, lock.identifier) != 0
+                          (lock.gone_holder != 0
                                ? "Nobody will let go of it. Clear it: "
                                : "Wait for it with --wait SECONDS. If its command is dead, clear it: ") +
                               clearing_command(lock));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <kesta/kesta.h>
+#include <sys/types.h>
 
 #include <array>
 #include <cstdint>
@@ -16,6 +17,7 @@ struct CommandLock {
     int status;                // KESTA_LOCK_STATUS_*
     std::int64_t identifier;   // the second in which it was first taken
     std::int64_t fresh_until;  // identifier + 600, or later if it was renewed
+    pid_t gone_holder = 0;     // the process of this controller that held it, and has ended
 
     bool suspended() const { return status == KESTA_LOCK_STATUS_FREE; }
 

@@ -10,13 +10,14 @@
 #include "environment_archive.h"
 #include "failure.h"
 #include "generation_folder.h"
+#include "kesta/paths.h"
 #include "saved_files.h"
 #include "whole_file.h"
 
 namespace engine {
 namespace {
 
-std::string folder() { return std::string(flash_folder) + "/" + generations_name + "/"; }
+std::string folder() { return std::string(generations_folder) + "/"; }
 std::string unfinished_archive_path() { return folder() + ".unfinished.undo"; }
 
 // Adds each path that is there, once as contents and then as another name of it.
@@ -82,7 +83,8 @@ std::string replaced_files_archive() { return folder() + undo_archive_name; }
 ReplacedFiles keep_replaced_files(const std::string &group, const FileChanges &changes, const GroupPlaces &places,
                                   const std::function<void()> &look)
 {
-    (void)GenerationFolder(flash_folder, GenerationFolder::Purpose::changing);  // so that it is there, for root alone
+    (void)GenerationFolder(KESTA_FLASH_DIRECTORY,
+                           GenerationFolder::Purpose::changing);  // so that it is there, for root alone
     ReplacedFiles files;
     files.group = group;
     std::set<std::string> all = changes.replaced;

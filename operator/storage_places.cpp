@@ -13,6 +13,7 @@
 #include "failure.h"
 #include "generation_folder.h"
 #include "generations.h"
+#include "kesta/paths.h"
 #include "version_numbers.h"
 
 namespace engine {
@@ -20,7 +21,6 @@ namespace {
 
 constexpr const char *flash_backup_address = "flash:backup";
 constexpr const char *flash_accept_address = "flash:accept";
-constexpr const char *flash_version_file = "/etc/kesta_sys/version";
 
 VersionNumber number_of(int area, int controller)
 {
@@ -40,7 +40,7 @@ VersionNumber flash_number()
     int version = 0;
     const bool was_read = kestal_read_flash_version_file(&version, KESTA_FLASH_VERSION) == KESTA_OK;
     if (!was_read) {
-        return {std::nullopt, !can_be_read(flash_version_file)};  // what is no number can be set anew
+        return {std::nullopt, !can_be_read(KESTA_VERSION_FILE)};  // what is no number can be set anew
     }
     return {version > 0 ? std::optional(version) : std::nullopt, false};
 }
@@ -172,7 +172,7 @@ std::optional<Generation> kept_archive_of(int version)
 
 std::string path_of_generation(const std::string &sha256)
 {
-    return std::string(flash_folder) + "/" + generations_name + "/" + sha256 + archive_suffix;
+    return std::string(generations_folder) + "/" + sha256 + archive_suffix;
 }
 
 std::string address_of(const Generation &generation) { return "generation:" + generation.sha256; }

@@ -4,15 +4,13 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <nlohmann/json.hpp>
 
 #include "archive_places.h"
 #include "failure.h"
+#include "json_value.h"
 #include "whole_file.h"
 
 namespace engine {
-
-using Json = nlohmann::ordered_json;
 
 std::string UnfinishedRestore::command() const
 {
@@ -49,9 +47,14 @@ std::optional<UnfinishedRestore> unfinished_restore()
     }
     try {
         const Json json = Json::parse(read_whole_file(unfinished_restore_note));
-        return UnfinishedRestore{json.at("group"), json.at("from"), json.at("only"), json.at("on_reboot"),
-                                 json.at("replaced").get<std::set<std::string>>()};
-    } catch (const nlohmann::json::exception &) {
+        UnfinishedRestore restore;
+        json.read("group", restore.group);
+        json.read("from", restore.from);
+        json.read("only", restore.only);
+        json.read("on_reboot", restore.on_reboot);
+        json.read("replaced", restore.replaced);
+        return restore;
+    } catch (const JsonError &) {
         throw Failure(Exit::platform, "bad-note", std::string(unfinished_restore_note) + " can't be understood.",
                       "A restore was not completed. Remove the file, and restore the group again.");
     }
@@ -64,7 +67,7 @@ void note_unfinished(const UnfinishedRestore &restore)
                     {"only", restore.only},
                     {"on_reboot", restore.on_reboot},
                     {"replaced", restore.replaced}};
-    write_file_whole(unfinished_restore_note, json.dump(2, ' ', false, Json::error_handler_t::replace));
+    write_file_whole(unfinished_restore_note, json.dump(2));
 }
 
 void note_finished()

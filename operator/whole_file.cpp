@@ -57,22 +57,6 @@ int create_aside(const std::string &aside)
     return open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, unfinished_mode);
 }
 
-bool write_piece(int fd, const char *from, std::size_t size)
-{
-    while (size > 0) {
-        const ssize_t written = ::write(fd, from, size);
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            return false;
-        }
-        from += written;
-        size -= static_cast<std::size_t>(written);
-    }
-    return true;
-}
-
 bool copy_pieces(int from, int to)
 {
     std::string piece(piece_size, '\0');
@@ -84,7 +68,7 @@ bool copy_pieces(int from, int to)
         if (count <= 0) {
             return count == 0;
         }
-        if (!write_piece(to, piece.data(), static_cast<std::size_t>(count))) {
+        if (!write_all(to, {piece.data(), static_cast<std::size_t>(count)})) {
             return false;
         }
     }
@@ -108,6 +92,21 @@ void flush(const std::string &path, int flags)
 }
 
 }  // namespace
+
+bool write_all(int fd, std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return false;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
 
 [[noreturn]] void fail_file(const std::string &path, const std::string &what)
 {
@@ -208,7 +207,7 @@ void write_file_whole(const std::string &path, const std::function<std::string_v
     }
     try {
         for (std::string_view piece = next(); !piece.empty(); piece = next()) {
-            if (!write_piece(file.get(), piece.data(), piece.size())) {
+            if (!write_all(file.get(), piece)) {
                 fail_file(path, "written");
             }
         }
@@ -247,7 +246,7 @@ std::string ExportedFile::writable_path() const { return "/proc/self/fd/" + std:
 
 void ExportedFile::write(const std::string &text) const
 {
-    if (!write_piece(fd_, text.data(), text.size())) {
+    if (!write_all(fd_, text)) {
         fail_file(path_, "written");
     }
 }

@@ -14,6 +14,9 @@ namespace engine {
 // What a failed call did not do to a file, by errno. Throws Failure.
 [[noreturn]] void fail_file(const std::string &path, const std::string &what);
 
+// All of it, however many pieces the system takes it in. False, with errno: not all of it was written.
+bool write_all(int fd, std::string_view bytes);
+
 // Opens a plain file for reading; without a descriptor it says why in errno. Throws Failure: it is no plain file.
 Descriptor open_plain_file(const std::string &path);
 

@@ -8,6 +8,7 @@ that the table does not allow, and on a cycle between files or between folders:
   - an include of a header that stands in another folder
   - a symbol of an object that an object of another folder defines (a declaration needs no include)
   - a folder in target_link_libraries that the table does not give, and the other way round
+It fails too on a path that a program states anew: each stands once, in include/kesta/paths.h.
 """
 import collections
 import os
@@ -22,6 +23,9 @@ CODE = (".h", ".c", ".cpp")
 # What is declared in a header for everybody is used through it, wherever it is defined.
 DECLARED_IN = (("include/kesta/", re.compile(r"^(?:kestal?_\w+|g_version_file_sync)$")),)
 CONTRACT = "platform/contract/"
+
+PATHS = "include/kesta/paths.h"
+PATH_USERS = ("common/", "operator/", "tools/")
 
 
 def read_table(source):
@@ -240,6 +244,25 @@ def read_link_lines(source, rows, arrows):
             arrows.faults.append(f"{folder}CMakeLists.txt links {sorted(linked)}, the table has {sorted(rows[folder])}")
 
 
+def find_paths(source, rows, arrows):
+    """Literals that begin with a path, or a folder, of the header of paths."""
+    header = os.path.join(source, PATHS)
+    if not os.path.exists(header):
+        arrows.faults.append(f"{PATHS} is missing")
+        return
+    with open(header, encoding="utf-8") as file:
+        paths = re.findall(r'#define \w+ "(/[^"]+)"', file.read())
+    stated = re.compile('"(?:%s)' % "|".join(re.escape(path) for path in paths))
+    for path in files_of(source, rows):
+        if not path.startswith(PATH_USERS):
+            continue
+        with open(os.path.join(source, path), encoding="utf-8") as file:
+            for number, line in enumerate(file, 1):
+                found = stated.search(line.split("//")[0])
+                if found:
+                    arrows.faults.append(f"{path} line {number} states a path of {PATHS}: {found.group(0)[1:]}")
+
+
 def main():
     source = sys.argv[1]
     rows = read_table(source)
@@ -254,6 +277,7 @@ def main():
     objects = read_symbols(source, sys.argv[2], rows, arrows) if len(sys.argv) > 2 else 0
     read_link_lines(source, rows, arrows)
     arrows.look_for_cycles()
+    find_paths(source, rows, arrows)
     for fault in arrows.faults:
         print(fault, file=sys.stderr)
     print(f"{len(rows)} folders, {files} files, {objects} objects: {len(arrows.faults)} faults")

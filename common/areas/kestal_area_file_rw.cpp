@@ -13,6 +13,8 @@ namespace {
 using kesta::AreaName;
 using kesta::is_slot_name;
 
+constexpr kesta::InnerLockTexts lock_texts{"InnerLock Lock ERROR rtn=", "", "InnerLock Unlock ERROR rtn=", ""};
+
 // One of the two names: its block, its buffer and its length in this access.
 struct NameAccess {
     int rw_flag;
@@ -101,9 +103,8 @@ int kestal_area_file_rw(int rw_flag, char *accept_name, char *backup_name)
         FAILURE(ARGUMENT, 0, 1, "[area_file_rw] Argument(rw_flag) ERROR");
         return KESTA_ERR_ARGUMENT;
     }
-    kesta::InnerLockSection lock;
-    if (const int rtn = lock.acquire(kesta::own_controller()); rtn != KESTA_OK) {
-        TRACE(1, "[area_file_rw] InnerLock Lock ERROR rtn=%d", rtn);
+    kesta::InnerLockSection lock("area_file_rw", lock_texts);
+    if (lock.acquire(kesta::own_controller()) != KESTA_OK) {
         return KESTA_ERR;
     }
     int ret = KESTA_OK;
@@ -113,8 +114,7 @@ int kestal_area_file_rw(int rw_flag, char *accept_name, char *backup_name)
     if (backup_name && ret == KESTA_OK) {
         ret = access_backup_name(rw_flag, backup_name);
     }
-    if (const int rtn = lock.release(); rtn != KESTA_OK) {
-        TRACE(1, "[area_file_rw] InnerLock Unlock ERROR rtn=%d", rtn);
+    if (lock.release() != KESTA_OK) {
         return KESTA_ERR;
     }
     TRACE(5, "[area_file_rw] END ret=%d", ret);

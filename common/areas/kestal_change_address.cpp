@@ -9,6 +9,8 @@ namespace {
 
 using kesta::AreaName;
 
+constexpr kesta::InnerLockTexts lock_texts{"InnerLock Lock Failed(rtn=", ").", "InnerLock Unlock Failed.(rtn=", ")"};
+
 struct NameSwitch {
     int block_id;
     const char *name;
@@ -42,9 +44,8 @@ int kestal_change_address(char *accept_name, char *backup_name, int flag)
         FAILURE(ARGUMENT, 0, 1, "[change_address] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }
-    kesta::InnerLockSection lock;
-    if (const int rtn = lock.acquire(kesta::own_controller()); rtn != KESTA_OK) {
-        TRACE(1, "[change_address] InnerLock Lock Failed(rtn=%d).", rtn);
+    kesta::InnerLockSection lock("change_address", lock_texts);
+    if (lock.acquire(kesta::own_controller()) != KESTA_OK) {
         return KESTA_ERR;
     }
     int ret = writes ? write_name(target) : KESTA_OK;
@@ -52,8 +53,7 @@ int kestal_change_address(char *accept_name, char *backup_name, int flag)
         TRACE(3, "[change_address] ===> New Backup=(%s) New Accept=(%s)", AreaName(backup_name).c_str(),
               AreaName(accept_name).c_str());
     }
-    if (const int rtn = lock.release(); rtn != KESTA_OK) {
-        TRACE(1, "[change_address] InnerLock Unlock Failed.(rtn=%d)", rtn);
+    if (lock.release() != KESTA_OK) {
         ret = KESTA_ERR;
     }
     TRACE(5, "[change_address] END ret=%d", ret);

@@ -12,6 +12,8 @@ struct Direction {
     int rw_flag;
 };
 
+constexpr kesta::InnerLockTexts lock_texts{"InnerLock Lock Failed(rtn=", ").", "InnerLock Unlock Failed.(rtn=", ")"};
+
 constexpr Direction set_name{"set_group_name_file", KESTA_BLOCK_WRITE};
 constexpr Direction read_name{"read_group_name_file", KESTA_BLOCK_READ};
 
@@ -26,9 +28,8 @@ int access_group_name(const Direction &direction, char *group_name)
     const bool writes = direction.rw_flag == KESTA_BLOCK_WRITE;
     TRACE(5, "[%s] GroupName=%s", tag, kesta::GroupName(writes ? group_name : "").c_str());
 
-    kesta::InnerLockSection lock;
-    if (const int rtn = lock.acquire(kesta::own_controller()); rtn != KESTA_OK) {
-        TRACE(1, "[%s] InnerLock Lock Failed(rtn=%d).", tag, rtn);
+    kesta::InnerLockSection lock(tag, lock_texts);
+    if (lock.acquire(kesta::own_controller()) != KESTA_OK) {
         return KESTA_ERR;
     }
     int ret = KESTA_OK;
@@ -37,8 +38,7 @@ int access_group_name(const Direction &direction, char *group_name)
         TRACE(1, "[%s] FileAccess Failed(block_id=%d).", tag, KESTA_BLOCK_GROUP);
         ret = KESTA_ERR;
     }
-    if (const int rtn = lock.release(); rtn != KESTA_OK) {
-        TRACE(1, "[%s] InnerLock Unlock Failed.(rtn=%d)", tag, rtn);
+    if (lock.release() != KESTA_OK) {
         ret = KESTA_ERR;
     }
     TRACE(5, "[%s] END ret=%d", tag, ret);

@@ -28,7 +28,7 @@ bool start_buffer(char **buffer, int *capacity)
 {
     char *text = static_cast<char *>(kestal_malloc_debug(growth_step, __FILE__, __LINE__, 0));
     if (!text) {
-        FAILURE(MEMORY, errno, 1, "[strcat] MALLOC ERROR errno=%d", errno);
+        MEMORY_FAILURE(error, 1, "[strcat] MALLOC ERROR errno=%d", error);
         mark_failed(buffer, capacity);
         return false;
     }
@@ -46,7 +46,7 @@ bool grow_buffer(char **buffer, int *capacity)
         text = kestal_realloc_debug(*buffer, *capacity + growth_step, __FILE__, __LINE__, 0);
     }
     if (!text) {
-        FAILURE(SYSTEM, errno, 1, "[strcat] realloc ERROR errno=%d", errno);
+        SYSTEM_FAILURE(error, 1, "[strcat] realloc ERROR errno=%d", error);
         kestal_free_debug(*buffer, __FILE__, __LINE__, 0);
         mark_failed(buffer, capacity);
         return false;

@@ -1,4 +1,4 @@
-// The archives that move between the folders, and texts that lead to them.
+// Texts that lead to the archives that move between the folders, and the modes of these.
 #pragma once
 
 #include <stdio.h>
@@ -7,15 +7,10 @@
 #include <array>
 
 #include "formed_text.h"
+#include "kesta/paths.h"
 #include "kesta/shell_word.h"
-#include "paths.h"
 
 namespace kesta {
-
-inline constexpr const char *backup_archive = "backup.tar.Z";
-inline constexpr const char *accept_archive = "accept.tar.Z";
-inline constexpr const char *check_archive = "check.tar.Z";
-inline constexpr const char *flash_copy_archive = "tmp.tar.Z";  // only while a copy is under way
 
 inline constexpr int new_archive_mode = 0600;
 inline constexpr int finished_archive_mode = 0644;

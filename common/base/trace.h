@@ -15,8 +15,11 @@
 
 // A failure that errno tells of: taken first, under the name that the arguments call it by, since a trace may change it.
 // SYSTEM_FAILURE(error, 1, "... errno=%d", error)
-#define SYSTEM_FAILURE(name, level, ...)           \
-    do {                                           \
-        const int name = errno;                    \
-        FAILURE(SYSTEM, name, level, __VA_ARGS__); \
+#define SYSTEM_FAILURE(name, level, ...) ERRNO_FAILURE(SYSTEM, name, level, __VA_ARGS__)
+#define MEMORY_FAILURE(name, level, ...) ERRNO_FAILURE(MEMORY, name, level, __VA_ARGS__)
+
+#define ERRNO_FAILURE(kind, name, level, ...)    \
+    do {                                         \
+        const int name = errno;                  \
+        FAILURE(kind, name, level, __VA_ARGS__); \
     } while (false)

@@ -1,7 +1,7 @@
 #include <array>
 
 #include "kesta/controller.h"
-#include "paths.h"
+#include "kesta/paths.h"
 #include "trace.h"
 #include "vrbapi.h"
 
@@ -16,8 +16,8 @@ struct NumberFileRow {
 
 // The option number is the row's index.
 constexpr std::array<NumberFileRow, 2> number_files{{
-    {kesta::own_number_file, 1, 0, 3},
-    {kesta::controller_count_file, 1, 1, 4},
+    {KESTA_OWN_NUMBER_FILE, 1, 0, 3},
+    {KESTA_CONTROLLER_COUNT_FILE, 1, 1, 4},
 }};
 
 }  // namespace

@@ -7,9 +7,9 @@
 #include "command_pipe.h"
 #include "controller_state.h"
 #include "kesta/controller.h"
+#include "kesta/paths.h"
 #include "kesta/process.h"
 #include "ownership.h"
-#include "paths.h"
 #include "trace.h"
 #include "vrbapi.h"
 
@@ -121,7 +121,7 @@ int own_number(int option)
     const int known = kesta::own_controller();
     int number = known >= 0 ? known : kestal_execute_command_by_popen(option);
     if (option == KESTA_CPINFO_OWN_NUMBER && number >= 0 && kesta::cached(controller_state.own_number_written) == -1) {
-        number = write_number(kesta::own_number_file, number, "cntno");
+        number = write_number(KESTA_OWN_NUMBER_FILE, number, "cntno");
         if (number >= 0) {
             kesta::set_cached(controller_state.own_number_written, 0);
         }
@@ -134,7 +134,7 @@ int controller_count()
 {
     int count = kestal_execute_command_by_popen(KESTA_CPINFO_CONTROLLER_COUNT);
     if (count > 0) {
-        count = write_number(kesta::controller_count_file, count, "cntnum");
+        count = write_number(KESTA_CONTROLLER_COUNT_FILE, count, "cntnum");
     }
     kesta::set_cached(controller_state.count, count);
     return count;

@@ -5,13 +5,14 @@
 #include "definition_reader.h"
 #include "formed_text.h"
 #include "kesta/backup_definition.h"
+#include "kesta/paths.h"
 #include "storage_places.h"
 #include "trace.h"
 #include "xpath_object.h"
 
 namespace {
 
-constexpr const char *definition_file = "/define.xml";
+constexpr const char *definition_file = "/" KESTA_DEFINITION_NAME;
 
 static_assert(sizeof(KESTA_BACKUP_FILE_PATH) == 2416);
 static_assert(sizeof(KESTA_BACKUP_FILE_SCRIPT_SUB) == 1552);
@@ -234,12 +235,12 @@ int kestal_read_backupfile(const char *group, KESTA_BACKUP_FILE *record)
         return KESTA_ERR_ARGUMENT;
     }
     kesta::Path path{};
-    if (strlen(kesta::group_directory) + strlen(group) + strlen(definition_file) >= path.size()) {
+    if (strlen(KESTA_GROUP_DIRECTORY) + strlen(group) + strlen(definition_file) >= path.size()) {
         FAILURE(ARGUMENT, 0, 1, "[kestal_read_backupfile] Argument Check Error [gname].");
         return KESTA_ERR_ARGUMENT;
     }
     memset(record, 0, sizeof(*record));
-    (void)kesta::form(path, "%s%s%s", kesta::group_directory, group, definition_file);
+    (void)kesta::form(path, "%s%s%s", KESTA_GROUP_DIRECTORY, group, definition_file);
     if (!can_be_opened(path.data())) {
         return KESTA_ERR_DEFINITION_FILE;
     }

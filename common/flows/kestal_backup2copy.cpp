@@ -9,6 +9,7 @@
 #include "kesta/backup_flows.h"
 #include "kesta/block_access.h"
 #include "kesta/controller.h"
+#include "kesta/paths.h"
 #include "kesta/process.h"
 #include "ownership.h"
 #include "storage_places.h"
@@ -36,20 +37,20 @@ int refuse_copy(int result)
 int cache_to_flash()
 {
     kesta::CommandLine command{};
-    (void)kesta::form(command, "/usr/bin/cp -p %s%s %s%s > /dev/null 2>&1", kesta::tmp_cache, kesta::backup_archive,
-                      kesta::flash_directory, kesta::flash_copy_archive);
+    (void)kesta::form(command, "/usr/bin/cp -p %s%s %s%s > /dev/null 2>&1", KESTA_TMP_CACHE, KESTA_BACKUP_ARCHIVE,
+                      KESTA_FLASH_DIRECTORY, KESTA_FLASH_COPY_ARCHIVE);
     int result = kestal_exec_cmd_by_system(command.data());
     if (result != 0) {
         return refuse_copy(result);
     }
-    const kesta::Path copy = kesta::path_of(kesta::flash_directory, kesta::flash_copy_archive);
+    const kesta::Path copy = kesta::path_of(KESTA_FLASH_DIRECTORY, KESTA_FLASH_COPY_ARCHIVE);
     if (!flush_copy(copy.data())) {
         return refuse_copy(KESTA_ERR);  // it has not reached flash, so nothing may point at it
     }
     if (chmod(copy.data(), kesta::finished_archive_mode) != 0) {
         SYSTEM_FAILURE(error, 1, "[backup2copy] chmod error(filename:%s) errno=%d", copy.data(), error);
     }
-    const kesta::Path backup = kesta::path_of(kesta::flash_directory, kesta::backup_archive);
+    const kesta::Path backup = kesta::path_of(KESTA_FLASH_DIRECTORY, KESTA_BACKUP_ARCHIVE);
     result = rename(copy.data(), backup.data());
     if (result != 0) {
         SYSTEM_FAILURE(error, 1, "[backup2copy] Remove From backup.tar.Z -> backup.tar.Z Error. result=%d, errno=%d",
@@ -84,10 +85,10 @@ int bring_backup_to_flash(const char *group)
 
 int run_copy_script(const char *group)
 {
-    const kesta::Path cached = kesta::path_of(kesta::tmp_cache, kesta::backup_archive);
+    const kesta::Path cached = kesta::path_of(KESTA_TMP_CACHE, KESTA_BACKUP_ARCHIVE);
     TRACE(5, "[backup2copy] Tmp area path. t_name=%s", cached.data());
     kesta::CommandLine command{};
-    (void)kesta::form(command, "/bin/sh %s%s/%s > /dev/null 2>&1", kesta::group_directory, group, "env_copy_scr.sh");
+    (void)kesta::form(command, "/bin/sh %s%s/%s > /dev/null 2>&1", KESTA_GROUP_DIRECTORY, group, KESTA_COPY_SCRIPT);
     TRACE(5, "[backup2copy] Copy Script s_cmd=%s", command.data());
     const int result = kestal_exec_cmd_by_system(command.data());
     if (result != 0) {

@@ -5,6 +5,7 @@
 #include "archive_file.h"
 #include "formed_text.h"
 #include "kesta/backup_flows.h"
+#include "kesta/paths.h"
 #include "kesta/process.h"
 #include "ownership.h"
 #include "slots_in_force.h"
@@ -66,12 +67,12 @@ int unpack()
 {
     kesta::CommandLine command{};
     (void)kesta::form(command, "cd %s; /usr/bin/bunzip2 -c %s%s | /usr/sbin/tar -xf - > /dev/null 2>&1",
-                      kesta::tmp_cache, kesta::tmp_cache, kesta::backup_archive);
+                      KESTA_TMP_CACHE, KESTA_TMP_CACHE, KESTA_BACKUP_ARCHIVE);
     int ret = KESTA_OK;
     const int result = kestal_exec_cmd_by_system(command.data());
     const int error = errno;
     if (result != 0) {
-        FAILURE(SYSTEM, error, 1, "[backup2tmp] %sbackup.*.tar update error. result = %d errno=%d", kesta::tmp_cache,
+        FAILURE(SYSTEM, error, 1, "[backup2tmp] %sbackup.*.tar update error. result = %d errno=%d", KESTA_TMP_CACHE,
                 result, error);
         ret = KESTA_ERR;
     }
@@ -100,9 +101,9 @@ int kestal_backup2tmp(const char *group, int acceptflg, char *name, int mode)
         slot.copy_out(name);
     }
     const Path destination =
-        kesta::path_of(kesta::tmp_cache, mode == unpack_mode ? kesta::backup_archive : kesta::check_archive);
+        kesta::path_of(KESTA_TMP_CACHE, mode == unpack_mode ? KESTA_BACKUP_ARCHIVE : KESTA_CHECK_ARCHIVE);
     Path temporary{};  // named after backup.tar.Z in every mode
-    (void)kesta::form(temporary, "%s%s.tmp", kesta::tmp_cache, kesta::backup_archive);
+    (void)kesta::form(temporary, "%s%s.tmp", KESTA_TMP_CACHE, KESTA_BACKUP_ARCHIVE);
     TRACE(5, "[backup2tmp] Tmp area path. t_name=%s", destination.data());
 
     int ret = slot_to_temporary(slot, temporary);

@@ -1,5 +1,6 @@
 #include "archive_to_slot.h"
 #include "kesta/backup_flows.h"
+#include "kesta/paths.h"
 #include "slots_in_force.h"
 #include "storage_places.h"
 #include "trace.h"
@@ -42,7 +43,7 @@ int kestal_cntbackup2backup(void)
         TRACE(1, "[cntbackup2backup] Get Backup area file name ERROR result=%d", result);
         return KESTA_ERR;
     }
-    const kesta::Path source = kesta::path_of(kesta::flash_directory, kesta::backup_archive);
+    const kesta::Path source = kesta::path_of(KESTA_FLASH_DIRECTORY, KESTA_BACKUP_ARCHIVE);
     TRACE(5, "[cntbackup2backup] CNT backup area path. c_name=%s", source.data());
     const int ret = kesta::archive_to_slot(source.data(), slot.c_str(), report_step);
     TRACE(5, "[cntbackup2backup] END ret=%d", ret);

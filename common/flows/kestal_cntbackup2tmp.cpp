@@ -2,6 +2,7 @@
 
 #include "formed_text.h"
 #include "kesta/backup_flows.h"
+#include "kesta/paths.h"
 #include "kesta/process.h"
 #include "storage_places.h"
 #include "trace.h"
@@ -15,8 +16,8 @@ int kestal_cntbackup2tmp(const char *group, int acceptflg)
         return KESTA_ERR_ARGUMENT;
     }
     const kesta::Path source =
-        kesta::path_of(kesta::flash_directory, acceptflg != 0 ? kesta::accept_archive : kesta::backup_archive);
-    const kesta::Path destination = kesta::path_of(kesta::tmp_cache, kesta::backup_archive);
+        kesta::path_of(KESTA_FLASH_DIRECTORY, acceptflg != 0 ? KESTA_ACCEPT_ARCHIVE : KESTA_BACKUP_ARCHIVE);
+    const kesta::Path destination = kesta::path_of(KESTA_TMP_CACHE, KESTA_BACKUP_ARCHIVE);
     kesta::CommandLine command{};
     // Plain cp from the search path, unlike the other flows.
     if (!kesta::form(command, "cp -p %s %s", source.data(), destination.data())) {

@@ -2,6 +2,7 @@
 
 #include "archive_to_slot.h"
 #include "kesta/backup_flows.h"
+#include "kesta/paths.h"
 #include "slot_names.h"
 #include "slots_in_force.h"
 #include "storage_places.h"
@@ -68,7 +69,7 @@ int kestal_merge_file2accept(char *acceptfile)
         return KESTA_ERR;
     }
     TRACE(5, "[merge_file2accept] ACCEPT file=%s", slot.c_str());
-    const kesta::Path source = kesta::path_of(kesta::merge_cache, kesta::backup_archive);
+    const kesta::Path source = kesta::path_of(KESTA_MERGE_CACHE, KESTA_BACKUP_ARCHIVE);
     TRACE(5, "[merge_file2accept] Tmp area path. t_name=%s", source.data());
     const int ret = kesta::archive_to_slot(source.data(), slot.c_str(), report_step);
     TRACE(5, "[merge_file2accept] END ret=%d", ret);

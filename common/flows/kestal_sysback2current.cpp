@@ -6,6 +6,7 @@
 #include "archive_file.h"
 #include "formed_text.h"
 #include "kesta/backup_flows.h"
+#include "kesta/paths.h"
 #include "kesta/process.h"
 #include "ownership.h"
 #include "slots_in_force.h"
@@ -105,13 +106,13 @@ int write_flash_copy(const char *c_name, const void *data, unsigned int size)
 
 int slot_to_flash(const AreaName &slot, const void *data, unsigned int size)
 {
-    const Path copy = kesta::path_of(kesta::flash_directory, kesta::flash_copy_archive);
+    const Path copy = kesta::path_of(KESTA_FLASH_DIRECTORY, KESTA_FLASH_COPY_ARCHIVE);
     TRACE(5, "[sysback2current] CNT backup area path. c_name=%s", copy.data());
     TRACE(4, "[sysback2current] SYSBACK(%s) ---> CNT_BACKUP(%s)", slot.c_str(), copy.data());
     if (const int ret = write_flash_copy(copy.data(), data, size); ret != KESTA_OK) {
         return ret;
     }
-    const Path backup = kesta::path_of(kesta::flash_directory, kesta::backup_archive);
+    const Path backup = kesta::path_of(KESTA_FLASH_DIRECTORY, KESTA_BACKUP_ARCHIVE);
     const int result = rename(copy.data(), backup.data());
     if (result != 0) {
         SYSTEM_FAILURE(error, 1,
@@ -125,10 +126,10 @@ int slot_to_flash(const AreaName &slot, const void *data, unsigned int size)
 bool copy_accept_archive()
 {
     kesta::CommandLine command{};
-    (void)kesta::form(command, "cp -p %s%s %s%s > /dev/null 2>&1", kesta::flash_directory, kesta::accept_archive,
-                      kesta::merge_cache, kesta::backup_archive);
-    TRACE(4, "[sysback2current] FLASHCOPY(%s%s -> %s%s)", kesta::flash_directory, kesta::accept_archive,
-          kesta::merge_cache, kesta::backup_archive);
+    (void)kesta::form(command, "cp -p %s%s %s%s > /dev/null 2>&1", KESTA_FLASH_DIRECTORY, KESTA_ACCEPT_ARCHIVE,
+                      KESTA_MERGE_CACHE, KESTA_BACKUP_ARCHIVE);
+    TRACE(4, "[sysback2current] FLASHCOPY(%s%s -> %s%s)", KESTA_FLASH_DIRECTORY, KESTA_ACCEPT_ARCHIVE,
+          KESTA_MERGE_CACHE, KESTA_BACKUP_ARCHIVE);
     if (kestal_exec_cmd_by_system(command.data()) != 0) {
         TRACE(4, "[sysback2current] FLASHCOPY(cmd:%s) Execute Error.", command.data());
         return false;
@@ -158,8 +159,8 @@ kesta::CommandLine script_command(const Request &request)
     }
     kesta::CommandLine command{};
     if (const char *kind = script_kind(request)) {
-        (void)kesta::form(command, "/bin/sh %s%s/%s%s%s%s > /dev/null 2>&1", kesta::group_directory, request.group,
-                          "env_restore1_", kind, distribution, "_scr.sh");
+        (void)kesta::form(command, "/bin/sh %s%s/%s%s%s%s > /dev/null 2>&1", KESTA_GROUP_DIRECTORY, request.group,
+                          KESTA_RESTORE_SCRIPT_BEGIN, kind, distribution, KESTA_SCRIPT_END);
     }
     return command;
 }

@@ -6,15 +6,12 @@
 #include <array>
 
 #include "kesta/identity.h"
+#include "kesta/paths.h"
 #include "ownership.h"
-#include "paths.h"
 #include "text_line.h"
 #include "trace.h"
 
 namespace {
-
-using kesta::guid_file;
-using kesta::wwn_file;
 
 enum class Reading { done, missing, not_opened, empty };
 
@@ -42,7 +39,7 @@ int write_line(int fd, const char *wwn, const char *function)
     }
     if (const kesta::TextWritten &result = line.text; !result.complete()) {
         FAILURE(SYSTEM, result.error, 1, "[%s] File Write Error f_name=%s len=%d result=%d errno=%d", function,
-                wwn_file, result.length, result.written, result.error);
+                KESTA_WWN_FILE, result.length, result.written, result.error);
         return KESTA_ERR;
     }
     return KESTA_OK;
@@ -60,16 +57,16 @@ int kestal_read_flash_wwn(char *wwn)
     }
     std::array<char, KESTA_WWN_LENGTH + 1> line{};
     int error = 0;
-    switch (read_first_line(wwn_file, line, error)) {
+    switch (read_first_line(KESTA_WWN_FILE, line, error)) {
     case Reading::missing:
         memset(wwn, 0, KESTA_WWN_LENGTH);
         TRACE(4, "[%s]  Flash wwn=''.", function);
         return KESTA_OK;
     case Reading::not_opened:
-        FAILURE(SYSTEM, error, 1, "[%s] Flash wwn File(%s) Open Error. errno=%d", function, wwn_file, error);
+        FAILURE(SYSTEM, error, 1, "[%s] Flash wwn File(%s) Open Error. errno=%d", function, KESTA_WWN_FILE, error);
         return KESTA_ERR;
     case Reading::empty:
-        FAILURE(SYSTEM, error, 1, "[%s] Flash wwn File(%s) Read Error. errno=%d", function, wwn_file, error);
+        FAILURE(SYSTEM, error, 1, "[%s] Flash wwn File(%s) Read Error. errno=%d", function, KESTA_WWN_FILE, error);
         return KESTA_ERR;
     case Reading::done:
         break;
@@ -89,9 +86,10 @@ int kestal_set_flash_wwn(const char *wwn)
     }
     int ret;
     {
-        const kesta::UniqueFd file(open(wwn_file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
+        const kesta::UniqueFd file(
+            open(KESTA_WWN_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
         if (!file) {
-            SYSTEM_FAILURE(error, 1, "[%s] Flash wwn File(%s) Open Error. errno=%d", function, wwn_file, error);
+            SYSTEM_FAILURE(error, 1, "[%s] Flash wwn File(%s) Open Error. errno=%d", function, KESTA_WWN_FILE, error);
             return KESTA_ERR;
         }
         ret = write_line(file.get(), wwn, function);
@@ -109,17 +107,17 @@ int kestal_read_flash_guid(char *guid)
     }
     std::array<char, KESTA_GUID_TEXT_LENGTH + 1> line{};
     int error = 0;
-    switch (read_first_line(guid_file, line, error)) {
+    switch (read_first_line(KESTA_GUID_FILE, line, error)) {
     case Reading::missing:
         memset(guid, 0, KESTA_GUID_TEXT_LENGTH);
         TRACE(4, "[kestal_read_flash_guid]  Flash guid=''.");
         return KESTA_OK;
     case Reading::not_opened:
-        FAILURE(SYSTEM, error, 1, "[kestal_read_flash_guid] Flash guid File(%s) Open Error. errno=%d", guid_file,
+        FAILURE(SYSTEM, error, 1, "[kestal_read_flash_guid] Flash guid File(%s) Open Error. errno=%d", KESTA_GUID_FILE,
                 error);
         return KESTA_ERR;
     case Reading::empty:
-        FAILURE(SYSTEM, error, 1, "[kestal_read_flash_guid] Flash guid File(%s) Read Error. errno=%d", guid_file,
+        FAILURE(SYSTEM, error, 1, "[kestal_read_flash_guid] Flash guid File(%s) Read Error. errno=%d", KESTA_GUID_FILE,
                 error);
         return KESTA_ERR;
     case Reading::done:

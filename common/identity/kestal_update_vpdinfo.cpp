@@ -11,10 +11,10 @@
 #include "kesta/backup_flows.h"
 #include "kesta/controller.h"
 #include "kesta/identity.h"
+#include "kesta/paths.h"
 #include "kesta/process.h"
 #include "kesta/shell_word.h"
 #include "ownership.h"
-#include "paths.h"
 #include "plain_file.h"
 #include "slot_names.h"
 #include "storage_places.h"
@@ -30,18 +30,15 @@ constinit VpdState vpd_state;
 
 namespace {
 
-constexpr const char *tree = kesta::staging_tree;
-constexpr const char *hosts_path = kesta::staged_hosts_file;
-constexpr const char *guid_path = kesta::staged_guid_file;
+constexpr const char *tree = KESTA_STAGING_TREE;
+constexpr const char *hosts_path = KESTA_STAGING_TREE "/C" KESTA_HOSTS_FILE;
+constexpr const char *guid_path = KESTA_STAGING_TREE "/C" KESTA_GUID_FILE;
 constexpr int new_file = O_WRONLY | O_CREAT | O_TRUNC;
 constexpr const char *restore_group = "restore2.group";
 
 constexpr int flow_controllers = 2;  // that the flows treat
 constexpr int not_written = 1;
 
-using kesta::boot_environment;
-using kesta::collect_script;
-using kesta::distribute_script;
 using kesta::form;
 using kesta::or_null;
 using kesta::to_disk;
@@ -57,14 +54,14 @@ bool form_host_names(HostNames &names, const char *wwn)
 
 bool form_eeprom_command(kesta::CommandLine &command, int controller, const char *wwn, const char *serialno)
 {
-    return form(command, KESTA_EEPROM_PROGRAM " -f %s/%d%s%s%s%s%s", tree, controller, boot_environment,
+    return form(command, KESTA_EEPROM_PROGRAM " -f %s/%d%s%s%s%s%s", tree, controller, KESTA_BOOT_ENVIRONMENT,
                 wwn ? " cp_wwn=" : "", wwn ? wwn : "", serialno ? " cp_serial_number=" : "", serialno ? serialno : "");
 }
 
 kesta::Path nodename_path(int controller)
 {
     kesta::Path path{};
-    form(path, "%s/%d%s", tree, controller, kesta::nodename_file);
+    form(path, "%s/%d%s", tree, controller, KESTA_NODENAME_FILE);
     return path;
 }
 
@@ -165,10 +162,11 @@ struct SystemCopy {
     const char *to;
 };
 constexpr std::array<SystemCopy, 4> system_copies{{
-    {"nodename", true, kesta::nodename_file, kesta::nodename_file},
-    {"hosts", false, kesta::hosts_file, kesta::hosts_file},
-    {"hosts", true, boot_environment, boot_environment},  // "hosts" for this one too: logs are searched for that text
-    {"cpguid", false, kesta::guid_file, kesta::guid_file},
+    {"nodename", true, KESTA_NODENAME_FILE, KESTA_NODENAME_FILE},
+    {"hosts", false, KESTA_HOSTS_FILE, KESTA_HOSTS_FILE},
+    {"hosts", true, KESTA_BOOT_ENVIRONMENT,
+     KESTA_BOOT_ENVIRONMENT},  // "hosts" for this one too: logs are searched for that text
+    {"cpguid", false, KESTA_GUID_FILE, KESTA_GUID_FILE},
 }};
 
 int copy_to_system(const SystemCopy &copy)
@@ -189,7 +187,7 @@ int copy_to_system(const SystemCopy &copy)
 int collect(int flag)
 {
     kesta::CommandLine command{};
-    form(command, "/bin/sh %s %d > /dev/null 2>&1", collect_script, flag);
+    form(command, "/bin/sh %s %d > /dev/null 2>&1", KESTA_COLLECT_SCRIPT, flag);
     const int rtn = kestal_exec_cmd_by_system(command.data());
     if (rtn != 0) {
         SYSTEM_FAILURE(error, 1, "[update_vpdinfo_collect_close] backup.tar.Z collect Error. rtn=%d, errno=%d", rtn,
@@ -235,7 +233,7 @@ int kestal_update_vpdinfo_distribute_open(const char *directory, int flag)
     TRACE(4, "[update_vpdinfo_distribute_open] Start. path=%s, flag=%d", or_null(directory), flag);
     kesta::CommandLine command{};
     if (!directory || !kesta_is_shell_word(directory) ||
-        !form(command, "/bin/sh %s %s > /dev/null 2>&1", distribute_script, directory)) {
+        !form(command, "/bin/sh %s %s > /dev/null 2>&1", KESTA_DISTRIBUTE_SCRIPT, directory)) {
         FAILURE(ARGUMENT, 0, 1, "[update_vpdinfo_distribute_open] Argument Error.");
         return KESTA_ERR_ARGUMENT;
     }

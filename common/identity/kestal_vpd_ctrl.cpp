@@ -9,6 +9,7 @@
 #include "kesta/block_access.h"
 #include "kesta/identity.h"
 #include "kesta/nv_image.h"
+#include "kesta/paths.h"
 #include "kesta/versions.h"
 #include "storage_places.h"
 #include "text_field.h"
@@ -75,7 +76,7 @@ bool failed(int sts, const char *flow, const char *step)
 int carry_to_flash(const ToolIdentity &vpd, const char *own_wwn)
 {
     constexpr const char *flow = "vpd_to_flash";
-    if (failed(kestal_update_vpdinfo_distribute_open(kesta::flash_directory, 0), flow,
+    if (failed(kestal_update_vpdinfo_distribute_open(KESTA_FLASH_DIRECTORY, 0), flow,
                "update_vpdinfo_distribute_open") ||
         failed(kestal_update_vpdinfo_eeprom(vpd.wwn.data(), vpd.serialno.data()), flow, "update_vpdinfo_eeprom") ||
         failed(kestal_update_vpdinfo_guid(vpd.guid.data()), flow, "update_vpdinfo_guid") ||
@@ -207,7 +208,7 @@ bool same(const char *a, const char *b) { return strncmp(a, b, KESTA_WWN_LENGTH)
 int carry_to_own(const char *cnt0_wwn, const char *own_wwn, const char *hdd0_serialno)
 {
     constexpr const char *flow = "kestal_CONT0_to_CONT1";
-    if (failed(kestal_update_vpdinfo_distribute_open(kesta::merge_cache, to_disk), flow,
+    if (failed(kestal_update_vpdinfo_distribute_open(KESTA_MERGE_CACHE, to_disk), flow,
                "update_vpdinfo_distribute_open") ||
         failed(kestal_update_vpdinfo_eeprom(cnt0_wwn, hdd0_serialno), flow, "update_vpdinfo_eeprom") ||
         (!same(cnt0_wwn, own_wwn) && failed(kestal_update_host_info(cnt0_wwn, own_wwn), flow, "update_host_info()")) ||

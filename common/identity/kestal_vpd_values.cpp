@@ -7,16 +7,15 @@
 #include "formed_text.h"
 #include "kesta/controller.h"
 #include "kesta/identity.h"
+#include "kesta/paths.h"
 #include "kesta/process.h"
 #include "kesta/shell_word.h"
-#include "paths.h"
 #include "storage_places.h"
 #include "trace.h"
 #include "vpd_tool.h"
 
 namespace {
 
-using kesta::vpd_tool;
 constexpr const char *model_command = KESTA_EEPROM_PROGRAM " MODEL | cut -d '=' -f2";
 
 const char *or_null(const char *text) { return text ? text : "NULL"; }
@@ -52,7 +51,7 @@ int read_values(Values values)
 {
     TRACE(5, "[kestal_get_vpn_info] START");
     kesta::CommandLine command{};
-    (void)kesta::form(command, "%s -r 2> /dev/null", vpd_tool);
+    (void)kesta::form(command, "%s -r 2> /dev/null", KESTA_VPD_TOOL);
     std::array<char *, values.size() + 1> output{};
     std::size_t wanted = 0;  // a null buffer ends the list
     while (wanted < values.size() && values[wanted].buffer) {
@@ -87,7 +86,7 @@ bool append_option(kesta::CommandLine &command, const char *option, const char *
 
 bool form_write_command(kesta::CommandLine &command, const char *wwn, const char *serialno, const char *guid)
 {
-    return append_option(command, "", vpd_tool) && append_option(command, " -w ", wwn) &&
+    return append_option(command, "", KESTA_VPD_TOOL) && append_option(command, " -w ", wwn) &&
            append_option(command, " -s ", serialno) && append_option(command, " -g ", guid) &&
            append_option(command, "", " > /dev/null 2>&1");
 }

@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "paths.h"
+#include "kesta/paths.h"
 #include "process_clock.h"
 
 namespace {
@@ -20,7 +20,7 @@ int open_record()
 {
     kesta::CancelOff off;
     kesta::ErrnoKept keep;
-    return open(kesta::innerlock_file, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+    return open(KESTA_INNERLOCK_FILE, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
 }
 
 // lockf counts from where the descriptor stands.

@@ -17,17 +17,22 @@ struct Direction {
     const char *tag;
     const char *verb;
     const char *title;
-    const char *before_lock_result;
-    const char *after_lock_result;
-    const char *before_unlock_result;
-    const char *after_unlock_result;
     const char *result_name;
+    kesta::InnerLockTexts lock_texts;
 };
 
-constexpr Direction read_lockinfo{
-    KESTA_BLOCK_READ, "kestal_read_cmd_lockinfo", "read", "Read", "(", ").", ".(", ")", "rtn"};
-constexpr Direction write_lockinfo{
-    KESTA_BLOCK_WRITE, "kestal_write_cmd_lockinfo", "write", "Write", ". ", "", ". ", "", "ret"};
+constexpr Direction read_lockinfo{KESTA_BLOCK_READ,
+                                  "kestal_read_cmd_lockinfo",
+                                  "read",
+                                  "Read",
+                                  "rtn",
+                                  {"InnerLock Lock Failed(result=", ").", "InnerLock Unlock Failed.(result=", ")"}};
+constexpr Direction write_lockinfo{KESTA_BLOCK_WRITE,
+                                   "kestal_write_cmd_lockinfo",
+                                   "write",
+                                   "Write",
+                                   "ret",
+                                   {"InnerLock Lock Failed. result=", "", "InnerLock Unlock Failed. result=", ""}};
 
 int access_lockinfo(const Direction &direction, int block_id, void *lockinfo, int size, int cnt_num)
 {
@@ -41,10 +46,8 @@ int access_lockinfo(const Direction &direction, int block_id, void *lockinfo, in
         FAILURE(ARGUMENT, 0, 1, "[%s] Argument Error.(lockinfo=NULL)", tag);
         return KESTA_ERR_ARGUMENT;
     }
-    kesta::InnerLockSection lock;
-    if (const int result = lock.acquire(cnt_num); result != KESTA_OK) {
-        TRACE(1, "[%s] InnerLock Lock Failed%sresult=%d%s", tag, direction.before_lock_result, result,
-              direction.after_lock_result);
+    kesta::InnerLockSection lock(tag, direction.lock_texts);
+    if (lock.acquire(cnt_num) != KESTA_OK) {
         return KESTA_ERR;
     }
     int ret = KESTA_OK;
@@ -53,9 +56,7 @@ int access_lockinfo(const Direction &direction, int block_id, void *lockinfo, in
         TRACE(1, "[%s] %s non_volatile memory Error. block_id=%d", tag, direction.title, block_id);
         ret = KESTA_ERR;
     }
-    if (const int result = lock.release(); result != KESTA_OK) {
-        TRACE(1, "[%s] InnerLock Unlock Failed%sresult=%d%s", tag, direction.before_unlock_result, result,
-              direction.after_unlock_result);
+    if (lock.release() != KESTA_OK) {
         ret = KESTA_ERR;
     }
     TRACE(5, "[%s] Command lock information %s End. %s=%d", tag, direction.verb, direction.result_name, ret);

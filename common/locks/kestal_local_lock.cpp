@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "kesta/local_lock.h"
+#include "kesta/paths.h"
 #include "ownership.h"
 #include "storage_places.h"
 #include "text_line.h"
@@ -80,11 +81,11 @@ int kestal_file_command_lock(int *fd, char *name)
     const kesta::CancelOff off;
     *fd = no_descriptor;
     TRACE(5, "[kestal_local_command_lock] Local command lock Start.");
-    if (!fits_path(kesta::merge_cache, name)) {
+    if (!fits_path(KESTA_MERGE_CACHE, name)) {
         FAILURE(ARGUMENT, 0, 1, "[kestal_local_command_lock] FileName Error.");
         return KESTA_ERR_ARGUMENT;
     }
-    const kesta::Path path = kesta::path_of(kesta::merge_cache, name);
+    const kesta::Path path = kesta::path_of(KESTA_MERGE_CACHE, name);
     *fd = open_local_lock(path, name);
     if (*fd < 0) {
         SYSTEM_FAILURE(error, 1, "[kestal_local_command_lock] File Open Error. f_name=%s errno=%d", path.data(), error);

@@ -78,8 +78,7 @@ int read_whole(SbaccHandle &file, const char *f_name, void **data, unsigned int 
     *size = static_cast<unsigned int>(stored);
     *data = kestal_calloc_debug(1, stored, __FILE__, __LINE__, 0);
     if (!*data) {
-        const int error = errno;
-        FAILURE(MEMORY, error, 1, "[backup_rw] CALLOC ERROR size=%d errno=%d", stored, error);
+        MEMORY_FAILURE(error, 1, "[backup_rw] CALLOC ERROR size=%d errno=%d", stored, error);
         return KESTA_ERR;
     }
     kesta::prefer_huge_pages(*data, *size);

@@ -39,7 +39,7 @@ int allocate_block(char **block, const char *event_variable, const char *status_
 {
     char *copy = blkenvalloc();
     if (!copy) {
-        FAILURE(SYSTEM, errno, 1, "[alloc_envblk] blkenvalloc ERROR errno=%d", errno);
+        SYSTEM_FAILURE(error, 1, "[alloc_envblk] blkenvalloc ERROR errno=%d", error);
         return KESTA_ERR;
     }
     const std::size_t size =
@@ -48,7 +48,7 @@ int allocate_block(char **block, const char *event_variable, const char *status_
     if (!*block) {
         // The copy is not released here, which leaks it: who follows allocations in the log finds no line of FREE
         // between the two failures, and takes one for a second error.
-        FAILURE(SYSTEM, errno, 1, "[alloc_envblk] malloc ERROR errno=%d", errno);
+        SYSTEM_FAILURE(error, 1, "[alloc_envblk] malloc ERROR errno=%d", error);
         return KESTA_ERR;
     }
     blkcpy(*block, copy);

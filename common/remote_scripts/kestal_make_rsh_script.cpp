@@ -6,6 +6,7 @@
 #include <array>
 
 #include "formed_text.h"
+#include "kesta/paths.h"
 #include "kesta/process.h"
 #include "kesta/remote_scripts.h"
 #include "kesta/shell_word.h"
@@ -161,9 +162,9 @@ int write_samefile_script(int fd, const FileList &list)
 
 void build_tarz(Script &script, int cnt)
 {
-    const char *directory = kesta::flash_directory;
-    const char *accept = kesta::accept_archive;
-    const char *backup = kesta::backup_archive;
+    const char *directory = KESTA_FLASH_DIRECTORY;
+    const char *accept = KESTA_ACCEPT_ARCHIVE;
+    const char *backup = KESTA_BACKUP_ARCHIVE;
     StepCommand command;
     command.form("/usr/bin/rsh -l vndrmnt CNT%d pfexec chown vndrmnt:vndrmnt %s%s %s%s", cnt, directory, accept,
                  directory, backup);

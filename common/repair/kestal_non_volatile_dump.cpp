@@ -156,8 +156,7 @@ private:
 int end_output(Output &output, const char *tag, int result)
 {
     if (!output.close()) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[%s] fclose error. errno=%d", tag, error);
+        SYSTEM_FAILURE(error, 1, "[%s] fclose error. errno=%d", tag, error);
         result = KESTA_ERR;
     }
     TRACE(5, "[kestal_non_volatile_dumpout] end. ret=%d", result);
@@ -168,8 +167,7 @@ int dump_region(const DumpRegion &region, const Output &output)
 {
     const kesta::TrackedBuffer buffer(kestal_calloc_debug(1, region.size, __FILE__, __LINE__, 0));
     if (!buffer) {
-        const int error = errno;
-        FAILURE(MEMORY, error, 1, "[kestal_non_volatile_dumpout] CALLOC error. size=%d errno=%d", region.size, error);
+        MEMORY_FAILURE(error, 1, "[kestal_non_volatile_dumpout] CALLOC error. size=%d errno=%d", region.size, error);
         return KESTA_ERR;
     }
     TRACE(5, "[kestal_non_volatile_dumpout] read nv memory. (%s)", region.name);
@@ -261,8 +259,7 @@ int kestal_non_volatile_dumpout(char *file)
     TRACE(5, "[kestal_non_volatile_dumpout] start filename=%s", file ? file : "(null)");
     Output output(file);
     if (!output.usable()) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[kestal_non_volatile_dumpout] fopen error. errno=%d filename=%s", error, file);
+        SYSTEM_FAILURE(error, 1, "[kestal_non_volatile_dumpout] fopen error. errno=%d filename=%s", error, file);
         return KESTA_ERR;
     }
     output.time_of_output();
@@ -279,9 +276,7 @@ int kestal_non_volatile_dumpout_assign(char *file, int region, int offset, int s
     const int pages = static_cast<int>((static_cast<long long>(size) + page_size) / page_size);
     Output output(file);
     if (!output.usable()) {
-        const int error = errno;
-        FAILURE(SYSTEM, error, 1, "[kestal_non_volatile_dumpout_assign] fopen error. errno=%d filename=%s", error,
-                file);
+        SYSTEM_FAILURE(error, 1, "[kestal_non_volatile_dumpout_assign] fopen error. errno=%d filename=%s", error, file);
         return KESTA_ERR;
     }
     output.time_of_output();

@@ -214,13 +214,11 @@ private:
             }
             int rtn = pthread_cancel(worker.thread);
             if (rtn != 0) {
-                const int error = errno;
-                FAILURE(SYSTEM, error, 1, "[repair_allitem] pthread_cancel Error. (rtn=%d, errno=%d)", rtn, error);
+                SYSTEM_FAILURE(error, 1, "[repair_allitem] pthread_cancel Error. (rtn=%d, errno=%d)", rtn, error);
             }
             rtn = pthread_detach(worker.thread);
             if (rtn != 0) {
-                const int error = errno;
-                FAILURE(SYSTEM, error, 1, "[repair_allitem] pthread_detach Error. (rtn=%d, errno=%d)", rtn, error);
+                SYSTEM_FAILURE(error, 1, "[repair_allitem] pthread_detach Error. (rtn=%d, errno=%d)", rtn, error);
             }
             TRACE(1, "[repair_allitem] Thread(%d) don't Finish. Error(rtn=%d).", i, rtn);
             worker.state = State::collected;

@@ -192,8 +192,7 @@ int kestal_repair_rw(int direction, int block_id, size_t length)
     }
     const kesta::TrackedBuffer buffer(kestal_calloc_debug(1, static_cast<int>(length), __FILE__, __LINE__, 0));
     if (!buffer) {
-        const int error = errno;
-        FAILURE(MEMORY, error, 1, "[repair_rw] MALLOC error. errno=%d", error);
+        MEMORY_FAILURE(error, 1, "[repair_rw] MALLOC error. errno=%d", error);
         return KESTA_ERR;
     }
     const int rtn =

@@ -18,6 +18,8 @@ namespace {
 
 using kesta::InnerLockSection;
 
+constexpr kesta::InnerLockTexts lock_texts{"InnerLock Lock Failed(rtn=", ").", "InnerLock Unlock Failed.(ret=", ")"};
+
 // Regions that are rewritten as a whole, in chunks of 32768 bytes.
 struct SyncRow {
     unsigned region;
@@ -158,8 +160,7 @@ int rewrite_regions(kesta::TrackedBuffer &buffer)
     const kesta::NvTransferSection section;
     *buffer.out() = kestal_calloc_debug(1, chunk_size, __FILE__, __LINE__, 0);
     if (!buffer) {
-        const int error = errno;
-        FAILURE(MEMORY, error, 1, "[sync_all_nonvolatile] CALLOC ERROR size=%d errno=%d", chunk_size, error);
+        MEMORY_FAILURE(error, 1, "[sync_all_nonvolatile] CALLOC ERROR size=%d errno=%d", chunk_size, error);
         return KESTA_OK;  // a start goes on: callers take a failure for NV memory that is broken
     }
     for (const SyncRow &row : sync_nonvolatile_tbl) {
@@ -174,15 +175,12 @@ int rewrite_regions(kesta::TrackedBuffer &buffer)
 
 int kestal_flag_of_sync_nonvolatile(int rw, int *synced, int *req, int cntno)
 {
-    InnerLockSection lock;
+    InnerLockSection lock("flag_of_sync_nonvolatile", lock_texts);
     if (const int rtn = lock.acquire(cntno); rtn != KESTA_OK) {
-        TRACE(1, "[flag_of_sync_nonvolatile] InnerLock Lock Failed(rtn=%d).", rtn);
         return rtn;
     }
     const int result = access_flags(rw, synced, req);
-    if (const int ret = lock.release(); ret != KESTA_OK) {
-        TRACE(1, "[flag_of_sync_nonvolatile] InnerLock Unlock Failed.(ret=%d)", ret);
-    }
+    (void)lock.release();  // traced; what was done counts
     return result;
 }
 
@@ -214,16 +212,13 @@ int kestal_set_magic_to_nv_header(void)
 int kestal_sync_all_nonvolatile(int cntno)
 {
     TRACE(4, "[sync_all_nonvolatile] START");
-    InnerLockSection lock;
+    InnerLockSection lock("sync_all_nonvolatile", lock_texts);
     if (const int rtn = lock.acquire(cntno); rtn != KESTA_OK) {
-        TRACE(1, "[sync_all_nonvolatile] InnerLock Lock Failed(rtn=%d).", rtn);
         return rtn;
     }
     kesta::TrackedBuffer buffer;
     const int result = rewrite_regions(buffer);
-    if (const int ret = lock.release(); ret != KESTA_OK) {
-        TRACE(1, "[sync_all_nonvolatile] InnerLock Unlock Failed.(ret=%d)", ret);
-    }
+    (void)lock.release();  // traced; what was done counts
     TRACE(4, "[sync_all_nonvolatile] END rtn=%d", result);
     return result;
 }

@@ -7,10 +7,10 @@
 #include <array>
 #include <cstdint>
 
+#include "kesta/paths.h"
 #include "kesta/process.h"
 #include "kesta/versions.h"
 #include "ownership.h"
-#include "paths.h"
 #include "text_line.h"
 #include "trace.h"
 
@@ -18,8 +18,8 @@ namespace {
 
 // The number of a file is its row; the last two are brought by a restore and only read.
 constexpr std::array<const char *, 6> flash_version_files{
-    kesta::version_file,      kesta::reboot_file,         kesta::cntno_file,
-    kesta::reboot_count_file, kesta::master_version_file, kesta::master_reboot_file,
+    KESTA_VERSION_FILE,      KESTA_REBOOT_FILE,         KESTA_CNTNO_FILE,
+    KESTA_REBOOT_COUNT_FILE, KESTA_MASTER_VERSION_FILE, KESTA_MASTER_REBOOT_FILE,
 };
 constexpr std::size_t writable_files = 4;
 

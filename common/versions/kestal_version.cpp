@@ -13,6 +13,8 @@ namespace {
 using kesta::InnerLockSection;
 using kesta::is_controller;
 
+constexpr kesta::InnerLockTexts lock_texts{"Inner Lock ERROR rtn=", "", "Inner UnLock ERROR rtn=", ""};
+
 constexpr int not_available = -1;
 constexpr int to_be_read = 0;  // compare: a number below this one is read
 
@@ -100,19 +102,17 @@ int read_missing(int cntno, int &backup, int &numbering)
     return KESTA_OK;
 }
 
-// A section under the inner lock, with the texts that all operations have; the tag is the operation's. False: there was
-// no lock. The result is the body's, or KESTA_ERR where the lock could not be given back.
+// A section under the inner lock; the tag is the operation's. False: there was no lock. The result is the body's, or
+// KESTA_ERR where the lock could not be given back.
 template <typename Body>
 bool under_inner_lock(const char *tag, int cntno, int &result, Body body)
 {
-    InnerLockSection lock;
-    if (const int rtn = lock.acquire(cntno); rtn != KESTA_OK) {
-        TRACE(1, "[%s] Inner Lock ERROR rtn=%d", tag, rtn);
+    InnerLockSection lock(tag, lock_texts);
+    if (lock.acquire(cntno) != KESTA_OK) {
         return false;
     }
     result = body();
-    if (const int rtn = lock.release(); rtn != KESTA_OK) {
-        TRACE(1, "[%s] Inner UnLock ERROR rtn=%d", tag, rtn);
+    if (lock.release() != KESTA_OK) {
         result = KESTA_ERR;
     }
     return true;

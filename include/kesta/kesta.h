@@ -21,6 +21,7 @@
 #include "kesta/nv_items.h"
 #include "kesta/nv_repair.h"
 #include "kesta/nv_sync.h"
+#include "kesta/paths.h"
 #include "kesta/process.h"
 #include "kesta/remote_scripts.h"
 #include "kesta/shell_word.h"

@@ -7,11 +7,9 @@
 #define KESTA_REMOTE_SCRIPTS_H
 
 #include "kesta/base.h"
+#include "kesta/paths.h" /* KESTA_SAMEFILE_SCRIPT, KESTA_TARZ_SCRIPT */
 
 KESTA_BEGIN_DECLS
-
-#define KESTA_SAMEFILE_SCRIPT "/var/run/kesta_sys/tmp/kesta_rsh_samefile.sh"
-#define KESTA_TARZ_SCRIPT "/var/run/kesta_sys/tmp/kesta_rsh_tarz.sh"
 
 /*
  * Writes KESTA_SAMEFILE_SCRIPT: it brings files of this controller to the same paths of another one.

@@ -1,7 +1,6 @@
 #include "sanfwctl.h"
 
 #include <errno.h>
-#include <pthread.h>
 #include <stdio.h>
 
 #include <ctime>
@@ -13,7 +12,7 @@
 #include "complaint.h"
 #include "controller_status.h"
 #include "faults.h"
-#include "gate.h"
+#include "guarded.h"
 #include "nv_region.h"
 #include "platform_notice.h"
 #include "scoped.h"
@@ -26,41 +25,33 @@ namespace {
 using namespace etcd;
 using namespace platform;
 
-// All that the library has. It is made at first use, and stays: threads may be in it when the program ends.
+// All that the library has.
 struct NvMemory {
     Cluster cluster{StoreOf::nv_memory};
     std::map<unsigned, NvRegion> regions;
     Complaint complaint{"NV memory"};
-};
 
-Gate gate;
-NvMemory *memory;
-
-void enter_for_fork() { gate.enter(); }
-void leave_in_parent() { gate.leave(); }
-void leave_in_child()
-{
-    if (memory) {
-        memory->cluster.forget_connection();
-        for (auto &[number, region] : memory->regions) {
+    void forget_in_child()
+    {
+        cluster.forget_connection();
+        for (auto &[number, region] : regions) {
             region.forget();
         }
     }
-    gate.leave_in_child();
-}
-// When the library is loaded: a fork that has begun by the first use would not know of it.
-__attribute__((constructor)) void handle_fork() { pthread_atfork(enter_for_fork, leave_in_parent, leave_in_child); }
+};
+
+__attribute__((constructor)) void handle_fork() { Guarded<NvMemory>::handle_fork(); }
 
 // In the gate.
-int transfer_prepared(unsigned number, const cpfw_nv_access_t &access, bool writes)
+int transfer_prepared(NvMemory &memory, unsigned number, const cpfw_nv_access_t &access, bool writes)
 {
-    const auto found = memory->regions.find(number);
+    const auto found = memory.regions.find(number);
     NvRegion &region =
-        found != memory->regions.end()
+        found != memory.regions.end()
             ? found->second
-            : memory->regions
-                  .try_emplace(number, memory->cluster.client(),
-                               memory->cluster.prefix() + "nv/" + std::to_string(number), number == image_region)
+            : memory.regions
+                  .try_emplace(number, memory.cluster.client(),
+                               memory.cluster.prefix() + "nv/" + std::to_string(number), number == image_region)
                   .first->second;
     return writes ? region.write(access.offset, access.buffer, access.length)
                   : region.read(access.offset, access.buffer, access.length);
@@ -68,28 +59,10 @@ int transfer_prepared(unsigned number, const cpfw_nv_access_t &access, bool writ
 
 int transfer(unsigned number, const cpfw_nv_access_t &access, bool writes)
 {
-    const kesta::CancelOff off;
-    int result = 0;
-    bool complain = false;
-    std::string why;
-    {
-        const Entered entered(gate);
-        if (!memory) {
-            memory = new NvMemory;
-        }
-        result = memory->cluster.prepare(writes);
-        if (result == 0) {
-            result = transfer_prepared(number, access, writes);
-        }
-        complain = memory->complaint.is_new(result, memory->cluster);
-        if (complain) {
-            why = memory->complaint.why();
-        }
-    }
-    if (complain) {
-        memory->complaint.tell(result, why);
-    }
-    return result;
+    return Guarded<NvMemory>::run([&](NvMemory &memory) {
+        const int error = memory.cluster.prepare(writes);
+        return error != 0 ? error : transfer_prepared(memory, number, access, writes);
+    });
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <limits.h>
-#include <pthread.h>
 #include <string.h>
 
 #include <functional>
@@ -13,9 +12,8 @@
 #include "cluster.h"
 #include "complaint.h"
 #include "faults.h"
-#include "gate.h"
+#include "guarded.h"
 #include "open_files.h"
-#include "scoped.h"
 #include "settings.h"
 
 #define PLATFORM_API __attribute__((visibility("default")))
@@ -25,9 +23,7 @@ namespace {
 using namespace etcd;
 using namespace platform;
 
-Gate gate;
-
-// All that the library has. It is made at first use, and stays: threads may be in it when the program ends.
+// All that the library has.
 struct Backup {
     Cluster cluster{StoreOf::backup_area};
     std::optional<BackupArea> area;
@@ -47,50 +43,24 @@ struct Backup {
             given.lease_s = settings().upload_lease_s;
             given.limit_bytes = static_cast<std::uint64_t>(settings().sysback_limit_bytes);
             given.quota_share = static_cast<unsigned>(settings().sysback_quota_share);
-            area.emplace(cluster.client(), std::move(given), [] { gate.let_pass(); });
+            area.emplace(cluster.client(), std::move(given), [] { Guarded<Backup>::gate.let_pass(); });
         }
         return 0;
     }
+
+    void forget_in_child()
+    {
+        cluster.forget_connection();
+        if (area) {
+            area->unpublished().clear();
+        }
+    }
 };
 
-Backup *backup;
+__attribute__((constructor)) void handle_fork() { Guarded<Backup>::handle_fork(); }
 
-void enter_for_fork() { gate.enter(); }
-void leave_in_parent() { gate.leave(); }
-void leave_in_child()
-{
-    if (backup) {
-        backup->cluster.forget_connection();
-        if (backup->area) {
-            backup->area->unpublished().clear();
-        }
-    }
-    gate.leave_in_child();
-}
-// When the library is loaded: a fork that has begun by the first use would not know of it.
-__attribute__((constructor)) void handle_fork() { pthread_atfork(enter_for_fork, leave_in_parent, leave_in_child); }
-
-// Runs a body in the gate, and says what keeps it from its work.
-int in_gate(const std::function<int(Backup &)> &body)
-{
-    const kesta::CancelOff off;
-    int result = 0;
-    bool complain = false;
-    std::string why;
-    {
-        const Entered entered(gate);
-        if (!backup) {
-            backup = new Backup;
-        }
-        result = body(*backup);
-        complain = backup->complaint.is_new(result, backup->cluster);
-        why = complain ? backup->complaint.why() : "";
-    }
-    if (complain) {
-        backup->complaint.tell(result, why);
-    }
-    return result;
-}
+// Runs a body in the gate.
+int in_gate(const std::function<int(Backup &)> &body) { return Guarded<Backup>::run(body); }
 
 int open_to_read(Backup &all, const char *name)
 {

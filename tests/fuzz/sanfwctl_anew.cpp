@@ -5,6 +5,6 @@
 
 void fuzz::begin_sanfwctl_anew()
 {
-    delete memory;
-    memory = nullptr;
+    delete Guarded<NvMemory>::state;
+    Guarded<NvMemory>::state = nullptr;
 }

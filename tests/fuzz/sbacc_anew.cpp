@@ -5,6 +5,6 @@
 
 void fuzz::begin_sbacc_anew()
 {
-    delete backup;
-    backup = nullptr;
+    delete Guarded<Backup>::state;
+    Guarded<Backup>::state = nullptr;
 }

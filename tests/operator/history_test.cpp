@@ -49,6 +49,39 @@ TEST_F(History, EntriesOfEarlierReleasesAreListed)
     EXPECT_EQ(parsed->kept.change, 0U);
 }
 
+// Earlier releases read and write the same files.
+TEST_F(History, RecordsKeepTheirBytes)
+{
+    Generation generation;
+    generation.sha256 = "ab";
+    generation.bytes = 18'446'744'073'709'551'615U;
+    generation.order = 2;
+    generation.version = -1;
+    generation.group = "n\xc3\xa4 \xff\"\n";
+    generation.places = {"slot:kesta_backup0"};
+    generation.kept = {-5, -1, "root", "save", "", 7};
+    generation.number = 1;
+    const std::string entry =
+        "{\n  \"format\": 1,\n  \"sha256\": \"ab\",\n  \"bytes\": 18446744073709551615,\n  \"order\": 2,\n"
+        "  \"number\": 1,\n  \"version\": -1,\n  \"version_recorded\": false,\n"
+        "  \"group\": \"n\xc3\xa4 \xef\xbf\xbd\\\"\\n\",\n  \"places\": [\n    \"slot:kesta_backup0\"\n  ],\n"
+        "  \"kept\": {\n    \"time\": -5,\n    \"controller\": -1,\n    \"user\": \"root\",\n    \"verb\": \"save\",\n"
+        "    \"comment\": \"\",\n    \"change\": 7\n  },\n  \"saved\": null\n}\n";
+    EXPECT_EQ(entry_text(generation), entry);
+    const auto parsed = parse_entry(entry, "ab");
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(entry_text(*parsed), entry);
+    EXPECT_FALSE(parse_entry(entry.substr(0, entry.size() - 3), "ab"));
+    const std::string saved =
+        "{\n  \"format\": 1,\n  \"archives\": [\n    {\n      \"sha256\": \"ab\",\n      \"bytes\": 5,\n"
+        "      \"version\": 3,\n      \"group\": \"g\",\n      \"saved\": {\n        \"time\": 9,\n"
+        "        \"controller\": 0,\n        \"user\": \"\",\n        \"verb\": \"save\",\n        \"comment\": \"c\",\n"
+        "        \"change\": 0\n      }\n    }\n  ]\n}\n";
+    const SavedArchives known = parse_saved(saved);
+    EXPECT_TRUE(known.whole);
+    EXPECT_EQ(saved_text(known.archives), saved);
+}
+
 TEST_F(History, DroppedOneIsGoneWithItsEntry)
 {
     keep(source("first"));

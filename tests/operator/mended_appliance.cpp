@@ -14,6 +14,7 @@
 #include "command_line.h"
 #include "generation_folder.h"
 #include "generations.h"
+#include "kesta/paths.h"
 #include "private_root.h"
 #include "tar_samples.h"
 #include "test_platform.h"
@@ -227,7 +228,7 @@ std::set<std::string> MendedAppliance::whole_archives() const
     for (std::size_t place = 0; place < place_names.size(); ++place) {
         add(at(place));
     }
-    for (const fs::directory_entry &entry : fs::recursive_directory_iterator(engine::flash_folder)) {
+    for (const fs::directory_entry &entry : fs::recursive_directory_iterator(KESTA_FLASH_DIRECTORY)) {
         // The files of the last change, and of no other: it is replaced by its nature.
         if (entry.is_regular_file() && entry.path().filename() != engine::undo_archive_name) {
             add(read_file(entry.path()));

@@ -450,7 +450,7 @@ TEST(Mending, MirrorIsMendedBesideAnArchiveThatCanNotBeRead)
 
 TEST(Mending, RecordOfSavedArchivesThatCanNotBeReadIsTold)
 {
-    const std::string record = std::string(engine::flash_folder) + "/generations/saved.json";
+    const std::string record = std::string(engine::generations_folder) + "/saved.json";
     {
         MendedAppliance appliance;
         write_file(record, read_file(record).substr(0, 100));

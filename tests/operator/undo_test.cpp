@@ -61,6 +61,25 @@ protected:
         EXPECT_EQ(before, state()) << line;
     }
 
+    // It is said wherever the list is asked for, and nobody overwrites it.
+    void expect_the_damage_is_told(const std::string &log) const
+    {
+        const std::string whole = read_file(log);
+        for (const std::string &damaged : {std::string(), whole.substr(0, 1000), std::string("{}"), std::string("[]"),
+                                           std::string(R"({"format": 2, "changes": []})"),
+                                           std::string(R"({"format": 1, "changes": [{"id": 1}]})")}) {
+            write_file(log, damaged);
+            for (const char *line : {"undo --yes", "history"}) {
+                const Ran told = ran(line);
+                EXPECT_EQ(told.exit, 4) << line << " of " << damaged;
+                EXPECT_THAT(told.text, HasSubstr("The list of changes is damaged: " + log + " can't be understood"));
+                EXPECT_THAT(told.text, HasSubstr("Move it away, and the next change begins a new list."));
+            }
+        }
+        EXPECT_THAT(done("save app").text, HasSubstr("This change is not in the list of changes, and can't be undone"));
+        EXPECT_EQ(read_file(log), R"({"format": 1, "changes": [{"id": 1}]})");
+    }
+
     // What the appliance goes by, but for the numbers that were handed out.
     std::map<std::string, std::string> state() const
     {
@@ -160,10 +179,10 @@ TEST_F(UndoTest, RefusesWhatCanNotBeUndoneAndSaysWhy)
     done("save app");
     appliance.put(2, MendedAppliance::archive(5));
     refused("undo --yes", "slot:kesta_backup0 has been changed since");
-    const std::string log = std::string(engine::flash_folder) + "/generations/changes.json";
+    const std::string log = std::string(engine::generations_folder) + "/changes.json";
     write_file(log, read_file(log).substr(0, 1000));
-    refused("undo --yes", "No change of this controller is known");
-    EXPECT_EQ(ran("history").exit, 0);
+    expect_the_damage_is_told(log);
+    fs::remove(log);
     done("save app");
     appliance.put(2, MendedAppliance::archive(6));
     ran("restore app --only /etc/nothing");

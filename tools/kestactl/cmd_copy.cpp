@@ -11,6 +11,7 @@
 #include "archive_places.h"
 #include "command.h"
 #include "kept_generations.h"
+#include "kesta/paths.h"
 #include "names.h"
 #include "storage_places.h"
 #include "version_numbers.h"
@@ -32,7 +33,7 @@ struct CopyOptions {
 };
 
 // Runs one flow; the hint is for a result that isn't 0.
-std::function<void()> flow(const std::string &name, const std::string &hint, std::function<int()> call)
+std::function<void()> flow(const std::string &name, const std::string &hint, const std::function<int()> &call)
 {
     return [=] {
         learn_own_number();
@@ -119,7 +120,7 @@ Plan plan_backup2tmp(const CopyOptions &options)
     const std::string to = options.check ? cache_check : cache_backup;
     std::vector<std::string> writes{to};
     if (!options.check) {
-        writes.push_back("/tmp/kesta_sys/tmp/ (the unpacked files)");
+        writes.push_back(KESTA_TMP_CACHE " (the unpacked files)");
     }
     Plan plan;
     plan.verb = "copy backup2tmp";
@@ -209,7 +210,7 @@ Plan plan_backup2copy(const CopyOptions &options)
 {
     check_group(options.group);
     require_writable();
-    const std::string script = "/etc/kesta_sys/" + options.group + "/env_copy_scr.sh";
+    const std::string script = KESTA_GROUP_DIRECTORY + options.group + "/" KESTA_COPY_SCRIPT;
     require_file(script, "The group needs a copy script of that name.");
     const bool initconf = kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_BOOT_MODE) == KESTA_BOOT_INITCONF;
     std::vector<std::string> writes{"whatever the group's copy script writes"};

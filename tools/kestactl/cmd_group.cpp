@@ -8,6 +8,7 @@
 #include "definition_check.h"
 #include "file_properties.h"
 #include "group_definition.h"
+#include "kesta/paths.h"
 #include "names.h"
 #include "printable.h"
 
@@ -153,7 +154,7 @@ Result list()
                        (why.empty() ? std::to_string(files) + " paths" : "refused: " + plain_text(why)) + "\n";
     }
     if (result.text.empty()) {
-        result.text = "No group is defined: /etc/kesta_sys/GROUP/define.xml defines one.\n";
+        result.text = "No group is defined: " KESTA_GROUP_DIRECTORY "GROUP/" KESTA_DEFINITION_NAME " defines one.\n";
     }
     return result;
 }

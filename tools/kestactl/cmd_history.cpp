@@ -5,6 +5,7 @@
 
 #include "all_controllers.h"
 #include "appliance_state.h"
+#include "change_log.h"
 #include "command.h"
 #include "held_lock.h"
 #include "history.h"
@@ -59,6 +60,12 @@ Result list(const HistoryFilter &filter, bool oneline)
     }
     if (result.text.empty()) {
         result.text = "Nothing was kept yet.\n";
+    }
+    if (const auto fault = fault_of_changes()) {
+        const std::string note = std::string(fault->what()) + " So how they ended is not known. " + fault->hint();
+        result.json["notes"] = Json::Array{note};
+        result.text += "\n" + note + "\n";
+        result.exit = Exit::platform;
     }
     return result;
 }

@@ -14,6 +14,7 @@
 #include "identity_archive.h"
 #include "identity_state.h"
 #include "kept_generations.h"
+#include "kesta/paths.h"
 #include "names.h"
 #include "overlong_mirror.h"
 #include "overview.h"
@@ -24,7 +25,6 @@
 namespace kestactl {
 namespace {
 
-constexpr const char *nodename_file = "/etc/nodename";
 constexpr const char *vpd_to_flash = "identity carry vpd-to-flash";
 
 // ------------------------------------------------------------------------------------------ show
@@ -85,7 +85,7 @@ void add_value(Result &result, const Identities &all, const ValueName &name)
 
 void add_host_name(Result &result, int controller)
 {
-    const std::string name = first_line(nodename_file);
+    const std::string name = first_line(KESTA_NODENAME_FILE);
     const std::string by_wwn = host_name_by(*read_identity(Place::eeprom).wwn, controller);
     const bool by_hand = !name.empty() && name != by_wwn;
     result.text += "   host name             " + or_none(name) +
@@ -164,9 +164,10 @@ Plan plan_set(const SetOptions &options)
                                   }});
         }
     };
-    add("eeprom", identity.wwn || identity.serialno, "set the eeprom", "/boot/solaris/bootenv.rc", set_eeprom);
+    add("eeprom", identity.wwn || identity.serialno, "set the eeprom", KESTA_BOOT_ENVIRONMENT, set_eeprom);
     add("vpd", true, "set the VPD tool", "the board's VPD", set_vpd);
-    add("flash", identity.wwn || identity.guid, "write the flash files", "/etc/kesta_sys/wwn, /etc/cp_guid", set_flash);
+    add("flash", identity.wwn || identity.guid, "write the flash files", KESTA_WWN_FILE ", " KESTA_GUID_FILE,
+        set_flash);
     add("nv", true, "write the NV image", "NV memory and system backup area: blocks 201 to 203", set_image);
     if (plan.steps.empty()) {
         throw Failure(Exit::usage, "nothing-given", "None of these places keeps what is given.",
@@ -257,7 +258,7 @@ void require_tool()
     Field17 unused{};
     if (kestal_get_vpn_info(unused.data(), nullptr, nullptr) != KESTA_OK) {
         throw Failure(Exit::platform, "vpd-failed", "The VPD tool can't be read.",
-                      "Run '/opt/kesta_sys/sbin/env_vpdctl -r' by hand, and see what it says.");
+                      "Run '" KESTA_VPD_TOOL " -r' by hand, and see what it says.");
     }
 }
 
@@ -283,7 +284,7 @@ void add_own_copies(Plan &plan, const Identity &identity)
 {
     const Identity flash = read_identity(Place::flash);
     if (flash.wwn != identity.wwn || flash.guid != identity.guid) {
-        plan.steps.push_back({"write the flash files", {"/etc/kesta_sys/wwn", "/etc/cp_guid"}, [identity] {
+        plan.steps.push_back({"write the flash files", {KESTA_WWN_FILE, KESTA_GUID_FILE}, [identity] {
                                   set_flash(identity);
                               }});
     }
@@ -329,7 +330,7 @@ Plan plan_vpd_to_flash()
         plan.replaces = {{flash_backup, Replacing::by_rename}};
         plan.steps.push_back(
             {"carry the board's identity into the saved environment and the system",
-             {flash_backup, "/boot/solaris/bootenv.rc", "/etc/nodename", "/etc/inet/hosts", "/etc/cp_guid"},
+             {flash_backup, KESTA_BOOT_ENVIRONMENT, KESTA_NODENAME_FILE, KESTA_HOSTS_FILE, KESTA_GUID_FILE},
              [running] {
                  run_vpd_to_flash(running);
              }});
@@ -452,13 +453,12 @@ Plan plan_cnt0_to_cnt1()
                               }});
         plan.steps.push_back(
             {"bring it into force on this controller",
-             {flash_backup, "/boot/solaris/bootenv.rc", "/etc/nodename", "/etc/inet/hosts", "/etc/cp_guid"},
+             {flash_backup, KESTA_BOOT_ENVIRONMENT, KESTA_NODENAME_FILE, KESTA_HOSTS_FILE, KESTA_GUID_FILE},
              [from] {
                  bring_into_force(from);
              }});
-        plan.steps.push_back({"record the raised version for this controller",
-                              {"version-cnt1", "/etc/kesta_sys/version"},
-                              record_version});
+        plan.steps.push_back(
+            {"record the raised version for this controller", {"version-cnt1", KESTA_VERSION_FILE}, record_version});
     }
     add_own_copies(plan, from);
     return plan;

@@ -14,11 +14,11 @@
 #include <memory>
 
 #include "appliance_state.h"
-#include "archive_places.h"
 #include "command.h"
 #include "held_command.h"
 #include "held_lock.h"
 #include "inner_lock_holders.h"
+#include "kesta/paths.h"
 #include "lock_state.h"
 #include "names.h"
 #include "render.h"
@@ -30,8 +30,6 @@ constexpr int take_again = 1;
 constexpr int release_fully = 0;
 constexpr int suspend = 1;
 constexpr int all_controllers = -1;
-constexpr int seconds_between_tries = 1;
-constexpr int seconds_between_reports = 10;
 
 struct LockOptions {
     int type = KESTA_LOCK_TYPE1;
@@ -335,31 +333,18 @@ Result wait_for_free(const LockOptions &options)
 {
     (void)learn_own_number();
     const HeldSignals signals;
-    int reported = -1;
-    for (int waited = 0;; waited += seconds_between_tries) {
-        int holder = -1;
-        const int found = kestal_global_command_lock_check(all_controllers, nullptr, &holder);
-        if (found < 0 && holder < 0) {
-            fail_call("check-failed", "The command locks could not be looked at.", "Look at --trace 1.");
-        }
-        if (holder < 0) {
-            Result result;
-            result.text = "No command lock is held.\n";
-            result.json["waited"] = waited;
-            return result;
-        }
-        const LockState state = read_lock_state();
-        if (waited >= options.wait) {
-            refuse_locked("A command lock is still held", state, holder);
-        }
-        if (holder != reported || waited % seconds_between_reports == 0) {
-            report_waiting(state, holder, options.wait - waited);
-            reported = holder;
-        }
-        if (const int signal = signals.wait(seconds_between_tries); signal != 0) {
-            interrupted(signal);
-        }
-    }
+    Result result;
+    result.text = "No command lock is held.\n";
+    result.json["waited"] =
+        wait_in_turn({options.wait, "A command lock is still held"}, signals, []() -> std::optional<LockInTheWay> {
+            int holder = -1;
+            const int found = kestal_global_command_lock_check(all_controllers, nullptr, &holder);
+            if (found < 0 && holder < 0) {
+                fail_call("check-failed", "The command locks could not be looked at.", "Look at --trace 1.");
+            }
+            return holder < 0 ? std::nullopt : std::optional(LockInTheWay{holder, read_lock_state()});
+        });
+    return result;
 }
 
 // ---------------------------------------------------------------------------------------- local
@@ -394,7 +379,7 @@ Result local_command(const LockOptions &options, const Globals &globals)
     Plan plan;
     plan.json = {{"name", options.name}, {"command", joined(options.command)}};
     plan.steps.push_back({"hold the local lock " + options.name + " and run: " + joined(options.command),
-                          {local_lock_folder + options.name, "whatever the command writes"},
+                          {KESTA_MERGE_CACHE + options.name, "whatever the command writes"},
                           [&] {
                               hold_local(options, end);
                           }});

@@ -14,6 +14,7 @@
 #include "command.h"
 #include "environment_archive.h"
 #include "kept_generations.h"
+#include "kesta/paths.h"
 #include "leftovers.h"
 #include "names.h"
 #include "restore_files.h"
@@ -65,7 +66,8 @@ std::string script_path(const RestoreOptions &options, const Planned &planned)
     const std::string kind = options.kind() == RestoreScript::update ? "ud" : "rb";
     const std::string side = planned.area_flag == no_switch_accept_side ? "ap" : "bk";
     const std::string number = options.distribution == 0 ? "" : std::to_string(options.distribution);
-    return "/etc/kesta_sys/" + options.group + "/env_restore1_" + kind + side + number + "_scr.sh";
+    return KESTA_GROUP_DIRECTORY + options.group + "/" KESTA_RESTORE_SCRIPT_BEGIN + kind + side + number +
+           KESTA_SCRIPT_END;
 }
 
 // Slots go by name, so that what was planned is what is done.
@@ -186,7 +188,7 @@ void explain(int result, const Planned &planned)
         break;
     case KESTA_RESTORE_SWITCH_FAILED:
         fail_call("switch-failed", "The slot was not brought to flash; no script was run.",
-                  "Check the space and the mode of /opt/kesta_sys/bakup/, and --trace 1.");
+                  "Check the space and the mode of " KESTA_FLASH_DIRECTORY ", and --trace 1.");
     case KESTA_RESTORE_READ_FAILED:
         fail_call("slot-unreadable", "Slot " + planned.slot + " can't be read; flash is as it was, no script was run.",
                   "Check the system backup area, or restore another slot with --from.");

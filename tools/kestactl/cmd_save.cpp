@@ -15,6 +15,7 @@
 #include "generations.h"
 #include "group_definition.h"
 #include "kept_generations.h"
+#include "kesta/paths.h"
 #include "mirror.h"
 #include "names.h"
 #include "unfinished_restore.h"
@@ -145,7 +146,7 @@ Plan plan_save(const SaveOptions &options, Work &work)
                                     {"system backup area: " + slot}, [slot] { store_in_slot(slot); }));
     plan.steps.back().measured = flash_backup;
     plan.steps.push_back(publishing(work, "record the version",
-                                    {"version areas backup and current", "/etc/kesta_sys/version"},
+                                    {"version areas backup and current", KESTA_VERSION_FILE},
                                     [&work] { record_versions(work.version); }));
     announce_scripts(plan, work, scripts_of(options.group, "backup", "post-script"));
     return plan;

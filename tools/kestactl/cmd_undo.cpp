@@ -7,6 +7,7 @@
 #include "command.h"
 #include "environment_work.h"
 #include "kept_generations.h"
+#include "kesta/paths.h"
 #include "undo.h"
 #include "utc.h"
 
@@ -62,9 +63,10 @@ Plan plan_undo(const std::shared_ptr<Undo> &undo, Work &work)
                        [undo, &work, kept = plan.kept] { undo_archives(*undo, work.keep_rule, *kept); }));
     }
     if (undo->has_names()) {
-        plan.steps.push_back(publishing(work, "set slots and versions back",
-                                        {"NV memory, system backup area and /etc/kesta_sys: slots and versions"},
-                                        [undo] { undo_names(*undo); }));
+        plan.steps.push_back(
+            publishing(work, "set slots and versions back",
+                       {"NV memory, system backup area and " KESTA_GROUP_DIRECTORY ": slots and versions"},
+                       [undo] { undo_names(*undo); }));
     }
     return plan;
 }

@@ -165,6 +165,7 @@ std::optional<std::string_view> only_word(int argc, const char *const *argv)
 Result run_words(const std::vector<std::string> &words, const LockRule &lock_rule, const std::string &comment)
 {
     std::vector<const char *> given;
+    given.reserve(words.size() + 1);
     for (const std::string &word : words) {
         given.push_back(word.c_str());
     }

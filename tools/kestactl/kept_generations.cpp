@@ -48,9 +48,7 @@ Step keep_step(const std::vector<ReplacedPlace> &places, const std::string &verb
                     report->add(keep_replaced(places, verb, rule));
                 }};
     }
-    return {"keep what is whole of " + joined_places(places) + " as generations",
-            {std::string(flash_folder) + "/" + generations_name},
-            [=] {
+    return {"keep what is whole of " + joined_places(places) + " as generations", {generations_folder}, [=] {
                 report->add(keep_replaced(places, verb, rule, look));
             }};
 }

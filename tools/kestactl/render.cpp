@@ -1,6 +1,5 @@
 #include "render.h"
 
-#include "holder_note.h"
 #include "utc.h"
 
 namespace kestactl {
@@ -14,7 +13,7 @@ Json to_json(const CommandLock &lock, const std::string &group)
             {"since", utc(lock.identifier)},
             {"fresh_until", utc(lock.fresh_until)},
             {"looks_alive", lock.looks_alive()},
-            {"gone", gone_holder(lock.controller, lock.identifier) != 0},
+            {"gone", lock.gone_holder != 0},
             {"group", group},
             {"clear_with", clearing_command(lock)}};
 }

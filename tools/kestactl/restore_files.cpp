@@ -18,6 +18,7 @@
 #include "group_definition.h"
 #include "history.h"
 #include "kept_generations.h"
+#include "kesta/paths.h"
 #include "names.h"
 #include "placed_files.h"
 #include "replaced_files.h"
@@ -43,8 +44,8 @@ Source source_of(const std::string &from)
 {
     const std::string backup = backup_slot();
     const std::string accept = accept_slot();
-    const Source saved{"backup", backup, flash_backup, KESTA_VER_AREA_BACKUP};
-    const Source accepted{"accept", accept, flash_accept, KESTA_VER_AREA_ACCEPT};
+    Source saved{"backup", backup, flash_backup, KESTA_VER_AREA_BACKUP};
+    Source accepted{"accept", accept, flash_accept, KESTA_VER_AREA_ACCEPT};
     if (from == "backup" || (is_slot(from) && from == backup)) {
         (void)require_slot(backup, "backup");
         return saved;
@@ -248,9 +249,9 @@ std::vector<std::string> places_of(const FileChanges &changes)
 
 std::vector<std::string> version_places(const Restore &restore)
 {
-    std::vector<std::string> places{"version area current", "/etc/kesta_sys/version"};
+    std::vector<std::string> places{"version area current", KESTA_VERSION_FILE};
     if (restore.options.on_reboot) {
-        places.insert(places.end(), {"version area reboot", "/etc/kesta_sys/reboot"});
+        places.insert(places.end(), {"version area reboot", KESTA_REBOOT_FILE});
     }
     return places;
 }

@@ -6,12 +6,13 @@
 #include <fstream>
 
 #include "clause.h"
+#include "kesta/paths.h"
 #include "vrbapi.h"
 
 namespace platform_check {
 namespace {
 
-constexpr const char *integer_file = "/etc/kesta_sys/.platform_check";
+constexpr const char *integer_file = KESTA_GROUP_DIRECTORY ".platform_check";
 constexpr unsigned char range_flag = 1;
 constexpr int controllers = 4;
 
@@ -80,7 +81,7 @@ Outcome failures_are_told()
         return outcome;
     }
     error = {};
-    const int set = vrbapi_setint_to_file("/etc/kesta_sys/.no_such_folder/number", 1, &error);
+    const int set = vrbapi_setint_to_file(KESTA_GROUP_DIRECTORY ".no_such_folder/number", 1, &error);
     return told("writing to a folder that does not exist", set, error);
 }
 

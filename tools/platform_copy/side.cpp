@@ -24,7 +24,7 @@ constexpr const char *write_word = "--write-state";
 fs::path own_program()
 {
     std::error_code error;
-    const fs::path path = fs::read_symlink("/proc/self/exe", error);
+    fs::path path = fs::read_symlink("/proc/self/exe", error);
     if (error) {
         throw Stopped(exit_failed, "This program can't be found: " + error.message() + ".");
     }
