@@ -24,4 +24,4 @@ KESTA_TEST_PLATFORM=etcd
 KESTA_PLATFORM_NV_ENDPOINTS=$(cat "$work/cluster/endpoints")
 export KESTA_TEST_PLATFORM KESTA_PLATFORM_NV_ENDPOINTS
 # Where it runs in the background, signals that are tried would be ignored.
-env --default-signal=INT,QUIT "$build/bin/lab_test" --gtest_filter="$filter-PlatformCheck.*:LabHosts.*:*KilledCommand*:*Sweep*:$embedded_only"
+env --default-signal=HUP,INT,QUIT "$build/bin/lab_test" --gtest_filter="$filter-PlatformCheck.*:LabHosts.*:*KilledCommand*:*Sweep*:$embedded_only"
