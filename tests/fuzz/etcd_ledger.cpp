@@ -71,6 +71,16 @@ void RegionLedger::written(const Write &write)
     }
 }
 
+// Which of two claims of its own a slot has then, the process can't know: it is not held to either.
+void RegionLedger::failed(const Write &write)
+{
+    for (std::size_t i = 0; is_image_ && i < slots_.size(); ++i) {
+        if (write.offset == place_of(i) && !is_zero(write.bytes)) {
+            slots_[i].held.clear();
+        }
+    }
+}
+
 void RegionLedger::read(std::uint64_t offset, const std::string &bytes)
 {
     for (std::size_t i = 0; is_image_ && i < slots_.size(); ++i) {

@@ -36,6 +36,7 @@ public:
 
     // What the outcome of a call means for the slots of the inner lock.
     void written(const Write &write);
+    void failed(const Write &write);
     void read(std::uint64_t offset, const std::string &bytes);
     void begin_anew();
     bool holds(unsigned slot) const { return !slots_[slot].held.empty(); }

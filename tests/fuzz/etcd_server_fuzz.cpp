@@ -177,6 +177,8 @@ void Program::put_nv(std::size_t region, RegionLedger::Write &write)
     }
     if (result == 0) {
         regions_[region].written(write);
+    } else {
+        regions_[region].failed(write);
     }
 }
 
