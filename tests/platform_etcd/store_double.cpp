@@ -297,6 +297,17 @@ void StoreDouble::compact()
     compacted_ = revision_;
 }
 
+void StoreDouble::forget_history()
+{
+    const std::lock_guard lock(mutex_);
+    compacted_ = revision_;
+    for (auto &[name, changes] : history_) {
+        if (!changes.empty()) {
+            changes.erase(changes.begin(), std::prev(changes.end()));
+        }
+    }
+}
+
 void StoreDouble::end_leases()
 {
     const std::lock_guard lock(mutex_);
