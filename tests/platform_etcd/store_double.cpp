@@ -1,6 +1,7 @@
 #include "store_double.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace test {
 namespace {
