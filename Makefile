@@ -5,7 +5,7 @@
 
 JOBS ?= $(shell nproc)
 # Tests wait for one another's processes more than they compute.
-TEST_JOBS ?= $(shell expr 2 \* $(JOBS))
+TEST_JOBS ?= $(shell expr 4 \* $(JOBS))
 PREFIX ?= /usr/local
 
 deps:
@@ -60,7 +60,7 @@ build-asan: deps
 check-tsan: deps
 	$(began)
 	cmake --preset tsan > /dev/null
-	cmake --build --preset tsan -j $(JOBS) --target threads_test
+	cmake --build --preset tsan -j $(JOBS) --target threads_test etcd_threads_test
 	ctest --preset tsan -j $(TEST_JOBS)
 
 # What has changed since it was found clean; 'make tidy' writes down what is.

@@ -1,22 +1,23 @@
-// The etcd platform beside what its members cost: the library's block access beside a bare round trip on a socket, and
-// archives beside the same bytes by a bare client. Run it with the platform in the search path, and its settings in the
-// environment: scripts/etcd_bench.sh does.
-#include <arpa/inet.h>
+// The etcd platform beside what its members cost: block access, locks and the start of a program beside bare round trips on
+// a socket, and archives beside the same bytes by a bare client. Run it with the platform in the search path, and its
+// settings in the environment: scripts/etcd_bench.sh does. Its results are JSON, for scripts/bench_report.py.
+//   etcd_bench                       all that is compared
+//   etcd_bench --read | --bare-read  a program that reads one block, and ends
+//   etcd_bench --archive             one of 100 MB
 #include <kesta/kesta.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
+#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "bare_socket.h"
 #include "client.h"
 #include "sbacc.h"
 
@@ -25,139 +26,54 @@ namespace {
 constexpr int repetitions = 2000;
 constexpr std::size_t archive_size = 100000000;
 constexpr std::size_t chunk_size = 65536;
+constexpr const char *range_path = "/etcdserverpb.KV/Range";
+constexpr const char *txn_path = "/etcdserverpb.KV/Txn";
 
-double now_us()
+double now_ns()
 {
     struct timespec now {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_nsec) / 1e3;
+    return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
 }
 
-void require(bool holds, const char *what)
+double load()
 {
-    if (!holds) {
-        fprintf(stderr, "etcd_bench: %s\n", what);
-        exit(1);
-    }
+    double now = 0;
+    (void)getloadavg(&now, 1);
+    return now;
 }
 
-std::string frame(char type, char flags, unsigned stream, const std::string &body)
+void print_times(const char *key, const std::vector<double> &times)
 {
-    std::string bytes;
-    for (const unsigned shift : {16U, 8U, 0U}) {
-        bytes.push_back(static_cast<char>(body.size() >> shift));
+    printf(", \"%s\": [", key);
+    for (std::size_t i = 0; i < times.size(); ++i) {
+        printf("%s%.0f", i == 0 ? "" : ", ", times[i]);
     }
-    bytes += type;
-    bytes += flags;
-    for (const unsigned shift : {24U, 16U, 8U, 0U}) {
-        bytes.push_back(static_cast<char>(stream >> shift));
-    }
-    return bytes + body;
+    printf("]");
 }
 
-std::string literal(const std::string &name, const std::string &value)
-{
-    return std::string(1, '\0') + static_cast<char>(name.size()) + name + static_cast<char>(value.size()) + value;
-}
-
-// One call after the other on a socket, and nothing else: no checks, no tables, no library.
-class BareSocket {
-public:
-    explicit BareSocket(const etcd::Endpoint &endpoint)
-    {
-        struct sockaddr_in address {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<std::uint16_t>(atoi(endpoint.port.c_str())));
-        (void)inet_pton(AF_INET, endpoint.host.c_str(), &address.sin_addr);
-        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        require(connect(fd_, reinterpret_cast<struct sockaddr *>(&address), sizeof(address)) == 0, "no connection");
-        const int at_once = 1;
-        (void)setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof(at_once));
-        const struct timeval longest {
-            10, 0
-        };
-        (void)setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof(longest));
-        send_all("PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + frame(4, 0, 0, std::string("\0\4\0\x40\0\0", 6)) +
-                 frame(8, 0, 0, std::string("\x40\0\0\0", 4)));
-        headers_ = literal(":method", "POST") + literal(":scheme", "http") + literal(":authority", endpoint.text) +
-                   literal("content-type", "application/grpc") + literal("te", "trailers");
-    }
-    ~BareSocket() { close(fd_); }
-    BareSocket(const BareSocket &) = delete;
-    BareSocket &operator=(const BareSocket &) = delete;
-
-    void call(const std::string &path, const std::string &message)
-    {
-        stream_ += 2;
-        std::string body(1, '\0');
-        for (const unsigned shift : {24U, 16U, 8U, 0U}) {
-            body.push_back(static_cast<char>(message.size() >> shift));
-        }
-        send_all(frame(1, 4, stream_, literal(":path", path) + headers_) + frame(0, 1, stream_, body + message));
-        for (;;) {
-            while (in_.size() < 9 || in_.size() < 9 + length()) {
-                char piece[65536];
-                const ssize_t size = recv(fd_, piece, sizeof(piece), 0);
-                require(size > 0, "the connection ended");
-                in_.append(piece, static_cast<std::size_t>(size));
-            }
-            const bool last = (in_[3] == 1 || in_[3] == 0) && (in_[4] & 1) != 0;
-            if (in_[3] == 6 && in_[4] == 0) {
-                send_all(frame(6, 1, 0, in_.substr(9, 8)));
-            }
-            if (in_[3] == 4 && in_[4] == 0) {
-                send_all(frame(4, 1, 0, ""));
-            }
-            in_.erase(0, 9 + length());
-            if (last) {
-                return;
-            }
-        }
-    }
-
-private:
-    std::size_t length() const
-    {
-        const auto byte = [this](std::size_t i) {
-            return std::size_t{static_cast<unsigned char>(in_[i])};
-        };
-        return byte(0) << 16U | byte(1) << 8U | byte(2);
-    }
-    void send_all(const std::string &bytes)
-    {
-        require(send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size()),
-                "no sending");
-    }
-
-    int fd_ = -1;
-    unsigned stream_ = static_cast<unsigned>(-1);
-    std::string headers_;
-    std::string in_;
-};
-
-// The medians of two bodies that take turns.
-void compare(const char *what, const char *against, int times, double aim, const std::function<void()> &measured,
+// Two bodies that take turns; their times in nanoseconds.
+void compare(const char *what, const char *against, int times, const char *aim, const std::function<void()> &measured,
              const std::function<void()> &raw)
 {
+    static bool first = true;
     std::vector<double> ours;
     std::vector<double> theirs;
+    const double busy = load();
     for (int i = 0; i < times; ++i) {
         for (auto [body, taken] : {std::pair{&measured, &ours}, std::pair{&raw, &theirs}}) {
-            const double begun = now_us();
+            const double begun = now_ns();
             (*body)();
-            taken->push_back(now_us() - begun);
+            taken->push_back(now_ns() - begun);
         }
     }
-    const auto median = [](std::vector<double> &all) {
-        std::sort(all.begin(), all.end());
-        return all[all.size() / 2];
-    };
-    const double one = median(ours);
-    const double other = median(theirs);
-    printf("| %s | %s | %.0f us | %.0f us | %.2f times |", what, against, one, other, one / other);
-    aim > 0 ? printf(" at most %.1f times | %s |\n", aim, one / other <= aim ? "met" : "**missed**")
-            : printf(" - | - |\n");
-    fflush(stdout);
+    printf("%s  {\"what\": \"%s\", \"against\": \"%s\", \"aim\": %s, \"load\": %.1f", first ? "" : ",\n", what, against,
+           aim, busy);
+    print_times("times", ours);
+    print_times("raw", theirs);
+    printf("}");
+    (void)fflush(stdout);
+    first = false;
 }
 
 etcd::Step put(const std::string &key, const std::string &value)
@@ -165,55 +81,116 @@ etcd::Step put(const std::string &key, const std::string &value)
     return {std::nullopt, etcd::PutRequest{key, value, 0}, std::nullopt};
 }
 
-}  // namespace
-
-int main()
+void access_block(int direction)
 {
-    const char *members = getenv("KESTA_PLATFORM_NV_ENDPOINTS");
-    etcd::ClusterSettings settings;
-    std::string why;
-    require(members && etcd::parse_endpoints(members, settings.endpoints, why), "KESTA_PLATFORM_NV_ENDPOINTS is wrong");
-    BareSocket socket(settings.endpoints[0]);
-    etcd::Client client(settings);
-    kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_OWN_NUMBER);
-    char name[KESTA_AREA_NAME_SIZE] = KESTA_SLOT0;
-    const auto access = [&](int direction) {
-        require(kestal_non_volatile_rw_memory(KESTA_BLOCK_OLD_BACKUP_NAME, direction, name, sizeof(name)) == KESTA_OK,
-                "block access fails");
-    };
-    access(KESTA_BLOCK_WRITE);
+    static char name[KESTA_AREA_NAME_SIZE] = KESTA_SLOT0;
+    require(kestal_non_volatile_rw_memory(KESTA_BLOCK_OLD_BACKUP_NAME, direction, name, sizeof(name)) == KESTA_OK,
+            "block access fails");
+}
 
-    etcd::RangeRequest range;
-    range.key = "/kesta/nv/2";
-    const std::string range_text = etcd::encode(range);
-    compare(
-        "block read, 32 bytes", "a bare read of the same key", repetitions, 1.1, [&] { access(KESTA_BLOCK_READ); },
-        [&] { socket.call("/etcdserverpb.KV/Range", range_text); });
+// The bare calls that the library's are held against.
+class BareCalls {
+public:
+    explicit BareCalls(const etcd::Endpoint &endpoint) : socket_(endpoint)
+    {
+        etcd::RangeRequest range;
+        range.key = "/kesta/nv/2";
+        range_ = etcd::encode(range);
+        etcd::TxnRequest txn;
+        txn.conditions = {{"/bare/none", etcd::Condition::Of::changed_at, 0}};
+        txn.then = {put("/bare/nv", std::string(664, 'x'))};
+        txn_ = etcd::encode(txn);
+    }
+    void read() { socket_.call(range_path, range_); }
+    void write() { socket_.call(txn_path, txn_); }
+    void turns(int count)
+    {
+        for (int i = 0; i < count; ++i) {
+            read();
+            write();
+        }
+    }
 
-    etcd::TxnRequest txn;
-    txn.conditions = {{"/bare/none", etcd::Condition::Of::changed_at, 0}};
-    txn.then = {put("/bare/nv", std::string(664, 'x'))};
-    const std::string txn_text = etcd::encode(txn);
+private:
+    BareSocket socket_;
+    std::string range_;
+    std::string txn_;
+};
+
+void compare_blocks_and_locks(BareCalls &bare)
+{
+    access_block(KESTA_BLOCK_WRITE);
     compare(
-        "block write, 32 bytes", "a bare conditional write of 664 bytes", repetitions, 1.1,
-        [&] { access(KESTA_BLOCK_WRITE); }, [&] { socket.call("/etcdserverpb.KV/Txn", txn_text); });
+        "block read, 32 bytes", "a bare read of the same key", repetitions, "1.1",
+        [] { access_block(KESTA_BLOCK_READ); }, [&] { bare.read(); });
     compare(
-        "inner lock taken and released", "its four bare calls", repetitions / 4, 0,
-        [&] {
+        "block write, 32 bytes", "a bare conditional write of 664 bytes", repetitions, "1.1",
+        [] { access_block(KESTA_BLOCK_WRITE); }, [&] { bare.write(); });
+    compare(
+        "inner lock taken and released", "its four bare calls", repetitions / 4, "null",
+        [] {
             require(kestal_cntl_innerlock(0) == KESTA_OK && kestal_reset_mycnt_innerlock_main(0, 1) == KESTA_OK,
                     "the inner lock fails");
         },
-        [&] {
-            for (int i = 0; i < 2; ++i) {
-                socket.call("/etcdserverpb.KV/Range", range_text);
-                socket.call("/etcdserverpb.KV/Txn", txn_text);
-            }
-        });
+        [&] { bare.turns(2); });
+    compare(
+        "a command lock taken and released", "the thirty bare calls of its transfers and inner locks", repetitions / 20,
+        "null",
+        [] {
+            char identifier[KESTA_LOCK_IDENTIFIER_SIZE];
+            require(kestal_global_command_lock_func(0, KESTA_LOCK_TYPE1, identifier, nullptr, 0, nullptr) == KESTA_OK &&
+                        kestal_global_command_unlock_func(0, identifier, 0) == KESTA_OK,
+                    "the command lock fails");
+        },
+        [&] { bare.turns(15); });
+}
 
+// This program once more, to its end.
+void run_self(const char *option)
+{
+    char self[] = "etcd_bench";
+    std::string given = option;
+    char *arguments[] = {self, given.data(), nullptr};
+    pid_t child = -1;
+    int status = -1;
+    require(posix_spawn(&child, "/proc/self/exe", nullptr, nullptr, arguments, environ) == 0 &&
+                waitpid(child, &status, 0) == child && status == 0,
+            "a program fails");
+}
+
+void write_archive(const std::string &archive)
+{
+    int handle = -1;
+    int flag = 0;
+    require(sbacc_open("bench", "w", &handle, &flag) == 0 &&
+                sbacc_write(archive.data(), archive_size, 0, handle) == static_cast<int>(archive_size) &&
+                sbacc_close(handle) == 0,
+            "an archive can't be written");
+}
+
+void read_archive(const std::string &archive)
+{
+    int handle = -1;
+    int flag = 0;
+    std::string back(archive_size, '\0');
+    require(sbacc_open("bench", "r", &handle, &flag) == 0 &&
+                sbacc_read(back.data(), archive_size, 0, handle) == static_cast<int>(archive_size) &&
+                sbacc_close(handle) == 0 && back == archive,
+            "an archive can't be read");
+}
+
+std::string made_archive()
+{
     std::string archive(archive_size, '\0');
     for (std::size_t i = 0; i < archive.size(); ++i) {
         archive[i] = static_cast<char>(i * 2654435761U >> 13U);
     }
+    return archive;
+}
+
+void compare_archives(etcd::Client &client)
+{
+    const std::string archive = made_archive();
     const auto bare_chunks = [&](bool writes) {
         for (std::size_t at = 0; at < archive.size(); at += chunk_size) {
             const std::string key = "/bare/c/" + std::to_string(at);
@@ -230,27 +207,43 @@ int main()
         }
     };
     compare(
-        "100 MB into the backup area", "the same bytes by a bare client", 3, 0,
-        [&] {
-            int handle = -1;
-            int flag = 0;
-            require(sbacc_open("bench", "w", &handle, &flag) == 0 &&
-                        sbacc_write(archive.data(), archive_size, 0, handle) == static_cast<int>(archive_size) &&
-                        sbacc_close(handle) == 0,
-                    "an archive can't be written");
-        },
+        "100 MB into the backup area", "the same bytes by a bare client", 3, "null", [&] { write_archive(archive); },
         [&] { bare_chunks(true); });
     compare(
-        "100 MB out of the backup area", "the same bytes by a bare client", 3, 0,
-        [&] {
-            int handle = -1;
-            int flag = 0;
-            std::string back(archive_size, '\0');
-            require(sbacc_open("bench", "r", &handle, &flag) == 0 &&
-                        sbacc_read(back.data(), archive_size, 0, handle) == static_cast<int>(archive_size) &&
-                        sbacc_close(handle) == 0 && back == archive,
-                    "an archive can't be read");
-        },
+        "100 MB out of the backup area", "the same bytes by a bare client", 3, "null", [&] { read_archive(archive); },
         [&] { bare_chunks(false); });
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    const std::string option = argc > 1 ? argv[1] : "";
+    const char *members = getenv("KESTA_PLATFORM_NV_ENDPOINTS");
+    etcd::ClusterSettings settings;
+    std::string why;
+    require(members && etcd::parse_endpoints(members, settings.endpoints, why), "KESTA_PLATFORM_NV_ENDPOINTS is wrong");
+    if (option == "--read") {
+        access_block(KESTA_BLOCK_READ);
+        return 0;
+    }
+    BareCalls bare(settings.endpoints[0]);
+    if (option == "--bare-read") {
+        bare.read();
+        return 0;
+    }
+    if (option == "--archive") {
+        write_archive(made_archive());
+        return 0;
+    }
+    kestal_get_cnt_num_from_cpinfo(KESTA_CPINFO_OWN_NUMBER);
+    printf("{\"etcd\": [\n");
+    compare_blocks_and_locks(bare);
+    compare(
+        "a program's start to its first block, and its end", "the same program with a bare connection and read", 100,
+        "null", [] { run_self("--read"); }, [] { run_self("--bare-read"); });
+    etcd::Client client(settings);
+    compare_archives(client);
+    printf("\n]}\n");
     return 0;
 }

@@ -1,8 +1,8 @@
 #!/bin/sh
 # Measures, each figure beside its raw cost, and writes the table of ratios to docs/performance.md.
 #   scripts/bench.sh BUILD_FOLDER [REPORT]
-# BENCH_FULL=1 measures large sizes as well: copies of 1 GB, saves of 100 MB in 20,000 files. BENCH_ONLY=commands leaves
-# the library out, and writes what it measures to the screen alone.
+# BENCH_FULL=1 measures large sizes as well: copies of 1 GB, saves of 100 MB in 20,000 files, the memory of a cluster's members
+# after 20 archives. BENCH_ONLY=commands or etcd leaves the rest out, and writes what it measures to the screen alone.
 set -eu
 
 build=$(cd "${1:-build/release}" && pwd)
@@ -43,10 +43,15 @@ bench()
         --benchmark_repetitions="$5" --benchmark_filter="${6:-.}"
 }
 
+full=${BENCH_FULL:+full}
+if [ "${BENCH_ONLY:-}" = etcd ]; then
+    "$scripts/etcd_bench.sh" "$build" "$disk/etcd.json" "$full"
+    python3 "$scripts/bench_report.py" /dev/null "$disk/etcd.json"
+    exit 0
+fi
 kesta-lab create "$memory/commands"  # of their own: the programs leave NV memory as no verify would pass it
 kesta-lab create "$memory/lab"
 kesta-lab create "$disk/lab"
-full=${BENCH_FULL:+full}
 if [ "${BENCH_ONLY:-}" = commands ]; then
     python3 "$scripts/bench_commands.py" "$build" "$memory/commands" "$disk/commands.json" "$full"
     python3 "$scripts/bench_report.py" /dev/null "$disk/commands.json"
@@ -72,6 +77,8 @@ for size in 1 100 ${full:+1000}; do
         bench "$disk" copy_bench "copy_${flow}_$size" 1 "$repetitions" "^(flow|raw)_$flow/$size/"
     done
 done
+echo "measuring: the etcd platform"
+"$scripts/etcd_bench.sh" "$build" "$disk/etcd.json" "$full"
 echo "measuring: commands"
 python3 "$scripts/bench_commands.py" "$build" "$memory/commands" "$disk/commands.json" "$full"
 

@@ -83,11 +83,15 @@ def plain(name):
 
 
 def read_results(paths):
-    """Median time in ns, the spread, the load and the highest counters of every benchmark; and the commands."""
-    times, counters, loads, commands = {}, {}, {}, None
+    """Median time in ns, the spread, the load and the highest counters of every benchmark; the commands, and the etcd
+    platform."""
+    times, counters, loads, commands, etcd = {}, {}, {}, None, None
     for path in paths:
         with open(path, encoding="utf-8") as file:
             result = json.load(file)
+        if "etcd" in result:
+            etcd = result
+            continue
         if "benchmarks" not in result:
             commands = result
             continue
@@ -105,7 +109,7 @@ def read_results(paths):
             for key in ("peak_MiB", "archive_MiB"):
                 if key in run:
                     kept[key] = max(run[key], kept.get(key, 0))
-    return ({name: Measured(values, loads[name]) for name, values in times.items()}, counters, commands)
+    return ({name: Measured(values, loads[name]) for name, values in times.items()}, counters, commands, etcd)
 
 
 class Measured:
@@ -212,6 +216,25 @@ def report_commands(commands):
         yield (f'| {part["where"]} | {names[part["kind"]]} | {part["turns"]} | {part["fewest"]} to {part["most"]} | {waits} |')
 
 
+def report_etcd(etcd):
+    yield ""
+    yield "## The etcd platform"
+    yield ""
+    yield ("By the clock, on a cluster of three members on the same machine, in memory; what is measured and what it is held"
+           " against take turns ([hosts.md](hosts.md#what-it-costs)).")
+    yield ""
+    yield HEAD
+    for part in etcd["etcd"]:
+        yield row(part["what"], part["against"], (Measured(part["times"], part["load"]), Measured(part["raw"])), "times",
+                  part["aim"])
+    if "members" in etcd:
+        yield ""
+        yield "| archives of 100 MB written | memory of the largest member |"
+        yield "| --- | --- |"
+        for number, mebibytes in etcd["members"]:
+            yield f"| {number} | {mebibytes} MiB |"
+
+
 def processor():
     with open("/proc/cpuinfo", encoding="utf-8") as file:
         for line in file:
@@ -220,7 +243,7 @@ def processor():
     return platform.machine()
 
 
-def report(times, counters, commands):
+def report(times, counters, commands, etcd):
     yield "# What the library costs"
     yield ""
     yield ("Written by `make bench`: each figure beside the raw cost, measured in the same process,"
@@ -252,13 +275,24 @@ def report(times, counters, commands):
         aim = seen["archive_MiB"] + MEMORY_SPARE_MIB
         yield (f'| {what} | {seen["archive_MiB"]:.1f} MiB | {seen["peak_MiB"]:.1f} MiB | '
                f'at most {aim:.1f} MiB | {verdict(seen["peak_MiB"], aim)} |')
+    if etcd:
+        yield from report_etcd(etcd)
     if commands:
         yield from report_commands(commands)
 
 
+def parts_of(times, counters, commands, etcd):
+    """What there is, where the library was left out."""
+    if times:
+        yield from report(times, counters, commands, etcd)
+    elif etcd:
+        yield from report_etcd(etcd)
+    else:
+        yield from report_commands(commands)
+
+
 def main(target, *paths):
-    results = read_results(paths)
-    lines = list(report(*results) if results[0] else report_commands(results[2]))
+    lines = list(parts_of(*read_results(paths)))
     with open(target, "w", encoding="utf-8") as file:
         file.write("\n".join(lines) + "\n")
     print("\n".join(lines))

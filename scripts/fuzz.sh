@@ -23,11 +23,11 @@ fi
 # Freed memory is watched for a while; for longer, it would cost more time than the targets take.
 export ASAN_OPTIONS="${ASAN_OPTIONS:-quarantine_size_mb=8:malloc_context_size=8}"
 
-# Those that put files in place, or ask every verb, take their time.
+# Those that put files in place, ask every verb, or talk over sockets, take their time.
 runs_in_tests() {
     case $1 in
         report) echo 120 ;;
-        state) echo 600 ;;
+        state | etcd_server) echo 600 ;;
         restore*) echo 1000 ;;
         arguments) echo 8000 ;;
         *) echo 50000 ;;

@@ -35,4 +35,8 @@ namespace kesta {
 
 void free_mutexes_in_children() { pthread_once(&registered, register_handler); }
 
+// When the library is loaded: a fork that has begun by the first use would not know of it. What other libraries' own
+// beginnings lock may come before.
+__attribute__((constructor)) static void free_mutexes_from_the_beginning() { free_mutexes_in_children(); }
+
 }  // namespace kesta

@@ -26,14 +26,13 @@ pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // one transfer of the proce
 // A child made by fork must not find the mutex locked by a thread that it doesn't have.
 void lock_for_fork() { pthread_mutex_lock(&mutex); }
 void unlock_after_fork() { pthread_mutex_unlock(&mutex); }
-pthread_once_t fork_handled = PTHREAD_ONCE_INIT;
-void handle_fork() { pthread_atfork(lock_for_fork, unlock_after_fork, unlock_after_fork); }
+// When the library is loaded: a fork that has begun by the first use would not know of it.
+__attribute__((constructor)) void handle_fork() { pthread_atfork(lock_for_fork, unlock_after_fork, unlock_after_fork); }
 
 // A transfer in one direction, by NvRegion::read or NvRegion::write.
 template <typename Direction>
 int transfer(Direction direction, unsigned region, const cpfw_nv_access_t &access)
 {
-    pthread_once(&fork_handled, handle_fork);
     const kesta::CancelOff off;
     int result;
     {

@@ -49,8 +49,8 @@ pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 // A child made by fork must not find the mutex locked by a thread that it doesn't have.
 void lock_for_fork() { pthread_mutex_lock(&mutex); }
 void unlock_after_fork() { pthread_mutex_unlock(&mutex); }
-pthread_once_t fork_handled = PTHREAD_ONCE_INIT;
-void handle_fork() { pthread_atfork(lock_for_fork, unlock_after_fork, unlock_after_fork); }
+// When the library is loaded: a fork that has begun by the first use would not know of it.
+__attribute__((constructor)) void handle_fork() { pthread_atfork(lock_for_fork, unlock_after_fork, unlock_after_fork); }
 
 void file_path(char (&path)[file_path_size], const char *name)
 {
@@ -68,7 +68,6 @@ void size_path(char (&path)[file_path_size], const char *name)
 // thread at a time, so its file is used without the mutex.
 OpenFile *file_of(int handle)
 {
-    pthread_once(&fork_handled, handle_fork);
     const kesta::Locked locked(mutex);
     const int index = handle & handle_index_mask;
     if (handle < 0 || index >= max_handles) {
@@ -80,14 +79,12 @@ OpenFile *file_of(int handle)
 
 void release_handle(OpenFile &file)
 {
-    pthread_once(&fork_handled, handle_fork);
     const kesta::Locked locked(mutex);
     file.used = false;
 }
 
 int new_handle(const char *name, bool writes, int fd)
 {
-    pthread_once(&fork_handled, handle_fork);
     const kesta::Locked locked(mutex);
     for (int i = 0; i < max_handles; ++i) {
         OpenFile &file = files[i];

@@ -27,6 +27,8 @@ struct Client::Call {
     std::string message;
     // Takes the answer. False: it is no such message; whoever gives one is as good as silent.
     std::function<bool(std::string_view)> take;
+    bool of_lease = false;     // which may be over
+    bool of_revision = false;  // which may be there no more
 };
 
 Allowed Client::allow_transfer() const
@@ -109,8 +111,9 @@ bool Client::connect(Deadline deadline, int &error)
     return true;
 }
 
-// What a member's answer means. Refusals of a transaction are such that it was not carried out.
-Client::Try Client::judge(const GrpcReply &reply, int &error)
+// What a member's answer means. Refusals of a transaction are such that it was not carried out. One that the call can't
+// have is as good as no answer: so nobody takes it for what it means elsewhere.
+Client::Try Client::judge(const Call &call, const GrpcReply &reply, int &error)
 {
     error = -EPROTO;
     switch (reply.status) {
@@ -126,10 +129,10 @@ Client::Try Client::judge(const GrpcReply &reply, int &error)
         return says(reply, "space") ? Try::refused : Try::elsewhere;
     case out_of_range:
         error = compacted;
-        return says(reply, "compacted") ? Try::refused : Try::elsewhere;
+        return call.of_revision && says(reply, "compacted") ? Try::refused : Try::elsewhere;
     case not_found:
-        error = -ENOENT;
-        return Try::refused;
+        error = -ESTALE;
+        return call.of_lease ? Try::refused : Try::elsewhere;
     case invalid:
         if (says(reply, "old")) {
             return Try::elsewhere;  // users and roles have just been changed
@@ -155,7 +158,7 @@ Client::Try Client::attempt(const Call &call, const Allowed &allowed, bool &mayb
         maybe = maybe || (connection_->sent() && error == 0);
         return Try::elsewhere;
     }
-    Try judged = judge(*reply, error);
+    Try judged = judge(call, *reply, error);
     if (judged != Try::done) {
         note(reply->message.empty() ? "refused with status " + std::to_string(reply->status) : reply->message);
     } else if (!call.take(reply->body)) {
@@ -210,12 +213,15 @@ bool take_nothing(std::string_view /*answer*/) { return true; }
 int Client::range(const RangeRequest &request, RangeResponse &response, const Allowed &allowed)
 {
     bool maybe = false;
-    return call({"/etcdserverpb.KV/Range", encode(request), into(response)}, allowed, maybe);
+    const bool of_revision = request.revision != 0;
+    return call({"/etcdserverpb.KV/Range", encode(request), into(response), false, of_revision}, allowed, maybe);
 }
 
 int Client::txn(const TxnRequest &request, TxnResponse &response, const Allowed &allowed, bool &maybe)
 {
-    return call({"/etcdserverpb.KV/Txn", encode(request), into(response)}, allowed, maybe);
+    const bool of_lease = std::any_of(request.then.begin(), request.then.end(),
+                                      [](const Step &step) { return step.put && step.put->lease != 0; });
+    return call({"/etcdserverpb.KV/Txn", encode(request), into(response), of_lease}, allowed, maybe);
 }
 
 int Client::grant(std::int64_t seconds, LeaseResponse &response, const Allowed &allowed)
@@ -232,7 +238,7 @@ int Client::keep_alive(std::int64_t lease, LeaseResponse &response, const Allowe
     bool maybe = false;
     LeaseRequest request;
     request.id = lease;
-    return call({"/etcdserverpb.Lease/LeaseKeepAlive", encode_lease_id(request), into(response)}, allowed, maybe);
+    return call({"/etcdserverpb.Lease/LeaseKeepAlive", encode_lease_id(request), into(response), true}, allowed, maybe);
 }
 
 int Client::revoke(std::int64_t lease, const Allowed &allowed)
@@ -240,13 +246,14 @@ int Client::revoke(std::int64_t lease, const Allowed &allowed)
     bool maybe = false;
     LeaseRequest request;
     request.id = lease;
-    return call({"/etcdserverpb.Lease/LeaseRevoke", encode_lease_id(request), take_nothing}, allowed, maybe);
+    return call({"/etcdserverpb.Lease/LeaseRevoke", encode_lease_id(request), take_nothing, true}, allowed, maybe);
 }
 
 int Client::compact(std::int64_t revision, const Allowed &allowed)
 {
     bool maybe = false;
-    return call({"/etcdserverpb.KV/Compact", encode(CompactRequest{revision}), take_nothing}, allowed, maybe);
+    return call({"/etcdserverpb.KV/Compact", encode(CompactRequest{revision}), take_nothing, false, true}, allowed,
+                maybe);
 }
 
 int Client::status(StatusResponse &response, const Allowed &allowed)

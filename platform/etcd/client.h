@@ -46,7 +46,7 @@ struct Allowed {
 };
 
 // The results of all calls: 0, or a negative errno: -ETIMEDOUT (nobody answered in time), -EACCES (no permission, or a
-// certificate is the reason), -ENOSPC, this one, or -EPROTO for what no member should say.
+// certificate is the reason), -ENOSPC, -ESTALE (the lease is over), this one, or -EPROTO for what no member should say.
 inline constexpr int compacted = -ENODATA;  // the revision is there no more
 
 class Client {
@@ -79,7 +79,7 @@ private:
 
     int call(const Call &call, const Allowed &allowed, bool &maybe);
     Try attempt(const Call &call, const Allowed &allowed, bool &maybe, int &error);
-    Try judge(const GrpcReply &reply, int &error);
+    static Try judge(const Call &call, const GrpcReply &reply, int &error);
     bool connect(Deadline deadline, int &error);
     bool load_tls();
     void next_member();

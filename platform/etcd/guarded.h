@@ -19,7 +19,6 @@ public:
     template <typename Body>
     static int run(const Body &body)
     {
-        pthread_once(&fork_handled, handle_fork);
         const kesta::CancelOff off;
         int result = 0;
         bool complain = false;
@@ -39,10 +38,7 @@ public:
         return result;
     }
 
-    static inline Gate gate;
-    static inline State *state = nullptr;  // in the gate
-
-private:
+    // When the library is loaded: a fork that has begun by the first use would not know of it.
     static void handle_fork()
     {
         pthread_atfork([] { gate.enter(); }, [] { gate.leave(); },
@@ -54,7 +50,8 @@ private:
                        });
     }
 
-    static inline pthread_once_t fork_handled = PTHREAD_ONCE_INIT;
+    static inline Gate gate;
+    static inline State *state = nullptr;  // in the gate
 };
 
 }  // namespace etcd

@@ -40,6 +40,8 @@ struct NvMemory {
     }
 };
 
+__attribute__((constructor)) void handle_fork() { Guarded<NvMemory>::handle_fork(); }
+
 // In the gate.
 int transfer_prepared(NvMemory &memory, unsigned number, const cpfw_nv_access_t &access, bool writes)
 {

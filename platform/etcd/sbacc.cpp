@@ -57,6 +57,8 @@ struct Backup {
     }
 };
 
+__attribute__((constructor)) void handle_fork() { Guarded<Backup>::handle_fork(); }
+
 // Runs a body in the gate.
 int in_gate(const std::function<int(Backup &)> &body) { return Guarded<Backup>::run(body); }
 

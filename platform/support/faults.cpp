@@ -38,7 +38,6 @@ int counter_count;
 struct timespec read_at;
 ino_t read_inode;
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_once_t fork_handled = PTHREAD_ONCE_INIT;
 bool held_by_other_thread;
 
 // A call meets its fault with other mutexes held: a fork must not wait for this one. If another
@@ -60,7 +59,8 @@ void unlock_in_child()
         pthread_mutex_unlock(&mutex);
     }
 }
-void handle_fork() { pthread_atfork(try_for_fork, unlock_in_parent, unlock_in_child); }
+// When the library is loaded: a fork that has begun by the first use would not know of it.
+__attribute__((constructor)) void handle_fork() { pthread_atfork(try_for_fork, unlock_in_parent, unlock_in_child); }
 
 bool parse_rule(const char *line, Rule &rule)
 {
@@ -120,7 +120,6 @@ unsigned long count_call(const char *kind)
 bool find_rule(const char *path, const char *kind, Rule &found)
 {
     const kesta::CancelOff off;
-    pthread_once(&fork_handled, handle_fork);
     const kesta::Locked locked(mutex);
     refresh(path);
     if (rule_count == 0) {

@@ -31,7 +31,6 @@ constexpr int level_unknown = -1;
 int highest_level = level_unknown;                  // lines above it are dropped
 TraceTarget target;                                 // known when the level is
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // guards the trace file below
-pthread_once_t fork_handled = PTHREAD_ONCE_INIT;
 
 int trace_fd = -1;
 struct stat trace_file;     // of trace_fd when it was opened
@@ -49,11 +48,14 @@ void forget_process_after_fork()
     process_number = 0;
     pthread_mutex_unlock(&mutex);
 }
-void handle_fork() { pthread_atfork(lock_for_fork, unlock_after_fork, forget_process_after_fork); }
+// When the library is loaded: a fork that has begun by the first use would not know of it.
+__attribute__((constructor)) void handle_fork()
+{
+    pthread_atfork(lock_for_fork, unlock_after_fork, forget_process_after_fork);
+}
 
 pid_t own_process()
 {
-    pthread_once(&fork_handled, handle_fork);
     pid_t number = __atomic_load_n(&process_number, __ATOMIC_RELAXED);
     if (number == 0) {
         number = getpid();

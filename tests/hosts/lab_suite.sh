@@ -23,4 +23,5 @@ trap 'exit 143' TERM HUP
 KESTA_TEST_PLATFORM=etcd
 KESTA_PLATFORM_NV_ENDPOINTS=$(cat "$work/cluster/endpoints")
 export KESTA_TEST_PLATFORM KESTA_PLATFORM_NV_ENDPOINTS
-"$build/bin/lab_test" --gtest_filter="$filter-PlatformCheck.*:LabHosts.*:*KilledCommand*:*Sweep*:$embedded_only"
+# Where it runs in the background, signals that are tried would be ignored.
+env --default-signal=HUP,INT,QUIT "$build/bin/lab_test" --gtest_filter="$filter-PlatformCheck.*:LabHosts.*:*KilledCommand*:*Sweep*:$embedded_only"

@@ -74,11 +74,21 @@ protected:
     {
         auto known = runs_.find(way);
         if (known == runs_.end()) {
-            const std::string as = "LD_PRELOAD=/opt/libwrong.so KESTA_WRONG_PLATFORM=" + way;
+            // What one way leaves behind is not the next one's: on etcd each has keys of its own.
+            const std::string as = "LD_PRELOAD=/opt/libwrong.so KESTA_PLATFORM_ETCD_PREFIX=/wrong/" + way +
+                                   "/ KESTA_WRONG_PLATFORM=" + way;
             known = runs_.emplace(way, on(0, as + " kesta-platform-check --run")).first;
-            succeed(R"(rm -f "$(sed -n 's/^sysback_dir *= *//p' /etc/kesta/platform.conf)/kesta_no_such_file")");
+            succeed(R"sh(area=$(sed -n 's/^sysback_dir *= *//p' /etc/kesta/platform.conf)
+                         [ -z "$area" ] || rm -f "$area/kesta_no_such_file")sh");
         }
         return known->second;
+    }
+
+    // Whether a way is to be tried: each, or those that are named by $KESTA_TEST_WRONG_PLATFORMS.
+    static bool is_tried(const std::string &way)
+    {
+        const char *const named = getenv("KESTA_TEST_WRONG_PLATFORMS");
+        return !named || *named == '\0' || (" " + std::string(named) + " ").find(" " + way + " ") != std::string::npos;
     }
 
     // The libraries that clauses are broken of.
@@ -110,6 +120,9 @@ TEST_F(PlatformCheck, PassesTheEmbeddedPlatform)
 TEST_F(PlatformCheck, FindsOutEachWrongPlatformAtTheClauseThatItBreaks)
 {
     for (const WrongPlatform &wrong : wrong_platforms) {
+        if (!is_tried(wrong.way)) {
+            continue;
+        }
         const Ran &run = check(wrong.way);
         EXPECT_EQ(run.code, 1) << wrong.way << run.out << run.err;
         EXPECT_THAT(run.out, testing::ContainsRegex("FAIL  [a-z_]+: " + std::string(wrong.clause))) << wrong.way;

@@ -320,6 +320,15 @@ TEST_F(EtcdBackup, FullStoreIsToldWhileWritingAndKeepsWhatWasThere)
     EXPECT_EQ(b.read(), brief(other));
 }
 
+TEST_F(EtcdBackup, FileIsNotTakenForAbsentBecauseAMemberSaysSo)
+{
+    ASSERT_EQ(a.write(small), 0);
+    order_all({"Range", Fate::refused, 5, "etcdserver: requested lease not found", true});
+    EXPECT_EQ(a.read(), failed(-ETIMEDOUT));
+    heal();
+    EXPECT_EQ(a.read(), small);
+}
+
 TEST_F(EtcdBackup, UploadBeyondItsShareOfTheQuotaIsRefusedBeforeItBegins)
 {
     etcd::BackupSettings given = Process::plain_settings();

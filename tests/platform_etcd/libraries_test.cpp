@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <pthread.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <thread>
 
 #include "cluster_double.h"
 #include "sanfwctl.h"
@@ -144,6 +146,22 @@ TEST(EtcdLibraries, ChildOfAHolderIsNotTheHolder)
     EXPECT_EQ(write_nv(std::string(16, '\0'), etcd::first_slot), 0);
 }
 
+TEST(EtcdLibraries, ForkBesideTheFirstCallOfAllLeavesTheChildNothingTaken)
+{
+    for (MemberDouble &member : members->all) {
+        member.order({"", Fate::unheard, 0, "", true});
+    }
+    EXPECT_EQ(in_child([&] {
+                  execl("/proc/self/exe", "etcd_libraries_test", "--first-call", members->all[0].endpoint().c_str(),
+                        nullptr);
+                  return false;
+              }),
+              0);
+    for (MemberDouble &member : members->all) {
+        member.heal();
+    }
+}
+
 TEST(EtcdLibraries, CancelledThreadEndsItsTransferAndLeavesNothingHeld)
 {
     ASSERT_EQ(write_nv("before"), 0);
@@ -190,6 +208,41 @@ TEST(EtcdLibraries, FaultsOnDemandAreMet)
     unlink(path.c_str());
 }
 
+namespace {
+
+bool in_a_transfer()
+{
+    struct stat what {};
+    for (int fd = STDERR_FILENO + 1; fd < 64; ++fd) {
+        if (fstat(fd, &what) == 0 && S_ISSOCK(what.st_mode)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Runs when a fork has begun: a thread makes the process's first call, which no member answers.
+void begin_the_first_call()
+{
+    std::thread([] { (void)write_nv("first!"); }).detach();
+    while (!in_a_transfer()) {
+    }
+}
+
+int fork_beside_the_first_call()
+{
+    (void)pthread_atfork(begin_the_first_call, nullptr, nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(10);  // it would wait for ever
+        _exit(write_nv("child!") == -ETIMEDOUT ? 0 : 1);
+    }
+    int status = -1;
+    return waitpid(child, &status, 0) == child && status == 0 ? 0 : 1;
+}
+
+}  // namespace
+
 int main(int argc, char **argv)
 {
     setenv("KESTA_PLATFORM_CONF", "/nonexistent", 1);
@@ -202,6 +255,10 @@ int main(int argc, char **argv)
                        write_file("f", "abc") == -EIO && write_file("f", "abc") == 0
                    ? 0
                    : 1;
+    }
+    if (argc == 3 && std::string(argv[1]) == "--first-call") {
+        setenv("KESTA_PLATFORM_NV_ENDPOINTS", argv[2], 1);
+        return fork_beside_the_first_call();
     }
     testing::InitGoogleTest(&argc, argv);
     members = new Members;

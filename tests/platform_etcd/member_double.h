@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <deque>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -11,36 +10,14 @@
 #include <thread>
 #include <vector>
 
-#include "store_double.h"
+#include "member_session.h"
 
 namespace test {
 
-enum class Fate {
-    answered,
-    lost,      // carried out; the connection ends without an answer
-    dropped,   // not carried out; the connection ends
-    unheard,   // not carried out, and no answer: the connection stays
-    late,      // kept: carried out when the test says so, and never answered
-    halved,    // carried out; half of the answer comes, then the end
-    trickled,  // carried out; the answer comes byte by byte, then no more
-    garbled,   // carried out; bytes that are no HTTP/2
-    flooded,   // carried out; data without end
-    misread,   // carried out; an answer that is no message
-    refused,   // not carried out; with the status of the order
-};
-
-struct Order {
-    std::string method;  // empty: any
-    Fate fate = Fate::answered;
-    int status = 14;
-    std::string message = "etcdserver: not now";
-    bool always = false;  // not the next such call alone
-};
-
-class MemberDouble {
+class MemberDouble : public Fates {
 public:
     explicit MemberDouble(StoreDouble &store);
-    ~MemberDouble();
+    ~MemberDouble() override;
     MemberDouble(const MemberDouble &) = delete;
     MemberDouble &operator=(const MemberDouble &) = delete;
 
@@ -54,17 +31,12 @@ public:
     int release();
     int late();
 
-    // What the fuzzer sends instead of any answer.
-    void answer_raw(std::string bytes) { raw_ = std::move(bytes); }
-
     int connections() const { return connections_; }
 
 private:
-    struct Connection;
-    friend struct Connection;
-
     void run();
-    Order fate_of(const std::string &method);
+    Order fate_of(const std::string &method) override;
+    void keep(const std::string &method, const std::string &request) override;
 
     StoreDouble &store_;
     int listener_ = -1;
@@ -74,8 +46,7 @@ private:
     std::mutex mutex_;
     std::deque<Order> orders_;
     std::vector<std::pair<std::string, std::string>> late_;
-    std::string raw_;
-    std::map<int, std::unique_ptr<Connection>> open_;
+    std::map<int, std::unique_ptr<MemberSession>> open_;
     std::thread thread_;
 };
 

@@ -290,6 +290,10 @@ INSTANTIATE_TEST_SUITE_P(
                     std::pair{Order{"Txn", Fate::refused, 16, "etcdserver: invalid auth token"}, -EACCES},
                     std::pair{Order{"Txn", Fate::refused, 3, "etcdserver: request is too large"}, -EPROTO},
                     std::pair{Order{"Txn", Fate::refused, 8, "etcdserver: too many requests"}, -ETIMEDOUT},
+                    // What such a call can't have is no answer: a key has no lease, and asks for no old revision.
+                    std::pair{Order{"Txn", Fate::refused, 5, "etcdserver: requested lease not found"}, -ETIMEDOUT},
+                    std::pair{Order{"Txn", Fate::refused, 11, "etcdserver: mvcc: required revision has been compacted"},
+                              -ETIMEDOUT},
                     std::pair{Order{"Txn", Fate::refused, 14, "etcdserver: no leader"}, -ETIMEDOUT}));
 
 TEST_F(EtcdNv, AfterALongSilenceTransfersAreShortUntilSomebodyAnswers)

@@ -1,6 +1,7 @@
 #include "store_double.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace test {
 namespace {
@@ -261,6 +262,20 @@ std::vector<std::string> StoreDouble::keys(const std::string &prefix)
     return result;
 }
 
+std::map<std::int64_t, std::optional<Stored>> StoreDouble::changes_after(const std::string &key, std::int64_t revision)
+{
+    const std::lock_guard lock(mutex_);
+    const auto &changes = history_[key];
+    return {changes.upper_bound(revision), changes.end()};
+}
+
+std::string StoreDouble::value_at(const std::string &key, std::int64_t revision)
+{
+    const std::lock_guard lock(mutex_);
+    const auto stored = at(key, revision);
+    return stored ? stored->value : "";
+}
+
 void StoreDouble::put(const std::string &key, const std::string &value)
 {
     const std::lock_guard lock(mutex_);
@@ -281,6 +296,17 @@ void StoreDouble::compact()
 {
     const std::lock_guard lock(mutex_);
     compacted_ = revision_;
+}
+
+void StoreDouble::forget_history()
+{
+    const std::lock_guard lock(mutex_);
+    compacted_ = revision_;
+    for (auto &[name, changes] : history_) {
+        if (!changes.empty()) {
+            changes.erase(changes.begin(), std::prev(changes.end()));
+        }
+    }
 }
 
 void StoreDouble::end_leases()

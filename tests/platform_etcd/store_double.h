@@ -36,11 +36,16 @@ public:
     // For tests, beside the wire.
     std::string value(const std::string &key);
     std::vector<std::string> keys(const std::string &prefix);
+    // What a key became after a revision, and what it was at one; nothing: removed, or not there.
+    std::map<std::int64_t, std::optional<Stored>> changes_after(const std::string &key, std::int64_t revision);
+    std::string value_at(const std::string &key, std::int64_t revision);
     void put(const std::string &key, const std::string &value);
     std::int64_t revision();
     void compact();
+    // The same, and the memory goes too: for millions of calls.
+    void forget_history();
     void end_leases();  // as if their time were over
-    void fill() { full_ = true; }
+    void fill(bool full = true) { full_ = full; }
     void set_in_use(std::int64_t bytes) { in_use_ = bytes; }
     int served(const std::string &method) { return served_[method]; }
 
