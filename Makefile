@@ -5,7 +5,7 @@
 
 JOBS ?= $(shell nproc)
 # Tests wait for one another's processes more than they compute.
-TEST_JOBS ?= $(shell expr 2 \* $(JOBS))
+TEST_JOBS ?= $(shell expr 4 \* $(JOBS))
 PREFIX ?= /usr/local
 
 deps:

@@ -228,7 +228,7 @@ void Members::stop(int number) const
     if (!pid) {
         throw Error("member " + std::to_string(number) + " does not run");
     }
-    (void)::kill(*pid, SIGSTOP);
+    stop_process(*pid);
 }
 
 // Of those that run, and don't hang.

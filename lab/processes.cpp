@@ -92,6 +92,21 @@ void kill_processes(const std::vector<int> &processes)
     }
 }
 
+void stop_process(int pid)
+{
+    const int pidfd = descriptor_of(pid);
+    (void)kill(pid, SIGSTOP);
+    // The end of somebody else's child can be awaited, its stop can't.
+    struct pollfd watch {
+        pidfd, POLLIN, 0
+    };
+    for (int left = patience_ms; left > 0 && !is_stopped(pid) && poll(&watch, 1, 1) == 0; --left) {
+    }
+    if (pidfd >= 0) {
+        (void)close(pidfd);
+    }
+}
+
 bool is_stopped(int pid)
 {
     const std::string status = read_file("/proc/" + std::to_string(pid) + "/stat");

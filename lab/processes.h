@@ -15,6 +15,9 @@ void end_process(int pid);
 // Kills them, and waits until they are gone.
 void kill_processes(const std::vector<int> &processes);
 
+// Stops it, and waits until it has: a process of many threads takes its time where the machine is busy.
+void stop_process(int pid);
+
 // Whether the process is stopped by a signal.
 bool is_stopped(int pid);
 

@@ -1,7 +1,5 @@
 #include "archive_members.h"
 
-#include <archive.h>
-#include <archive_entry.h>
 #include <errno.h>
 #include <grp.h>
 #include <pwd.h>
@@ -12,10 +10,12 @@
 #include <memory>
 #include <utility>
 
+#include "archive_functions.h"
+
 namespace engine {
 namespace {
 
-using Reader = std::unique_ptr<::archive, decltype(&archive_read_free)>;
+using Reader = std::unique_ptr<::archive, decltype(&::archive_read_free)>;
 
 // More than the header of a member can need: names and numbers.
 constexpr std::uint64_t longest_header = std::uint64_t{1} << 20;

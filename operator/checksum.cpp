@@ -1,9 +1,10 @@
 #include "checksum.h"
 
-#include <nettle/sha2.h>
 #include <stdio.h>
 
 #include <array>
+
+#include "archive_functions.h"
 
 namespace engine {
 

@@ -1,7 +1,5 @@
 #include "environment_archive.h"
 
-#include <archive.h>
-#include <archive_entry.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -11,6 +9,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "archive_functions.h"
 #include "failure.h"
 #include "file_changes.h"
 #include "group_paths.h"
@@ -25,7 +24,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using EntryPtr = std::unique_ptr<archive_entry, decltype(&archive_entry_free)>;
+using EntryPtr = std::unique_ptr<archive_entry, decltype(&::archive_entry_free)>;
 
 // The other program that packs has not done so.
 struct NotPacked {};
@@ -174,7 +173,7 @@ private:
     std::unique_ptr<PackingProgram> packer_;
     bool not_packed_ = false;
     std::exception_ptr failure_;
-    std::unique_ptr<::archive, decltype(&archive_write_free)> writer_;
+    std::unique_ptr<::archive, decltype(&::archive_write_free)> writer_;
     std::array<char, 1 << 16> piece_{};
     std::uint64_t bytes_ = 0;
     std::uint64_t members_ = 0;

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <chrono>
 
 #include "archive_limits.h"
 
@@ -21,7 +20,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char *installed_program = "/usr/bin/lbzip2";
 constexpr std::uint64_t worth_a_start = std::uint64_t{4} << 20;  // bytes: some of the blocks that are packed one by one
-constexpr std::chrono::seconds patience{60};                     // without any progress
 constexpr int look_ms = 100;
 
 struct Actions {
@@ -62,7 +60,9 @@ std::string packing_program(std::uint64_t bytes)
     return can_help && access(installed_program, X_OK) == 0 ? installed_program : "";
 }
 
-PackingProgram::PackingProgram(const std::string &program, int file, const std::function<void()> &look) : look_(look)
+PackingProgram::PackingProgram(const std::string &program, int file, const std::function<void()> &look,
+                               std::chrono::milliseconds patience)
+    : look_(look), patience_(patience)
 {
     // A socket, since who writes to one whose reader has ended gets no signal.
     std::array<int, 2> ends{};
@@ -101,7 +101,7 @@ bool PackingProgram::take(std::string_view bytes)
         if (taken > 0) {
             bytes.remove_prefix(static_cast<std::size_t>(taken));
             progress = Clock::now();
-        } else if (taken < 0 && (errno == EAGAIN || errno == EINTR) && Clock::now() - progress < patience) {
+        } else if (taken < 0 && (errno == EAGAIN || errno == EINTR) && Clock::now() - progress < patience_) {
             look_();
             pollfd room{input_.get(), POLLOUT, 0};
             (void)poll(&room, 1, look_ms);
@@ -119,7 +119,7 @@ bool PackingProgram::finish()
     }
     bool well = false;
     for (const auto begin = Clock::now(); !has_ended(well);) {
-        if (Clock::now() - begin >= patience) {
+        if (Clock::now() - begin >= patience_) {
             return false;
         }
         look_();

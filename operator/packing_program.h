@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -18,8 +19,12 @@ std::string packing_program(std::uint64_t bytes);
 
 class PackingProgram {
 public:
+    // One that gets no further for so long hangs.
+    static constexpr std::chrono::milliseconds usual_patience{60'000};
+
     // Packs into an open file. Looks again and again while it is waited for, which may throw. What can't be started fails.
-    PackingProgram(const std::string &program, int file, const std::function<void()> &look);
+    PackingProgram(const std::string &program, int file, const std::function<void()> &look,
+                   std::chrono::milliseconds patience = usual_patience);
     ~PackingProgram();  // ends it, and waits for its end
     PackingProgram(const PackingProgram &) = delete;
     PackingProgram &operator=(const PackingProgram &) = delete;
@@ -33,6 +38,7 @@ private:
     bool has_ended(bool &well);
 
     const std::function<void()> &look_;
+    const std::chrono::milliseconds patience_;
     Descriptor input_;
     pid_t process_ = -1;
 };

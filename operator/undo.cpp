@@ -75,13 +75,40 @@ std::string held_by(const std::string &place)
     return evidence_of_file(place).sha256;
 }
 
+// An undo that was cut short has set some of them back already.
+bool are_left_by(const Change &change, const NamesInForce &names)
+{
+    const auto unfinished = unfinished_restore();
+    if (!unfinished || unfinished->from != from_undo) {
+        return names == change.after;
+    }
+    const auto is_either = [&](auto field) {
+        return names.*field == change.before.*field || names.*field == change.after.*field;
+    };
+    return is_either(&NamesInForce::backup) && is_either(&NamesInForce::accept) &&
+           is_either(&NamesInForce::backup_version) && is_either(&NamesInForce::accept_version) &&
+           is_either(&NamesInForce::current_version) && is_either(&NamesInForce::flash_version);
+}
+
+bool has_other_contents(const ReplacedFiles &files)
+{
+    const std::string path = replaced_files_archive();
+    return !files.sha256.empty() &&
+           (access(path.c_str(), F_OK) != 0 || checksum_of(contents_of_path(path)) != files.sha256);
+}
+
 // What others have built on it would be lost.
 void require_as_it_was_left(const Change &change)
 {
     const std::string hint =
         "What is there now is newer than the change: bring back what you need from 'kestactl history'.";
-    if (!(names_in_force() == change.after)) {
+    if (!are_left_by(change, names_in_force())) {
         refuse("changed-since", called(change) + " can't be undone: slots or versions have been changed since.", hint);
+    }
+    if (change.files && has_other_contents(*change.files)) {
+        refuse("changed-since",
+               called(change) + " can't be undone: the archive of the files that it replaced has been changed since.",
+               hint);
     }
     for (const ReplacedArchive &archive : change.archives) {
         if (held_by(archive.place) != archive.after) {
@@ -231,10 +258,17 @@ void place_undo(Undo &undo)
             (void)unlinkat(entry.folder.get(), entry.name.c_str(), AT_REMOVEDIR);  // what is not empty stays
         }
     }
+}
+
+// What this undo has replaced takes the place of what it brought back when nothing asks for that any more.
+void finish_undo(const Undo &undo)
+{
+    if (undo.has_files()) {
+        note_finished();
+    }
     if (!undo.kept.group.empty()) {
         publish_replaced_files(undo.kept);
     }
-    note_finished();
 }
 
 void undo_names(const Undo &undo)

@@ -42,4 +42,7 @@ void place_undo(Undo &undo);
 // The slots in force and the versions. Throws Failure.
 void undo_names(const Undo &undo);
 
+// Nothing is left to be done, after all of the others: until then another undo completes it. Throws Failure.
+void finish_undo(const Undo &undo);
+
 }  // namespace engine

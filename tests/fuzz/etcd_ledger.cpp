@@ -71,7 +71,7 @@ void RegionLedger::written(const Write &write)
     }
 }
 
-// Which of two claims of its own a slot has then, the process can't know: it is not held to either.
+// Whoever asks for a claim and gets no answer holds nothing, whatever it held before.
 void RegionLedger::failed(const Write &write)
 {
     for (std::size_t i = 0; is_image_ && i < slots_.size(); ++i) {

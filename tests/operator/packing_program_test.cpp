@@ -2,12 +2,14 @@
 #include "packing_program.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <thread>
 
 #include "archive_evidence.h"
 #include "archive_limits.h"
@@ -133,6 +135,40 @@ TEST_F(PackingProgramTest, ALookEndsIt)
     EXPECT_FALSE(fs::exists(path));
     const pid_t process = std::stoi(test::read_file("/opt/process"));
     EXPECT_TRUE(kill(process, 0) != 0 && errno == ESRCH) << "it goes on";
+}
+
+// It has a minute to get any further; here it has none. What it does not take is packed without it: see above.
+TEST_F(PackingProgramTest, OneThatHangsIsGivenUpAndEnded)
+{
+    static_assert(PackingProgram::usual_patience == std::chrono::minutes(1));
+    const std::string much(4'000'000, 'x');  // more than the system keeps for one that doesn't read
+    const std::function<void()> look = [] {
+    };
+    struct Row {
+        const char *commands;
+        std::string_view bytes;
+        bool is_taken;
+    };
+    for (const Row &row :
+         {Row{"exec sleep 1000", much, false}, Row{"cat > /dev/null\nexec sleep 1000", "some", true}}) {
+        const int descriptors = open_descriptors();
+        fs::remove("/opt/process");
+        const std::string hanging = program(std::string("echo $$ > /opt/process\n") + row.commands);
+        pid_t process = 0;
+        {
+            const Descriptor file(open("/opt/packed", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+            PackingProgram packing(hanging, file.get(), look, std::chrono::milliseconds(0));
+            while (!fs::exists("/opt/process") || test::read_file("/opt/process").empty()) {
+                std::this_thread::yield();
+            }
+            process = std::stoi(test::read_file("/opt/process"));
+            EXPECT_EQ(packing.take(row.bytes), row.is_taken) << row.commands;
+            EXPECT_FALSE(packing.finish()) << row.commands;
+            EXPECT_EQ(kill(process, 0), 0) << "it did not hang";
+        }
+        EXPECT_TRUE(kill(process, 0) != 0 && errno == ESRCH) << "it goes on";
+        EXPECT_EQ(open_descriptors(), descriptors) << row.commands;
+    }
 }
 
 TEST_F(PackingProgramTest, ItIsAskedWhereItIsWorthItAndNotSwitchedOff)

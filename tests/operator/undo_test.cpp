@@ -189,6 +189,25 @@ TEST_F(UndoTest, RefusesWhatCanNotBeUndoneAndSaysWhy)
     refused("undo --yes", "changed since");  // refused before anything was changed: no change
 }
 
+// As an undo leaves it that was killed when it had done all, and was not in the list yet.
+TEST_F(UndoTest, NeedsTheArchiveOfTheFilesThatTheChangeReplaced)
+{
+    done("save app");
+    write_file(settings, "fourth\n");
+    done("restore app");
+    const std::string replaced = std::string(engine::generations_folder) + "/" + engine::undo_archive_name;
+    const std::string whole = read_file(replaced);
+    for (const std::string &other : {whole + "more", whole.substr(0, whole.size() / 2), std::string()}) {
+        write_file(replaced, other);
+        refused("undo --yes", "the archive of the files that it replaced has been changed since");
+    }
+    fs::remove(replaced);
+    refused("undo --yes", "the archive of the files that it replaced has been changed since");
+    write_file(replaced, whole);
+    done("undo --yes");
+    EXPECT_EQ(read_file(settings), "fourth\n");
+}
+
 TEST_F(UndoTest, RefusedSaveIsToldToWhoWatchesAndIsNoChangeToUndo)
 {
     done("save app");

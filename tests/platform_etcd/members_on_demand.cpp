@@ -1,7 +1,7 @@
 // Members of a cluster in memory, for programs that are run: it prints their endpoints, and ends with its input.
 //   members_on_demand < FIFO
+#include <poll.h>
 #include <stdio.h>
-#include <unistd.h>
 
 #include "member_double.h"
 
@@ -12,8 +12,9 @@ int main()
     test::MemberDouble second(store);
     printf("%s,%s\n", first.endpoint().c_str(), second.endpoint().c_str());
     (void)fflush(stdout);
-    char byte = 0;
-    while (read(STDIN_FILENO, &byte, 1) > 0) {
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    while (poll(&input, 1, 1000) == 0) {
+        store.forget_history();
     }
     return 0;
 }

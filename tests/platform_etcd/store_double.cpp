@@ -1,6 +1,7 @@
 #include "store_double.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace test {
 namespace {
@@ -295,6 +296,17 @@ void StoreDouble::compact()
 {
     const std::lock_guard lock(mutex_);
     compacted_ = revision_;
+}
+
+void StoreDouble::forget_history()
+{
+    const std::lock_guard lock(mutex_);
+    compacted_ = revision_;
+    for (auto &[name, changes] : history_) {
+        if (!changes.empty()) {
+            changes.erase(changes.begin(), std::prev(changes.end()));
+        }
+    }
 }
 
 void StoreDouble::end_leases()

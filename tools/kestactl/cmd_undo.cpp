@@ -68,6 +68,12 @@ Plan plan_undo(const std::shared_ptr<Undo> &undo, Work &work)
                        {"NV memory, system backup area and " KESTA_GROUP_DIRECTORY ": slots and versions"},
                        [undo] { undo_names(*undo); }));
     }
+    if (!plan.steps.empty()) {
+        plan.steps.back().act = [undo, act = plan.steps.back().act] {
+            act();
+            finish_undo(*undo);
+        };
+    }
     return plan;
 }
 

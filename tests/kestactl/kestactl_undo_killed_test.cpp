@@ -1,0 +1,158 @@
+// Undo killed with SIGKILL at one call after the other: every place has what it had or what it gets, whole; what is
+// unfinished is told; a second undo completes it or says why not, and nothing is lost.
+#include <set>
+
+#include "saved_group.h"
+
+using namespace test;
+using nlohmann::json;
+
+namespace {
+
+struct Undone {
+    const char *name;
+    const char *command;
+};
+void PrintTo(const Undone &undone, std::ostream *out) { *out << undone.command; }
+
+// Every so many points are tried, and of the first call only: 'make test-long' tries each one of all.
+const char *given_step() { return getenv("KESTA_TEST_KILL_STEP"); }
+
+int kill_step()
+{
+    constexpr int wider = 10;
+    return given_step() != nullptr ? std::atoi(given_step()) : KESTA_KILL_STEP * wider;
+}
+
+std::vector<std::string> tried_of(std::vector<std::string> calls)
+{
+    constexpr std::size_t first_calls = 1;
+    calls.resize(given_step() != nullptr ? calls.size() : first_calls);
+    return calls;
+}
+
+}  // namespace
+
+class KilledUndo : public SavedGroup, public testing::WithParamInterface<Undone> {
+protected:
+    using Contents = std::map<std::string, std::string>;
+
+    KilledUndo()
+    {
+        fs::copy_file(KESTA_FAST_CLOCK_LIBRARY, host_path(0, "opt/libfast_clock.so"));
+        define("");
+        succeed("kestactl save network && kestactl accept");
+    }
+
+    // Waits for a dead one's inner lock pass at once.
+    Ran quickly(const std::string &command) const
+    {
+        return on(0, "export LD_PRELOAD=/opt/libfast_clock.so; " + command);
+    }
+
+    // A change that can be undone: what was before it, and what it left.
+    void make_work(const std::string &mark)
+    {
+        write_file(host_path(0, "etc/app/one"), "saved before " + mark + "\n");
+        succeed("kestactl save network");
+        write_file(host_path(0, "etc/app/one"), mark + "\n");
+        before_ = contents();
+        succeed(std::string("kestactl ") + GetParam().command);
+        left_ = contents();
+    }
+    Contents contents() const
+    {
+        return {{"flash backup", read_file(host_path(0, flash_backup.substr(1)))},
+                {"flash accept", read_file(host_path(0, flash_accept.substr(1)))},
+                {"backup slot", slot("kesta_backup0")},
+                {"accept slot", slot("kesta_backup1")},
+                {"file one", read_file(host_path(0, "etc/app/one"))},
+                {"file two", read_file(host_path(0, "etc/app/more/two"))}};
+    }
+    void expect_nothing_lost(const std::string &where) const
+    {
+        const Contents now = contents();
+        std::set<std::string> kept;
+        for (const auto &entry : fs::directory_iterator(host_path(0, "opt/kesta_sys/bakup/generations"))) {
+            kept.insert(read_file(entry.path()));
+        }
+        for (const auto &[place, held] : now) {
+            const bool is_archive = place.find("file") == std::string::npos;
+            EXPECT_TRUE(held == before_.at(place) || held == left_.at(place)) << where << ": " << place;
+            EXPECT_TRUE(!is_archive || held == left_.at(place) || kept.contains(left_.at(place)))
+                << where << ": what the " << place << " held is lost";
+        }
+    }
+    void expect_completed_or_told(const std::string &where) const
+    {
+        const Ran verified = quickly("kestactl --json verify");
+        ASSERT_TRUE(verified.code == 0 || verified.code == 1) << where << verified.err;
+        (void)quickly("kestactl lock release --force");  // of the dead one, where it held it
+        const Contents found = contents();
+        const Ran again = quickly("kestactl undo --yes");
+        if (again.code == 0) {
+            EXPECT_EQ(contents(), before_) << where;
+            EXPECT_EQ(on(0, "find /opt/kesta_sys /etc -name '.*new' -o -name '*.new' -o -name .restore").out, "");
+            return;
+        }
+        EXPECT_EQ(again.code, 1) << where << again.err;
+        EXPECT_THAT(again.err, testing::HasSubstr("changed since")) << where;
+        EXPECT_EQ(contents(), found) << where;
+    }
+
+    Contents before_;
+    Contents left_;
+};
+
+TEST_P(KilledUndo, AtEachCallOfThePlatform)
+{
+    int kills = 0;
+    for (const std::string &call :
+         tried_of({"nv_write_mid", "sb_open", "nv_read", "nv_write", "sb_write", "sb_close"})) {
+        for (int n = 1;; n += kill_step()) {
+            const std::string where = call + " " + std::to_string(n);
+            make_work(where);
+            write_file(host_path(0, "opt/faults"), where + " once kill\n");
+            if (quickly("KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl undo --yes").code == 0) {
+                EXPECT_EQ(contents(), before_) << where;
+                break;  // it makes no more of them
+            }
+            ++kills;
+            expect_nothing_lost(where);
+            expect_completed_or_told(where);
+        }
+    }
+    EXPECT_GT(kills, 0);
+    RecordProperty("kills", kills);
+}
+
+#ifdef KESTA_KILL_BY_TRACING
+TEST_P(KilledUndo, AtEachSystemCallThatChangesAFile)
+{
+    int kills = 0;
+    for (const std::string &call :
+         tried_of({"fsync", "renameat", "write", "pwrite64", "rename", "linkat", "unlink", "unlinkat"})) {
+        for (int n = 1;; n += kill_step()) {
+            const std::string where = call + " " + std::to_string(n);
+            make_work(where);
+            const Ran killed = on(0, "strace -qq -o /dev/null -e trace=" + call + " -e inject=" + call +
+                                         ":signal=KILL:when=" + std::to_string(n) + " kestactl undo --yes");
+            if (killed.code == 0) {
+                EXPECT_EQ(contents(), before_) << where;
+                break;
+            }
+            ++kills;
+            EXPECT_EQ(killed.code, 137) << killed.err;
+            expect_nothing_lost(where);
+            expect_completed_or_told(where);
+        }
+    }
+    EXPECT_GT(kills, 0);
+    RecordProperty("kills", kills);
+}
+#endif
+
+INSTANTIATE_TEST_SUITE_P(Changes, KilledUndo,
+                         testing::Values(Undone{"save", "save network"}, Undone{"accept", "accept"},
+                                         Undone{"restore", "restore network"}),
+                         [](const testing::TestParamInfo<Undone> &tested) { return tested.param.name; });
