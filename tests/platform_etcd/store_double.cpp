@@ -302,10 +302,9 @@ void StoreDouble::forget_history()
 {
     const std::lock_guard lock(mutex_);
     compacted_ = revision_;
+    std::erase_if(history_, [](const auto &key) { return key.second.empty() || !key.second.rbegin()->second; });
     for (auto &[name, changes] : history_) {
-        if (!changes.empty()) {
-            changes.erase(changes.begin(), std::prev(changes.end()));
-        }
+        changes.erase(changes.begin(), std::prev(changes.end()));
     }
 }
 
