@@ -23,7 +23,7 @@ const xmlChar *text_of(const std::string &text) { return reinterpret_cast<const 
 std::string attribute(xmlNode *node, const char *name)
 {
     xmlChar *value = xmlGetProp(node, reinterpret_cast<const xmlChar *>(name));
-    const std::string text = value ? reinterpret_cast<const char *>(value) : "";
+    std::string text = value ? reinterpret_cast<const char *>(value) : "";
     xmlFree(value);
     return text;
 }

@@ -4,10 +4,9 @@
 #include <spawn.h>
 #include <string.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "failure.h"
-
-extern char **environ;
 
 namespace engine {
 namespace {
@@ -16,6 +15,7 @@ namespace {
 pid_t start(const std::vector<std::string> &command, const sigset_t &mask)
 {
     std::vector<char *> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string &word : command) {
         arguments.push_back(const_cast<char *>(word.c_str()));
     }
