@@ -10,8 +10,10 @@
 
 namespace engine {
 
+// NOLINTBEGIN(bugprone-macro-parentheses): a name that is declared stands in none
 #define KESTA_LOADED(library, name) \
     inline constinit const LoadedFunction<decltype(&::name)> name { library, #name }
+// NOLINTEND(bugprone-macro-parentheses)
 
 KESTA_LOADED(KESTA_LIBARCHIVE, archive_entry_copy_gname);
 KESTA_LOADED(KESTA_LIBARCHIVE, archive_entry_copy_hardlink);

@@ -243,8 +243,10 @@ const Json &Json::element(std::size_t index) const
 
 Json Json::value(std::string_view key, Json otherwise) const
 {
-    const Json *const member = find(key);
-    return member == nullptr ? std::move(otherwise) : *member;
+    if (const Json *const member = find(key)) {
+        return *member;
+    }
+    return otherwise;
 }
 
 void Json::push_back(Json element)

@@ -33,10 +33,8 @@ void register_handler()
 
 namespace kesta {
 
+// By the first use, not when the library is loaded: it has no start-up code. What is left is a fork that is between its
+// handlers and its child when the first call of all is made in another thread.
 void free_mutexes_in_children() { pthread_once(&registered, register_handler); }
-
-// When the library is loaded: a fork that has begun by the first use would not know of it. What other libraries' own
-// beginnings lock may come before.
-__attribute__((constructor)) static void free_mutexes_from_the_beginning() { free_mutexes_in_children(); }
 
 }  // namespace kesta

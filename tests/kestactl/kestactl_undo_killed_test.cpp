@@ -91,13 +91,15 @@ protected:
         const Contents found = contents();
         const Ran again = quickly("kestactl undo --yes");
         if (again.code == 0) {
-            EXPECT_EQ(contents(), before_) << where;
+            // One that was killed while it told of its end is in the list of changes: it was undone itself.
+            const Contents now = contents();
+            EXPECT_TRUE(now == before_ || (found == before_ && now == left_)) << where;
             EXPECT_EQ(on(0, "find /opt/kesta_sys /etc -name '.*new' -o -name '*.new' -o -name .restore").out, "");
             return;
         }
         EXPECT_EQ(again.code, 1) << where << again.err;
         EXPECT_THAT(again.err, testing::HasSubstr("changed since")) << where;
-        EXPECT_EQ(contents(), found) << where;
+        EXPECT_TRUE(contents() == found) << where;
     }
 
     Contents before_;
@@ -114,7 +116,7 @@ TEST_P(KilledUndo, AtEachCallOfThePlatform)
             make_work(where);
             write_file(host_path(0, "opt/faults"), where + " once kill\n");
             if (quickly("KESTA_PLATFORM_FAULT_FILE=/opt/faults kestactl undo --yes").code == 0) {
-                EXPECT_EQ(contents(), before_) << where;
+                EXPECT_TRUE(contents() == before_) << where;
                 break;  // it makes no more of them
             }
             ++kills;
@@ -138,7 +140,7 @@ TEST_P(KilledUndo, AtEachSystemCallThatChangesAFile)
             const Ran killed = on(0, "strace -qq -o /dev/null -e trace=" + call + " -e inject=" + call +
                                          ":signal=KILL:when=" + std::to_string(n) + " kestactl undo --yes");
             if (killed.code == 0) {
-                EXPECT_EQ(contents(), before_) << where;
+                EXPECT_TRUE(contents() == before_) << where;
                 break;
             }
             ++kills;
