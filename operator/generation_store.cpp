@@ -124,7 +124,7 @@ public:
         if (dropped.empty()) {
             return false;
         }
-        const Generation oldest = dropped.front();
+        const Generation &oldest = dropped.front();
         folder_.remove(entry_name(oldest.sha256));
         folder_.remove(archive_name(oldest.sha256));
         forget(all_, oldest);

@@ -233,7 +233,7 @@ void make_room_on_flash(KeepReport &report, std::uint64_t bytes)
 std::string note_saved(const std::string &path, const std::string &group, int version, const KeepRule &rule)
 {
     const ArchiveContents saved = contents_of_path(path);
-    const std::string sum = checksum_of(saved);
+    std::string sum = checksum_of(saved);
     store([] {}).note_saved({sum, saved.size, version, group, change_now("save", rule)});
     return sum;
 }

@@ -144,6 +144,7 @@ private:
     void start(std::vector<std::string> &words, const Pipe &out, const Pipe &complaint)
     {
         std::vector<char *> arguments;
+        arguments.reserve(words.size() + 1);
         for (std::string &word : words) {
             arguments.push_back(word.data());
         }
@@ -286,6 +287,7 @@ std::vector<RemoteAnswer> ask_controllers(const std::vector<int> &controllers, c
 {
     const std::int64_t deadline = milliseconds_now() + std::int64_t{transport.timeout} * 1000;
     std::vector<Asked> all;
+    all.reserve(controllers.size());
     for (const int controller : controllers) {
         all.emplace_back(controller, words_for(controller, command, transport));
     }

@@ -55,9 +55,9 @@ int BackupWriter::write(BackupArea &area, std::string_view bytes, std::uint64_t 
         contents_.resize(offset);
     }
     contents_.replace(offset, bytes.size(), bytes);
-    sums_.resize((contents_.size() + chunk_bytes_ - 1) / chunk_bytes_);
+    chunks_.resize((contents_.size() + chunk_bytes_ - 1) / chunk_bytes_);
     for (std::uint64_t at = first_changed / chunk_bytes_; at * chunk_bytes_ < end; ++at) {
-        sums_[at] = 0;
+        chunks_[at].sum = 0;
     }
     if (is_large()) {
         broken_ = begin_upload(area);
@@ -179,25 +179,38 @@ int BackupWriter::upload_chunk(BackupArea &area, std::uint64_t number)
     const FileKeys keys = area.keys_of(name_);
     const std::string key = keys.chunk(upload_, number);
     const auto bytes = std::string_view(contents_).substr(number * chunk_bytes_, chunk_bytes_);
+    Chunk &chunk = chunks_[number];
     std::uint64_t sum = 0;
+    const std::string packed = pack_chunk(number, bytes, sum);
     TxnRequest request;
-    request.conditions = {{keys.intent(upload_), Condition::Of::made_at, intent_revision_}};
-    request.then = {put(key, pack_chunk(number, bytes, sum))};
+    // A chunk can become another one. A try that went unanswered may come late: not over what came after it.
+    request.conditions = {{keys.intent(upload_), Condition::Of::made_at, intent_revision_},
+                          {key, Condition::Of::changed_at, chunk.revision}};
+    request.then = {put(key, packed)};
+    request.otherwise = {get(key)};
     TxnResponse response;
-    bool maybe = false;  // nobody else writes it, and it is the same each time
+    bool maybe = false;
     if (const int error = area.client().txn(request, response, area.client().allow_chunk(), maybe); error != 0) {
         return error;
     }
-    sums_[number] = sum;
-    return response.held ? 0 : -ESTALE;
+    KeyValue found;
+    if (response.held) {
+        found.mod_revision = response.revision;
+    } else if (response.ranges.size() != 1 || !take_single(response.ranges[0], key, found)) {
+        return -EIO;
+    } else if (!maybe || found.value != packed) {  // nobody else writes it: there it is by the earlier try
+        return -ESTALE;
+    }
+    chunk = {sum, found.mod_revision};
+    return 0;
 }
 
 // all: the last chunk too, which more bytes may come to.
 int BackupWriter::upload(BackupArea &area, bool all)
 {
-    const std::uint64_t count = all ? sums_.size() : contents_.size() / chunk_bytes_;
+    const std::uint64_t count = all ? chunks_.size() : contents_.size() / chunk_bytes_;
     for (std::uint64_t number = 0; number < count; ++number) {
-        if (sums_[number] != 0) {
+        if (chunks_[number].sum != 0) {
             continue;
         }
         int error = keep_intent(area);
@@ -223,8 +236,8 @@ Manifest BackupWriter::manifest() const
         return manifest;
     }
     manifest.chunk_bytes = chunk_bytes_;
-    for (const std::uint64_t sum : sums_) {
-        manifest.checksum = add_checksum(manifest.checksum, sum);
+    for (const Chunk &chunk : chunks_) {
+        manifest.checksum = add_checksum(manifest.checksum, chunk.sum);
     }
     return manifest;
 }

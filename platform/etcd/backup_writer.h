@@ -34,6 +34,11 @@ public:
     const std::string &name() const { return name_; }
 
 private:
+    struct Chunk {
+        std::uint64_t sum = 0;      // of what went up; 0: it has to go up (again)
+        std::int64_t revision = 0;  // of what went up last; 0: nothing did
+    };
+
     int begin_upload(BackupArea &area);
     int check_space(BackupArea &area) const;
     int clear_abandoned(BackupArea &area);
@@ -59,7 +64,7 @@ private:
     std::int64_t intent_revision_ = 0;
     std::int64_t alive_ms_ = 0;
     std::uint32_t chunk_bytes_ = 0;
-    std::vector<std::uint64_t> sums_;  // of the chunks that went up; 0: it has to go up (again)
+    std::vector<Chunk> chunks_;
     std::uint64_t space_checked_ = 0;
 };
 

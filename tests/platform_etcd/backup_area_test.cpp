@@ -168,6 +168,23 @@ TEST_F(EtcdBackup, SizeIsRecordedBesideTheContents)
     EXPECT_EQ(a.area().record_size("none", 7), -ENOENT);
 }
 
+// A chunk goes up, incomplete, by a try that is late and by another one; then it goes up with what came to it.
+TEST_F(EtcdBackup, LateChunkDoesNotComeOverWhatItHasBecome)
+{
+    int steps = 0;
+    a.between_steps = [&] {
+        if (++steps == 1) {
+            members[0].order({"Txn", Fate::late});
+        }
+    };
+    etcd::BackupWriter writer(name);
+    ASSERT_EQ(writer.write(a.area(), large.substr(0, 70000), 0), 0);
+    ASSERT_EQ(writer.write(a.area(), large.substr(70000), 70000), 0);
+    EXPECT_EQ(members[0].release(), 1);
+    ASSERT_EQ(writer.publish(a.area()), 0);
+    EXPECT_EQ(b.read(), brief(large));
+}
+
 TEST_F(EtcdBackup, DamageIsFoundAndReplaced)
 {
     ASSERT_EQ(a.write(large), 0);
