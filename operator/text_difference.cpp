@@ -4,6 +4,7 @@
 #include "text_difference.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <vector>
 
 namespace engine {
@@ -51,7 +52,7 @@ public:
             rounds_.push_back(reached);
             for (int diagonal = -changes; diagonal <= changes; diagonal += 2) {
                 const auto at = [&](int k) -> int & {
-                    return reached[static_cast<std::size_t>(k + most + 1)];
+                    return reached[static_cast<std::size_t>(std::ptrdiff_t{k} + most + 1)];
                 };
                 const bool comes = diagonal == -changes || (diagonal != changes && at(diagonal - 1) < at(diagonal + 1));
                 int x = comes ? at(diagonal + 1) : at(diagonal - 1) + 1;
@@ -76,7 +77,7 @@ public:
         for (int changes = static_cast<int>(rounds_.size()) - 1; changes >= 0; --changes) {
             const std::vector<int> &before = rounds_[static_cast<std::size_t>(changes)];
             const auto at = [&](int k) {
-                return before[static_cast<std::size_t>(k + middle_)];
+                return before[static_cast<std::size_t>(std::ptrdiff_t{k} + middle_)];
             };
             const int diagonal = x - y;
             const bool comes = diagonal == -changes || (diagonal != changes && at(diagonal - 1) < at(diagonal + 1));
