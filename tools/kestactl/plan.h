@@ -48,7 +48,7 @@ struct Step {
     std::string what;
     std::vector<std::string> writes;  // places that the step changes
     std::function<void()> act;        // throws Failure
-    std::string measured = "";        // the file whose bytes are told when the step begins and while it lasts
+    std::string measured = {};        // the file whose bytes are told when the step begins and while it lasts
 };
 
 struct Plan {
