@@ -66,6 +66,7 @@ Result samefiles(const ScriptOptions &options, const Globals &globals)
     const int controller = other_controller(options.controller);
     std::vector<std::string> files = options.files;
     std::vector<char *> names;
+    names.reserve(files.size());
     for (std::string &file : files) {
         names.push_back(file.data());
     }
