@@ -67,6 +67,7 @@ void RegionLedger::written(const Write &write)
     for (std::size_t i = 0; is_image_ && i < slots_.size(); ++i) {
         if (write.offset == place_of(i)) {
             slots_[i].held = is_zero(write.bytes) ? "" : write.bytes;
+            slots_[i].in_doubt = false;
         }
     }
 }
@@ -77,6 +78,7 @@ void RegionLedger::failed(const Write &write)
     for (std::size_t i = 0; is_image_ && i < slots_.size(); ++i) {
         if (write.offset == place_of(i) && !is_zero(write.bytes)) {
             slots_[i].held.clear();
+            slots_[i].in_doubt = true;
         }
     }
 }

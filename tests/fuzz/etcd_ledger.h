@@ -39,7 +39,8 @@ public:
     void failed(const Write &write);
     void read(std::uint64_t offset, const std::string &bytes);
     void begin_anew();
-    bool holds(unsigned slot) const { return !slots_[slot].held.empty(); }
+    // Or may hold.
+    bool holds(unsigned slot) const { return !slots_[slot].held.empty() || slots_[slot].in_doubt; }
 
     // Judges all changes since the last time.
     void judge();
@@ -48,7 +49,8 @@ public:
 
 private:
     struct Slot {
-        std::string held;              // the claim that was written; empty: none
+        std::string held;              // the claim that was written; empty: none, or in doubt
+        bool in_doubt = false;         // a claim failed since
         std::set<std::string> claims;  // all of this process
         std::string seen;              // empty: never
     };
