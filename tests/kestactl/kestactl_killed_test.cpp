@@ -2,7 +2,7 @@
 // what is unfinished, and the same command completes it.
 #include <set>
 
-#include "saved_group.h"
+#include "killed_group.h"
 
 using namespace test;
 using nlohmann::json;
@@ -19,36 +19,10 @@ const std::vector<std::string> changing_calls{"write",     "pwrite64", "sendfile
                                               "utimensat", "linkat",   "renameat", "unlinkat",        "mkdirat",
                                               "symlinkat"};
 
-struct Killed {
-    const char *name;
-    const char *command;
-};
-void PrintTo(const Killed &killed, std::ostream *out) { *out << killed.command; }
-
 }  // namespace
 
-// Every so many points are tried. 'make test-long' tries each one.
-static int kill_step()
-{
-    const char *const step = getenv("KESTA_TEST_KILL_STEP");
-    return step != nullptr ? std::atoi(step) : KESTA_KILL_STEP;
-}
-
-class KilledCommand : public SavedGroup, public testing::WithParamInterface<Killed> {
+class KilledCommand : public KilledGroup {
 protected:
-    KilledCommand()
-    {
-        fs::copy_file(KESTA_FAST_CLOCK_LIBRARY, host_path(0, "opt/libfast_clock.so"));
-        define("");
-        succeed("kestactl save network && kestactl accept");
-    }
-
-    // Waits for a dead one's inner lock pass at once.
-    Ran quickly(const std::string &command) const
-    {
-        return on(0, "export LD_PRELOAD=/opt/libfast_clock.so; " + command);
-    }
-
     // Something for the command to do that shows whether it was done.
     void make_work(const std::string &mark)
     {
@@ -62,16 +36,6 @@ protected:
         }
         write_file(host_path(0, "etc/app/one"), mark + "\n");
         before_ = contents();
-    }
-    // What each place holds, by its name.
-    std::map<std::string, std::string> contents() const
-    {
-        return {{"flash backup", read_file(host_path(0, flash_backup.substr(1)))},
-                {"flash accept", read_file(host_path(0, flash_accept.substr(1)))},
-                {"backup slot", slot("kesta_backup0")},
-                {"accept slot", slot("kesta_backup1")},
-                {"file one", read_file(host_path(0, "etc/app/one"))},
-                {"file two", read_file(host_path(0, "etc/app/more/two"))}};
     }
     bool is_whole(const std::string &archive) const
     {
@@ -133,7 +97,7 @@ protected:
         }
     }
     // What verify advises ends in agreement, or says what is left, and loses nothing.
-    void expect_fixed(const std::map<std::string, std::string> &left, const std::string &where) const
+    void expect_fixed(const Contents &left, const std::string &where) const
     {
         const Ran fixed = quickly("kestactl --json verify --fix --yes");
         const json result = fixed.json().at("result");
@@ -162,7 +126,7 @@ private:
     static constexpr int fixed_one_in = 5;
     int told_ = 0;
     std::string mark_;
-    std::map<std::string, std::string> before_;
+    Contents before_;
 };
 
 TEST_P(KilledCommand, AtEachCallOfThePlatform)

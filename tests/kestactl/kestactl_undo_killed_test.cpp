@@ -2,54 +2,28 @@
 // unfinished is told; a second undo completes it or says why not, and nothing is lost.
 #include <set>
 
-#include "saved_group.h"
+#include "killed_group.h"
 
 using namespace test;
 using nlohmann::json;
 
 namespace {
 
-struct Undone {
-    const char *name;
-    const char *command;
-};
-void PrintTo(const Undone &undone, std::ostream *out) { *out << undone.command; }
-
-// Every so many points are tried, and of the first call only: 'make test-long' tries each one of all.
-const char *given_step() { return getenv("KESTA_TEST_KILL_STEP"); }
-
-int kill_step()
-{
-    constexpr int wider = 10;
-    return given_step() != nullptr ? std::atoi(given_step()) : KESTA_KILL_STEP * wider;
-}
+// Fewer points than of other commands are tried, and of the first call only: an undo needs a change each time.
+constexpr int wider = 10;
+int undo_kill_step() { return kill_step(KESTA_KILL_STEP * wider); }
 
 std::vector<std::string> tried_of(std::vector<std::string> calls)
 {
     constexpr std::size_t first_calls = 1;
-    calls.resize(given_step() != nullptr ? calls.size() : first_calls);
+    calls.resize(given_kill_step() != nullptr ? calls.size() : first_calls);
     return calls;
 }
 
 }  // namespace
 
-class KilledUndo : public SavedGroup, public testing::WithParamInterface<Undone> {
+class KilledUndo : public KilledGroup {
 protected:
-    using Contents = std::map<std::string, std::string>;
-
-    KilledUndo()
-    {
-        fs::copy_file(KESTA_FAST_CLOCK_LIBRARY, host_path(0, "opt/libfast_clock.so"));
-        define("");
-        succeed("kestactl save network && kestactl accept");
-    }
-
-    // Waits for a dead one's inner lock pass at once.
-    Ran quickly(const std::string &command) const
-    {
-        return on(0, "export LD_PRELOAD=/opt/libfast_clock.so; " + command);
-    }
-
     // A change that can be undone: what was before it, and what it left.
     void make_work(const std::string &mark)
     {
@@ -59,15 +33,6 @@ protected:
         before_ = contents();
         succeed(std::string("kestactl ") + GetParam().command);
         left_ = contents();
-    }
-    Contents contents() const
-    {
-        return {{"flash backup", read_file(host_path(0, flash_backup.substr(1)))},
-                {"flash accept", read_file(host_path(0, flash_accept.substr(1)))},
-                {"backup slot", slot("kesta_backup0")},
-                {"accept slot", slot("kesta_backup1")},
-                {"file one", read_file(host_path(0, "etc/app/one"))},
-                {"file two", read_file(host_path(0, "etc/app/more/two"))}};
     }
     void expect_nothing_lost(const std::string &where) const
     {
@@ -111,7 +76,7 @@ TEST_P(KilledUndo, AtEachCallOfThePlatform)
     int kills = 0;
     for (const std::string &call :
          tried_of({"nv_write_mid", "sb_open", "nv_read", "nv_write", "sb_write", "sb_close"})) {
-        for (int n = 1;; n += kill_step()) {
+        for (int n = 1;; n += undo_kill_step()) {
             const std::string where = call + " " + std::to_string(n);
             make_work(where);
             write_file(host_path(0, "opt/faults"), where + " once kill\n");
@@ -134,7 +99,7 @@ TEST_P(KilledUndo, AtEachSystemCallThatChangesAFile)
     int kills = 0;
     for (const std::string &call :
          tried_of({"fsync", "renameat", "write", "pwrite64", "rename", "linkat", "unlink", "unlinkat"})) {
-        for (int n = 1;; n += kill_step()) {
+        for (int n = 1;; n += undo_kill_step()) {
             const std::string where = call + " " + std::to_string(n);
             make_work(where);
             const Ran killed = on(0, "strace -qq -o /dev/null -e trace=" + call + " -e inject=" + call +
@@ -155,6 +120,6 @@ TEST_P(KilledUndo, AtEachSystemCallThatChangesAFile)
 #endif
 
 INSTANTIATE_TEST_SUITE_P(Changes, KilledUndo,
-                         testing::Values(Undone{"save", "save network"}, Undone{"accept", "accept"},
-                                         Undone{"restore", "restore network"}),
-                         [](const testing::TestParamInfo<Undone> &tested) { return tested.param.name; });
+                         testing::Values(Killed{"save", "save network"}, Killed{"accept", "accept"},
+                                         Killed{"restore", "restore network"}),
+                         [](const testing::TestParamInfo<Killed> &tested) { return tested.param.name; });
