@@ -35,7 +35,8 @@ constexpr std::array<DumpRegion, 5> dump_regions{{
     region("KESTA_SYNC", offsetof(KESTA_VOLATILE, sync_flag), offsetof(KESTA_VOLATILE, cnttbl)),
     region("CNT_COMMON_TBL", offsetof(KESTA_VOLATILE, cnttbl), offsetof(KESTA_VOLATILE, wwn)),
     // What is not used, and the items that have come to lie there.
-    region("FILLER", offsetof(KESTA_VOLATILE, guid) + sizeof(KESTA_VOLATILE::guid), offsetof(KESTA_VOLATILE, innerlock)),
+    region("FILLER", offsetof(KESTA_VOLATILE, guid) + sizeof(KESTA_VOLATILE::guid),
+           offsetof(KESTA_VOLATILE, innerlock)),
     region("INNERLOCK", offsetof(KESTA_VOLATILE, innerlock), sizeof(KESTA_VOLATILE)),
 }};
 
