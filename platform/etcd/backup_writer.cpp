@@ -295,6 +295,23 @@ int BackupWriter::fail(BackupArea &area, const KeyValue &from, int error, bool u
     return error;
 }
 
+// Fails before a publication was sent. An earlier one of the same contents that went unanswered is still what whoever
+// repeats it asks about. Contents that did not go up whole can't be told from it.
+int BackupWriter::fail_unsent(BackupArea &area, const KeyValue &from, int error)
+{
+    const auto found = area.unpublished().find(name_);
+    const Manifest mine = manifest();
+    if (found == area.unpublished().end() || !found->second.unknown ||
+        (broken_ == 0 && (found->second.length != mine.length || found->second.checksum != mine.checksum))) {
+        return fail(area, from, error, false);
+    }
+    found->second.error = error;
+    if (error != -ETIMEDOUT) {
+        abandon(area);
+    }
+    return error;
+}
+
 void BackupWriter::finish(BackupArea &area, std::int64_t revision)
 {
     area.unpublished().erase(name_);
@@ -371,7 +388,7 @@ int BackupWriter::look_before(BackupArea &area, KeyValue &now)
 int BackupWriter::publish(BackupArea &area)
 {
     if (broken_ != 0) {
-        return fail(area, {}, broken_, false);
+        return fail_unsent(area, {}, broken_);
     }
     if (is_large()) {
         broken_ = upload(area, true);
@@ -383,7 +400,7 @@ int BackupWriter::publish(BackupArea &area)
         error = settle_earlier(area, now, done);
     }
     if (error != 0) {
-        return fail(area, now, error, false);
+        return fail_unsent(area, now, error);
     }
     if (done) {
         abandon(area);

@@ -51,6 +51,7 @@ private:
     TxnRequest publication(const FileKeys &keys, const KeyValue &from) const;
     int settle_earlier(BackupArea &area, const KeyValue &now, bool &done);
     int fail(BackupArea &area, const KeyValue &from, int error, bool unknown);
+    int fail_unsent(BackupArea &area, const KeyValue &from, int error);
     void finish(BackupArea &area, std::int64_t revision);
     Manifest manifest() const;
     bool is_large() const { return contents_.size() > largest_inline; }

@@ -280,6 +280,20 @@ TEST_F(EtcdBackup, UnansweredSmallFileDoesNotComeBack)
     EXPECT_EQ(b.read(), "first");
 }
 
+TEST_F(EtcdBackup, RepetitionThatFailsItselfLetsNothingComeBackEither)
+{
+    ASSERT_EQ(a.write("before"), 0);
+    members[0].order({"Txn", Fate::answered});  // its look
+    order_all({"Txn", Fate::lost});
+    order_all({"Txn", Fate::unheard, 0, "", true});
+    EXPECT_EQ(a.write("first"), -ETIMEDOUT);  // and it is there
+    EXPECT_EQ(a.write("first"), -ETIMEDOUT);  // nothing was sent
+    heal();
+    ASSERT_EQ(b.write("later"), 0);
+    EXPECT_EQ(a.write("first"), 0);
+    EXPECT_EQ(b.read(), "later");
+}
+
 TEST_F(EtcdBackup, SizeIsNotRecordedForContentsThatWereNotPublished)
 {
     ASSERT_EQ(a.write(large), 0);
