@@ -260,6 +260,13 @@ TxnRequest BackupWriter::publication(const FileKeys &keys, const KeyValue &from)
     return request;
 }
 
+// The earlier publication may have been carried out, and was of the same contents.
+bool BackupWriter::repeats(const Unpublished &earlier) const
+{
+    const Manifest mine = manifest();
+    return earlier.unknown && earlier.length == mine.length && earlier.checksum == mine.checksum;
+}
+
 // A publication of the same contents to the same name went unanswered earlier: its writer repeats it now. Where it was
 // carried out it is done, whatever came later.
 int BackupWriter::settle_earlier(BackupArea &area, const KeyValue &now, bool &done)
@@ -269,9 +276,8 @@ int BackupWriter::settle_earlier(BackupArea &area, const KeyValue &now, bool &do
         return 0;
     }
     const Unpublished &earlier = found->second;
-    const Manifest mine = manifest();
     int error = 0;
-    if (earlier.unknown && earlier.length == mine.length && earlier.checksum == mine.checksum) {
+    if (repeats(earlier)) {
         const Published published = settle_publication(area, earlier.from, now, earlier.upload, error);
         done = published == Published::yes;
         if (published == Published::unknown) {
@@ -300,9 +306,9 @@ int BackupWriter::fail(BackupArea &area, const KeyValue &from, int error, bool u
 int BackupWriter::fail_unsent(BackupArea &area, const KeyValue &from, int error)
 {
     const auto found = area.unpublished().find(name_);
-    const Manifest mine = manifest();
-    if (found == area.unpublished().end() || !found->second.unknown ||
-        (broken_ == 0 && (found->second.length != mine.length || found->second.checksum != mine.checksum))) {
+    const bool is_kept =
+        found != area.unpublished().end() && (broken_ != 0 ? found->second.unknown : repeats(found->second));
+    if (!is_kept) {
         return fail(area, from, error, false);
     }
     found->second.error = error;

@@ -50,6 +50,7 @@ private:
     int publish_over(BackupArea &area, KeyValue from);
     TxnRequest publication(const FileKeys &keys, const KeyValue &from) const;
     int settle_earlier(BackupArea &area, const KeyValue &now, bool &done);
+    bool repeats(const Unpublished &earlier) const;
     int fail(BackupArea &area, const KeyValue &from, int error, bool unknown);
     int fail_unsent(BackupArea &area, const KeyValue &from, int error);
     void finish(BackupArea &area, std::int64_t revision);
