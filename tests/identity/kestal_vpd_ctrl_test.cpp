@@ -438,6 +438,16 @@ TEST_F(VpdFlow, ClosingForTheDiskChoosesThePair)
     EXPECT_EQ(p().sysback["kesta_backup0"].bytes, "collected");
 }
 
+TEST_F(VpdFlow, ClosingForTheDiskTakesTheSecondSlotForANameThatIsNone)
+{
+    write_file("/var/run/kesta_sys/tmp/backup.tar.Z", "collected");
+    use_slots("kesta_backup0", "kesta_backup7");
+    EXPECT_EQ(kestal_update_vpdinfo_collect_close(1), 0);
+    EXPECT_STREQ(vpd_state.accept_name, "kesta_backup1");
+    EXPECT_STREQ(vpd_state.backup_name, "kesta_backup0");
+    EXPECT_EQ(p().sysback["kesta_backup1"].bytes, "collected");
+}
+
 TEST_F(VpdFlow, ClosingForTheDiskTellsWhatFailed)
 {
     EXPECT_EQ(kestal_update_vpdinfo_collect_close(1), -1);

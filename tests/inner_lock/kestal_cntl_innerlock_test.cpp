@@ -629,6 +629,29 @@ TEST_F(InnerLock, WhoeverWasStoppedBeforeItsSweepClearsNothing)
     EXPECT_EQ(p().count("Irrigal"), 1);
 }
 
+// A trace may block for as long: the claim that was to be withdrawn may be somebody else's by then.
+TEST_F(InnerLock, WhoeverWasStoppedBeforeItWithdrawsLeavesTheSlot)
+{
+    after("nv_write", 1, [&] { hold(1, 5); });
+    p().after_trace = [&](const std::string &text) {
+        if (text == "[kestal_cntl_innerlock] InnerLock Reset") {
+            p().clock_us += 31 * second_us;
+            p().after_trace = nullptr;
+            clear(1);
+            hold(0, 4711);  // another process of this controller has passed it by
+        }
+    };
+    at_sleep([&](int n) {
+        if (n == 1) {
+            EXPECT_EQ(token(0), 4711);
+            clear(0);
+        }
+    });
+    EXPECT_EQ(kestal_cntl_innerlock(0), 0);
+    EXPECT_EQ(p().count("InnerLock Reset Failed"), 0);
+    EXPECT_EQ(p().calls_of("nv_write").size(), 2u) << "its claim, and the one that held";
+}
+
 TEST_F(InnerLock, ThirtySecondsExactlyAreNotLate)
 {
     after("nv_read", 1, [&] { p().clock_us += 30 * second_us; });

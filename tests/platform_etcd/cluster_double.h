@@ -27,12 +27,13 @@ protected:
         etcd::ClusterSettings settings;
         std::string why;
         EXPECT_TRUE(etcd::parse_endpoints(endpoints(), settings.endpoints, why));
-        settings.times.connect_ms = 100;
-        settings.times.request_ms = 60;
-        settings.times.transfer_ms = 200;
-        settings.times.chunk_ms = 400;
-        settings.times.silence_ms = 500;
-        settings.times.silent_transfer_ms = 70;
+        // Short, for those who wait for the end of a time; long enough for a machine that stands still for a moment.
+        settings.times.connect_ms = 500;
+        settings.times.request_ms = 200;
+        settings.times.transfer_ms = 1000;
+        settings.times.chunk_ms = 2000;
+        settings.times.silence_ms = 1500;
+        settings.times.silent_transfer_ms = 400;
         return settings;
     }
 

@@ -1,6 +1,8 @@
 // The two libraries as a program has them: settings, fork, and threads that are cancelled.
 #include <errno.h>
+#include <execinfo.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -56,13 +58,24 @@ int write_file(const char *name, const std::string &bytes)
     return written < 0 ? written : closed;
 }
 
-// The exit code of a body in a child; its traces go to the file.
+int told_at = -1;  // where a child that hangs says in which function
+
+void tell_where(int /*signal*/)
+{
+    std::array<void *, 40> frames;
+    backtrace_symbols_fd(frames.data(), backtrace(frames.data(), static_cast<int>(frames.size())), told_at);
+    _exit(9);
+}
+
+// The exit code of a body in a child; its traces go to the file. One that hangs says where, and ends with 9.
 int in_child(const std::function<bool()> &body, const std::string &traces = "/dev/null")
 {
     const pid_t child = fork();
     if (child == 0) {
-        (void)(freopen(traces.c_str(), "w", stderr) != nullptr);
+        told_at = dup(STDERR_FILENO);
+        (void)signal(SIGALRM, tell_where);
         alarm(20);
+        (void)(freopen(traces.c_str(), "w", stderr) != nullptr);
         _exit(body() ? 0 : 1);
     }
     int status = -1;
@@ -247,8 +260,8 @@ int main(int argc, char **argv)
 {
     setenv("KESTA_PLATFORM_CONF", "/nonexistent", 1);
     setenv("KESTA_PLATFORM_TRACE_TARGET", "stderr", 1);
-    setenv("KESTA_PLATFORM_TRANSFER_MS", "300", 1);
-    setenv("KESTA_PLATFORM_REQUEST_MS", "80", 1);
+    setenv("KESTA_PLATFORM_TRANSFER_MS", "1500", 1);
+    setenv("KESTA_PLATFORM_REQUEST_MS", "300", 1);
     if (argc == 3 && std::string(argv[1]) == "--faults") {
         setenv("KESTA_PLATFORM_NV_ENDPOINTS", argv[2], 1);
         return write_nv("x") == -ENOSPC && write_nv("x") == 0 && write_file("f", "abc") == -EIO &&

@@ -26,6 +26,7 @@ MemberDouble::MemberDouble(StoreDouble &store) : store_(store)
     }
     port_ = ntohs(address.sin_port);
     thread_ = std::thread([this] { run(); });
+    started_.wait(false);
 }
 
 MemberDouble::~MemberDouble()
@@ -94,6 +95,9 @@ void MemberDouble::run()
         std::vector<struct pollfd> waiting{{wake_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
         for (const auto &[fd, connection] : open_) {
             waiting.push_back({fd, static_cast<short>(connection->wants_to_send() ? POLLIN | POLLOUT : POLLIN), 0});
+        }
+        if (!started_.exchange(true)) {
+            started_.notify_all();
         }
         (void)poll(waiting.data(), waiting.size(), -1);
         if (waiting[0].revents != 0) {

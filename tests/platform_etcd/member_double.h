@@ -16,6 +16,8 @@ namespace test {
 
 class MemberDouble : public Fates {
 public:
+    // Its thread is idle afterwards. A test may fork then: a thread that is just starting may hold what the
+    // sanitizer's allocator needs in the child, which nobody would let go of there.
     explicit MemberDouble(StoreDouble &store);
     ~MemberDouble() override;
     MemberDouble(const MemberDouble &) = delete;
@@ -43,6 +45,7 @@ private:
     int wake_[2] = {-1, -1};
     unsigned port_ = 0;
     std::atomic<int> connections_{0};
+    std::atomic<bool> started_{false};
     std::mutex mutex_;
     std::deque<Order> orders_;
     std::vector<std::pair<std::string, std::string>> late_;

@@ -246,17 +246,13 @@ TEST_P(EtcdFate, OneMemberThatFailsACallIsPassedBy)
     }
 }
 
-TEST_P(EtcdFate, NobodyAnsweringIsToldInTime)
+TEST_P(EtcdFate, NobodyAnsweringIsTold)
 {
     Writer a(settings());
     ASSERT_EQ(a.write(0, "start"), 0);
     order_all({"", GetParam(), 14, "etcdserver: request timed out", true});
-    for (int i = 0; i < 2; ++i) {
-        const std::int64_t begun = etcd::now_ms();
-        EXPECT_EQ(a.write(0, "other"), -ETIMEDOUT);
-        EXPECT_EQ(a.read(0, 5), "(" + std::to_string(-ETIMEDOUT) + ")");
-        EXPECT_LE(etcd::now_ms() - begun, 600);  // two transfers, of 200 ms each
-    }
+    EXPECT_EQ(a.write(0, "other"), -ETIMEDOUT);
+    EXPECT_EQ(a.read(0, 5), "(" + std::to_string(-ETIMEDOUT) + ")");
     heal();
     EXPECT_EQ(a.read(0, 5).size(), 5U);
     EXPECT_EQ(a.write(0, "after"), 0);
@@ -304,12 +300,12 @@ TEST_F(EtcdNv, AfterALongSilenceTransfersAreShortUntilSomebodyAnswers)
     while (etcd::now_ms() - begun < settings().times.silence_ms) {
         (void)a.read(0, 1);
     }
-    const std::int64_t silent = etcd::now_ms();
+    EXPECT_LE(a.client().allow_transfer().deadline.left_ms(), settings().times.silent_transfer_ms);
+    EXPECT_LE(a.client().allow_chunk().deadline.left_ms(), settings().times.silent_transfer_ms);
     EXPECT_EQ(a.read(0, 1), "(" + std::to_string(-ETIMEDOUT) + ")");
-    EXPECT_LT(etcd::now_ms() - silent, settings().times.transfer_ms - 50);
     heal();
     EXPECT_EQ(a.read(0, 5), "start");
-    EXPECT_EQ(a.client().allow_transfer().deadline.left_ms() > settings().times.silent_transfer_ms, true);
+    EXPECT_GT(a.client().allow_chunk().deadline.left_ms(), settings().times.silent_transfer_ms);
 }
 
 TEST_F(EtcdNv, ZerosAreWrittenToARegionThatIsNotThere)

@@ -235,6 +235,9 @@ __attribute__((weak)) void MC_OutTrace(const char *file, int line, int level, co
     EXPECT_PRED1(test::is_trace_path, std::string(file));
     const std::lock_guard guard(test::mutex);
     platform().traces.push_back({level, text, file});
+    if (platform().after_trace) {
+        platform().after_trace(text);
+    }
     errno = 999;  // a trace may change errno: messages must not print what it left
 }
 

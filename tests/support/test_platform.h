@@ -68,6 +68,7 @@ struct Platform {
     // --- hooks
     std::function<void(const std::string &call)> before_call;
     std::function<void(const std::string &call)> after_call;
+    std::function<void(const std::string &text)> after_trace;
 
     // --- special results
     int close_flag = 1;
