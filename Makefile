@@ -105,7 +105,8 @@ stress-hosts: build
 # Which lines and branches of the library the tests run.
 coverage: deps
 	cmake --preset coverage > /dev/null
-	cmake --build --preset coverage -j $(JOBS) --target library_test processes_test threads_test power_cut_test
+	cmake --build --preset coverage -j $(JOBS) --target library_test processes_test threads_test power_cut_test \
+		environment_shower
 	scripts/coverage.sh build/coverage build/coverage/report
 
 # The reference of the headers, in build/docs/html.
