@@ -423,29 +423,26 @@ TEST_F(VpdFlow, ClosingStopsAtItsFirstFailure)
 
 TEST_F(VpdFlow, ClosingForTheDiskChoosesThePair)
 {
-    write_file("/var/run/kesta_sys/tmp/backup.tar.Z", "collected");
-    use_slots("kesta_backup0", "kesta_backup1");
-    EXPECT_EQ(kestal_update_vpdinfo_collect_close(1), 0);
-    EXPECT_STREQ(vpd_state.accept_name, "kesta_backup1");
-    EXPECT_STREQ(vpd_state.backup_name, "kesta_backup0");
-    EXPECT_EQ(p().sysback["kesta_backup1"].bytes, "collected");
-    EXPECT_THAT(p().system_commands, ElementsAre(collect + "1 > /dev/null 2>&1"));
-
-    use_slots("kesta_backup1", "kesta_backup0");
-    EXPECT_EQ(kestal_update_vpdinfo_collect_close(1), 0);
-    EXPECT_STREQ(vpd_state.accept_name, "kesta_backup0");
-    EXPECT_STREQ(vpd_state.backup_name, "kesta_backup1");
-    EXPECT_EQ(p().sysback["kesta_backup0"].bytes, "collected");
-}
-
-TEST_F(VpdFlow, ClosingForTheDiskTakesTheSecondSlotForANameThatIsNone)
-{
-    write_file("/var/run/kesta_sys/tmp/backup.tar.Z", "collected");
-    use_slots("kesta_backup0", "kesta_backup7");
-    EXPECT_EQ(kestal_update_vpdinfo_collect_close(1), 0);
-    EXPECT_STREQ(vpd_state.accept_name, "kesta_backup1");
-    EXPECT_STREQ(vpd_state.backup_name, "kesta_backup0");
-    EXPECT_EQ(p().sysback["kesta_backup1"].bytes, "collected");
+    const struct {
+        const char *backup;
+        const char *accept;
+        const char *taken;  // for the accepted one
+        const char *other;
+    } rows[] = {
+        {"kesta_backup0", "kesta_backup1", "kesta_backup1", "kesta_backup0"},
+        {"kesta_backup1", "kesta_backup0", "kesta_backup0", "kesta_backup1"},
+        {"kesta_backup0", "kesta_backup7", "kesta_backup1", "kesta_backup0"},  // a name that is no slot's
+    };
+    for (const auto &row : rows) {
+        write_file("/var/run/kesta_sys/tmp/backup.tar.Z", std::string("collected for ") + row.accept);
+        use_slots(row.backup, row.accept);
+        p().system_commands.clear();
+        EXPECT_EQ(kestal_update_vpdinfo_collect_close(1), 0);
+        EXPECT_STREQ(vpd_state.accept_name, row.taken);
+        EXPECT_STREQ(vpd_state.backup_name, row.other);
+        EXPECT_EQ(p().sysback[row.taken].bytes, std::string("collected for ") + row.accept);
+        EXPECT_THAT(p().system_commands, ElementsAre(collect + "1 > /dev/null 2>&1"));
+    }
 }
 
 TEST_F(VpdFlow, ClosingForTheDiskTellsWhatFailed)
