@@ -75,6 +75,13 @@ void KeptContents::read(std::size_t number, const std::function<void()> &look, c
     }
 }
 
+void KeptContents::require_intact() const
+{
+    if (spool_) {
+        spool_->require_written();
+    }
+}
+
 void KeptContents::drop_from(std::size_t number)
 {
     const std::size_t place = place_of(number);

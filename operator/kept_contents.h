@@ -1,6 +1,6 @@
 // Contents of an archive's members that are kept aside while it is unpacked to be tested and compared, so that what is
-// restored of them doesn't take a second unpacking. They come from the very pass that finds the archive whole, and never
-// leave this process: nothing has to be known of them to tell that they are still the same.
+// restored of them doesn't take a second unpacking. They come from the very pass that finds the archive whole, and nobody
+// else can reach them: no checksum has to tell that they are still the same.
 #pragma once
 
 #include <cstddef>
@@ -41,6 +41,9 @@ public:
     // The pieces of a member that is there, in the order in which they came; looks before each, which may throw. Throws
     // Failure: they can't be read back.
     void read(std::size_t number, const std::function<void()> &look, const TakePiece &take) const;
+
+    // To be asked before what was read is used: the disk may have failed to keep it. Throws Failure.
+    void require_intact() const;
 
     // Gives up this member and those behind it, and their room.
     void drop_from(std::size_t number);

@@ -258,6 +258,7 @@ void stage_files(const Archive &archive, RestoredFiles &files, FileChanges &chan
             stage_file(stage(file), file, read, changes, owners);
             files.kept.drop_from(file.contents);
         });
+        files.kept.require_intact();
         for (const RestoredFile &file : files.members) {
             if (file.member.kind == MemberKind::link && changes.replaced.contains(file.path())) {
                 stage_link(stage(file), file, owners);

@@ -81,6 +81,7 @@ bool Spool::append(std::string_view bytes)
     if (tail_.size() + bytes.size() > rule_.in_memory && !write_tail()) {
         return false;
     }
+    tail_.reserve(rule_.in_memory);  // once: a text that grows is in memory twice
     tail_.append(bytes);
     return true;
 }
@@ -113,6 +114,14 @@ std::string_view Spool::read(std::uint64_t offset, std::uint64_t most, std::stri
         fail_file("What is kept aside in " + rule_.folder, "read back");
     }
     return {buffer.data(), static_cast<std::size_t>(got)};
+}
+
+// Flushes nothing: it waits for what the kernel writes already, and tells of what failed since the file was made.
+void Spool::require_written() const
+{
+    if (file_ && sync_file_range(file_.get(), 0, 0, SYNC_FILE_RANGE_WAIT_BEFORE) != 0) {
+        fail_file("What is kept aside in " + rule_.folder, "written");
+    }
 }
 
 }  // namespace engine

@@ -13,7 +13,7 @@ namespace engine {
 
 struct SpoolRule {
     std::string folder;  // on a disk, and root's alone
-    std::uint64_t in_memory = std::uint64_t{1} << 20;
+    std::uint64_t in_memory = std::uint64_t{512} << 10;
     std::uint64_t bytes = std::uint64_t{256} << 20;  // in all
     std::uint64_t spared = 0;                        // of the room on the disk: what else the run writes there
 };
@@ -34,6 +34,9 @@ public:
     // What is at an offset, up to so many bytes and to the size of the buffer, which may hold them afterwards. Never
     // nothing, within the size. Throws Failure: they can't be read back.
     std::string_view read(std::uint64_t offset, std::uint64_t most, std::string &buffer) const;
+
+    // Once all is read: nothing of it went to the disk in vain, and came back as something else. Throws Failure.
+    void require_written() const;
 
 private:
     bool write_tail();
