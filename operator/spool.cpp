@@ -63,7 +63,9 @@ bool Spool::write_tail()
     if (size() > most_in_file_) {
         return false;
     }
-    if (!write_at(file_.get(), in_file_, tail_)) {
+    const bool is_written = write_at(file_.get(), in_file_, tail_);
+    length_ = std::max(length_, size());
+    if (!is_written) {
         cut_file();
         most_in_file_ = 0;  // it is not tried again and again
         return false;
@@ -90,14 +92,17 @@ void Spool::cut(std::uint64_t size)
 {
     tail_.resize(size > in_file_ ? size - in_file_ : 0);
     in_file_ = std::min(in_file_, size);
-    cut_file();
+    if (in_file_ == 0 || length_ - in_file_ >= rule_.in_memory) {
+        cut_file();
+    }
 }
 
 void Spool::cut_file()
 {
-    if (file_ && ftruncate(file_.get(), static_cast<off_t>(in_file_)) != 0) {
+    if (length_ > in_file_ && ftruncate(file_.get(), static_cast<off_t>(in_file_)) != 0) {
         most_in_file_ = 0;  // what is in it can be read, but it is not to grow
     }
+    length_ = in_file_;
 }
 
 std::string_view Spool::read(std::uint64_t offset, std::uint64_t most, std::string &buffer) const

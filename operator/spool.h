@@ -28,7 +28,8 @@ public:
     // The file takes a quarter at most of what is free on its disk when it is made.
     bool append(std::string_view bytes);
 
-    // Gives up what is behind so many bytes, and its room.
+    // Gives up what is behind so many bytes, and its room: not for each little piece, but as soon as it is as much as may be
+    // in memory.
     void cut(std::uint64_t size);
 
     // What is at an offset, up to so many bytes and to the size of the buffer, which may hold them afterwards. Never
@@ -47,6 +48,7 @@ private:
     bool is_made_ = false;  // or could not be
     Descriptor file_;
     std::uint64_t in_file_ = 0;
+    std::uint64_t length_ = 0;  // of the file, with what was given up and not cut off yet
     std::uint64_t most_in_file_ = 0;
     std::string tail_;  // what comes behind those in the file
 };
