@@ -1,7 +1,7 @@
 # The commands of the README. Each one installs what it needs first (scripts/install-deps.sh).
 
 .DEFAULT_GOAL := build
-.PHONY: build build-asan demo demo-hosts test test-hosts test-long bench stress stress-hosts check-release check-asan check-tsan check-tidy tidy check-format check-models check-fuzz fuzz coverage docs packages install deps clean
+.PHONY: build build-asan demo demo-hosts test test-hosts test-long bench stress stress-hosts check-release check-asan check-tsan check-tidy tidy check-format check-models fuzz coverage docs packages install deps clean
 
 JOBS ?= $(shell nproc)
 # Tests wait for one another's processes more than they compute.
@@ -37,7 +37,7 @@ test-long: build
 
 # Every test: as shipped, under the address, undefined behaviour and thread sanitizers, and the
 # static checks of the library, its platforms and the lab.
-test: check-format check-release check-asan check-tsan check-tidy check-models check-fuzz
+test: check-format check-release check-asan check-tsan check-tidy check-models
 	@echo "All tests passed."
 
 # Each part says when it began: where the time goes is seen in any log.
@@ -81,11 +81,7 @@ check-models: deps
 	$(began)
 	scripts/check_models.sh
 
-# Seconds of fuzzing in the tests; a minute for each target by itself.
-check-fuzz: build-asan
-	$(began)
-	scripts/fuzz.sh build/asan check
-
+# A minute for each target by itself; check-asan gives them some hundreds or thousands of runs.
 fuzz: build-asan
 	scripts/fuzz.sh build/asan -max_total_time=60
 
@@ -105,7 +101,8 @@ stress-hosts: build
 # Which lines and branches of the library the tests run.
 coverage: deps
 	cmake --preset coverage > /dev/null
-	cmake --build --preset coverage -j $(JOBS) --target library_test processes_test threads_test power_cut_test
+	cmake --build --preset coverage -j $(JOBS) --target library_test processes_test threads_test power_cut_test \
+		environment_shower
 	scripts/coverage.sh build/coverage build/coverage/report
 
 # The reference of the headers, in build/docs/html.

@@ -55,10 +55,7 @@ private:
 int check_plain(int fd)
 {
     struct stat status;
-    if (fstat(fd, &status) != 0) {
-        return errno;
-    }
-    if (!S_ISREG(status.st_mode)) {
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
         return EINVAL;
     }
     return status.st_nlink == 1 ? 0 : EMLINK;

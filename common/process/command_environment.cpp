@@ -21,21 +21,18 @@ constexpr std::array<const char *, 13> steering_variables{
 
 pthread_once_t settled = PTHREAD_ONCE_INIT;
 
-// Removing a variable moves those behind it up, so the same place is looked at again.
+// In place: nothing here needs memory, so nothing of it can fail.
 void drop_shell_functions()
 {
     const std::size_t length = strlen(shell_function);
-    for (char **variable = environ; variable && *variable;) {
-        const char *end = strchr(*variable, '=');
-        if (!end || strncmp(*variable, shell_function, length) != 0) {
-            ++variable;
-            continue;
+    char **kept = environ;
+    for (char **variable = environ; variable && *variable; ++variable) {
+        if (strncmp(*variable, shell_function, length) != 0) {
+            *kept++ = *variable;
         }
-        char *name = strndup(*variable, static_cast<std::size_t>(end - *variable));
-        if (!name || unsetenv(name) != 0) {
-            ++variable;
-        }
-        free(name);
+    }
+    if (kept) {
+        *kept = nullptr;
     }
 }
 
@@ -48,9 +45,8 @@ void settle()
         (void)unsetenv(name);  // fails for names that are none only
     }
     drop_shell_functions();
-    if (setenv("PATH", own_path, 1) != 0) {
-        (void)unsetenv("PATH");  // no memory: the shell has a path of its own
-    }
+    (void)unsetenv("PATH");
+    (void)setenv("PATH", own_path, 1);  // fails without memory: the shell has a path of its own
 }
 
 }  // namespace

@@ -189,14 +189,17 @@ TEST_F(LabRemote, ScriptsRefuseWhatCanNotBeSent)
 TEST_F(Lab, CallerOfASetUserIdProgramDoesNotChooseWhatItRuns)
 {
     fs::copy_file(std::string(KESTA_BIN_DIR) + "/environment_shower", host_path(0, "opt/shower"));
-    const std::string plain = "PATH=/evil:/usr/bin TAR_OPTIONS=--evil BASH_ENV=/evil LANG=C ";
-    EXPECT_EQ(on(0, plain + "/opt/shower").out, "/evil:/usr/bin --evil /evil C\n") << "the caller's own";
+    // A shell function stands between others that go, and at the end.
+    const std::string plain =
+        "/usr/bin/env 'BASH_FUNC_tar%%=() { evil; }' 'BASH_FUNC_cp%%=() { evil; }' TAR_OPTIONS=--evil "
+        "BASH_ENV=/evil LANG=C PATH=/evil:/usr/bin 'BASH_FUNC_rm%%=() { evil; }' ";
+    EXPECT_EQ(on(0, plain + "/opt/shower").out, "3 /evil:/usr/bin --evil /evil C\n") << "the caller's own";
     if (geteuid() == 0) {
         const Ran shown =
             on(0,
                "mkdir /tmp/suid && mount -t tmpfs tmpfs /tmp/suid && cp /opt/shower /tmp/suid && "
                "chmod 4755 /tmp/suid/shower && " +
                    plain + "/usr/bin/setpriv --reuid 54321 --regid 54321 --clear-groups /tmp/suid/shower");
-        EXPECT_EQ(shown.out, "/usr/sbin:/usr/bin:/sbin:/bin   C\n") << shown.err;
+        EXPECT_EQ(shown.out, "0 /usr/sbin:/usr/bin:/sbin:/bin   C\n") << shown.err;
     }
 }

@@ -484,13 +484,14 @@ int __wrap_pclose(FILE *stream)
 {
     Platform &p = platform();
     const bool fails = p.meets_fault("pclose", "pclose");
-    const std::lock_guard guard(test::mutex);
+    std::unique_lock guard(test::mutex);
     --p.open_pipes;
     int status;
     if (test::fake_pipes.erase(stream) == 1) {
         status = test::pipe_status[stream];
         fclose(stream);
     } else {
+        guard.unlock();  // it waits for the command, which may wait for the test
         status = __real_pclose(stream);
     }
     return fails ? -1 : status;
