@@ -88,18 +88,18 @@ bool ComparedContents::holds(const Descriptor &file, std::uint64_t size, const R
     return comparison.ends_at(size);
 }
 
-void ComparedContents::compare(const Member &member, const ReadMember &read, const GroupPlaces &places)
+bool ComparedContents::compare(const Member &member, const ReadMember &read, const GroupPlaces &places)
 {
     Entry entry;
     try {
         entry = places.entry(member.path);
     } catch (const Failure &) {
-        return;  // told where it counts
+        return false;  // told where it counts
     }
     struct stat status {};
     const Descriptor file = entry ? open_plain(entry, status) : Descriptor();
     if (!file || !S_ISREG(status.st_mode) || static_cast<std::uint64_t>(status.st_size) != member.size) {
-        return;
+        return false;
     }
     // What is changed from here on is marked with this time or a later one.
     const bool is_settled = is_before(status.st_ctim, file_clock());
@@ -107,6 +107,7 @@ void ComparedContents::compare(const Member &member, const ReadMember &read, con
     if (is_settled) {
         known_.insert_or_assign(member.number, Known{member.path, status, same});
     }
+    return is_settled && same;
 }
 
 std::optional<bool> ComparedContents::of(std::size_t number, const std::string &path, const struct stat &now) const

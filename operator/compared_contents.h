@@ -18,7 +18,8 @@ namespace engine {
 class ComparedContents {
 public:
     // Holds the file at a member's path against it, if there is a plain one of its size. Refuses nothing of the system's.
-    void compare(const Member &member, const ReadMember &read, const GroupPlaces &places);
+    // Whether it is known from now on that the file holds the same.
+    bool compare(const Member &member, const ReadMember &read, const GroupPlaces &places);
 
     // Whether the file at this path, which is in this state now, holds what the member of this number does. Nothing: they
     // were not compared, or the file may have been changed since. By its times, which the kernel alone sets: one that was

@@ -150,7 +150,7 @@ FileChanges compare_files(const Archive &archive, const RestoredFiles &files, co
             unknown[file.contents] = &file;
         }
     }
-    for_each_file(archive, unknown,
+    for_each_file(archive, files.kept, unknown,
                   [&compared](const RestoredFile &file, const ReadMember &read) { compared.compare_file(file, read); });
     for (const RestoredFile &file : files.members) {
         if (file.member.kind != MemberKind::file) {

@@ -22,7 +22,7 @@ struct FileChanges {
 
 // Compares, and looks whether each place may be written: a file where a folder is to be, or a path
 // that leads through a link, is refused. The archive is read again only for files that were changed since its members were
-// chosen. Throws Failure.
+// chosen, and of which nothing was kept. Throws Failure.
 FileChanges compare_files(const Archive &archive, const RestoredFiles &files, const GroupPlaces &places);
 
 }  // namespace engine

@@ -238,7 +238,7 @@ void remove_file(const std::string &path, const GroupPlaces &places)
 
 }  // namespace
 
-void stage_files(const Archive &archive, const RestoredFiles &files, FileChanges &changes, const GroupPlaces &places)
+void stage_files(const Archive &archive, RestoredFiles &files, FileChanges &changes, const GroupPlaces &places)
 {
     Owners owners;
     WrittenFileSystems written;
@@ -254,9 +254,11 @@ void stage_files(const Archive &archive, const RestoredFiles &files, FileChanges
         }
     }
     try {
-        for_each_file(archive, replaced, [&](const RestoredFile &file, const ReadMember &read) {
+        for_each_file(archive, files.kept, replaced, [&](const RestoredFile &file, const ReadMember &read) {
             stage_file(stage(file), file, read, changes, owners);
+            files.kept.drop_from(file.contents);
         });
+        files.kept.require_intact();
         for (const RestoredFile &file : files.members) {
             if (file.member.kind == MemberKind::link && changes.replaced.contains(file.path())) {
                 stage_link(stage(file), file, owners);

@@ -1,6 +1,7 @@
 #include "restored_files.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "archive_evidence.h"
 #include "failure.h"
@@ -11,7 +12,11 @@ namespace {
 
 class Choice {
 public:
-    Choice(const Archive &archive, const GroupPaths &paths) : archive_(archive), paths_(paths), places_(paths) {}
+    Choice(const Archive &archive, const GroupPaths &paths, KeptContents kept)
+        : archive_(archive), paths_(paths), places_(paths)
+    {
+        files_.kept = std::move(kept);
+    }
 
     void visit(const Member &member, const ReadMember &read)
     {
@@ -41,7 +46,7 @@ public:
             return;
         }
         if (member.kind == MemberKind::file) {
-            files_.compared.compare(member, read, places_);
+            compare(member, read);
         }
         const auto [at, is_new] = chosen_.emplace(member.path, files_.members.size());
         if (is_new) {
@@ -69,6 +74,30 @@ private:
                       "It was not made by 'kestactl save'. Restore the other environment with "
                       "--from, or save "
                       "this controller's again.");
+    }
+
+    // What is kept are the pieces that are compared: they can be read once.
+    void compare(const Member &member, const ReadMember &read)
+    {
+        KeptContents &kept = files_.kept;
+        if (!kept.is_wanted()) {
+            (void)files_.compared.compare(member, read, places_);
+            return;
+        }
+        bool is_read = false;
+        const auto keep = [&](const TakePiece &take) {
+            is_read = true;
+            read([&](std::uint64_t offset, std::string_view piece) {
+                kept.take(offset, piece);
+                take(offset, piece);
+            });
+        };
+        kept.begin(member.number);
+        const bool is_here = files_.compared.compare(member, keep, places_);
+        if (!is_read) {
+            read([&kept](std::uint64_t offset, std::string_view piece) { kept.take(offset, piece); });
+        }
+        kept.end(!is_here);
     }
 
     void visit_other(const Member &member)
@@ -156,9 +185,10 @@ void require_undamaged(const Archive &archive)
 
 }  // namespace
 
-RestoredFiles choose_files(const Archive &archive, const KESTA_BACKUP_FILE &definition, const GroupPaths &paths)
+RestoredFiles choose_files(const Archive &archive, const KESTA_BACKUP_FILE &definition, const GroupPaths &paths,
+                           KeptContents kept)
 {
-    Choice choice(archive, paths);
+    Choice choice(archive, paths, std::move(kept));
     try {
         for_each_member(archive,
                         [&choice](const Member &member, const ReadMember &read) { choice.visit(member, read); });
@@ -187,20 +217,29 @@ RestoredFiles choose_files(const Archive &archive, const KESTA_BACKUP_FILE &defi
     return files;
 }
 
-void for_each_file(const Archive &archive, const FilesByContents &wanted,
+void for_each_file(const Archive &archive, const KeptContents &kept, const FilesByContents &wanted,
                    const std::function<void(const RestoredFile &, const ReadMember &)> &visit)
 {
-    std::size_t left = wanted.size();
-    if (left == 0) {
+    FilesByContents packed;
+    for (auto at = wanted.rbegin(); at != wanted.rend(); ++at) {
+        const auto &[number, file] = *at;
+        if (!kept.has(number)) {
+            packed[number] = file;
+            continue;
+        }
+        visit(*file,
+              [&archive, &kept, contents = number](const TakePiece &take) { kept.read(contents, archive.look, take); });
+    }
+    if (packed.empty()) {
         return;
     }
     for_members_until(archive, [&](const Member &member, const ReadMember &read) {
-        const auto found = wanted.find(member.number);
-        if (found == wanted.end()) {
-            return true;
+        const auto found = packed.find(member.number);
+        if (found != packed.end()) {
+            visit(*found->second, read);
+            packed.erase(found);
         }
-        visit(*found->second, read);
-        return --left > 0;
+        return !packed.empty();
     });
 }
 

@@ -53,6 +53,9 @@ std::unique_ptr<KESTA_BACKUP_FILE> definition_of(const Wanted &wanted)
     return definition;
 }
 
+// In memory, in the file and not at all: small members come to each of them.
+KeptContents kept_by_all_means() { return KeptContents({.folder = "/", .in_memory = 512, .bytes = 8192}, 16); }
+
 std::string packed(const uint8_t *data, size_t size)
 {
     const std::string bytes(reinterpret_cast<const char *>(data), size);
@@ -84,7 +87,7 @@ bool restore(const Archive &archive, const Wanted &wanted)
     try {
         const auto definition = definition_of(wanted);
         const GroupPaths paths(*definition, wanted.only);
-        const RestoredFiles files = choose_files(archive, *definition, paths);
+        RestoredFiles files = choose_files(archive, *definition, paths, kept_by_all_means());
         FileChanges changes = compare_files(archive, files, GroupPlaces(paths));
         const GroupPlaces places(paths);
         changes_files = true;

@@ -304,6 +304,21 @@ TEST_F(KestactlRestore, ScriptThatFailsLeavesTheFilesAsTheyAre)
     EXPECT_EQ(file_on(0, log_file), "started\n") << "what was stopped is started again";
 }
 
+// So that the archive is not unpacked again once they have run.
+TEST_F(KestactlRestore, WhatDiffersIsKeptAsideWhileTheScriptsRun)
+{
+    define("", two_paths, script_line("pre-script", "sh /opt/look.sh", 1));
+    write_file(host_path(0, "opt/look.sh"),
+               "ls -l /proc/[0-9]*/fd 2> /dev/null | grep -q 'bakup/#.*(deleted)' && " + note("kept") + "; true\n");
+    succeed(
+        "head -c 600000 /dev/urandom > /etc/app/more/large && kestactl save network && cp -r /etc/app /opt/before && "
+        "echo spoiled > /etc/app/more/large");
+    const Ran restored = ctl(0, "restore network");
+    ASSERT_EQ(restored.code, 0) << restored.err;
+    EXPECT_EQ(file_on(0, log_file), "kept\n");
+    succeed("diff -r /etc/app /opt/before && ! ls -A /opt/kesta_sys/bakup | grep '#'");
+}
+
 TEST_F(KestactlRestore, LocksKeepOthersAway)
 {
     spoil();

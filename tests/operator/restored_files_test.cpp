@@ -1,19 +1,17 @@
 // How often an archive is unpacked for a restore and for a save, and that nothing is missed by unpacking it once.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 
 #include "archive_evidence.h"
-#include "archive_limits.h"
 #include "environment_archive.h"
 #include "placed_files.h"
 #include "private_root.h"
+#include "restored_group.h"
 #include "tar_samples.h"
-#include "test_platform.h"
 
 using namespace engine;
 using testing::ElementsAre;
@@ -22,57 +20,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char *path = "/opt/kesta_sys/bakup/.save.tar.Z";
-
-class RestoredFilesTest : public testing::Test {
-protected:
-    RestoredFilesTest()
-    {
-        test::reset();
-        test::clear_appliance_folders();
-        fs::remove(archive_limits_file);
-        fs::remove_all("/etc/app");
-        fs::create_directories("/etc/app/more");
-        for (const char *name : {"/etc/app/one", "/etc/app/two", "/etc/app/more/three"}) {
-            test::write_file(name, std::string(300000, name[9]));
-        }
-        strcpy(definition.groupname, "network");
-        strcpy(definition.setfile[0].pathname, "/etc/app");
-        make_archive(definition, path, [] {});
-        archive.contents = contents_of_path(path);
-        archive.name = "It";
-        archive.contents.pieces = [this, pieces = archive.contents.pieces] {
-            ++times_read;
-            return pieces();
-        };
-        let_files_settle();
-    }
-
-    // What is changed in the very moment in which it is compared is not known: the clock of files has to go on.
-    static void let_files_settle()
-    {
-        timespec begin{};
-        timespec now{};
-        clock_gettime(CLOCK_REALTIME_COARSE, &begin);
-        do {
-            clock_gettime(CLOCK_REALTIME_COARSE, &now);
-        } while (now.tv_sec == begin.tv_sec && now.tv_nsec == begin.tv_nsec);
-    }
-    void choose() { files = choose_files(archive, definition, paths); }
-    const FileChanges &compare() { return changes = compare_files(archive, files, GroupPlaces(paths)); }
-    void restore()
-    {
-        stage_files(archive, files, changes, GroupPlaces(paths));
-        place_files(files, changes, GroupPlaces(paths));
-    }
-
-    KESTA_BACKUP_FILE definition{};
-    GroupPaths paths{(strcpy(definition.setfile[0].pathname, "/etc/app"), definition)};
-    Archive archive;
-    RestoredFiles files;
-    FileChanges changes;
-    int times_read = 0;
-};
+using RestoredFilesTest = RestoredGroup;
 
 }  // namespace
 

@@ -13,7 +13,7 @@ using Entry = std::unique_ptr<archive_entry, decltype(&archive_entry_free)>;
 
 // With the header of one file in a format that needs one.
 std::string written(int (*add_filter)(::archive *), int (*set_format)(::archive *), const std::string &name,
-                    const std::string &contents)
+                    const std::string &contents, const std::map<std::size_t, std::string> &parts = {})
 {
     std::string result(contents.size() * 2 + (64 << 10), '\0');
     std::size_t used = 0;
@@ -27,6 +27,10 @@ std::string written(int (*add_filter)(::archive *), int (*set_format)(::archive 
     archive_entry_set_filetype(entry.get(), AE_IFREG);
     archive_entry_set_perm(entry.get(), 0644);
     archive_entry_set_size(entry.get(), static_cast<la_int64_t>(contents.size()));
+    for (const auto &[offset, text] : parts) {
+        archive_entry_sparse_add_entry(entry.get(), static_cast<la_int64_t>(offset),
+                                       static_cast<la_int64_t>(text.size()));
+    }
     archive_write_header(writer.get(), entry.get());
     archive_write_data(writer.get(), contents.data(), contents.size());
     archive_write_close(writer.get());
@@ -44,6 +48,15 @@ std::string bzip2(const std::string &bytes)
 std::string tar_of(const std::string &name, const std::string &contents)
 {
     return written(archive_write_add_filter_none, archive_write_set_format_gnutar, name, contents);
+}
+
+std::string tar_with_holes(const std::string &name, std::size_t size, const std::map<std::size_t, std::string> &texts)
+{
+    std::string contents(size, '\0');
+    for (const auto &[offset, text] : texts) {
+        contents.replace(offset, text.size(), text);
+    }
+    return written(archive_write_add_filter_none, archive_write_set_format_pax, name, contents, texts);
 }
 
 std::string whole_archive(const std::string &text)

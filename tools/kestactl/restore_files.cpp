@@ -267,7 +267,7 @@ const char *last_kind(const RestoreFilesOptions &options)
     return options.on_reboot ? "re-post-script" : "post-script";
 }
 
-std::shared_ptr<Restore> prepare(const RestoreFilesOptions &options, Work &work)
+std::shared_ptr<Restore> prepare(const RestoreFilesOptions &options, bool is_dry_run, Work &work)
 {
     require_writable();
     learn_own_number();
@@ -285,7 +285,8 @@ std::shared_ptr<Restore> prepare(const RestoreFilesOptions &options, Work &work)
     restore->archive = {contents_of(restore->source), called, archive_limits(), [&work] {
                             stop_if_asked(work);
                         }};
-    restore->files = choose_files(restore->archive, *restore->definition, *restore->paths);
+    KeptContents kept = is_dry_run ? KeptContents() : KeptContents(spool_on_flash(restore->archive.contents.size));
+    restore->files = choose_files(restore->archive, *restore->definition, *restore->paths, std::move(kept));
     restore->changes = compare_files(restore->archive, restore->files, GroupPlaces(*restore->paths));
     return restore;
 }
@@ -376,7 +377,7 @@ Result restore_files(const RestoreFilesOptions &options, const Globals &globals)
     Result result = carry_out_locked(
         {KESTA_LOCK_TYPE1, options.group, options.work.wait},
         [&](Work &work) {
-            restore = prepare(options, work);
+            restore = prepare(options, globals.dry_run, work);
             return plan_of(restore, work);
         },
         [&](Work &work) { run_last(scripts(options, last_kind(options)), options.work.scripts, work); }, globals);
