@@ -71,7 +71,7 @@ protected:
         for (const std::int64_t until = etcd::now_ms() + ms; etcd::now_ms() < until;) {
             for (MemberDouble &member : members) {
                 if (random() % 8 == 0) {
-                    member.heal();  // an order that nobody came for is not added to
+                    member.clear_orders();  // an order that nobody came for is not added to
                     member.order({"", fates[random() % std::size(fates)]});
                 }
                 if (random() % 20 == 0) {

@@ -43,10 +43,29 @@ void MemberDouble::order(Order order)
     orders_.push_back(std::move(order));
 }
 
-void MemberDouble::heal()
+void MemberDouble::clear_orders()
 {
     const std::lock_guard lock(mutex_);
     orders_.clear();
+}
+
+void MemberDouble::heal()
+{
+    healing_ = true;
+    (void)!write(wake_[1], "h", 1);
+    healing_.wait(true);
+}
+
+// In its thread.
+void MemberDouble::begin_anew()
+{
+    open_.clear();
+    for (int fd; (fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+        close(fd);
+    }
+    clear_orders();
+    healing_ = false;
+    healing_.notify_all();
 }
 
 Order MemberDouble::fate_of(const std::string &method)
@@ -100,9 +119,13 @@ void MemberDouble::run()
             started_.notify_all();
         }
         (void)poll(waiting.data(), waiting.size(), -1);
-        if (waiting[0].revents != 0) {
-            open_.clear();
-            return;
+        if (char why; waiting[0].revents != 0) {
+            if (read(wake_[0], &why, 1) <= 0) {
+                open_.clear();
+                return;
+            }
+            begin_anew();
+            continue;
         }
         if (waiting[1].revents != 0) {
             const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);

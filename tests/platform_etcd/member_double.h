@@ -27,6 +27,10 @@ public:
 
     // The next call that it fits meets it; orders are taken in the order in which they were given.
     void order(Order order);
+    void clear_orders();
+
+    // The same, and ends its connections: a call that is still on its way, since who made it has given it up, meets
+    // nobody any more.
     void heal();
 
     // Carries out what came late, in its order. How many calls these were.
@@ -37,6 +41,7 @@ public:
 
 private:
     void run();
+    void begin_anew();
     Order fate_of(const std::string &method) override;
     void keep(const std::string &method, const std::string &request) override;
 
@@ -46,6 +51,7 @@ private:
     unsigned port_ = 0;
     std::atomic<int> connections_{0};
     std::atomic<bool> started_{false};
+    std::atomic<bool> healing_{false};
     std::mutex mutex_;
     std::deque<Order> orders_;
     std::vector<std::pair<std::string, std::string>> late_;
