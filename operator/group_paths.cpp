@@ -24,6 +24,13 @@ std::string name_of(const std::string &path) { return path.substr(path.rfind('/'
 
 bool is_staged_name(const std::string &name) { return name.starts_with('.') && name.ends_with(staged_end); }
 
+// Its folders count as well: an archive need not hold them.
+bool has_staged_name(const std::string &path)
+{
+    const fs::path parts = path;
+    return std::any_of(parts.begin(), parts.end(), [](const fs::path &part) { return is_staged_name(part.native()); });
+}
+
 bool has_long_name(const std::string &path)
 {
     const fs::path parts = path;
@@ -47,8 +54,12 @@ bool climbs_first(const fs::path &target)
     return true;
 }
 
-// Programs that run with their owner's or group's rights.
-bool gives_rights(mode_t mode) { return (mode & S_ISUID) != 0 || ((mode & S_ISGID) != 0 && (mode & S_IXGRP) != 0); }
+// Programs that run with their owner's or group's rights. A second name may become a file with the mode that it has itself.
+bool gives_rights(const Member &member)
+{
+    const bool is_file = member.kind == MemberKind::file || member.kind == MemberKind::hard_link;
+    return is_file && ((member.mode & S_ISUID) != 0 || ((member.mode & S_ISGID) != 0 && (member.mode & S_IXGRP) != 0));
+}
 
 // The same for the same text, everywhere.
 std::string fingerprint(const std::string &text)
@@ -144,6 +155,9 @@ bool GroupPaths::leads_to_wanted(const std::string &path) const
 
 std::string GroupPaths::fault_of_link(const Member &member) const
 {
+    if (member.kind == MemberKind::link && member.target.empty()) {
+        return "is a link that leads nowhere";
+    }
     if (member.kind == MemberKind::link &&
         (!climbs_first(member.target) || member.target.size() >= PATH_MAX || !contains(destination_of(member)))) {
         return "leads out of the group, to '" + member.target + "'";
@@ -159,13 +173,13 @@ std::string GroupPaths::fault_of(const Member &member) const
     if (has_long_name(member.path)) {
         return "has a longer name than a file can have";
     }
-    if (is_staged_name(name_of(member.path))) {
+    if (has_staged_name(member.path)) {
         return "has a name that 'kestactl restore' gives to files for a moment";
     }
     if (member.kind == MemberKind::special) {
         return "is neither a file nor a folder nor a link";
     }
-    if (member.kind == MemberKind::file && gives_rights(member.mode)) {
+    if (gives_rights(member)) {
         return "runs with its owner's or group's rights (setuid, setgid), which no definition can give";
     }
     return fault_of_link(member);
