@@ -91,20 +91,40 @@ bool is_within(const std::string &path, const std::string &folder)
     return path == folder || (path.starts_with(folder) && path[folder.size()] == '/');
 }
 
+std::string without_needless_slashes(const std::string &path)
+{
+    std::string result;
+    for (const char c : path) {
+        if (c != '/' || !result.ends_with('/')) {
+            result += c;
+        }
+    }
+    if (result.size() > 1 && result.ends_with('/')) {
+        result.pop_back();
+    }
+    return result;
+}
+
 std::string fault_of_path(const std::string &text)
 {
     const fs::path path = text;
-    const bool plain =
-        path.is_absolute() && path.lexically_normal() == path && path.has_relative_path() && path.has_filename();
-    return plain ? "" : "can't be archived: it is not absolute, or has '..', '.' or a slash at the end";
+    // As text: what compares the parts of paths takes two slashes for one, what archives are held against does not.
+    const bool plain = path.is_absolute() && path.lexically_normal().native() == text && path.has_relative_path() &&
+                       path.has_filename();
+    if (!plain) {
+        return "can't be archived: it is not absolute, or has '..', '.' or a slash too many";
+    }
+    if (has_staged_name(text)) {
+        return "can't be archived: it has a name that 'kestactl restore' gives to files for a moment";
+    }
+    return has_long_name(text) ? "can't be archived: it has a longer name than a file can have" : "";
 }
 
 void check_file_path(const std::string &text)
 {
-    if (!fault_of_path(text).empty()) {
-        throw Failure(Exit::no, "bad-path", "The definition names '" + text + "', which can't be archived.",
-                      "Paths are absolute, without '..', '.' or a slash at the end: mend the "
-                      "definition, 'kestactl group check' shows the line.");
+    if (const std::string fault = fault_of_path(text); !fault.empty()) {
+        throw Failure(Exit::no, "bad-path", "The definition names '" + text + "', which " + fault + ".",
+                      "Mend the definition: 'kestactl group check' shows the line.");
     }
 }
 
@@ -127,8 +147,7 @@ GroupPaths::GroupPaths(const KESTA_BACKUP_FILE &definition, const std::string &o
         wanted_ = all_;
         return;
     }
-    const bool is_plain = fs::path(only).is_absolute() && fs::path(only).lexically_normal() == fs::path(only);
-    const std::string path = is_plain ? only.substr(1) : "";
+    const std::string path = fault_of_path(only).empty() ? only.substr(1) : "";
     if (!contains(path)) {
         throw Failure(Exit::no, "not-of-the-group", "The group has no path " + only + ".",
                       "--only takes one of its paths, or one below them: see 'kestactl group show'.");

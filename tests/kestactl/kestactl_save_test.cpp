@@ -122,7 +122,8 @@ TEST_F(KestactlSave, WhatCanNotBeSavedIsRefusedFirst)
 {
     expect_refusal(ctl(0, "save other"), 1, "no usable");
     EXPECT_EQ(ctl(0, "save ../x").code, 2);
-    for (const char *path : {"/etc/../etc/hosts", "etc/hosts", "/etc/app/", "/", "/etc/./hosts"}) {
+    for (const char *path : {"/etc/../etc/hosts", "etc/hosts", "/etc/app/", "/", "/etc/./hosts", "/etc//hosts",
+                             "//etc/hosts", "/etc/.hosts.kesta-new/a"}) {
         define("", std::string("<file path=\"") + path + "\"/>");
         expect_refusal(ctl(0, "save network"), 1, "can't be archived");
     }
