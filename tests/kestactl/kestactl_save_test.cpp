@@ -132,6 +132,14 @@ TEST_F(KestactlSave, WhatCanNotBeSavedIsRefusedFirst)
     EXPECT_EQ(number("numbering-version"), 0);
 }
 
+TEST_F(KestactlSave, NothingIsLeftThatOthersCanWriteToWhateverTheUmaskIs)
+{
+    succeed("umask 0; kestactl save network && kestactl accept && kestactl script samefiles CNT1 /etc/app/one");
+    EXPECT_EQ(on(0, "find /etc/kesta_sys /opt/kesta_sys /var/run/kesta_sys -type f -perm /022").out,
+              "/var/run/kesta_sys/tmp/environment\n")
+        << "the local lock is for the commands of every user";
+}
+
 TEST_F(KestactlSave, LocksKeepOthersAway)
 {
     ASSERT_EQ(ctl(1, "lock take").code, 0);
