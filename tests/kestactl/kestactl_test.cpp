@@ -409,6 +409,11 @@ TEST_F(Kestactl, BoundsAreSaidInNumbersThatCanBeRead)
         EXPECT_LT(refused.err.size(), 200U) << refused.err;
         EXPECT_THAT(refused.err, testing::HasSubstr("2147483647")) << words;
     }
+    for (const std::string words : {"save network --keep -1", "slot switch --wait -1"}) {
+        const Ran refused = ctl(0, words);
+        EXPECT_EQ(refused.code, 2) << words;
+        EXPECT_THAT(refused.err, testing::HasSubstr("Value -1 is below 0\n")) << words;
+    }
 }
 
 // A verb that holds nothing, and waits in the platform; --json tells it too.

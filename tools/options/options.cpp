@@ -32,7 +32,14 @@ Option Option::required() const { return Option(option_->required()); }
 
 Option Option::in_range(int least, int most) const { return Option(option_->check(CLI::Range(least, most))); }
 
-Option Option::not_negative() const { return Option(option_->check(CLI::NonNegativeNumber)); }
+// The parser's own check tells of a bound with 309 digits.
+Option Option::not_negative() const
+{
+    const auto fault = [](const std::string &text) {
+        return text.starts_with('-') ? "Value " + text + " is below 0" : std::string();
+    };
+    return Option(option_->check(CLI::Validator(fault, "NONNEGATIVE")));
+}
 
 Option Option::may_be_empty() const
 {
