@@ -282,7 +282,7 @@ private:
         if (failure_) {
             std::rethrow_exception(failure_);
         }
-        if (result < ARCHIVE_WARN) {
+        if (result < ARCHIVE_WARN || result == ARCHIVE_RETRY) {  // "retry" means that a member was given up
             fail_damaged(name_, reader_.get());
         }
     }

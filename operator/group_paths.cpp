@@ -24,6 +24,13 @@ std::string name_of(const std::string &path) { return path.substr(path.rfind('/'
 
 bool is_staged_name(const std::string &name) { return name.starts_with('.') && name.ends_with(staged_end); }
 
+// Its folders count as well: an archive need not hold them.
+bool has_staged_name(const std::string &path)
+{
+    const fs::path parts = path;
+    return std::any_of(parts.begin(), parts.end(), [](const fs::path &part) { return is_staged_name(part.native()); });
+}
+
 bool has_long_name(const std::string &path)
 {
     const fs::path parts = path;
@@ -47,8 +54,12 @@ bool climbs_first(const fs::path &target)
     return true;
 }
 
-// Programs that run with their owner's or group's rights.
-bool gives_rights(mode_t mode) { return (mode & S_ISUID) != 0 || ((mode & S_ISGID) != 0 && (mode & S_IXGRP) != 0); }
+// Programs that run with their owner's or group's rights. A second name may become a file with the mode that it has itself.
+bool gives_rights(const Member &member)
+{
+    const bool is_file = member.kind == MemberKind::file || member.kind == MemberKind::hard_link;
+    return is_file && ((member.mode & S_ISUID) != 0 || ((member.mode & S_ISGID) != 0 && (member.mode & S_IXGRP) != 0));
+}
 
 // The same for the same text, everywhere.
 std::string fingerprint(const std::string &text)
@@ -80,20 +91,40 @@ bool is_within(const std::string &path, const std::string &folder)
     return path == folder || (path.starts_with(folder) && path[folder.size()] == '/');
 }
 
+std::string without_needless_slashes(const std::string &path)
+{
+    std::string result;
+    for (const char c : path) {
+        if (c != '/' || !result.ends_with('/')) {
+            result += c;
+        }
+    }
+    if (result.size() > 1 && result.ends_with('/')) {
+        result.pop_back();
+    }
+    return result;
+}
+
 std::string fault_of_path(const std::string &text)
 {
     const fs::path path = text;
-    const bool plain =
-        path.is_absolute() && path.lexically_normal() == path && path.has_relative_path() && path.has_filename();
-    return plain ? "" : "can't be archived: it is not absolute, or has '..', '.' or a slash at the end";
+    // As text: what compares the parts of paths takes two slashes for one, what archives are held against does not.
+    const bool plain = path.is_absolute() && path.lexically_normal().native() == text && path.has_relative_path() &&
+                       path.has_filename();
+    if (!plain) {
+        return "can't be archived: it is not absolute, or has '..', '.' or a slash too many";
+    }
+    if (has_staged_name(text)) {
+        return "can't be archived: it has a name that 'kestactl restore' gives to files for a moment";
+    }
+    return has_long_name(text) ? "can't be archived: it has a longer name than a file can have" : "";
 }
 
 void check_file_path(const std::string &text)
 {
-    if (!fault_of_path(text).empty()) {
-        throw Failure(Exit::no, "bad-path", "The definition names '" + text + "', which can't be archived.",
-                      "Paths are absolute, without '..', '.' or a slash at the end: mend the "
-                      "definition, 'kestactl group check' shows the line.");
+    if (const std::string fault = fault_of_path(text); !fault.empty()) {
+        throw Failure(Exit::no, "bad-path", "The definition names '" + text + "', which " + fault + ".",
+                      "Mend the definition: 'kestactl group check' shows the line.");
     }
 }
 
@@ -116,8 +147,7 @@ GroupPaths::GroupPaths(const KESTA_BACKUP_FILE &definition, const std::string &o
         wanted_ = all_;
         return;
     }
-    const bool is_plain = fs::path(only).is_absolute() && fs::path(only).lexically_normal() == fs::path(only);
-    const std::string path = is_plain ? only.substr(1) : "";
+    const std::string path = fault_of_path(only).empty() ? only.substr(1) : "";
     if (!contains(path)) {
         throw Failure(Exit::no, "not-of-the-group", "The group has no path " + only + ".",
                       "--only takes one of its paths, or one below them: see 'kestactl group show'.");
@@ -144,6 +174,9 @@ bool GroupPaths::leads_to_wanted(const std::string &path) const
 
 std::string GroupPaths::fault_of_link(const Member &member) const
 {
+    if (member.kind == MemberKind::link && member.target.empty()) {
+        return "is a link that leads nowhere";
+    }
     if (member.kind == MemberKind::link &&
         (!climbs_first(member.target) || member.target.size() >= PATH_MAX || !contains(destination_of(member)))) {
         return "leads out of the group, to '" + member.target + "'";
@@ -159,13 +192,13 @@ std::string GroupPaths::fault_of(const Member &member) const
     if (has_long_name(member.path)) {
         return "has a longer name than a file can have";
     }
-    if (is_staged_name(name_of(member.path))) {
+    if (has_staged_name(member.path)) {
         return "has a name that 'kestactl restore' gives to files for a moment";
     }
     if (member.kind == MemberKind::special) {
         return "is neither a file nor a folder nor a link";
     }
-    if (member.kind == MemberKind::file && gives_rights(member.mode)) {
+    if (gives_rights(member)) {
         return "runs with its owner's or group's rights (setuid, setgid), which no definition can give";
     }
     return fault_of_link(member);

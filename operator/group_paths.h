@@ -60,6 +60,10 @@ private:
 // A path lies at another one or below it.
 bool is_within(const std::string &path, const std::string &folder);
 
+// A path as it stands in definitions and archives: one slash between two names, and none at the end, where shells that
+// complete or join paths leave more.
+std::string without_needless_slashes(const std::string &path);
+
 // Why a path of a definition can't be archived: what follows it in a sentence. Empty if it can.
 std::string fault_of_path(const std::string &text);
 // The same as a Failure.

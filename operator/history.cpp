@@ -48,8 +48,10 @@ std::optional<std::int64_t> parse_calendar(const std::string &text)
     for (const char *form : {"%Y-%m-%dT%H:%M:%SZ", "%Y-%m-%d"}) {
         struct tm parts {};
         const char *const end = strptime(text.c_str(), form, &parts);
+        const int day = parts.tm_mday;
         if (end && *end == '\0') {
-            return timegm(&parts);
+            const std::int64_t time = timegm(&parts);  // it takes the 30th of February for the 2nd of March
+            return parts.tm_mday == day ? std::optional(time) : std::nullopt;
         }
     }
     return std::nullopt;
@@ -129,7 +131,7 @@ void parse_versions(const std::string &text, HistoryFilter &filter)
     const std::size_t dash = text.find('-');
     const auto first = number_in(text.substr(0, dash));
     const auto last = dash == std::string::npos ? first : number_in(text.substr(dash + 1));
-    if (!first || !last || *first > largest || *last > largest) {
+    if (!first || !last || *first > largest || *last > largest || *first > *last) {
         throw Failure(Exit::usage, "bad-version", "'" + text + "' is no version.",
                       "Give a number, or the first and the last one: 3-9.");
     }

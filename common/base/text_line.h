@@ -73,6 +73,7 @@ __attribute__((format(printf, 2, 0))) LineWritten write_line(int fd, const char 
     return line.made() ? LineWritten{true, write_text(fd, line.text())} : LineWritten{};
 }
 
-inline constexpr int new_text_file_mode = 0666;
+// Whatever umask a program was started with: root goes by what is in these files, and runs some of them.
+inline constexpr int new_text_file_mode = 0644;
 
 }  // namespace kesta

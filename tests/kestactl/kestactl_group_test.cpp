@@ -57,7 +57,8 @@ TEST_F(KestactlGroup, CheckFindsWhatSavingAndApplyingWouldRefuse)
         "<setinfo>\n<file path=\"/etc/a\"><link path=\"/l$(id)\"/><link path=\"/l;x\"/><link path=\"/l x\"/>\n"
         "<permission userid=\"nobody-of-that-name\" groupid=\"none-either\" mode=\"8x\"/></file>\n"
         "<file path=\"/etc/b c\"><link path=\"/l\"/></file>\n<file path=\"/etc/d e\"/>\n"
-        "<file path=\"/etc/../x\"/>\n<file path=\"/etc/f\"><permission mode=\"1777\"/></file></setinfo>");
+        "<file path=\"/etc/../x\"/>\n<file path=\"/etc/f\"><permission mode=\"1777\"/></file>\n<file path=\"/etc//g\"/>\n"
+        "<file path=\"/etc/.a.kesta-new/b\"/></setinfo>");
     const Ran checked = ctl(0, "group check network");
     EXPECT_EQ(checked.code, 1);
     const std::string word = " has a blank or another character that a shell would act on";
@@ -66,7 +67,9 @@ TEST_F(KestactlGroup, CheckFindsWhatSavingAndApplyingWouldRefuse)
           std::string(":4: note: groupid=\"none-either\" is no group"),
           std::string(":4: error: mode=\"8x\" is no mode"), ":5: error: the path of <file>, which has a <link>," + word,
           std::string(":7: note: the path of <file> can't be archived"),
-          std::string(":8: error: mode=\"1777\" is no mode")}) {
+          std::string(":8: error: mode=\"1777\" is no mode"),
+          std::string(":9: note: the path of <file> can't be archived"),
+          std::string(":10: note: the path of <file> can't be archived")}) {
         EXPECT_THAT(checked.out, HasSubstr(line));
     }
     EXPECT_THAT(checked.out, testing::Not(HasSubstr(":6:"))) << "a blank harms nobody where no command is made of it";

@@ -23,7 +23,7 @@ def add(name, kind=tarfile.REGTYPE, target="", text=b"planted\n", mode=0o644, ui
     tar.addfile(info, io.BytesIO(text) if info.size else None)
 folder = lambda name, mode=0o755: add(name, tarfile.DIRTYPE, mode=mode)
 link = lambda name, target: add(name, tarfile.SYMTYPE, target)
-second = lambda name, target: add(name, tarfile.LNKTYPE, target)
+second = lambda name, target, mode=0o644: add(name, tarfile.LNKTYPE, target, mode=mode)
 MEMBERS
 tar.close()
 open("/opt/plant.tar.bz2", "wb").write(bz2.compress(out.getvalue()))
@@ -89,6 +89,7 @@ TEST_F(HostileArchive, LinksThatClimbBehindANameAreRefused)
     expect_refused(begin + "link('etc/app/more/b', 'a/../two')", "leads out of the group");
     expect_refused(begin + "link('etc/app/more/b', '/etc/app/more/x/../two')", "leads out of the group");
     expect_refused(begin + "link('etc/app/more/b', '../../../opt/outside')", "leads out of the group");
+    expect_refused(begin + "link('etc/app/more/b', '')", "leads nowhere");
 }
 
 TEST_F(HostileArchive, SecondNamesAreThoseOfFilesThatCameBefore)
@@ -109,6 +110,10 @@ TEST_F(HostileArchive, ProgramsWithTheirOwnersRightsAreRefused)
     expect_refused(begin + "add('etc/app/one', mode=0o4755)", "setuid");
     expect_refused(begin + "add('etc/app/one', mode=0o2755)", "setgid");
     expect_refused(begin + "add('etc/app/one'); add('etc/app/more/three', mode=0o6711)", "setuid");
+    // A second name has a mode of its own, which counts where it alone is restored.
+    expect_refused(begin + "add('etc/app/one'); second('etc/app/more/three', 'etc/app/one', 0o4755)", "setuid");
+    expect_refusal(ctl(0, "restore network --only /etc/app/more/three"), 1, "setuid");
+    expect_nothing_outside("a second name");
     plant("add('etc/app/one', mode=0o2644); folder('etc/app/more', 0o2755); add('etc/app/more/two')");
     ASSERT_EQ(ctl(0, "restore network").code, 0);
     EXPECT_EQ(on(0, "stat -c %a /etc/app/one /etc/app/more").out, "2644\n2755\n") << "nobody can run it";
@@ -118,6 +123,7 @@ TEST_F(HostileArchive, NamesOfTheRestoreItselfAreRefused)
 {
     const std::string begin = "add('etc/app/one'); folder('etc/app/more'); ";
     expect_refused(begin + "add('etc/app/more/.two.kesta-new'); add('etc/app/more/two')", "for a moment");
+    expect_refused(begin + "add('etc/app/more/two'); add('etc/app/more/.two.kesta-new/below')", "for a moment");
     expect_refused(begin + "add('etc/app/more/' + 'n' * 300)", "longer name");
 }
 

@@ -193,6 +193,9 @@ TEST_F(KestactlRestore, PartOfItLeavesTheRestAndTheVersions)
         expect_refusal(ctl(0, std::string("restore network --only ") + path), 1, "has no path");
     }
     EXPECT_EQ(ctl(0, "restore network --only /etc/app/more/").code, 0) << "as a shell completes a folder";
+    succeed("echo spoiled > /etc/app/more/two");
+    EXPECT_EQ(ctl(0, "restore network --only //etc/app//more//two").code, 0) << "as a shell joins paths";
+    EXPECT_EQ(file_on(0, "/etc/app/more/two"), "two\n");
     expect_refusal(ctl(0, "restore network --only /etc/app/more/three"), 1, "has no /etc/app/more/three");
 }
 
@@ -206,6 +209,12 @@ TEST_F(KestactlRestore, FilesThatWereGoneAreRemovedWhereTheGroupAllowsIt)
     const json restored = ctl(0, "--json restore network").json().at("result");
     EXPECT_EQ(restored.at("removed"), json::array({"/etc/app/late"}));
     EXPECT_EQ(on(0, "ls /etc/app/late").code, 2);
+
+    // A path that is only spelled otherwise was not gone.
+    succeed("kestactl restore network --only /etc/app//one && cat /etc/app/one");
+    define("", "<file path=\"/etc/app//one\"/>", "", "addremove");
+    expect_refusal(ctl(0, "restore network"), 1, "a slash too many");
+    succeed("cat /etc/app/one");
 
     write_file(host_path(0, "etc/app/late"), "added\n");
     define("", files);

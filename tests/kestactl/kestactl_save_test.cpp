@@ -122,13 +122,22 @@ TEST_F(KestactlSave, WhatCanNotBeSavedIsRefusedFirst)
 {
     expect_refusal(ctl(0, "save other"), 1, "no usable");
     EXPECT_EQ(ctl(0, "save ../x").code, 2);
-    for (const char *path : {"/etc/../etc/hosts", "etc/hosts", "/etc/app/", "/", "/etc/./hosts"}) {
+    for (const char *path : {"/etc/../etc/hosts", "etc/hosts", "/etc/app/", "/", "/etc/./hosts", "/etc//hosts",
+                             "//etc/hosts", "/etc/.hosts.kesta-new/a"}) {
         define("", std::string("<file path=\"") + path + "\"/>");
         expect_refusal(ctl(0, "save network"), 1, "can't be archived");
     }
     define("", "<file path=\"/etc/app/gone\"/>");
     expect_refusal(ctl(0, "save network"), 1, "There is no /etc/app/gone");
     EXPECT_EQ(number("numbering-version"), 0);
+}
+
+TEST_F(KestactlSave, NothingIsLeftThatOthersCanWriteToWhateverTheUmaskIs)
+{
+    succeed("umask 0; kestactl save network && kestactl accept && kestactl script samefiles CNT1 /etc/app/one");
+    EXPECT_EQ(on(0, "find /etc/kesta_sys /opt/kesta_sys /var/run/kesta_sys -type f -perm /022").out,
+              "/var/run/kesta_sys/tmp/environment\n")
+        << "the local lock is for the commands of every user";
 }
 
 TEST_F(KestactlSave, LocksKeepOthersAway)

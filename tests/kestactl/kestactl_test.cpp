@@ -124,6 +124,21 @@ TEST_F(Kestactl, WrongUsageIsTwoAndJsonWhereAsked)
     }
 }
 
+TEST_F(Kestactl, EmptyTextIsNotTakenForAnOptionThatWasLeftOut)
+{
+    set_slots();
+    for (const char *arguments :
+         {"restore network --only ''", "restore network --generation ''", "slot switch --backup '' --accept ''",
+          "copy merge-file2accept --slot ''", "copy archive slot:kesta_backup0 flash:backup --sha256 ''",
+          "version set current 3 --controller ''", "diff network --from ''"}) {
+        const Ran run = ctl(0, arguments);
+        EXPECT_EQ(run.code, 2) << arguments << run.out;
+        EXPECT_THAT(run.err, HasSubstr("an empty text is no value")) << arguments;
+    }
+    EXPECT_EQ(ctl(0, "slot show").out.find("backup  kesta_backup1"), std::string::npos) << "nothing was switched";
+    EXPECT_EQ(ctl(0, "run --event '' -- true").code, 0) << "that says what the command shall be told";
+}
+
 TEST_F(Kestactl, StatusNamesEverything)
 {
     set_slots();
@@ -393,6 +408,11 @@ TEST_F(Kestactl, BoundsAreSaidInNumbersThatCanBeRead)
         EXPECT_EQ(refused.code, 2) << words;
         EXPECT_LT(refused.err.size(), 200U) << refused.err;
         EXPECT_THAT(refused.err, testing::HasSubstr("2147483647")) << words;
+    }
+    for (const std::string words : {"save network --keep -1", "slot switch --wait -1"}) {
+        const Ran refused = ctl(0, words);
+        EXPECT_EQ(refused.code, 2) << words;
+        EXPECT_THAT(refused.err, testing::HasSubstr("Value -1 is below 0\n")) << words;
     }
 }
 

@@ -100,8 +100,8 @@ TEST(HistoryFilter, TimesAndVersionsAreThoseThatPeopleWrite)
     EXPECT_EQ(parse_time("90m", now), now - 5400);
     EXPECT_EQ(parse_time("12h", now), now - 43200);
     EXPECT_EQ(parse_time("7d", now), now - 7 * 86400);
-    for (const char *bad :
-         {"", "d", "7", "-7d", "7w", "2026-13-01", "2026-11-21 ", "99999999999999999999d", "99999999999d"}) {
+    for (const char *bad : {"", "d", "7", "-7d", "7w", "2026-13-01", "2026-02-30", "2026-04-31T00:00:00Z",
+                            "2026-11-21 ", "99999999999999999999d", "99999999999d"}) {
         EXPECT_THROW((void)parse_time(bad, now), Failure) << bad;
     }
     HistoryFilter filter;
@@ -111,7 +111,7 @@ TEST(HistoryFilter, TimesAndVersionsAreThoseThatPeopleWrite)
     parse_versions("7", filter);
     EXPECT_EQ(filter.first_version, 7);
     EXPECT_EQ(filter.last_version, 7);
-    for (const char *bad : {"", "-", "3-", "-3", "x", "99999999999"}) {
+    for (const char *bad : {"", "-", "3-", "-3", "3-1", "x", "99999999999"}) {
         EXPECT_THROW(parse_versions(bad, filter), Failure) << bad;
     }
 }

@@ -81,8 +81,9 @@ void add_run(const Command &app, Globals &globals, Action &action)
                            "Run a shell command as the appliance's scripts are run: its own process group, "
                            "default signals, no inherited descriptors");
     command.add_option("COMMAND", options->words, "The command line; put it behind --").required();
-    command.add_option("--event", options->event, "What KESTA_EVENT tells the command");
-    command.add_option("--platform-status", options->platform_status, "What KESTA_VRBGETSTAT tells the command");
+    command.add_option("--event", options->event, "What KESTA_EVENT tells the command").may_be_empty();
+    command.add_option("--platform-status", options->platform_status, "What KESTA_VRBGETSTAT tells the command")
+        .may_be_empty();
     add_dry_run(command, globals);
     add_examples(command,
                  "  kestactl run -- /etc/kesta_sys/network/env_copy_scr.sh\n"

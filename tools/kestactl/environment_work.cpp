@@ -156,8 +156,9 @@ void add_wait_option(const Command &command, WorkOptions &options)
 
 void add_script_options(const Command &command, WorkOptions &options)
 {
-    command.add_option("--event", options.scripts.event, "KESTA_EVENT of the scripts");
-    command.add_option("--platform-status", options.scripts.platform_status, "KESTA_VRBGETSTAT of the scripts");
+    command.add_option("--event", options.scripts.event, "KESTA_EVENT of the scripts").may_be_empty();
+    command.add_option("--platform-status", options.scripts.platform_status, "KESTA_VRBGETSTAT of the scripts")
+        .may_be_empty();
     command.add_option("--script-timeout", options.scripts.timeout, "Seconds after which a script is stopped (600)")
         .in_range(1, INT_MAX);
 }

@@ -37,7 +37,8 @@ void add_keep_options(const options::Command &command, Globals &globals)
                     "replaced now")
         .not_negative();
     command.add_option("--comment,--reason", globals.keep_rule.comment, "Why: noted with the generations")
-        .option_text("TEXT");
+        .option_text("TEXT")
+        .may_be_empty();
 }
 
 Step keep_step(const std::vector<ReplacedPlace> &places, const std::string &verb, const KeepRule &rule,

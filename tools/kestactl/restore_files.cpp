@@ -273,9 +273,7 @@ std::shared_ptr<Restore> prepare(const RestoreFilesOptions &options, bool is_dry
     learn_own_number();
     auto restore = std::make_shared<Restore>();
     restore->options = options;
-    if (restore->options.only.size() > 1 && restore->options.only.ends_with('/')) {
-        restore->options.only.pop_back();  // as shells complete a folder
-    }
+    restore->options.only = without_needless_slashes(options.only);
     restore->source = options.generation.empty() ? source_of(options.from) : source_of_generation(options.generation);
     restore->definition = read_definition(options.group);
     take_over_unfinished(*restore);

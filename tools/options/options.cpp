@@ -4,16 +4,48 @@
 #include <cstdint>
 #include <optional>
 #include <sstream>
+#include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 namespace options {
+namespace {
+
+constexpr const char *not_empty = "not empty";  // the name of what checks it
+
+template <typename Value>
+constexpr bool is_text = std::is_same_v<Value, std::string> || std::is_same_v<Value, std::optional<std::string>> ||
+                         std::is_same_v<Value, std::vector<std::string>>;
+
+CLI::Validator no_empty_text()
+{
+    const auto fault = [](const std::string &text) {
+        return text.empty() ? std::string("an empty text is no value: leave the option out, or say what is meant") : "";
+    };
+    return CLI::Validator(fault, "", not_empty);
+}
+
+}  // namespace
 
 Option Option::required() const { return Option(option_->required()); }
 
 Option Option::in_range(int least, int most) const { return Option(option_->check(CLI::Range(least, most))); }
 
-Option Option::not_negative() const { return Option(option_->check(CLI::NonNegativeNumber)); }
+// The parser's own check tells of a bound with 309 digits.
+Option Option::not_negative() const
+{
+    const auto fault = [](const std::string &text) {
+        return text.starts_with('-') ? "Value " + text + " is below 0" : std::string();
+    };
+    return Option(option_->check(CLI::Validator(fault, "NONNEGATIVE")));
+}
+
+Option Option::may_be_empty() const
+{
+    option_->get_validator(not_empty)->active(false);
+    return *this;
+}
 
 Option Option::one_of(std::initializer_list<std::string> words) const
 {
@@ -57,7 +89,11 @@ void Command::require_subcommand() const { app_->require_subcommand(1); }
 template <typename Value>
 Option Command::add_option(const std::string &names, Value &value, const std::string &description) const
 {
-    return Option(app_->add_option(names, value, description));
+    CLI::Option *const option = app_->add_option(names, value, description);
+    if (is_text<Value> && !option->get_positional()) {
+        option->check(no_empty_text());
+    }
+    return Option(option);
 }
 
 template Option Command::add_option(const std::string &, std::string &, const std::string &) const;

@@ -27,6 +27,7 @@ public:
     Option required() const;
     Option in_range(int least, int most) const;
     Option not_negative() const;
+    Option may_be_empty() const;  // of a text: see Command::add_option
     Option one_of(std::initializer_list<std::string> words) const;
     Option option_text(const std::string &text) const;  // what help shows in the place of its value
     Option type_name(const std::string &name) const;
@@ -53,7 +54,9 @@ public:
     Command add_subcommand(const std::string &name, const std::string &description) const;
     void require_subcommand() const;
 
-    // Where its value goes; for the types of options.cpp. It is kept for as long as the command line is.
+    // Where its value goes; for the types of options.cpp. It is kept for as long as the command line is. An empty text is
+    // refused as the value of an option: it comes from a script's variable that was never set, and would pass for an
+    // option that was not given, and so for all files, for another slot, or for no checksum at all.
     template <typename Value>
     Option add_option(const std::string &names, Value &value, const std::string &description) const;
     Option add_flag(const std::string &names, bool &value, const std::string &description) const;
