@@ -37,7 +37,7 @@ test-long: build
 
 # Every test: as shipped, under the address, undefined behaviour and thread sanitizers, and the
 # static checks of the library, its platforms and the lab.
-test: check-format check-release check-asan check-tsan check-tidy check-models
+test: check-format check-release check-asan check-tsan check-tidy
 	@echo "All tests passed."
 
 # Each part says when it began: where the time goes is seen in any log.
@@ -76,7 +76,7 @@ check-format: deps
 	$(began)
 	scripts/format.sh --check
 
-# The models of the locks: what is excluded, and the shortest runs for what is not.
+# The models of the locks, as check-release goes through them too: what is excluded, and the shortest runs for what is not.
 check-models: deps
 	$(began)
 	scripts/check_models.sh
