@@ -111,8 +111,11 @@ BENCHMARK(slow_sequential_repair)->UseRealTime()->Iterations(1);
 void slow_threaded_repair(benchmark::State &state)
 {
     fill_area();
+    std::array<char, 4> backup_version{};
+    std::array<char, 4> numbering_version{};
     for (auto _ : state) {
-        if (kestal_repair_memory_from_sysback(nullptr, 0, nullptr, nullptr) != KESTA_OK) {
+        if (kestal_repair_memory_from_sysback(nullptr, 0, backup_version.data(), numbering_version.data()) !=
+            KESTA_OK) {
             state.SkipWithError("the repair failed");
         }
     }
