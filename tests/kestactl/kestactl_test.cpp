@@ -409,10 +409,14 @@ TEST_F(Kestactl, BoundsAreSaidInNumbersThatCanBeRead)
         EXPECT_LT(refused.err.size(), 200U) << refused.err;
         EXPECT_THAT(refused.err, testing::HasSubstr("2147483647")) << words;
     }
-    for (const std::string words : {"save network --keep -1", "slot switch --wait -1"}) {
+    for (const auto &[words, sentence] :
+         {std::pair<std::string, const char *>{"save network --keep -1", "Value -1 is below 0\n"},
+          {"slot switch --wait -1", "Value -1 is below 0\n"},
+          {"save network --keep ' -5'", "Value  -5 is below 0\n"},
+          {"save network --keep x", "Value x is no number\n"}}) {
         const Ran refused = ctl(0, words);
         EXPECT_EQ(refused.code, 2) << words;
-        EXPECT_THAT(refused.err, testing::HasSubstr("Value -1 is below 0\n")) << words;
+        EXPECT_THAT(refused.err, testing::HasSubstr(sentence)) << words;
     }
 }
 

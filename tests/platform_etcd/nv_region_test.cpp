@@ -251,8 +251,10 @@ TEST_P(EtcdFate, NobodyAnsweringIsTold)
     Writer a(settings());
     ASSERT_EQ(a.write(0, "start"), 0);
     order_all({"", GetParam(), 14, "etcdserver: request timed out", true});
-    EXPECT_EQ(a.write(0, "other"), -ETIMEDOUT);
-    EXPECT_EQ(a.read(0, 5), "(" + std::to_string(-ETIMEDOUT) + ")");
+    for (int i = 0; i < 2; ++i) {  // the second time it is a repetition
+        EXPECT_EQ(a.write(0, "other"), -ETIMEDOUT);
+        EXPECT_EQ(a.read(0, 5), "(" + std::to_string(-ETIMEDOUT) + ")");
+    }
     heal();
     EXPECT_EQ(a.read(0, 5).size(), 5U);
     EXPECT_EQ(a.write(0, "after"), 0);

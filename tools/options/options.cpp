@@ -32,11 +32,14 @@ Option Option::required() const { return Option(option_->required()); }
 
 Option Option::in_range(int least, int most) const { return Option(option_->check(CLI::Range(least, most))); }
 
-// The parser's own check tells of a bound with 309 digits.
+// The parser's own check, which would tell of a bound with 309 digits.
 Option Option::not_negative() const
 {
     const auto fault = [](const std::string &text) {
-        return text.starts_with('-') ? "Value " + text + " is below 0" : std::string();
+        if (CLI::NonNegativeNumber(text).empty()) {
+            return std::string();
+        }
+        return "Value " + text + (CLI::Number(text).empty() ? " is below 0" : " is no number");
     };
     return Option(option_->check(CLI::Validator(fault, "NONNEGATIVE")));
 }
