@@ -18,6 +18,7 @@ for target in "$@"; do
     "$build/bin/${target}_fuzz" -set_cover_merge=1 -max_len=$most_bytes "$small/out" "$corpus/$target" "$small/in" \
         > "$small/log" 2>&1 || { tail -20 "$small/log"; exit 1; }
     for input in "$corpus/$target"/*; do
+        [ -f "$input" ] || continue  # the target is new
         hash=$(sha1sum "$input" | cut -d' ' -f1)
         [ "$(basename "$input")" = "$hash" ] || { rm -f "$small/out/$hash"; cp "$input" "$small/out/"; }
     done
