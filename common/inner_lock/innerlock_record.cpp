@@ -14,6 +14,8 @@ constexpr clock_t passed_by_after_seconds = 30;
 // A place is as long as its count, which it also is the lock of.
 constexpr off_t place_size = sizeof(std::int64_t);
 
+constexpr off_t whole_file = 0;  // a length of lockf: from where the descriptor stands, without an end
+
 off_t offset_of(std::size_t place) { return static_cast<off_t>(place) * place_size; }
 
 int open_record()
@@ -21,12 +23,6 @@ int open_record()
     kesta::CancelOff off;
     kesta::ErrnoKept keep;
     return open(KESTA_INNERLOCK_FILE, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
-}
-
-// lockf counts from where the descriptor stands.
-int lock_place(int fd, std::size_t place, int command)
-{
-    return lseek(fd, offset_of(place), SEEK_SET) >= 0 ? lockf(fd, command, place_size) : -1;
 }
 
 bool held_by_others() { return errno == EACCES || errno == EAGAIN; }
@@ -52,12 +48,7 @@ bool InnerlockRecord::enter()
     }
     ErrnoKept keep;
     const std::size_t own = first_place();
-    bool alone = true;
-    for (std::size_t place = 0; place < places; ++place) {
-        if (place != own && in_the_way(place)) {
-            alone = false;  // the other places are looked at still: their time runs
-        }
-    }
+    const bool alone = nobody_else() || all_passed_by(own);
     if (!alone) {
         leave();
     }
@@ -69,8 +60,7 @@ void InnerlockRecord::leave()
     if (file_) {
         ErrnoKept keep;
         // Fails only where it was not held.
-        [[maybe_unused]] const bool released =
-            lseek(file_.get(), 0, SEEK_SET) == 0 && lockf(file_.get(), F_ULOCK, 0) == 0;
+        [[maybe_unused]] const int released = lock(0, F_ULOCK, whole_file);
     }
 }
 
@@ -95,7 +85,7 @@ std::size_t InnerlockRecord::first_place()
 
 InnerlockRecord::Taking InnerlockRecord::take(std::size_t place)
 {
-    if (lock_place(file_.get(), place, F_TLOCK) == 0) {
+    if (lock(place, F_TLOCK, place_size) == 0) {
         seen_.at(place) = {};
         return Taking::taken;
     }
@@ -109,11 +99,32 @@ void InnerlockRecord::count_attempt(std::size_t place)
     [[maybe_unused]] const ssize_t written = pwrite(file_.get(), &count, sizeof(count), offset_of(place));
 }
 
+// One question for all places, which nearly always is the only one.
+bool InnerlockRecord::nobody_else()
+{
+    const bool nobody = lock(0, F_TEST, whole_file) == 0;
+    if (nobody) {
+        seen_ = {};
+    }
+    return nobody;
+}
+
+bool InnerlockRecord::all_passed_by(std::size_t own)
+{
+    bool passed_by = true;
+    for (std::size_t place = 0; place < places; ++place) {
+        if (place != own && in_the_way(place)) {
+            passed_by = false;  // the other places are looked at still: their time runs
+        }
+    }
+    return passed_by;
+}
+
 // Whether somebody else is in the place who may not be passed by.
 bool InnerlockRecord::in_the_way(std::size_t place)
 {
     Seen &seen = seen_.at(place);
-    if (lock_place(file_.get(), place, F_TEST) == 0 || !held_by_others()) {
+    if (lock(place, F_TEST, place_size) == 0 || !held_by_others()) {
         seen = {};
         return false;
     }
@@ -123,6 +134,18 @@ bool InnerlockRecord::in_the_way(std::size_t place)
         seen = {true, count, now};
     }
     return now - seen.since <= passed_by_after_seconds;
+}
+
+// lockf counts from where the descriptor stands, which is the first place nearly always.
+int InnerlockRecord::lock(std::size_t place, int command, off_t length)
+{
+    if (place != at_) {
+        if (lseek(file_.get(), offset_of(place), SEEK_SET) < 0) {
+            return -1;
+        }
+        at_ = place;
+    }
+    return lockf(file_.get(), command, length);
 }
 
 }  // namespace kesta

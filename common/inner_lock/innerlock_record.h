@@ -10,14 +10,12 @@
 // A process that is stopped inside its attempt must not keep the others out for ever. So the file
 // has several places, each with a lock and a count of the attempts made there:
 //
-//   - An attempt takes the first place, and counts. Who finds a place held, with the same count for
-//   more
-//     than 30 seconds, passes it by and takes the next one.
+//   - An attempt takes the first place, and counts. Who finds a place held, with the same count for more than
+//     30 seconds, passes it by and takes the next one.
 //   - Having counted, it looks at all other places. If one is held by somebody whom it may not pass
 //     by, it gives up its own. So of two that hold places at least one sees the other.
-//   - Whoever was stopped, and goes on, is late(): it writes nothing any more in this attempt, and
-//   enters
-//     anew. Then its count has moved, and nobody passes it by.
+//   - Whoever was stopped, and goes on, is late(): it writes nothing any more in this attempt, and enters anew. Then
+//     its count has moved, and nobody passes it by.
 //
 // What is left is a stop exactly between the question late() and the write that follows.
 #pragma once
@@ -41,6 +39,8 @@ public:
     // in theirs for more than 30 seconds, or the lock file can't be had. If not, it may look, and
     // write nothing.
     bool enter();
+
+    // Needed between two attempts only: the end of the record leaves, too.
     void leave();
 
     // Whether it entered so long ago that others may have passed it by.
@@ -58,12 +58,16 @@ private:
     };
     enum class Taking { taken, held, impossible };
 
+    std::size_t first_place();
     Taking take(std::size_t place);
     void count_attempt(std::size_t place);
+    bool nobody_else();
+    bool all_passed_by(std::size_t own);
     bool in_the_way(std::size_t place);
-    std::size_t first_place();
+    int lock(std::size_t place, int command, off_t length);
 
     UniqueFd file_;
+    std::size_t at_ = 0;  // the place where the descriptor stands
     clock_t entered_at_ = 0;
     std::array<Seen, places> seen_{};
 };

@@ -136,9 +136,9 @@ private:
             trace_retry(r);
             sweep_stale_slots(entered);
         }
-        if (entered) {
+        if (entered && !over) {
             renew_token_if_late();
-            record_->leave();
+            record_->leave();  // where it is over, run() closes the record
         }
         return over;
     }

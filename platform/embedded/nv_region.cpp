@@ -172,6 +172,10 @@ int NvRegion::attach(unsigned number, bool create)
     return result;
 }
 
+// Before the lock it matters only that the descriptor is ours: a lock on another file that the program has opened
+// under its number would be seen by others, and its release would let go of the program's own.
+int NvRegion::make_lockable(unsigned number, bool create) { return journal_.is_current() ? 0 : attach(number, create); }
+
 void NvRegion::detach()
 {
     image_.detach();
@@ -200,22 +204,19 @@ int NvRegion::finish_interrupted_transfer()
 int NvRegion::lock(unsigned number, bool create, short type)
 {
     const int64_t deadline = now_ms() + longest_wait_ms;
-    for (long nap = first_nap_ns;; nap = nap < longest_nap_ns ? nap * 2 : nap) {
-        int result = attach(number, create);
-        if (result == 0) {
-            result = lock_once(number, type);
-        }
-        if (result != -EAGAIN) {
-            return result;
-        }
-        if (now_ms() >= deadline) {
-            return -ETIMEDOUT;
-        }
+    int result = lock_once(number, type);
+    for (long nap = first_nap_ns; result == -EAGAIN && now_ms() < deadline;
+         nap = nap < longest_nap_ns ? nap * 2 : nap) {
         const struct timespec pause {
             0, nap
         };
         nanosleep(&pause, nullptr);
+        result = attach(number, create);
+        if (result == 0) {
+            result = lock_once(number, type);
+        }
     }
+    return result == -EAGAIN ? -ETIMEDOUT : result;
 }
 
 // -EAGAIN: it isn't to be had now.
@@ -345,7 +346,7 @@ void NvRegion::unlock() const
 
 int NvRegion::read(unsigned number, uint64_t offset, void *buffer, uint64_t length)
 {
-    int result = attach(number, false);
+    int result = make_lockable(number, false);
     if (result == -ENOENT && access(settings().nv_dir, F_OK) == 0) {
         memset(buffer, 0, length);  // never written
         return 0;
@@ -369,7 +370,7 @@ int NvRegion::read(unsigned number, uint64_t offset, void *buffer, uint64_t leng
 
 int NvRegion::write(unsigned number, uint64_t offset, const void *buffer, uint64_t length)
 {
-    int result = attach(number, true);
+    int result = make_lockable(number, true);
     if (result == 0) {
         result = lock(number, true, F_WRLCK);
     }

@@ -7,11 +7,9 @@
 //
 //   1. It closes the old journal for good (a mark in it, which nobody takes back).
 //   2. It copies the image to a new file, and what the journal holds over it: the transfer of the
-//   stopped
-//      process is finished or dropped, as if it had been killed.
+//      stopped process is finished or dropped, as if it had been killed.
 //   3. It puts the new files in the place of the old ones, the image first. It has the new journal
-//   locked
-//      before that has its name.
+//      locked before that has its name.
 //
 // The stopped process, going on, writes to files that nobody reads any more, finds the mark, and
 // fails; its caller tries again. One that was only slow, and finishes between 1 and 2, finds the
@@ -48,11 +46,12 @@ private:
     };
 
     int attach(unsigned number, bool create);
+    int make_lockable(unsigned number, bool create);
     void detach();
     bool is_current() const { return image_.is_current() && journal_.is_current(); }
 
-    // Locks the journal, for reading (F_RDLCK) or writing (F_WRLCK). The region's files are
-    // attached then, and nobody else's.
+    // Locks the journal, for reading (F_RDLCK) or writing (F_WRLCK), once it is lockable. The
+    // region's files are attached then, and nobody else's.
     int lock(unsigned number, bool create, short type);
     int lock_once(unsigned number, short type);
     bool is_stuck(const struct flock &held);
