@@ -456,6 +456,30 @@ TEST_F(Sanfwctl, ProgramThatClosesAllDescriptorsOrLosesTheFileGoesOn)
     EXPECT_EQ(read_nv(0, 3), std::string(3, '\0')) << "a new store";
 }
 
+// The lock of a transfer, and its release, must not meet a file of the program's that has the number now.
+TEST_F(Sanfwctl, LocksOfAProgramThatTookAnyOfOurNumbersStayItsOwn)
+{
+    EXPECT_EQ(write_nv(0, "one"), 0);
+    for (int taken = 3; taken < 16; ++taken) {
+        EXPECT_EQ(in_process([taken] {
+                      EXPECT_EQ(read_nv(0, 3), "one");
+                      const std::string path = nv() + "/of_the_program";
+                      const int own = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+                      ASSERT_EQ(dup2(own, taken), taken);
+                      ASSERT_EQ(lockf(taken, F_TLOCK, 0), 0);
+                      EXPECT_EQ(read_nv(0, 3), "one");
+                      EXPECT_EQ(write_nv(0, "one"), 0);
+                      EXPECT_EQ(in_process([&path] {
+                                    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+                                    EXPECT_EQ(lockf(fd, F_TEST, 0), -1) << "the program's lock is gone";
+                                }),
+                                0);
+                  }),
+                  0)
+            << taken;
+    }
+}
+
 TEST_F(Sanfwctl, FailuresOfTheStore)
 {
     fs::remove_all(nv());
