@@ -2,7 +2,8 @@
 # Measures, each figure beside its raw cost, and writes the table of ratios to docs/performance.md.
 #   scripts/bench.sh BUILD_FOLDER [REPORT]
 # BENCH_FULL=1 measures large sizes as well: copies of 1 GB, saves of 100 MB in 20,000 files, the memory of a cluster's members
-# after 20 archives. BENCH_ONLY=commands or etcd leaves the rest out, and writes what it measures to the screen alone.
+# after 20 archives. BENCH_ONLY=commands or etcd leaves the rest out, and writes what it measures to the screen alone;
+# BENCH_ONLY=instructions counts those of the commands with valgrind, where the machine counts none.
 set -eu
 
 build=$(cd "${1:-build/release}" && pwd)
@@ -55,6 +56,10 @@ kesta-lab create "$disk/lab"
 if [ "${BENCH_ONLY:-}" = commands ]; then
     python3 "$scripts/bench_commands.py" "$build" "$memory/commands" "$disk/commands.json" "$full"
     python3 "$scripts/bench_report.py" /dev/null "$disk/commands.json"
+    exit 0
+fi
+if [ "${BENCH_ONLY:-}" = instructions ]; then
+    python3 "$scripts/bench_instructions.py" "$build" "$memory/commands"
     exit 0
 fi
 bench "$memory" block_access_bench block_access 1 15
