@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <string_view>
 
 #include "failure.h"
 #include "whole_file.h"
@@ -22,23 +23,33 @@ constexpr std::size_t kept_of_long_name = 200;
 
 std::string name_of(const std::string &path) { return path.substr(path.rfind('/') + 1); }
 
-bool is_staged_name(const std::string &name) { return name.starts_with('.') && name.ends_with(staged_end); }
+bool is_staged_name(std::string_view name) { return name.starts_with('.') && name.ends_with(staged_end); }
+
+// Whether the test holds for a name of the path, the names of its folders included.
+template <typename Test>
+bool has_name(std::string_view path, const Test &test)
+{
+    for (std::size_t end = path.find('/'); end != path.npos; end = path.find('/')) {
+        if (test(path.substr(0, end))) {
+            return true;
+        }
+        path.remove_prefix(end + 1);
+    }
+    return test(path);
+}
 
 // Its folders count as well: an archive need not hold them.
-bool has_staged_name(const std::string &path)
+bool has_staged_name(std::string_view path) { return has_name(path, is_staged_name); }
+
+bool has_long_name(std::string_view path)
 {
-    const fs::path parts = path;
-    return std::any_of(parts.begin(), parts.end(), [](const fs::path &part) { return is_staged_name(part.native()); });
+    return path.size() >= PATH_MAX || has_name(path, [](std::string_view name) { return name.size() > NAME_MAX; });
 }
 
-bool has_long_name(const std::string &path)
+bool climbs(std::string_view path)
 {
-    const fs::path parts = path;
-    return path.size() >= PATH_MAX || std::any_of(parts.begin(), parts.end(),
-                                                  [](const fs::path &part) { return part.native().size() > NAME_MAX; });
+    return has_name(path, [](std::string_view name) { return name == ".."; });
 }
-
-bool climbs(const fs::path &path) { return std::find(path.begin(), path.end(), "..") != path.end(); }
 
 // Whether each ".." stands before all names: what a link in the middle makes of it can't be seen
 // otherwise.
@@ -186,7 +197,7 @@ std::string GroupPaths::fault_of_link(const Member &member) const
 
 std::string GroupPaths::fault_of(const Member &member) const
 {
-    if (member.path.empty() || fs::path(member.path).is_absolute() || climbs(member.path)) {
+    if (member.path.empty() || member.path.starts_with('/') || climbs(member.path)) {
         return "is not below the root";
     }
     if (has_long_name(member.path)) {
