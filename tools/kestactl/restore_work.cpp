@@ -23,39 +23,6 @@
 namespace kestactl {
 namespace {
 
-RestoreSource source_of(const std::string &from)
-{
-    const std::string backup = backup_slot();
-    const std::string accept = accept_slot();
-    RestoreSource saved{"backup", backup, flash_backup, KESTA_VER_AREA_BACKUP};
-    RestoreSource accepted{"accept", accept, flash_accept, KESTA_VER_AREA_ACCEPT};
-    if (from == "backup" || (is_slot(from) && from == backup)) {
-        (void)require_slot(backup, "backup");
-        return saved;
-    }
-    if (from == "accept" || (is_slot(from) && from == accept)) {
-        (void)require_slot(accept, "accept");
-        return accepted;
-    }
-    throw Failure(Exit::no, "slot-not-in-use", from + " is neither the backup nor the accept slot.",
-                  "See 'kestactl slot show'; 'kestactl slot switch' names other ones.");
-}
-
-RestoreSource source_of_generation(const std::string &name)
-{
-    const Generation generation = find_generation(name);
-    return {address_of(generation), "", nullptr, 0, generation};
-}
-
-ArchiveContents contents_of(const RestoreSource &source)
-{
-    if (!source.generation) {
-        return read_slot(source.slot);
-    }
-    const std::string &sum = source.generation->sha256;
-    return contents_known_as(contents_of_path(path_of_generation(sum)), sum, "The generation");
-}
-
 UnfinishedRestore note_of(const Restore &restore)
 {
     return {restore.options.group, restore.source.side, restore.options.only, restore.options.on_reboot,
@@ -91,20 +58,6 @@ void keep_for_undo(Restore &restore, const GroupPlaces &places, const Work &work
     }
 }
 
-int source_version(const RestoreSource &source)
-{
-    if (source.generation) {
-        return source.generation->version;
-    }
-
-    const int version = kestal_read_version(source.version_area, learn_own_number(), KESTA_VERSION_BY_MODE);
-    if (version < 0) {
-        fail_call("version-failed", "The version of the " + source.side + " can't be read.",
-                  "Look at --trace 1, then run the command again.");
-    }
-    return version;
-}
-
 void write_flash_version(int version, int kind)
 {
     if (kestal_set_flash_version_file(version, kind) != KESTA_OK) {
@@ -122,7 +75,8 @@ std::shared_ptr<Restore> prepare_restore(const RestoreFilesOptions &options, boo
     auto restore = std::make_shared<Restore>();
     restore->options = options;
     restore->options.only = without_needless_slashes(options.only);
-    restore->source = options.generation.empty() ? source_of(options.from) : source_of_generation(options.generation);
+    restore->source =
+        options.generation.empty() ? named_source(options.from) : source_of_generation(options.generation);
     restore->definition = read_definition(options.group);
     take_over_unfinished(*restore);
     restore->paths = std::make_unique<GroupPaths>(*restore->definition, restore->options.only);
@@ -215,7 +169,7 @@ void end_restore(const Restore &restore)
 
 void record_versions(const Restore &restore, Work &work)
 {
-    work.version = source_version(restore.source);
+    work.version = version_of(restore.source);
     const int own = learn_own_number();
     set_version(KESTA_VER_AREA_CURRENT, own, work.version);
     write_flash_version(work.version, KESTA_FLASH_VERSION);

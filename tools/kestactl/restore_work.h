@@ -7,24 +7,13 @@
 
 #include "environment_work.h"
 #include "file_changes.h"
-#include "generation.h"
 #include "group_paths.h"
 #include "replaced_files.h"
 #include "restore_options.h"
+#include "restore_source.h"
 #include "restored_files.h"
 
 namespace kestactl {
-
-// The saved or the accepted environment, and where it lies.
-struct RestoreSource {
-    std::string side;  // "backup", "accept", or "generation:SHA256"
-    std::string slot;
-    const char *flash;  // null: it is a generation, and stays where it is
-    int version_area;
-    std::optional<Generation> generation = std::nullopt;
-
-    std::string name() const { return generation ? name_of(*generation) : "the " + side; }
-};
 
 // What a run works on: it lives as long as the plan's steps.
 struct Restore {
