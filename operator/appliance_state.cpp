@@ -69,7 +69,7 @@ BlockValue read_block(const Block &block, From from)
     return value;
 }
 
-void under_inner_lock(const std::string &not_done, const std::function<std::string()> &act)
+void under_inner_lock(std::string_view not_done, const std::function<std::string()> &act)
 {
     const int number = learn_own_number();
     if (kestal_cntl_innerlock(number) != KESTA_OK) {
@@ -162,33 +162,35 @@ void ask_both_places()
     }
 }
 
-void fail_call(const std::string &code, const std::string &message, const std::string &hint)
+void fail_call(std::string_view code, std::string_view message, std::string_view hint)
 {
+    const std::string told(message);
     if (inner_lock_was_held()) {
         const std::string holders = inner_lock_text();
         throw Failure(Exit::locked, "inner-lock-held",
-                      message + " The inner lock of the NV image stayed held" +
+                      told + " The inner lock of the NV image stayed held" +
                           (holders.empty() ? "." : " by " + holders + "."),
                       "Another controller or process is using the image: 'kestactl status' shows "
                       "whose slot is set. A holder that died is cleared by itself after 30 "
                       "seconds; then run the command again.");
     }
     const CauseWords cause = cause_in_words();
-    throw Failure(Exit::platform, code, cause.why.empty() ? message : message + " " + cause.why,
+    throw Failure(Exit::platform, code, cause.why.empty() ? told : told + " " + cause.why,
                   cause.hint.empty() ? hint : cause.hint);
 }
 
-std::string require_slot(const std::string &name, const std::string &which)
+std::string require_slot(const std::string &name, std::string_view which)
 {
     if (!is_slot(name)) {
         throw Failure(
-            Exit::no, "no-slot-name", "No " + which + " slot is in force: the stored name is '" + name + "'.",
+            Exit::no, "no-slot-name",
+            "No " + std::string(which) + " slot is in force: the stored name is '" + name + "'.",
             "'kestactl verify' tells by the archives which slot is which, and gives the command that names them.");
     }
     return name;
 }
 
-void require_file(const std::string &path, const std::string &hint)
+void require_file(const std::string &path, std::string_view hint)
 {
     struct stat status;
     if (stat(path.c_str(), &status) != 0) {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "names.h"
@@ -24,7 +25,7 @@ BlockValue read_block(const Block &block, From from);
 
 // Does something under the inner lock of this controller, and lets go of it on every way out. The messages
 // say what was not done where the lock can't be had, and what was where it can't be let go. Throws Failure.
-void under_inner_lock(const std::string &not_done, const std::function<std::string()> &act);
+void under_inner_lock(std::string_view not_done, const std::function<std::string()> &act);
 
 // Writes a block to every place that it lives in, under the inner lock. Throws Failure, also where the
 // lock could not be released: nothing is left held unsaid.
@@ -52,11 +53,11 @@ void use_memory_only();
 void ask_both_places();
 
 // What a failed library call means: held by the inner lock, or a failure of the platform.
-[[noreturn]] void fail_call(const std::string &code, const std::string &message, const std::string &hint);
+[[noreturn]] void fail_call(std::string_view code, std::string_view message, std::string_view hint);
 
 // The slot name, or a Failure that says how to set one.
-std::string require_slot(const std::string &name, const std::string &which);
+std::string require_slot(const std::string &name, std::string_view which);
 
-void require_file(const std::string &path, const std::string &hint);
+void require_file(const std::string &path, std::string_view hint);
 
 }  // namespace engine

@@ -50,7 +50,7 @@ void count_generations(ControllerState &state)
 {
     const GenerationFolder folder(KESTA_FLASH_DIRECTORY, GenerationFolder::Purpose::reading);
     for (const std::string &sum : folder.sums_with(archive_suffix)) {
-        if (const auto status = folder.status_of(sum + archive_suffix)) {
+        if (const auto status = folder.status_of(archive_name(sum))) {
             ++state.generations;
             state.generation_bytes += static_cast<std::uint64_t>(status->st_size);
         }

@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace engine {
 
@@ -21,10 +22,11 @@ inline constexpr const char *no_room = "no-room";
 // One sentence that says what is wrong, and one that says what to do.
 class Failure : public std::runtime_error {
 public:
-    Failure(Exit exit, std::string code, const std::string &message, std::string hint)
-        : std::runtime_error(message), exit_(exit), code_(std::move(code)), hint_(std::move(hint))
-    {
-    }
+    // Views, and all else in failure.cpp: every file refuses something, most with plain literals.
+    Failure(Exit exit, std::string_view code, std::string_view message, std::string_view hint);
+    Failure(const Failure &other);
+    Failure &operator=(const Failure &other);
+    ~Failure() override;
 
     Exit exit() const { return exit_; }
     const std::string &code() const { return code_; }

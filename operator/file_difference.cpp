@@ -3,104 +3,25 @@
 // the short texts among them, up to a limit.
 #include "file_difference.h"
 
-#include <dirent.h>
-#include <errno.h>
-#include <fcntl.h>
-#include <grp.h>
-#include <pwd.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <memory>
-#include <set>
+#include <map>
 #include <unordered_set>
 
 #include "checksum.h"
+#include "difference_list.h"
 #include "file_table.h"
 #include "group_paths.h"
 #include "text_difference.h"
-#include "whole_file.h"
 
 namespace engine {
 namespace {
 
 constexpr std::uint64_t most_kept_texts = std::uint64_t{32} << 20;
 
-// What differs between two states of one path, without its contents.
-std::vector<std::string> properties_that_differ(const FileState &from, const FileState &to)
-{
-    if (from.kind != to.kind) {
-        return {"kind"};
-    }
-    std::vector<std::string> what;
-    const auto add = [&what](bool differs, const char *name) {
-        if (differs) {
-            what.emplace_back(name);
-        }
-    };
-    const bool is_link = from.kind == MemberKind::link || from.kind == MemberKind::hard_link;
-    add(is_link && from.target != to.target, "link");
-    if (from.kind != MemberKind::hard_link) {
-        add(from.owner != to.owner, "owner");
-        add(from.group != to.group, "group");
-        add(!is_link && from.mode != to.mode, "mode");
-    }
-    return what;
-}
-
-class Comparing {
-public:
-    Comparing(const KESTA_BACKUP_FILE &definition, bool reversed) : paths_(definition), reversed_(reversed) {}
-
-    const GroupPaths &paths() const { return paths_; }
-
-    // The first side is the archive that was read; what is found stands the other way round where it is the second one.
-    void add(const std::string &path, std::optional<FileState> first, std::optional<FileState> second,
-             std::vector<std::string> what, const std::string *first_text = nullptr,
-             const std::string *second_text = nullptr)
-    {
-        if (reversed_) {
-            std::swap(first, second);
-            std::swap(first_text, second_text);
-        }
-        if (!first || !second) {
-            what = {first ? "removed" : "added"};
-        }
-        FileDifference difference{"/" + path, std::move(first), std::move(second), std::move(what), "", ""};
-        if (first_text && second_text && is_compared_text(*first_text) && is_compared_text(*second_text) &&
-            texts_ < longest_differences) {
-            difference.text = unified_difference(*first_text, *second_text);
-            texts_ += difference.text.size();
-        }
-        found_.insert_or_assign(path, std::move(difference));
-    }
-    void add_problem(const std::string &path, const std::string &problem)
-    {
-        found_[path] = {"/" + path, std::nullopt, std::nullopt, {"problem"}, "", problem};
-    }
-    void forget(const std::string &path) { found_.erase(path); }
-
-    std::vector<FileDifference> result()
-    {
-        std::vector<FileDifference> all;
-        for (auto &[path, difference] : found_) {
-            all.push_back(std::move(difference));
-        }
-        return all;
-    }
-
-private:
-    GroupPaths paths_;
-    bool reversed_;
-    std::map<std::string, FileDifference> found_;  // a later member of a path counts instead of an earlier one
-    std::uint64_t texts_ = 0;
-};
-
 // ------------------------------------------------------------------------------- an archive and this system
 
 class AgainstSystem {
 public:
-    explicit AgainstSystem(Comparing &comparing) : comparing_(comparing), live_(comparing.paths()) {}
+    explicit AgainstSystem(DifferenceList &comparing) : comparing_(comparing), live_(comparing.paths()) {}
 
     void visit(const Member &member, const ReadMember &read)
     {
@@ -197,7 +118,7 @@ private:
         }
     }
 
-    Comparing &comparing_;
+    DifferenceList &comparing_;
     LiveFiles live_;
     MemberStates table_;
     std::unordered_set<std::string> seen_;
@@ -213,7 +134,7 @@ struct TableRow {
 
 class TwoArchives {
 public:
-    explicit TwoArchives(Comparing &comparing) : comparing_(comparing) {}
+    explicit TwoArchives(DifferenceList &comparing) : comparing_(comparing) {}
 
     void take_first(const Member &member, const ReadMember &read)
     {
@@ -289,7 +210,7 @@ private:
         }
     }
 
-    Comparing &comparing_;
+    DifferenceList &comparing_;
     MemberStates table_;
     std::map<std::string, TableRow> rows_;
     std::uint64_t kept_texts_ = 0;
@@ -312,14 +233,14 @@ std::vector<FileDifference> differences(const ComparedSide &from, const Compared
                                         const KESTA_BACKUP_FILE &definition)
 {
     if (from.archive && to.archive) {
-        Comparing comparing(definition, false);
+        DifferenceList comparing(definition, false);
         TwoArchives archives(comparing);
         read_side(from, [&](const Member &member, const ReadMember &read) { archives.take_first(member, read); });
         read_side(to, [&](const Member &member, const ReadMember &read) { archives.take_second(member, read); });
         archives.find_others();
         return comparing.result();
     }
-    Comparing comparing(definition, !from.archive);
+    DifferenceList comparing(definition, !from.archive);
     AgainstSystem system(comparing);
     read_side(from.archive ? from : to,
               [&](const Member &member, const ReadMember &read) { system.visit(member, read); });

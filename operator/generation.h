@@ -41,6 +41,9 @@ struct VersionsInForce {
     bool known() const { return accepted && running; }
 };
 
+// What is shown of a checksum.
+std::string short_sum(const std::string &sha256);
+
 // "generation 3f1c09aa27b4 (network, version 7)"
 std::string name_of(const Generation &generation);
 

@@ -74,6 +74,9 @@ void require_own(const Descriptor &folder, const std::string &path)
 
 }  // namespace
 
+std::string archive_name(const std::string &sha256) { return sha256 + archive_suffix; }
+std::string entry_name(const std::string &sha256) { return sha256 + entry_suffix; }
+
 NoRoom::NoRoom(const std::string &path)
     : Failure(Exit::platform, no_room, "There is no room left for " + path + ".",
               "Nothing was changed. Make room in " KESTA_FLASH_DIRECTORY

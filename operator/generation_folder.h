@@ -30,6 +30,9 @@ inline constexpr const char *archive_suffix = ".tar.Z";
 inline constexpr const char *entry_suffix = ".json";
 inline constexpr const char *saved_name = "saved.json";
 
+std::string archive_name(const std::string &sha256);
+std::string entry_name(const std::string &sha256);
+
 // The disk is full.
 class NoRoom : public Failure {
 public:

@@ -11,18 +11,6 @@ namespace {
 using Purpose = GenerationFolder::Purpose;
 
 constexpr std::size_t most_saved = 64;  // archives in force are few; the rest is history
-constexpr std::size_t shown_digits = 12;
-
-std::string archive_name(const std::string &sum) { return sum + archive_suffix; }
-std::string entry_name(const std::string &sum) { return sum + entry_suffix; }
-
-void note_full(KeepReport &report)
-{
-    const std::string note = "The disk is full: the oldest generations were dropped.";
-    if (std::find(report.notes.begin(), report.notes.end(), note) == report.notes.end()) {
-        report.notes.push_back(note);
-    }
-}
 
 std::vector<SavedArchive> saved_in(const GenerationFolder &folder)
 {
@@ -191,7 +179,7 @@ private:
                     folder_.flush();
                     throw Failure(full.exit(), full.code(), full.what() + dropped_so_far(), full.hint());
                 }
-                note_full(report_);
+                report_.note_full();
             }
         }
     }
@@ -217,7 +205,7 @@ private:
         }
         for (const std::string &sum : folder_.sums_with(entry_suffix)) {
             if (!std::binary_search(archives.begin(), archives.end(), sum)) {
-                report_.notes.push_back("The file of generation " + sum.substr(0, shown_digits) +
+                report_.notes.push_back("The file of generation " + short_sum(sum) +
                                         " is gone: its entry was taken away.");
                 folder_.remove(entry_name(sum));
                 std::erase_if(all_, [&sum](const Generation &one) { return one.sha256 == sum; });
@@ -255,74 +243,7 @@ private:
     KeepReport report_;
 };
 
-GenerationProblem problem(GenerationFault fault, const std::string &sum, const std::string &path,
-                          const std::string &text)
-{
-    return {fault, sum, path, "Generation " + sum.substr(0, shown_digits) + ": " + text};
-}
-
-// No problem: it is good.
-std::optional<GenerationProblem> problem_of(const GenerationFolder &folder, const Generation &entry)
-{
-    const std::string path = folder.path_of(archive_name(entry.sha256));
-    try {
-        const auto sum = folder.checksum_of(archive_name(entry.sha256));
-        if (!sum) {
-            return problem(GenerationFault::no_file, entry.sha256, path,
-                           "its file is gone. The next command that keeps one takes its entry away.");
-        }
-        if (*sum != entry.sha256) {
-            return problem(GenerationFault::damaged, entry.sha256, path,
-                           "it is not what was kept. Remove " + path + ": nothing can mend it.");
-        }
-    } catch (const Failure &failure) {
-        return problem(GenerationFault::unreadable, entry.sha256, path,
-                       std::string(failure.what()) + " Check the disk of its folder.");
-    }
-    return std::nullopt;
-}
-
-// What is recorded of saved archives. Without it no version is known by its bytes, and verify can tell less.
-std::optional<GenerationProblem> problem_of_saved(const GenerationFolder &folder)
-{
-    const std::string path = folder.path_of(saved_name);
-    try {
-        const auto text = folder.read(saved_name);
-        if (text && !parse_saved(*text).whole) {
-            return GenerationProblem{GenerationFault::damaged, "", path,
-                                     path +
-                                         " is damaged: the versions of archives that were saved here are not all known "
-                                         "by their bytes. The next 'kestactl save' writes it anew."};
-        }
-    } catch (const Failure &failure) {
-        return GenerationProblem{GenerationFault::unreadable, "", path,
-                                 std::string(failure.what()) +
-                                     " So the versions of archives that were saved here are not "
-                                     "known by their bytes. Check the disk of its folder."};
-    }
-    return std::nullopt;
-}
-
 }  // namespace
-
-std::string name_of(const Generation &generation)
-{
-    std::string what = generation.group;
-    if (generation.version > 0) {
-        what += (what.empty() ? "version " : ", version ") + std::to_string(generation.version);
-    }
-    return "generation " + generation.sha256.substr(0, shown_digits) + (what.empty() ? "" : " (" + what + ")");
-}
-
-void KeepReport::add(const KeepReport &other)
-{
-    for (const Generation &generation : other.kept) {
-        std::erase_if(kept, [&generation](const Generation &one) { return one.sha256 == generation.sha256; });
-        kept.push_back(generation);
-    }
-    dropped.insert(dropped.end(), other.dropped.begin(), other.dropped.end());
-    notes.insert(notes.end(), other.notes.begin(), other.notes.end());
-}
 
 GenerationStore::GenerationStore(std::string parent, IsWhole is_whole)
     : parent_(std::move(parent)), is_whole_(std::move(is_whole))
@@ -331,36 +252,13 @@ GenerationStore::GenerationStore(std::string parent, IsWhole is_whole)
 
 std::vector<Generation> GenerationStore::all() const { return entries_in({parent_, Purpose::reading}); }
 
-std::vector<SavedArchive> GenerationStore::saved() const { return saved_in({parent_, Purpose::reading}); }
-
 GenerationsCheck GenerationStore::check() const
 {
     const GenerationFolder folder(parent_, Purpose::reading);
-    GenerationsCheck check;
-    const std::vector<Generation> entries = entries_in(folder);
-    for (const Generation &entry : entries) {
-        if (auto found = problem_of(folder, entry)) {
-            check.problems.push_back(std::move(*found));
-        } else {
-            ++check.good;
-            check.bytes += entry.bytes;
-        }
-    }
-    if (auto found = problem_of_saved(folder)) {
-        check.problems.push_back(std::move(*found));
-    }
-    const auto is_listed = [&entries](const std::string &sum) {
-        return std::any_of(entries.begin(), entries.end(), [&sum](const Generation &one) { return one.sha256 == sum; });
-    };
-    for (const std::string &sum : folder.sums_with(archive_suffix)) {
-        if (!is_listed(sum)) {
-            check.problems.push_back(problem(GenerationFault::no_entry, sum, folder.path_of(archive_name(sum)),
-                                             "nothing is noted of it. The next command that keeps one notes it, or "
-                                             "leaves it if it is damaged."));
-        }
-    }
-    return check;
+    return check_generations(folder, entries_in(folder));
 }
+
+std::vector<SavedArchive> GenerationStore::saved() const { return saved_in({parent_, Purpose::reading}); }
 
 KeepReport GenerationStore::keep(const std::vector<GenerationSource> &sources, const GenerationChange &change,
                                  const GenerationLimits &limits, const AskVersions &in_force,
@@ -381,7 +279,7 @@ bool GenerationStore::drop_oldest(const AskVersions &in_force, KeepReport &repor
     const bool dropped = keeping.drop_oldest(report.kept);
     report.add(keeping.finish());
     if (dropped) {
-        note_full(report);
+        report.note_full();
     }
     return dropped;
 }

@@ -13,8 +13,10 @@
 #include "archive_contents.h"
 #include "archive_limits.h"
 #include "generation.h"
+#include "generation_check.h"
 #include "generation_entry.h"
 #include "generation_folder.h"
+#include "keep_report.h"
 
 namespace engine {
 
@@ -28,30 +30,6 @@ struct GenerationSource {
 };
 
 using AskVersions = std::function<VersionsInForce()>;  // asked only where something has to go
-
-// What was done, for whoever asked for the change.
-struct KeepReport {
-    std::vector<Generation> kept;
-    std::vector<Generation> dropped;
-    std::vector<std::string> notes;  // sentences
-
-    void add(const KeepReport &other);
-};
-
-enum class GenerationFault { damaged, unreadable, no_file, no_entry };
-
-struct GenerationProblem {
-    GenerationFault fault = GenerationFault::damaged;
-    std::string sha256;
-    std::string path;
-    std::string text;  // one sentence of what is wrong, and one of what to do
-};
-
-struct GenerationsCheck {
-    std::size_t good = 0;
-    std::uint64_t bytes = 0;  // of the good ones
-    std::vector<GenerationProblem> problems;
-};
 
 // False for what is known to be damaged.
 using IsWhole = std::function<bool(const ArchiveContents &contents)>;

@@ -24,7 +24,7 @@
 namespace engine {
 namespace {
 
-constexpr const char *slot_prefix = "slot:";
+constexpr std::string_view slot_prefix = "slot:";
 constexpr std::size_t longest_comment = 200;
 
 GenerationChange change_now(const std::string &verb, const KeepRule &rule)
@@ -122,8 +122,8 @@ std::vector<GenerationSource> read_sources(const std::vector<ReplacedPlace> &pla
 {
     std::vector<GenerationSource> sources;
     for (const ReplacedPlace &place : places) {
-        const bool is_a_slot = place.place.rfind(slot_prefix, 0) == 0;
-        auto source = is_a_slot ? slot_source(place.place.substr(strlen(slot_prefix))) : file_source(place, report);
+        const auto slot = slot_of_place(place.place);
+        auto source = slot ? slot_source(*slot) : file_source(place, report);
         if (source) {
             sources.push_back(std::move(*source));
         }
@@ -167,7 +167,12 @@ void check_comment(const std::string &comment)
     }
 }
 
-std::string place_of_slot(const std::string &slot) { return slot_prefix + slot; }
+std::string place_of_slot(const std::string &slot) { return std::string(slot_prefix) + slot; }
+
+std::optional<std::string> slot_of_place(const std::string &place)
+{
+    return place.starts_with(slot_prefix) ? std::optional(place.substr(slot_prefix.size())) : std::nullopt;
+}
 
 KeepReport keep_replaced(const std::vector<ReplacedPlace> &places, const std::string &verb, const KeepRule &rule,
                          const std::function<void()> &look)

@@ -35,6 +35,8 @@ struct ReplacedPlace {
 };
 
 std::string place_of_slot(const std::string &slot);
+// Nothing: the place is no slot.
+std::optional<std::string> slot_of_place(const std::string &place);
 
 // Keeps what these places hold, if it is whole; the verb is the one that will replace it. What is damaged is noted, what
 // is absent is passed over. Looks again and again, which may throw. Throws Failure: something can't be read or can't be

@@ -74,6 +74,23 @@ bool is_member(const Json &pair) { return pair.is_array() && pair.size() == 2 &&
 
 }  // namespace
 
+Json::Json() = default;
+Json::Json(const Json &other) = default;
+Json::Json(Json &&other) noexcept = default;
+Json &Json::operator=(const Json &other) = default;
+Json &Json::operator=(Json &&other) noexcept = default;
+Json::~Json() = default;
+
+Json::Json(double value) : value_(value) {}
+Json::Json(std::string value) : value_(std::move(value)) {}
+Json::Json(std::string_view value) : value_(std::string(value)) {}
+Json::Json(const char *value) : value_(std::string(value)) {}
+Json::Json(Array values) : value_(std::move(values)) {}
+
+void Json::set(bool value) { value_ = value; }
+void Json::set(Signed value) { value_ = value; }
+void Json::set(Unsigned value) { value_ = value; }
+
 Json::Json(std::initializer_list<Json> values)
 {
     if (!std::all_of(values.begin(), values.end(), is_member)) {
@@ -121,6 +138,12 @@ Json Json::parse(std::string_view text)
     }
     return std::move(*json);
 }
+
+bool Json::is_null() const { return std::holds_alternative<std::nullptr_t>(value_); }
+bool Json::is_boolean() const { return std::holds_alternative<bool>(value_); }
+bool Json::is_string() const { return std::holds_alternative<std::string>(value_); }
+bool Json::is_array() const { return std::holds_alternative<Array>(value_); }
+bool Json::is_object() const { return std::holds_alternative<Object>(value_); }
 
 bool Json::is_number_integer() const
 {

@@ -29,27 +29,36 @@ public:
     using Array = std::vector<Json>;
     using Object = std::vector<std::pair<std::string, Json>>;  // members keep the order in which they were added
 
-    Json() = default;
-    Json(std::nullptr_t) {}
+    // All that knows what a value is made of stands in json_value.cpp: commands have dozens of values each, and would
+    // compile that for every one.
+    Json();
+    Json(const Json &other);
+    Json(Json &&other) noexcept;
+    Json &operator=(const Json &other);
+    Json &operator=(Json &&other) noexcept;
+    ~Json();
+
+    Json(std::nullptr_t) : Json() {}
     template <std::same_as<bool> Bool>
-    Json(Bool value) : value_(value)
+    Json(Bool value) : Json()
     {
+        set(value);
     }
     template <std::integral Number>
-    requires(!std::same_as<Number, bool>) Json(Number value)
-        : value_(static_cast<std::conditional_t<std::is_signed_v<Number>, Signed, Unsigned>>(value))
+    requires(!std::same_as<Number, bool>) Json(Number value) : Json()
     {
+        set(static_cast<std::conditional_t<std::is_signed_v<Number>, Signed, Unsigned>>(value));
     }
-    Json(double value) : value_(value) {}
-    Json(std::string value) : value_(std::move(value)) {}
-    Json(std::string_view value) : value_(std::string(value)) {}
-    Json(const char *value) : value_(std::string(value)) {}
+    Json(double value);
+    Json(std::string value);
+    Json(std::string_view value);
+    Json(const char *value);
     template <std::ranges::input_range Values>
     requires(!std::convertible_to<Values, std::string_view> && !std::same_as<Values, Json>) Json(const Values &values)
-        : value_(Array(std::begin(values), std::end(values)))
+        : Json(Array(std::begin(values), std::end(values)))
     {
     }
-    Json(Array values) : value_(std::move(values)) {}
+    Json(Array values);
     // An object where every element is a pair that begins with a string; else an array.
     Json(std::initializer_list<Json> values);
 
@@ -61,11 +70,11 @@ public:
     // Throws JsonError where that is so.
     static Json parse(std::string_view text);
 
-    bool is_null() const { return std::holds_alternative<std::nullptr_t>(value_); }
-    bool is_boolean() const { return std::holds_alternative<bool>(value_); }
-    bool is_string() const { return std::holds_alternative<std::string>(value_); }
-    bool is_array() const { return std::holds_alternative<Array>(value_); }
-    bool is_object() const { return std::holds_alternative<Object>(value_); }
+    bool is_null() const;
+    bool is_boolean() const;
+    bool is_string() const;
+    bool is_array() const;
+    bool is_object() const;
     bool is_number() const;
     bool is_number_integer() const;
 
@@ -159,6 +168,9 @@ private:
     using Signed = std::int64_t;
     using Unsigned = std::uint64_t;
 
+    void set(bool value);
+    void set(Signed value);
+    void set(Unsigned value);
     const Json *find(std::string_view key) const;
     const Json &element(std::size_t index) const;
     const std::string &string() const;

@@ -89,18 +89,19 @@ std::string clearing_command(const CommandLock &lock)
            std::to_string(lock.controller);
 }
 
-void refuse_locked(const std::string &message, const LockState &state, int controller)
+void refuse_locked(std::string_view message, const LockState &state, int controller)
 {
     for (const CommandLock &lock : state.held) {
         if (lock.controller == controller) {
-            throw Failure(Exit::locked, "locked", message + ": " + describe(lock, state.group) + ".",
+            throw Failure(Exit::locked, "locked", std::string(message) + ": " + describe(lock, state.group) + ".",
                           (lock.gone_holder != 0
                                ? "Nobody will let go of it. Clear it: "
                                : "Wait for it with --wait SECONDS. If its command is dead, clear it: ") +
                               clearing_command(lock));
         }
     }
-    throw Failure(Exit::locked, "locked", message + ": " + controller_name(controller) + " was taking a lock too.",
+    throw Failure(Exit::locked, "locked",
+                  std::string(message) + ": " + controller_name(controller) + " was taking a lock too.",
                   "Try again, or wait with --wait SECONDS.");
 }
 

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace engine {
@@ -45,6 +46,6 @@ const char *type_word(const CommandLock &lock);
 std::string clearing_command(const CommandLock &lock);
 
 // Refuses because of a lock. Throws Failure with Exit::locked.
-[[noreturn]] void refuse_locked(const std::string &message, const LockState &state, int controller);
+[[noreturn]] void refuse_locked(std::string_view message, const LockState &state, int controller);
 
 }  // namespace engine

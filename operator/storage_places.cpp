@@ -172,7 +172,7 @@ std::optional<Generation> kept_archive_of(int version)
 
 std::string path_of_generation(const std::string &sha256)
 {
-    return std::string(generations_folder) + "/" + sha256 + archive_suffix;
+    return std::string(generations_folder) + "/" + archive_name(sha256);
 }
 
 std::string address_of(const Generation &generation) { return "generation:" + generation.sha256; }

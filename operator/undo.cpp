@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <array>
-#include <filesystem>
+#include <set>
 
 #include "appliance_state.h"
 #include "archive_copy.h"
@@ -17,6 +17,7 @@
 #include "placed_files.h"
 #include "replaced_files.h"
 #include "storage_places.h"
+#include "undoable_change.h"
 #include "unfinished_restore.h"
 #include "whole_file.h"
 
@@ -24,109 +25,6 @@ namespace engine {
 namespace {
 
 constexpr const char *undo_verb = "undo";
-constexpr const char *slot_prefix = "slot:";
-
-[[noreturn]] void refuse(const std::string &code, const std::string &why, const std::string &hint)
-{
-    throw Failure(Exit::no, code, why, "Nothing was changed. " + hint);
-}
-
-std::string called(const Change &change)
-{
-    return "The last change of this controller, '" + change.verb + (change.group.empty() ? "" : " " + change.group) +
-           "',";
-}
-
-Change last_change()
-{
-    std::vector<Change> all = changes();
-    std::erase_if(all, [](const Change &change) { return change.changed_nothing; });
-    if (all.empty()) {
-        refuse("nothing-to-undo", "No change of this controller is known.", "See 'kestactl history' for what is kept.");
-    }
-    return all.back();
-}
-
-void require_undoable(const Change &change)
-{
-    const std::string hint =
-        "See 'kestactl history' for what is kept: 'kestactl restore GROUP --generation N' and 'kestactl copy archive' "
-        "bring it back.";
-    if (change.result != "done") {
-        refuse("not-undoable", called(change) + " did not end well (" + change.result + "): what it left is not known.",
-               "Let 'kestactl verify' tell what is left. " + hint);
-    }
-    if (!change.can_be_undone) {
-        refuse("not-undoable", called(change) + " can't be undone: not all that it replaced was kept.", hint);
-    }
-    for (const ReplacedArchive &archive : change.archives) {
-        if (archive.before.empty()) {
-            refuse("not-undoable", called(change) + " can't be undone: " + archive.place + " held nothing before.",
-                   hint);
-        }
-    }
-}
-
-std::string held_by(const std::string &place)
-{
-    if (place.starts_with(slot_prefix)) {
-        return evidence_of_slot(place.substr(strlen(slot_prefix))).sha256;
-    }
-    return evidence_of_file(place).sha256;
-}
-
-// An undo that was cut short has set some of them back already.
-bool are_left_by(const Change &change, const NamesInForce &names)
-{
-    const auto unfinished = unfinished_restore();
-    if (!unfinished || unfinished->from != from_undo) {
-        return names == change.after;
-    }
-    const auto is_either = [&](auto field) {
-        return names.*field == change.before.*field || names.*field == change.after.*field;
-    };
-    return is_either(&NamesInForce::backup) && is_either(&NamesInForce::accept) &&
-           is_either(&NamesInForce::backup_version) && is_either(&NamesInForce::accept_version) &&
-           is_either(&NamesInForce::current_version) && is_either(&NamesInForce::flash_version);
-}
-
-bool has_other_contents(const ReplacedFiles &files)
-{
-    const std::string path = replaced_files_archive();
-    return !files.sha256.empty() &&
-           (access(path.c_str(), F_OK) != 0 || checksum_of(contents_of_path(path)) != files.sha256);
-}
-
-// What others have built on it would be lost.
-void require_as_it_was_left(const Change &change)
-{
-    const std::string hint =
-        "What is there now is newer than the change: bring back what you need from 'kestactl history'.";
-    if (!are_left_by(change, names_in_force())) {
-        refuse("changed-since", called(change) + " can't be undone: slots or versions have been changed since.", hint);
-    }
-    if (change.files && has_other_contents(*change.files)) {
-        refuse("changed-since",
-               called(change) + " can't be undone: the archive of the files that it replaced has been changed since.",
-               hint);
-    }
-    for (const ReplacedArchive &archive : change.archives) {
-        if (held_by(archive.place) != archive.after) {
-            refuse("changed-since", called(change) + " can't be undone: " + archive.place + " has been changed since.",
-                   hint);
-        }
-        require_whole(evidence_of_file(path_of_generation(archive.before)),
-                      "The generation that " + archive.place + " held before");
-    }
-}
-
-void require_no_other_restore(const Change &change)
-{
-    const auto unfinished = unfinished_restore();
-    if (unfinished && !(unfinished->from == from_undo && change.files && unfinished->group == change.files->group)) {
-        require_no_unfinished_restore();
-    }
-}
 
 // The files that it made go, and those that it replaced come back.
 void choose_undone_files(Undo &undo, const std::function<void()> &look)
@@ -204,10 +102,7 @@ std::string address_of_place(const std::string &place)
 std::unique_ptr<Undo> prepare_undo(const std::function<void()> &look)
 {
     auto undo = std::make_unique<Undo>();
-    undo->change = last_change();
-    require_undoable(undo->change);
-    require_no_other_restore(undo->change);
-    require_as_it_was_left(undo->change);
+    undo->change = undoable_change();
     if (undo->change.files) {
         choose_undone_files(*undo, look);
         undo->changes = compare_files(undo->archive, undo->files, GroupPlaces(*undo->paths));
@@ -219,7 +114,7 @@ void undo_archives(const Undo &undo, const KeepRule &rule, KeepReport &report)
 {
     for (const ReplacedArchive &archive : undo.change.archives) {
         const std::string address = address_of_place(archive.place);
-        if (address.starts_with(slot_prefix) || address != archive.place) {
+        if (slot_of_place(address) || address != archive.place) {
             report.add(copy_archive({"generation:" + archive.before, address, archive.before}, undo_verb, rule));
         } else {
             undo_cache(archive, rule, report);
@@ -250,10 +145,10 @@ void place_undo(Undo &undo)
 {
     const GroupPlaces places(*undo.paths);
     place_files(undo.files, undo.changes, places);
-    std::vector<std::string> folders = undo.change.files->made;
-    std::sort(folders.rbegin(), folders.rend());  // what is in a folder goes before it
-    for (const std::string &folder : folders) {
-        const Entry entry = places.entry(folder.substr(1));
+    const std::vector<std::string> &made = undo.change.files->made;
+    const std::set<std::string> folders(made.begin(), made.end());
+    for (auto folder = folders.rbegin(); folder != folders.rend(); ++folder) {  // what is in one goes before it
+        const Entry entry = places.entry(folder->substr(1));
         if (entry) {
             (void)unlinkat(entry.folder.get(), entry.name.c_str(), AT_REMOVEDIR);  // what is not empty stays
         }

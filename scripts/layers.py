@@ -8,7 +8,8 @@ that the table does not allow, and on a cycle between files or between folders:
   - an include of a header that stands in another folder
   - a symbol of an object that an object of another folder defines (a declaration needs no include)
   - a folder in target_link_libraries that the table does not give, and the other way round
-It fails too on a path that a program states anew: each stands once, in include/kesta/paths.h.
+It fails too on a path that a program states anew: each stands once, in include/kesta/paths.h; and on a header that
+takes long to compile where it is not to be: those of the option parser and of JSON are included by one file each.
 """
 import collections
 import os
@@ -26,6 +27,11 @@ CONTRACT = "platform/contract/"
 
 PATHS = "include/kesta/paths.h"
 PATH_USERS = ("common/", "operator/", "tools/")
+
+# Headers of the system and who may include them. What a header includes, all who include it compile: seconds each.
+PARSERS = (("nlohmann/", ("operator/json_value.cpp",)), ("CLI/", ("tools/options/options.cpp",)))
+DEAR_IN_HEADERS = ("filesystem", "fstream", "iostream", "regex", "sstream")
+DEAR_USERS = ("operator/", "tools/")
 
 
 def read_table(source):
@@ -263,6 +269,22 @@ def find_paths(source, rows, arrows):
                     arrows.faults.append(f"{path} line {number} states a path of {PATHS}: {found.group(0)[1:]}")
 
 
+def find_dear_headers(source, rows, arrows):
+    """Includes of what takes long to compile, where many would pay for it."""
+    for path in files_of(source, rows):
+        if not path.startswith(DEAR_USERS):
+            continue
+        with open(os.path.join(source, path), encoding="utf-8") as file:
+            for number, line in enumerate(file, 1):
+                found = re.match(r"\s*#\s*include\s+<([^>]+)>", line)
+                if not found:
+                    continue
+                name = found.group(1)
+                users = [users for prefix, users in PARSERS if name.startswith(prefix)]
+                if (users and path not in users[0]) or (path.endswith(".h") and name in DEAR_IN_HEADERS):
+                    arrows.faults.append(f"{path} line {number} includes <{name}>, which takes long to compile")
+
+
 def main():
     source = sys.argv[1]
     rows = read_table(source)
@@ -278,6 +300,7 @@ def main():
     read_link_lines(source, rows, arrows)
     arrows.look_for_cycles()
     find_paths(source, rows, arrows)
+    find_dear_headers(source, rows, arrows)
     for fault in arrows.faults:
         print(fault, file=sys.stderr)
     print(f"{len(rows)} folders, {files} files, {objects} objects: {len(arrows.faults)} faults")

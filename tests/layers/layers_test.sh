@@ -81,6 +81,14 @@ echo 'const char *wwn = "/etc/kesta_sys/wwn";' >> "$work/tree/operator/utc.cpp"
 found "a path that is stated anew" 'operator/utc.cpp line [0-9]* states a path of include/kesta/paths.h: /etc/kesta_sys/'
 
 fresh_tree
+sed -i '1i #include <nlohmann/json.hpp>' "$work/tree/operator/utc.cpp"
+found "a second file that includes JSON" 'operator/utc.cpp line 1 includes <nlohmann/json.hpp>'
+
+fresh_tree
+sed -i '1i #include <filesystem>' "$work/tree/tools/kestactl/command.h"
+found "a header that takes long, in one that all include" 'tools/kestactl/command.h line 1 includes <filesystem>'
+
+fresh_tree
 sed -i 's,^| `platform/contract/` | nothing |,| `platform/contract/` | `platform/embedded/` |,' "$work/tree/CONTRIBUTING.md"
 found "a cycle in the table" 'a cycle of folders in the table: platform/contract/, platform/embedded/, platform/support/'
 

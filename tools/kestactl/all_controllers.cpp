@@ -1,7 +1,9 @@
 #include "all_controllers.h"
 
 #include <algorithm>
-#include <array>
+#include <functional>
+#include <map>
+#include <utility>
 
 #include "appliance_state.h"
 #include "held_command.h"
@@ -163,9 +165,10 @@ std::vector<ControllerAnswer> ask_all(const std::vector<std::string> &words, con
             all.push_back(std::move(answer));
         }
     }
-    all.push_back(answer_of_this(own));
-    std::sort(all.begin(), all.end(),
-              [](const auto &one, const auto &other) { return one.controller < other.controller; });
+    ControllerAnswer answer = answer_of_this(own);
+    const auto next = std::find_if(all.begin(), all.end(),
+                                   [&answer](const auto &other) { return other.controller > answer.controller; });
+    all.insert(next, std::move(answer));
     return all;
 }
 
@@ -230,7 +233,7 @@ Result history_of_all(const std::vector<std::string> &filter, const std::functio
     std::vector<std::string> words{"history"};
     words.insert(words.end(), filter.begin(), filter.end());
     const std::vector<ControllerAnswer> answers = ask_all(words, own);
-    std::vector<std::pair<std::string, std::string>> lines;  // by date
+    std::multimap<std::string, std::string, std::greater<>> lines;  // by date; the newest come first
     Result result;
     result.exit = worst_of(answers);
     for (const ControllerAnswer &answer : answers) {
@@ -238,13 +241,11 @@ Result history_of_all(const std::vector<std::string> &filter, const std::functio
             result.text += silence(answer);
         }
         for (const Json &row : rows(answer.result, "generations")) {
-            lines.emplace_back(told(row, "date"), controller_name(answer.controller) + "  " + told(row, "number") +
-                                                      "  " + told(row, "group") + "  version " + told(row, "version") +
-                                                      "  " + told(row, "author") + "  " + told(row, "reason"));
+            lines.emplace(told(row, "date"), controller_name(answer.controller) + "  " + told(row, "number") + "  " +
+                                                 told(row, "group") + "  version " + told(row, "version") + "  " +
+                                                 told(row, "author") + "  " + told(row, "reason"));
         }
     }
-    std::stable_sort(lines.begin(), lines.end(),
-                     [](const auto &one, const auto &other) { return one.first > other.first; });
     for (const auto &[date, line] : lines) {
         result.text += date + "  " + line + "\n";
     }

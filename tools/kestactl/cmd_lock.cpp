@@ -1,16 +1,8 @@
-// kestactl lock: the command lock between controllers, and the local lock of one controller.
-#include <errno.h>
-#include <fcntl.h>
+// kestactl lock: who holds the command locks, waiting for them, and what becomes of one that was taken.
 #include <kesta/kesta.h>
-#include <string.h>
-#include <time.h>
-#include <unistd.h>
-#include <climits>
 
-#include <algorithm>
+#include <array>
 #include <charconv>
-#include <fstream>
-#include <iostream>
 #include <memory>
 
 #include "appliance_state.h"
@@ -18,7 +10,7 @@
 #include "held_command.h"
 #include "held_lock.h"
 #include "inner_lock_holders.h"
-#include "kesta/paths.h"
+#include "lock_options.h"
 #include "lock_state.h"
 #include "names.h"
 #include "render.h"
@@ -38,16 +30,7 @@ struct LockOptions {
     std::string controller;
     int wait = 0;
     bool force = false;
-    std::string name;
-    std::vector<std::string> command;
 };
-
-struct Taken {
-    std::string identifier;
-    CommandEnd end;
-};
-
-Exit exit_of(const CommandEnd &end) { return static_cast<Exit>(end.exit_code); }
 
 int chosen_controller(const LockOptions &options)
 {
@@ -86,88 +69,6 @@ CommandLock find_lock(const LockState &state, int controller, const std::string 
     }
     throw Failure(Exit::no, "not-held", controller_name(controller) + " holds no lock.",
                   "'kestactl lock check' shows all locks.");
-}
-
-// ---------------------------------------------------------------------------------------- take
-
-// The controller in the way of a lock that somebody wants to take, or -1.
-int in_the_way(const LockState &state, const LockOptions &options)
-{
-    for (const CommandLock &lock : state.held) {
-        if (!lock.suspended() || options.type == KESTA_LOCK_TYPE1) {
-            return lock.controller;
-        }
-    }
-    return -1;
-}
-
-void take(const LockOptions &options, int own, const HeldSignals &signals, Taken &taken)
-{
-    taken.identifier = take_command_lock({options.type, options.group, options.wait}, own, signals);
-    if (const int signal = signals.pending(); signal != 0) {
-        release_command_lock(own, taken.identifier);
-        interrupted(signal);
-    }
-    if (options.command.empty()) {
-        return;
-    }
-    HeldCommandLock held(own, taken.identifier);
-    taken.end = signals.run(options.command);
-    held.release();
-}
-
-Plan plan_take(const LockOptions &options, const HeldSignals &signals, Taken &taken)
-{
-    if (!options.group.empty()) {
-        check_group(options.group);
-    }
-    require_writable();
-    const int own = learn_own_number();
-    if (options.wait == 0) {
-        const LockState state = read_lock_state();
-        if (const int met = in_the_way(state, options); met >= 0) {
-            refuse_locked("The command lock can't be had", state, met);
-        }
-    }
-    std::vector<std::string> writes{"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + own)};
-    if (!options.group.empty()) {
-        writes.push_back("NV memory: block " + std::to_string(KESTA_BLOCK_GROUP));
-    }
-    std::string what = "take a type-" + std::to_string(options.type) + " lock of " + controller_name(own);
-    if (!options.command.empty()) {
-        what += ", run: " + joined(options.command) + ", and release it";
-        writes.push_back("whatever the command writes");
-    }
-    Plan plan;
-    plan.json = {{"controller", own}, {"type", options.type}};
-    plan.steps.push_back({what, writes, [=, &signals, &taken] {
-                              take(options, own, signals, taken);
-                          }});
-    return plan;
-}
-
-Result take_command(const LockOptions &options, const Globals &globals)
-{
-    // Until its identifier is written a lock is given back on every way out.
-    const auto signals = std::make_shared<const HeldSignals>();
-    Taken taken;
-    Result result = carry_out(plan_take(options, *signals, taken), globals);
-    if (globals.dry_run) {
-        return result;
-    }
-    result.json["identifier"] = taken.identifier;
-    if (options.command.empty()) {
-        result.text = taken.identifier + "\n";
-        const int own = result.json.at("controller").get<int>();
-        result.unwritten = [signals, own, identifier = taken.identifier] {
-            release_command_lock(own, identifier);
-        };
-        return result;
-    }
-    result.exit = exit_of(taken.end);
-    result.text.clear();
-    result.json["exit_code"] = taken.end.exit_code;
-    return result;
 }
 
 // -------------------------------------------------------------- release, suspend, resume, convert
@@ -347,51 +248,6 @@ Result wait_for_free(const LockOptions &options)
     return result;
 }
 
-// ---------------------------------------------------------------------------------------- local
-
-void check_local_name(const std::string &name)
-{
-    const bool plain = std::all_of(name.begin(), name.end(),
-                                   [](unsigned char c) { return isalnum(c) || c == '.' || c == '_' || c == '-'; });
-    constexpr std::size_t longest = 64;
-    if (name.empty() || name[0] == '.' || name.size() > longest || !plain) {
-        throw Failure(Exit::usage, "bad-name", "'" + name + "' can't be the name of a local lock.",
-                      "A name has 1 to 64 letters, digits, '.', '_' or '-', and doesn't begin with "
-                      "a dot.");
-    }
-}
-
-void hold_local(const LockOptions &options, CommandEnd &end)
-{
-    const HeldSignals signals;
-    HeldLocalLock lock(options.name);
-    end = signals.run(options.command);
-    lock.release();
-}
-
-Result local_command(const LockOptions &options, const Globals &globals)
-{
-    check_local_name(options.name);
-    if (const std::string holder = local_holder(options.name); !holder.empty()) {
-        refuse_local(options.name, holder);
-    }
-    CommandEnd end;
-    Plan plan;
-    plan.json = {{"name", options.name}, {"command", joined(options.command)}};
-    plan.steps.push_back({"hold the local lock " + options.name + " and run: " + joined(options.command),
-                          {KESTA_MERGE_CACHE + options.name, "whatever the command writes"},
-                          [&] {
-                              hold_local(options, end);
-                          }});
-    Result result = carry_out(plan, globals);
-    if (!globals.dry_run) {
-        result.exit = exit_of(end);
-        result.text.clear();
-        result.json["exit_code"] = end.exit_code;
-    }
-    return result;
-}
-
 Command add_planned(const Command &lock, Globals &globals, Action &action, const char *verb, const char *description,
                     const std::shared_ptr<LockOptions> &options, Plan (*planner)(const LockOptions &))
 {
@@ -403,58 +259,6 @@ Command add_planned(const Command &lock, Globals &globals, Action &action, const
         };
     });
     return command;
-}
-
-void add_type(const Command &command, const std::shared_ptr<LockOptions> &options)
-{
-    command
-        .add_option("--type", options->type, "1 exclusive, 2 shared with others of type 2 taken together, 3 exclusive")
-        .in_range(KESTA_LOCK_TYPE1, KESTA_LOCK_TYPE3)
-        .option_text("1|2|3");
-    command.add_option("--group", options->group, "Group to name as the one that is worked on");
-}
-
-void add_wait(const Command &command, const std::shared_ptr<LockOptions> &options)
-{
-    command.add_option("--wait", options->wait, "Seconds to wait for it; progress goes to stderr").in_range(0, INT_MAX);
-}
-
-void add_take(const Command &lock, Globals &globals, Action &action, const std::shared_ptr<LockOptions> &options)
-{
-    Command command =
-        lock.add_subcommand("take",
-                            "Take this controller's command lock and print its identifier; with a command, hold "
-                            "it while that runs");
-    add_type(command, options);
-    add_wait(command, options);
-    command.add_option("COMMAND", options->command,
-                       "Put it behind --. Its exit code becomes kestactl's; the lock is released "
-                       "however it ends");
-    add_dry_run(command, globals);
-    add_examples(command,
-                 "  kestactl lock take --type 1 --group network\n"
-                 "  kestactl lock take --wait 60 -- kestactl copy cntbackup2backup");
-    command.callback([&action, options] {
-        action = [options](const Globals &given) {
-            return take_command(*options, given);
-        };
-    });
-}
-
-void add_local(const Command &lock, Globals &globals, Action &action, const std::shared_ptr<LockOptions> &options)
-{
-    Command command = lock.add_subcommand("local",
-                                          "Run a command while holding a local lock of this controller; its exit code "
-                                          "becomes kestactl's");
-    command.add_option("NAME", options->name, "Name of the lock").required();
-    command.add_option("COMMAND", options->command, "Put it behind --").required();
-    add_dry_run(command, globals);
-    add_examples(command, "  kestactl lock local nightly -- /usr/local/sbin/nightly-backup");
-    command.callback([&action, options] {
-        action = [options](const Globals &given) {
-            return local_command(*options, given);
-        };
-    });
 }
 
 void add_identifier(const Command &command, const std::shared_ptr<LockOptions> &options)
@@ -500,7 +304,7 @@ void add_check_and_wait(const Command &lock, Globals &globals, Action &action,
                  "  kestactl --json lock check");
     const Command wait =
         lock.add_subcommand("wait", "Wait until no command lock is held; clears one seen unchanged for 10 minutes");
-    add_wait(wait, options);
+    add_lock_wait_option(wait, options->wait);
     wait.callback([&action, options] {
         action = [options](const Globals &) {
             return wait_for_free(*options);
@@ -516,7 +320,7 @@ void add_lock(const Command &app, Globals &globals, Action &action)
     const Command lock = app.add_subcommand("lock", "Command locks between controllers, and local locks");
     lock.require_subcommand();
     auto options = std::make_shared<LockOptions>();
-    add_take(lock, globals, action, options);
+    add_lock_take(lock, globals, action);
     add_release(lock, globals, action, options);
     Command command = add_planned(lock, globals, action, "suspend",
                                   "Let others work for a while; the identifier stays reserved", options, plan_suspend);
@@ -524,14 +328,14 @@ void add_lock(const Command &app, Globals &globals, Action &action)
     add_examples(command, "  kestactl lock suspend 1795240000");
     command = add_planned(lock, globals, action, "resume", "Take a suspended lock again", options, plan_resume);
     add_identifier(command, options);
-    add_type(command, options);
+    add_type_options(command, options->type, options->group);
     add_examples(command, "  kestactl lock resume 1795240000");
     command = add_planned(lock, globals, action, "convert", "Convert a type-1 lock to a running backup, and renew it",
                           options, plan_convert);
     add_identifier(command, options);
     add_examples(command, "  kestactl lock convert 1795240000");
     add_check_and_wait(lock, globals, action, options);
-    add_local(lock, globals, action, options);
+    add_lock_local(lock, globals, action);
     add_examples(lock,
                  "  kestactl lock check\n"
                  "  kestactl lock take --wait 60 -- kestactl copy cntbackup2backup\n"

@@ -233,17 +233,14 @@ Plan plan_repair(const RepairOptions &options)
     plan.json = {{"winner", winner.side == Side::memory ? "memory" : "disk"},
                  {"why", winner.why},
                  {"changes", Json::array()}};
-    Step step;
-    step.what = std::string("copy ") + name_of(winner.side) + " to " + name_of(to) + " (" + winner.why + ")";
+    Step step(std::string("copy ") + name_of(winner.side) + " to " + name_of(to) + " (" + winner.why + ")", {},
+              [state, from = winner.side] { repair_under_lock(state, from); });
     for (const Replacement &change : changes) {
         plan.json["changes"].push_back(loss_json(change, to));
         step.writes.push_back(change.item->block->in_memory
                                   ? place_of(*change.item, to)
                                   : "system backup area, " + change.item->block->name + ": (unreadable) -> 0");
     }
-    step.act = [state, from = winner.side] {
-        repair_under_lock(state, from);
-    };
     plan.steps.push_back(step);
     return plan;
 }

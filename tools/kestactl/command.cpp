@@ -149,9 +149,9 @@ const char *const exit_codes =
     "Exit codes: 0 done, 1 the answer is no or things differ, 2 wrong usage, 3 held by a lock,\n"
     "4 the platform failed, 130 interrupted.";
 
-void add_examples(const Command &command, const std::string &examples)
+void add_examples(const Command &command, std::string_view examples)
 {
-    command.footer("Examples:\n" + examples + "\n\n" + exit_codes);
+    command.footer(std::string("Examples:\n").append(examples) + "\n\n" + exit_codes);
 }
 
 std::string dumped(const Json &json, int indent)

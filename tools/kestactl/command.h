@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "options.h"
@@ -31,6 +32,7 @@ Result act_and_tell(const Action &action, const Globals &globals);
 void add_status(const Command &app, Globals &globals, Action &action);
 void add_nv(const Command &app, Globals &globals, Action &action);
 void add_nv_image(const Command &nv, Globals &globals, Action &action);
+void add_nv_dump(const Command &nv, Action &action);
 void add_nv_verify(const Command &nv, Action &action);
 void add_repair(const Command &app, Globals &globals, Action &action);
 void add_completion(const Command &app, Action &action);
@@ -46,6 +48,7 @@ void add_report(const Command &app, Action &action);
 void add_save(const Command &app, Globals &globals, Action &action);
 void add_accept(const Command &app, Globals &globals, Action &action);
 void add_identity(const Command &app, Globals &globals, Action &action);
+void add_identity_carry(const Command &identity, Globals &globals, Action &action);
 void add_slot(const Command &app, Globals &globals, Action &action);
 void add_copy(const Command &app, Globals &globals, Action &action);
 void add_restore(const Command &app, Globals &globals, Action &action);
@@ -53,12 +56,14 @@ void add_group(const Command &app, Globals &globals, Action &action);
 void add_script(const Command &app, Globals &globals, Action &action);
 void add_version(const Command &app, Globals &globals, Action &action);
 void add_lock(const Command &app, Globals &globals, Action &action);
+void add_lock_take(const Command &lock, Globals &globals, Action &action);
+void add_lock_local(const Command &lock, Globals &globals, Action &action);
 void add_run(const Command &app, Globals &globals, Action &action);
 
 // What every help text ends with, and the same behind a command's own examples. A group of commands
 // gets its examples after its commands, which would take them over otherwise.
 extern const char *const exit_codes;
-void add_examples(const Command &command, const std::string &examples);
+void add_examples(const Command &command, std::string_view examples);
 
 // The text of JSON that any terminal and any reader can take: beyond ASCII as \u escapes, and what is no UTF-8
 // replaced.

@@ -5,8 +5,8 @@ namespace {
 
 std::string shown_place(const std::string &place)
 {
-    constexpr std::string_view slot = "slot:";
-    return place.rfind(slot, 0) == 0 ? "slot " + place.substr(slot.size()) : place;
+    const auto slot = slot_of_place(place);
+    return slot ? "slot " + *slot : place;
 }
 
 std::string joined_places(const std::vector<ReplacedPlace> &places)

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "failure.h"
@@ -41,6 +42,15 @@ struct Result {
     // Undoes what nobody has learned of, if the result can't be written. It may hold signals till then.
     std::function<void()> unwritten = nullptr;
     int schema_version = 1;  // of its JSON
+
+    // In plan.cpp, as those of a step and of a plan: every command has them, and would compile them for itself.
+    Result();
+    Result(Exit exit, std::string_view text, Json json);
+    Result(const Result &other);
+    Result(Result &&other) noexcept;
+    Result &operator=(const Result &other);
+    Result &operator=(Result &&other) noexcept;
+    ~Result();
 };
 
 // One step of a changing command. A dry run prints the steps, another run carries them out.
@@ -48,7 +58,15 @@ struct Step {
     std::string what;
     std::vector<std::string> writes;  // places that the step changes
     std::function<void()> act;        // throws Failure
-    std::string measured = {};        // the file whose bytes are told when the step begins and while it lasts
+    std::string measured;             // the file whose bytes are told when the step begins and while it lasts
+
+    Step(std::string_view what, std::vector<std::string> writes, std::function<void()> act,
+         std::string_view measured = {});
+    Step(const Step &other);
+    Step(Step &&other) noexcept;
+    Step &operator=(const Step &other);
+    Step &operator=(Step &&other) noexcept;
+    ~Step();
 };
 
 struct Plan {
@@ -65,6 +83,13 @@ struct Plan {
     std::uint64_t room = 0;  // bytes that will be written to flash, where that is known
     // What was kept by its steps; null: they replace no archive.
     std::shared_ptr<KeepReport> kept = nullptr;
+
+    Plan();
+    Plan(const Plan &other);
+    Plan(Plan &&other) noexcept;
+    Plan &operator=(const Plan &other);
+    Plan &operator=(Plan &&other) noexcept;
+    ~Plan();
 };
 
 }  // namespace kestactl

@@ -1,239 +1,16 @@
 #include "restore_files.h"
 
-#include <kesta/kesta.h>
-#include <string.h>
-
-#include <algorithm>
-#include <filesystem>
 #include <memory>
 
-#include "appliance_state.h"
-#include "archive_places.h"
 #include "compared_sides.h"
-#include "current_change.h"
 #include "difference_rows.h"
-#include "environment_archive.h"
-#include "file_changes.h"
-#include "file_properties.h"
-#include "group_definition.h"
-#include "history.h"
 #include "kept_generations.h"
 #include "kesta/paths.h"
-#include "names.h"
-#include "placed_files.h"
-#include "replaced_files.h"
-#include "storage_places.h"
+#include "restore_work.h"
 #include "unfinished_restore.h"
-#include "whole_file.h"
 
 namespace kestactl {
 namespace {
-
-// The saved or the accepted environment, and where it lies.
-struct Source {
-    std::string side;  // "backup", "accept", or "generation:SHA256"
-    std::string slot;
-    const char *flash;  // null: it is a generation, and stays where it is
-    int version_area;
-    std::optional<Generation> generation = std::nullopt;
-
-    std::string name() const { return generation ? name_of(*generation) : "the " + side; }
-};
-
-Source source_of(const std::string &from)
-{
-    const std::string backup = backup_slot();
-    const std::string accept = accept_slot();
-    Source saved{"backup", backup, flash_backup, KESTA_VER_AREA_BACKUP};
-    Source accepted{"accept", accept, flash_accept, KESTA_VER_AREA_ACCEPT};
-    if (from == "backup" || (is_slot(from) && from == backup)) {
-        (void)require_slot(backup, "backup");
-        return saved;
-    }
-    if (from == "accept" || (is_slot(from) && from == accept)) {
-        (void)require_slot(accept, "accept");
-        return accepted;
-    }
-    throw Failure(Exit::no, "slot-not-in-use", from + " is neither the backup nor the accept slot.",
-                  "See 'kestactl slot show'; 'kestactl slot switch' names other ones.");
-}
-
-Source source_of_generation(const std::string &name)
-{
-    const Generation generation = find_generation(name);
-    return {address_of(generation), "", nullptr, 0, generation};
-}
-
-ArchiveContents contents_of(const Source &source)
-{
-    if (!source.generation) {
-        return read_slot(source.slot);
-    }
-    const std::string &sum = source.generation->sha256;
-    return contents_known_as(contents_of_path(path_of_generation(sum)), sum, "The generation");
-}
-
-// What a run works on: it lives as long as the plan's steps.
-struct Restore {
-    RestoreFilesOptions options;
-    Source source;
-    std::shared_ptr<KESTA_BACKUP_FILE> definition;
-    std::unique_ptr<GroupPaths> paths;
-    Archive archive;
-    RestoredFiles files;
-    FileChanges changes;
-    std::optional<ReplacedFiles> kept;  // for undo
-
-    bool has_version() const { return !source.generation || source.generation->version > 0; }
-};
-
-UnfinishedRestore note_of(const Restore &restore)
-{
-    return {restore.options.group, restore.source.side, restore.options.only, restore.options.on_reboot,
-            restore.changes.replaced};
-}
-
-// Another one has to be completed first, unless this one covers it.
-void take_over_unfinished(const Restore &restore)
-{
-    const auto unfinished = unfinished_restore();
-    if (!unfinished) {
-        return;
-    }
-    const bool covered = unfinished->group == restore.options.group &&
-                         (restore.options.only.empty() || restore.options.only == unfinished->only);
-    if (!covered) {
-        require_no_unfinished_restore();
-    }
-}
-
-// What is replaced is kept for undo. Without that the restore goes on, and can't be undone.
-void keep_for_undo(Restore &restore, const GroupPlaces &places, const Work &work, KeepReport &report)
-{
-    if (!work.keep_rule.keeps() || restore.changes.none()) {
-        return;
-    }
-    try {
-        restore.kept =
-            keep_replaced_files(restore.options.group, restore.changes, places, [&work] { stop_if_asked(work); });
-    } catch (const Failure &failure) {
-        stop_if_asked(work);
-        report.notes.push_back(std::string("This restore can't be undone: ") + failure.what());
-    }
-}
-
-void put_slot_to_flash(const Restore &restore, const Work &work, KeepReport &report)
-{
-    const bool is_there = std::filesystem::exists(restore.source.flash);
-    if (!is_there || !same_contents(contents_of_path(restore.source.flash), restore.archive.contents)) {
-        report.add(keep_replaced({{restore.source.flash, Replacing::by_rename}}, "restore", work.keep_rule,
-                                 [&work] { stop_if_asked(work); }));
-        with_room_on_flash(report, [&] { write_file_whole(restore.source.flash, restore.archive.contents.pieces()); });
-        note_new_archive(restore.source.flash, checksum_of(restore.archive.contents));
-    }
-}
-
-void put_beside(Restore &restore, const Work &work, KeepReport &report)
-{
-    // After the scripts: they may have changed the files, and the way to them.
-    const GroupPlaces places(*restore.paths);
-    if (const auto unfinished = unfinished_restore()) {
-        remove_staged(unfinished->replaced, places);
-    }
-    restore.changes = compare_files(restore.archive, restore.files, places);
-    keep_for_undo(restore, places, work, report);
-    note_unfinished(note_of(restore));
-    try {
-        stage_files(restore.archive, restore.files, restore.changes, places);
-    } catch (const std::exception &) {
-        note_finished();  // no file in use was changed
-        throw;
-    }
-}
-
-void put_in_place(Restore &restore)
-{
-    try {
-        place_files(restore.files, restore.changes, GroupPlaces(*restore.paths));
-    } catch (const Failure &met) {
-        throw Failure(met.exit(), met.code(), std::string(met.what()) + " Some of the group's files are new, some old.",
-                      "Mend it, then complete the restore: " + note_of(restore).command());
-    }
-}
-
-// With --only, of the path itself.
-void apply_definition(const Restore &restore)
-{
-    try {
-        for (const KESTA_BACKUP_FILE_PATH &file : files_of(*restore.definition)) {
-            if (restore.options.only.empty() || restore.options.only == file.pathname) {
-                apply_properties(file, may_be_gone(*restore.definition));
-            }
-        }
-    } catch (const Failure &met) {
-        throw Failure(met.exit(), met.code(), met.what() + std::string(" The files are all new."),
-                      "Mend it, then complete the restore: " + note_of(restore).command());
-    }
-}
-
-// What the definition says of a reboot.
-bool needs_reboot(const Restore &restore)
-{
-    bool changed = false;
-    for (const KESTA_BACKUP_FILE_PATH &file : restore.definition->setfile) {
-        changed = changed || (file.diffreboot != 0 &&
-                              std::any_of(restore.changes.replaced.begin(), restore.changes.replaced.end(),
-                                          [&file](const std::string &path) { return is_within(path, file.pathname); }));
-    }
-    const bool always = restore.definition->script.restore_reboot != 0 && restore.options.only.empty();
-    return changed || always || restore.options.on_reboot;
-}
-
-void end_restore(const Restore &restore)
-{
-    if (restore.kept) {
-        publish_replaced_files(*restore.kept);
-    } else if (!restore.changes.none()) {
-        note_replaced_archive({"the group's files", "", "", false});
-    }
-    note_finished();
-}
-
-int source_version(const Source &source)
-{
-    if (source.generation) {
-        return source.generation->version;
-    }
-
-    const int version = kestal_read_version(source.version_area, learn_own_number(), KESTA_VERSION_BY_MODE);
-    if (version < 0) {
-        fail_call("version-failed", "The version of the " + source.side + " can't be read.",
-                  "Look at --trace 1, then run the command again.");
-    }
-    return version;
-}
-
-void write_flash_version(int version, int kind)
-{
-    if (kestal_set_flash_version_file(version, kind) != KESTA_OK) {
-        fail_call("version-failed", "The version was not written to flash.",
-                  "Look at --trace 1, and at the space of /etc, then run the command again.");
-    }
-}
-
-void record_versions(const Restore &restore, Work &work)
-{
-    work.version = source_version(restore.source);
-    const int own = learn_own_number();
-    set_version(KESTA_VER_AREA_CURRENT, own, work.version);
-    write_flash_version(work.version, KESTA_FLASH_VERSION);
-    if (restore.options.on_reboot) {
-        set_version(KESTA_VER_AREA_REBOOT, own, work.version);
-        write_flash_version(work.version, KESTA_FLASH_REBOOT);
-    }
-}
-
-// ----------------------------------------------------------------------------------------- the plan
 
 std::vector<std::string> places_of(const FileChanges &changes)
 {
@@ -265,28 +42,6 @@ std::vector<Script> scripts(const RestoreFilesOptions &options, const char *kind
 const char *last_kind(const RestoreFilesOptions &options)
 {
     return options.on_reboot ? "re-post-script" : "post-script";
-}
-
-std::shared_ptr<Restore> prepare(const RestoreFilesOptions &options, bool is_dry_run, Work &work)
-{
-    require_writable();
-    learn_own_number();
-    auto restore = std::make_shared<Restore>();
-    restore->options = options;
-    restore->options.only = without_needless_slashes(options.only);
-    restore->source = options.generation.empty() ? source_of(options.from) : source_of_generation(options.generation);
-    restore->definition = read_definition(options.group);
-    take_over_unfinished(*restore);
-    restore->paths = std::make_unique<GroupPaths>(*restore->definition, restore->options.only);
-    const std::string called =
-        restore->source.generation ? "The " + restore->source.name() : "Slot " + restore->source.slot;
-    restore->archive = {contents_of(restore->source), called, archive_limits(), [&work] {
-                            stop_if_asked(work);
-                        }};
-    KeptContents kept = is_dry_run ? KeptContents() : KeptContents(spool_on_flash(restore->archive.contents.size));
-    restore->files = choose_files(restore->archive, *restore->definition, *restore->paths, std::move(kept));
-    restore->changes = compare_files(restore->archive, restore->files, GroupPlaces(*restore->paths));
-    return restore;
 }
 
 Plan plan_of(const std::shared_ptr<Restore> &restore, Work &work)
@@ -375,7 +130,7 @@ Result restore_files(const RestoreFilesOptions &options, const Globals &globals)
     Result result = carry_out_locked(
         {KESTA_LOCK_TYPE1, options.group, options.work.wait},
         [&](Work &work) {
-            restore = prepare(options, globals.dry_run, work);
+            restore = prepare_restore(options, globals.dry_run, work);
             return plan_of(restore, work);
         },
         [&](Work &work) { run_last(scripts(options, last_kind(options)), options.work.scripts, work); }, globals);

@@ -2,17 +2,9 @@
 #pragma once
 
 #include "environment_work.h"
+#include "restore_options.h"
 
 namespace kestactl {
-
-struct RestoreFilesOptions {
-    std::string group;
-    std::string from = "backup";  // "backup", "accept", or the name of the slot that is one of them
-    std::string generation;       // of the history, instead of 'from'
-    std::string only;             // a path of the group, or one below; empty: all
-    bool on_reboot = false;       // the files come into force with the next reboot
-    WorkOptions work;
-};
 
 // Throws Failure.
 Result restore_files(const RestoreFilesOptions &options, const Globals &globals);

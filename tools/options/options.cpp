@@ -5,6 +5,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -55,11 +56,11 @@ Option Option::one_of(std::initializer_list<std::string> words) const
     return Option(option_->check(CLI::IsMember(std::vector<std::string>(words))));
 }
 
-Option Option::option_text(const std::string &text) const { return Option(option_->option_text(text)); }
+Option Option::option_text(std::string_view text) const { return Option(option_->option_text(std::string(text))); }
 
-Option Option::type_name(const std::string &name) const { return Option(option_->type_name(name)); }
+Option Option::type_name(std::string_view name) const { return Option(option_->type_name(std::string(name))); }
 
-Option Option::group(const std::string &title) const { return Option(option_->group(title)); }
+Option Option::group(std::string_view title) const { return Option(option_->group(std::string(title))); }
 
 Option Option::needs(const Option &other) const { return Option(option_->needs(other.option_)); }
 
@@ -82,48 +83,48 @@ bool Option::is_positional() const { return option_->get_positional(); }
 
 bool Option::takes_value() const { return option_->get_expected_max() > 0; }
 
-Command Command::add_subcommand(const std::string &name, const std::string &description) const
+Command Command::add_subcommand(std::string_view name, std::string_view description) const
 {
-    return Command(app_->add_subcommand(name, description));
+    return Command(app_->add_subcommand(std::string(name), std::string(description)));
 }
 
 void Command::require_subcommand() const { app_->require_subcommand(1); }
 
 template <typename Value>
-Option Command::add_option(const std::string &names, Value &value, const std::string &description) const
+Option Command::add_option(std::string_view names, Value &value, std::string_view description) const
 {
-    CLI::Option *const option = app_->add_option(names, value, description);
+    CLI::Option *const option = app_->add_option(std::string(names), value, std::string(description));
     if (is_text<Value> && !option->get_positional()) {
         option->check(no_empty_text());
     }
     return Option(option);
 }
 
-template Option Command::add_option(const std::string &, std::string &, const std::string &) const;
-template Option Command::add_option(const std::string &, int &, const std::string &) const;
-template Option Command::add_option(const std::string &, std::uint64_t &, const std::string &) const;
-template Option Command::add_option(const std::string &, std::optional<int> &, const std::string &) const;
-template Option Command::add_option(const std::string &, std::optional<std::string> &, const std::string &) const;
-template Option Command::add_option(const std::string &, std::optional<std::uint64_t> &, const std::string &) const;
-template Option Command::add_option(const std::string &, std::vector<std::string> &, const std::string &) const;
+template Option Command::add_option(std::string_view, std::string &, std::string_view) const;
+template Option Command::add_option(std::string_view, int &, std::string_view) const;
+template Option Command::add_option(std::string_view, std::uint64_t &, std::string_view) const;
+template Option Command::add_option(std::string_view, std::optional<int> &, std::string_view) const;
+template Option Command::add_option(std::string_view, std::optional<std::string> &, std::string_view) const;
+template Option Command::add_option(std::string_view, std::optional<std::uint64_t> &, std::string_view) const;
+template Option Command::add_option(std::string_view, std::vector<std::string> &, std::string_view) const;
 
-Option Command::add_flag(const std::string &names, bool &value, const std::string &description) const
+Option Command::add_flag(std::string_view names, bool &value, std::string_view description) const
 {
-    return Option(app_->add_flag(names, value, description));
+    return Option(app_->add_flag(std::string(names), value, std::string(description)));
 }
 
-Option Command::add_number(const std::string &names, const std::function<void(int)> &take,
-                           const std::map<std::string, int> &numbers, const std::string &description) const
+Option Command::add_number(std::string_view names, const std::function<void(int)> &take,
+                           const std::map<std::string, int> &numbers, std::string_view description) const
 {
-    return Option(
-        app_->add_option_function<int>(names, take, description)->transform(CLI::CheckedTransformer(numbers)));
+    return Option(app_->add_option_function<int>(std::string(names), take, std::string(description))
+                      ->transform(CLI::CheckedTransformer(numbers)));
 }
 
 Option Command::get_option(const std::string &name) const { return Option(app_->get_option(name)); }
 
 void Command::callback(std::function<void()> action) const { app_->callback(std::move(action)); }
 
-void Command::footer(const std::string &text) const { app_->footer(text); }
+void Command::footer(std::string_view text) const { app_->footer(std::string(text)); }
 
 std::string Command::name() const { return app_->get_name(); }
 
@@ -175,6 +176,6 @@ std::optional<Ended> Program::parse(int argc, const char *const *argv)
     return std::nullopt;
 }
 
-void require(const std::string &what) { throw CLI::RequiredError(what); }
+void require(std::string_view what) { throw CLI::RequiredError(std::string(what)); }
 
 }  // namespace options

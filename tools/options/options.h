@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -29,9 +30,9 @@ public:
     Option not_negative() const;
     Option may_be_empty() const;  // of a text: see Command::add_option
     Option one_of(std::initializer_list<std::string> words) const;
-    Option option_text(const std::string &text) const;  // what help shows in the place of its value
-    Option type_name(const std::string &name) const;
-    Option group(const std::string &title) const;  // the title in help
+    Option option_text(std::string_view text) const;  // what help shows in the place of its value
+    Option type_name(std::string_view name) const;
+    Option group(std::string_view title) const;  // the title in help
     Option needs(const Option &other) const;
     Option excludes(const Option &other) const;
 
@@ -51,20 +52,20 @@ class Command {
 public:
     explicit Command(CLI::App *app) : app_(app) {}
 
-    Command add_subcommand(const std::string &name, const std::string &description) const;
+    Command add_subcommand(std::string_view name, std::string_view description) const;
     void require_subcommand() const;
 
     // Where its value goes; for the types of options.cpp. It is kept for as long as the command line is. An empty text is
     // refused as the value of an option: it comes from a script's variable that was never set, and would pass for an
     // option that was not given, and so for all files, for another slot, or for no checksum at all.
     template <typename Value>
-    Option add_option(const std::string &names, Value &value, const std::string &description) const;
-    Option add_flag(const std::string &names, bool &value, const std::string &description) const;
+    Option add_option(std::string_view names, Value &value, std::string_view description) const;
+    Option add_flag(std::string_view names, bool &value, std::string_view description) const;
 
     // One of several words.
     template <typename Value, typename Choice>
-    Option add_choice(const std::string &names, Value &value, const std::map<std::string, Choice> &choices,
-                      const std::string &description) const
+    Option add_choice(std::string_view names, Value &value, const std::map<std::string, Choice> &choices,
+                      std::string_view description) const
     {
         static_assert(std::is_enum_v<Choice>);
         std::map<std::string, int> numbers;
@@ -78,7 +79,7 @@ public:
     Option get_option(const std::string &name) const;
     // Called when the command is chosen.
     void callback(std::function<void()> action) const;
-    void footer(const std::string &text) const;
+    void footer(std::string_view text) const;
 
     std::string name() const;
     std::vector<Command> subcommands() const;
@@ -89,8 +90,8 @@ public:
     bool was_given() const;
 
 private:
-    Option add_number(const std::string &names, const std::function<void(int)> &take,
-                      const std::map<std::string, int> &numbers, const std::string &description) const;
+    Option add_number(std::string_view names, const std::function<void(int)> &take,
+                      const std::map<std::string, int> &numbers, std::string_view description) const;
 
     CLI::App *app_;
 };
@@ -126,6 +127,6 @@ private:
 };
 
 // For a command's callback: what is missing although no single option is required. Ends the parsing.
-[[noreturn]] void require(const std::string &what);
+[[noreturn]] void require(std::string_view what);
 
 }  // namespace options
