@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <fstream>
 #include <sstream>
 
 #include "appliance_state.h"
@@ -24,6 +23,7 @@
 #include "findings.h"
 #include "names.h"
 #include "printable.h"
+#include "whole_file.h"
 
 namespace engine {
 namespace {
@@ -266,7 +266,7 @@ void look(std::vector<Asked> &all, std::int64_t deadline)
 RemoteTransport remote_transport()
 {
     RemoteTransport transport;
-    std::ifstream file(remote_settings_file);
+    std::istringstream file(read_settings(remote_settings_file));
     std::string line;
     for (int number = 1; std::getline(file, line); ++number) {
         const std::string text = trimmed(line);
