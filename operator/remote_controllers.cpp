@@ -179,8 +179,8 @@ private:
     // What is there now. A pipe at its end is closed: it would be ready for ever.
     static void read(Descriptor &from, std::string &text, std::size_t most)
     {
-        constexpr int most_pieces = 64;
-        std::array<char, 1 << 14> piece{};
+        constexpr int most_pieces = 256;
+        std::array<char, 1 << 12> piece{};
         for (int i = 0; i < most_pieces && from; ++i) {
             const ssize_t got = ::read(from.get(), piece.data(), piece.size());
             if (got == 0) {

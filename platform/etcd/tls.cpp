@@ -12,6 +12,8 @@
 namespace etcd {
 namespace {
 
+constexpr std::size_t piece_size = 4096;  // of a thread's stack, which may be small
+
 // Nobody is waited for where a FIFO stands in the place of a certificate.
 bool is_usable(const char *path, std::string &why, const char *setting)
 {
@@ -146,7 +148,7 @@ bool TlsSession::feed(std::string_view wire, std::string &plain)
         return false;
     }
     while (shaken()) {
-        std::array<char, 16384> piece;
+        std::array<char, piece_size> piece;
         ERR_clear_error();
         const int size = SSL_read(ssl_, piece.data(), piece.size());
         if (size <= 0) {
@@ -169,7 +171,7 @@ bool TlsSession::drain(std::string_view plain, std::string &wire)
             return false;
         }
     }
-    std::array<char, 16384> piece;
+    std::array<char, piece_size> piece;
     for (;;) {
         const int size = BIO_read(SSL_get_wbio(ssl_), piece.data(), piece.size());
         if (size <= 0) {
