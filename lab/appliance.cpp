@@ -280,12 +280,50 @@ void return_to_folder(const fs::path &folder)
     }
 }
 
+bool is_of_ours(const struct stat &status)
+{
+    struct stat
+        root;  // without rights of its own the machine's root is nobody in a namespace, and the root folder's owner
+    return status.st_uid == geteuid() || status.st_uid == 0 || (stat("/", &root) == 0 && status.st_uid == root.st_uid);
+}
+
 // Whether nobody but this user and root can have put the thing there.
 bool is_trusted(const fs::path &path)
 {
     struct stat status;
-    return lstat(path.c_str(), &status) == 0 && !S_ISLNK(status.st_mode) &&
-           (status.st_uid == geteuid() || status.st_uid == 0);
+    return lstat(path.c_str(), &status) == 0 && !S_ISLNK(status.st_mode) && is_of_ours(status);
+}
+
+// Nobody else writes in a lab, nor can put another folder in its place. In a folder where everybody writes, as /tmp,
+// only the owner of a name can change it.
+void require_own(const fs::path &lab)
+{
+    struct stat status;
+    const auto require = [&status](const fs::path &path, bool good, const char *what) {
+        if (!good || !is_of_ours(status)) {
+            throw Error(path.string() + what + ": programs of that lab would run as you");
+        }
+    };
+    constexpr const char *other = " belongs to somebody else";
+    require(lab, lstat(lab.c_str(), &status) == 0, other);
+    require(lab, (status.st_mode & (S_IWGRP | S_IWOTH)) == 0, " can be written to by others");
+    const fs::path marker = lab / marker_name;
+    require(marker, lstat(marker.c_str(), &status) == 0 && S_ISREG(status.st_mode), other);
+    require(marker, status.st_nlink == 1, " is a second name of a file");  // of ours, and given by anybody
+    // A controller sees the lab in folders of its own, which nobody outside reaches.
+    for (fs::path above = lab; above.has_relative_path() && !is_inside();) {
+        above = above.parent_path();
+        require(above, stat(above.c_str(), &status) == 0, other);
+        require(above, (status.st_mode & S_IWOTH) == 0 || (status.st_mode & S_ISVTX) != 0,
+                " can be written to by others");
+    }
+}
+
+// Whether it may be a lab: its marker is read only when that is known for our own. A FIFO would be waited for.
+bool has_marker(const fs::path &folder)
+{
+    struct stat status;
+    return lstat((folder / marker_name).c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
 }  // namespace
@@ -302,13 +340,11 @@ int controller_number(const std::string &name)
 Appliance::Appliance(const fs::path &folder)
     : folder_(fs::weakly_canonical(fs::absolute(folder))), hosts_(folder_), members_(folder_, hosts_)
 {
-    if (read_file(folder_ / marker_name) != marker_text) {
-        throw Error(folder_.string() + " is no lab: make one with kesta-lab create DIR");
+    if (has_marker(folder_)) {
+        require_own(folder_);
     }
-    for (const fs::path &path : {folder_, folder_ / marker_name}) {
-        if (!is_trusted(path)) {
-            throw Error(path.string() + " belongs to somebody else: programs of that lab would run as you");
-        }
+    if (!has_marker(folder_) || read_file(folder_ / marker_name) != marker_text) {
+        throw Error(folder_.string() + " is no lab: make one with kesta-lab create DIR");
     }
 }
 
@@ -365,7 +401,7 @@ Appliance Appliance::find(const std::string &option)
         return Appliance(folder);
     }
     for (fs::path folder = fs::current_path();; folder = folder.parent_path()) {
-        if (fs::exists(folder / marker_name)) {
+        if (has_marker(folder)) {
             return Appliance(folder);
         }
         if (folder == folder.parent_path()) {

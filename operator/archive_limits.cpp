@@ -1,11 +1,11 @@
 #include "archive_limits.h"
 
 #include <charconv>
-#include <fstream>
 #include <sstream>
 #include <string>
 
 #include "failure.h"
+#include "whole_file.h"
 
 namespace engine {
 namespace {
@@ -60,7 +60,7 @@ bool set_limit(AllLimits &limits, std::string line)
 AllLimits read_limits()
 {
     AllLimits limits;
-    std::ifstream file(archive_limits_file);
+    std::istringstream file(read_settings(archive_limits_file));
     std::string line;
     for (int number = 1; std::getline(file, line); ++number) {
         const std::size_t begin = line.find_first_not_of(" \t");

@@ -5,10 +5,10 @@
 #include <pwd.h>
 
 #include <algorithm>
-#include <array>
 #include <exception>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "archive_functions.h"
 
@@ -207,7 +207,7 @@ private:
     const PackedArchive &archive_;
     std::exception_ptr failure_;
     Reader reader_;
-    std::array<char, 1 << 16> piece_{};
+    std::vector<char> piece_ = std::vector<char>(1 << 16);
     std::uint64_t packed_ = 0;
     std::uint64_t unpacked_ = 0;
     std::uint64_t end_of_contents_ = 0;  // behind the last byte that is not zero

@@ -4,10 +4,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <vector>
 
 #include "archive_functions.h"
 #include "failure.h"
@@ -174,7 +174,7 @@ private:
     bool not_packed_ = false;
     std::exception_ptr failure_;
     std::unique_ptr<::archive, decltype(&::archive_write_free)> writer_;
-    std::array<char, 1 << 16> piece_{};
+    std::vector<char> piece_ = std::vector<char>(1 << 16);
     std::uint64_t bytes_ = 0;
     std::uint64_t members_ = 0;
 };

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <fstream>
 #include <iostream>
 
 #include "appliance_state.h"
@@ -241,10 +240,8 @@ std::string host_name_by(const std::string &wwn, int controller) { return wwn + 
 
 std::string first_line(const std::string &path)
 {
-    std::ifstream file(path);
-    std::string line;
-    std::getline(file, line);
-    return line;
+    const std::string text = read_settings(path);
+    return text.substr(0, text.find('\n'));
 }
 
 }  // namespace engine

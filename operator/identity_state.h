@@ -57,7 +57,7 @@ void set_image(const Identity &identity);
 // The name that a controller has by its WWN.
 std::string host_name_by(const std::string &wwn, int controller);
 
-// The first line of a file; empty if it can't be read.
+// The first line of a file; empty if it can't be read. Throws Failure: it is no plain file.
 std::string first_line(const std::string &path);
 
 }  // namespace engine

@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <fstream>
 #include <sstream>
 
 #include "appliance_state.h"
@@ -24,6 +23,7 @@
 #include "findings.h"
 #include "names.h"
 #include "printable.h"
+#include "whole_file.h"
 
 namespace engine {
 namespace {
@@ -179,8 +179,8 @@ private:
     // What is there now. A pipe at its end is closed: it would be ready for ever.
     static void read(Descriptor &from, std::string &text, std::size_t most)
     {
-        constexpr int most_pieces = 64;
-        std::array<char, 1 << 14> piece{};
+        constexpr int most_pieces = 256;
+        std::array<char, 1 << 12> piece{};
         for (int i = 0; i < most_pieces && from; ++i) {
             const ssize_t got = ::read(from.get(), piece.data(), piece.size());
             if (got == 0) {
@@ -266,7 +266,7 @@ void look(std::vector<Asked> &all, std::int64_t deadline)
 RemoteTransport remote_transport()
 {
     RemoteTransport transport;
-    std::ifstream file(remote_settings_file);
+    std::istringstream file(read_settings(remote_settings_file));
     std::string line;
     for (int number = 1; std::getline(file, line); ++number) {
         const std::string text = trimmed(line);

@@ -67,6 +67,13 @@ public:
         return std::move(files_);
     }
 
+    // Whether the archive has something at or below a path of the group.
+    bool holds(const std::string &path) const
+    {
+        const auto below = kinds_.lower_bound(path + "/");
+        return kinds_.contains(path) || (below != kinds_.end() && is_within(below->first, path));
+    }
+
 private:
     [[noreturn]] void refuse(const std::string &what) const
     {
@@ -201,14 +208,21 @@ RestoredFiles choose_files(const Archive &archive, const KESTA_BACKUP_FILE &defi
         throw;
     }
     RestoredFiles files = choice.finish();
+    // Only what a definition names was gone as such; a new file of a folder that the archive has stays.
+    const auto was_gone = [&](const std::string &wanted) {
+        return std::any_of(paths.all().begin(), paths.all().end(),
+                           [&](const std::string &path) { return is_within(wanted, path) && !choice.holds(path); });
+    };
     for (const std::string &wanted : paths.wanted()) {
         const bool there = std::any_of(files.members.begin(), files.members.end(), [&wanted](const RestoredFile &file) {
             return is_within(file.member.path, wanted);
         });
-        if (!there && !may_be_gone(definition)) {
+        if (!there && !(may_be_gone(definition) && was_gone(wanted))) {
             throw Failure(Exit::no, "not-in-archive", archive.name + " has no /" + wanted + ": nothing was changed.",
-                          "The definition is newer than the archive. Restore other paths with --only, or "
-                          "save the group again.");
+                          was_gone(wanted) ? "The definition is newer than the archive. Restore other paths with "
+                                             "--only, or save the group again."
+                                           : "Files of a folder that an archive does not have stay, as in a restore "
+                                             "of the whole group. Remove it by hand if it has to go.");
         }
         if (!there) {
             files.removed.push_back("/" + wanted);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <kesta/kesta.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,8 +32,9 @@ VersionNumber number_of(int area, int controller)
 bool can_be_read(const char *path)
 {
     const Descriptor file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
     char byte;
-    return file && read(file.get(), &byte, 1) >= 0;
+    return file && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) && read(file.get(), &byte, 1) >= 0;
 }
 
 VersionNumber flash_number()

@@ -38,10 +38,10 @@ void choose_undone_files(Undo &undo, const std::function<void()> &look)
     if (files.replaced.empty()) {
         require_whole(evidence_of(undo.archive.contents), name);
     } else {
-        KESTA_BACKUP_FILE some = *undo.definition;  // not all of the group's paths are in it
-        static_assert(sizeof(some.operation) > sizeof("addremove"));
-        strcpy(some.operation, "addremove");
-        undo.files = choose_files(undo.archive, some, *undo.paths);
+        const auto some = std::make_unique<KESTA_BACKUP_FILE>(*undo.definition);  // not all of its paths are in it
+        static_assert(sizeof(some->operation) > sizeof("addremove"));
+        strcpy(some->operation, "addremove");
+        undo.files = choose_files(undo.archive, *some, *undo.paths);
     }
     undo.files.removed.clear();
     for (const std::string &made : files.made) {

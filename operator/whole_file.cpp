@@ -74,6 +74,26 @@ bool copy_pieces(int from, int to)
     }
 }
 
+// All that a file holds, into a text that comes with the room for it. False, with errno: it can't be read.
+bool read_all(int file, std::string &bytes)
+{
+    std::size_t used = 0;
+    for (;;) {
+        const ssize_t count = read(file, bytes.data() + used, bytes.size() - used);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            bytes.resize(used);
+            return count == 0;
+        }
+        used += static_cast<std::size_t>(count);
+        if (used == bytes.size()) {
+            bytes.resize(bytes.size() + piece_size);  // it grows meanwhile
+        }
+    }
+}
+
 // Fails for a file that is only partly there, and removes it.
 [[noreturn]] void fail_aside(const std::string &aside, const std::string &path, const std::string &what)
 {
@@ -172,25 +192,24 @@ std::string read_whole_file(const std::string &path)
         fail_file(path, "read");
     }
     std::string bytes(static_cast<std::size_t>(status.st_size) + 1, '\0');
-    std::size_t used = 0;
-    for (;;) {
-        const ssize_t count = read(file.get(), bytes.data() + used, bytes.size() - used);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            fail_file(path, "read");
-        }
-        if (count == 0) {
-            break;
-        }
-        used += static_cast<std::size_t>(count);
-        if (used == bytes.size()) {
-            bytes.resize(bytes.size() + piece_size);  // it grows meanwhile
-        }
+    if (!read_all(file.get(), bytes)) {
+        fail_file(path, "read");
     }
-    bytes.resize(used);
     return bytes;
+}
+
+std::string read_settings(const std::string &path)
+{
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0) {
+        return "";
+    }
+    if (!S_ISREG(status.st_mode)) {
+        refuse_kind(path, status.st_mode);
+    }
+    std::string text(static_cast<std::size_t>(status.st_size) + 1, '\0');
+    return read_all(file.get(), text) ? text : "";
 }
 
 void write_file_whole(const std::string &path, std::string_view text)

@@ -22,6 +22,10 @@ Descriptor open_plain_file(const std::string &path);
 
 std::string read_whole_file(const std::string &path);
 
+// The text of settings, also where root has put a link; empty: there are none, or they can't be read. Throws Failure:
+// it is no plain file.
+std::string read_settings(const std::string &path);
+
 // Make a file, or the names in a folder, reach the disk. Throw Failure.
 void flush_file(const std::string &path);
 void flush_folder(const std::string &path);

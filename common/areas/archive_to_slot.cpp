@@ -7,6 +7,7 @@
 #include "kesta/alloc.h"
 #include "kesta/area_files.h"
 #include "large_buffer.h"
+#include "opened_file.h"
 #include "ownership.h"
 
 namespace kesta {
@@ -27,7 +28,7 @@ int archive_to_slot(const char *file, const char *slot, ReportStep report)
     }
     prefer_huge_pages(data.get(), size);
     {
-        UniqueFd archive(open(file, O_RDWR | O_CLOEXEC));
+        UniqueFd archive(open_plain(file, O_RDWR));
         if (!archive) {
             return fail(ToSlotStep::open, size);
         }

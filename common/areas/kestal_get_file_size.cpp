@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "kesta/area_files.h"
+#include "opened_file.h"
 #include "ownership.h"
 #include "trace.h"
 
@@ -41,7 +42,7 @@ int kestal_get_file_size(const char *f_name, unsigned int *ret_size)
         FAILURE(ARGUMENT, 0, 1, "[get_file_size] Argument ERROR(ret_size=NULL)");
         return KESTA_ERR_ARGUMENT;
     }
-    const kesta::FilePtr file(fopen(f_name, "rbe"));
+    const kesta::FilePtr file(kesta::open_stream(f_name));
     const long long size = file ? end_position(file.get()) : -1;
     if (size < 0) {
         SYSTEM_FAILURE(error, 1, "[get_file_size] File open Error f_name =%s errno=%d", f_name, error);

@@ -5,6 +5,7 @@
 #include "controller_state.h"
 #include "kesta/area_files.h"
 #include "kesta/process.h"
+#include "opened_file.h"
 #include "ownership.h"
 #include "trace.h"
 
@@ -103,7 +104,7 @@ int kestal_get_groupname_from_file(char *names, int *errorcds, const char *file)
     TRACE(4, "[get_allgroupname] file open filename=%s", file);
     int result;
     {
-        const kesta::FilePtr list(fopen(file, "re"));
+        const kesta::FilePtr list(kesta::open_stream(file));
         if (!list) {
             SYSTEM_FAILURE(error, 1, "[get_allgroupname] File open Error f_name =%s, errno=%d", file, error);
             return KESTA_ERR;

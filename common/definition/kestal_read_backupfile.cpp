@@ -6,6 +6,7 @@
 #include "formed_text.h"
 #include "kesta/backup_definition.h"
 #include "kesta/paths.h"
+#include "opened_file.h"
 #include "storage_places.h"
 #include "trace.h"
 #include "xpath_object.h"
@@ -48,8 +49,11 @@ private:
     int validate_;
 };
 
-// libxml2 takes "-" for its standard input, and an address for something to fetch.
-bool names_local_file(const char *file) { return strcmp(file, "-") != 0 && !strstr(file, "://"); }
+// libxml2 takes "-" for its standard input, and an address for something to fetch; a FIFO it would wait for.
+bool names_local_file(const char *file)
+{
+    return strcmp(file, "-") != 0 && !strstr(file, "://") && !kesta::may_wait(file);
+}
 
 xmlDocPtr parse(const char *file)
 {
@@ -102,7 +106,7 @@ int read_definition(char *path, KESTA_BACKUP_FILE *record)
 
 bool can_be_opened(const char *path)
 {
-    const kesta::FilePtr file(fopen(path, "re"));
+    const kesta::FilePtr file(kesta::open_stream(path));
     if (!file) {
         SYSTEM_FAILURE(error, 1, "[kestal_read_backupfile] BackFile Nothing. errno=%d", error);
     }

@@ -5,12 +5,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "copy_command.h"
 #include "formed_text.h"
 #include "kesta/backup_flows.h"
 #include "kesta/block_access.h"
 #include "kesta/controller.h"
 #include "kesta/paths.h"
 #include "kesta/process.h"
+#include "opened_file.h"
 #include "ownership.h"
 #include "storage_places.h"
 #include "trace.h"
@@ -24,7 +26,7 @@ constexpr int reset_mode = 1;
 // Forces the copy onto flash. A copy that can't be opened is left to the rename to find.
 bool flush_copy(const char *path)
 {
-    kesta::UniqueFd file(open(path, O_RDONLY | O_CLOEXEC));
+    kesta::UniqueFd file(kesta::open_plain(path, O_RDONLY));
     return !file || fsync(file.get()) == 0;
 }
 
@@ -39,11 +41,12 @@ int cache_to_flash()
     kesta::CommandLine command{};
     (void)kesta::form(command, "/usr/bin/cp -p %s%s %s%s > /dev/null 2>&1", KESTA_TMP_CACHE, KESTA_BACKUP_ARCHIVE,
                       KESTA_FLASH_DIRECTORY, KESTA_FLASH_COPY_ARCHIVE);
-    int result = kestal_exec_cmd_by_system(command.data());
+    const kesta::Path copy = kesta::path_of(KESTA_FLASH_DIRECTORY, KESTA_FLASH_COPY_ARCHIVE);
+    const kesta::Path source = kesta::path_of(KESTA_TMP_CACHE, KESTA_BACKUP_ARCHIVE);
+    int result = kesta::run_copy(command.data(), source.data(), copy.data());
     if (result != 0) {
         return refuse_copy(result);
     }
-    const kesta::Path copy = kesta::path_of(KESTA_FLASH_DIRECTORY, KESTA_FLASH_COPY_ARCHIVE);
     if (!flush_copy(copy.data())) {
         return refuse_copy(KESTA_ERR);  // it has not reached flash, so nothing may point at it
     }

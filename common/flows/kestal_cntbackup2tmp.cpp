@@ -1,9 +1,9 @@
 #include <stdio.h>
 
+#include "copy_command.h"
 #include "formed_text.h"
 #include "kesta/backup_flows.h"
 #include "kesta/paths.h"
-#include "kesta/process.h"
 #include "storage_places.h"
 #include "trace.h"
 
@@ -23,7 +23,7 @@ int kestal_cntbackup2tmp(const char *group, int acceptflg)
     if (!kesta::form(command, "cp -p %s %s", source.data(), destination.data())) {
         return KESTA_ERR;
     }
-    const int rtn = kestal_exec_cmd_by_system(command.data());
+    const int rtn = kesta::run_copy(command.data(), source.data(), destination.data());
     if (rtn != 0) {
         FAILURE(COMMAND, rtn, 1, "[kestal_cntbackup2tmp] Script(Flash->Tmp) Exe Error rtn=%d", rtn);
         return KESTA_ERR;

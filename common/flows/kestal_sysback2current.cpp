@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "archive_file.h"
+#include "copy_command.h"
 #include "formed_text.h"
 #include "kesta/backup_flows.h"
 #include "kesta/paths.h"
@@ -130,7 +131,9 @@ bool copy_accept_archive()
                       KESTA_MERGE_CACHE, KESTA_BACKUP_ARCHIVE);
     TRACE(4, "[sysback2current] FLASHCOPY(%s%s -> %s%s)", KESTA_FLASH_DIRECTORY, KESTA_ACCEPT_ARCHIVE,
           KESTA_MERGE_CACHE, KESTA_BACKUP_ARCHIVE);
-    if (kestal_exec_cmd_by_system(command.data()) != 0) {
+    const Path accept = kesta::path_of(KESTA_FLASH_DIRECTORY, KESTA_ACCEPT_ARCHIVE);
+    const Path merged = kesta::path_of(KESTA_MERGE_CACHE, KESTA_BACKUP_ARCHIVE);
+    if (kesta::run_copy(command.data(), accept.data(), merged.data()) != 0) {
         TRACE(4, "[sysback2current] FLASHCOPY(cmd:%s) Execute Error.", command.data());
         return false;
     }

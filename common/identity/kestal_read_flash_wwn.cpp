@@ -7,6 +7,7 @@
 
 #include "kesta/identity.h"
 #include "kesta/paths.h"
+#include "opened_file.h"
 #include "ownership.h"
 #include "text_line.h"
 #include "trace.h"
@@ -19,7 +20,7 @@ enum class Reading { done, missing, not_opened, empty };
 template <std::size_t Size>
 Reading read_first_line(const char *path, std::array<char, Size> &line, int &error)
 {
-    const kesta::FilePtr file(fopen(path, "re"));
+    const kesta::FilePtr file(kesta::open_stream(path));
     error = errno;
     if (!file) {
         return error == ENOENT ? Reading::missing : Reading::not_opened;
@@ -87,7 +88,7 @@ int kestal_set_flash_wwn(const char *wwn)
     int ret;
     {
         const kesta::UniqueFd file(
-            open(KESTA_WWN_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
+            kesta::open_plain(KESTA_WWN_FILE, O_WRONLY | O_CREAT | O_TRUNC, kesta::new_text_file_mode));
         if (!file) {
             SYSTEM_FAILURE(error, 1, "[%s] Flash wwn File(%s) Open Error. errno=%d", function, KESTA_WWN_FILE, error);
             return KESTA_ERR;

@@ -10,6 +10,7 @@
 #include "kesta/process.h"
 #include "kesta/remote_scripts.h"
 #include "kesta/shell_word.h"
+#include "opened_file.h"
 #include "ownership.h"
 #include "storage_places.h"
 #include "text_line.h"
@@ -127,7 +128,7 @@ bool build(Script &script, const FileList &list)
 
 int open_script(const char *path)
 {
-    return open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode);
+    return kesta::open_plain(path, O_RDWR | O_CREAT | O_TRUNC, kesta::new_text_file_mode);
 }
 
 bool has_names(const FileList &list)

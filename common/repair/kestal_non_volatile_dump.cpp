@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <memory>
+#include <new>
 
 #include "kesta/alloc.h"
 #include "kesta/nv_dump.h"
@@ -75,7 +77,8 @@ inline void form_bytes(char *line, const unsigned char *bytes, std::size_t count
     }
 }
 
-void form_line(char *line, std::uint32_t offset, const unsigned char *bytes, std::size_t count)
+__attribute__((always_inline)) inline void form_line(char *line, std::uint32_t offset, const unsigned char *bytes,
+                                                     std::size_t count)
 {
     memset(line, ' ', line_width);
     for (std::size_t i = offset_digits; i > 0; i -= 2) {
@@ -89,6 +92,34 @@ void form_line(char *line, std::uint32_t offset, const unsigned char *bytes, std
         form_bytes(line, bytes, count);
     }
     line[line_width] = '\n';
+}
+
+// A failure stays in the stream.
+template <std::size_t lines_a_write>
+void write_lines(FILE *out, const unsigned char *bytes, std::size_t size, char *__restrict lines)
+{
+    std::size_t used = 0;
+    for (std::size_t at = 0; at < size; at += bytes_a_line) {
+        form_line(lines + used, static_cast<std::uint32_t>(at), bytes + at, std::min(bytes_a_line, size - at));
+        used += line_width + 1;
+        if (used == lines_a_write * (line_width + 1)) {
+            (void)fwrite(lines, 1, used, out);
+            used = 0;
+        }
+    }
+    if (used > 0) {
+        (void)fwrite(lines, 1, used, out);
+    }
+}
+
+void trace_lines(const unsigned char *bytes, std::size_t size)
+{
+    std::array<char, line_width + 1> line;
+    for (std::size_t at = 0; at < size; at += bytes_a_line) {
+        form_line(line.data(), static_cast<std::uint32_t>(at), bytes + at, std::min(bytes_a_line, size - at));
+        line[line_width] = '\0';
+        TRACE(4, "%s", line.data());
+    }
 }
 
 // Where a dump goes: a file of its own, or the trace log.
@@ -231,28 +262,20 @@ void kestal_non_volatile_dump(FILE *out, char *data, int length)
     if (!data) {
         return;
     }
-    constexpr std::size_t lines_a_write = 512;
-    static_assert(lines_a_write * (line_width + 1) < (1U << 16));
-    std::array<char, lines_a_write *(line_width + 1)> lines;
-    std::size_t used = 0;
     const auto *bytes = reinterpret_cast<const unsigned char *>(data);
     const std::size_t size = static_cast<std::size_t>(length > 0 ? length : 0);
-    for (std::size_t at = 0; at < size; at += bytes_a_line) {
-        char *line = lines.data() + used;
-        form_line(line, static_cast<std::uint32_t>(at), bytes + at, std::min(bytes_a_line, size - at));
-        if (!out) {
-            line[line_width] = '\0';
-            TRACE(4, "%s", line);
-            continue;
-        }
-        used += line_width + 1;
-        if (used == lines.size()) {
-            (void)fwrite(lines.data(), 1, used, out);  // a failure stays in the stream
-            used = 0;
-        }
+    if (!out) {
+        trace_lines(bytes, size);
+        return;
     }
-    if (out && used > 0) {
-        (void)fwrite(lines.data(), 1, used, out);
+    // Not on the stack: a thread's may be small. Without memory each line is written for itself.
+    constexpr std::size_t lines_a_write = 512;
+    static_assert(lines_a_write * (line_width + 1) < (1U << 16));
+    if (const std::unique_ptr<char[]> lines(new (std::nothrow) char[lines_a_write * (line_width + 1)]); lines) {
+        write_lines<lines_a_write>(out, bytes, size, lines.get());
+    } else {
+        std::array<char, line_width + 1> line;
+        write_lines<1>(out, bytes, size, line.data());
     }
 }
 

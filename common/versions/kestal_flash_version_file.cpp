@@ -10,6 +10,7 @@
 #include "kesta/paths.h"
 #include "kesta/process.h"
 #include "kesta/versions.h"
+#include "opened_file.h"
 #include "ownership.h"
 #include "text_line.h"
 #include "trace.h"
@@ -78,7 +79,7 @@ int kestal_read_flash_version_file(int *version, int f_type)
     const char *path = path_of(f_type);
     Word word{};
     {
-        const kesta::FilePtr file(fopen(path, "re"));
+        const kesta::FilePtr file(kesta::open_stream(path));
         const int error = errno;
         if (!file && error == ENOENT) {
             *version = no_version;
@@ -117,7 +118,7 @@ int kestal_set_flash_version_file(int version, int f_type)
     const char *path = path_of(f_type);
     int ret;
     {
-        const kesta::UniqueFd file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kesta::new_text_file_mode));
+        const kesta::UniqueFd file(kesta::open_plain(path, O_WRONLY | O_CREAT | O_TRUNC, kesta::new_text_file_mode));
         if (!file) {
             SYSTEM_FAILURE(error, 1, "[set_flash_version_file] Flash flash_version_file=%s Open ERROR errno=%d", path,
                            error);

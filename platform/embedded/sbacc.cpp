@@ -15,6 +15,7 @@
 #include "call_checks.h"
 #include "faults.h"
 #include "one_machine.h"
+#include "opened_file.h"
 #include "scoped.h"
 #include "settings.h"
 
@@ -117,7 +118,7 @@ void remove_abandoned(const char *name)
         if (strncmp(entry->d_name, prefix, strlen(prefix)) != 0) {
             continue;
         }
-        const kesta::UniqueFd fd(openat(dirfd(folder), entry->d_name, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+        const kesta::UniqueFd fd(openat(dirfd(folder), entry->d_name, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
         if (fd && flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {
             (void)unlinkat(dirfd(folder), entry->d_name, 0);  // best effort: the next one tries again
         }
@@ -213,7 +214,7 @@ int read_recorded_size(const OpenFile &file)
 {
     char path[file_path_size];
     size_path(path, file.name);
-    FILE *record = kesta::above_standard(fopen(path, "re"));
+    FILE *record = kesta::above_standard(kesta::open_stream(path));
     if (!record) {
         struct stat status;
         if (fstat(file.fd, &status) != 0) {

@@ -7,7 +7,7 @@
 #include <array>
 #include <cstdio>
 
-#include "standard_descriptors.h"
+#include "opened_file.h"
 
 namespace etcd {
 
@@ -15,7 +15,7 @@ std::string certificate_notice(const char *path, std::time_t now)
 {
     constexpr long day = 86400;
     const kesta::StandardDescriptorsTaken taken;
-    FILE *file = fopen(path, "re");
+    FILE *file = kesta::open_stream(path);
     X509 *certificate = file ? PEM_read_X509(file, nullptr, nullptr, nullptr) : nullptr;
     if (file) {
         (void)fclose(file);  // read only

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <memory>
 
 namespace etcd {
 namespace {
@@ -120,11 +121,11 @@ bool Connection::send_all(Deadline deadline)
 
 Connection::Got Connection::receive()
 {
-    std::array<char, piece_size> piece;
+    const auto piece = std::make_unique_for_overwrite<char[]>(piece_size);
     for (;;) {
-        const ssize_t size = recv(fd_->get(), piece.data(), piece.size(), 0);
+        const ssize_t size = recv(fd_->get(), piece.get(), piece_size, 0);
         if (size > 0) {
-            received_.append(piece.data(), static_cast<std::size_t>(size));
+            received_.append(piece.get(), static_cast<std::size_t>(size));
             return received_.size() <= longest_unread || fail("a member sends without end") ? Got::bytes : Got::end;
         }
         if (size < 0 && errno == EAGAIN) {

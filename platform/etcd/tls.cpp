@@ -7,10 +7,21 @@
 #include <array>
 #include <climits>
 
-#include "standard_descriptors.h"
+#include "opened_file.h"
 
 namespace etcd {
 namespace {
+
+constexpr std::size_t piece_size = 4096;  // of a thread's stack, which may be small
+
+// Nobody is waited for where a FIFO stands in the place of a certificate.
+bool is_usable(const char *path, std::string &why, const char *setting)
+{
+    if (kesta::may_wait(path)) {
+        why = std::string(setting) + " " + path + " can't be used: it is no plain file";
+    }
+    return why.empty();
+}
 
 // The reason of the last failure, as OpenSSL words it.
 std::string reason()
@@ -60,6 +71,9 @@ bool TlsContext::load(const char *ca, const char *certificate, const char *key, 
     SSL_CTX_set_session_cache_mode(context_, SSL_SESS_CACHE_OFF);
     static constexpr std::array<unsigned char, 3> http2{2, 'h', '2'};
     (void)SSL_CTX_set_alpn_protos(context_, http2.data(), http2.size());  // a member without it is told apart later
+    if (!is_usable(ca, why, "tls_ca") || !is_usable(certificate, why, "tls_cert") || !is_usable(key, why, "tls_key")) {
+        return false;
+    }
     if (SSL_CTX_load_verify_file(context_, ca) != 1) {
         why = std::string("tls_ca ") + ca + " can't be used: " + reason();
     } else if (SSL_CTX_use_certificate_chain_file(context_, certificate) != 1) {
@@ -134,7 +148,7 @@ bool TlsSession::feed(std::string_view wire, std::string &plain)
         return false;
     }
     while (shaken()) {
-        std::array<char, 16384> piece;
+        std::array<char, piece_size> piece;
         ERR_clear_error();
         const int size = SSL_read(ssl_, piece.data(), piece.size());
         if (size <= 0) {
@@ -157,7 +171,7 @@ bool TlsSession::drain(std::string_view plain, std::string &wire)
             return false;
         }
     }
-    std::array<char, 16384> piece;
+    std::array<char, piece_size> piece;
     for (;;) {
         const int size = BIO_read(SSL_get_wbio(ssl_), piece.data(), piece.size());
         if (size <= 0) {

@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "faults.h"
+#include "opened_file.h"
 #include "scoped.h"
 #include "settings.h"
 
@@ -48,7 +49,7 @@ int read_status(StatusBytes &bytes)
         return failed;
     }
     const kesta::CancelOff off;
-    FILE *file = kesta::above_standard(fopen(settings().status_file, "re"));
+    FILE *file = kesta::above_standard(kesta::open_stream(settings().status_file));
     if (!file) {
         return -errno;
     }

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "opened_file.h"
 #include "scoped.h"
 #include "settings.h"
 
@@ -88,7 +89,7 @@ void refresh(const char *path)
     read_at = status.st_mtim;
     rule_count = 0;
     counter_count = 0;
-    FILE *file = kesta::above_standard(fopen(path, "re"));
+    FILE *file = kesta::above_standard(kesta::open_stream(path));
     if (!file) {
         return;
     }

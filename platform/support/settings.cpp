@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "opened_file.h"
 #include "scoped.h"
 
 namespace platform {
@@ -201,8 +202,11 @@ void read_line(char *line, const char *path)
 
 void read_file(const char *path)
 {
-    FILE *file = kesta::above_standard(fopen(path, "re"));
+    FILE *file = kesta::above_standard(kesta::open_stream(path));
     if (!file) {
+        if (kesta::may_wait(path)) {
+            note_problem(path, "no plain file", "settings");
+        }
         return;  // no file: the defaults hold
     }
     char line[512];

@@ -10,6 +10,7 @@
 
 #include "atomic_file.h"
 #include "faults.h"
+#include "opened_file.h"
 #include "scoped.h"
 #include "settings.h"
 
@@ -47,7 +48,7 @@ bool parse_integer(const char *text, long &value)
 
 int read_text(const char *path, char *text, size_t size)
 {
-    const kesta::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+    const kesta::UniqueFd fd(kesta::open_plain(path, O_RDONLY));
     if (!fd) {
         return -errno;
     }

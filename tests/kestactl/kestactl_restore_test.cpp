@@ -222,6 +222,23 @@ TEST_F(KestactlRestore, FilesThatWereGoneAreRemovedWhereTheGroupAllowsIt)
     EXPECT_EQ(file_on(0, "/etc/app/late"), "added\n");
 }
 
+// A part of the group goes by the rule of the whole: what the definition names may have been gone, a new file in a
+// folder that was saved was not.
+TEST_F(KestactlRestore, NewFileOfASavedFolderStaysAlsoWhereItAloneIsRestored)
+{
+    define("", "<file path=\"/etc/app/more\"/><file path=\"/etc/app/late\"/>", "", "addremove");
+    ASSERT_EQ(ctl(0, "save network").code, 0);
+    write_file(host_path(0, "etc/app/more/new"), "new\n");
+    write_file(host_path(0, "etc/app/late/one"), "one\n");
+    write_file(host_path(0, "etc/app/late/other"), "other\n");
+    expect_refusal(ctl(0, "restore network --only /etc/app/more/new"), 1, "has no /etc/app/more/new: nothing was");
+    EXPECT_EQ(ctl(0, "restore network --only /etc/app/late/one").code, 0);
+    EXPECT_EQ(on(0, "ls /etc/app/late").out, "other\n") << "the folder was gone as a whole";
+    succeed("rm -r /etc/app/late && echo new > /etc/app/late && kestactl restore network");
+    EXPECT_EQ(on(0, "ls /etc/app/late").code, 2);
+    EXPECT_EQ(file_on(0, "/etc/app/more/new"), "new\n");
+}
+
 TEST_F(KestactlRestore, MembersOfOtherGroupsAreLeftAlone)
 {
     plant(

@@ -584,3 +584,18 @@ TEST_F(KestactlVerify, SwitchToTheAcceptedOneDoesNotCostTheBackup)
     EXPECT_EQ(file_on(0, flash_backup), backup);
     EXPECT_TRUE(bad().empty());
 }
+
+// Whatever stands in the place of the version, of an archive or of settings, a command that holds locks ends.
+TEST_F(KestactlSave, WhatIsNoPlainFileIsNotWaitedFor)
+{
+    define("");
+    for (const auto &[path, verb, code, text] :
+         {std::tuple("/etc/kesta_sys/version", "save network", 4, "kestactl: "),
+          std::tuple("/opt/kesta_sys/bakup/backup.tar.Z", "copy cntbackup2tmp", 4, "is not a file"),
+          std::tuple("/etc/kesta/archives.conf", "save network", 1, "/etc/kesta/archives.conf is a FIFO"),
+          std::tuple("/etc/kesta/remote.conf", "status --all", 1, "/etc/kesta/remote.conf is a FIFO")}) {
+        succeed(std::string("rm -f ") + path + " && mkfifo " + path);
+        expect_refusal(on(0, std::string("timeout -s KILL 20 kestactl ") + verb), code, text);
+        succeed(std::string("rm -f ") + path);
+    }
+}

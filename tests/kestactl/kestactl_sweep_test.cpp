@@ -1,5 +1,5 @@
 // Every verb under conditions that nobody expects: standard descriptors closed, nowhere to write to, few
-// descriptors, little memory, a user that nobody knows. It ends, in one of its own exit codes; it leaves no lock; and
+// descriptors, little memory, a small stack, a user that nobody knows. It ends, in one of its own exit codes; it leaves no lock; and
 // nothing outside its own places has changed.
 #include <unistd.h>
 
@@ -202,6 +202,7 @@ std::vector<Condition> conditions()
 #ifdef KESTA_KILL_BY_TRACING  // a sanitizer takes more than that for itself
         {"EightDescriptors", "ulimit -n 8; ", ""},
         {"LittleMemory", "ulimit -v 65536; ", ""},
+        {"SmallStack", "ulimit -s 64; ", ""},
 #endif
     };
     if (geteuid() == 0) {

@@ -28,6 +28,29 @@ TEST_F(Lab, FoldersOfSomebodyElseAreNoLabs)
     }
 }
 
+// What makes a lab of a folder that others can write to is none of ours, whoever its owner is.
+TEST_F(Lab, FoldersThatOthersCanWriteToAreNoLabs)
+{
+    const fs::path shared = home / "shared";
+    const auto refused = [&](const std::string &plant, const std::string &text) {
+        fs::create_directories(shared / "below");
+        EXPECT_EQ(shell("cd " + shared.string() + " && " + plant).code, 0);
+        const Ran entered = shell("cd " + shared.string() + "/below && timeout 20 " + lab() + " exec CNT0 -- true");
+        EXPECT_EQ(entered.code, 1) << plant;
+        EXPECT_THAT(entered.err, HasSubstr(text)) << plant;
+        fs::remove_all(shared);
+    };
+    const std::string marker = (dir / "lab.conf").string();
+    refused("cp " + marker + " . && chmod 1777 .", "can be written to by others");
+    refused("ln " + marker + " . && chmod 755 .", "is a second name of a file");
+    refused("mkfifo lab.conf", "which lab?");
+    refused("ln -s " + marker + " lab.conf", "which lab?");
+    ASSERT_EQ(shell("chmod o+w " + home.string()).code, 0);
+    EXPECT_THAT(on(0, "true").err, HasSubstr(home.string() + " can be written to by others"));
+    ASSERT_EQ(shell("chmod o-w " + home.string()).code, 0);
+    EXPECT_EQ(on(0, "true").code, 0);
+}
+
 TEST_F(Lab, ControllersKnowWhoTheyAre)
 {
     for (int n = 0; n < 4; ++n) {
@@ -192,14 +215,15 @@ TEST_F(Lab, CallerOfASetUserIdProgramDoesNotChooseWhatItRuns)
     // A shell function stands between others that go, and at the end.
     const std::string plain =
         "/usr/bin/env 'BASH_FUNC_tar%%=() { evil; }' 'BASH_FUNC_cp%%=() { evil; }' TAR_OPTIONS=--evil "
+        "PERL5OPT=-mevil KESTA_PLATFORM_VPD_FILE=/evil "
         "BASH_ENV=/evil LANG=C PATH=/evil:/usr/bin 'BASH_FUNC_rm%%=() { evil; }' ";
-    EXPECT_EQ(on(0, plain + "/opt/shower").out, "3 /evil:/usr/bin --evil /evil C\n") << "the caller's own";
+    EXPECT_EQ(on(0, plain + "/opt/shower").out, "3 /evil:/usr/bin --evil /evil C -mevil /evil\n") << "the caller's own";
     if (geteuid() == 0) {
         const Ran shown =
             on(0,
                "mkdir /tmp/suid && mount -t tmpfs tmpfs /tmp/suid && cp /opt/shower /tmp/suid && "
                "chmod 4755 /tmp/suid/shower && " +
                    plain + "/usr/bin/setpriv --reuid 54321 --regid 54321 --clear-groups /tmp/suid/shower");
-        EXPECT_EQ(shown.out, "0 /usr/sbin:/usr/bin:/sbin:/bin   C\n") << shown.err;
+        EXPECT_EQ(shown.out, "0 /usr/sbin:/usr/bin:/sbin:/bin   C  \n") << shown.err;
     }
 }

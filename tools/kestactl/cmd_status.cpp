@@ -78,7 +78,9 @@ ShownArchive look_at_file(const ArchivePlace &place, bool checksums)
         return archive;
     }
     archive.size = static_cast<std::uint64_t>(status.st_size);
-    if (checksums) {
+    if (!S_ISREG(status.st_mode)) {
+        archive.state = "unreadable";  // a FIFO, for one: nobody is waited for
+    } else if (checksums) {
         add_file_checksum(archive);
     }
     return archive;
