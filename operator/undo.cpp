@@ -27,7 +27,7 @@ namespace {
 constexpr const char *undo_verb = "undo";
 
 // The files that it made go, and those that it replaced come back.
-void choose_undone_files(Undo &undo, const std::function<void()> &look)
+void choose_undone_files(Undo &undo, bool is_to_stage, const std::function<void()> &look)
 {
     const ReplacedFiles &files = *undo.change.files;
     undo.definition = read_definition(files.group);
@@ -41,7 +41,8 @@ void choose_undone_files(Undo &undo, const std::function<void()> &look)
         const auto some = std::make_unique<KESTA_BACKUP_FILE>(*undo.definition);  // not all of its paths are in it
         static_assert(sizeof(some->operation) > sizeof("addremove"));
         strcpy(some->operation, "addremove");
-        undo.files = choose_files(undo.archive, *some, *undo.paths);
+        KeptContents kept = is_to_stage ? KeptContents(spool_on_flash(undo.archive.contents.size)) : KeptContents();
+        undo.files = choose_files(undo.archive, *some, *undo.paths, std::move(kept));
     }
     undo.files.removed.clear();
     for (const std::string &made : files.made) {
@@ -99,12 +100,12 @@ std::string address_of_place(const std::string &place)
 
 }  // namespace
 
-std::unique_ptr<Undo> prepare_undo(const std::function<void()> &look)
+std::unique_ptr<Undo> prepare_undo(bool is_to_stage, const std::function<void()> &look)
 {
     auto undo = std::make_unique<Undo>();
     undo->change = undoable_change();
     if (undo->change.files) {
-        choose_undone_files(*undo, look);
+        choose_undone_files(*undo, is_to_stage, look);
         undo->changes = compare_files(undo->archive, undo->files, GroupPlaces(*undo->paths));
     }
     return undo;

@@ -30,7 +30,8 @@ struct Undo {
 };
 
 // Throws Failure: there is nothing to undo, or it can't be undone, and why.
-std::unique_ptr<Undo> prepare_undo(const std::function<void()> &look);
+// What this system lacks of the files that come back is kept aside where they are to be staged next, as in a restore.
+std::unique_ptr<Undo> prepare_undo(bool is_to_stage, const std::function<void()> &look);
 
 // Brings each archive back to where it was, and keeps what is there now. Throws Failure.
 void undo_archives(const Undo &undo, const KeepRule &rule, KeepReport &report);

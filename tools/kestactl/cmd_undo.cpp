@@ -9,6 +9,7 @@
 #include "kept_generations.h"
 #include "kesta/paths.h"
 #include "undo.h"
+#include "undoable_change.h"
 #include "utc.h"
 
 namespace kestactl {
@@ -81,16 +82,16 @@ Result undo(const UndoOptions &options, const Globals &globals)
 {
     require_writable();
     learn_own_number();
-    std::shared_ptr<Undo> undone = prepare_undo([] {});  // refused before any lock is taken
-    const std::uint64_t asked_for = undone->change.id;
+    const Change asked_for = undoable_change();  // refused before any lock is taken
     if (!globals.dry_run) {
-        confirm("This undoes " + called(undone->change) + ".", options.yes);
+        confirm("This undoes " + called(asked_for) + ".", options.yes);
     }
+    std::shared_ptr<Undo> undone;
     Result result = carry_out_locked(
-        {KESTA_LOCK_TYPE1, undone->change.group, options.work.wait},
+        {KESTA_LOCK_TYPE1, asked_for.group, options.work.wait},
         [&](Work &work) {
-            undone = prepare_undo([&work] { stop_if_asked(work); });
-            if (undone->change.id != asked_for) {
+            undone = prepare_undo(!globals.dry_run, [&work] { stop_if_asked(work); });
+            if (undone->change.id != asked_for.id) {
                 throw Failure(Exit::no, "changed-meanwhile", "Another change was made meanwhile.",
                               "Nothing was changed. Run the command again to see which one it is.");
             }
