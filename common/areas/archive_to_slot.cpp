@@ -28,7 +28,7 @@ int archive_to_slot(const char *file, const char *slot, ReportStep report)
     }
     prefer_huge_pages(data.get(), size);
     {
-        UniqueFd archive(open_plain(file, O_RDWR));
+        UniqueFd archive(open_at_once(file, O_RDWR));
         if (!archive) {
             return fail(ToSlotStep::open, size);
         }

@@ -26,7 +26,7 @@ constexpr int reset_mode = 1;
 // Forces the copy onto flash. A copy that can't be opened is left to the rename to find.
 bool flush_copy(const char *path)
 {
-    kesta::UniqueFd file(kesta::open_plain(path, O_RDONLY));
+    kesta::UniqueFd file(kesta::open_at_once(path, O_RDONLY));
     return !file || fsync(file.get()) == 0;
 }
 

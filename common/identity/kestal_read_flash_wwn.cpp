@@ -88,7 +88,7 @@ int kestal_set_flash_wwn(const char *wwn)
     int ret;
     {
         const kesta::UniqueFd file(
-            kesta::open_plain(KESTA_WWN_FILE, O_WRONLY | O_CREAT | O_TRUNC, kesta::new_text_file_mode));
+            kesta::open_at_once(KESTA_WWN_FILE, O_WRONLY | O_CREAT | O_TRUNC, kesta::new_text_file_mode));
         if (!file) {
             SYSTEM_FAILURE(error, 1, "[%s] Flash wwn File(%s) Open Error. errno=%d", function, KESTA_WWN_FILE, error);
             return KESTA_ERR;

@@ -128,7 +128,7 @@ bool build(Script &script, const FileList &list)
 
 int open_script(const char *path)
 {
-    return kesta::open_plain(path, O_RDWR | O_CREAT | O_TRUNC, kesta::new_text_file_mode);
+    return kesta::open_at_once(path, O_RDWR | O_CREAT | O_TRUNC, kesta::new_text_file_mode);
 }
 
 bool has_names(const FileList &list)

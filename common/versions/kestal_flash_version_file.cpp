@@ -118,7 +118,7 @@ int kestal_set_flash_version_file(int version, int f_type)
     const char *path = path_of(f_type);
     int ret;
     {
-        const kesta::UniqueFd file(kesta::open_plain(path, O_WRONLY | O_CREAT | O_TRUNC, kesta::new_text_file_mode));
+        const kesta::UniqueFd file(kesta::open_at_once(path, O_WRONLY | O_CREAT | O_TRUNC, kesta::new_text_file_mode));
         if (!file) {
             SYSTEM_FAILURE(error, 1, "[set_flash_version_file] Flash flash_version_file=%s Open ERROR errno=%d", path,
                            error);

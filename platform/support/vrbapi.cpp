@@ -48,7 +48,7 @@ bool parse_integer(const char *text, long &value)
 
 int read_text(const char *path, char *text, size_t size)
 {
-    const kesta::UniqueFd fd(kesta::open_plain(path, O_RDONLY));
+    const kesta::UniqueFd fd(kesta::open_at_once(path, O_RDONLY));
     if (!fd) {
         return -errno;
     }

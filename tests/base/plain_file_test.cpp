@@ -181,24 +181,31 @@ TEST_F(PlantedFile, IsNoSourceOfACopyAndGivesWayToOne)
     EXPECT_EQ(read_file(cache), "saved\n");
 }
 
-TEST_F(PlantedFile, OfAnyKindIsNotOpenedAndALinkToAPlainOneIs)
+TEST_F(PlantedFile, IsWaitedForNeitherWithItsOtherEndNorWithoutAndWhatDoesNotWaitIsOpened)
 {
     const std::string folder = "/var/run/kesta_sys/tmp/planted";
-    ASSERT_EQ(run_shell("rm -rf " + folder + " && mkdir -p " + folder + " && cd " + folder +
-                        " && ln -s /dev/zero device && echo text > file && ln -s file link"),
+    ASSERT_EQ(run_shell(
+                  "rm -rf " + folder + " && mkdir -p " + folder + " && cd " + folder +
+                  " && mkfifo fifo && ln -s fifo way && ln -s /dev/zero device && echo text > file && ln -s file link"),
               0);
     const auto result_of = [&](const char *name, int flags) {
-        const kesta::UniqueFd file(kesta::open_plain((folder + "/" + name).c_str(), flags));
+        const kesta::UniqueFd file(kesta::open_at_once((folder + "/" + name).c_str(), flags));
         return file ? 0 : errno;
     };
+    EXPECT_EQ(result_of("fifo", O_WRONLY), ENXIO);
+    {
+        const kesta::UniqueFd other_end(open((folder + "/fifo").c_str(), O_RDWR | O_CLOEXEC));
+        EXPECT_EQ(result_of("fifo", O_WRONLY), EINVAL) << "nothing is written to a stranger";
+    }
     for (const int flags : {O_RDONLY, O_RDWR}) {
-        EXPECT_EQ(result_of("device", flags), EINVAL);
+        EXPECT_EQ(result_of("fifo", flags), EINVAL);
+        EXPECT_EQ(result_of("way", flags), EINVAL);
+        EXPECT_EQ(result_of("device", flags), 0);
         EXPECT_EQ(result_of("link", flags), 0);
-        EXPECT_EQ(result_of("", flags), EISDIR);
         EXPECT_EQ(result_of("none", flags), ENOENT);
     }
     errno = 0;
-    EXPECT_EQ(kesta::open_stream((folder + "/device").c_str()), nullptr);
+    EXPECT_EQ(kesta::open_stream((folder + "/way").c_str()), nullptr);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(run_shell("rm -r " + folder), 0);
 }
