@@ -66,6 +66,7 @@ KESTA_LOADED(KESTA_LIBARCHIVE, archive_write_open);
 KESTA_LOADED(KESTA_LIBARCHIVE, archive_write_open_fd);
 KESTA_LOADED(KESTA_LIBARCHIVE, archive_write_set_bytes_in_last_block);
 KESTA_LOADED(KESTA_LIBARCHIVE, archive_write_set_format_gnutar);
+KESTA_LOADED(KESTA_LIBARCHIVE, archive_write_set_format_pax_restricted);
 
 KESTA_LOADED(KESTA_LIBNETTLE, nettle_sha256_init);
 KESTA_LOADED(KESTA_LIBNETTLE, nettle_sha256_update);

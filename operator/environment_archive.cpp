@@ -29,12 +29,17 @@ using EntryPtr = std::unique_ptr<archive_entry, decltype(&::archive_entry_free)>
 // The other program that packs has not done so.
 struct NotPacked {};
 
+// In the format in which archives are written there is no time before 1970; the other one has a longer header for it.
+enum class Times { since_1970, any };
+struct TimeBefore1970 {};
+
 class ArchiveWriter {
 public:
-    // With an empty program it packs itself. Otherwise throws NotPacked as well.
-    ArchiveWriter(const std::string &path, const std::function<void()> &check, const std::string &program)
+    // With an empty program it packs itself. Otherwise throws NotPacked as well. Of such times, TimeBefore1970.
+    ArchiveWriter(const std::string &path, const std::function<void()> &check, const std::string &program, Times times)
         : path_(path),
           check_(check),
+          times_(times),
           limits_(archive_limits()),
           file_(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)),
           writer_(archive_write_new(), archive_write_free)
@@ -42,7 +47,11 @@ public:
         if (!file_) {
             fail_file(path, "made");
         }
-        archive_write_set_format_gnutar(writer_.get());
+        if (times_ == Times::any) {
+            archive_write_set_format_pax_restricted(writer_.get());
+        } else {
+            archive_write_set_format_gnutar(writer_.get());
+        }
         if (program.empty()) {
             archive_write_add_filter_bzip2(writer_.get());
             require(archive_write_open_fd(writer_.get(), file_.get()));
@@ -56,6 +65,9 @@ public:
     void add(const Member &member, const Descriptor &contents)
     {
         check_();
+        if (times_ == Times::since_1970 && member.modified.tv_sec < 0) {
+            throw TimeBefore1970();
+        }
         count(member);
         const EntryPtr entry(archive_entry_new(), archive_entry_free);
         archive_entry_copy_pathname(entry.get(), member.path.c_str());
@@ -168,6 +180,7 @@ private:
 
     const std::string &path_;
     const std::function<void()> &check_;
+    const Times times_;
     ArchiveLimits limits_;
     Descriptor file_;
     std::unique_ptr<PackingProgram> packer_;
@@ -199,15 +212,28 @@ std::uint64_t bytes_to_pack(const KESTA_BACKUP_FILE &definition, const GroupPath
     return bytes;
 }
 
+// Most archives need but one attempt.
+void write_archive(const std::string &path, const std::function<void()> &look, const std::string &program,
+                   const std::function<void(const AddMember &add)> &give)
+{
+    const auto attempt = [&](Times times) {
+        remove_quietly(path);  // of a run that was cut short; making it tells
+        ArchiveWriter writer(path, look, program, times);
+        give([&writer](const Member &member, const Descriptor &contents) { writer.add(member, contents); });
+        writer.finish();
+    };
+    try {
+        attempt(Times::since_1970);
+    } catch (const TimeBefore1970 &) {
+        attempt(Times::any);
+    }
+}
+
 void make_archive_by(const std::string &program, const KESTA_BACKUP_FILE &definition, const GroupPaths &paths,
                      const std::string &path, const std::function<void()> &look)
 {
-    remove_quietly(path);  // of a run that was cut short; making it tells
     try {
-        ArchiveWriter writer(path, look, program);
-        for_each_saved(definition, paths,
-                       [&writer](const Member &member, const Descriptor &contents) { writer.add(member, contents); });
-        writer.finish();
+        write_archive(path, look, program, [&](const AddMember &add) { for_each_saved(definition, paths, add); });
         require_restorable(definition, paths, path, look);
     } catch (...) {
         remove_quietly(path);
@@ -268,11 +294,8 @@ void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path, 
 void make_archive_of(const std::string &path, const std::function<void()> &look,
                      const std::function<void(const AddMember &add)> &give)
 {
-    remove_quietly(path);  // of a run that was cut short; making it tells
     try {
-        ArchiveWriter writer(path, look, "");
-        give([&writer](const Member &member, const Descriptor &contents) { writer.add(member, contents); });
-        writer.finish();
+        write_archive(path, look, "", give);
     } catch (...) {
         remove_quietly(path);
         throw;

@@ -27,7 +27,8 @@ void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path, 
 void make_archive(const KESTA_BACKUP_FILE &definition, const std::string &path, const std::function<void()> &look,
                   const std::string &program);
 
-// An archive of whatever is given, packed by this process; it is on the disk then. Throws Failure; no half archive stays
+// An archive of whatever is given, packed by this process; it is on the disk then. It is asked for once more where a time
+// lies before 1970. Throws Failure; no half archive stays
 // behind.
 using AddMember = std::function<void(const Member &member, const Descriptor &contents)>;
 void make_archive_of(const std::string &path, const std::function<void()> &look,

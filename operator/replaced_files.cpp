@@ -86,11 +86,12 @@ ReplacedFiles keep_replaced_files(const std::string &group, const FileChanges &c
     (void)GenerationFolder(KESTA_FLASH_DIRECTORY,
                            GenerationFolder::Purpose::changing);  // so that it is there, for root alone
     ReplacedFiles files;
-    files.group = group;
     std::set<std::string> all = changes.replaced;
     all.insert(changes.adjusted.begin(), changes.adjusted.end());
     all.insert(changes.removed.begin(), changes.removed.end());
     make_archive_of(unfinished_archive_path(), look, [&](const AddMember &add) {
+        files = ReplacedFiles();  // of an attempt before
+        files.group = group;
         Keeping keeping(places, add, files);
         for (const std::string &path : all) {
             keeping.keep(path);

@@ -13,9 +13,10 @@ export LC_ALL=C
 
 tree=/var/run/kesta_sys/env_restore2
 
+# Names of an archive stand in it: echo would make bytes of what is escaped in them, and a terminal would act on those.
 fail()
 {
-    echo "env_tarz_assign_collect.sh: $*" >&2
+    printf '%s\n' "env_tarz_assign_collect.sh: $*" | tr -c '[:print:]\n' '?' >&2
     exit 1
 }
 

@@ -222,6 +222,24 @@ TEST_F(KestactlRestore, FilesThatWereGoneAreRemovedWhereTheGroupAllowsIt)
     EXPECT_EQ(file_on(0, "/etc/app/late"), "added\n");
 }
 
+TEST_F(KestactlRestore, TimesBefore1970ComeBack)
+{
+    const std::string times = "cd /etc/app && stat -c '%n %Y' one more/two";
+    define("");
+    succeed("cd /etc/app && touch -d @-86400 one && touch -d @-2000000000 more/two");
+    const std::string before = on(0, times).out;
+    EXPECT_THAT(before, AllOf(HasSubstr("one -86400"), HasSubstr("two -2000000000")));
+    ASSERT_EQ(ctl(0, "save network").code, 0);
+    succeed(
+        "rm -r /etc/app/more && echo changed > /etc/app/one && touch -d @-5 /etc/app/one && kestactl restore network");
+    EXPECT_EQ(on(0, times).out, before);
+    succeed("kestactl undo --yes");
+    EXPECT_EQ(on(0, "cd /etc/app && cat one && stat -c %Y one").out, "changed\n-5\n");
+    plant("touch -d @-77 etc/app/one && tar --format=gnu -cjf /opt/plant.tar.bz2 etc");  // as others write it
+    ASSERT_EQ(ctl(0, "restore network").code, 0);
+    EXPECT_EQ(on(0, "stat -c %Y /etc/app/one").out, "-77\n");
+}
+
 // A part of the group goes by the rule of the whole: what the definition names may have been gone, a new file in a
 // folder that was saved was not.
 TEST_F(KestactlRestore, NewFileOfASavedFolderStaysAlsoWhereItAloneIsRestored)

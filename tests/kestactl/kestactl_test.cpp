@@ -396,6 +396,11 @@ TEST_F(Kestactl, UnknownCommandsAreNamedWithTheNearestOne)
     EXPECT_EQ(inner.code, 2);
     EXPECT_THAT(inner.err, testing::HasSubstr("'raed' is no command of 'kestactl nv'"));
     EXPECT_THAT(inner.err, testing::HasSubstr("Did you mean 'read'?"));
+    // The value of a command's own option is no command.
+    const Ran empty = ctl(0, "history --group ''");
+    EXPECT_EQ(empty.code, 2);
+    EXPECT_THAT(empty.err,
+                testing::AllOf(testing::HasSubstr("--group"), testing::Not(testing::HasSubstr("command of"))));
     const Ran third = ctl(0, "--json vrify");
     EXPECT_THAT(third.json()["error"]["hint"].get<std::string>(), testing::HasSubstr("'verify'"));
 }

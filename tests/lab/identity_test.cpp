@@ -204,6 +204,16 @@ TEST_F(LabHostileIdentity, OnlyFoldersAndPlainFilesAreUnpacked)
     }
 }
 
+TEST_F(LabHostileIdentity, NothingRawReachesTheTerminal)
+{
+    plant("add('C/etc/\\x1b[31m\\x9bred\\x7f', mode=0o4755)");
+    const Ran refused = on(0, distribute + " /opt/kesta_sys/bakup/");
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_THAT(refused.err, HasSubstr("which runs with the rights"));
+    EXPECT_EQ(refused.err.find_first_of("\x1b\x7f\x9b\xc2"), std::string::npos) << refused.err;
+    EXPECT_EQ(on(0, distribute + " '/opt/\\033[31m\x1b'").err.find('\x1b'), std::string::npos);
+}
+
 TEST_F(LabHostileIdentity, TreeIsForRootOnly)
 {
     plant(

@@ -61,7 +61,8 @@ std::optional<Failure> unknown_command(const Command &app, int argc, const char 
     for (int i = 1; i < argc && !command.subcommands().empty(); ++i) {
         const std::string word = argv[i];
         if (word[0] == '-') {
-            const std::optional<Option> option = app.find_option(word);
+            const std::optional<Option> own = command.find_option(word);
+            const std::optional<Option> option = own ? own : app.find_option(word);
             i += option && option->takes_value() ? 1 : 0;
             continue;
         }
