@@ -282,8 +282,8 @@ void return_to_folder(const fs::path &folder)
 
 bool is_of_ours(const struct stat &status)
 {
-    struct stat
-        root;  // without rights of its own the machine's root is nobody in a namespace, and the root folder's owner
+    // In a namespace of a user without rights the machine's root is nobody there, and the root folder's owner.
+    struct stat root;
     return status.st_uid == geteuid() || status.st_uid == 0 || (stat("/", &root) == 0 && status.st_uid == root.st_uid);
 }
 
@@ -294,28 +294,30 @@ bool is_trusted(const fs::path &path)
     return lstat(path.c_str(), &status) == 0 && !S_ISLNK(status.st_mode) && is_of_ours(status);
 }
 
-// Nobody else writes in a lab, nor can put another folder in its place. In a folder where everybody writes, as /tmp,
-// only the owner of a name can change it.
+// Nobody else writes in a lab, and not everybody can put another folder in its place. In a folder where everybody writes,
+// as /tmp, only the owner of a name can change it. Who has a folder of somebody else's for a lab trusts him with it.
 void require_own(const fs::path &lab)
 {
     struct stat status;
-    const auto require = [&status](const fs::path &path, bool good, const char *what) {
-        if (!good || !is_of_ours(status)) {
+    const auto require = [](const fs::path &path, bool good, const char *what) {
+        if (!good) {
             throw Error(path.string() + what + ": programs of that lab would run as you");
         }
     };
-    constexpr const char *other = " belongs to somebody else";
-    require(lab, lstat(lab.c_str(), &status) == 0, other);
-    require(lab, (status.st_mode & (S_IWGRP | S_IWOTH)) == 0, " can be written to by others");
+    constexpr const char *others = " belongs to somebody else";
+    constexpr const char *writable = " can be written to by others";
+    require(lab, lstat(lab.c_str(), &status) == 0 && is_of_ours(status), others);
+    require(lab, (status.st_mode & (S_IWGRP | S_IWOTH)) == 0, writable);
     const fs::path marker = lab / marker_name;
-    require(marker, lstat(marker.c_str(), &status) == 0 && S_ISREG(status.st_mode), other);
+    require(marker, lstat(marker.c_str(), &status) == 0 && S_ISREG(status.st_mode) && is_of_ours(status), others);
     require(marker, status.st_nlink == 1, " is a second name of a file");  // of ours, and given by anybody
     // A controller sees the lab in folders of its own, which nobody outside reaches.
     for (fs::path above = lab; above.has_relative_path() && !is_inside();) {
         above = above.parent_path();
-        require(above, stat(above.c_str(), &status) == 0, other);
-        require(above, (status.st_mode & S_IWOTH) == 0 || (status.st_mode & S_ISVTX) != 0,
-                " can be written to by others");
+        require(above,
+                stat(above.c_str(), &status) == 0 &&
+                    ((status.st_mode & S_IWOTH) == 0 || (status.st_mode & S_ISVTX) != 0),
+                writable);
     }
 }
 
