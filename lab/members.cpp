@@ -231,19 +231,6 @@ void Members::stop(int number) const
     stop_process(*pid);
 }
 
-// Of those that run, and don't hang.
-std::string Members::serving_endpoints() const
-{
-    std::string all;
-    for (int number = 0; number < count(); ++number) {
-        const std::optional<int> pid = pid_of(number);
-        if (pid && !is_stopped(*pid)) {
-            all += (all.empty() ? "" : ",") + endpoint_of(number);
-        }
-    }
-    return all;
-}
-
 // etcdctl, for all members that can answer.
 std::vector<std::string> Members::control(const std::vector<std::string> &words) const
 {

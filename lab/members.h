@@ -52,7 +52,6 @@ private:
     std::optional<int> pid_of(int number) const;
     void start_process(int number) const;
     bool await_service(int number, std::size_t from) const;
-    std::string serving_endpoints() const;
     std::vector<std::string> control(const std::vector<std::string> &words) const;
 
     std::filesystem::path lab_;

@@ -3,6 +3,7 @@
 #include <kesta/kesta.h>
 
 #include "appliance_state.h"
+#include "checksum.h"
 #include "current_change.h"
 #include "failure.h"
 #include "kesta/paths.h"
@@ -22,7 +23,7 @@ struct Source {
 
 std::string read_generation(const std::string &sum)
 {
-    if (sum.size() != 64 || sum.find_first_not_of("0123456789abcdef") != std::string::npos) {
+    if (!is_checksum(sum)) {
         throw Failure(Exit::usage, "bad-place", "'" + sum + "' is no checksum of a generation.",
                       "It is the name of its file in " KESTA_FLASH_DIRECTORY "generations, without .tar.Z.");
     }

@@ -8,6 +8,11 @@
 
 namespace engine {
 
+bool is_checksum(std::string_view text)
+{
+    return text.size() == checksum_length && text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
 struct Checksum::State {
     struct sha256_ctx context;
 };

@@ -1,11 +1,16 @@
 // The checksum that archives are known by.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
 
 namespace engine {
+
+// Whether a text is such a checksum, as it is written down: 64 hexadecimal digits.
+bool is_checksum(std::string_view text);
+inline constexpr std::size_t checksum_length = 64;
 
 // SHA-256 of what is added, piece by piece.
 class Checksum {

@@ -12,6 +12,7 @@
 #include "generation_folder.h"
 #include "kesta/paths.h"
 #include "leftovers.h"
+#include "storage_places.h"
 #include "unfinished_restore.h"
 
 namespace engine {
@@ -36,11 +37,13 @@ private:
 
 void look_at_flash(ControllerState &state)
 {
-    for (const auto &[place, path] : {std::pair{"flash:backup", flash_backup}, {"flash:accept", flash_accept}}) {
+    for (const StoragePlace place : {StoragePlace::backup_on_flash, StoragePlace::accept_on_flash}) {
         struct stat status {};
-        KeptArchive archive{place};
-        if (stat(path, &status) == 0) {
-            archive = {place, true, static_cast<std::uint64_t>(status.st_size), status.st_mtime};
+        KeptArchive archive{address_of(place)};
+        if (stat(path_of(place), &status) == 0) {
+            archive.is_there = true;
+            archive.bytes = static_cast<std::uint64_t>(status.st_size);
+            archive.modified = status.st_mtime;
         }
         state.archives.push_back(archive);
     }

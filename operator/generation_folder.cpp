@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "checksum.h"
 #include "kesta/paths.h"
 #include "whole_file.h"
 
@@ -23,14 +24,8 @@ constexpr const char *unfinished_link = ".unfinished.link";
 constexpr mode_t folder_mode = 0700;
 constexpr mode_t own_mode = 0600;
 constexpr mode_t permissions = 07777;
-constexpr std::size_t sum_length = 64;
 constexpr int lock_tries = 3000;
 constexpr timespec between_tries{0, 20'000'000};  // a minute in all
-
-bool is_sum(const std::string &text)
-{
-    return text.size() == sum_length && text.find_first_not_of("0123456789abcdef") == std::string::npos;
-}
 
 void wait_for_lock(const Descriptor &folder, const std::string &path, int kind)
 {
@@ -128,8 +123,8 @@ std::vector<std::string> GenerationFolder::sums_with(const std::string &suffix) 
     errno = 0;
     while (const dirent *entry = readdir(stream.get())) {
         const std::string name = entry->d_name;
-        const std::string sum = name.substr(0, sum_length);
-        if (is_sum(sum) && name == sum + suffix) {
+        const std::string sum = name.substr(0, checksum_length);
+        if (is_checksum(sum) && name == sum + suffix) {
             sums.push_back(sum);
         }
         errno = 0;

@@ -286,13 +286,6 @@ void Json::push_back(Json element)
 
 Json &Json::back() { return const_cast<Json &>(std::as_const(*this).back()); }
 
-void Json::insert_first(Json element)
-{
-    push_back(std::move(element));
-    auto &array = std::get<Array>(value_);
-    std::rotate(array.begin(), array.end() - 1, array.end());
-}
-
 const Json *Json::begin() const
 {
     const auto *array = std::get_if<Array>(&value_);

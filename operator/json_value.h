@@ -147,7 +147,6 @@ public:
     const Json &front() const { return at(0); }
     const Json &back() const { return at(size() - 1); }
     Json &back();
-    void insert_first(Json element);
 
     // Throws JsonError: it is no array.
     const Array &elements() const;

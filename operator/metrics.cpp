@@ -2,8 +2,10 @@
 
 #include <algorithm>
 
+#include "find_slots.h"
 #include "names.h"
 #include "printable.h"
+#include "storage_places.h"
 
 namespace engine {
 namespace {
@@ -157,8 +159,9 @@ private:
 
 void judge_saves(Judging &judging, const ControllerState &state, const CheckRule &rule)
 {
-    const auto backup = std::find_if(state.archives.begin(), state.archives.end(),
-                                     [](const KeptArchive &one) { return one.place == "flash:backup"; });
+    const auto backup = std::find_if(state.archives.begin(), state.archives.end(), [](const KeptArchive &one) {
+        return one.place == address_of(StoragePlace::backup_on_flash);
+    });
     if (backup == state.archives.end() || !backup->is_there) {
         judging.find(Health::critical, "nothing is saved on flash");
     } else if (rule.max_age > 0 && state.now - backup->modified > rule.max_age) {
@@ -176,8 +179,7 @@ void judge_saves(Judging &judging, const ControllerState &state, const CheckRule
 
 void judge_rest(Judging &judging, const ControllerState &state, const CheckRule &rule)
 {
-    if (state.names && (!is_slot(state.names->backup) || !is_slot(state.names->accept) ||
-                        state.names->backup == state.names->accept)) {
+    if (state.names && !SlotNames{state.names->backup, state.names->accept}.valid()) {
         judging.find(Health::critical, "no two slots are in force");
     }
     if (state.leftovers && !state.leftovers->empty()) {
@@ -210,7 +212,7 @@ std::string performance(const ControllerState &state)
     std::string text = "generations=" + std::to_string(state.generations) +
                        " generation_bytes=" + std::to_string(state.generation_bytes) + "B";
     for (const KeptArchive &archive : state.archives) {
-        if (archive.place == "flash:backup" && archive.is_there) {
+        if (archive.place == address_of(StoragePlace::backup_on_flash) && archive.is_there) {
             text += " backup_age=" + std::to_string(std::max<std::int64_t>(state.now - archive.modified, 0)) +
                     "s backup_bytes=" + std::to_string(archive.bytes) + "B";
         }

@@ -1,6 +1,8 @@
 // What the process knows about its controller. Visible to the whole library, not exported.
 #pragma once
 
+#include "kesta/identity.h"
+
 namespace kesta {
 
 struct ControllerState {
@@ -10,9 +12,9 @@ struct ControllerState {
     volatile int count = -1;               // of controllers, 1..4
     volatile int boot_mode = -1;           // KESTA_BOOT_*
 
-    // What eeprom printed last, at most 16 characters; the last byte stays NUL.
-    char eeprom_wwn[17] = {};
-    char eeprom_serialno[17] = {};
+    // What eeprom printed last; the last byte stays NUL.
+    char eeprom_wwn[KESTA_WWN_LENGTH + 1] = {};
+    char eeprom_serialno[KESTA_SERIALNO_LENGTH + 1] = {};
 };
 extern ControllerState controller_state;
 

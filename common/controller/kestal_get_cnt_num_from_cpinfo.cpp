@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <array>
+#include <cstddef>
 
 #include "command_pipe.h"
 #include "controller_state.h"
@@ -56,7 +57,8 @@ int boot_mode_value(const char *word)
     return unknown_boot_mode;
 }
 
-void fill_eeprom_cache(char (&cache)[17], const char *text)
+template <std::size_t Size>
+void fill_eeprom_cache(char (&cache)[Size], const char *text)
 {
     memset(cache, 0, sizeof(cache));
     memcpy(cache, text, strnlen(text, sizeof(cache) - 1));

@@ -3,7 +3,6 @@
 #include <kesta/kesta.h>
 #include <time.h>
 
-#include <array>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -12,6 +11,7 @@
 #include "command.h"
 #include "overview.h"
 #include "report_tables.h"
+#include "utc.h"
 #include "whole_file.h"
 
 namespace kestactl {
@@ -62,18 +62,6 @@ private:
     std::string missing_;
 };
 
-std::string now()
-{
-    const time_t seconds = time(nullptr);
-    struct tm parts {};
-    gmtime_r(&seconds, &parts);
-    std::array<char, 32> text{};
-    strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S UTC", &parts);
-    return text.data();
-}
-
-// ----------------------------------------------------------------------------------------- the page
-
 struct Parts {
     Part verified{[] {
         return verify_places();
@@ -112,7 +100,7 @@ std::string page(const Parts &parts)
            name + ": saved environments</title>\n<style>" + style +
            "</style></head><body>\n"
            "<h1>Saved environments of " +
-           name + "</h1><p>As of " + now() +
+           name + "</h1><p>As of " + utc(time(nullptr)) +
            ", kestactl " KESTA_VERSION
            "</p>\n"
            "<p class=\"verdict " +

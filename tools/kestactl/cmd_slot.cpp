@@ -6,6 +6,7 @@
 
 #include "appliance_state.h"
 #include "command.h"
+#include "find_slots.h"
 #include "names.h"
 
 namespace kestactl {
@@ -23,7 +24,7 @@ Result show()
 {
     const std::string backup = backup_slot();
     const std::string accept = accept_slot();
-    const bool good = is_slot(backup) && is_slot(accept) && backup != accept;
+    const bool good = SlotNames{backup, accept}.valid();
     Result result;
     result.exit = good ? Exit::done : Exit::no;
     result.text = "backup  " + or_nothing(backup) + "\naccept  " + or_nothing(accept) + "\n";
