@@ -42,7 +42,7 @@ std::vector<std::string> UnfinishedRestore::words() const
 
 std::optional<UnfinishedRestore> unfinished_restore()
 {
-    if (access(unfinished_restore_note, F_OK) != 0) {
+    if (is_absent(unfinished_restore_note)) {
         return std::nullopt;
     }
     try {

@@ -139,6 +139,18 @@ bool write_all(int fd, std::string_view bytes)
 }
 
 // Neither a link nor a FIFO is followed or waited for.
+bool is_absent(const std::string &path)
+{
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0) {
+        return false;
+    }
+    if (errno != ENOENT) {
+        fail_file(path, "looked at");
+    }
+    return true;
+}
+
 Descriptor open_plain_file(const std::string &path)
 {
     require_plain(path);

@@ -17,6 +17,9 @@ namespace engine {
 // All of it, however many pieces the system takes it in. False, with errno: not all of it was written.
 bool write_all(int fd, std::string_view bytes);
 
+// Whether nothing has this name. Throws Failure: that can't be told, so it may be there.
+bool is_absent(const std::string &path);
+
 // Opens a plain file for reading; without a descriptor it says why in errno. Throws Failure: it is no plain file.
 Descriptor open_plain_file(const std::string &path);
 
