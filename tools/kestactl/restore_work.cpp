@@ -92,7 +92,8 @@ std::shared_ptr<Restore> prepare_restore(const RestoreFilesOptions &options, boo
 
 void put_slot_to_flash(const Restore &restore, const Work &work, KeepReport &report)
 {
-    if (is_absent(restore.source.flash) || !same_contents(contents_of_path(restore.source.flash), restore.archive.contents)) {
+    if (is_absent(restore.source.flash) ||
+        !same_contents(contents_of_path(restore.source.flash), restore.archive.contents)) {
         report.add(keep_replaced({{restore.source.flash, Replacing::by_rename}}, "restore", work.keep_rule,
                                  [&work] { stop_if_asked(work); }));
         with_room_on_flash(report, [&] { write_file_whole(restore.source.flash, restore.archive.contents.pieces()); });
