@@ -5,9 +5,11 @@
 #include <libxml/tree.h>
 
 #include <algorithm>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <optional>
+#include <string_view>
 
 #include "definition_limits.h"
 #include "file_properties.h"
@@ -16,7 +18,7 @@
 namespace engine {
 namespace {
 
-using Names = std::vector<std::string>;
+using Names = std::initializer_list<std::string_view>;
 
 constexpr std::size_t longest_id = KESTA_GROUP_NAME_SIZE - 1;
 constexpr std::size_t longest_path = KESTA_DEFINITION_PATH_SIZE - 1;
@@ -94,8 +96,8 @@ private:
     Children sort_children(xmlNodePtr node, const Names &known)
     {
         Children children;
-        for (const std::string &name : known) {
-            children[name];
+        for (const std::string_view name : known) {
+            children[std::string(name)];
         }
         for (xmlNodePtr child = node->children; child; child = child->next) {
             if (child->type != XML_ELEMENT_NODE) {
@@ -248,9 +250,8 @@ private:
     {
         check_integer(side, "reboot");
         check_attributes(side, {"reboot"});
-        const Names kinds{"pre-script", "post-script", "re-post-script"};
-        const Children children = sort_children(side, kinds);
-        for (const std::string &kind : kinds) {
+        const Children children = sort_children(side, {"pre-script", "post-script", "re-post-script"});
+        for (const std::string kind : {"pre-script", "post-script", "re-post-script"}) {
             check_count(side, children, kind, 0, KESTA_DEFINITION_SCRIPTS);
             for (xmlNodePtr script : children.at(kind)) {
                 check_path(script, longest_script, false);
