@@ -14,10 +14,7 @@ constexpr int copy_failed = 1;  // as cp says it
 
 int run_copy(const char *command, const char *from, const char *to)
 {
-    if (may_wait(from)) {
-        return copy_failed;
-    }
-    if (may_wait(to) && unlink(to) != 0) {
+    if (may_wait(from) || (may_wait(to) && unlink(to) != 0)) {
         return copy_failed;
     }
     return kestal_exec_cmd_by_system(command);

@@ -139,13 +139,9 @@ bool InnerlockRecord::in_the_way(std::size_t place)
 // lockf counts from where the descriptor stands, which is the first place nearly always.
 int InnerlockRecord::lock(std::size_t place, int command, off_t length)
 {
-    if (place != at_) {
-        if (lseek(file_.get(), offset_of(place), SEEK_SET) < 0) {
-            return -1;
-        }
-        at_ = place;
-    }
-    return lockf(file_.get(), command, length);
+    const bool stands = place == at_ || lseek(file_.get(), offset_of(place), SEEK_SET) >= 0;
+    at_ = stands ? place : at_;
+    return stands ? lockf(file_.get(), command, length) : -1;
 }
 
 }  // namespace kesta

@@ -9,8 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <memory>
-#include <new>
 
 #include "kesta/alloc.h"
 #include "kesta/nv_dump.h"
@@ -94,21 +92,22 @@ __attribute__((always_inline)) inline void form_line(char *line, std::uint32_t o
     line[line_width] = '\n';
 }
 
-// A failure stays in the stream.
-template <std::size_t lines_a_write>
-void write_lines(FILE *out, const unsigned char *bytes, std::size_t size, char *__restrict lines)
+// A failure stays in the stream. Not more lines at once: a thread's stack may be small.
+void write_lines(FILE *out, const unsigned char *bytes, std::size_t size)
 {
+    constexpr std::size_t lines_a_write = 128;
+    std::array<char, lines_a_write *(line_width + 1)> lines;
     std::size_t used = 0;
     for (std::size_t at = 0; at < size; at += bytes_a_line) {
-        form_line(lines + used, static_cast<std::uint32_t>(at), bytes + at, std::min(bytes_a_line, size - at));
+        form_line(lines.data() + used, static_cast<std::uint32_t>(at), bytes + at, std::min(bytes_a_line, size - at));
         used += line_width + 1;
-        if (used == lines_a_write * (line_width + 1)) {
-            (void)fwrite(lines, 1, used, out);
+        if (used == lines.size()) {
+            (void)fwrite(lines.data(), 1, used, out);
             used = 0;
         }
     }
     if (used > 0) {
-        (void)fwrite(lines, 1, used, out);
+        (void)fwrite(lines.data(), 1, used, out);
     }
 }
 
@@ -268,15 +267,7 @@ void kestal_non_volatile_dump(FILE *out, char *data, int length)
         trace_lines(bytes, size);
         return;
     }
-    // Not on the stack: a thread's may be small. Without memory each line is written for itself.
-    constexpr std::size_t lines_a_write = 512;
-    static_assert(lines_a_write * (line_width + 1) < (1U << 16));
-    if (const std::unique_ptr<char[]> lines(new (std::nothrow) char[lines_a_write * (line_width + 1)]); lines) {
-        write_lines<lines_a_write>(out, bytes, size, lines.get());
-    } else {
-        std::array<char, line_width + 1> line;
-        write_lines<1>(out, bytes, size, line.data());
-    }
+    write_lines(out, bytes, size);
 }
 
 int kestal_non_volatile_dumpout(char *file)

@@ -288,6 +288,7 @@ TEST_F(FileSize, WhatHasNoEndIsRefused)
     ASSERT_EQ(pipe(ends), 0);
     unsigned size = 77;
     EXPECT_EQ(kestal_get_file_size(("/proc/self/fd/" + std::to_string(ends[0])).c_str(), &size), -931);
+    EXPECT_EQ(kestal_get_file_size("/dev/ptmx", &size), -931) << "a device that has no end";
     EXPECT_EQ(size, 77u);
     close(ends[0]);
     close(ends[1]);
