@@ -13,10 +13,13 @@
 
 #include "appliance.h"
 #include "options.h"
+#include "printable.h"
 #include "private_namespace.h"
 #include "standard_descriptors.h"
 
 namespace {
+
+using engine::printable;
 
 constexpr int exit_failed = 1;
 constexpr std::uint64_t default_quota = 256 << 20;  // small enough to be filled for practice
@@ -61,14 +64,14 @@ void print_members(const lab::Appliance &appliance)
 
 void print_status(const lab::Appliance &appliance)
 {
-    std::cout << "lab " << appliance.folder().string() << "\n"
+    std::cout << "lab " << printable(appliance.folder().string()) << "\n"
               << "running processes: " << appliance.processes().size() << "\n\n"
               << "controller  boot mode  flash backup.tar.Z  flash accept.tar.Z  (bytes)\n";
     for (int number = 0; number < lab::controllers; ++number) {
         const auto flash = appliance.controller_folder(number) / "opt/kesta_sys/bakup";
         std::printf("%-10s  %-9s  %-18s  %s\n", ("CNT" + std::to_string(number)).c_str(),
-                    setting_of(appliance, number, "boot_mode").c_str(), size_of(flash / "backup.tar.Z").c_str(),
-                    size_of(flash / "accept.tar.Z").c_str());
+                    printable(setting_of(appliance, number, "boot_mode")).c_str(),
+                    size_of(flash / "backup.tar.Z").c_str(), size_of(flash / "accept.tar.Z").c_str());
     }
     std::fflush(stdout);
     if (appliance.hosts().exist()) {
@@ -81,7 +84,7 @@ void print_status(const lab::Appliance &appliance)
     for (const auto &entry : std::filesystem::directory_iterator(area, error)) {
         const std::string name = entry.path().filename();
         if (name[0] != '.') {
-            std::cout << "  " << name << "  " << size_of(entry.path()) << " bytes\n";
+            std::cout << "  " << printable(name) << "  " << size_of(entry.path()) << " bytes\n";
         }
     }
     if (error) {
@@ -151,7 +154,7 @@ void set_full(const lab::Appliance &appliance, const std::string &what, bool ful
     arguments.push_back(nullptr);
     execvp(arguments[0], arguments.data());
     const int error = errno;
-    std::cerr << "kesta-lab: can't run " << command[0] << ": " << strerror(error) << "\n";
+    std::cerr << "kesta-lab: can't run " << printable(command[0]) << ": " << strerror(error) << "\n";
     std::exit(error == ENOENT ? exit_not_found : exit_not_runnable);
 }
 
@@ -272,7 +275,7 @@ int main(int argc, char **argv)  // NOLINT(bugprone-exception-escape)
         if (create.was_given()) {
             const auto made =
                 lab::Appliance::create(folder, product, platform, hosts ? std::optional(cluster) : std::nullopt);
-            std::cout << "Made a lab of four controllers in " << made.folder().string() << "\n";
+            std::cout << "Made a lab of four controllers in " << printable(made.folder().string()) << "\n";
         } else if (exec.was_given()) {
             run_in(lab::Appliance::find(option), controller, binds, command);
         } else if (shell.was_given()) {
@@ -296,7 +299,7 @@ int main(int argc, char **argv)  // NOLINT(bugprone-exception-escape)
             lab::Appliance(folder).destroy();
         }
     } catch (const std::exception &error) {
-        std::cerr << "kesta-lab: " << error.what() << "\n";
+        std::cerr << "kesta-lab: " << printable(error.what()) << "\n";
         return exit_failed;
     }
     return 0;

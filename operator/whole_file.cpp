@@ -213,15 +213,21 @@ std::string read_whole_file(const std::string &path)
 std::string read_settings(const std::string &path)
 {
     const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!file && errno == ENOENT) {
+        return "";
+    }
     struct stat status {};
     if (!file || fstat(file.get(), &status) != 0) {
-        return "";
+        fail_file(path, "read");
     }
     if (!S_ISREG(status.st_mode)) {
         refuse_kind(path, status.st_mode);
     }
     std::string text(static_cast<std::size_t>(status.st_size) + 1, '\0');
-    return read_all(file.get(), text) ? text : "";
+    if (!read_all(file.get(), text)) {
+        fail_file(path, "read");
+    }
+    return text;
 }
 
 void write_file_whole(const std::string &path, std::string_view text)

@@ -25,8 +25,8 @@ Descriptor open_plain_file(const std::string &path);
 
 std::string read_whole_file(const std::string &path);
 
-// The text of settings, also where root has put a link; empty: there are none, or they can't be read. Throws Failure:
-// it is no plain file.
+// The text of settings, also where root has put a link; empty: there are none. Throws Failure: they can't be read, so
+// what they say is not known, or it is no plain file.
 std::string read_settings(const std::string &path);
 
 // Make a file, or the names in a folder, reach the disk. Throw Failure.

@@ -2,6 +2,7 @@
 
 using namespace test;
 using testing::HasSubstr;
+using testing::Not;
 
 class Lab : public LabTest {};
 
@@ -105,6 +106,22 @@ TEST_F(Lab, WrongUseIsRefusedWithOneSentence)
     }
     EXPECT_TRUE(fs::exists(dir)) << "a folder that is no lab is not removed";
     EXPECT_TRUE(fs::exists(home));
+}
+
+TEST_F(Lab, NothingRawReachesTheTerminal)
+{
+    const fs::path other = home / "red\033[31m";
+    fs::create_directory(other);
+    (void)std::ofstream(dir / "shared/sysback/\033]0;title\a");
+    const std::string in = lab() + " --dir " + dir.string() + " ";
+    for (const std::string &command :
+         {in + "status '\033[31m'", in + "exec '\033[31mCNT4' -- true", in + "exec CNT0 -- '\033[31m'", in + "status",
+          lab() + " --dir '" + other.string() + "' status", lab() + " destroy '" + other.string() + "'",
+          in + "exec CNT0 -- kesta-platform-check '\033[31m'"}) {
+        const Ran ran = shell(command);
+        EXPECT_THAT(ran.out + ran.err, HasSubstr("\\x1b")) << command;
+        EXPECT_THAT(ran.out + ran.err, Not(HasSubstr("\033"))) << command;
+    }
 }
 
 TEST_F(Lab, StatusShowsWhatThereIs)

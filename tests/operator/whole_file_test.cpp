@@ -22,3 +22,20 @@ TEST(WholeFile, IsAbsentOnlyWhereItsNameIsSeenToBeMissing)
     EXPECT_THROW((void)is_absent(folder + std::string(300, 'x')), Failure);
     EXPECT_EQ(unlink((folder + "link").c_str()), 0);
 }
+
+TEST(WholeFile, SettingsThatCanNotBeReadAreNotTakenForNone)
+{
+    const std::string folder = "/var/run/kesta_sys/tmp/";
+    EXPECT_EQ(read_settings(folder + "none"), "");
+    EXPECT_EQ(read_settings(folder + "none/below"), "");
+    test::write_file(folder + "settings", "text");
+    EXPECT_EQ(read_settings(folder + "settings"), "text");
+    ASSERT_EQ(symlink("settings", (folder + "link").c_str()), 0);
+    EXPECT_EQ(read_settings(folder + "link"), "text") << "as root has put it";
+    ASSERT_EQ(symlink("round", (folder + "round").c_str()), 0);
+    EXPECT_THROW((void)read_settings(folder + "round"), Failure);
+    EXPECT_THROW((void)read_settings(folder + "settings/below"), Failure);
+    EXPECT_THROW((void)read_settings("/proc/self/mem"), Failure) << "its bytes can't be read";
+    EXPECT_EQ(unlink((folder + "link").c_str()), 0);
+    EXPECT_EQ(unlink((folder + "round").c_str()), 0);
+}

@@ -1,6 +1,7 @@
 #include <iostream>
 
 #include "options.h"
+#include "printable.h"
 
 namespace options {
 
@@ -9,7 +10,7 @@ int tell(const Ended &ended)
     constexpr int failed = 1;
     constexpr int usage = 2;
     std::ostream &stream = ended.wrong ? std::cerr : std::cout;
-    stream << ended.text << std::flush;
+    stream << engine::printable(ended.text) << std::flush;
     return ended.wrong ? usage : stream ? 0 : failed;
 }
 

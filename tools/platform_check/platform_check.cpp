@@ -7,6 +7,7 @@
 #include "clause.h"
 #include "nv_memory.h"
 #include "options.h"
+#include "printable.h"
 #include "standard_descriptors.h"
 
 namespace {
@@ -48,7 +49,7 @@ int check_all()
         const Outcome outcome = in_own_process(clause.check);
         failed += outcome.empty() ? 0 : 1;
         std::cout << (outcome.empty() ? "ok    " : "FAIL  ") << clause.library << ": " << clause.what
-                  << (outcome.empty() ? "" : " -- " + outcome) << std::endl;
+                  << (outcome.empty() ? "" : " -- " + engine::printable(outcome)) << std::endl;
     }
     if (!kept.put_back()) {
         std::cout << "FAIL  NV memory could not be put back as it was" << std::endl;

@@ -6,6 +6,7 @@
 
 #include "options.h"
 #include "platform_state.h"
+#include "printable.h"
 #include "side.h"
 #include "standard_descriptors.h"
 
@@ -175,7 +176,7 @@ int main(int argc, char **argv)  // NOLINT(bugprone-exception-escape)
         copy(source, target, replace);
         return std::cout.flush() ? 0 : exit_failed;
     } catch (const Stopped &stopped) {
-        std::cerr << "kesta-platform: " << stopped.what() << "\n";
+        std::cerr << "kesta-platform: " << engine::printable(stopped.what()) << "\n";
         return stopped.exit_code();
     }
 }

@@ -13,6 +13,8 @@
 #include <iostream>
 #include <vector>
 
+#include "printable.h"
+
 namespace platform_copy {
 namespace {
 
@@ -179,7 +181,7 @@ int Side::run_as_side(int argc, char **argv)
             return 0;
         }
     } catch (const Stopped &stopped) {
-        std::cerr << stopped.what() << "\n";
+        std::cerr << engine::printable(stopped.what()) << "\n";
         return exit_failed;
     }
     return -1;
