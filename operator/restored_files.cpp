@@ -131,12 +131,14 @@ private:
         if (member.kind != MemberKind::hard_link) {
             return member.number;
         }
-        const auto kind = kinds_.find(member.target);
-        if (kind == kinds_.end() || (kind->second != MemberKind::file && kind->second != MemberKind::hard_link)) {
+        const auto contents = contents_.find(member.target);  // what only leads to the group has none
+        const bool is_file = contents != contents_.end() && (kinds_.at(member.target) == MemberKind::file ||
+                                                             kinds_.at(member.target) == MemberKind::hard_link);
+        if (!is_file) {
             refuse("holds '" + member.path + "' as another name of '" + member.target +
                    "', which is no file of the group that came before");
         }
-        return contents_.at(member.target);
+        return contents->second;
     }
 
     // In the order of names, what is below a member comes first of all that begins with its name

@@ -60,4 +60,22 @@ std::optional<int> number_in_area(int area, int controller)
     return version < 0 && failed_but_for_absence() ? std::nullopt : std::optional(version);
 }
 
+void set_version(int area, int version)
+{
+    const int own = learn_own_number();
+    ask_both_places();
+    if (kestal_set_version(area, own, version) != KESTA_OK) {
+        fail_call("version-failed", "The versions were not recorded in every place.",
+                  "The archives are whole. Look at --trace 1, then run the command again.");
+    }
+}
+
+void set_flash_version(int kind, int version)
+{
+    if (kestal_set_flash_version_file(version, kind) != KESTA_OK) {
+        fail_call("version-failed", "The version was not written to flash.",
+                  "Look at --trace 1, and at the space of /etc, then run the command again.");
+    }
+}
+
 }  // namespace engine

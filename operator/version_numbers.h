@@ -22,4 +22,8 @@ int hand_out_version(int own);
 // places. Below 0: nobody has it. Nothing: it can't be read.
 std::optional<int> number_in_area(int area, int controller);
 
+// A version of this controller, in both places; and the one on flash. Throw Failure.
+void set_version(int area, int version);
+void set_flash_version(int kind, int version);
+
 }  // namespace engine

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 
@@ -41,6 +42,10 @@ void make_scratch_root(Proc proc)
     }
     umask(022);
     before_end = leave;
+    std::set_terminate([] {  // an exception that nobody catches: the input is kept outside
+        leave();
+        std::abort();
+    });
     outer_folder = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
     outer_root = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
     require(outer_root >= 0 && outer_folder >= 0 && mount("tmpfs", place, "tmpfs", 0, "mode=0755,size=64m") == 0,

@@ -193,7 +193,7 @@ TEST_F(KestactlGroup, ApplyFollowsNobodysLink)
                       "chown -h nobody /opt/theirs")}) {
         EXPECT_EQ(on(0, plant).code, 0);
         for (const char *command : {"group apply network --dry-run", "group apply network"}) {
-            const Ran refused = on(0, std::string("timeout 20 kestactl ") + command);
+            const Ran refused = on(0, std::string("timeout 60 kestactl ") + command);
             EXPECT_EQ(refused.code, 1) << plant << refused.out;
             EXPECT_THAT(refused.err, HasSubstr("/opt/theirs/file"));
         }

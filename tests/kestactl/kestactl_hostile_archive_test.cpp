@@ -102,6 +102,7 @@ TEST_F(HostileArchive, SecondNamesAreThoseOfFilesThatCameBefore)
                    "no file of the group");
     expect_refused(begin + "second('etc/app/more/two', 'etc/app/more')", "no file of the group");
     expect_refused(begin + "second('etc/app/more/two', '/opt/outside/file')", "no file of the group");
+    expect_refused("add('etc'); second('etc/app/one', 'etc')", "no file of the group");
 }
 
 TEST_F(HostileArchive, ProgramsWithTheirOwnersRightsAreRefused)

@@ -187,7 +187,7 @@ TEST_F(KestactlLock, IdentifierThatCanNotBeWrittenIsNoLock)
 
 TEST_F(KestactlLock, ParentThatIgnoresItsChildrenIsNoHindrance)
 {
-    const std::string ignoring = "timeout 30 env --ignore-signal=CHLD kestactl ";
+    const std::string ignoring = "timeout 60 env --ignore-signal=CHLD kestactl ";
     EXPECT_EQ(on(0, ignoring + "lock take -- sh -c 'exit 7'").code, 7);
     EXPECT_EQ(on(0, ignoring + "lock local nightly -- sh -c 'exit 7'").code, 7);
     EXPECT_EQ(on(0, ignoring + "run -- true").code, 0);

@@ -104,7 +104,7 @@ TEST_F(KestactlSave, FewDescriptorsDoNotMakeItHang)
 {
     define(script_line("pre-script", "true", 1));
     for (int limit = 5; limit <= 14; ++limit) {
-        const Ran saved = on(0, "ulimit -n " + std::to_string(limit) + "; exec timeout 30 kestactl save network");
+        const Ran saved = on(0, "ulimit -n " + std::to_string(limit) + "; exec timeout 60 kestactl save network");
         EXPECT_NE(saved.code, 124) << limit;
     }
 }

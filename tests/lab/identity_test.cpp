@@ -248,8 +248,8 @@ TEST_F(LabHostileIdentity, TooMuchIsRefused)
 TEST_F(LabHostileIdentity, EepromWaitsForNothing)
 {
     succeed(0, "mkfifo /opt/fifo && ln -s /opt/outside/file /opt/link");
-    EXPECT_EQ(on(0, "timeout 20 eeprom -f /opt/fifo").code, 1);
-    EXPECT_EQ(on(0, "timeout 20 eeprom -f /opt/link").code, 1);
+    EXPECT_EQ(on(0, "timeout 60 eeprom -f /opt/fifo").code, 1);
+    EXPECT_EQ(on(0, "timeout 60 eeprom -f /opt/link").code, 1);
 }
 
 TEST_F(LabIdentity, SavedEnvironmentIsOpenedAndPackedAgain)

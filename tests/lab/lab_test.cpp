@@ -36,7 +36,7 @@ TEST_F(Lab, FoldersThatOthersCanWriteToAreNoLabs)
     const auto refused = [&](const std::string &plant, const std::string &text) {
         fs::create_directories(shared / "below");
         EXPECT_EQ(shell("cd " + shared.string() + " && " + plant).code, 0);
-        const Ran entered = shell("cd " + shared.string() + "/below && timeout 20 " + lab() + " exec CNT0 -- true");
+        const Ran entered = shell("cd " + shared.string() + "/below && timeout 60 " + lab() + " exec CNT0 -- true");
         EXPECT_EQ(entered.code, 1) << plant;
         EXPECT_THAT(entered.err, HasSubstr(text)) << plant;
         fs::remove_all(shared);

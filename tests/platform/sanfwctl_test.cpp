@@ -346,7 +346,7 @@ TEST_F(Sanfwctl, ChildrenOfAProcessWithThreadsGoOn)
     for (int i = 0; i < 100; ++i) {
         const pid_t child = fork();
         if (child == 0) {
-            alarm(20);
+            alarm(60);
             MC_OutTrace("file.cpp", 1, 1, "a child's line");
             int handle = -1;
             int close_flag = 1;

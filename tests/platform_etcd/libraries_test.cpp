@@ -74,7 +74,7 @@ int in_child(const std::function<bool()> &body, const std::string &traces = "/de
     if (child == 0) {
         told_at = dup(STDERR_FILENO);
         (void)signal(SIGALRM, tell_where);
-        alarm(20);
+        alarm(60);
         (void)(freopen(traces.c_str(), "w", stderr) != nullptr);
         _exit(body() ? 0 : 1);
     }
@@ -247,7 +247,7 @@ int fork_beside_the_first_call()
     (void)pthread_atfork(begin_the_first_call, nullptr, nullptr);
     const pid_t child = fork();
     if (child == 0) {
-        alarm(10);  // it would wait for ever
+        alarm(60);  // it would wait for ever
         _exit(write_nv("child!") == -ETIMEDOUT ? 0 : 1);
     }
     int status = -1;

@@ -114,7 +114,7 @@ TEST(EtcdThreads, GoOnBesideForksAndSoDoTheChildren)
     for (unsigned child_number = 0; child_number < 6; ++child_number) {
         const pid_t child = fork();
         if (child == 0) {
-            alarm(20);
+            alarm(60);
             _exit(work(4, 4) ? 0 : 1);
         }
         int status = -1;

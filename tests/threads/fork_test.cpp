@@ -30,7 +30,7 @@ TEST_F(Fork, ChildFindsNoMutexTaken)
         stage.wait(0);
         const pid_t child = fork();
         if (child == 0) {
-            alarm(20);  // it would wait for ever
+            alarm(60);  // it would wait for ever
             const kesta::MutexGuard guard(*mutex);
             _exit(0);
         }

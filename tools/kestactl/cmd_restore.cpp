@@ -250,11 +250,11 @@ Result restore_by(const RestoreOptions &options, RestoreFilesOptions files, cons
         if (options.from != "backup" && options.from != "accept") {
             check_slot(options.from);
         }
-        files.group = options.group;
-        files.from = options.from;
+        files.request.group = options.group;
+        files.request.from = options.from;
         return restore_files(files, globals);
     }
-    if (!files.only.empty() || files.on_reboot || !files.generation.empty()) {
+    if (!files.request.only.empty() || files.request.on_reboot || !files.request.generation.empty()) {
         throw Failure(
             Exit::usage, "two-ways",
             "--only, --on-reboot and --generation are for a restore by the definition, the other options for one "
@@ -278,11 +278,13 @@ void add_restore(const Command &app, Globals &globals, Action &action)
                            "or with --script by one of the group's own scripts");
     command.add_option("GROUP", options->group, "Group name").required();
     const Option from = command.add_option("--from", options->from, "backup, accept, or a slot by its name");
-    command.add_option("--generation", files->generation, "What was there before, by its number in 'kestactl history'")
+    command
+        .add_option("--generation", files->request.generation,
+                    "What was there before, by its number in 'kestactl history'")
         .option_text("N")
         .excludes(from);
-    command.add_option("--only", files->only, "Restore this path of the group, or below one, and no more");
-    command.add_flag("--on-reboot", files->on_reboot,
+    command.add_option("--only", files->request.only, "Restore this path of the group, or below one, and no more");
+    command.add_flag("--on-reboot", files->request.on_reboot,
                      "For the next reboot: re-post-scripts instead of post-scripts, and the reboot version");
     add_wait_option(command, files->work);
     add_script_options(command, files->work);

@@ -1,12 +1,9 @@
 // kestactl save and accept: a whole environment saved, and made the accepted one, in one command each.
 #include <kesta/kesta.h>
-#include <string.h>
 
-#include <algorithm>
 #include <memory>
 
 #include "appliance_state.h"
-#include "archive_evidence.h"
 #include "archive_places.h"
 #include "command.h"
 #include "current_change.h"
@@ -16,8 +13,8 @@
 #include "group_definition.h"
 #include "kept_generations.h"
 #include "kesta/paths.h"
-#include "mirror.h"
 #include "names.h"
+#include "saved_environment.h"
 #include "unfinished_restore.h"
 #include "version_numbers.h"
 #include "whole_file.h"
@@ -30,76 +27,13 @@ struct SaveOptions {
     WorkOptions work;
 };
 
-void require_same(const std::string &slot, const std::string &path)
-{
-    if (!same_contents(read_slot(slot), contents_of_path(path))) {
-        throw Failure(Exit::platform, "slot-differs", "Slot " + slot + " does not hold what was written to it.",
-                      "Check the disk of the system backup area, then run the command again.");
-    }
-}
-
 // ------------------------------------------------------------------------------------------- save
 
-void record_versions(int version)
-{
-    const int own = learn_own_number();
-    set_version(KESTA_VER_AREA_BACKUP, own, version);
-    set_version(KESTA_VER_AREA_CURRENT, own, version);
-    if (kestal_set_flash_version_file(version, KESTA_FLASH_VERSION) != KESTA_OK) {
-        fail_call("version-failed", "The version was not written to flash.",
-                  "Look at --trace 1, and at the space of /etc, then run the command again.");
-    }
-}
-
-void store_in_slot(const std::string &slot)
-{
-    if (kestal_cntbackup2backup() != KESTA_OK) {
-        fail_call("slot-failed", "The archive was not stored in slot " + slot + ".",
-                  "It is on flash. Look at --trace 1 and at the system backup area, then run the "
-                  "command again.");
-    }
-    require_same(slot, flash_backup);
-}
-
-// The library goes on without the system backup area where it misses an item there, and the new versions
-// would be kept in NV memory only.
-void complete_mirror()
-{
-    std::string failed;
-    if (add_missing_items(read_mirror(), failed) != KESTA_OK) {
-        fail_call("mirror-failed", "The item " + failed + " could not be added to the system backup area.",
-                  "Check its disk: look at --trace 1 and at 'kestactl nv verify'.");
-    }
-}
-
-// The slots must be the same in both places. Versions need not: they are written anew, and a command that
-// was cut short may have written one of them to one place only.
 void add_mirror_step(Plan &plan, Work &work)
 {
-    const MirrorState mirror = read_mirror();
-    const bool same_slots = !mirror.items[0].differs() && !mirror.items[1].differs();
-    if (!mirror.valid(Side::memory) || !same_slots) {
-        throw Failure(Exit::no, "places-differ", "NV memory and the system backup area do not name the same slots.",
-                      "Nothing was changed. Look at 'kestactl nv verify', and mend it with 'kestactl "
-                      "repair'.");
-    }
-    const bool lacks =
-        std::any_of(mirror.items.begin(), mirror.items.end(), [](const MirroredItem &item) { return !item.disk; });
-    if (lacks) {
+    if (mirror_lacks_items()) {
         plan.steps.push_back(publishing(work, "add what the system backup area lacks of the mirrored items",
                                         {"system backup area: the missing ones of its twelve items"}, complete_mirror));
-    }
-}
-
-// Known from here on: when it is replaced one day, it is kept with its version and group. Nothing is lost without that.
-void note_what_is_saved(const SaveOptions &options, const Work &work, const std::string &slot, KeepReport &report)
-{
-    try {
-        const std::string sum = note_saved(unfinished_archive, options.group, work.version, work.keep_rule);
-        note_new_archive(flash_backup, sum);
-        note_new_archive(place_of_slot(slot), sum);
-    } catch (const Failure &failure) {
-        report.notes.push_back(std::string("The archive was not noted among the generations: ") + failure.what());
     }
 }
 
@@ -138,7 +72,7 @@ Plan plan_save(const SaveOptions &options, Work &work)
                                     [&work] { work.version = hand_out_version(learn_own_number()); }));
     plan.steps.push_back(
         publishing(work, "put the archive to flash", {flash_backup}, [&options, &work, slot, kept = plan.kept] {
-            note_what_is_saved(options, work, slot, *kept);
+            note_what_is_saved(options.group, work.version, slot, work.keep_rule, *kept);
             publish_file(unfinished_archive, flash_backup);
         }));
     plan.steps.back().measured = unfinished_archive;
@@ -147,7 +81,7 @@ Plan plan_save(const SaveOptions &options, Work &work)
     plan.steps.back().measured = flash_backup;
     plan.steps.push_back(publishing(work, "record the version",
                                     {"version areas backup and current", KESTA_VERSION_FILE},
-                                    [&work] { record_versions(work.version); }));
+                                    [&work] { record_saved_version(work.version); }));
     announce_scripts(plan, work, scripts_of(options.group, "backup", "post-script"));
     return plan;
 }
@@ -170,48 +104,12 @@ Result save(const SaveOptions &options, const Globals &globals)
 
 // ----------------------------------------------------------------------------------------- accept
 
-// Returns its checksum.
-std::string require_whole_archive(const std::string &path, const Work &work)
-{
-    require_file(path, "Save the environment first: kestactl save GROUP.");
-    const ArchiveEvidence evidence = evidence_of_file(path, [&work] { stop_if_asked(work); });
-    if (evidence.state == CopyState::damaged) {
-        throw Failure(Exit::no, "damaged-archive", path + " is damaged, and is not accepted: " + evidence.reason + ".",
-                      "Save the environment again, or bring a good copy to flash with 'kestactl "
-                      "restore GROUP --switch-only'.");
-    }
-    require_whole(evidence, path);
-    return evidence.sha256;
-}
-
-void store_as_accepted(const std::string &slot)
-{
-    std::array<char, KESTA_AREA_NAME_SIZE> name{};
-    slot.copy(name.data(), name.size() - 1);
-    if (kestal_merge_file2accept(name.data()) != KESTA_OK) {
-        fail_call("slot-failed", "The archive was not stored in slot " + slot + ".",
-                  "The accepted environment on flash is as it was. Look at --trace 1, then run the "
-                  "command again.");
-    }
-    require_same(slot, merge_backup);
-}
-
-void accept_version(Work &work)
-{
-    const int own = learn_own_number();
-    work.version = kestal_read_version(KESTA_VER_AREA_BACKUP, own, KESTA_VERSION_BY_MODE);
-    if (work.version < 0) {
-        fail_call("version-failed", "The backup's version can't be read.", "Look at --trace 1.");
-    }
-    set_version(KESTA_VER_AREA_ACCEPT, own, work.version);
-}
-
 Plan plan_accept(Work &work)
 {
     require_writable();
     learn_own_number();
     const std::string slot = require_slot(accept_slot(), "accept");
-    const std::string sum = require_whole_archive(flash_backup, work);
+    const std::string sum = require_acceptable([&work] { stop_if_asked(work); });
     Plan plan;
     plan.long_work = true;
     plan.json = {{"slot", slot}};
@@ -230,7 +128,7 @@ Plan plan_accept(Work &work)
         with_room_on_flash(*kept, [] { copy_file_whole(merge_backup, flash_accept); });
     }));
     plan.steps.push_back(publishing(work, "record the version", {"version area accept"}, [&work, slot, sum] {
-        accept_version(work);
+        work.version = record_accepted_version();
         for (const std::string &place : {place_of_slot(slot), std::string(flash_accept), std::string(merge_backup)}) {
             note_new_archive(place, sum);
         }

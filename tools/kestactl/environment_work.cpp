@@ -140,15 +140,6 @@ void run_last(const std::vector<Script> &scripts, const ScriptContext &context, 
     }
 }
 
-void set_version(int area, int controller, int version)
-{
-    ask_both_places();
-    if (kestal_set_version(area, controller, version) != KESTA_OK) {
-        fail_call("version-failed", "The versions were not recorded in every place.",
-                  "The archives are whole. Look at --trace 1, then run the command again.");
-    }
-}
-
 void add_wait_option(const Command &command, WorkOptions &options)
 {
     command.add_option("--wait", options.wait, "Seconds to wait for the command lock").in_range(0, INT_MAX);

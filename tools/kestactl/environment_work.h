@@ -57,7 +57,4 @@ void announce_scripts(Plan &plan, const Work &work, const std::vector<Script> &s
 // They undo what the scripts before did: all are run, also after a failure. Throws the first Failure.
 void run_last(const std::vector<Script> &scripts, const ScriptContext &context, Work &work);
 
-// Throws Failure.
-void set_version(int area, int controller, int version);
-
 }  // namespace kestactl

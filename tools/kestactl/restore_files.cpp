@@ -6,7 +6,7 @@
 #include "difference_rows.h"
 #include "kept_generations.h"
 #include "kesta/paths.h"
-#include "restore_work.h"
+#include "restore.h"
 #include "unfinished_restore.h"
 
 namespace kestactl {
@@ -27,7 +27,7 @@ std::vector<std::string> places_of(const FileChanges &changes)
 std::vector<std::string> version_places(const Restore &restore)
 {
     std::vector<std::string> places{"version area current", KESTA_VERSION_FILE};
-    if (restore.options.on_reboot) {
+    if (restore.request.on_reboot) {
         places.insert(places.end(), {"version area reboot", KESTA_REBOOT_FILE});
     }
     return places;
@@ -35,39 +35,43 @@ std::vector<std::string> version_places(const Restore &restore)
 
 std::vector<Script> scripts(const RestoreFilesOptions &options, const char *kind)
 {
-    return scripts_of(options.group, "restore", kind);
+    return scripts_of(options.request.group, "restore", kind);
 }
 
 // The ones of the end: for a system that goes on, or for one that is rebooted.
 const char *last_kind(const RestoreFilesOptions &options)
 {
-    return options.on_reboot ? "re-post-script" : "post-script";
+    return options.request.on_reboot ? "re-post-script" : "post-script";
 }
 
-Plan plan_of(const std::shared_ptr<Restore> &restore, Work &work)
+Plan plan_of(const std::shared_ptr<Restore> &restore, const RestoreFilesOptions &options, Work &work)
 {
-    const RestoreFilesOptions &options = restore->options;
-    const bool whole = options.only.empty();
+    const bool whole = restore->request.only.empty();
+    const auto look = [&work] {
+        stop_if_asked(work);
+    };
     Plan plan;
     plan.long_work = true;
-    plan.json = {{"group", options.group}, {"from", restore->source.side}, {"slot", restore->source.slot}};
+    plan.json = {{"group", options.request.group}, {"from", restore->source.side}, {"slot", restore->source.slot}};
     plan.kept = std::make_shared<KeepReport>();
     add_script_steps(plan, work, scripts(options, "pre-script"), options.work.scripts);
     if (whole && restore->source.flash) {
-        plan.steps.push_back(
-            publishing(work, "bring slot " + restore->source.slot + " to flash", {restore->source.flash},
-                       [restore, &work, kept = plan.kept] { put_slot_to_flash(*restore, work, *kept); }));
+        plan.steps.push_back(publishing(work, "bring slot " + restore->source.slot + " to flash",
+                                        {restore->source.flash}, [restore, &work, look, kept = plan.kept] {
+                                            put_slot_to_flash(*restore, work.keep_rule, *kept, look);
+                                        }));
     }
-    plan.steps.push_back(publishing(work, "put the new files beside the old ones",
-                                    {unfinished_restore_note, "a hidden file beside each one"},
-                                    [restore, &work, kept = plan.kept] { put_beside(*restore, work, *kept); }));
+    plan.steps.push_back(
+        publishing(work, "put the new files beside the old ones",
+                   {unfinished_restore_note, "a hidden file beside each one"},
+                   [restore, &work, look, kept = plan.kept] { put_beside(*restore, work.keep_rule, *kept, look); }));
     plan.steps.push_back(publishing(work, "let them take their places", places_of(restore->changes),
                                     [restore] { put_in_place(*restore); }));
     plan.steps.push_back(publishing(work, "set links, owners, groups and modes of the definition",
                                     {"the group's files and links"}, [restore] { apply_definition(*restore); }));
     if (whole && restore->has_version()) {
         plan.steps.push_back(publishing(work, "record the version", version_places(*restore),
-                                        [restore, &work] { record_versions(*restore, work); }));
+                                        [restore, &work] { work.version = record_versions(*restore); }));
     }
     plan.steps.push_back(
         publishing(work, "note that it is complete", {unfinished_restore_note}, [restore] { end_restore(*restore); }));
@@ -81,7 +85,7 @@ void describe_end(const Restore &restore, Result &result)
     const auto count = [](const std::set<std::string> &paths) {
         return std::to_string(paths.size());
     };
-    const bool has_number = restore.options.only.empty() && restore.has_version();
+    const bool has_number = restore.request.only.empty() && restore.has_version();
     if (!has_number) {
         result.json["version"] = nullptr;
     }
@@ -90,8 +94,8 @@ void describe_end(const Restore &restore, Result &result)
     result.json["removed"] = changes.removed;
     result.json["foreign"] = restore.files.foreign;
     result.json["reboot_needed"] = needs_reboot(restore);
-    result.text += "Restored " + restore.options.group + " from " + restore.source.name() + ", " +
-                   (!restore.options.only.empty() ? restore.options.only + " only"
+    result.text += "Restored " + restore.request.group + " from " + restore.source.name() + ", " +
+                   (!restore.request.only.empty() ? restore.request.only + " only"
                     : has_number                  ? "version " + result.json["version"].dump()
                                                   : "of no known version") +
                    ": " + count(changes.replaced) + " replaced, " + count(changes.adjusted) +
@@ -125,13 +129,13 @@ void describe_difference(const Restore &restore, Result &result)
 
 Result restore_files(const RestoreFilesOptions &options, const Globals &globals)
 {
-    (void)read_definition(options.group);  // before any lock is taken
+    (void)read_definition(options.request.group);  // before any lock is taken
     std::shared_ptr<Restore> restore;
     Result result = carry_out_locked(
-        {KESTA_LOCK_TYPE1, options.group, options.work.wait},
+        {KESTA_LOCK_TYPE1, options.request.group, options.work.wait},
         [&](Work &work) {
-            restore = prepare_restore(options, globals.dry_run, work);
-            return plan_of(restore, work);
+            restore = prepare_restore(options.request, !globals.dry_run, [&work] { stop_if_asked(work); });
+            return plan_of(restore, options, work);
         },
         [&](Work &work) { run_last(scripts(options, last_kind(options)), options.work.scripts, work); }, globals);
     if (globals.dry_run) {

@@ -1,4 +1,4 @@
-#include "restore_work.h"
+#include "restore.h"
 
 #include <kesta/kesta.h>
 
@@ -17,14 +17,15 @@
 #include "placed_files.h"
 #include "storage_places.h"
 #include "unfinished_restore.h"
+#include "version_numbers.h"
 #include "whole_file.h"
 
-namespace kestactl {
+namespace engine {
 namespace {
 
 UnfinishedRestore note_of(const Restore &restore)
 {
-    return {restore.options.group, restore.source.side, restore.options.only, restore.options.on_reboot,
+    return {restore.request.group, restore.source.side, restore.request.only, restore.request.on_reboot,
             restore.changes.replaced};
 }
 
@@ -35,73 +36,64 @@ void take_over_unfinished(const Restore &restore)
     if (!unfinished) {
         return;
     }
-    const bool covered = unfinished->group == restore.options.group &&
-                         (restore.options.only.empty() || restore.options.only == unfinished->only);
+    const bool covered = unfinished->group == restore.request.group &&
+                         (restore.request.only.empty() || restore.request.only == unfinished->only);
     if (!covered) {
         require_no_unfinished_restore();
     }
 }
 
 // What is replaced is kept for undo. Without that the restore goes on, and can't be undone.
-void keep_for_undo(Restore &restore, const GroupPlaces &places, const Work &work, KeepReport &report)
+void keep_for_undo(Restore &restore, const GroupPlaces &places, const KeepRule &rule, KeepReport &report,
+                   const std::function<void()> &look)
 {
-    if (!work.keep_rule.keeps() || restore.changes.none()) {
+    if (!rule.keeps() || restore.changes.none()) {
         return;
     }
     try {
-        restore.kept =
-            keep_replaced_files(restore.options.group, restore.changes, places, [&work] { stop_if_asked(work); });
+        restore.kept = keep_replaced_files(restore.request.group, restore.changes, places, look);
     } catch (const Failure &failure) {
-        stop_if_asked(work);
+        look();  // it was not this that threw
         report.notes.push_back(std::string("This restore can't be undone: ") + failure.what());
-    }
-}
-
-void write_flash_version(int version, int kind)
-{
-    if (kestal_set_flash_version_file(version, kind) != KESTA_OK) {
-        fail_call("version-failed", "The version was not written to flash.",
-                  "Look at --trace 1, and at the space of /etc, then run the command again.");
     }
 }
 
 }  // namespace
 
-std::shared_ptr<Restore> prepare_restore(const RestoreFilesOptions &options, bool is_dry_run, Work &work)
+std::shared_ptr<Restore> prepare_restore(const RestoreRequest &request, bool is_to_stage,
+                                         const std::function<void()> &look)
 {
     require_writable();
     learn_own_number();
     auto restore = std::make_shared<Restore>();
-    restore->options = options;
-    restore->options.only = without_needless_slashes(options.only);
+    restore->request = request;
+    restore->request.only = without_needless_slashes(request.only);
     restore->source =
-        options.generation.empty() ? named_source(options.from) : source_of_generation(options.generation);
-    restore->definition = read_definition(options.group);
+        request.generation.empty() ? named_source(request.from) : source_of_generation(request.generation);
+    restore->definition = read_definition(request.group);
     take_over_unfinished(*restore);
-    restore->paths = std::make_unique<GroupPaths>(*restore->definition, restore->options.only);
+    restore->paths = std::make_unique<GroupPaths>(*restore->definition, restore->request.only);
     const std::string called =
         restore->source.generation ? "The " + restore->source.name() : "Slot " + restore->source.slot;
-    restore->archive = {contents_of(restore->source), called, archive_limits(), [&work] {
-                            stop_if_asked(work);
-                        }};
-    KeptContents kept = is_dry_run ? KeptContents() : KeptContents(spool_on_flash(restore->archive.contents.size));
+    restore->archive = {contents_of(restore->source), called, archive_limits(), look};
+    KeptContents kept = is_to_stage ? KeptContents(spool_on_flash(restore->archive.contents.size)) : KeptContents();
     restore->files = choose_files(restore->archive, *restore->definition, *restore->paths, std::move(kept));
     restore->changes = compare_files(restore->archive, restore->files, GroupPlaces(*restore->paths));
     return restore;
 }
 
-void put_slot_to_flash(const Restore &restore, const Work &work, KeepReport &report)
+void put_slot_to_flash(const Restore &restore, const KeepRule &rule, KeepReport &report,
+                       const std::function<void()> &look)
 {
     if (is_absent(restore.source.flash) ||
         !same_contents(contents_of_path(restore.source.flash), restore.archive.contents)) {
-        report.add(keep_replaced({{restore.source.flash, Replacing::by_rename}}, "restore", work.keep_rule,
-                                 [&work] { stop_if_asked(work); }));
+        report.add(keep_replaced({{restore.source.flash, Replacing::by_rename}}, "restore", rule, look));
         with_room_on_flash(report, [&] { write_file_whole(restore.source.flash, restore.archive.contents.pieces()); });
         note_new_archive(restore.source.flash, checksum_of(restore.archive.contents));
     }
 }
 
-void put_beside(Restore &restore, const Work &work, KeepReport &report)
+void put_beside(Restore &restore, const KeepRule &rule, KeepReport &report, const std::function<void()> &look)
 {
     // After the scripts: they may have changed the files, and the way to them.
     const GroupPlaces places(*restore.paths);
@@ -109,7 +101,7 @@ void put_beside(Restore &restore, const Work &work, KeepReport &report)
         remove_staged(unfinished->replaced, places);
     }
     restore.changes = compare_files(restore.archive, restore.files, places);
-    keep_for_undo(restore, places, work, report);
+    keep_for_undo(restore, places, rule, report, look);
     note_unfinished(note_of(restore));
     try {
         stage_files(restore.archive, restore.files, restore.changes, places);
@@ -134,7 +126,7 @@ void apply_definition(const Restore &restore)
 {
     try {
         for (const KESTA_BACKUP_FILE_PATH &file : files_of(*restore.definition)) {
-            if (restore.options.only.empty() || restore.options.only == file.pathname) {
+            if (restore.request.only.empty() || restore.request.only == file.pathname) {
                 apply_properties(file, may_be_gone(*restore.definition));
             }
         }
@@ -152,8 +144,8 @@ bool needs_reboot(const Restore &restore)
                               std::any_of(restore.changes.replaced.begin(), restore.changes.replaced.end(),
                                           [&file](const std::string &path) { return is_within(path, file.pathname); }));
     }
-    const bool always = restore.definition->script.restore_reboot != 0 && restore.options.only.empty();
-    return changed || always || restore.options.on_reboot;
+    const bool always = restore.definition->script.restore_reboot != 0 && restore.request.only.empty();
+    return changed || always || restore.request.on_reboot;
 }
 
 void end_restore(const Restore &restore)
@@ -166,16 +158,16 @@ void end_restore(const Restore &restore)
     note_finished();
 }
 
-void record_versions(const Restore &restore, Work &work)
+int record_versions(const Restore &restore)
 {
-    work.version = version_of(restore.source);
-    const int own = learn_own_number();
-    set_version(KESTA_VER_AREA_CURRENT, own, work.version);
-    write_flash_version(work.version, KESTA_FLASH_VERSION);
-    if (restore.options.on_reboot) {
-        set_version(KESTA_VER_AREA_REBOOT, own, work.version);
-        write_flash_version(work.version, KESTA_FLASH_REBOOT);
+    const int version = version_of(restore.source);
+    set_version(KESTA_VER_AREA_CURRENT, version);
+    set_flash_version(KESTA_FLASH_VERSION, version);
+    if (restore.request.on_reboot) {
+        set_version(KESTA_VER_AREA_REBOOT, version);
+        set_flash_version(KESTA_FLASH_REBOOT, version);
     }
+    return version;
 }
 
-}  // namespace kestactl
+}  // namespace engine

@@ -9,7 +9,7 @@
 #include "names.h"
 #include "storage_places.h"
 
-namespace kestactl {
+namespace engine {
 
 RestoreSource named_source(const std::string &from)
 {
@@ -57,4 +57,4 @@ int version_of(const RestoreSource &source)
     return version;
 }
 
-}  // namespace kestactl
+}  // namespace engine

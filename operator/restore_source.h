@@ -7,9 +7,7 @@
 #include "archive_contents.h"
 #include "generation.h"
 
-namespace kestactl {
-
-using namespace engine;
+namespace engine {
 
 struct RestoreSource {
     std::string side;  // "backup", "accept", or "generation:SHA256"
@@ -28,4 +26,4 @@ RestoreSource source_of_generation(const std::string &name);
 ArchiveContents contents_of(const RestoreSource &source);
 int version_of(const RestoreSource &source);
 
-}  // namespace kestactl
+}  // namespace engine
