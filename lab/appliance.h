@@ -18,13 +18,9 @@
 
 #include "hosts.h"
 #include "members.h"
+#include "new_lab.h"
 
 namespace lab {
-
-inline constexpr int controllers = 4;
-
-// Where a controller finds what belongs to the lab.
-inline constexpr const char *platform_folder = "/opt/kesta_platform";
 
 // What is shared lies on a cluster then, and each controller and each member has a host of its own.
 struct Cluster {

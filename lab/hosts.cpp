@@ -13,6 +13,7 @@
 
 #include "child_program.h"
 #include "private_namespace.h"
+#include "text_file.h"
 
 namespace lab {
 namespace {
@@ -220,7 +221,7 @@ void Hosts::set_link(const std::string &host, bool up) const
         ip({"link", "set", host, up ? "up" : "down"});
     });
     if (!up) {
-        std::ofstream(pulled).flush();
+        write_file(pulled, "");
     }
 }
 

@@ -15,6 +15,7 @@
 #include "child_program.h"
 #include "private_namespace.h"
 #include "processes.h"
+#include "text_file.h"
 
 namespace lab {
 namespace {
@@ -61,11 +62,7 @@ void Members::create(int count, std::uint64_t quota) const
     for (int number = 0; number < count; ++number) {
         fs::create_directories(folder(number));
         fs::permissions(folder(number), fs::perms::owner_all);
-        std::ofstream file(folder(number) / "quota");
-        file << quota << "\n";
-        if (!file.flush()) {
-            throw Error("can't write " + (folder(number) / "quota").string());
-        }
+        write_file(folder(number) / "quota", std::to_string(quota) + "\n");
     }
 }
 
@@ -265,7 +262,7 @@ std::vector<MemberState> Members::states() const
                                                 "1s", "endpoint", "status"});
         });
         // address, id, version, size, leads, ...
-        std::istringstream fields(read_from(answer, 0));
+        std::istringstream fields(read_file(answer));
         std::string field;
         for (int i = 0; i < 5; ++i) {
             std::getline(fields, field, ',');
@@ -300,13 +297,7 @@ void Members::fill() const
         hosts_.enter("cnt0");
         constexpr std::size_t piece = 1 << 20;
         const fs::path value = lab_ / "members" / "fill";
-        {
-            std::ofstream file(value, std::ios::binary);
-            file << std::string(piece, 'x');
-            if (!file.flush()) {
-                throw Error("can't write " + value.string());
-            }
-        }
+        write_file(value, std::string(piece, 'x'));
         bool full = false;
         constexpr int most = 1 << 14;  // pieces; beyond the largest store that a member takes
         std::string line;

@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+
+#include "text_file.h"
 
 namespace lab {
 namespace {
@@ -16,12 +16,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int patience_ms = 2000;
-
-std::string read_file(const fs::path &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 bool was_started_with(const fs::path &process, const std::vector<std::string> &variables)
 {

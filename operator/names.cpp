@@ -70,6 +70,8 @@ const Block &find_block(const std::string &text)
                   "'kestactl nv list' shows all blocks by name and number.");
 }
 
+std::string place_of_block(int block) { return "NV memory: block " + std::to_string(block); }
+
 bool all_zero(const std::vector<char> &bytes)
 {
     return std::all_of(bytes.begin(), bytes.end(), [](char byte) { return byte == 0; });

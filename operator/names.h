@@ -36,6 +36,9 @@ const std::vector<Block> &blocks();
 // By name or number. Throws Failure.
 const Block &find_block(const std::string &text);
 
+// The place, as those who are told what is written know it: "NV memory: block 31".
+std::string place_of_block(int block);
+
 // Whether nothing was ever written to a field.
 bool all_zero(const std::vector<char> &bytes);
 

@@ -293,7 +293,8 @@ Plan plan_cnt0_to_cnt1()
         plan.steps.push_back({"carry the identity into the saved environment",
                               {"system backup area: the accept slot, kesta_sysacpt, kesta_sysback, kesta_verback, "
                                "kesta_reboot",
-                               "NV memory: blocks 31, 32 and 52"},
+                               place_of_block(KESTA_BLOCK_BACKUP_NAME), place_of_block(KESTA_BLOCK_ACCEPT_NAME),
+                               place_of_block(KESTA_BLOCK_BACKUP_VERSION)},
                               [from, own] {
                                   run_cnt0_to_cnt1(from, own);
                               }});

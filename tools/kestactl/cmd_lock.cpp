@@ -87,8 +87,7 @@ Plan plan_release(const LockOptions &options)
     plan.json = {{"controller", controller}};
     plan.steps.push_back(
         {"release the lock of " + controller_name(controller),
-         {"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + controller),
-          "NV memory: block " + std::to_string(KESTA_BLOCK_GROUP)},
+         {place_of_block(KESTA_BLOCK_LOCK_CNT0 + controller), place_of_block(KESTA_BLOCK_GROUP)},
          [=] {
              if (!force) {
                  release_command_lock(controller, identifier);
@@ -114,8 +113,7 @@ Plan plan_suspend(const LockOptions &options)
     Plan plan;
     plan.json = {{"controller", own}, {"identifier", identifier}};
     plan.steps.push_back({"suspend the lock of " + controller_name(own) + "; its identifier stays reserved",
-                          {"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + own),
-                           "NV memory: block " + std::to_string(KESTA_BLOCK_GROUP)},
+                          {place_of_block(KESTA_BLOCK_LOCK_CNT0 + own), place_of_block(KESTA_BLOCK_GROUP)},
                           [=] {
                               if (kestal_global_command_unlock_func(own, identifier.c_str(), suspend) != KESTA_OK) {
                                   fail_call("suspend-failed",
@@ -166,7 +164,7 @@ Plan plan_resume(const LockOptions &options)
     Plan plan;
     plan.json = {{"controller", own}, {"identifier", options.identifier}};
     plan.steps.push_back({"take the suspended lock of " + controller_name(own) + " again",
-                          {"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + own)},
+                          {place_of_block(KESTA_BLOCK_LOCK_CNT0 + own)},
                           [=] {
                               resume(options, own);
                           }});
@@ -194,7 +192,7 @@ Plan plan_convert(const LockOptions &options)
     Plan plan;
     plan.json = {{"controller", own}, {"identifier", identifier}};
     plan.steps.push_back({"convert the lock of " + controller_name(own) + " to a running backup, and renew it",
-                          {"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + own)},
+                          {place_of_block(KESTA_BLOCK_LOCK_CNT0 + own)},
                           [=] {
                               if (kestal_backup_lock(identifier.c_str()) != KESTA_OK) {
                                   fail_call("convert-failed",

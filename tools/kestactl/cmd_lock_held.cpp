@@ -72,9 +72,9 @@ Plan plan_take(const HeldOptions &options, const HeldSignals &signals, Taken &ta
             refuse_locked("The command lock can't be had", state, met);
         }
     }
-    std::vector<std::string> writes{"NV memory: block " + std::to_string(KESTA_BLOCK_LOCK_CNT0 + own)};
+    std::vector<std::string> writes{place_of_block(KESTA_BLOCK_LOCK_CNT0 + own)};
     if (!options.group.empty()) {
-        writes.push_back("NV memory: block " + std::to_string(KESTA_BLOCK_GROUP));
+        writes.push_back(place_of_block(KESTA_BLOCK_GROUP));
     }
     std::string what = "take a type-" + std::to_string(options.type) + " lock of " + controller_name(own);
     if (!options.command.empty()) {

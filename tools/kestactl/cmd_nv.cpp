@@ -138,7 +138,7 @@ Plan plan_write(const WriteOptions &options)
         writes.push_back("system backup area: the mirror file of block " + std::to_string(block.id));
     }
     if (block.in_memory) {
-        writes.push_back("NV memory: block " + std::to_string(block.id));
+        writes.push_back(place_of_block(block.id));
     }
     Plan plan;
     plan.shared = true;

@@ -104,7 +104,7 @@ Plan plan_switch(SwitchOptions options)
                       "Name two different slots, or none to let them change places.");
     }
     const auto writes = [&](const char *mirror, int block) {
-        std::vector<std::string> written_to{"NV memory: block " + std::to_string(block)};
+        std::vector<std::string> written_to{place_of_block(block)};
         if (!options.memory_only) {
             written_to.insert(written_to.begin(), std::string("system backup area: ") + mirror);
         }
