@@ -86,15 +86,15 @@ on kestactl verify > "$work/verified" || fail "verify: $(cat "$work/verified")"
 
 echo "-- somebody changes the source meanwhile: what the target held is there again"
 on kestactl nv write group third > /dev/null
+# It waits at its first write until the source has changed; what puts things back then waits no more.
+mkfifo "$lab/cnt0/tmp/gate"
+echo "nv_write 1 once block /tmp/gate" > "$lab/cnt0/tmp/faults"
 (
-    i=0
-    while [ ! -e "$work/ended" ]; do
-        i=$((i + 1))
-        "$source/scripts/etcd-cluster" ctl "$work/cluster" put /kesta/nv/0 "$i" > /dev/null
-    done
+    exec 3> "$lab/cnt0/tmp/gate"
+    "$source/scripts/etcd-cluster" ctl "$work/cluster" put /kesta/nv/0 changed > /dev/null
+    rm "$lab/cnt0/tmp/faults"
 ) &
-copy --from etcd --to embedded --replace
-touch "$work/ended"
+KESTA_PLATFORM_FAULT_FILE=/tmp/faults copy --from etcd --to embedded --replace
 wait
 expect 4 "etcd was changed meanwhile"
 expect 4 "What embedded held before is there again"
